@@ -1,0 +1,545 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/**
+ * @file zov.h
+ * The public interface of libzov, the platform layer under a database engine,
+ * its server and its utilities. It reads as C11 and as C++.
+ *
+ * Conventions, referred to by number below:
+ *
+ * 1. Names. Functions are `zov_` and lower camel case, constants `ZOV_NAME`.
+ *    A form ending in `W` takes wide strings and is otherwise the plain form.
+ * 2. Handles are opaque: sync objects and memory tags are 64-bit integers,
+ *    all-ones when absent; files and streams are pointers, null when absent.
+ *    Every creating call names the call that releases what it made. When
+ *    creation fails nothing is owed.
+ * 3. Statuses are the ZOV_ constants of ::zov_status, 0 meaning success. Byte
+ *    counts of transfers are unsigned 32-bit, #ZOV_IO_FAILED meaning failure.
+ *    Positioned transfers take a signed 64-bit byte offset, of which
+ *    #ZOV_OFFSET_CURRENT means the current position.
+ * 4. Strings are NUL-terminated bytes, UTF-8 where they name files. Wide
+ *    strings are NUL-terminated `wchar_t`, 4 bytes and one code point each.
+ *    Where the text says "whole", a string may hold any bytes and its length
+ *    is passed beside it.
+ * 5. Threads. "Any" means any number of threads at once. "One at a time"
+ *    means calls on one object must not overlap; different objects may.
+ * 6. Memory handed to the caller belongs to a tag, the default one unless
+ *    said otherwise, and is released with zov_freeMem() on that tag.
+ * 7. "May jump" says whether a call may leave through a recovery point (see
+ *    zov_createTagEx()) instead of returning. A function that names no tag
+ *    and may jump allocates from the default tag, so it jumps only when a
+ *    caller armed that one with zov_resetTag().
+ * 8. Callers pass the name of their own source file and a line with every
+ *    allocation and sync object; #ZOV_HERE gives both. They are used only in
+ *    messages and must stay valid for the length of the call.
+ * 9. "Messages" lists what a call may write, through the message path unless
+ *    said otherwise. A function without the line writes nothing.
+ * 10. Callbacks must not throw.
+ *
+ * Unless its own comment says otherwise a function does not jump, takes no
+ * null pointers, and may be called only between zov_init() and zov_term().
+ */
+#ifndef ZOV_H
+#define ZOV_H
+
+#include <pthread.h>
+#include <setjmp.h>
+#include <stdarg.h>
+#include <stdint.h>
+#include <wchar.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Marks what the shared library exports. */
+#if defined(__GNUC__)
+#define ZOV_API __attribute__((visibility("default")))
+#else
+#define ZOV_API
+#endif
+
+/** Lets the compiler check arguments against a format; the format grammar of
+ *  zov_vsnprintf() is close enough to libc's for that. */
+#if defined(__GNUC__)
+#define ZOV_PRINTF(position, first) __attribute__((format(printf, position, first)))
+#else
+#define ZOV_PRINTF(position, first)
+#endif
+
+/** Annotations of Clang's thread-safety analysis; empty elsewhere. */
+#if defined(__clang__)
+#define ZOV_CAPABILITY(name) __attribute__((capability(name)))
+#define ZOV_ACQUIRE(handle) __attribute__((acquire_capability(handle)))
+#define ZOV_RELEASE(handle) __attribute__((release_capability(handle)))
+#else
+#define ZOV_CAPABILITY(name)
+#define ZOV_ACQUIRE(handle)
+#define ZOV_RELEASE(handle)
+#endif
+
+/** The caller's source name and line, for the two arguments of convention 8. */
+#if defined(__FILE_NAME__)
+#define ZOV_HERE __FILE_NAME__, __LINE__
+#else
+#define ZOV_HERE __FILE__, __LINE__
+#endif
+
+/* ========================================================================
+ * Status codes
+ * ======================================================================== */
+
+/** The status codes, one list from which the constants and zov_status come.
+ *  Expands `X(name, value, meaning)` for each. */
+#define ZOV_STATUS_LIST(X)                                                 \
+  X(ZOV_OKAY, 0, "success")                                                \
+  X(ZOV_TIMEOUT, 1, "a timed wait ran out")                                \
+  X(ZOV_ERROR, 2, "general failure")                                       \
+  X(ZOV_NOMEMORY, 3, "memory could not be obtained")                       \
+  X(ZOV_EXISTS, 6, "the directory to be created exists already")           \
+  X(ZOV_NOFILE, 7, "the first of two files could not be opened")           \
+  X(ZOV_NOFILE2, 8, "the second of two files could not be opened")         \
+  X(ZOV_UNSUPPORTED, 10, "the operation is not provided on this platform") \
+  X(ZOV_NOTFOUND, 100, "a name was not found in a memory directory")
+
+/** Status of an operation that can fail. Functions return it as int32_t. */
+enum zov_status {
+#define ZOV_STATUS_ENUM(name, value, meaning) name = (value),
+  ZOV_STATUS_LIST(ZOV_STATUS_ENUM)
+#undef ZOV_STATUS_ENUM
+};
+
+/* ========================================================================
+ * core/zov: start-up, shut-down and process-wide flags
+ * ======================================================================== */
+
+/** Number of zov_init() calls not yet matched by zov_term(); 1 throughout
+ *  start-up and shut-down. Below 1 the library is not started. Read only. */
+ZOV_API extern int32_t zov_inited;
+
+/** 1 while zov_term() shuts the modules down, else 0. Read only. */
+ZOV_API extern int32_t zov_terminating;
+
+/** Set by zov_rdonly(): nothing on disk is written, created or removed. */
+ZOV_API extern int32_t zov_readonly;
+
+/** Set by zov_nodisk(): no disk file is opened. */
+ZOV_API extern int32_t zov_diskless;
+
+/** 1 when the process runs in the background: console output is silenced. */
+ZOV_API extern int32_t zov_background;
+
+/** Name of the server in messages of a background process; "unknown" at
+ *  first. Points at memory of whoever set it. */
+ZOV_API extern const char *server_name;
+
+/**
+ * Starts the library, or counts one more user of a started one. The call that
+ * brings #zov_inited to exactly 1 starts every module in order; if one fails,
+ * those before it are taken down again in reverse and the count goes back, so
+ * that a later call may try again.
+ *
+ * @return #ZOV_OKAY, or #ZOV_ERROR when a module failed to start.
+ *
+ * Threads: any; a second caller waits until a running start-up has finished.
+ * Messages: "Out of memory initializing ZOV memory module" when the default
+ * tag cannot be made, and those of failing allocations.
+ */
+ZOV_API int32_t zov_init(void);
+
+/**
+ * Takes back one zov_init(). The call that finds #zov_inited at exactly 1
+ * shuts every module down, releases every tag with its blocks and destroys
+ * every sync object; all handles are then dead. The count goes down whatever
+ * it was: a call without its zov_init() leaves it at -1, and the next
+ * zov_init() then starts nothing.
+ *
+ * Threads: any, but no other call of the library may be under way while the
+ * last user leaves.
+ */
+ZOV_API void zov_term(void);
+
+/**
+ * Sets #zov_readonly for the rest of the process; nothing clears it again.
+ * May be called before zov_init(). Threads: any.
+ */
+ZOV_API void zov_rdonly(void);
+
+/**
+ * Sets #zov_diskless for the rest of the process; nothing clears it again.
+ * May be called before zov_init(). Threads: any.
+ */
+ZOV_API void zov_nodisk(void);
+
+/**
+ * Enters the process-wide critical section, a non-recursive lock that is
+ * also held by zov_init() and zov_term() for their whole length. Works
+ * whether or not the library is started.
+ *
+ * @return the result of pthread_mutex_lock(), 0 for success.
+ *
+ * Threads: any; waits while another thread is inside. A thread that is
+ * inside must not enter again or call zov_init() or zov_term().
+ */
+ZOV_API int32_t zov_enterCritSec(void);
+
+/**
+ * Leaves the process-wide critical section.
+ *
+ * @return the result of pthread_mutex_unlock(), 0 for success.
+ *
+ * Threads: the one that entered.
+ */
+ZOV_API int32_t zov_exitCritSec(void);
+
+/* ========================================================================
+ * core/zovmem: tagged memory
+ * ======================================================================== */
+
+/** A memory tag: a group of blocks that can be released all at once and that
+ *  decides what a failed allocation does. 0 names the default tag, which is
+ *  thread-safe and exists while the library is started. */
+typedef uint64_t ZOV_TAG;
+
+/** The default tag. */
+#define ZOV_DEFAULT_TAG UINT64_C(0)
+/** No tag: what zov_createTagEx() returns on failure. Allocating from it
+ *  gives null, releasing to it does nothing. */
+#define ZOV_NO_TAG UINT64_MAX
+
+/** Flag of zov_createTagEx(): the tag may be used by any number of threads. */
+#define ZOV_TAG_THREADSAFE 1u
+
+/** How zov_getMem() fills the new block. */
+enum zov_mem_mode {
+  ZOV_MEM_PLAIN = 1,  /**< size bytes, not initialised */
+  ZOV_MEM_ZERO = 2,   /**< size bytes, all zero */
+  ZOV_MEM_STRDUP = 3, /**< a copy of the string at source; size is ignored */
+  ZOV_MEM_COPY = 4,   /**< a copy of the size bytes at source */
+  ZOV_MEM_WSTRDUP = 5 /**< a copy of the wide string at source; size is ignored */
+};
+
+/**
+ * Starts the memory module. For zov_init() only.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Messages: "Out of memory initializing ZOV memory module".
+ */
+ZOV_API int32_t zov_memInit(void);
+
+/**
+ * Releases every block of every tag and every tag. For zov_term() only, after
+ * zov_syncShutdown() and with #zov_terminating set.
+ */
+ZOV_API void zov_memTerm(void);
+
+/**
+ * Makes a memory tag.
+ *
+ * @param recovery   a context filled by setjmp(), copied whole, or null. With
+ *                   one, a failed allocation from the tag jumps there with the
+ *                   value 1; the frame that called setjmp() must not return
+ *                   while the tag is so armed. Without one it returns null.
+ * @param flags      0 or #ZOV_TAG_THREADSAFE. A tag without the flag must be
+ *                   confined to one thread; it is faster.
+ * @param sourceName caller's source name (unused)
+ * @param line       caller's line (unused)
+ * @return the tag, to be released with zov_freeTagMemory() and its delete
+ *         flag (zov_term() releases what is left), or #ZOV_NO_TAG.
+ *
+ * Threads: any. Never jumps.
+ */
+ZOV_API ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *sourceName,
+                                uint32_t line);
+
+/**
+ * Releases every block of a tag in one go, and the tag itself if asked.
+ *
+ * @param tag       the tag; the default tag's null name is ignored here
+ * @param deleteTag non-zero: the tag is released too and its handle is dead
+ *
+ * Threads: any when the tag is thread-safe, else its own thread; nobody may
+ * use a tag that is being deleted. Cost: one libc call a block.
+ */
+ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
+
+/**
+ * Arms or disarms the recovery point of a tag, for instance in a new frame.
+ *
+ * @param recovery a context as in zov_createTagEx(), or null to disarm
+ * @param tag      the tag, 0 for the default one
+ *
+ * Threads: as the tag allows.
+ */
+ZOV_API void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag);
+
+/**
+ * Allocates a block from a tag. Blocks are aligned to 16 bytes and carry 16
+ * bytes of overhead. Constant time: one libc call, a fixed number of pointer
+ * updates, and one lock pair when the tag is thread-safe.
+ *
+ * @param size       bytes; 0 gives null except in the two string modes
+ * @param tag        the tag, 0 for the default one
+ * @param mode       one of ::zov_mem_mode; any other gives null
+ * @param source     what to copy in the modes that copy; null there gives null
+ * @param sourceName caller's source name
+ * @param line       caller's line
+ * @return the block, to be released with zov_freeMem() or with its tag, or
+ *         null.
+ *
+ * Threads: any when the tag is thread-safe, else its own thread.
+ * Messages: "Out of memory. Called from %s:%u" with the caller's place.
+ * May jump: to the recovery point of the tag, when memory is short.
+ */
+ZOV_API void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
+                         const char *sourceName, uint32_t line);
+
+/**
+ * Grows or shrinks a block, which may move; its contents stay up to the
+ * smaller of the two sizes. A null block is allocated as by zov_getMem().
+ *
+ * @param block      the block, or null
+ * @param newSize    the new size in bytes; 0 shrinks to an empty block
+ * @param tag        the tag that owns the block, 0 for the default one
+ * @param zero       non-zero: the bytes grown, at the end of the block, are
+ *                   cleared (the whole block when it was null)
+ * @param grownBytes how many bytes the block grows by, at most newSize; used
+ *                   only with zero
+ * @param sourceName caller's source name
+ * @param line       caller's line
+ * @return the block, or null on failure, when the old block is as it was.
+ *
+ * Threads, messages, may jump: as zov_getMem().
+ */
+ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero,
+                            uint64_t grownBytes, const char *sourceName, uint32_t line);
+
+/**
+ * Releases a block. Releasing a block a second time soon after the first is
+ * recognised and does nothing but say so.
+ *
+ * @param block the block; null is ignored
+ * @param tag   the tag that owns it, 0 for the default one
+ *
+ * Threads: any when the tag is thread-safe, else its own thread.
+ * Messages: "Attempting to free previously freed memory", as a line on the
+ * process's standard output.
+ */
+ZOV_API void zov_freeMem(void *block, ZOV_TAG tag);
+
+/**
+ * Hands a block over to another tag without moving it. Constant time.
+ *
+ * @param block      the block; null is ignored
+ * @param newTag     the tag that shall own it, 0 for the default one
+ * @param currentTag the tag that owns it, 0 for the default one
+ *
+ * Threads: as both tags allow; their locks are taken one after the other.
+ */
+ZOV_API void zov_moveMemTag(void *block, ZOV_TAG newTag, ZOV_TAG currentTag);
+
+/**
+ * Compares two ranges as unsigned bytes.
+ *
+ * @param first  first range
+ * @param second second range
+ * @param length bytes to compare; with 0 the ranges may be null
+ * @return -1, 0 or 1 as the first range is smaller, equal or greater.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_memCmp(const void *first, const void *second, uint64_t length);
+
+/* ========================================================================
+ * core/zovuxthreads: sync objects
+ * ======================================================================== */
+
+/** A sync object, a recursive mutex or an event; all-ones when absent. */
+typedef uint64_t ZOV_SYNC ZOV_CAPABILITY("mutex");
+
+/** No sync object. */
+#define ZOV_NO_SYNC UINT64_MAX
+
+/** Kinds of sync object. */
+enum zov_sync_kind {
+  ZOV_SYNC_MUTEX = 1, /**< a recursive mutex */
+  ZOV_SYNC_EVENT = 2  /**< a manual-reset event, created signalled */
+};
+
+/** A wait without a limit. */
+#define ZOV_WAIT_FOREVER UINT32_MAX
+
+/**
+ * Empties the table of sync objects. For zov_init() only.
+ * @return #ZOV_OKAY.
+ */
+ZOV_API int32_t zov_syncInit(void);
+
+/** Destroys every sync object and releases the table's memory. For zov_term()
+ *  only. */
+ZOV_API void zov_syncShutdown(void);
+
+/** Ends the module; there is nothing left to do by then. For zov_term() only. */
+ZOV_API void zov_syncTerm(void);
+
+/**
+ * Makes a sync object. At most 131,072 exist at once; their memory is recycled
+ * and goes back to the system at shut-down only.
+ *
+ * @param kind       one of ::zov_sync_kind
+ * @param sourceName caller's source name
+ * @param line       caller's line
+ * @return the object, to be released with zov_syncDelete() (zov_term()
+ *         releases what is left), or #ZOV_NO_SYNC.
+ *
+ * Threads: any.
+ * Messages: "Invalid semaphore type" for another kind; "Insufficient number of
+ * semaphores, called from %s:%d" with the caller's place when the table is
+ * full; the allocation's message when a block of the table cannot be had.
+ * May jump: no; running out of memory gives #ZOV_NO_SYNC.
+ */
+ZOV_API ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t line);
+
+/**
+ * Destroys a sync object, which nobody may hold or wait on. 0 and
+ * #ZOV_NO_SYNC are ignored. Deleting an object twice is not detected.
+ * Threads: any.
+ */
+ZOV_API void zov_syncDelete(ZOV_SYNC handle);
+
+/**
+ * Enters a mutex, waiting while another thread is inside. The thread that is
+ * inside may enter again; each entry wants an exit.
+ *
+ * Threads: any. Cost: one uncontended POSIX lock, nothing but a counter when
+ * entered again. Messages: "Invalid mutex", for any other handle, which does
+ * nothing else.
+ */
+ZOV_API void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_ACQUIRE(handle);
+
+/**
+ * Leaves a mutex; the last exit lets the next thread in. It is not checked
+ * that the calling thread is the one inside.
+ *
+ * Threads: any. Messages: "Invalid mutex", for any other handle.
+ */
+ZOV_API void zov_syncExitExcl(ZOV_SYNC handle) ZOV_RELEASE(handle);
+
+/**
+ * Resets an event: later waits block until zov_syncResume().
+ * Threads: any; takes no lock. Messages: "Invalid event".
+ */
+ZOV_API void zov_syncStart(ZOV_SYNC handle);
+
+/**
+ * Signals an event: every present waiter wakes and later waits return at once,
+ * until zov_syncStart().
+ * Threads: any. Messages: "Invalid event".
+ */
+ZOV_API void zov_syncResume(ZOV_SYNC handle);
+
+/**
+ * Waits until an event is signalled; does not reset it.
+ *
+ * @param handle the event
+ * @param waitMs limit in milliseconds, #ZOV_WAIT_FOREVER for none. Each wake-up
+ *               that finds the event reset again starts a new wait of this
+ *               length.
+ * @return #ZOV_OKAY when signalled, #ZOV_TIMEOUT when the limit ran out,
+ *         #ZOV_ERROR for anything that is not an event.
+ *
+ * Threads: any. Messages: "Invalid event".
+ */
+ZOV_API int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs);
+
+/**
+ * Waits on the caller's own condition variable, of the real-time clock, for a
+ * length of time. Spurious wake-ups return 0 as any other wake-up does.
+ *
+ * @param condition the condition variable
+ * @param mutex     its mutex, held by the caller
+ * @param waitMs    limit in milliseconds
+ * @return 1 when the limit ran out, else 0.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
+                                         uint32_t waitMs);
+
+/* ========================================================================
+ * core/zovswap, core/zovalign, core/zovver: byte order, alignment, version
+ *
+ * Pure functions: any thread, at any time.
+ * ======================================================================== */
+
+/** Version of this header; zov_version() gives the library's. */
+#define ZOV_VERSION_MAJOR 11
+#define ZOV_VERSION_MINOR 0
+#define ZOV_VERSION_BUILD 620
+
+/** @return the 2 bytes of value in reverse order. */
+ZOV_API uint16_t zov_swaporder16(uint16_t value);
+/** @return the 4 bytes of value in reverse order. */
+ZOV_API uint32_t zov_swaporder32(uint32_t value);
+/** @return the 8 bytes of value in reverse order. */
+ZOV_API uint64_t zov_swaporder64(uint64_t value);
+/** @return the float whose bit pattern is that of value, bytes reversed. */
+ZOV_API float zov_swaporderf32(float value);
+/** @return the double whose bit pattern is that of value, bytes reversed. */
+ZOV_API double zov_swaporderf64(double value);
+
+/**
+ * Finds the alignment class of a field type.
+ *
+ * @param letter the type's letter, of which the low 8 bits count: one of
+ *               cCvVnsilLdaDbfFg, case-sensitive
+ * @return the class, 0 to 6; 0 for an unknown letter.
+ */
+ZOV_API uint32_t zov_alignType(int32_t letter);
+
+/**
+ * Rounds an offset up to the alignment of a class: 1, 2, 4, 4, 4, 8, 8 bytes
+ * for the classes 0 to 6.
+ *
+ * @param offset     offset in bytes
+ * @param alignClass a class of zov_alignType(); one above 6 aligns nothing
+ * @return the offset rounded up, modulo 65536.
+ */
+ZOV_API uint16_t zov_align(uint16_t offset, uint32_t alignClass);
+
+/**
+ * Tells the library's version.
+ *
+ * @param major place for the major number, or null
+ * @param minor place for the minor number, or null
+ * @param build place for the build number, or null
+ */
+ZOV_API void zov_version(uint16_t *major, uint16_t *minor, uint16_t *build);
+
+/* ========================================================================
+ * files/zovunix: native file primitives
+ * ======================================================================== */
+
+/* ========================================================================
+ * files/zovfile: file handles
+ * ======================================================================== */
+
+/* ========================================================================
+ * files/zovfile_match: wildcard matching
+ * ======================================================================== */
+
+/* ========================================================================
+ * files/zovutf8: UTF-8 and wide strings
+ * ======================================================================== */
+
+/* ========================================================================
+ * text/zov_vsnprintf: formatted output
+ * ======================================================================== */
+
+/* ========================================================================
+ * text/zov_stream: text streams
+ * ======================================================================== */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Start-up, shut-down and the process-wide flags. Start-up runs the inits of
+// the modules in the order of a table and, when one fails, the undo actions of
+// those before it in reverse; the init that fails cleans up after itself.
+// Shut-down has an order of its own, because every sync object is destroyed in
+// one go before the memory goes that their table lives in.
+//
+// globalMutex is the process-wide critical section. It is not recursive and is
+// held for the whole of start-up and shut-down, so no init or term may enter
+// it. Nothing here jumps: allocations during start-up come from tags that
+// nobody can have armed yet.
+#include <pthread.h>
+#include <stddef.h>
+
+#include <iterator>
+
+#include "core/zov_private.h"
+
+int32_t zov_inited = 0;
+int32_t zov_terminating = 0;
+int32_t zov_readonly = 0;
+int32_t zov_diskless = 0;
+int32_t zov_background = 0;
+const char *server_name = "unknown";
+
+namespace zov {
+thread_local int32_t noJumpDepth = 0;
+}  // namespace zov
+
+namespace {
+
+// Rank 1: start-up, shut-down, and what else must happen once per process.
+pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
+
+struct Stage {
+  int32_t (*init)();
+  void (*undo)();
+};
+
+constexpr Stage stages[] = {
+    {zov_syncInit, zov_syncTerm},
+    {zov_memInit, zov::abandonMemory},
+};
+
+int32_t _zov_init() {
+  for (size_t stage = 0; stage < std::size(stages); ++stage) {
+    if (stages[stage].init() == ZOV_OKAY) {
+      continue;
+    }
+    while (stage-- > 0) {
+      stages[stage].undo();
+    }
+    return ZOV_ERROR;
+  }
+  return ZOV_OKAY;
+}
+
+void _zov_term() {
+  zov::storeFlag(zov_terminating, 1);
+  zov_syncShutdown();
+  zov_memTerm();
+  zov_syncTerm();
+  zov::storeFlag(zov_terminating, 0);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_init() {
+  zov_enterCritSec();
+  int32_t status = ZOV_OKAY;
+  const int32_t users = zov::loadFlag(zov_inited) + 1;
+  zov::storeFlag(zov_inited, users);
+  if (users == 1) {
+    status = _zov_init();
+    if (status != ZOV_OKAY) {
+      zov::storeFlag(zov_inited, 0);
+    }
+  }
+  zov_exitCritSec();
+  return status;
+}
+
+void zov_term() {
+  zov_enterCritSec();
+  const int32_t users = zov::loadFlag(zov_inited);
+  if (users == 1) {
+    _zov_term();
+  }
+  zov::storeFlag(zov_inited, users - 1);
+  zov_exitCritSec();
+}
+
+void zov_rdonly() {
+  zov::storeFlag(zov_readonly, 1);
+}
+
+void zov_nodisk() {
+  zov::storeFlag(zov_diskless, 1);
+}
+
+int32_t zov_enterCritSec() {
+  return pthread_mutex_lock(&globalMutex);
+}
+
+int32_t zov_exitCritSec() {
+  return pthread_mutex_unlock(&globalMutex);
+}
+}

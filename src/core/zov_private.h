@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the modules of the library share about the state of the process: the
+// exported flags, which any thread may read while another sets them, and the
+// two per-thread counters that keep failing allocations in bounds.
+#ifndef ZOV_CORE_ZOV_PRIVATE_H
+#define ZOV_CORE_ZOV_PRIVATE_H
+
+#include <atomic>
+
+#include "zov.h"
+
+// Takes a function out of the analysis of lock annotations, for locks that are
+// taken on a condition.
+#if defined(__clang__)
+#define ZOV_NO_ANALYSIS __attribute__((no_thread_safety_analysis))
+#else
+#define ZOV_NO_ANALYSIS
+#endif
+
+namespace zov {
+
+// The exported flags are plain integers to their users; the library itself
+// reads and writes them as relaxed atomics. They order nothing.
+inline int32_t loadFlag(int32_t &flag) {
+  return std::atomic_ref<int32_t>(flag).load(std::memory_order_relaxed);
+}
+
+inline void storeFlag(int32_t &flag, int32_t value) {
+  std::atomic_ref<int32_t>(flag).store(value, std::memory_order_relaxed);
+}
+
+// Below 1 the library is not started: an unmatched zov_term() leaves -1.
+inline bool started() {
+  return loadFlag(zov_inited) >= 1;
+}
+
+inline bool terminating() {
+  return loadFlag(zov_terminating) != 0;
+}
+
+// Raised while this thread holds a lock of the library around something that
+// allocates: a failing allocation then returns null and never jumps past the
+// unlock. Counts, so that it nests.
+extern thread_local int32_t noJumpDepth;
+
+// Scoped use of noJumpDepth. Nothing jumps while one is live, so its
+// destructor always runs.
+class NoJump {
+ public:
+  NoJump() { ++noJumpDepth; }
+  ~NoJump() { --noJumpDepth; }
+  NoJump(const NoJump &) = delete;
+  NoJump &operator=(const NoJump &) = delete;
+};
+
+// Takes down the memory module together with every sync object, when start-up
+// fails half-way. The objects' table lives in the default tag, so they go
+// first, and the frees that follow must not touch the locks any more.
+void abandonMemory();
+
+}  // namespace zov
+
+#endif

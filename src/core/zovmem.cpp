@@ -1,0 +1,451 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Tagged memory. Every block carries a header of two words in front of the
+// caller's bytes, which links it into the list of its tag, newest first:
+//
+//   tag.blocks -> [newer = null | older] -> [newer | older] -> ... older = null
+//
+// so that a block is unlinked in constant time and a tag can release all it
+// owns in one walk. The tags themselves form a list from tag0, the default
+// tag, to tagN, the newest.
+//
+// A thread-safe tag has a mutex of its own, which guards its fields and is held
+// around the libc call. tagTabSem guards the list of tags. They nest in one
+// place only, tag mutex before tagTabSem, when a tag is deleted. While the
+// library terminates the sync objects are gone, and no lock is touched.
+//
+// zov_getMem() and zov_extendMem() may jump to the tag's recovery point. They
+// do so from leaveForFailure(), the one caller of longjmp() in the library,
+// with every lock of this module released, the message written, and nothing
+// done to the tag.
+//
+// A block is recognised as freed already by its address alone, from a short
+// record of the tag's latest frees; memory that was given back is never read.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "core/zovmem_freed.h"
+#include "text/zov_output.h"
+
+namespace {
+
+struct BlockHeader {
+  BlockHeader *newer;
+  BlockHeader *older;
+};
+
+// The caller's bytes begin right behind, as aligned as malloc()'s.
+constexpr uint64_t kHeaderBytes = sizeof(BlockHeader);
+static_assert(kHeaderBytes == 16);
+
+constexpr uint64_t kLargestBlock = UINT64_MAX - kHeaderBytes;
+
+constexpr uint16_t kReturnNull = 1;
+constexpr uint16_t kJump = 2;
+
+// 1. mutex is ZOV_NO_SYNC when the tag is not thread-safe; else it guards the
+//    fields below it.
+// 2. next and previous belong to tagTabSem.
+struct TagRecord {
+  TagRecord *next;      // newer tag, null for tagN
+  TagRecord *previous;  // older tag, null for tag0
+  ZOV_SYNC mutex;
+  BlockHeader *blocks;  // newest block, null when the tag owns nothing
+  jmp_buf recovery;     // meaningful in mode kJump
+  uint16_t mode;        // kReturnNull or kJump
+  zov::FreedRecord freed;
+};
+
+TagRecord *tag0 = nullptr;
+TagRecord *tagN = nullptr;
+
+// Rank 7: the list of tags.
+ZOV_SYNC tagTabSem = ZOV_NO_SYNC;
+
+// Raised while an out-of-memory message is on its way: what prints it may run
+// out of memory in turn, and then stays silent.
+thread_local bool reporting = false;
+
+TagRecord *resolve(ZOV_TAG tag) {
+  return tag == ZOV_DEFAULT_TAG ? tag0 : reinterpret_cast<TagRecord *>(tag);
+}
+
+uintptr_t addressOf(const BlockHeader *header) {
+  return reinterpret_cast<uintptr_t>(header);
+}
+
+BlockHeader *headerOf(void *block) {
+  return static_cast<BlockHeader *>(block) - 1;
+}
+
+void enter(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
+  if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
+    zov_syncEnterExcl(mutex);
+  }
+}
+
+void leave(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
+  if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
+    zov_syncExitExcl(mutex);
+  }
+}
+
+void linkBlock(TagRecord &tag, BlockHeader *header) {
+  header->newer = nullptr;
+  header->older = tag.blocks;
+  if (tag.blocks != nullptr) {
+    tag.blocks->newer = header;
+  }
+  tag.blocks = header;
+  tag.freed.forget(addressOf(header));
+}
+
+void unlinkBlock(TagRecord &tag, BlockHeader *header) {
+  if (header->newer == nullptr) {
+    tag.blocks = header->older;
+  } else {
+    header->newer->older = header->older;
+  }
+  if (header->older != nullptr) {
+    header->older->newer = header->newer;
+  }
+}
+
+// True for a block that was freed already. The header is looked at only when
+// the address is not among the latest frees; of a block that is not the head
+// two empty words mean that it belongs to no list.
+bool isFreed(const TagRecord &tag, const BlockHeader *header) {
+  return tag.freed.holds(addressOf(header)) ||
+         (header->newer == nullptr && header->older == nullptr && tag.blocks != header);
+}
+
+// What failed, for the message and for the jump out of it.
+struct Failure {
+  const char *sourceName;
+  uint32_t line;
+};
+
+void reportFailure(Failure failure) {
+  if (reporting) {
+    return;
+  }
+  reporting = true;
+  zov_log("Out of memory. Called from %s:%u\n", failure.sourceName, failure.line);
+  reporting = false;
+}
+
+// Reports a failed allocation from a tag whose mutex the caller holds, and
+// leaves it. Jumps from a copy, since the tag is anybody's again by then.
+void *leaveForFailure(TagRecord &tag, Failure failure) {
+  const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0 && !reporting;
+  jmp_buf recovery;
+  if (jumps) {
+    memcpy(recovery, tag.recovery, sizeof recovery);
+  }
+  leave(tag.mutex);
+  reportFailure(failure);
+  if (jumps) {
+    longjmp(recovery, 1);
+  }
+  return nullptr;
+}
+
+void *afterHeader(BlockHeader *header) {
+  return header + 1;
+}
+
+BlockHeader *allocate(uint64_t size, bool zero) {
+  if (size > kLargestBlock) {
+    return nullptr;
+  }
+  void *memory = zero ? calloc(1, size + kHeaderBytes) : malloc(size + kHeaderBytes);
+  return static_cast<BlockHeader *>(memory);
+}
+
+// realloc() out of the compiler's sight, which would object to the old address
+// being put on record afterwards.
+[[gnu::noinline]] BlockHeader *reallocate(BlockHeader *header, uint64_t size) {
+  return size > kLargestBlock ? nullptr
+                              : static_cast<BlockHeader *>(realloc(header, size + kHeaderBytes));
+}
+
+void *_getMem(TagRecord &tag, uint64_t size, const void *source, bool zero, Failure failure) {
+  enter(tag.mutex);
+  BlockHeader *header = allocate(size, zero);
+  if (header == nullptr) [[unlikely]] {
+    return leaveForFailure(tag, failure);
+  }
+  linkBlock(tag, header);
+  leave(tag.mutex);
+  if (source != nullptr) {
+    memcpy(afterHeader(header), source, size);
+  }
+  return afterHeader(header);
+}
+
+// Puts a block that realloc() moved in the place of the old one, by the
+// neighbours it had.
+void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) {
+  header->newer = links.newer;
+  header->older = links.older;
+  if (links.newer == nullptr) {
+    tag.blocks = header;
+  } else {
+    links.newer->older = header;
+  }
+  if (links.older != nullptr) {
+    links.older->newer = header;
+  }
+}
+
+void releaseBlocks(TagRecord &tag) {
+  BlockHeader *header = tag.blocks;
+  tag.blocks = nullptr;
+  while (header != nullptr) {
+    BlockHeader *older = header->older;
+    tag.freed.add(addressOf(header));
+    free(header);
+    header = older;
+  }
+}
+
+void unlinkTag(TagRecord *tag) {
+  (tag->previous != nullptr ? tag->previous->next : tag0) = tag->next;
+  (tag->next != nullptr ? tag->next->previous : tagN) = tag->previous;
+}
+
+void linkTag(TagRecord *tag) {
+  tag->previous = tagN;
+  tagN->next = tag;
+  tagN = tag;
+}
+
+// Releases a tag whose mutex the caller holds. The record goes before its
+// mutex, so the handle is taken out first.
+void deleteTag(TagRecord *tag) {
+  const ZOV_SYNC mutex = tag->mutex;
+  const ZOV_SYNC table = tagTabSem;
+  enter(table);
+  unlinkTag(tag);
+  free(tag);
+  leave(mutex);
+  if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
+    zov_syncDelete(mutex);
+  }
+  leave(table);
+}
+
+void _freeTagMemory(TagRecord *tag, bool deleteIt) {
+  enter(tag->mutex);
+  releaseBlocks(*tag);
+  if (deleteIt) {
+    deleteTag(tag);
+  } else {
+    leave(tag->mutex);
+  }
+}
+
+TagRecord *newRecord(jmp_buf *recovery) {
+  TagRecord *tag = static_cast<TagRecord *>(calloc(1, sizeof(TagRecord)));
+  if (tag == nullptr) {
+    return nullptr;
+  }
+  tag->mutex = ZOV_NO_SYNC;
+  tag->mode = kReturnNull;
+  tag->freed.clear();
+  if (recovery != nullptr) {
+    memcpy(tag->recovery, *recovery, sizeof tag->recovery);
+    tag->mode = kJump;
+  }
+  return tag;
+}
+
+int32_t abandonInit() {
+  zov::abandonMemory();
+  return ZOV_ERROR;
+}
+
+bool isNoTag(ZOV_TAG tag) {
+  return tag == ZOV_NO_TAG;
+}
+
+}  // namespace
+
+void zov::abandonMemory() {
+  storeFlag(zov_terminating, 1);
+  zov_syncShutdown();
+  zov_memTerm();
+  storeFlag(zov_terminating, 0);
+}
+
+extern "C" {
+
+ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *, uint32_t) {
+  if (!zov::started()) {
+    return ZOV_NO_TAG;
+  }
+  TagRecord *tag = newRecord(recovery);
+  if (tag == nullptr) {
+    return ZOV_NO_TAG;
+  }
+  if ((flags & ZOV_TAG_THREADSAFE) != 0) {
+    tag->mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  }
+  enter(tagTabSem);
+  linkTag(tag);
+  leave(tagTabSem);
+  return reinterpret_cast<ZOV_TAG>(tag);
+}
+
+void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag) {
+  if (!zov::started() || tag == ZOV_DEFAULT_TAG || isNoTag(tag)) {
+    return;
+  }
+  _freeTagMemory(resolve(tag), deleteTag != 0);
+}
+
+void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag) {
+  if (!zov::started() || isNoTag(tag)) {
+    return;
+  }
+  TagRecord &record = *resolve(tag);
+  enter(record.mutex);
+  if (recovery != nullptr) {
+    memcpy(record.recovery, *recovery, sizeof record.recovery);
+    record.mode = kJump;
+  } else {
+    record.mode = kReturnNull;
+  }
+  leave(record.mutex);
+}
+
+void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
+                 const char *sourceName, uint32_t line) {
+  if (!zov::started() || isNoTag(tag)) [[unlikely]] {
+    return nullptr;
+  }
+  bool zero = false;
+  switch (mode) {
+    case ZOV_MEM_PLAIN:
+      source = nullptr;
+      break;
+    case ZOV_MEM_ZERO:
+      source = nullptr;
+      zero = true;
+      break;
+    case ZOV_MEM_STRDUP:
+      size = source == nullptr ? 0 : strlen(static_cast<const char *>(source)) + 1;
+      break;
+    case ZOV_MEM_COPY:
+      size = source == nullptr ? 0 : size;
+      break;
+    case ZOV_MEM_WSTRDUP:
+      size = source == nullptr
+                 ? 0
+                 : (wcslen(static_cast<const wchar_t *>(source)) + 1) * sizeof(wchar_t);
+      break;
+    default:
+      return nullptr;
+  }
+  if (size == 0) {
+    return nullptr;
+  }
+  return _getMem(*resolve(tag), size, source, zero, {sourceName, line});
+}
+
+void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero, uint64_t grownBytes,
+                    const char *sourceName, uint32_t line) {
+  if (!zov::started() || isNoTag(tag)) {
+    return nullptr;
+  }
+  if (block == nullptr) {
+    const uint32_t mode = zero != 0 ? ZOV_MEM_ZERO : ZOV_MEM_PLAIN;
+    return zov_getMem(newSize, tag, mode, nullptr, sourceName, line);
+  }
+  TagRecord &record = *resolve(tag);
+  enter(record.mutex);
+  BlockHeader *old = headerOf(block);
+  const BlockHeader links = *old;
+  const uintptr_t oldAddress = addressOf(old);
+  BlockHeader *header = reallocate(old, newSize);
+  if (header == nullptr) {
+    return leaveForFailure(record, {sourceName, line});
+  }
+  relink(record, header, links);
+  record.freed.replace(oldAddress, addressOf(header));
+  leave(record.mutex);
+  if (zero != 0) {
+    const uint64_t cleared = grownBytes < newSize ? grownBytes : newSize;
+    memset(static_cast<char *>(afterHeader(header)) + (newSize - cleared), 0, cleared);
+  }
+  return afterHeader(header);
+}
+
+void zov_freeMem(void *block, ZOV_TAG tag) {
+  if (block == nullptr || !zov::started() || isNoTag(tag)) {
+    return;
+  }
+  TagRecord &record = *resolve(tag);
+  BlockHeader *header = headerOf(block);
+  enter(record.mutex);
+  if (isFreed(record, header)) [[unlikely]] {
+    leave(record.mutex);
+    puts("Attempting to free previously freed memory");
+    return;
+  }
+  unlinkBlock(record, header);
+  header->newer = nullptr;
+  header->older = nullptr;
+  record.freed.add(addressOf(header));
+  free(header);
+  leave(record.mutex);
+}
+
+void zov_moveMemTag(void *block, ZOV_TAG newTag, ZOV_TAG currentTag) {
+  if (block == nullptr || !zov::started() || newTag == currentTag || isNoTag(newTag) ||
+      isNoTag(currentTag)) {
+    return;
+  }
+  TagRecord &from = *resolve(currentTag);
+  TagRecord &to = *resolve(newTag);
+  BlockHeader *header = headerOf(block);
+  enter(from.mutex);
+  unlinkBlock(from, header);
+  leave(from.mutex);
+  enter(to.mutex);
+  linkBlock(to, header);
+  leave(to.mutex);
+}
+
+int32_t zov_memCmp(const void *first, const void *second, uint64_t length) {
+  const int order = length == 0 ? 0 : memcmp(first, second, length);
+  return (order > 0) - (order < 0);
+}
+
+int32_t zov_memInit() {
+  TagRecord *tag = newRecord(nullptr);
+  if (tag == nullptr) {
+    zov_log("Out of memory initializing ZOV memory module\n");
+    return ZOV_ERROR;
+  }
+  // The tag is published first: the mutexes are allocated from it.
+  tag0 = tag;
+  tagN = tag;
+  const ZOV_SYNC mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  if (mutex == ZOV_NO_SYNC) {
+    return abandonInit();
+  }
+  tag->mutex = mutex;
+  tagTabSem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  return tagTabSem == ZOV_NO_SYNC ? abandonInit() : ZOV_OKAY;
+}
+
+void zov_memTerm() {
+  tagTabSem = ZOV_NO_SYNC;
+  while (tag0 != nullptr) {
+    _freeTagMemory(tag0, true);
+  }
+}
+}

@@ -1,0 +1,340 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Sync objects: recursive mutexes and manual-reset events in one process-wide
+// table. A handle is the address of a slot. Slots come in blocks of 1024,
+// allocated from the default tag when first needed and released at shut-down;
+// each block's free slots form a stack linked by index:
+//
+//   sem_table[0..127] -> block of 1024 SyncSlot
+//        firstFree  ---> slot.nextFree ---> slot.nextFree ---> kEndOfFree
+//
+// semTabMutex guards the table and the free stacks and nothing else. It is
+// never held while a block is allocated or an object is entered or waited on.
+// A slot's other fields belong to whoever was given its handle; those that
+// other threads read without a lock (kind, owner, recursionCount, signalled)
+// are atomics.
+//
+// zov_syncCreate_check() is the only call that allocates. It does so with jumps
+// held off, since a creator may be in the middle of making something else.
+#include <errno.h>
+#include <pthread.h>
+#include <stddef.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <iterator>
+#include <new>
+
+#include "core/zov_private.h"
+#include "text/zov_output.h"
+
+namespace {
+
+constexpr uint32_t kTableEntries = 128;
+constexpr uint32_t kBlockSlots = 1024;
+constexpr uint16_t kEndOfFree = 65535;
+constexpr uint16_t kInUse = 65534;
+
+struct SyncBlockEntry;
+
+// A thread's identity: the address of a thread-local of its own, which costs
+// no call to read. Zero is nobody.
+using ThreadId = uintptr_t;
+
+// 1. kind is 0 while the slot is free; nextFree is kInUse exactly while it is
+//    handed out.
+// 2. Of a mutex, recursionCount and owner are written by the thread inside, or
+//    by whoever leaves in its place.
+struct SyncSlot {
+  union {
+    pthread_mutex_t mutex;     // kind 1
+    pthread_cond_t condition;  // kind 2
+  };
+  std::atomic<int32_t> recursionCount;
+  union {
+    std::atomic<ThreadId> owner;  // kind 1
+    pthread_mutex_t eventMutex;   // kind 2: guards signalled while it is set
+  };
+  std::atomic<int32_t> signalled;
+  std::atomic<uint16_t> kind;
+  uint16_t nextFree;
+  SyncBlockEntry *block;
+};
+
+// Blocks are allocated zero-filled, which is a free slot of kind 0.
+struct SyncBlockEntry {
+  SyncSlot *slots;
+  uint16_t firstFree;
+};
+
+SyncBlockEntry sem_table[kTableEntries];
+
+// Rank 9, innermost: sem_table and the free stacks in it.
+pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
+
+thread_local char threadAnchor;
+
+ThreadId currentThread() {
+  return reinterpret_cast<ThreadId>(&threadAnchor);
+}
+
+SyncSlot *slotOf(ZOV_SYNC handle) {
+  // reinterpret_cast is how an integer handle becomes its slot.
+  return reinterpret_cast<SyncSlot *>(handle);
+}
+
+// 0 and ZOV_NO_SYNC, the handles that stand for no object at all.
+bool isAbsent(ZOV_SYNC handle) {
+  return handle + 1 < 2;
+}
+
+bool isKind(ZOV_SYNC handle, uint16_t kind) {
+  return !isAbsent(handle) && slotOf(handle)->kind.load(std::memory_order_relaxed) == kind;
+}
+
+SyncSlot *newBlock() {
+  const zov::NoJump noJump;
+  return static_cast<SyncSlot *>(
+      zov_getMem(sizeof(SyncSlot) * kBlockSlots, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+}
+
+// Links a new block's slots into a free stack in index order.
+void attachBlock(SyncBlockEntry &entry, SyncSlot *slots) {
+  for (uint32_t index = 0; index < kBlockSlots; ++index) {
+    slots[index].nextFree = static_cast<uint16_t>(index + 1);
+    slots[index].block = &entry;
+  }
+  slots[kBlockSlots - 1].nextFree = kEndOfFree;
+  entry.slots = slots;
+  entry.firstFree = 0;
+}
+
+SyncSlot *popFreeSlot(SyncBlockEntry &entry) {
+  SyncSlot *slot = &entry.slots[entry.firstFree];
+  entry.firstFree = slot->nextFree;
+  slot->nextFree = kInUse;
+  return slot;
+}
+
+// The first entry that has a free slot or no block yet. semTabMutex is held.
+SyncBlockEntry *findEntry() {
+  for (SyncBlockEntry &entry : sem_table) {
+    if (entry.slots == nullptr || entry.firstFree != kEndOfFree) {
+      return &entry;
+    }
+  }
+  return nullptr;
+}
+
+// Takes a slot, or null when there is none. A missing block is allocated with
+// the lock released, because allocating enters the default tag's own mutex;
+// whoever finds on return that another thread was faster drops its block.
+SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
+  SyncSlot *spare = nullptr;
+  SyncSlot *slot = nullptr;
+  pthread_mutex_lock(&semTabMutex);
+  SyncBlockEntry *entry = findEntry();
+  while (entry != nullptr && entry->slots == nullptr) {
+    if (spare != nullptr) {
+      attachBlock(*entry, spare);
+      spare = nullptr;
+      break;
+    }
+    pthread_mutex_unlock(&semTabMutex);
+    spare = newBlock();
+    if (spare == nullptr) {
+      return nullptr;
+    }
+    pthread_mutex_lock(&semTabMutex);
+    entry = findEntry();
+  }
+  if (entry != nullptr) {
+    slot = popFreeSlot(*entry);
+  }
+  pthread_mutex_unlock(&semTabMutex);
+  zov_freeMem(spare, ZOV_DEFAULT_TAG);
+  if (slot == nullptr) {
+    zov_log("Insufficient number of semaphores, called from %s:%d\n", sourceName,
+            static_cast<int>(line));
+  }
+  return slot;
+}
+
+void destroyObjects(SyncSlot &slot) {
+  switch (slot.kind.load(std::memory_order_relaxed)) {
+    case ZOV_SYNC_MUTEX:
+      pthread_mutex_destroy(&slot.mutex);
+      break;
+    case ZOV_SYNC_EVENT:
+      pthread_mutex_destroy(&slot.eventMutex);
+      pthread_cond_destroy(&slot.condition);
+      break;
+    default:
+      break;
+  }
+}
+
+// Waits for the event whose mutex is held; false when the time ran out.
+bool waitSignalled(SyncSlot &slot, uint32_t waitMs) {
+  while (slot.signalled.load(std::memory_order_acquire) == 0) {
+    if (waitMs == ZOV_WAIT_FOREVER) {
+      pthread_cond_wait(&slot.condition, &slot.eventMutex);
+    } else if (zov_posix_cond_timedwait(&slot.condition, &slot.eventMutex, waitMs) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t line) {
+  if (!zov::started()) {
+    return ZOV_NO_SYNC;
+  }
+  SyncSlot *slot = semGetNewEntry(sourceName, line);
+  if (slot == nullptr) {
+    return ZOV_NO_SYNC;
+  }
+  switch (kind) {
+    case ZOV_SYNC_MUTEX:
+      pthread_mutex_init(&slot->mutex, nullptr);
+      slot->recursionCount.store(0, std::memory_order_relaxed);
+      new (&slot->owner) std::atomic<ThreadId>(0);
+      break;
+    case ZOV_SYNC_EVENT:
+      pthread_mutex_init(&slot->eventMutex, nullptr);
+      pthread_cond_init(&slot->condition, nullptr);
+      slot->signalled.store(1, std::memory_order_relaxed);
+      break;
+    default:
+      // The slot is not put back: a wrong kind is a programming error.
+      zov_log("Invalid semaphore type\n");
+      return ZOV_NO_SYNC;
+  }
+  slot->kind.store(static_cast<uint16_t>(kind), std::memory_order_relaxed);
+  return reinterpret_cast<ZOV_SYNC>(slot);
+}
+
+void zov_syncDelete(ZOV_SYNC handle) {
+  if (isAbsent(handle)) {
+    return;
+  }
+  SyncSlot &slot = *slotOf(handle);
+  destroyObjects(slot);
+  slot.kind.store(0, std::memory_order_relaxed);
+  SyncBlockEntry &entry = *slot.block;
+  pthread_mutex_lock(&semTabMutex);
+  slot.nextFree = entry.firstFree;
+  entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
+  pthread_mutex_unlock(&semTabMutex);
+}
+
+void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
+  if (!isKind(handle, ZOV_SYNC_MUTEX)) [[unlikely]] {
+    zov_log("Invalid mutex\n");
+    return;
+  }
+  SyncSlot &slot = *slotOf(handle);
+  const ThreadId self = currentThread();
+  const int32_t count = slot.recursionCount.load(std::memory_order_relaxed);
+  // A thread that is not inside sees no count or another owner here, however
+  // old what it sees may be: its own identity is written by itself alone.
+  if (count != 0 && slot.owner.load(std::memory_order_relaxed) == self) {
+    slot.recursionCount.store(count + 1, std::memory_order_relaxed);
+    return;
+  }
+  pthread_mutex_lock(&slot.mutex);
+  slot.owner.store(self, std::memory_order_relaxed);
+  slot.recursionCount.store(1, std::memory_order_relaxed);
+}
+
+void zov_syncExitExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
+  if (!isKind(handle, ZOV_SYNC_MUTEX)) [[unlikely]] {
+    zov_log("Invalid mutex\n");
+    return;
+  }
+  SyncSlot &slot = *slotOf(handle);
+  const int32_t count = slot.recursionCount.load(std::memory_order_relaxed) - 1;
+  slot.recursionCount.store(count, std::memory_order_relaxed);
+  if (count < 1) {
+    slot.owner.store(0, std::memory_order_relaxed);
+    pthread_mutex_unlock(&slot.mutex);
+  }
+}
+
+void zov_syncStart(ZOV_SYNC handle) {
+  if (!isKind(handle, ZOV_SYNC_EVENT)) {
+    zov_log("Invalid event\n");
+    return;
+  }
+  slotOf(handle)->signalled.store(0, std::memory_order_seq_cst);
+}
+
+void zov_syncResume(ZOV_SYNC handle) {
+  if (!isKind(handle, ZOV_SYNC_EVENT)) {
+    zov_log("Invalid event\n");
+    return;
+  }
+  SyncSlot &slot = *slotOf(handle);
+  pthread_mutex_lock(&slot.eventMutex);
+  slot.signalled.store(1, std::memory_order_seq_cst);
+  pthread_cond_broadcast(&slot.condition);
+  pthread_mutex_unlock(&slot.eventMutex);
+}
+
+int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs) {
+  if (!isKind(handle, ZOV_SYNC_EVENT)) {
+    zov_log("Invalid event\n");
+    return ZOV_ERROR;
+  }
+  SyncSlot &slot = *slotOf(handle);
+  pthread_mutex_lock(&slot.eventMutex);
+  const bool signalled = waitSignalled(slot, waitMs);
+  pthread_mutex_unlock(&slot.eventMutex);
+  return signalled ? ZOV_OKAY : ZOV_TIMEOUT;
+}
+
+int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
+                                 uint32_t waitMs) {
+  constexpr int64_t kNsPerSecond = 1'000'000'000;
+  timeval now;
+  gettimeofday(&now, nullptr);
+  int64_t seconds = now.tv_sec + waitMs / 1000;
+  int64_t nanoseconds = int64_t{waitMs % 1000} * 1'000'000 + int64_t{now.tv_usec} * 1000;
+  // Exactly one second stays as it is. libc answers that with EINVAL, which
+  // counts as a wake-up, and the caller's loop asks again with a later clock.
+  if (nanoseconds > kNsPerSecond) {
+    seconds += nanoseconds / kNsPerSecond;
+    nanoseconds %= kNsPerSecond;
+  }
+  const timespec deadline{seconds, nanoseconds};
+  const int result = pthread_cond_timedwait(condition, mutex, &deadline);
+  return result == ETIMEDOUT || result == ETIME ? 1 : 0;
+}
+
+int32_t zov_syncInit() {
+  for (SyncBlockEntry &entry : sem_table) {
+    entry = SyncBlockEntry{};
+  }
+  return ZOV_OKAY;
+}
+
+void zov_syncShutdown() {
+  for (SyncBlockEntry &entry : sem_table) {
+    if (entry.slots == nullptr) {
+      continue;
+    }
+    for (uint32_t index = 0; index < kBlockSlots; ++index) {
+      if (entry.slots[index].nextFree == kInUse) {
+        destroyObjects(entry.slots[index]);
+      }
+    }
+    zov_freeMem(entry.slots, ZOV_DEFAULT_TAG);
+  }
+}
+
+void zov_syncTerm() {}
+}
