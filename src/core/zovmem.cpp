@@ -61,7 +61,7 @@ struct TagRecord {
 TagRecord *tag0 = nullptr;
 TagRecord *tagN = nullptr;
 
-// Rank 7: the list of tags.
+// Rank 12: the list of tags.
 ZOV_SYNC tagTabSem = ZOV_NO_SYNC;
 
 // Raised while an out-of-memory message is on its way: what prints it may run

@@ -69,7 +69,7 @@ struct SyncBlockEntry {
 
 SyncBlockEntry sem_table[kTableEntries];
 
-// Rank 9, innermost: sem_table and the free stacks in it.
+// Rank 14, innermost: sem_table and the free stacks in it.
 pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
 
 thread_local char threadAnchor;
