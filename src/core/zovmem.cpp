@@ -24,6 +24,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <wchar.h>
 
 #include "core/zov_private.h"
 #include "core/zovmem_freed.h"
@@ -52,10 +53,10 @@ struct TagRecord {
   TagRecord *next;      // newer tag, null for tagN
   TagRecord *previous;  // older tag, null for tag0
   ZOV_SYNC mutex;
-  BlockHeader *blocks;  // newest block, null when the tag owns nothing
-  jmp_buf recovery;     // meaningful in mode kJump
-  uint16_t mode;        // kReturnNull or kJump
-  zov::FreedRecord freed;
+  BlockHeader *blocks;     // newest block, null when the tag owns nothing
+  jmp_buf recovery;        // meaningful in mode kJump
+  uint16_t mode;           // kReturnNull or kJump
+  zov::FreedRecord freed;  // the latest frees, behind the fields of every tag
 };
 
 TagRecord *tag0 = nullptr;
@@ -93,10 +94,11 @@ void leave(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
 }
 
 void linkBlock(TagRecord &tag, BlockHeader *header) {
+  BlockHeader *head = tag.blocks;
   header->newer = nullptr;
-  header->older = tag.blocks;
-  if (tag.blocks != nullptr) {
-    tag.blocks->newer = header;
+  header->older = head;
+  if (head != nullptr) {
+    head->newer = header;
   }
   tag.blocks = header;
   tag.freed.forget(addressOf(header));
@@ -138,7 +140,7 @@ void reportFailure(Failure failure) {
 
 // Reports a failed allocation from a tag whose mutex the caller holds, and
 // leaves it. Jumps from a copy, since the tag is anybody's again by then.
-void *leaveForFailure(TagRecord &tag, Failure failure) {
+[[gnu::cold, gnu::noinline]] void *leaveForFailure(TagRecord &tag, Failure failure) {
   const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0 && !reporting;
   jmp_buf recovery;
   if (jumps) {
@@ -171,18 +173,51 @@ BlockHeader *allocate(uint64_t size, bool zero) {
                               : static_cast<BlockHeader *>(realloc(header, size + kHeaderBytes));
 }
 
-void *_getMem(TagRecord &tag, uint64_t size, const void *source, bool zero, Failure failure) {
-  enter(tag.mutex);
+// Allocates a block for a tag whose mutex is held, as far as it has one; on
+// failure the mutex is left.
+inline void *allocateBlock(TagRecord &tag, uint64_t size, bool zero, Failure failure) {
   BlockHeader *header = allocate(size, zero);
   if (header == nullptr) [[unlikely]] {
     return leaveForFailure(tag, failure);
   }
   linkBlock(tag, header);
-  leave(tag.mutex);
-  if (source != nullptr) {
-    memcpy(afterHeader(header), source, size);
-  }
   return afterHeader(header);
+}
+
+[[gnu::noinline]] void *_getMem(TagRecord &tag, uint64_t size, bool zero, Failure failure) {
+  enter(tag.mutex);
+  void *block = allocateBlock(tag, size, zero, failure);
+  if (block != nullptr) {
+    leave(tag.mutex);
+  }
+  return block;
+}
+
+void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure) {
+  void *block = _getMem(tag, size, false, failure);
+  return block == nullptr ? nullptr : memcpy(block, source, size);
+}
+
+// Every mode but the plain one.
+[[gnu::noinline]] void *getFilledMem(TagRecord &tag, uint64_t size, uint32_t mode,
+                                     const void *source, Failure failure) {
+  if (mode == ZOV_MEM_ZERO) {
+    return size == 0 ? nullptr : _getMem(tag, size, true, failure);
+  }
+  if (source == nullptr) {
+    return nullptr;
+  }
+  switch (mode) {
+    case ZOV_MEM_STRDUP:
+      return copyMem(tag, source, strlen(static_cast<const char *>(source)) + 1, failure);
+    case ZOV_MEM_COPY:
+      return size == 0 ? nullptr : copyMem(tag, source, size, failure);
+    case ZOV_MEM_WSTRDUP:
+      return copyMem(tag, source,
+                     (wcslen(static_cast<const wchar_t *>(source)) + 1) * sizeof(wchar_t), failure);
+    default:
+      return nullptr;
+  }
 }
 
 // Puts a block that realloc() moved in the place of the old one, by the
@@ -197,6 +232,36 @@ void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) {
   }
   if (links.older != nullptr) {
     links.older->newer = header;
+  }
+}
+
+// Takes a block off its tag, ready for libc; false when it was freed already.
+inline bool detachBlock(TagRecord &tag, BlockHeader *header) {
+  if (isFreed(tag, header)) [[unlikely]] {
+    return false;
+  }
+  unlinkBlock(tag, header);
+  header->newer = nullptr;
+  header->older = nullptr;
+  tag.freed.add(addressOf(header));
+  return true;
+}
+
+// Straight to standard output: the one message that is not the log's.
+[[gnu::cold, gnu::noinline]] void reportDoubleFree() {
+  puts("Attempting to free previously freed memory");
+}
+
+[[gnu::noinline]] void freeLocked(TagRecord &tag, BlockHeader *header) {
+  const ZOV_SYNC mutex = tag.mutex;
+  enter(mutex);
+  const bool detached = detachBlock(tag, header);
+  if (detached) {
+    free(header);
+  }
+  leave(mutex);
+  if (!detached) {
+    reportDoubleFree();
   }
 }
 
@@ -254,7 +319,6 @@ TagRecord *newRecord(jmp_buf *recovery) {
   }
   tag->mutex = ZOV_NO_SYNC;
   tag->mode = kReturnNull;
-  tag->freed.clear();
   if (recovery != nullptr) {
     memcpy(tag->recovery, *recovery, sizeof tag->recovery);
     tag->mode = kJump;
@@ -326,33 +390,17 @@ void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
   if (!zov::started() || isNoTag(tag)) [[unlikely]] {
     return nullptr;
   }
-  bool zero = false;
-  switch (mode) {
-    case ZOV_MEM_PLAIN:
-      source = nullptr;
-      break;
-    case ZOV_MEM_ZERO:
-      source = nullptr;
-      zero = true;
-      break;
-    case ZOV_MEM_STRDUP:
-      size = source == nullptr ? 0 : strlen(static_cast<const char *>(source)) + 1;
-      break;
-    case ZOV_MEM_COPY:
-      size = source == nullptr ? 0 : size;
-      break;
-    case ZOV_MEM_WSTRDUP:
-      size = source == nullptr
-                 ? 0
-                 : (wcslen(static_cast<const wchar_t *>(source)) + 1) * sizeof(wchar_t);
-      break;
-    default:
-      return nullptr;
+  TagRecord &record = *resolve(tag);
+  if (mode != ZOV_MEM_PLAIN) {
+    return getFilledMem(record, size, mode, source, {sourceName, line});
   }
   if (size == 0) {
     return nullptr;
   }
-  return _getMem(*resolve(tag), size, source, zero, {sourceName, line});
+  // The path of a tag without mutex is laid out in a line: it is what callers
+  // who make many small blocks choose.
+  return record.mutex == ZOV_NO_SYNC ? allocateBlock(record, size, false, {sourceName, line})
+                                     : _getMem(record, size, false, {sourceName, line});
 }
 
 void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero, uint64_t grownBytes,
@@ -389,18 +437,13 @@ void zov_freeMem(void *block, ZOV_TAG tag) {
   }
   TagRecord &record = *resolve(tag);
   BlockHeader *header = headerOf(block);
-  enter(record.mutex);
-  if (isFreed(record, header)) [[unlikely]] {
-    leave(record.mutex);
-    puts("Attempting to free previously freed memory");
-    return;
+  if (record.mutex != ZOV_NO_SYNC) {
+    freeLocked(record, header);
+  } else if (detachBlock(record, header)) [[likely]] {
+    free(header);
+  } else {
+    reportDoubleFree();
   }
-  unlinkBlock(record, header);
-  header->newer = nullptr;
-  header->older = nullptr;
-  record.freed.add(addressOf(header));
-  free(header);
-  leave(record.mutex);
 }
 
 void zov_moveMemTag(void *block, ZOV_TAG newTag, ZOV_TAG currentTag) {

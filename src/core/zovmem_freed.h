@@ -9,51 +9,37 @@
 
 namespace zov {
 
-// A ring of the last eight addresses freed, guarded by the lock of its tag.
+// The last nine addresses freed, guarded by the lock of their tag. Addresses
+// are numbers here, not pointers: what they named is gone.
 //
-// Addresses are numbers here, not pointers: what they named is gone.
-//
-// 1. Exactly eight addresses are on record at any time, fillers being 0, and
-//    no other address twice.
-// 2. counts holds sixteen counters of four bits, one per hash value, that say
-//    how many of the eight have that hash. Almost every question is answered by
-//    one counter being zero, without a look at the ring.
+// 1. latest_ is the newest of them, ring_ the eight before it; 0 is no address.
+// 2. counts_ holds sixteen counters of four bits, one per hash value, that say
+//    how many addresses in the ring have that hash. Almost every question is
+//    answered by one counter being zero, without a look at the ring.
 // 3. An address leaves when an allocation brings it back, so it is never held
-//    against its new owner. Allocators hand out what was freed last, which is
-//    then found on top.
+//    against its new owner. Allocators hand out first what was freed last: a
+//    block that is taken and given back touches latest_ and nothing else.
 //
-// Every operation is a few instructions without a branch that depends on how
-// full the ring is; add() and forget() are on the path of every free and every
-// allocation.
+// A zero-filled record is an empty one. add() and forget() are on the path of
+// every free and every allocation.
 class FreedRecord {
  public:
-  void clear() {
-    for (uintptr_t &address : ring_) {
-      address = 0;
-    }
-    top_ = 0;
-    counts_ = uint64_t{kSlots} << shiftOf(0);
+  bool holds(uintptr_t address) const {
+    return latest_ == address || (mayBeInRing(address) && isInRing(address));
   }
 
-  bool holds(uintptr_t address) const { return mayHold(address) && find(address) < kSlots; }
-
   void add(uintptr_t address) {
-    top_ = (top_ + 1) % kSlots;
-    put(top_, address);
+    if (latest_ != 0) {
+      push(latest_);
+    }
+    latest_ = address;
   }
 
   void forget(uintptr_t address) {
-    if (!mayHold(address)) {
-      return;
-    }
-    if (ring_[top_] == address) {
-      put(top_, 0);
-      top_ = (top_ - 1) % kSlots;
-      return;
-    }
-    const uint32_t slot = find(address);
-    if (slot < kSlots) {
-      put(slot, 0);
+    if (latest_ == address) {
+      latest_ = 0;
+    } else if (mayBeInRing(address)) {
+      forgetInRing(address);
     }
   }
 
@@ -74,7 +60,13 @@ class FreedRecord {
     return static_cast<uint32_t>((units ^ (units >> 4) ^ (units >> 8)) & 15) * 4;
   }
 
-  bool mayHold(uintptr_t address) const { return ((counts_ >> shiftOf(address)) & 15) != 0; }
+  static uint64_t one(uintptr_t address) { return uint64_t{1} << shiftOf(address); }
+
+  bool mayBeInRing(uintptr_t address) const {
+    return counts_ != 0 && ((counts_ >> shiftOf(address)) & 15) != 0;
+  }
+
+  [[gnu::noinline]] bool isInRing(uintptr_t address) const { return find(address) < kSlots; }
 
   uint32_t find(uintptr_t address) const {
     uint32_t slot = 0;
@@ -84,14 +76,35 @@ class FreedRecord {
     return slot;
   }
 
-  void put(uint32_t slot, uintptr_t address) {
-    counts_ -= uint64_t{1} << shiftOf(ring_[slot]);
-    counts_ += uint64_t{1} << shiftOf(address);
-    ring_[slot] = address;
+  void drop(uint32_t slot) {
+    if (ring_[slot] != 0) {
+      counts_ -= one(ring_[slot]);
+      ring_[slot] = 0;
+    }
   }
 
-  uintptr_t ring_[kSlots];
+  [[gnu::noinline]] void push(uintptr_t address) {
+    top_ = (top_ + 1) % kSlots;
+    drop(top_);
+    ring_[top_] = address;
+    counts_ += one(address);
+  }
+
+  [[gnu::noinline]] void forgetInRing(uintptr_t address) {
+    if (ring_[top_] == address) {
+      drop(top_);
+      top_ = (top_ - 1) % kSlots;
+      return;
+    }
+    const uint32_t slot = find(address);
+    if (slot < kSlots) {
+      drop(slot);
+    }
+  }
+
+  uintptr_t latest_;
   uint64_t counts_;
+  uintptr_t ring_[kSlots];
   uint32_t top_;
 };
 

@@ -174,6 +174,13 @@ void destroyObjects(SyncSlot &slot) {
   }
 }
 
+// Apart from its caller, so that entering again needs no stack frame.
+[[gnu::noinline]] void lockMutex(SyncSlot &slot) {
+  pthread_mutex_lock(&slot.mutex);
+  slot.owner.store(currentThread(), std::memory_order_relaxed);
+  slot.recursionCount.store(1, std::memory_order_relaxed);
+}
+
 // Waits for the event whose mutex is held; false when the time ran out.
 bool waitSignalled(SyncSlot &slot, uint32_t waitMs) {
   while (slot.signalled.load(std::memory_order_acquire) == 0) {
@@ -238,17 +245,14 @@ void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
     return;
   }
   SyncSlot &slot = *slotOf(handle);
-  const ThreadId self = currentThread();
   const int32_t count = slot.recursionCount.load(std::memory_order_relaxed);
   // A thread that is not inside sees no count or another owner here, however
   // old what it sees may be: its own identity is written by itself alone.
-  if (count != 0 && slot.owner.load(std::memory_order_relaxed) == self) {
+  if (count != 0 && slot.owner.load(std::memory_order_relaxed) == currentThread()) {
     slot.recursionCount.store(count + 1, std::memory_order_relaxed);
     return;
   }
-  pthread_mutex_lock(&slot.mutex);
-  slot.owner.store(self, std::memory_order_relaxed);
-  slot.recursionCount.store(1, std::memory_order_relaxed);
+  lockMutex(slot);
 }
 
 void zov_syncExitExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {

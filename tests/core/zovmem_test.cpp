@@ -1,0 +1,325 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Tagged memory: modes, resizing, double frees, tags, recovery points, and a
+// random walk against a model that knows what every block must hold.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/alloc_failure.h"
+#include "zov.h"
+
+namespace {
+
+constexpr char kDoubleFree[] = "Attempting to free previously freed memory\n";
+
+class Memory : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
+  void TearDown() override { zov_term(); }
+};
+
+void *plain(uint64_t size, ZOV_TAG tag = ZOV_DEFAULT_TAG) {
+  return zov_getMem(size, tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
+}
+
+// What a call writes to standard output.
+template <typename Call>
+std::string outputOf(Call call) {
+  testing::internal::CaptureStdout();
+  call();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST_F(Memory, ModesFillTheBlock) {
+  const wchar_t wide[] = L"w\x10FFFF";
+  const struct {
+    int line;
+    uint64_t size;
+    uint32_t mode;
+    const void *source;
+    const void *expected;  // null: the call gives null
+    uint64_t expectedBytes;
+  } rows[] = {
+      {__LINE__, 0, ZOV_MEM_PLAIN, nullptr, nullptr, 0},
+      {__LINE__, 0, ZOV_MEM_ZERO, nullptr, nullptr, 0},
+      {__LINE__, 5, ZOV_MEM_ZERO, "ignored", "\0\0\0\0", 5},
+      {__LINE__, 0, ZOV_MEM_STRDUP, "", "", 1},
+      {__LINE__, 1, ZOV_MEM_STRDUP, "text", "text", 5},
+      {__LINE__, 0, ZOV_MEM_STRDUP, nullptr, nullptr, 0},
+      {__LINE__, 4, ZOV_MEM_COPY, "a\0bc", "a\0bc", 4},
+      {__LINE__, 0, ZOV_MEM_COPY, "abc", nullptr, 0},
+      {__LINE__, 4, ZOV_MEM_COPY, nullptr, nullptr, 0},
+      {__LINE__, 0, ZOV_MEM_WSTRDUP, wide, wide, sizeof wide},
+      {__LINE__, 0, ZOV_MEM_WSTRDUP, L"", L"", sizeof(wchar_t)},
+      {__LINE__, 0, ZOV_MEM_WSTRDUP, nullptr, nullptr, 0},
+      {__LINE__, 8, 0, "source", nullptr, 0},
+      {__LINE__, 8, 6, "source", nullptr, 0},
+      {__LINE__, 8, 0x10001, "source", nullptr, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.line);
+    void *block = nullptr;
+    EXPECT_EQ(outputOf([&] {
+                block = zov_getMem(row.size, ZOV_DEFAULT_TAG, row.mode, row.source, ZOV_HERE);
+              }),
+              "");
+    ASSERT_EQ(block == nullptr, row.expected == nullptr);
+    if (block != nullptr) {
+      EXPECT_EQ(memcmp(block, row.expected, row.expectedBytes), 0);
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+    }
+    zov_freeMem(block, ZOV_DEFAULT_TAG);
+  }
+}
+
+TEST_F(Memory, ImpossibleSizesFailWithTheMessage) {
+  void *block = zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, "kept", ZOV_HERE);
+  for (const uint64_t size : {UINT64_MAX, UINT64_MAX - 15, UINT64_MAX - 16, UINT64_MAX / 2}) {
+    SCOPED_TRACE(size);
+    EXPECT_EQ(outputOf([&] {
+                EXPECT_EQ(zov_getMem(size, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, "caller", 7),
+                          nullptr);
+              }),
+              "Out of memory. Called from caller:7\n");
+    EXPECT_EQ(outputOf([&] {
+                EXPECT_EQ(zov_extendMem(block, size, ZOV_DEFAULT_TAG, 1, 1, "grower", 8), nullptr);
+              }),
+              "Out of memory. Called from grower:8\n");
+    EXPECT_STREQ(static_cast<char *>(block), "kept");
+  }
+}
+
+TEST_F(Memory, ExtendClearsWhatGrew) {
+  char *block = static_cast<char *>(zov_extendMem(nullptr, 10, ZOV_DEFAULT_TAG, 1, 3, ZOV_HERE));
+  EXPECT_EQ(std::string(block, 10), std::string(10, '\0')) << "a new block is cleared whole";
+  memset(block, 'x', 10);
+  block = static_cast<char *>(zov_extendMem(block, 30, ZOV_DEFAULT_TAG, 1, 20, ZOV_HERE));
+  EXPECT_EQ(std::string(block, 30), std::string(10, 'x') + std::string(20, '\0'));
+  memset(block, 'y', 30);
+  block = static_cast<char *>(zov_extendMem(block, 8, ZOV_DEFAULT_TAG, 0, 20, ZOV_HERE));
+  EXPECT_EQ(std::string(block, 8), "yyyyyyyy");
+  block = static_cast<char *>(zov_extendMem(block, 16, ZOV_DEFAULT_TAG, 1, 1000, ZOV_HERE));
+  EXPECT_EQ(std::string(block, 16), std::string(16, '\0')) << "never more than the block";
+}
+
+TEST_F(Memory, CompareIsUnsignedAndInOrder) {
+  EXPECT_EQ(zov_memCmp("\x80", "\x01", 1), 1);
+  EXPECT_EQ(zov_memCmp("a\x01", "a\xff", 2), -1);
+  EXPECT_EQ(zov_memCmp("same", "same", 5), 0);
+  EXPECT_EQ(zov_memCmp(nullptr, nullptr, 0), 0);
+}
+
+TEST_F(Memory, SecondFreeIsRecognised) {
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  void *only = plain(40, tag);
+  EXPECT_EQ(outputOf([&] { zov_freeMem(only, tag); }), "");
+  EXPECT_EQ(outputOf([&] { zov_freeMem(only, tag); }), kDoubleFree);
+
+  // Eight frees later each of them is still known, in any order.
+  void *blocks[8];
+  for (void *&block : blocks) {
+    block = plain(40, tag);
+  }
+  for (void *block : blocks) {
+    zov_freeMem(block, tag);
+  }
+  for (void *block : blocks) {
+    EXPECT_EQ(outputOf([&] { zov_freeMem(block, tag); }), kDoubleFree);
+  }
+  // Memory that an allocation brought back is its new owner's to free.
+  for (void *&block : blocks) {
+    block = plain(40, tag);
+  }
+  for (void *block : blocks) {
+    EXPECT_EQ(outputOf([&] { zov_freeMem(block, tag); }), "");
+  }
+}
+
+TEST_F(Memory, FreesOfATagAndMovesCountAsFrees) {
+  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  void *block = plain(24, tag);
+  zov_freeTagMemory(tag, 0);
+  EXPECT_EQ(outputOf([&] { zov_freeMem(block, tag); }), kDoubleFree);
+  void *large = plain(100, tag);
+  plain(100, tag);
+  void *moved = zov_extendMem(large, 1 << 20, tag, 0, 0, ZOV_HERE);
+  ASSERT_NE(moved, nullptr);
+  if (moved != large) {
+    EXPECT_EQ(outputOf([&] { zov_freeMem(large, tag); }), kDoubleFree);
+  }
+  EXPECT_EQ(outputOf([&] { zov_freeMem(moved, tag); }), "");
+}
+
+TEST_F(Memory, AbsentTagsAreHarmless) {
+  char source = 's';
+  EXPECT_EQ(plain(8, ZOV_NO_TAG), nullptr);
+  EXPECT_EQ(zov_extendMem(&source, 8, ZOV_NO_TAG, 0, 0, ZOV_HERE), nullptr);
+  zov_freeMem(&source, ZOV_NO_TAG);
+  zov_freeMem(nullptr, ZOV_DEFAULT_TAG);
+  zov_resetTag(nullptr, ZOV_NO_TAG);
+  zov_moveMemTag(&source, ZOV_NO_TAG, ZOV_DEFAULT_TAG);
+  zov_moveMemTag(&source, ZOV_DEFAULT_TAG, ZOV_NO_TAG);
+  zov_moveMemTag(nullptr, ZOV_DEFAULT_TAG, ZOV_NO_TAG);
+  zov_freeTagMemory(ZOV_NO_TAG, 1);
+  zov_freeTagMemory(ZOV_DEFAULT_TAG, 1);
+  EXPECT_NE(plain(8), nullptr) << "the default tag cannot be deleted";
+}
+
+TEST_F(Memory, NoMemoryForATagOrItsMutex) {
+  zovtest::failAllocationAfter(0);
+  EXPECT_EQ(zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE), ZOV_NO_TAG);
+  EXPECT_TRUE(zovtest::stopFailing());
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  EXPECT_NE(plain(8, tag), nullptr) << "the list of tags is whole";
+}
+
+// Fails the allocation that `call` makes from an armed tag and returns what
+// setjmp() gave: 0 when the call came back.
+template <typename Call>
+int jumpOf(ZOV_TAG tag, Call call) {
+  jmp_buf recovery;
+  const int value = setjmp(recovery);
+  if (value == 0) {
+    zov_resetTag(&recovery, tag);
+    zovtest::failAllocationAfter(0, true);
+    call();
+  }
+  zovtest::stopFailing();
+  zov_resetTag(nullptr, tag);
+  return value;
+}
+
+TEST_F(Memory, ArmedTagsJumpWithEveryLockFree) {
+  const struct {
+    int line;
+    ZOV_TAG tag;
+  } rows[] = {
+      {__LINE__, ZOV_DEFAULT_TAG},
+      {__LINE__, zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE)},
+      {__LINE__, zov_createTagEx(nullptr, 0, ZOV_HERE)},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.line);
+    void *block = plain(16, row.tag);
+    const std::string out = outputOf([&] {
+      EXPECT_EQ(jumpOf(row.tag, [&] { plain(8, row.tag); }), 1);
+      EXPECT_EQ(jumpOf(row.tag, [&] { zov_extendMem(block, 9999, row.tag, 1, 1, "x", 2); }), 1);
+      EXPECT_EQ(jumpOf(row.tag, [&] { plain(0, row.tag); }), 0) << "size 0 is no failure";
+    });
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
+    // Another thread gets the tag's lock at once.
+    std::thread([&] { zov_freeMem(block, row.tag); }).join();
+    zovtest::failAllocationAfter(0);
+    EXPECT_EQ(plain(8, row.tag), nullptr) << "disarmed";
+    zovtest::stopFailing();
+  }
+}
+
+// Making a sync object must not jump even when the default tag is armed: its
+// caller is in the middle of making something.
+TEST_F(Memory, SyncCreationNeverJumps) {
+  for (int count = 0; count < 1022; ++count) {  // two slots of the block are taken
+    ASSERT_NE(zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE), ZOV_NO_SYNC);
+  }
+  EXPECT_EQ(jumpOf(ZOV_DEFAULT_TAG,
+                   [&] { EXPECT_EQ(zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE), ZOV_NO_SYNC); }),
+            0);
+  EXPECT_NE(zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE), ZOV_NO_SYNC);
+}
+
+struct ModelBlock {
+  unsigned char *bytes;
+  uint64_t size;
+  unsigned char fill;
+  size_t owner;
+};
+
+// Random operations on three tags. Every block is filled with a byte of its
+// own and checked before it goes, so a broken list or a double use shows.
+TEST_F(Memory, RandomOperationsAgreeWithAModel) {
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937 engine(seed);
+  const auto random = [&] { return static_cast<uint32_t>(engine()); };
+  ZOV_TAG tags[] = {ZOV_DEFAULT_TAG, zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE),
+                    zov_createTagEx(nullptr, 0, ZOV_HERE)};
+  std::vector<ModelBlock> blocks;
+  const auto fill = [&](ModelBlock &block) {
+    block.fill = static_cast<unsigned char>(random());
+    memset(block.bytes, block.fill, block.size);
+  };
+  const auto intact = [](const ModelBlock &block, uint64_t size) {
+    return std::all_of(block.bytes, block.bytes + size,
+                       [&](unsigned char byte) { return byte == block.fill; });
+  };
+  for (int step = 0; step < 40000; ++step) {
+    const uint32_t action = random() % 100;
+    if (action < 45 || blocks.empty()) {
+      const size_t owner = random() % 3;
+      ModelBlock block{nullptr, 1 + random() % 300, 0, owner};
+      block.bytes = static_cast<unsigned char *>(plain(block.size, tags[owner]));
+      ASSERT_NE(block.bytes, nullptr);
+      fill(block);
+      blocks.push_back(block);
+      continue;
+    }
+    const size_t index = random() % blocks.size();
+    ModelBlock &block = blocks[index];
+    ASSERT_TRUE(intact(block, block.size)) << "step " << step;
+    if (action < 80) {
+      zov_freeMem(block.bytes, tags[block.owner]);
+      block = blocks.back();
+      blocks.pop_back();
+    } else if (action < 90) {
+      const uint64_t size = 1 + random() % 3000;
+      block.bytes = static_cast<unsigned char *>(
+          zov_extendMem(block.bytes, size, tags[block.owner], 0, 0, ZOV_HERE));
+      ASSERT_TRUE(intact(block, std::min(size, block.size))) << "step " << step;
+      block.size = size;
+      fill(block);
+    } else if (action < 99) {
+      const size_t owner = random() % 3;
+      zov_moveMemTag(block.bytes, tags[owner], tags[block.owner]);
+      block.owner = owner;
+    } else if (block.owner != 0) {
+      const size_t owner = block.owner;
+      const bool deleted = random() % 2 == 0;
+      zov_freeTagMemory(tags[owner], deleted);
+      if (deleted) {
+        tags[owner] = zov_createTagEx(nullptr, owner == 1 ? ZOV_TAG_THREADSAFE : 0, ZOV_HERE);
+      }
+      std::erase_if(blocks, [&](const ModelBlock &each) { return each.owner == owner; });
+    }
+  }
+}
+
+TEST_F(Memory, ThreadsShareATag) {
+  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  std::thread threads[4];
+  for (std::thread &thread : threads) {
+    thread = std::thread([tag] {
+      void *held[16] = {};
+      for (int step = 0; step < 4000; ++step) {
+        void *&slot = held[step % 16];
+        zov_freeMem(slot, tag);
+        slot = plain(32, tag);
+        zov_moveMemTag(slot, ZOV_DEFAULT_TAG, tag);
+        zov_moveMemTag(slot, tag, ZOV_DEFAULT_TAG);
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  zov_freeTagMemory(tag, 1);
+}
+
+}  // namespace

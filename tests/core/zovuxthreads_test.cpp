@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Recursive mutexes, events and the table they live in.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "zov.h"
+
+namespace {
+
+class Sync : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
+  void TearDown() override { zov_term(); }
+};
+
+ZOV_SYNC newMutex() {
+  return zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+}
+ZOV_SYNC newEvent() {
+  return zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
+}
+
+template <typename Call>
+std::string outputOf(Call call) {
+  testing::internal::CaptureStdout();
+  call();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST_F(Sync, MutexIsRecursiveAndExclusive) {
+  const ZOV_SYNC mutex = newMutex();
+  for (int entry = 0; entry < 3; ++entry) {
+    zov_syncEnterExcl(mutex);
+  }
+  int guarded = 0;
+  std::atomic<bool> entered{false};
+  std::thread other([&] {
+    zov_syncEnterExcl(mutex);
+    entered = true;
+    EXPECT_EQ(guarded, 3) << "let in before the last exit";
+    zov_syncExitExcl(mutex);
+  });
+  for (int exit = 0; exit < 3; ++exit) {
+    EXPECT_FALSE(entered);
+    ++guarded;
+    zov_syncExitExcl(mutex);
+  }
+  other.join();
+  EXPECT_TRUE(entered);
+}
+
+TEST_F(Sync, MutexGuardsACounter) {
+  const ZOV_SYNC mutex = newMutex();
+  int64_t counter = 0;
+  std::thread threads[4];
+  for (std::thread &thread : threads) {
+    thread = std::thread([&] {
+      for (int step = 0; step < 20000; ++step) {
+        zov_syncEnterExcl(mutex);
+        zov_syncEnterExcl(mutex);
+        ++counter;
+        zov_syncExitExcl(mutex);
+        ++counter;
+        zov_syncExitExcl(mutex);
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(counter, 4 * 20000 * 2);
+}
+
+TEST_F(Sync, EventStaysAsItWasSet) {
+  const ZOV_SYNC event = newEvent();
+  EXPECT_EQ(zov_syncWait(event, 0), ZOV_OKAY) << "created signalled";
+  EXPECT_EQ(zov_syncWait(event, ZOV_WAIT_FOREVER), ZOV_OKAY) << "a wait resets nothing";
+  zov_syncStart(event);
+  EXPECT_EQ(zov_syncWait(event, 0), ZOV_TIMEOUT);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(zov_syncWait(event, 50), ZOV_TIMEOUT);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(49));
+  zov_syncResume(event);
+  EXPECT_EQ(zov_syncWait(event, 0), ZOV_OKAY);
+}
+
+TEST_F(Sync, ResumeReleasesEveryWaiter) {
+  const ZOV_SYNC event = newEvent();
+  zov_syncStart(event);
+  std::atomic<int> waiting{0};
+  std::atomic<bool> resumed{false};
+  std::thread threads[4];
+  for (std::thread &thread : threads) {
+    thread = std::thread([&] {
+      ++waiting;
+      EXPECT_EQ(zov_syncWait(event, ZOV_WAIT_FOREVER), ZOV_OKAY);
+      EXPECT_TRUE(resumed);
+    });
+  }
+  while (waiting < 4) {
+    std::this_thread::yield();
+  }
+  resumed = true;
+  zov_syncResume(event);
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+}
+
+TEST_F(Sync, WrongHandlesAreRefused) {
+  const ZOV_SYNC mutex = newMutex();
+  const ZOV_SYNC event = newEvent();
+  const ZOV_SYNC deleted = newMutex();
+  zov_syncDelete(deleted);
+  for (const ZOV_SYNC handle : {event, deleted, ZOV_SYNC{0}, ZOV_NO_SYNC}) {
+    EXPECT_EQ(outputOf([&] { zov_syncEnterExcl(handle); }), "Invalid mutex\n");
+    EXPECT_EQ(outputOf([&] { zov_syncExitExcl(handle); }), "Invalid mutex\n");
+  }
+  for (const ZOV_SYNC handle : {mutex, deleted, ZOV_SYNC{0}, ZOV_NO_SYNC}) {
+    EXPECT_EQ(outputOf([&] { zov_syncStart(handle); }), "Invalid event\n");
+    EXPECT_EQ(outputOf([&] { zov_syncResume(handle); }), "Invalid event\n");
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(zov_syncWait(handle, 0), ZOV_ERROR); }), "Invalid event\n");
+  }
+  zov_syncDelete(0);
+  zov_syncDelete(ZOV_NO_SYNC);
+  for (const int32_t kind : {0, 3, -1, 65537}) {
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(zov_syncCreate_check(kind, ZOV_HERE), ZOV_NO_SYNC); }),
+              "Invalid semaphore type\n");
+  }
+}
+
+TEST_F(Sync, TableFillsUpAndRecycles) {
+  const ZOV_SYNC freed = newMutex();
+  zov_syncDelete(freed);
+  EXPECT_EQ(newEvent(), freed) << "the slot freed last is taken first";
+  zov_syncDelete(freed);
+
+  std::set<ZOV_SYNC> handles;
+  ZOV_SYNC handle = newMutex();
+  std::string output = outputOf([&] {
+    while (handle != ZOV_NO_SYNC) {
+      handles.insert(handle);
+      handle = zov_syncCreate_check(ZOV_SYNC_MUTEX, "maker", 42);
+    }
+  });
+  EXPECT_EQ(output, "Insufficient number of semaphores, called from maker:42\n");
+  EXPECT_LE(handles.size(), 131072u);
+  EXPECT_GT(handles.size(), 131072u - 100) << "the library itself holds a few";
+  // Objects of the first and of the last block are different ones.
+  zov_syncEnterExcl(*handles.begin());
+  std::thread([&] {
+    zov_syncEnterExcl(*handles.rbegin());
+    zov_syncExitExcl(*handles.rbegin());
+  }).join();
+  zov_syncExitExcl(*handles.begin());
+  zov_syncDelete(*handles.begin());
+  EXPECT_EQ(newMutex(), *handles.begin());
+}
+
+TEST_F(Sync, ThreadsCreateAndDelete) {
+  std::thread threads[4];
+  for (std::thread &thread : threads) {
+    thread = std::thread([] {
+      ZOV_SYNC held[600];
+      for (int round = 0; round < 20; ++round) {
+        for (ZOV_SYNC &handle : held) {
+          handle = newMutex();
+          ASSERT_NE(handle, ZOV_NO_SYNC);
+          zov_syncEnterExcl(handle);
+          zov_syncExitExcl(handle);
+        }
+        for (const ZOV_SYNC handle : held) {
+          zov_syncDelete(handle);
+        }
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+}
+
+TEST(CondTimedWait, TellsATimeoutFromAWakeUp) {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  pthread_mutex_lock(&mutex);
+  EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 0), 1);
+  EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 20), 1);
+  bool woken = false;
+  std::thread waker([&] {
+    pthread_mutex_lock(&mutex);
+    woken = true;
+    pthread_cond_signal(&condition);
+    pthread_mutex_unlock(&mutex);
+  });
+  while (!woken) {
+    EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 3600 * 1000), 0);
+  }
+  pthread_mutex_unlock(&mutex);
+  waker.join();
+}
+
+}  // namespace
