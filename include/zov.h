@@ -77,8 +77,11 @@ extern "C" {
 #define ZOV_RELEASE(handle)
 #endif
 
-/** The caller's source name and line, for the two arguments of convention 8. */
-#if defined(__FILE_NAME__)
+/** The caller's source name and line, for the two arguments of convention 8. A
+ *  source file may define ZOV_SOURCE_NAME to go by another name than its own. */
+#if defined(ZOV_SOURCE_NAME)
+#define ZOV_HERE ZOV_SOURCE_NAME, __LINE__
+#elif defined(__FILE_NAME__)
 #define ZOV_HERE __FILE_NAME__, __LINE__
 #else
 #define ZOV_HERE __FILE__, __LINE__
