@@ -533,9 +533,435 @@ ZOV_API void zov_version(uint16_t *major, uint16_t *minor, uint16_t *build);
  * files/zovunix: native file primitives
  * ======================================================================== */
 
+/** No native descriptor. */
+#define ZOV_NO_DESCRIPTOR UINT64_MAX
+/** A failed transfer. */
+#define ZOV_IO_FAILED UINT32_MAX
+/** The offset of a positioned transfer that means the current position. */
+#define ZOV_OFFSET_CURRENT INT64_C(-1)
+
+/** A walk through a directory on disk. */
+typedef struct DiskWalk *ZOV_DISK_WALK;
+
+/**
+ * Opens a file of the system. One call of open(), with permissions 0666 less
+ * the process's umask for a file it creates. The zov_fl functions that take a
+ * descriptor or a path may all be called at any time, started or not, and
+ * leave errno as the system set it.
+ *
+ * @param path       path
+ * @param openFlags  the O_ flags of POSIX open()
+ * @param unused     ignored
+ * @param descriptor where the descriptor goes, to be closed with zov_flClose();
+ *                   #ZOV_NO_DESCRIPTOR on failure
+ * @return 0, or the system's error number, which is errno too.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t unused,
+                           uint64_t *descriptor);
+
+/**
+ * Gives the descriptor of a standard stream. Nothing is opened, and the
+ * descriptor should not be closed.
+ *
+ * @param descriptor   where the descriptor goes; untouched on failure
+ * @param streamNumber 0 for input, 1 for output, 2 for errors
+ * @return #ZOV_OKAY, or #ZOV_ERROR for another number.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber);
+
+/**
+ * Closes a descriptor. On Linux it is gone even when the call fails, so the
+ * call must not be repeated.
+ *
+ * @return 0, or -1 with errno set.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flClose(uint64_t descriptor);
+
+/**
+ * Moves the current position.
+ *
+ * @param descriptor the descriptor
+ * @param offset     bytes, from where whence says
+ * @param whence     SEEK_SET, SEEK_CUR or SEEK_END
+ * @return #ZOV_OKAY, or #ZOV_ERROR when the descriptor cannot be positioned
+ *         there.
+ *
+ * Threads: any; the position belongs to all who use the descriptor.
+ */
+ZOV_API int32_t zov_flSeek(uint64_t descriptor, int64_t offset, int32_t whence);
+
+/**
+ * Writes at the current position and moves it. Exactly one call of write():
+ * what is short or interrupted is not taken up again, and Linux moves at most
+ * 2,147,479,552 bytes a call.
+ *
+ * @param descriptor  the descriptor
+ * @param buffer      what to write
+ * @param lengthBytes how much of it
+ * @return the bytes written, which may be fewer, or #ZOV_IO_FAILED with errno
+ *         set.
+ *
+ * Threads: one at a time. Cost: the system call.
+ */
+ZOV_API uint32_t zov_flWrite(uint64_t descriptor, const void *buffer, uint32_t lengthBytes);
+
+/**
+ * Reads at the current position and moves it. Exactly one call of read().
+ *
+ * @param descriptor  the descriptor
+ * @param buffer      where the bytes go
+ * @param lengthBytes how many to read at most
+ * @return the bytes read, 0 at the end of the file, or #ZOV_IO_FAILED with
+ *         errno set.
+ *
+ * Threads: one at a time. Cost: the system call.
+ */
+ZOV_API uint32_t zov_flRead(uint64_t descriptor, void *buffer, uint32_t lengthBytes);
+
+/**
+ * Writes at an offset and leaves the current position alone; otherwise as
+ * zov_flWrite().
+ *
+ * @param descriptor  the descriptor
+ * @param offset      offset in bytes. #ZOV_OFFSET_CURRENT makes the call a
+ *                    zov_flWrite(), which also serves what cannot be
+ *                    positioned
+ * @param buffer      what to write
+ * @param lengthBytes how much of it
+ * @return as zov_flWrite().
+ *
+ * Threads: any, with a real offset; else one at a time. Cost: the system call.
+ */
+ZOV_API uint32_t zov_flSeekWrite(uint64_t descriptor, int64_t offset, const void *buffer,
+                                 uint32_t lengthBytes);
+
+/**
+ * Reads at an offset and leaves the current position alone; otherwise as
+ * zov_flRead(). #ZOV_OFFSET_CURRENT makes the call a zov_flRead().
+ *
+ * @param descriptor  the descriptor
+ * @param offset      offset in bytes
+ * @param buffer      where the bytes go
+ * @param lengthBytes how many to read at most
+ * @return as zov_flRead().
+ *
+ * Threads: any, with a real offset; else one at a time. Cost: the system call.
+ */
+ZOV_API uint32_t zov_flSeekRead(uint64_t descriptor, int64_t offset, void *buffer,
+                                uint32_t lengthBytes);
+
+/**
+ * Waits until everything written through any descriptor of the file is on the
+ * disk.
+ *
+ * @return #ZOV_OKAY or #ZOV_ERROR. After a failure what was written may be
+ *         lost, and a second call that succeeds does not bring it back.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flSync(uint64_t descriptor);
+
+/**
+ * Tells the size of a file.
+ * @return bytes; 0 also for what is not an open descriptor.
+ * Threads: any.
+ */
+ZOV_API int64_t zov_flSize(uint64_t descriptor);
+
+/**
+ * Cuts a file off or lengthens it with zero bytes. The position stays.
+ *
+ * @param descriptor the descriptor, open for writing
+ * @param sizeBytes  the new size
+ * @return 0, or -1 with errno set.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
+
+/**
+ * Takes the exclusive advisory lock on a whole file, without waiting. The lock
+ * belongs to what the descriptor was opened as: another descriptor of the same
+ * file is refused, in this process as in any other, while the same descriptor
+ * gets it again.
+ *
+ * @return #ZOV_OKAY, or #ZOV_ERROR when it is held elsewhere or the call
+ *         failed.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flLock(uint64_t descriptor);
+
+/**
+ * Releases the lock of zov_flLock(), as closing the descriptor does.
+ * @return 0, or -1 with errno set.
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flUnlock(uint64_t descriptor);
+
+/**
+ * Renames a file or directory within its file system. What has the new name is
+ * replaced in one step: at any moment the name is the old or the new file.
+ *
+ * @param oldPath path of what exists
+ * @param newPath path it shall have
+ * @return 0, or -1 with errno set.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flRename(const char *oldPath, const char *newPath);
+
+/**
+ * Removes a file or an empty directory.
+ * @return 0, or -1 with errno set.
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flRemove(const char *path);
+
+/**
+ * Asks whether a path can be used. With a place for the second answer it is
+ * enough that the path exists. Without one it must open for reading, which is
+ * tried, and may wait where opening waits, as on a FIFO.
+ *
+ * @param path        path; links are followed
+ * @param isDirectory gets 1 for a directory, else 0; or null
+ * @return 1 or 0.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_flValidate(const char *path, int32_t *isDirectory);
+
+/**
+ * Tells when a file was last modified.
+ * @return whole seconds since 1970, UTC, of what the path leads to, or -1.
+ * Threads: any.
+ */
+ZOV_API int64_t zov_flModTime(const char *path);
+
+/**
+ * Creates a directory, with permissions 0777 less the process's umask.
+ *
+ * @param path path, of which all but the last part must exist
+ * @return #ZOV_OKAY; #ZOV_EXISTS when something has that name; #ZOV_ERROR for
+ *         any other failure, and always under the diskless flag.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_dirCreate(const char *path);
+
+/**
+ * Removes an empty directory. One that is missing counts as removed.
+ *
+ * @param path path
+ * @return #ZOV_OKAY; #ZOV_ERROR on failure, and always under the diskless flag.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_dirRemove(const char *path);
+
 /* ========================================================================
  * files/zovfile: file handles
  * ======================================================================== */
+
+/** An open file: on disk, in memory, or a standard stream. */
+typedef struct FileHandle *ZOV_FILE;
+
+/** Type flag: the file lives in the process's memory, not on disk. */
+#define ZOV_FILE_MEMORY 0x0040u
+/** Type flag: the file is never synced. */
+#define ZOV_FILE_NOSYNC 0x0200u
+
+/**
+ * Starts the file handles. For zov_init() only.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_fileInit(void);
+
+/** Releases the memory of every handle; files still open are abandoned, not
+ *  closed. For zov_term() only. */
+ZOV_API void zov_fileTerm(void);
+
+/**
+ * Opens a file. The paths "stdin", "stdout" and "stderr" stand for the
+ * standard streams whatever the flags, unless #ZOV_FILE_MEMORY is set.
+ *
+ * @param path      path; null gives null
+ * @param openFlags the O_ flags of POSIX open(). O_TRUNC brings O_CREAT with it
+ * @param typeFlags #ZOV_FILE_MEMORY, #ZOV_FILE_NOSYNC and flags of the
+ *                  caller's own; the low 16 bits count
+ * @return the handle, to be closed with zov_fileClose(), or null: the library
+ *         is not started, memory is short, the system refuses (errno says
+ *         why), the read-only flag forbids opening a disk file to write or
+ *         create it, or the diskless flag any disk file.
+ *
+ * Threads: any. Cost: one allocation and open(). Messages: that of a failed
+ * allocation.
+ */
+ZOV_API ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags);
+
+/**
+ * Closes a file; a standard stream stays open beneath its handle. Nobody may
+ * hold the handle's lock. errno stays as it was unless the system fails to
+ * close the file, when it says why.
+ *
+ * Threads: one, when no other call on the handle is under way.
+ * Messages: "Inconsistent file state %s", with the path, for a handle that has
+ * lost its descriptor.
+ */
+ZOV_API void zov_fileClose(ZOV_FILE file);
+
+/**
+ * Moves the current position of a file.
+ *
+ * @param file   the file
+ * @param offset bytes, from where whence says
+ * @param whence SEEK_SET, SEEK_CUR or SEEK_END
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ *
+ * Threads: one at a time.
+ */
+ZOV_API int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence);
+
+/**
+ * Writes at the current position and moves it. A short count is returned as it
+ * comes; nothing is written twice.
+ *
+ * @param file        the file
+ * @param buffer      what to write
+ * @param lengthBytes how much of it; 0 does nothing
+ * @return the bytes written; 0 for a disk file under the read-only flag;
+ *         #ZOV_IO_FAILED on failure, with errno set.
+ *
+ * Threads: one at a time. Cost: one system call.
+ * Messages: "Write failed, errno = %d", on the process's standard error.
+ */
+ZOV_API uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes);
+
+/**
+ * Reads at the current position and moves it.
+ *
+ * @param file        the file
+ * @param buffer      where the bytes go
+ * @param lengthBytes how many to read at most; 0 does nothing
+ * @return the bytes read, 0 at the end of the file, or #ZOV_IO_FAILED on
+ *         failure, with errno set.
+ *
+ * Threads: one at a time. Cost: one system call.
+ * Messages: "Read failed, errno = %d".
+ */
+ZOV_API uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes);
+
+/**
+ * Writes at an offset and leaves the current position of a disk file alone;
+ * otherwise as zov_fileWrite().
+ *
+ * @param file        the file
+ * @param offset      offset in bytes, or #ZOV_OFFSET_CURRENT to write at the
+ *                    current position and move it
+ * @param buffer      what to write
+ * @param lengthBytes how much of it; 0 does nothing
+ * @return as zov_fileWrite().
+ *
+ * Threads: any, on a disk file with a real offset; else one at a time.
+ * Cost: one system call. Messages: "Failed to seek and write, errno = %d".
+ */
+ZOV_API uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
+                                   uint32_t lengthBytes);
+
+/**
+ * Reads at an offset and leaves the current position of a disk file alone;
+ * otherwise as zov_fileRead().
+ *
+ * @param file        the file
+ * @param offset      offset in bytes, or #ZOV_OFFSET_CURRENT to read at the
+ *                    current position and move it
+ * @param buffer      where the bytes go
+ * @param lengthBytes how many to read at most; 0 does nothing
+ * @return as zov_fileRead().
+ *
+ * Threads: any, on a disk file with a real offset; else one at a time.
+ * Cost: one system call. Messages: "Failed to seek and read, errno = %d".
+ */
+ZOV_API uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer,
+                                  uint32_t lengthBytes);
+
+/**
+ * Tells the size of an open file.
+ * @return bytes; 0 also when the system does not say.
+ * Threads: any.
+ */
+ZOV_API int64_t zov_fileLength(ZOV_FILE file);
+
+/**
+ * Tells the size of a file without opening it.
+ *
+ * @param path      path; links are followed
+ * @param typeFlags type flags as for zov_fileOpen()
+ * @return bytes, or -1 when there is no such file.
+ *
+ * Threads: any.
+ */
+ZOV_API int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags);
+
+/**
+ * Cuts a file off or lengthens it with zero bytes. The position stays.
+ *
+ * @param file      the file, open for writing
+ * @param sizeBytes the new size
+ * @return 0; -1 on failure, and for a disk file under the read-only flag.
+ *
+ * Threads: any, on a disk file.
+ */
+ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
+
+/**
+ * Locks a file for the caller. Waits for another thread that holds it through
+ * the same handle, but not for another handle or process. A thread may lock a
+ * handle again; the first unlock then already lets other processes in.
+ *
+ * @return #ZOV_OKAY, or a status that is not 0, at once, when the file is
+ *         locked through another handle or by another process.
+ *
+ * Threads: any. Cost: one lock pair and one system call; the first lock of a
+ * handle also makes its mutex. Messages: those of a failed zov_syncCreate_check(),
+ * without which threads of one handle are not kept apart.
+ */
+ZOV_API int32_t zov_fileLock(ZOV_FILE file);
+
+/**
+ * Unlocks a file.
+ * Threads: the one that locked it.
+ */
+ZOV_API void zov_fileUnlock(ZOV_FILE file);
+
+/**
+ * Waits until what was written to a file is on the disk. Does nothing for a
+ * file opened with #ZOV_FILE_MEMORY or #ZOV_FILE_NOSYNC, nor under the
+ * read-only flag.
+ *
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_fileSync(ZOV_FILE file);
+
+/**
+ * Tells when a file was last modified.
+ *
+ * @param path      path; links are followed
+ * @param typeFlags type flags as for zov_fileOpen()
+ * @return whole seconds since 1970, UTC; -1 when there is no such file, and
+ *         for a disk file under the diskless flag.
+ *
+ * Threads: any.
+ */
+ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
 
 /* ========================================================================
  * files/zovfile_util: file and directory utilities
@@ -544,6 +970,76 @@ ZOV_API void zov_version(uint16_t *major, uint16_t *minor, uint16_t *build);
 /* ========================================================================
  * files/zovfile_path: paths
  * ======================================================================== */
+
+/** Answer of zov_pathIsDir() for no path at all. */
+#define ZOV_PATH_EMPTY UINT32_MAX
+
+/**
+ * Tells the current directory, "/" under the diskless flag.
+ *
+ * @return the path, without a slash at its end unless it is the root, in
+ *         memory of the caller; null when the system does not say (errno says
+ *         why) or memory is short.
+ *
+ * Threads: any. Cost: one system call and one growth for every 10 bytes of it.
+ * Messages, may jump: as zov_getMem() on the default tag.
+ */
+ZOV_API char *zov_currdir(void);
+
+/**
+ * Asks whether a path begins at the root.
+ * @return 1 or 0.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_pathIsFullyQualified(const char *path);
+
+/**
+ * Makes a path absolute, as a directory: the result ends in a slash even when
+ * the path names a file. Dots and double slashes stay as they are.
+ *
+ * @param path path; null, "", "." and "./" mean the current directory
+ * @return the absolute path, in memory of the caller, or null, as
+ *         zov_currdir().
+ *
+ * Threads: any. Messages, may jump: as zov_getMem() on the default tag.
+ */
+ZOV_API char *zov_fullpath(const char *path);
+
+/**
+ * Splits a path at its last slash.
+ *
+ * @param path      path
+ * @param directory gets everything up to the slash and with it, null when there
+ *                  is none; or null
+ * @param name      gets what follows the slash, null when nothing does; or null
+ *
+ * Both are in memory of the caller, and null too when memory is short.
+ *
+ * Threads: any. Messages, may jump: as zov_getMem() on the default tag; what
+ * was split off before the jump is in its place, the other is null.
+ */
+ZOV_API void zov_pathSplit(const char *path, char **directory, char **name);
+
+/**
+ * Asks whether a path is written as a directory, with a slash at its end.
+ * @return 1 or 0; #ZOV_PATH_EMPTY for a null or empty path.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API uint32_t zov_pathIsDir(const char *path);
+
+/**
+ * Skips the drive of a path. There are none on this platform.
+ * @return the path itself.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API const char *zov_pathStripDrive(const char *path);
+
+/**
+ * Asks whether a path itself is a symbolic link, which may lead nowhere.
+ * @return 1, or 0 also when there is nothing of that name.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_pathIsLink(const char *path);
 
 /* ========================================================================
  * files/zovutf8: UTF-8 and wide strings

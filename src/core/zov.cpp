@@ -41,6 +41,7 @@ struct Stage {
 constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
+    {zov_fileInit, zov_fileTerm},
 };
 
 int32_t _zov_init() {
@@ -58,6 +59,7 @@ int32_t _zov_init() {
 
 void _zov_term() {
   zov::storeFlag(zov_terminating, 1);
+  zov_fileTerm();
   zov_syncShutdown();
   zov_memTerm();
   zov_syncTerm();

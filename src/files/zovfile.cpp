@@ -1,0 +1,330 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// File handles: one kind of handle for disk files, the three standard streams
+// and files in memory. Every operation looks at its handle and forwards to the
+// layer that holds the file.
+//
+//   ZOV_FILE -> FileHandle { fd, flags, lockMutex, path } "path\0"
+//                            |
+//                            +-> zov_fl* -> the system
+//
+// A handle is one block of fileTag with its path behind the record, so that
+// opening allocates once, before there is a descriptor to lose. The descriptor
+// stays open from open to close.
+//
+// The process-wide flags are enforced here: under the read-only flag disk files
+// are not opened for writing, written, resized or synced, and under the
+// diskless flag they are not opened at all. Neither concerns the standard
+// streams.
+//
+// lockMutex makes threads of this process queue up for a handle; the system's
+// file lock, taken under it, keeps other handles and processes out. Nothing
+// else locks: transfers cost one system call, a few tests and no more.
+//
+// fileTag is private and never armed, so of the functions here only
+// zov_fileOpenW() may jump, which allocates its copy of the path elsewhere.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <new>
+
+#include "core/zov_private.h"
+#include "text/zov_output.h"
+
+// 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
+//    system answers a transfer of it with EBADF.
+// 2. path lies behind the record, in the same block.
+// 3. lockMutex changes once, from ZOV_NO_SYNC to the mutex.
+struct FileHandle {
+  const char *path;
+  uint64_t fd;
+  uint32_t openFlags;  // without those that must take effect only once
+  uint16_t typeFlags;
+  uint16_t isStd;  // 1: a standard stream, whose descriptor stays open
+  // Rank 7: held from zov_fileLock() to zov_fileUnlock(); guards what the
+  // callers agree it guards. Made by the first lock.
+  std::atomic<uint64_t> lockMutex;
+};
+
+namespace {
+
+constexpr uint32_t kWriteFlags = O_WRONLY | O_RDWR | O_CREAT;
+
+// The tag of every handle, from start-up to shut-down.
+ZOV_TAG fileTag = ZOV_NO_TAG;
+
+bool isInMemory(uint32_t typeFlags) {
+  return (typeFlags & ZOV_FILE_MEMORY) != 0;
+}
+
+// Disk files are not written under the read-only flag; standard streams are.
+bool isWriteProtected(const FileHandle &file) {
+  return zov::loadFlag(zov_readonly) != 0 && file.isStd == 0;
+}
+
+void reportWrite() {
+  const int error = errno;
+  fprintf(stderr, "Write failed, errno = %d\n", error);
+  errno = error;
+}
+
+void reportRead() {
+  const int error = errno;
+  zov_log("Read failed, errno = %d\n", error);
+  errno = error;
+}
+
+void reportSeek(const char *direction) {
+  const int error = errno;
+  zov_log("Failed to seek and %s, errno = %d\n", direction, error);
+  errno = error;
+}
+
+// The number of the standard stream a path names, or -1.
+int32_t standardStream(const char *path) {
+  if (strcmp(path, "stdout") == 0) {
+    return STDOUT_FILENO;
+  }
+  if (strcmp(path, "stdin") == 0) {
+    return STDIN_FILENO;
+  }
+  return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
+}
+
+// Opens what the handle names. Reserved names come before the process-wide
+// flags. A file in memory is no concern of the disk whatever its name.
+int32_t openFile(FileHandle &file) {
+  if (isInMemory(file.typeFlags)) {
+    return ZOV_ERROR;
+  }
+  const int32_t streamNumber = standardStream(file.path);
+  if (streamNumber >= 0) {
+    file.isStd = 1;
+    return zov_flOpenStd(&file.fd, streamNumber);
+  }
+  if (zov::loadFlag(zov_readonly) != 0 && (file.openFlags & kWriteFlags) != 0) {
+    return ZOV_ERROR;
+  }
+  if (zov::loadFlag(zov_diskless) != 0) {
+    return ZOV_ERROR;
+  }
+  return zov_flOpen(file.path, file.openFlags, 0, &file.fd);
+}
+
+// Releases a handle whose file is closed or never opened. errno stays as it is,
+// since the caller is about to read what went wrong before.
+void cleanupFile(FileHandle *file) {
+  const int error = errno;
+  zov_syncDelete(file->lockMutex.load(std::memory_order_acquire));
+  zov_freeMem(file, fileTag);
+  errno = error;
+}
+
+FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) {
+  const size_t pathBytes = strlen(path) + 1;
+  void *block =
+      zov_getMem(sizeof(FileHandle) + pathBytes, fileTag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
+  if (block == nullptr) {
+    return nullptr;
+  }
+  char *copy = static_cast<char *>(block) + sizeof(FileHandle);
+  memcpy(copy, path, pathBytes);
+  return new (block) FileHandle{.path = copy,
+                                .fd = ZOV_NO_DESCRIPTOR,
+                                .openFlags = openFlags,
+                                .typeFlags = static_cast<uint16_t>(typeFlags),
+                                .isStd = 0,
+                                .lockMutex = ZOV_NO_SYNC};
+}
+
+FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
+  if (!zov::started() || path == nullptr) {
+    return nullptr;
+  }
+  // Truncating always creates what is missing.
+  const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
+  FileHandle *file = newHandle(path, created, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  if (openFile(*file) != ZOV_OKAY) {
+    cleanupFile(file);
+    return nullptr;
+  }
+  file->openFlags &= ~static_cast<uint32_t>(O_CREAT | O_TRUNC);
+  return file;
+}
+
+void reportInconsistent(const FileHandle &file) {
+  if (strcmp(file.path, "stdout") != 0) {
+    const int error = errno;
+    zov_log("Inconsistent file state %s\n", file.path);
+    errno = error;
+  }
+}
+
+uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBytes) {
+  if (isWriteProtected(file)) {
+    return 0;
+  }
+  const uint32_t written = zov_flWrite(file.fd, buffer, lengthBytes);
+  if (written == ZOV_IO_FAILED) [[unlikely]] {
+    reportWrite();
+  }
+  return written;
+}
+
+uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
+  const uint32_t count = zov_flRead(file.fd, buffer, lengthBytes);
+  if (count == ZOV_IO_FAILED) [[unlikely]] {
+    reportRead();
+  }
+  return count;
+}
+
+uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffer,
+                       uint32_t lengthBytes) {
+  return isWriteProtected(file) ? 0 : zov_flSeekWrite(file.fd, offset, buffer, lengthBytes);
+}
+
+// The mutex of a handle, made if there is none yet. Two threads may make one
+// each; the first to store its own wins. ZOV_NO_SYNC when none can be made.
+ZOV_SYNC ensureLockMutex(FileHandle &file) {
+  uint64_t current = file.lockMutex.load(std::memory_order_acquire);
+  if (current != ZOV_NO_SYNC) {
+    return current;
+  }
+  const ZOV_SYNC created = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  if (created == ZOV_NO_SYNC) {
+    return file.lockMutex.load(std::memory_order_acquire);
+  }
+  if (!file.lockMutex.compare_exchange_strong(current, created, std::memory_order_acq_rel)) {
+    zov_syncDelete(created);
+    return current;
+  }
+  return created;
+}
+
+void leaveIfAny(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
+  if (mutex != ZOV_NO_SYNC) {
+    zov_syncExitExcl(mutex);
+  }
+}
+
+// Takes the mutex, waiting for threads of this process, then the file's lock,
+// waiting for nobody. On success both stay held. Without a mutex, which takes a
+// full table or a lack of memory, the file's lock has to do.
+int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
+  const ZOV_SYNC mutex = ensureLockMutex(file);
+  if (mutex != ZOV_NO_SYNC) {
+    zov_syncEnterExcl(mutex);
+  }
+  const int32_t status = zov_flLock(file.fd);
+  if (status != ZOV_OKAY) {
+    leaveIfAny(mutex);
+  }
+  return status;
+}
+
+void unlockFile(FileHandle &file) {
+  zov_flUnlock(file.fd);
+  leaveIfAny(file.lockMutex.load(std::memory_order_acquire));
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) {
+  return _fileOpenMinSize(path, openFlags, typeFlags);
+}
+
+void zov_fileClose(ZOV_FILE file) {
+  if (file->fd == ZOV_NO_DESCRIPTOR) {
+    reportInconsistent(*file);
+  } else if (file->isStd == 0) {
+    zov_flClose(file->fd);
+  }
+  cleanupFile(file);
+}
+
+int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence) {
+  return zov_flSeek(file->fd, offset, whence);
+}
+
+uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes) {
+  return lengthBytes == 0 ? 0 : fileWrite(*file, buffer, lengthBytes);
+}
+
+uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes) {
+  return lengthBytes == 0 ? 0 : fileRead(*file, buffer, lengthBytes);
+}
+
+uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
+                           uint32_t lengthBytes) {
+  if (lengthBytes == 0) {
+    return 0;
+  }
+  const uint32_t written = fileSeekWrite(*file, offset, buffer, lengthBytes);
+  if (written == ZOV_IO_FAILED) [[unlikely]] {
+    reportSeek("write");
+  }
+  return written;
+}
+
+uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t lengthBytes) {
+  if (lengthBytes == 0) {
+    return 0;
+  }
+  const uint32_t count = zov_flSeekRead(file->fd, offset, buffer, lengthBytes);
+  if (count == ZOV_IO_FAILED) [[unlikely]] {
+    reportSeek("read");
+  }
+  return count;
+}
+
+int64_t zov_fileLength(ZOV_FILE file) {
+  return zov_flSize(file->fd);
+}
+
+int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags) {
+  struct stat status;
+  return !isInMemory(typeFlags) && stat(path, &status) == 0 ? status.st_size : -1;
+}
+
+int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes) {
+  return isWriteProtected(*file) ? -1 : zov_flSetSize(file->fd, sizeBytes);
+}
+
+int32_t zov_fileLock(ZOV_FILE file) {
+  return lockFile(*file);
+}
+
+void zov_fileUnlock(ZOV_FILE file) {
+  unlockFile(*file);
+}
+
+int32_t zov_fileSync(ZOV_FILE file) {
+  const bool isUnsynced = (file->typeFlags & (ZOV_FILE_MEMORY | ZOV_FILE_NOSYNC)) != 0;
+  return isUnsynced || zov::loadFlag(zov_readonly) != 0 ? ZOV_OKAY : zov_flSync(file->fd);
+}
+
+int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags) {
+  return isInMemory(typeFlags) || zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
+}
+
+int32_t zov_fileInit() {
+  fileTag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  return fileTag == ZOV_NO_TAG ? ZOV_ERROR : ZOV_OKAY;
+}
+
+void zov_fileTerm() {
+  zov_freeTagMemory(fileTag, 1);
+  fileTag = ZOV_NO_TAG;
+}
+}

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A directory of a test's own, which goes with all that is in it.
+#ifndef TESTS_SUPPORT_TEMP_DIR_H
+#define TESTS_SUPPORT_TEMP_DIR_H
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+namespace zovtest {
+
+class TempDir {
+ public:
+  TempDir() {
+    path_ = (std::filesystem::temp_directory_path() / "zovtest.XXXXXX").string();
+    if (mkdtemp(path_.data()) == nullptr) {
+      abort();
+    }
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace zovtest
+
+#endif
