@@ -34,6 +34,7 @@
 #include <new>
 
 #include "core/zov_private.h"
+#include "files/zovunix_private.h"
 #include "text/zov_output.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
@@ -172,7 +173,7 @@ uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBy
   if (isWriteProtected(file)) {
     return 0;
   }
-  const uint32_t written = zov_flWrite(file.fd, buffer, lengthBytes);
+  const uint32_t written = zov::nativeWrite(file.fd, buffer, lengthBytes);
   if (written == ZOV_IO_FAILED) [[unlikely]] {
     reportWrite();
   }
@@ -180,7 +181,7 @@ uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBy
 }
 
 uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
-  const uint32_t count = zov_flRead(file.fd, buffer, lengthBytes);
+  const uint32_t count = zov::nativeRead(file.fd, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportRead();
   }
@@ -189,7 +190,7 @@ uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
 
 uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffer,
                        uint32_t lengthBytes) {
-  return isWriteProtected(file) ? 0 : zov_flSeekWrite(file.fd, offset, buffer, lengthBytes);
+  return isWriteProtected(file) ? 0 : zov::nativeSeekWrite(file.fd, offset, buffer, lengthBytes);
 }
 
 // The mutex of a handle, made if there is none yet. Two threads may make one
@@ -281,7 +282,7 @@ uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t 
   if (lengthBytes == 0) {
     return 0;
   }
-  const uint32_t count = zov_flSeekRead(file->fd, offset, buffer, lengthBytes);
+  const uint32_t count = zov::nativeSeekRead(file->fd, offset, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportSeek("read");
   }

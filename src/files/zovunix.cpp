@@ -19,22 +19,12 @@
 #include <unistd.h>
 
 #include "core/zov_private.h"
+#include "files/zovunix_private.h"
 
 namespace {
 
 constexpr mode_t kFileMode = 0666;
 constexpr mode_t kDirectoryMode = 0777;
-
-int nativeOf(uint64_t descriptor) {
-  return static_cast<int>(descriptor);
-}
-
-// A transfer's outcome from what the system call returned, with errno cleared
-// before the call.
-uint32_t transferred(ssize_t result) {
-  return static_cast<int32_t>(result) < 0 && errno != 0 ? ZOV_IO_FAILED
-                                                        : static_cast<uint32_t>(result);
-}
 
 // 1 if the path exists, links followed, else 0. Where isDirectory is given it
 // gets 1 for a directory and 0 for anything else, a missing path included.
@@ -74,59 +64,49 @@ int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber) {
 }
 
 int32_t zov_flClose(uint64_t descriptor) {
-  return close(nativeOf(descriptor));
+  return close(zov::nativeOf(descriptor));
 }
 
 int32_t zov_flSeek(uint64_t descriptor, int64_t offset, int32_t whence) {
-  return lseek(nativeOf(descriptor), offset, whence) == -1 ? ZOV_ERROR : ZOV_OKAY;
+  return lseek(zov::nativeOf(descriptor), offset, whence) == -1 ? ZOV_ERROR : ZOV_OKAY;
 }
 
 uint32_t zov_flWrite(uint64_t descriptor, const void *buffer, uint32_t lengthBytes) {
-  errno = 0;
-  return transferred(write(nativeOf(descriptor), buffer, lengthBytes));
+  return zov::nativeWrite(descriptor, buffer, lengthBytes);
 }
 
 uint32_t zov_flRead(uint64_t descriptor, void *buffer, uint32_t lengthBytes) {
-  errno = 0;
-  return transferred(read(nativeOf(descriptor), buffer, lengthBytes));
+  return zov::nativeRead(descriptor, buffer, lengthBytes);
 }
 
 uint32_t zov_flSeekWrite(uint64_t descriptor, int64_t offset, const void *buffer,
                          uint32_t lengthBytes) {
-  if (offset == ZOV_OFFSET_CURRENT) {
-    return zov_flWrite(descriptor, buffer, lengthBytes);
-  }
-  errno = 0;
-  return transferred(pwrite(nativeOf(descriptor), buffer, lengthBytes, offset));
+  return zov::nativeSeekWrite(descriptor, offset, buffer, lengthBytes);
 }
 
 uint32_t zov_flSeekRead(uint64_t descriptor, int64_t offset, void *buffer, uint32_t lengthBytes) {
-  if (offset == ZOV_OFFSET_CURRENT) {
-    return zov_flRead(descriptor, buffer, lengthBytes);
-  }
-  errno = 0;
-  return transferred(pread(nativeOf(descriptor), buffer, lengthBytes, offset));
+  return zov::nativeSeekRead(descriptor, offset, buffer, lengthBytes);
 }
 
 int32_t zov_flSync(uint64_t descriptor) {
-  return fsync(nativeOf(descriptor)) == 0 ? ZOV_OKAY : ZOV_ERROR;
+  return fsync(zov::nativeOf(descriptor)) == 0 ? ZOV_OKAY : ZOV_ERROR;
 }
 
 int64_t zov_flSize(uint64_t descriptor) {
   struct stat status;
-  return fstat(nativeOf(descriptor), &status) == 0 ? status.st_size : 0;
+  return fstat(zov::nativeOf(descriptor), &status) == 0 ? status.st_size : 0;
 }
 
 int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes) {
-  return ftruncate(nativeOf(descriptor), sizeBytes);
+  return ftruncate(zov::nativeOf(descriptor), sizeBytes);
 }
 
 int32_t zov_flLock(uint64_t descriptor) {
-  return flock(nativeOf(descriptor), LOCK_EX | LOCK_NB) == 0 ? ZOV_OKAY : ZOV_ERROR;
+  return flock(zov::nativeOf(descriptor), LOCK_EX | LOCK_NB) == 0 ? ZOV_OKAY : ZOV_ERROR;
 }
 
 int32_t zov_flUnlock(uint64_t descriptor) {
-  return flock(nativeOf(descriptor), LOCK_UN | LOCK_NB);
+  return flock(zov::nativeOf(descriptor), LOCK_UN | LOCK_NB);
 }
 
 int32_t zov_flRename(const char *oldPath, const char *newPath) {
