@@ -1043,11 +1043,153 @@ ZOV_API int32_t zov_pathIsLink(const char *path);
 
 /* ========================================================================
  * files/zovutf8: UTF-8 and wide strings
+ *
+ * UTF-8 is that of RFC 3629. Pure functions but for the three that allocate:
+ * any thread, at any time.
  * ======================================================================== */
+
+/** Error mode of a conversion: the first invalid unit fails it. Any value but
+ *  #ZOV_UTF8_REPLACE means this. */
+#define ZOV_UTF8_STRICT 0u
+/** Error mode of a conversion: every invalid unit becomes one `?`. */
+#define ZOV_UTF8_REPLACE 1u
+
+/** What a failed conversion returns. */
+#define ZOV_UTF8_FAILED UINT32_MAX
+
+/**
+ * Encodes one code point as UTF-8. A surrogate is encoded like any other value
+ * of three bytes; no terminator is stored.
+ *
+ * @param codePoint   the code point
+ * @param out         place for at least 4 bytes, or null
+ * @param lengthBytes place for the length, 1 to 4, or null. A value above
+ *                    0x10FFFF has the length 0 and stores nothing.
+ */
+ZOV_API void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes);
+
+/**
+ * Converts a wide string to UTF-8. Surrogates and values above 0x10FFFF are
+ * the invalid units. A result that does not fit is cut behind the last whole
+ * character that does; the text behind the cut is not looked at.
+ *
+ * @param out       place for the result, always terminated; null to measure it
+ * @param text      the wide string
+ * @param sizeBytes room at out in bytes. With 0 nothing bounds the result and it
+ *                  is not terminated: the caller answers for the room.
+ * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
+ * @return bytes of the result, the terminator among them, or #ZOV_UTF8_FAILED
+ *         for an invalid unit in the strict mode and for a result of 4 GiB.
+ *
+ * Cost: ASCII runs at the speed of memory, other text without a branch a
+ * character.
+ */
+ZOV_API uint32_t zov_wchar_to_utf8(char *out, const wchar_t *text, uint32_t sizeBytes,
+                                   uint32_t errorMode);
+
+/**
+ * zov_wchar_to_utf8() for a number of characters, zeros among them, each of
+ * which becomes a zero byte. The result is terminated all the same.
+ *
+ * @param lengthChars characters to convert
+ */
+ZOV_API uint32_t zov_wchar_to_utf8_len(char *out, uint32_t sizeBytes, const wchar_t *text,
+                                       uint32_t lengthChars, uint32_t errorMode);
+
+/**
+ * Converts a wide string to UTF-8 in memory of its own.
+ *
+ * @param text      the wide string; null gives null
+ * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
+ * @return the string, to be released with zov_freeMem() on the default tag, or
+ *         null when an invalid unit was refused or memory is short.
+ *
+ * Threads: any, while the library is started.
+ * Messages: that of a failed allocation.
+ * May jump: when memory is short.
+ */
+ZOV_API char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode);
+
+/**
+ * Converts UTF-8 to a wide string. Every byte of a broken sequence is an
+ * invalid unit: stray continuation bytes, sequences longer than their value
+ * needs, surrogates, values above 0x10FFFF, U+FFFE and U+FFFF. A byte that
+ * should have continued a sequence is part of the broken sequence and never
+ * begins a new character.
+ *
+ * A result that does not fit is cut. The text behind the cut is still
+ * examined, and fails the conversion in the strict mode where it is invalid.
+ * A sequence still open at the end of the text counts one unit for each of its
+ * bytes; if these do not all fit the conversion fails.
+ *
+ * @param out       place for the result, always terminated; null to measure it
+ * @param text      the UTF-8 string
+ * @param sizeChars room at out in wide characters. With 0 nothing bounds the
+ *                  result and it is not terminated: the caller answers for the
+ *                  room.
+ * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
+ * @return characters of the result, the terminator among them, or
+ *         #ZOV_UTF8_FAILED as said above and for a result of 2^32 characters.
+ */
+ZOV_API uint32_t zov_utf8_to_wchar(wchar_t *out, const char *text, uint32_t sizeChars,
+                                   uint32_t errorMode);
+
+/**
+ * zov_utf8_to_wchar() for a number of bytes, zeros among them, each of which
+ * becomes a zero character where it does not break a sequence.
+ *
+ * @param lengthBytes bytes to convert
+ */
+ZOV_API uint32_t zov_utf8_to_wchar_len(wchar_t *out, uint32_t sizeChars, const char *text,
+                                       uint32_t lengthBytes, uint32_t errorMode);
+
+/**
+ * Converts UTF-8 to a wide string in memory of its own; otherwise as
+ * zov_convertToUTF8().
+ *
+ * @param text the UTF-8 string; null gives null
+ */
+ZOV_API wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode);
+
+/**
+ * Converts an argument list to UTF-8 in the strict mode.
+ *
+ * @param count     number of arguments
+ * @param arguments the wide strings; null ones stay null
+ * @param out       place for the array of as many strings, null on failure. The
+ *                  strings and the array are each to be released with
+ *                  zov_freeMem() on the default tag.
+ * @return #ZOV_OKAY, or #ZOV_ERROR when an argument is invalid, memory is short
+ *         or count is negative.
+ *
+ * Threads: any, while the library is started.
+ * Messages: that of a failed allocation.
+ * May jump: when memory is short; what was converted by then stays allocated.
+ */
+ZOV_API int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out);
 
 /* ========================================================================
  * files/zovfile_match: wildcard matching
  * ======================================================================== */
+
+/**
+ * Tells whether a file name matches a pattern. `?` stands for any one
+ * character, `*` for any number of them; every other character stands for
+ * itself in either case, by libc's case table for single bytes.
+ *
+ * The character that follows a `*` always stands for itself, also when it is
+ * `?` or `*`: the pattern `*?` matches the names that end in a question mark.
+ * A `*` at the end matches every rest, also none. The empty pattern matches the
+ * empty name only.
+ *
+ * @param name    the name
+ * @param pattern the pattern
+ * @return 1 when the name matches, else 0.
+ *
+ * Threads: any. May be called at any time. Cost: no recursion; at most the
+ * length of the name times that of the pattern.
+ */
+ZOV_API int32_t zov_match(const char *name, const char *pattern);
 
 /* ========================================================================
  * memstore/zovshmheap: shared-memory heap

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// UTF-8 strings in memory of their own, for callers that do not bring a
+// buffer: measured first, then converted into a block of exactly that size.
+// What is handed out belongs to the default tag. The two directions of the
+// conversion are in zovutf8_encode.cpp and zovutf8_decode.cpp.
+//
+// Every function here but zov_utf8_codes() may jump where it allocates.
+// Nothing is held then; what zov_convertArgvToUTF8() has made by then stays
+// with the default tag.
+#include <string.h>
+#include <wchar.h>
+
+#include "files/zovutf8_private.h"
+
+namespace {
+
+// Releases the first strings of an array, from the last back, and the array.
+void releaseStrings(char **strings, int32_t count) {
+  while (count > 0) {
+    zov_freeMem(strings[--count], ZOV_DEFAULT_TAG);
+  }
+  zov_freeMem(strings, ZOV_DEFAULT_TAG);
+}
+
+}  // namespace
+
+extern "C" {
+
+void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes) {
+  const uint32_t length = zov::utf8Length(codePoint);
+  if (lengthBytes != nullptr) {
+    *lengthBytes = length;
+  }
+  if (out != nullptr && length != 0) {
+    zov::storeUtf8(out, codePoint, length);
+  }
+}
+
+char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
+  if (text == nullptr) {
+    return nullptr;
+  }
+  const size_t length = wcslen(text);
+  const uint32_t sizeBytes = zov::encodeWide(nullptr, 0, text, length, errorMode);
+  if (sizeBytes == ZOV_UTF8_FAILED) {
+    return nullptr;
+  }
+  char *converted =
+      static_cast<char *>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  if (converted != nullptr) {
+    zov::encodeWide(converted, sizeBytes, text, length, errorMode);
+  }
+  return converted;
+}
+
+wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
+  if (text == nullptr) {
+    return nullptr;
+  }
+  const size_t length = strlen(text);
+  const uint32_t sizeChars = zov::decodeUtf8(nullptr, 0, text, length, errorMode);
+  if (sizeChars == ZOV_UTF8_FAILED) {
+    return nullptr;
+  }
+  wchar_t *converted = static_cast<wchar_t *>(
+      zov_getMem(sizeChars * sizeof(wchar_t), ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  if (converted != nullptr) {
+    zov::decodeUtf8(converted, sizeChars, text, length, errorMode);
+  }
+  return converted;
+}
+
+int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out) {
+  *out = nullptr;
+  if (count < 0) {
+    return ZOV_ERROR;
+  }
+  // One pointer more than asked for, so that no arguments are an array too.
+  const uint64_t sizeBytes = (static_cast<uint64_t>(count) + 1) * sizeof(char *);
+  char **strings =
+      static_cast<char **>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (strings == nullptr) {
+    return ZOV_ERROR;
+  }
+  for (int32_t index = 0; index < count; ++index) {
+    strings[index] = zov_convertToUTF8(arguments[index], ZOV_UTF8_STRICT);
+    if (strings[index] == nullptr && arguments[index] != nullptr) {
+      releaseStrings(strings, index);
+      return ZOV_ERROR;
+    }
+  }
+  *out = strings;
+  return ZOV_OKAY;
+}
+}
