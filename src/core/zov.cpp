@@ -16,6 +16,7 @@
 #include <iterator>
 
 #include "core/zov_private.h"
+#include "text/zov_output.h"
 
 int32_t zov_inited = 0;
 int32_t zov_terminating = 0;
@@ -26,9 +27,15 @@ const char *server_name = "unknown";
 
 namespace zov {
 thread_local int32_t noJumpDepth = 0;
+thread_local Shortage heldShortage = Shortage::kNone;
 }  // namespace zov
 
 namespace {
+
+// The place of the shortage that waits. Source names are literals here: what
+// allocates under a lock is the library itself.
+thread_local const char *heldSourceName = nullptr;
+thread_local uint32_t heldLine = 0;
 
 // Rank 1: start-up, shut-down, and what else must happen once per process.
 pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -66,7 +73,40 @@ void _zov_term() {
   zov::storeFlag(zov_terminating, 0);
 }
 
+void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
+  switch (what) {
+    case zov::Shortage::kMemory:
+      zov_log("Out of memory. Called from %s:%u\n", sourceName, line);
+      break;
+    case zov::Shortage::kSyncObjects:
+      zov_log("Insufficient number of semaphores, called from %s:%d\n", sourceName,
+              static_cast<int>(line));
+      break;
+    case zov::Shortage::kNone:
+      break;
+  }
+}
+
 }  // namespace
+
+void zov::reportShortage(Shortage what, const char *sourceName, uint32_t line) {
+  if (noJumpDepth == 0) {
+    logShortage(what, sourceName, line);
+  } else if (heldShortage == Shortage::kNone) {
+    heldShortage = what;
+    heldSourceName = sourceName;
+    heldLine = line;
+  }
+}
+
+void zov::releaseHeldShortage() {
+  // Raised and still held, so that what writes the message neither jumps nor
+  // reports a shortage of its own.
+  ++noJumpDepth;
+  logShortage(heldShortage, heldSourceName, heldLine);
+  --noJumpDepth;
+  heldShortage = Shortage::kNone;
+}
 
 extern "C" {
 

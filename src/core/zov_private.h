@@ -39,17 +39,36 @@ inline bool terminating() {
   return loadFlag(zov_terminating) != 0;
 }
 
+// What can run out, each with its message.
+enum class Shortage : uint8_t { kNone, kMemory, kSyncObjects };
+
+// Reports a shortage met by whoever the place names. While a NoJump is live the
+// message waits for the outermost one to end: its way may lead through locks
+// that rank below those held, down to a file in memory that the log goes to.
+// Of several in that time the first is reported.
+void reportShortage(Shortage what, const char *sourceName, uint32_t line);
+
 // Raised while this thread holds a lock of the library around something that
 // allocates: a failing allocation then returns null and never jumps past the
 // unlock. Counts, so that it nests.
 extern thread_local int32_t noJumpDepth;
 
-// Scoped use of noJumpDepth. Nothing jumps while one is live, so its
-// destructor always runs.
+// The kind of the shortage that waits to be reported.
+extern thread_local Shortage heldShortage;
+
+// Reports the shortage that waits.
+void releaseHeldShortage();
+
+// Scoped use of noJumpDepth, to stand before the lock is entered. Nothing jumps
+// while one is live, so its destructor always runs.
 class NoJump {
  public:
   NoJump() { ++noJumpDepth; }
-  ~NoJump() { --noJumpDepth; }
+  ~NoJump() {
+    if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
+      releaseHeldShortage();
+    }
+  }
   NoJump(const NoJump &) = delete;
   NoJump &operator=(const NoJump &) = delete;
 };

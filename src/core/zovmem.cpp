@@ -134,7 +134,7 @@ void reportFailure(Failure failure) {
     return;
   }
   reporting = true;
-  zov_log("Out of memory. Called from %s:%u\n", failure.sourceName, failure.line);
+  zov::reportShortage(zov::Shortage::kMemory, failure.sourceName, failure.line);
   reporting = false;
 }
 

@@ -154,8 +154,7 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
   pthread_mutex_unlock(&semTabMutex);
   zov_freeMem(spare, ZOV_DEFAULT_TAG);
   if (slot == nullptr) {
-    zov_log("Insufficient number of semaphores, called from %s:%d\n", sourceName,
-            static_cast<int>(line));
+    zov::reportShortage(zov::Shortage::kSyncObjects, sourceName, line);
   }
   return slot;
 }

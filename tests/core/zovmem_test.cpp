@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/zov_private.h"
 #include "support/alloc_failure.h"
 #include "zov.h"
 
@@ -235,6 +236,25 @@ TEST_F(Memory, SyncCreationNeverJumps) {
                    [&] { EXPECT_EQ(zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE), ZOV_NO_SYNC); }),
             0);
   EXPECT_NE(zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE), ZOV_NO_SYNC);
+}
+
+// While a lock may be held a failure neither jumps nor says a word; the message
+// follows, and one is enough.
+TEST_F(Memory, NoJumpHoldsMessagesBack) {
+  const std::string out = outputOf([] {
+    EXPECT_EQ(jumpOf(ZOV_DEFAULT_TAG,
+                     [] {
+                       const zov::NoJump outer;
+                       {
+                         const zov::NoJump inner;
+                         EXPECT_EQ(zov_getMem(8, 0, ZOV_MEM_PLAIN, nullptr, "first", 1), nullptr);
+                         EXPECT_EQ(zov_getMem(8, 0, ZOV_MEM_PLAIN, nullptr, "second", 2), nullptr);
+                       }
+                       puts("unlocked");
+                     }),
+              0);
+  });
+  EXPECT_EQ(out, "unlocked\nOut of memory. Called from first:1\n");
 }
 
 struct ModelBlock {
