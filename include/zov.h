@@ -1223,6 +1223,104 @@ ZOV_API int32_t zov_match(const char *name, const char *pattern);
  * text/zov_string: strings and random numbers
  * ======================================================================== */
 
+/**
+ * Converts the lower-case bytes of a string to upper case, in place, by the
+ * locale of the calling thread. Bytes are taken one by one: in a UTF-8 locale
+ * only ASCII letters change.
+ *
+ * @param text the string, or null
+ * @return text.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API char *strupr(char *text);
+
+/** As strupr(), from upper case to lower case. */
+ZOV_API char *strlwr(char *text);
+
+/** As strupr(), for wide strings, whose characters change whole. */
+ZOV_API wchar_t *wcsupr(wchar_t *text);
+
+/** As wcsupr(), from upper case to lower case. */
+ZOV_API wchar_t *wcslwr(wchar_t *text);
+
+/**
+ * Copies as much of a string as fits and terminates it.
+ *
+ * @param destination where to; all size bytes are written, zeros behind the text
+ * @param source      the string; null counts as an empty one
+ * @param size        size of the destination in bytes; with 0 nothing is
+ *                    touched
+ * @return destination.
+ *
+ * Threads: any. May be called at any time.
+ * Cost: writes the whole destination, however short the string.
+ */
+ZOV_API char *zov_strncpyZ(char *destination, const char *source, uint64_t size);
+
+/** As zov_strncpyZ(), for wide strings; size counts characters. */
+ZOV_API wchar_t *zov_wcsncpyZ(wchar_t *destination, const wchar_t *source, uint64_t size);
+
+/**
+ * Rounds to the nearest integer, halves away from zero: floor(value + 0.5), or
+ * ceil(value - 0.5) below zero and for a NaN. The sum is rounded first, so the
+ * largest double below 0.5 gives 1.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API double zov_round(double value);
+
+/** A generator of pseudo-random numbers: the 32-bit Mersenne Twister MT19937
+ *  of Matsumoto and Nishimura. Equal seeds give equal sequences. Not fit for
+ *  secrets. */
+typedef struct RandState *ZOV_RAND;
+
+/**
+ * Makes a generator.
+ *
+ * @param seed the seed; 0 stands for 0x8DF1337C
+ * @return the generator, to be released with zov_randDestroy(), or null.
+ *
+ * Threads: any. Messages: as zov_getMem(). May jump: yes.
+ */
+ZOV_API ZOV_RAND zov_randCreate(uint32_t seed);
+
+/** Releases a generator; null is ignored. Threads: nobody may use it any more. */
+ZOV_API void zov_randDestroy(ZOV_RAND generator);
+
+/**
+ * Starts the sequence of a seed. Here 0 is a seed like any other.
+ * Threads: one at a time.
+ */
+ZOV_API void zov_randSetSeed(ZOV_RAND generator, uint32_t seed);
+
+/** The same as zov_randSetSeed(). */
+ZOV_API void zov_randResetSeed(ZOV_RAND generator, uint32_t seed);
+
+/**
+ * Draws a number.
+ * @return the next of the sequence, from 0 to 4294967295.
+ * Threads: one at a time. Cost: a few instructions; every 624th draw makes the
+ * next 624 words.
+ */
+ZOV_API uint32_t zov_randGetNext(ZOV_RAND generator);
+
+/** As zov_randGetNext(), without the top bit: 0 to 2147483647. */
+ZOV_API int32_t zov_randGet(ZOV_RAND generator);
+
+/** The same as zov_randGetNext(). */
+ZOV_API uint32_t zov_randGetUInt32(ZOV_RAND generator);
+
+/** As zov_randGetNext(), of 64 bits: two draws, the first one above. */
+ZOV_API uint64_t zov_randGetUInt64(ZOV_RAND generator);
+
+/** As zov_randGetNext(), divided by 4294967295: 0.0 to 1.0, both included. */
+ZOV_API double zov_randGetDouble(ZOV_RAND generator);
+
+/** @return 0: no memory checker instruments the process, as far as this
+ *  platform can tell. Threads: any. May be called at any time. */
+ZOV_API int32_t zov_isPurifyRunning(void);
+
 /* ========================================================================
  * config/zovini: INI files
  * ======================================================================== */
