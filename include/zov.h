@@ -1211,6 +1211,82 @@ ZOV_API int32_t zov_match(const char *name, const char *pattern);
  * text/zov_vsnprintf: formatted output
  * ======================================================================== */
 
+/**
+ * Formats text into a buffer of a given size, in the manner of vsnprintf().
+ *
+ * A directive is "%", then in this order flags (any of `-+ #0'`), a width, "."
+ * and a precision, a length modifier (hh h l ll z t j L), and one of the
+ * letters d i u o x X c s p n f F e E g G a A %. The differences from C's own
+ * grammar:
+ *
+ * - A width or precision above 2147483647 in digits, or a width of -2147483648
+ *   by "*", fails the call. There are no positional arguments.
+ * - An unknown letter prints nothing and takes no argument. A format that ends
+ *   within a directive drops it.
+ * - %c ignores its width, %ls and %lc are %s and %c, and %% takes any flags.
+ * - A null %s prints "(null)", or nothing with a precision below 6. A null %p
+ *   prints "(nil)".
+ * - The integer letters with L take no argument and print 0; %n with L does
+ *   nothing.
+ * - The ' flag separates all groups of three digits, whatever the locale says
+ *   of grouping. Separators count against the precision of an integer.
+ * - %#o counts its prefix among the digits of the precision.
+ * - %a and %A are %f and %F.
+ * - Floating point is computed in extended precision and rounded half up, with
+ *   at most 19 digits behind the point: a higher precision means 19. Digits
+ *   beyond the 17th are not exact.
+ * - A value to be printed without an exponent fails the call when its integer
+ *   part is 18446744073709551615 or more.
+ * - Negative zero and NaN print no "-"; %e keeps three digits of an exponent.
+ *
+ * The decimal point and the separators are those of the C locale in force, as
+ * localeconv() tells.
+ *
+ * @param buffer    where the text goes, always terminated; null writes nothing
+ * @param sizeBytes size of buffer; with 0 nothing is written
+ * @param format    the format
+ * @param arguments the arguments, left as they are: a copy is consumed
+ * @return the length of the whole text in bytes without its terminator, however
+ *         much of it did fit; -1 when it is 2147483647 or more or a directive
+ *         failed, with what was printed before that in the buffer.
+ *
+ * Threads: any. May be called at any time, before zov_init() too. Threads
+ * whose own locales (uselocale()) have different separators must not print
+ * numbers with a point or separators at once, since localeconv() has one
+ * result for all.
+ * Cost: no lock, no allocation. What does not fit is counted, not produced.
+ */
+ZOV_API int32_t zov_vsnprintf(char *buffer, uint64_t sizeBytes, const char *format,
+                              va_list arguments) ZOV_PRINTF(3, 0);
+
+/** zov_vsnprintf() with the arguments in the call. */
+ZOV_API int32_t zov_snprintf(char *buffer, uint64_t sizeBytes, const char *format, ...)
+    ZOV_PRINTF(3, 4);
+
+/**
+ * Formats text as zov_vsnprintf() does, into a block of just the size it needs.
+ *
+ * @param sourceName caller's source name
+ * @param line       caller's line
+ * @param tag        the tag to allocate from, 0 for the default one
+ * @param format     the format
+ * @param arguments  the arguments, left as they are
+ * @return the text, to be released with zov_freeMem() on the same tag, or null
+ *         when zov_vsnprintf() would fail or memory is short.
+ *
+ * Threads: any when the tag is thread-safe, else its own thread.
+ * Cost: text of up to 255 bytes is produced once and copied, longer text is
+ * produced twice.
+ * Messages: "Out of memory. Called from %s:%u" with the caller's place.
+ * May jump: to the recovery point of the tag, when memory is short.
+ */
+ZOV_API char *zov_makeStrV(const char *sourceName, uint32_t line, ZOV_TAG tag, const char *format,
+                           va_list arguments) ZOV_PRINTF(4, 0);
+
+/** zov_makeStrV() with the arguments in the call. */
+ZOV_API char *zov_makeStrVA(const char *sourceName, uint32_t line, ZOV_TAG tag, const char *format,
+                            ...) ZOV_PRINTF(4, 5);
+
 /* ========================================================================
  * text/zov_stream: text streams
  * ======================================================================== */

@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The formatter's floating-point numbers. A number is split into two 64-bit
+// integers, what stands before the decimal point and what stands behind it
+// scaled by a power of ten, and both are printed as integers:
+//
+//   leading spaces | sign | zero fill | integer digits and separators | point |
+//   zeros | fraction digits | exponent | trailing spaces
+//
+// All arithmetic is in extended precision (80 bits). The split gives at most 19
+// digits behind the point and refuses an integer part of 64 bits and more. It
+// rounds half up, and the power a number is divided by for the exponent is the
+// product of that many multiplications by ten, or divisions, with the rounding
+// of each: digits beyond the 17th are those of this arithmetic and not of the
+// exact value.
+#include <array>
+#include <bit>
+
+#include "text/zov_vsnprintf_locale.h"
+#include "text/zov_vsnprintf_private.h"
+
+namespace zov {
+
+namespace {
+
+constexpr int32_t kDefaultPrecision = 6;
+// 10^19 is the largest power of ten below 2^64.
+constexpr int32_t kMaxPrecision = 19;
+
+// A finite magnitude as mantissa * 2^-shift, the mantissa's highest bit being
+// set. Zero and what is nearly zero have a shift above 128 and any mantissa; a
+// shift below 0 means 2^64 and above.
+struct Magnitude {
+  uint64_t mantissa;
+  int32_t shift;
+};
+
+// 10^exponent, as the walk from 1 arrives at it.
+struct Decade {
+  int32_t exponent;
+  long double power;
+};
+
+// Counts are bytes.
+struct FloatLayout {
+  char sign = 0;  // '-', '+', ' ' or 0
+  bool useExponent = false;
+  bool stripZeros = false;     // no zeros at the end of the fraction
+  const char *word = nullptr;  // what stands for a value that is no number
+  Magnitude magnitude;
+  Magnitude scaled;  // the magnitude divided by 10^exponent
+  int32_t exponent = 0;
+  int32_t exponentLength = 0;
+  uint64_t integerPart = 0;
+  uint64_t fraction = 0;      // times 10^precision
+  int32_t integerDigits = 0;  // or the length of word
+  int64_t pointLength = 0;    // 0 when no point is shown
+  int64_t separators = 0;
+  int64_t pad = 0;  // below 0: that many trailing spaces
+  char exponentText[5];
+};
+
+// Every sixteenth value of the two walks of get_exponent(), which need not begin
+// at 1 then. The values are those the walks pass through, with the
+// rounding of every step.
+constexpr int32_t kStride = 16;
+using Waypoints = std::array<long double, 4928 / kStride + 1>;
+
+constexpr Waypoints waypoints(bool upwards) {
+  Waypoints points{};
+  points[0] = 1;
+  for (uint32_t point = 1; point < points.size(); ++point) {
+    long double power = points[point - 1];
+    for (int32_t step = 0; step < kStride; ++step) {
+      power = upwards ? power * 10 : power / 10;
+    }
+    points[point] = power;
+  }
+  return points;
+}
+
+constexpr Waypoints kUpwards = waypoints(true);
+constexpr Waypoints kDownwards = waypoints(false);
+
+Magnitude magnitudeOf(double value) {
+  const uint64_t bits = std::bit_cast<uint64_t>(value);
+  const int32_t exponent = static_cast<int32_t>(bits >> 52 & 0x7FF);
+  return {.mantissa = bits << 11 | uint64_t{1} << 63, .shift = 1023 + 63 - exponent};
+}
+
+Magnitude magnitudeOf(const long double &value) {
+  Magnitude magnitude;
+  uint16_t exponent;
+  memcpy(&magnitude.mantissa, &value, sizeof magnitude.mantissa);
+  memcpy(&exponent, reinterpret_cast<const char *>(&value) + sizeof magnitude.mantissa,
+         sizeof exponent);
+  magnitude.shift = 16383 + 63 - (exponent & 0x7FFF);
+  return magnitude;
+}
+
+void calc_float_sign(const FmtSpec &spec, bool negative, FloatLayout &layout) {
+  if (negative) {
+    layout.sign = '-';
+  } else if (spec.has(FMT_PLUS | FMT_SPACE)) {
+    layout.sign = spec.has(FMT_PLUS) ? '+' : ' ';
+  }
+}
+
+const char *get_nan_str(const FmtSpec &spec) {
+  return spec.has(FMT_UPPER) ? "NAN" : "nan";
+}
+
+const char *get_inf_str(const FmtSpec &spec) {
+  return spec.has(FMT_UPPER) ? "INF" : "inf";
+}
+
+void calc_pad(const FmtSpec &spec, int64_t total, FloatLayout &layout) {
+  const int64_t pad = spec.width - (total + (layout.sign != 0 ? 1 : 0));
+  if (pad > 0) {
+    layout.pad = spec.has(FMT_LEFT) ? -pad : pad;
+  }
+}
+
+// Lays out what is no number. False for a number.
+template <typename Float>
+bool check_nan_and_inf(FmtSpec &spec, Float value, FloatLayout &layout) {
+  if (value != value) {
+    layout.word = get_nan_str(spec);
+  } else if (value != 0 && value + value == value) {
+    layout.word = get_inf_str(spec);
+  } else {
+    return false;
+  }
+  layout.integerDigits = 3;
+  spec.flags &= static_cast<uint16_t>(~FMT_ZERO);
+  calc_pad(spec, layout.integerDigits, layout);
+  return true;
+}
+
+Decade walkUp(long double magnitude) {
+  uint32_t point = 0;
+  while (point + 1 < kUpwards.size() && magnitude >= kUpwards[point + 1]) {
+    ++point;
+  }
+  Decade decade{.exponent = static_cast<int32_t>(point) * kStride, .power = kUpwards[point]};
+  for (long double next = decade.power * 10; magnitude >= next; next *= 10) {
+    decade.power = next;
+    ++decade.exponent;
+  }
+  return decade;
+}
+
+Decade walkDown(long double magnitude) {
+  uint32_t point = 0;
+  while (point + 1 < kDownwards.size() && kDownwards[point + 1] > magnitude) {
+    ++point;
+  }
+  Decade decade{.exponent = static_cast<int32_t>(point) * -kStride, .power = kDownwards[point]};
+  for (; decade.power > magnitude; decade.power /= 10) {
+    --decade.exponent;
+  }
+  return decade;
+}
+
+// Finds the decade of a magnitude by walking from 1 in steps of ten. Rounding
+// on the way may put it one off; nothing corrects that.
+Decade get_exponent(long double magnitude) {
+  if (magnitude == 0) {
+    return {.exponent = 0, .power = 1};
+  }
+  return magnitude >= 1 ? walkUp(magnitude) : walkDown(magnitude);
+}
+
+void initial_e_style_setup(FmtSpec &spec, long double magnitude, FloatLayout &layout) {
+  if (spec.has(FMT_GSTYLE)) {
+    --spec.precision;
+    layout.stripZeros = !spec.has(FMT_ALT);
+  }
+  const Decade decade = get_exponent(magnitude);
+  layout.exponent = decade.exponent;
+  layout.scaled = magnitudeOf(magnitude / decade.power);
+  layout.useExponent = true;
+}
+
+__extension__ typedef unsigned __int128 Uint128;
+
+// Truncates toward zero and leaves the rest of the mantissa behind. False for
+// 2^64 - 1 and above.
+bool cast(Magnitude &bits, uint64_t &whole) {
+  if (bits.shift < 0 || (bits.shift == 0 && bits.mantissa == UINT64_MAX)) {
+    return false;
+  }
+  whole = bits.shift < 64 ? bits.mantissa >> bits.shift : 0;
+  bits.mantissa -= bits.shift < 64 ? whole << bits.shift : 0;
+  return true;
+}
+
+// Rounds product * 2^-shift half up, with the product itself rounded to the 64
+// bits of a mantissa before, half to even, as a multiplication would.
+uint64_t flt_round(Uint128 product, int32_t shift) {
+  if (shift == 0 || shift > 128) {
+    return 0;
+  }
+  const uint64_t high = static_cast<uint64_t>(product >> 64);
+  const int32_t excess = static_cast<int32_t>(std::bit_width(high));
+  if (excess > 0) {
+    const uint64_t low = static_cast<uint64_t>(product);
+    const uint64_t odd = (excess < 64 ? low >> excess : high) & 1;
+    product += (uint64_t{1} << (excess - 1)) - 1 + odd;
+  }
+  // No fraction is left when every bit of the mantissa is an integer's.
+  const Uint128 half = shift > excess ? Uint128{1} : 0;
+  return static_cast<uint64_t>(((product >> (shift - 1)) + half) >> 1);
+}
+
+// Splits the magnitude, divided by its decade for an exponent. False when the
+// integer part is too large. The product with the scale is computed in
+// integers, which takes a fraction of the time that conversions between the two
+// kinds of register would.
+bool calc_float_parts(FmtSpec &spec, FloatLayout &layout) {
+  if (spec.precision > kMaxPrecision) {
+    spec.precision = kMaxPrecision;
+  }
+  Magnitude bits = layout.useExponent ? layout.scaled : layout.magnitude;
+  if (!cast(bits, layout.integerPart)) {
+    return false;
+  }
+  const uint64_t scale = kPowersOf10[static_cast<uint32_t>(spec.precision)];
+  layout.fraction = flt_round(Uint128{bits.mantissa} * scale, bits.shift);
+  if (layout.fraction >= scale) {
+    layout.fraction = 0;
+    ++layout.integerPart;
+    if (layout.useExponent && layout.integerPart == 10) {
+      layout.integerPart = 1;
+      ++layout.exponent;
+    }
+  }
+  return true;
+}
+
+// The general notation's choice: exponents from -4 up to the precision are
+// printed without one.
+bool choose_notation(FmtSpec &spec, FloatLayout &layout) {
+  if (layout.exponent < -4 || layout.exponent >= spec.precision + 1) {
+    return true;
+  }
+  spec.precision -= layout.exponent;
+  layout.useExponent = false;
+  return calc_float_parts(spec, layout);
+}
+
+// At least two digits. Of an exponent of four, which only a long double has,
+// the last three are kept.
+void calc_exponent(const FmtSpec &spec, FloatLayout &layout) {
+  const bool negative = layout.exponent < 0;
+  const uint64_t exponent = static_cast<uint64_t>(negative ? -layout.exponent : layout.exponent);
+  const int32_t digits = exponent < 100 ? 2 : 3;
+  layout.exponentText[0] = spec.has(FMT_UPPER) ? 'E' : 'e';
+  layout.exponentText[1] = negative ? '-' : '+';
+  convert(exponent, layout.exponentText + 2, digits, 10, false);
+  layout.exponentLength = digits + 2;
+}
+
+void strip_zeros(FmtSpec &spec, FloatLayout &layout) {
+  if (layout.fraction == 0) {
+    spec.precision = 0;
+    return;
+  }
+  for (; layout.fraction % 10 == 0; layout.fraction /= 10) {
+    --spec.precision;
+  }
+}
+
+void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
+  if (layout.useExponent) {
+    calc_exponent(spec, layout);
+  }
+  layout.integerDigits = countDigits(layout.integerPart, 10);
+  if (layout.stripZeros) {
+    strip_zeros(spec, layout);
+  }
+  if (spec.precision > 0 || spec.has(FMT_ALT)) {
+    layout.pointLength = getnumdec(spec);
+  }
+  if (spec.has(FMT_GROUP)) {
+    layout.separators = getnumsep(spec, layout.integerDigits);
+  }
+  calc_pad(spec,
+           layout.integerDigits + layout.exponentLength + int64_t{spec.precision} +
+               layout.separators + layout.pointLength,
+           layout);
+}
+
+void emit_sign(FmtOutput &output, const FloatLayout &layout) {
+  if (layout.sign != 0) {
+    emit(output, layout.sign);
+  }
+}
+
+void output_float(FmtSpec &spec, const FloatLayout &layout) {
+  FmtOutput &output = *spec.output;
+  if (spec.has(FMT_ZERO) && layout.pad > 0) {
+    emit_sign(output, layout);
+    emitn(output, layout.pad, '0');
+  } else {
+    emitn(output, layout.pad, ' ');
+    emit_sign(output, layout);
+  }
+  if (layout.word != nullptr) {
+    emitstr(output, layout.word, static_cast<uint64_t>(layout.integerDigits));
+  } else {
+    emitDigits(spec, layout.integerPart, layout.integerDigits, layout.separators != 0);
+    if (layout.pointLength != 0) {
+      printdec(spec);
+    }
+    emitDigits(spec, layout.fraction, spec.precision, false);
+    emitstr(output, layout.exponentText, static_cast<uint64_t>(layout.exponentLength));
+  }
+  emitn(output, -layout.pad, ' ');
+}
+
+// Prints a finite number.
+bool format_finite(FmtSpec &spec, FloatLayout &layout) {
+  if (!calc_float_parts(spec, layout)) {
+    return false;
+  }
+  if (spec.has(FMT_GSTYLE) && !choose_notation(spec, layout)) {
+    return false;
+  }
+  calc_float_format(spec, layout);
+  output_float(spec, layout);
+  return true;
+}
+
+// Doubles are extended only to be divided: their bits say the rest.
+template <typename Float>
+bool format_float(FmtSpec &spec, Float value) {
+  FloatLayout layout;
+  spec.base = 10;
+  if (spec.precision < 0) {
+    spec.precision = kDefaultPrecision;
+  }
+  calc_float_sign(spec, value < 0, layout);
+  if (check_nan_and_inf(spec, value, layout)) {
+    output_float(spec, layout);
+    return true;
+  }
+  layout.magnitude = magnitudeOf(value);
+  if (spec.has(FMT_GSTYLE | FMT_ESTYLE)) {
+    initial_e_style_setup(spec, __builtin_fabsl(value), layout);
+  }
+  return format_finite(spec, layout);
+}
+
+}  // namespace
+
+bool handle_float(FmtSpec &spec) {
+  va_list &arguments = spec.output->arguments;
+  if (spec.modifier == kModLongDouble) {
+    return format_float(spec, va_arg(arguments, long double));
+  }
+  return format_float(spec, va_arg(arguments, double));
+}
+
+}  // namespace zov
