@@ -1289,7 +1289,202 @@ ZOV_API char *zov_makeStrVA(const char *sourceName, uint32_t line, ZOV_TAG tag, 
 
 /* ========================================================================
  * text/zov_stream: text streams
+ *
+ * Buffered text files. Callers read and write UTF-8 bytes whatever the file
+ * holds: bytes, or UTF-16 in the byte order of the machine, which a mark at
+ * the start of the file tells. A stream reads or writes its file from the
+ * start to the end through one block of 1024 bytes and never positions it.
+ *
+ * One at a time: a stream has no lock.
  * ======================================================================== */
+
+/** An open text stream. */
+typedef struct TextStream *ZOV_STREAM;
+
+/** Encodings of a text file. */
+enum zov_encoding {
+  ZOV_ENC_BYTES = 1, /**< single bytes, UTF-8 or any other byte encoding */
+  ZOV_ENC_UTF16 = 2  /**< UTF-16 in the byte order of the machine */
+};
+
+/**
+ * Opens a text stream.
+ *
+ * A stream that is not opened with `w` or `a` takes its encoding from the
+ * file: EF BB BF means bytes; FF FE, FE FF and EF FF mean UTF-16, in host byte
+ * order all three; anything else means bytes. The text starts behind the mark.
+ * Only a file of the single byte EF, FE or FF leaves the encoding as passed.
+ * A UTF-16 stream opened with `w` or `a` starts by writing the mark FEFF.
+ *
+ * @param name     path of the file; "stdin", "stdout" and "stderr" name the
+ *                 standard streams
+ * @param mode     up to three letters, the rest is ignored: `r` reads; `w`
+ *                 writes, creates and truncates; `a` writes, creates and
+ *                 appends; `+` behind them adds the other direction. No other
+ *                 letter is allowed, `b` and `t` included. Null or empty reads.
+ * @param encoding one of ::zov_encoding, or 0: what the file says, and bytes
+ *                 for a stream opened with `w` or `a`. With any other encoding
+ *                 such a stream refuses every byte, and a stream left without
+ *                 one of the two reads zeros for ever.
+ * @return the stream, to be released with zov_fclose(), or null; errno tells
+ *         why the file could not be opened.
+ *
+ * Messages, may jump: as zov_fileOpen() and, on the default tag, zov_getMem().
+ */
+ZOV_API ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding);
+
+/**
+ * zov_fopen() for a file of a given type.
+ * @param options the type flags of zov_fileOpen(); the low 16 bits count
+ */
+ZOV_API ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding,
+                               uint32_t options);
+
+/**
+ * Opens one of the standard streams as a byte stream, without looking for a
+ * mark and without asking for its length.
+ * @param name "stdin", "stdout" or "stderr"
+ * @return the stream, or null. Messages, may jump: as zov_fopen().
+ */
+ZOV_API ZOV_STREAM zov_fopen_std(const char *name);
+
+/**
+ * Sends what is left in the stream's block, closes the file and releases the
+ * stream. Does not tell whether that worked; zov_fflush() before it does not
+ * either. The descriptor of a standard stream stays open.
+ * Messages: those of zov_fileWrite() and zov_fileClose().
+ */
+ZOV_API void zov_fclose(ZOV_STREAM stream);
+
+/**
+ * Reads one byte. Of a UTF-16 file: a unit is decoded when the first byte of
+ * its UTF-8 form is asked for; a low surrogate that follows no high one reads
+ * as a full stop; whatever follows a high one counts as its low half.
+ *
+ * @return the value pushed back last, if any, else the next byte, 0 to 255; -1
+ *         at the end of the file and when the file cannot be read.
+ *
+ * Cost: a few instructions, and one transfer of 1024 bytes for as many of the
+ * file. Messages: those of zov_fileRead(), and of zov_fileWrite() when bytes
+ * written are still to be sent.
+ */
+ZOV_API int32_t zov_fgetc(ZOV_STREAM stream);
+
+/**
+ * Pushes a value back, to be read next. A stream holds 20 such values; those
+ * of a UTF-16 character that are still to be read, up to three, count. A seek
+ * does not discard them.
+ *
+ * @param value what zov_fgetc() shall return
+ * @return the value, or -1 when the stream holds 20 already.
+ */
+ZOV_API int32_t zov_fungetc(int32_t value, ZOV_STREAM stream);
+
+/**
+ * Reads a line, or what of it fits: up to and with the next newline.
+ *
+ * @param buffer    place for the bytes and a terminator
+ * @param sizeBytes its size; with 1 nothing is read and the result is empty
+ * @return buffer; null for a null buffer, a size below 1, and at the end of the
+ *         file, when the buffer is as it was.
+ *
+ * Cost: of a byte stream, one search and one copy for each block that the line
+ * touches. Messages: as zov_fgetc().
+ */
+ZOV_API char *zov_fgets(char *buffer, int32_t sizeBytes, ZOV_STREAM stream);
+
+/**
+ * Writes one byte. A UTF-16 stream gathers the bytes of a character and writes
+ * it when the last one arrives. The first byte must be one that UTF-8 allows
+ * there and the others must be continuation bytes; a byte that is neither is
+ * refused, and an unfinished character goes on waiting.
+ *
+ * @param character the byte, of which the low 8 bits count
+ * @return 1 when the byte was taken; 0 when it was refused or could not be
+ *         written. On a UTF-16 stream also 0 when the byte completed a
+ *         character, although that was written.
+ *
+ * Messages: those of zov_fileWrite(), and of zov_fileRead() on a stream of both
+ * directions.
+ */
+ZOV_API int32_t zov_fputc(int32_t character, ZOV_STREAM stream);
+
+/**
+ * Writes a string as zov_fputc() writes each byte, up to the first for which
+ * that is not 1. On a UTF-16 stream this is the end of the first character.
+ *
+ * @return the number of bytes, or -1 when a byte was not taken.
+ *
+ * Cost: of a byte stream, one copy, and one transfer for each 1024 bytes.
+ * Messages: as zov_fputc().
+ */
+ZOV_API int32_t zov_fputs(const char *text, ZOV_STREAM stream);
+
+/**
+ * Formats as zov_vsnprintf() does and writes the text as zov_fputs() does. The
+ * buffer for the text is the stream's, and only grows.
+ *
+ * @return the number of bytes written; 0 for an empty text; -1 when the text
+ *         cannot be formatted, memory is short, or a byte was not taken.
+ *
+ * Messages: as zov_fputc() and zov_getMem(). May jump: when the buffer cannot
+ * grow. Nothing has been written then.
+ */
+ZOV_API int32_t zov_vfprintf(ZOV_STREAM stream, const char *format, va_list arguments)
+    ZOV_PRINTF(2, 0);
+
+/** zov_vfprintf() with the arguments in place. */
+ZOV_API int32_t zov_fprintf(ZOV_STREAM stream, const char *format, ...) ZOV_PRINTF(2, 3);
+
+/**
+ * Sends what was written to the file and the file to disk, see zov_fileSync().
+ *
+ * @return -1 when that worked while a UTF-16 stream waits for the rest of a
+ *         character; else 0, also when it did not work.
+ *
+ * Messages: those of zov_fileWrite().
+ */
+ZOV_API int32_t zov_fflush(ZOV_STREAM stream);
+
+/**
+ * Moves the stream to an offset in bytes of the file. Within the block of 1024
+ * bytes at hand this goes both ways. Outside of it the next transfer goes on
+ * where the file stands, which a seek does not change; a stream shall thus be
+ * read, or written, from its start to its end. Bytes written since the block
+ * was sent last and lying behind the new offset are dropped unless a seek takes
+ * the stream past them again before the block is used otherwise.
+ *
+ * @param offset bytes
+ * @param origin 0: offset counts from behind the mark; 1: from where the stream
+ *               is; 2: from the end the file had when opened, or has got by
+ *               writing to this stream
+ * @return #ZOV_OKAY, or #ZOV_ERROR for another origin.
+ */
+ZOV_API int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin);
+
+/**
+ * Reads a whole line of any length, up to and with its newline. Bytes of 0 in
+ * it do not end it.
+ *
+ * @param stream    the stream
+ * @param buffer    points at a block of the default tag, which may move, or at
+ *                  null: a block of 100 bytes is then made
+ * @param sizeBytes points at the size of the block; a size of 0 stands for 100,
+ *                  and with a null block the size does not matter
+ * @return the block, also left in *buffer with its size in *sizeBytes, to be
+ *         released with zov_freeMem(); null for a null argument, at the end of
+ *         the file, for a stream without one of the two encodings, and when no
+ *         block can be made. Whatever is returned, *buffer and *sizeBytes tell
+ *         what the caller owns.
+ *
+ * Cost: as zov_fgets(); the block grows by 100 bytes at a time, and once when
+ * the last line has no newline.
+ * Messages: as zov_fgetc() and zov_getMem().
+ * May jump: when the block cannot be made or cannot grow; what was read of the
+ * line is in *buffer then. Where it does not jump, a block that cannot grow
+ * ends the line early, and the next call goes on behind it.
+ */
+ZOV_API char *zov_fGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes);
 
 /* ========================================================================
  * text/zov_console: console and log output

@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Text streams: opening, closing and seeking. A stream is a buffered text file
+// whose callers always see UTF-8 bytes, whatever the file holds:
+//
+//   caller -- UTF-8 -- [ push-back, UTF-16 codec ] -- FileCache -- file handle
+//
+// The work is split over four sources: this one; zov_stream_cache.cpp, the
+// block over the file handle; zov_stream_read.cpp and zov_stream_write.cpp.
+//
+// What a file begins with decides how it is read. Both orders of the UTF-16
+// mark, and the pair EF FF, mean UTF-16 in host byte order. UTF-16 files are
+// written with a mark, byte files without.
+//
+// Streams have no lock: one thread uses one at a time. Each is a block of the
+// default tag from zov_fopen() to zov_fclose(). Opening may jump before a file
+// is open; formatting and line reading may jump with the stream intact.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "text/zov_stream_private.h"
+
+namespace {
+
+using zov::fileCacheSeek;
+
+constexpr uint32_t kModeLetters = 3;
+constexpr uint16_t kByteOrderMark = 0xFEFF;
+constexpr uint32_t kOptionBits = 0xFFFF;
+
+struct Mark {
+  const char *bytes;
+  uint32_t lengthBytes;
+  zov_encoding encoding;
+};
+
+constexpr Mark kMarks[] = {
+    {"\xEF\xBB\xBF", 3, ZOV_ENC_BYTES},
+    {"\xEF\xFF", 2, ZOV_ENC_UTF16},
+    {"\xFF\xFE", 2, ZOV_ENC_UTF16},
+    {"\xFE\xFF", 2, ZOV_ENC_UTF16},
+};
+
+// What a mode string asks for.
+struct OpenMode {
+  uint32_t openFlags = O_RDONLY;
+  bool writing = false;
+};
+
+// Reads the letters of a mode; later letters rule over earlier ones. False for
+// any letter but r, w, a and +.
+bool parseMode(const char *text, OpenMode &mode) {
+  for (uint32_t i = 0; text != nullptr && i < kModeLetters && text[i] != '\0'; ++i) {
+    switch (text[i]) {
+      case 'r':
+        mode.openFlags = O_RDONLY;
+        break;
+      case 'w':
+        mode.openFlags = O_WRONLY | O_CREAT | O_TRUNC;
+        mode.writing = true;
+        break;
+      case 'a':
+        mode.openFlags = O_WRONLY | O_CREAT | O_APPEND;
+        mode.writing = true;
+        break;
+      case '+':
+        mode.openFlags = (mode.openFlags | O_RDWR) & ~static_cast<uint32_t>(O_WRONLY);
+        break;
+      default:
+        return false;
+    }
+  }
+  return true;
+}
+
+bool isStandardName(const char *name) {
+  return name != nullptr && (strcmp(name, "stdout") == 0 || strcmp(name, "stderr") == 0);
+}
+
+void writeBOM(TextStream &stream) {
+  if (stream.encoding == ZOV_ENC_UTF16) {
+    fileCacheWrite(stream.cache, &kByteOrderMark, sizeof kByteOrderMark);
+    stream.bomLength = sizeof kByteOrderMark;
+  }
+}
+
+// How many bytes of the mark the file begins with. Asks the file for no more
+// than it takes to tell.
+uint32_t matchedBytes(zov::FileCache &cache, const Mark &mark) {
+  uint32_t count = 0;
+  while (count < mark.lengthBytes && zov::fileCachePeek(cache, count + 1) &&
+         cache.data[count] == mark.bytes[count]) {
+    ++count;
+  }
+  return count;
+}
+
+// Decides the encoding by the mark of the file and leaves the stream on the
+// first byte behind it. A file of one byte that could have begun a mark tells
+// nothing, and keeps the encoding the caller gave.
+void checkForBOM(TextStream &stream) {
+  bool beginsMark = false;
+  for (const Mark &mark : kMarks) {
+    const uint32_t matched = matchedBytes(stream.cache, mark);
+    if (matched == mark.lengthBytes) {
+      stream.encoding = mark.encoding;
+      stream.bomLength = static_cast<int32_t>(matched);
+      fileCacheSeek(stream.cache, matched, 0);
+      return;
+    }
+    beginsMark = beginsMark || matched > 0;
+  }
+  const bool tellsNothing = beginsMark && stream.cache.valid == 1;
+  stream.encoding = tellsNothing ? stream.encoding : ZOV_ENC_BYTES;
+}
+
+// A stream over a newly opened file, or null. errno tells why a file could not
+// be opened.
+TextStream *newStream(const char *name, bool isStandard, uint32_t openFlags, uint32_t options) {
+  void *memory = zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+  TextStream *stream = static_cast<TextStream *>(memory);
+  if (stream == nullptr) {
+    return nullptr;
+  }
+  if (!zov::fileCacheOpen(stream->cache, name, isStandard, openFlags, options)) {
+    const int openError = errno;
+    zov_freeMem(stream, ZOV_DEFAULT_TAG);
+    errno = openError;
+    return nullptr;
+  }
+  return stream;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding) {
+  return zov_fopenEx(name, mode, encoding, 0);
+}
+
+ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uint32_t options) {
+  OpenMode parsed;
+  if (!parseMode(mode, parsed)) {
+    return nullptr;
+  }
+  TextStream *stream =
+      newStream(name, isStandardName(name), parsed.openFlags, options & kOptionBits);
+  if (stream == nullptr) {
+    return nullptr;
+  }
+  stream->encoding = parsed.writing && encoding == 0 ? ZOV_ENC_BYTES : encoding;
+  if (parsed.writing) {
+    writeBOM(*stream);
+  } else {
+    checkForBOM(*stream);
+  }
+  return stream;
+}
+
+ZOV_STREAM zov_fopen_std(const char *name) {
+  TextStream *stream = newStream(name, true, O_RDONLY, 0);
+  if (stream != nullptr) {
+    stream->encoding = ZOV_ENC_BYTES;
+  }
+  return stream;
+}
+
+void zov_fclose(ZOV_STREAM stream) {
+  zov::fileCacheClose(stream->cache);
+  zov_freeMem(stream->formatBuffer, ZOV_DEFAULT_TAG);
+  zov_freeMem(stream, ZOV_DEFAULT_TAG);
+}
+
+int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin) {
+  const int64_t mark = origin == 0 ? stream->bomLength : 0;
+  return fileCacheSeek(stream->cache, offset + mark, origin);
+}
+}

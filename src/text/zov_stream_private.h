@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The records of the text streams and the operations of their cache block,
+// shared by the sources that open, read and write streams.
+#ifndef ZOV_TEXT_ZOV_STREAM_PRIVATE_H
+#define ZOV_TEXT_ZOV_STREAM_PRIVATE_H
+
+#include "zov.h"
+
+namespace zov {
+
+constexpr uint32_t kBlockBytes = 1024;
+constexpr uint32_t kPushbackValues = 20;
+
+// The one block between a stream and its file handle.
+//
+// 1. The handle is read and written at its own position only, which nothing
+//    but those transfers moves. base, position and length are the stream's own
+//    reckoning: a seek changes position and leaves block and handle alone.
+// 2. position may lie anywhere, before base too. position - base, modulo 2^64,
+//    is the offset into the block; it is inside for reading while below valid,
+//    for writing while below kBlockBytes.
+// 3. While dirty, what lies between base and position goes to the handle before
+//    the block is used for anything else. What lies behind position does not.
+// 4. valid is at most kBlockBytes.
+struct FileCache {
+  uint64_t base;      // offset in the file of the first byte of the block
+  uint64_t position;  // offset of the next byte read or written
+  uint64_t length;    // known end of the file; 0 for none: read and see
+  ZOV_FILE handle;
+  uint32_t valid;      // bytes of the block read from the file
+  uint32_t dirty;      // 1: the block holds bytes the handle has not got
+  uint32_t writeOnly;  // 1: the handle cannot be read
+  char data[kBlockBytes];
+};
+
+inline uint64_t offsetInBlock(const FileCache &cache) {
+  return cache.position - cache.base;
+}
+
+// Opens the handle under an empty block. The end of a standard stream's file is
+// not asked for. The cache comes zero-filled.
+bool fileCacheOpen(FileCache &cache, const char *name, bool isStandard, uint32_t openFlags,
+                   uint32_t options);
+
+// Sends what is left to the handle and closes it.
+void fileCacheClose(FileCache &cache);
+
+// Brings the byte at position into the block for reading and tells how many
+// bytes can be taken from there on; 0 at the end of the file or on failure.
+uint32_t fileCacheFill(FileCache &cache);
+
+// Tells whether a stream that has not moved yet has so many bytes, reading on
+// behind those in the block as long as it has fewer. Leaves the block in place:
+// what was looked at can still be read.
+bool fileCachePeek(FileCache &cache, uint32_t lengthBytes);
+
+// Each gives the number of bytes moved, fewer than asked for at the end of the
+// file or on failure.
+uint32_t fileCacheRead(FileCache &cache, void *buffer, uint32_t lengthBytes);
+uint64_t fileCacheWrite(FileCache &cache, const void *bytes, uint64_t lengthBytes);
+
+// Moves position. ZOV_ERROR for an origin other than 0, 1 and 2.
+int32_t fileCacheSeek(FileCache &cache, int64_t offset, int32_t origin);
+
+// Sends what the block holds to the handle and the handle's file to disk.
+int32_t fileCacheSync(FileCache &cache);
+
+inline bool fileCachePutByte(FileCache &cache, char byte) {
+  const uint64_t offset = offsetInBlock(cache);
+  if (offset >= kBlockBytes) [[unlikely]] {
+    return fileCacheWrite(cache, &byte, 1) == 1;
+  }
+  cache.data[offset] = byte;
+  cache.dirty = 1;
+  ++cache.position;
+  cache.length = cache.length < cache.position ? cache.position : cache.length;
+  return true;
+}
+
+}  // namespace zov
+
+// An open stream, one block of the default tag together with its cache block:
+// a failing allocation that jumps cannot leave half a stream behind. What the
+// byte calls look at comes first, up to the block's data in one cache line.
+struct TextStream {
+  int32_t encoding;        // of zov_encoding, or what the caller of zov_fopen() said
+  uint32_t pushbackCount;  // values in use
+  zov::FileCache cache;
+  int32_t swap;       // 1: UTF-16 units are read byte-swapped; no mark sets it
+  int32_t bomLength;  // bytes of the mark at the start of the file: 0, 2 or 3
+  uint32_t pushback[zov::kPushbackValues];  // a stack, its top at pushbackCount - 1
+  char *formatBuffer;                       // of the default tag, null until it is needed
+  uint32_t formatCapacity;                  // its size in bytes
+  uint32_t pendingCode;                     // UTF-16 output: code point put together so far
+  int32_t pendingBytes;                     // UTF-16 output: continuation bytes it still wants
+};
+
+#endif

@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Text streams: reading. Whatever the file holds, callers get UTF-8 bytes. A
+// UTF-16 unit is decoded when its first byte is asked for; the other bytes of
+// its UTF-8 form wait on the push-back stack, which every read empties first:
+//
+//   FFFE 41 00 E9 00  ->  41 C3 A9,  A9 being pushed back while C3 is returned
+//
+// Byte streams are read in runs straight out of the cache block. A stream whose
+// encoding is neither of the two yields zeros without reading and never ends.
+//
+// Reading takes no lock. Only zov_fGetLine() allocates and may jump; what the
+// caller's pointers say is true at that moment.
+#include <string.h>
+
+#include <algorithm>
+
+#include "text/zov_stream_private.h"
+
+namespace {
+
+using zov::FileCache;
+
+constexpr int32_t kEndOfInput = -1;
+
+// What an unpaired low surrogate reads as.
+constexpr int32_t kStandIn = '.';
+
+// Lines are read into blocks that start and grow by this much.
+constexpr uint32_t kLineBytes = 100;
+
+// A stretch of one line. It ends with a newline, where the room ends or where
+// the input ends.
+struct LinePiece {
+  uint32_t count;  // bytes
+  bool hasNewline;
+};
+
+bool readsRuns(const TextStream &stream) {
+  return stream.pushbackCount == 0 && stream.encoding == ZOV_ENC_BYTES;
+}
+
+int32_t nextRawByte(FileCache &cache) {
+  if (zov::offsetInBlock(cache) >= cache.valid && zov::fileCacheFill(cache) == 0) [[unlikely]] {
+    return kEndOfInput;
+  }
+  const char byte = cache.data[zov::offsetInBlock(cache)];
+  ++cache.position;
+  return static_cast<uint8_t>(byte);
+}
+
+// Half a unit at the end of the file is not one.
+bool readUnit(FileCache &cache, uint16_t &unit) {
+  return zov::fileCacheRead(cache, &unit, sizeof unit) == sizeof unit;
+}
+
+// Gives the first byte of a character's UTF-8 form and pushes the others back,
+// last one first. The stack is empty, so they fit.
+int32_t firstOfEncoded(TextStream &stream, uint32_t codePoint) {
+  char bytes[4];
+  uint32_t count = 0;
+  zov_utf8_codes(codePoint, bytes, &count);
+  while (count > 1) {
+    stream.pushback[stream.pushbackCount++] = static_cast<uint8_t>(bytes[--count]);
+  }
+  return static_cast<uint8_t>(bytes[0]);
+}
+
+int32_t nextDecoded(TextStream &stream) {
+  uint16_t unit = 0;
+  if (!readUnit(stream.cache, unit)) {
+    return kEndOfInput;
+  }
+  if (stream.swap != 0) {
+    unit = zov_swaporder16(unit);
+  }
+  if (unit < 0x80) {
+    return unit;
+  }
+  if ((unit & 0xFC00) == 0xDC00) {
+    return kStandIn;
+  }
+  if ((unit & 0xFC00) != 0xD800) {
+    return firstOfEncoded(stream, unit);
+  }
+  // Any unit passes for the low half, in the order it is stored in.
+  uint16_t low = 0;
+  if (!readUnit(stream.cache, low)) {
+    return kEndOfInput;
+  }
+  return firstOfEncoded(stream, 0x10000u + ((unit & 0x3FFu) << 10) + (low & 0x3FFu));
+}
+
+int32_t nextPushedOrDecoded(TextStream &stream) {
+  if (stream.pushbackCount > 0) {
+    return static_cast<int32_t>(stream.pushback[--stream.pushbackCount]);
+  }
+  return stream.encoding == ZOV_ENC_UTF16 ? nextDecoded(stream) : 0;
+}
+
+inline int32_t nextByte(TextStream &stream) {
+  return readsRuns(stream) ? nextRawByte(stream.cache) : nextPushedOrDecoded(stream);
+}
+
+// Copies up to and with the next newline out of the block. Stops short at the
+// block's end; a count of 0 is the end of the input.
+LinePiece copyRun(FileCache &cache, char *out, uint32_t room) {
+  const uint32_t limit = std::min(room, zov::fileCacheFill(cache));
+  if (limit == 0) {
+    return {0, false};
+  }
+  const char *from = cache.data + zov::offsetInBlock(cache);
+  const void *newline = memchr(from, '\n', limit);
+  const uint32_t count = newline == nullptr
+                             ? limit
+                             : static_cast<uint32_t>(static_cast<const char *>(newline) - from) + 1;
+  memcpy(out, from, count);
+  cache.position += count;
+  return {count, newline != nullptr};
+}
+
+// Reads until a newline, the end of the room or the end of the input.
+LinePiece readPiece(TextStream &stream, char *out, uint32_t room) {
+  LinePiece piece = {0, false};
+  while (piece.count < room && !piece.hasNewline) {
+    if (readsRuns(stream)) {
+      const LinePiece run = copyRun(stream.cache, out + piece.count, room - piece.count);
+      if (run.count == 0) {
+        break;
+      }
+      piece = {piece.count + run.count, run.hasNewline};
+    } else {
+      const int32_t value = nextByte(stream);
+      if (value == kEndOfInput) {
+        break;
+      }
+      out[piece.count++] = static_cast<char>(value);
+      piece.hasNewline = value == '\n';
+    }
+  }
+  return piece;
+}
+
+// Grows a line's block. On failure block and size stay as they are.
+bool growLine(char **buffer, uint32_t *sizeBytes) {
+  if (*sizeBytes > UINT32_MAX - kLineBytes) {
+    return false;
+  }
+  const uint32_t grown = *sizeBytes + kLineBytes;
+  void *block = zov_extendMem(*buffer, grown, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE);
+  if (block == nullptr) {
+    return false;
+  }
+  *buffer = static_cast<char *>(block);
+  *sizeBytes = grown;
+  return true;
+}
+
+// Reads a whole line. When its block cannot grow the line ends there and the
+// rest of it is the next one, so that nothing read is lost. False when there
+// was nothing left to read.
+bool getLine(TextStream &stream, char **buffer, uint32_t *sizeBytes) {
+  uint32_t used = 0;
+  for (;;) {
+    const uint32_t room = *sizeBytes - 1 - used;
+    const LinePiece piece = readPiece(stream, *buffer + used, room);
+    if (piece.count == 0 && room > 0) {
+      return used > 0;
+    }
+    used += piece.count;
+    (*buffer)[used] = '\0';
+    if (piece.hasNewline || !growLine(buffer, sizeBytes)) {
+      return true;
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_fgetc(ZOV_STREAM stream) {
+  return nextByte(*stream);
+}
+
+int32_t zov_fungetc(int32_t value, ZOV_STREAM stream) {
+  if (stream->pushbackCount >= zov::kPushbackValues) {
+    return kEndOfInput;
+  }
+  stream->pushback[stream->pushbackCount++] = static_cast<uint32_t>(value);
+  return value;
+}
+
+char *zov_fgets(char *buffer, int32_t sizeBytes, ZOV_STREAM stream) {
+  if (buffer == nullptr || sizeBytes < 1) {
+    return nullptr;
+  }
+  const uint32_t room = static_cast<uint32_t>(sizeBytes) - 1;
+  const LinePiece piece = readPiece(*stream, buffer, room);
+  if (piece.count == 0 && room > 0) {
+    return nullptr;
+  }
+  buffer[piece.count] = '\0';
+  return buffer;
+}
+
+char *zov_fGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes) {
+  if (stream == nullptr || buffer == nullptr || sizeBytes == nullptr) {
+    return nullptr;
+  }
+  if (*buffer == nullptr) {
+    void *block = zov_getMem(kLineBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+    if (block == nullptr) {
+      return nullptr;
+    }
+    *buffer = static_cast<char *>(block);
+    *sizeBytes = kLineBytes;
+  }
+  if (*sizeBytes == 0) {
+    *sizeBytes = kLineBytes;
+  }
+  const bool ends = stream->encoding == ZOV_ENC_BYTES || stream->encoding == ZOV_ENC_UTF16;
+  return ends && getLine(*stream, buffer, sizeBytes) ? *buffer : nullptr;
+}
+}

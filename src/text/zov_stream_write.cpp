@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Text streams: writing. Callers hand over UTF-8 bytes. A byte stream stores
+// them as they are; a UTF-16 stream gathers the bytes of a character in the
+// stream's record and writes one or two units in host byte order when the last
+// one arrives.
+//
+// A call that writes a unit says 0, failure, although the unit is written: its
+// success is judged by a count of one byte, and a unit has two. Callers of
+// zov_fputc() on UTF-16 streams know this and ignore the result; calls that
+// write a string stop after the first unit.
+//
+// Writing takes no lock. Only the formatting calls allocate and may jump, with
+// the stream as it was.
+#include <string.h>
+
+#include "text/zov_stream_private.h"
+
+namespace {
+
+using zov::fileCacheWrite;
+
+constexpr uint8_t kFirstLead = 0xC2;  // those below lead overlong forms
+constexpr uint8_t kLastLead = 0xF4;   // those above lead past U+10FFFF
+
+// Writes one unit and judges it by the count of one byte, see above.
+bool putUnit(TextStream &stream, uint32_t value) {
+  const uint16_t unit = static_cast<uint16_t>(value);
+  return fileCacheWrite(stream.cache, &unit, sizeof unit) == 1;
+}
+
+bool putCodePoint(TextStream &stream, uint32_t codePoint) {
+  if (codePoint <= 0xFFFF) {
+    return putUnit(stream, codePoint);
+  }
+  putUnit(stream, 0xD800u | (((codePoint - 0x10000u) >> 10) & 0x3FFu));
+  return putUnit(stream, 0xDC00u | (codePoint & 0x3FFu));
+}
+
+bool startSequence(TextStream &stream, uint8_t byte) {
+  if (byte < 0x80) {
+    return putUnit(stream, byte);
+  }
+  if (byte < kFirstLead || byte > kLastLead) {
+    return false;
+  }
+  stream.pendingBytes = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
+  stream.pendingCode = byte & (0x3Fu >> stream.pendingBytes);
+  return true;
+}
+
+// A byte that does not continue the sequence is refused and the sequence goes
+// on waiting.
+bool continueSequence(TextStream &stream, uint8_t byte) {
+  if ((byte & 0xC0) != 0x80) {
+    return false;
+  }
+  stream.pendingCode = (stream.pendingCode << 6) | (byte & 0x3Fu);
+  --stream.pendingBytes;
+  return stream.pendingBytes > 0 || putCodePoint(stream, stream.pendingCode);
+}
+
+bool _zov_fputc(TextStream &stream, char character) {
+  if (stream.encoding == ZOV_ENC_BYTES) [[likely]] {
+    return zov::fileCachePutByte(stream.cache, character);
+  }
+  if (stream.encoding != ZOV_ENC_UTF16) {
+    return false;
+  }
+  const uint8_t byte = static_cast<uint8_t>(character);
+  return stream.pendingBytes == 0 ? startSequence(stream, byte) : continueSequence(stream, byte);
+}
+
+// Writes characters as if one by one, up to the first that fails.
+bool putAll(TextStream &stream, const char *text, uint64_t length) {
+  if (stream.encoding == ZOV_ENC_BYTES) {
+    return fileCacheWrite(stream.cache, text, length) == length;
+  }
+  for (uint64_t i = 0; i < length; ++i) {
+    if (!_zov_fputc(stream, text[i])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Makes room for lengthBytes characters and their terminator.
+bool checkSize(TextStream &stream, uint32_t lengthBytes) {
+  const uint32_t wanted = lengthBytes + 1;
+  if (stream.formatCapacity >= wanted) {
+    return true;
+  }
+  void *block = zov_extendMem(stream.formatBuffer, wanted, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE);
+  if (block == nullptr) {
+    return false;
+  }
+  stream.formatBuffer = static_cast<char *>(block);
+  stream.formatCapacity = wanted;
+  return true;
+}
+
+// Formats into the stream's buffer. The first pass measures and, the buffer
+// having grown to what is usual, mostly is the only one.
+ZOV_PRINTF(2, 0)
+int32_t formatInto(TextStream &stream, const char *text, va_list arguments) {
+  const int32_t length = zov_vsnprintf(stream.formatBuffer, stream.formatCapacity, text, arguments);
+  if (length < 1 || static_cast<uint32_t>(length) < stream.formatCapacity) {
+    return length;
+  }
+  if (!checkSize(stream, static_cast<uint32_t>(length))) {
+    return -1;
+  }
+  return zov_vsnprintf(stream.formatBuffer, stream.formatCapacity, text, arguments);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_fputc(int32_t character, ZOV_STREAM stream) {
+  return _zov_fputc(*stream, static_cast<char>(character)) ? 1 : 0;
+}
+
+int32_t zov_fputs(const char *text, ZOV_STREAM stream) {
+  const uint64_t length = strlen(text);
+  return putAll(*stream, text, length) ? static_cast<int32_t>(length) : -1;
+}
+
+int32_t zov_vfprintf(ZOV_STREAM stream, const char *format, va_list arguments) {
+  const int32_t length = formatInto(*stream, format, arguments);
+  if (length < 1) {
+    return length;
+  }
+  return putAll(*stream, stream->formatBuffer, static_cast<uint64_t>(length)) ? length : -1;
+}
+
+int32_t zov_fprintf(ZOV_STREAM stream, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = zov_vfprintf(stream, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+int32_t zov_fflush(ZOV_STREAM stream) {
+  if (zov::fileCacheSync(stream->cache) != ZOV_OKAY) {
+    return 0;
+  }
+  return stream->pendingBytes > 0 ? -1 : 0;
+}
+}

@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A walk of random operations on one text stream and on a model of it. Driven
+// by bytes, which a test draws and a fuzzer finds.
+#ifndef TESTS_TEXT_ZOV_STREAM_WALK_H
+#define TESTS_TEXT_ZOV_STREAM_WALK_H
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zov.h"
+
+namespace zovtest {
+
+// A file in memory with a path.
+struct ScratchFile {
+  ScratchFile() = default;
+  ScratchFile(const ScratchFile &) = delete;
+  ~ScratchFile() { close(descriptor); }
+
+  bool fill(const std::string &bytes) const {
+    return ftruncate(descriptor, 0) == 0 &&
+           pwrite(descriptor, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
+  }
+  std::string contents() const {
+    std::string bytes(static_cast<size_t>(lseek(descriptor, 0, SEEK_END)), '\0');
+    const ssize_t count = pread(descriptor, bytes.data(), bytes.size(), 0);
+    return bytes.substr(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+  }
+
+  int descriptor = memfd_create("scratch", 0);
+  std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+};
+
+// A stream that moves one byte at a time.
+struct StreamModel {
+  std::string file;
+  bool readable, append, wide;
+  uint64_t base = 0, position = 0, length = file.size();
+  size_t at = 0, valid = 0;  // at: where the file itself stands
+  bool dirty = false;
+  std::string block = std::string(1024, '\0');
+  std::vector<int32_t> pushed = {};
+
+  void send() {
+    if (std::exchange(dirty, false)) {
+      const size_t count = position < base ? 0 : std::min<size_t>(position - base, 1024);
+      at = append && count > 0 ? file.size() : at;
+      file.replace(at, count, block, 0, count);
+      at += count;
+      base = position;
+      valid = 0;
+    }
+  }
+  void move() {
+    send();
+    base = position;
+    valid = readable && (length == 0 || position < length) ? file.copy(&block[0], 1024, at) : 0;
+    at += valid;
+  }
+  int32_t getByte() {
+    if (position - base >= valid) {
+      move();
+    }
+    return valid == 0 ? -1 : static_cast<uint8_t>(block[position++ - base]);
+  }
+  void putByte(int32_t byte) {
+    if (position - base >= 1024) {
+      move();
+    }
+    block[position++ - base] = static_cast<char>(byte);
+    dirty = true;
+    length = std::max(length, position);
+  }
+  int32_t getUnit() {
+    const int32_t low = getByte();
+    const int32_t high = low < 0 ? -1 : getByte();
+    return high < 0 ? -1 : low + 256 * high;
+  }
+  int32_t get() {
+    if (pushed.empty()) {
+      int32_t code = wide ? getUnit() : getByte();
+      if (wide && code / 0x400 == 0x36) {
+        const int32_t second = getUnit();
+        code = second < 0 ? -1 : 0x10000 + code % 0x400 * 0x400 + second % 0x400;
+      }
+      if (!wide || code < 0x80) {
+        return code;
+      }
+      code = code / 0x400 == 0x37 ? '.' : code;
+      const int32_t leads[] = {0, 0xC0, 0xE0, 0xF0};
+      const int32_t more = (code > 0x7F) + (code > 0x7FF) + (code > 0xFFFF);
+      for (int32_t i = 0; i < more; ++i, code /= 64) {
+        pushed.push_back(0x80 + code % 64);
+      }
+      pushed.push_back(leads[more] + code);
+    }
+    const int32_t value = pushed.back();
+    pushed.pop_back();
+    return value;
+  }
+  std::string line(size_t most) {
+    std::string text;
+    for (int32_t value = 0; text.size() < most && value != '\n';) {
+      value = get();
+      if (value < 0) {
+        break;
+      }
+      text += static_cast<char>(value);
+    }
+    return text;
+  }
+};
+
+class StreamWalk {
+ public:
+  StreamWalk(const uint8_t *bytes, size_t count) : dice(bytes), left(count) {}
+
+  // Walks until the bytes are used up. Names the first operation whose outcome
+  // the model does not share, null when there was none.
+  const char *run() {
+    open();
+    while (left > 0 && failed == nullptr) {
+      step();
+    }
+    zov_fclose(stream);
+    zov_freeMem(buffer, ZOV_DEFAULT_TAG);
+    model.send();
+    check("zov_fclose", file.contents() == model.file);
+    return failed;
+  }
+
+ private:
+  uint32_t below(uint32_t limit) {
+    uint32_t value = 0;
+    for (int i = 0; i < 3 && left > 0; ++i, --left) {
+      value = value * 256 + *dice++;
+    }
+    return value % limit;
+  }
+  void check(const char *what, bool agrees) { failed = agrees || failed ? failed : what; }
+  void checkLine(const char *what, const char *line, const std::string &expected) {
+    const size_t size = expected.size();
+    check(what, line == nullptr ? size == 0 : size > 0 && std::string(line, size) == expected);
+  }
+
+  void open() {
+    const char *modes[] = {"r", "r", "r+", "w", "w+", "a+"};
+    const uint32_t choice = below(6);
+    const bool wide = choice == 0;
+    const char kind = modes[choice][0];
+    std::string bytes = wide ? "\xFF\xFE" : ".";
+    for (uint32_t count = below(4000); count > 0; --count) {
+      bytes += below(2) == 0 ? "\n\0a\xD8\xDC\xC3"[below(6)] : static_cast<char>(below(256));
+    }
+    check("set-up", file.fill(bytes));
+    stream = zov_fopen(file.path.c_str(), modes[choice], wide ? 0 : ZOV_ENC_BYTES);
+    writes = choice > 1;
+    model = {kind == 'w' ? "" : bytes, choice != 3, kind == 'a', wide};
+    if (kind == 'r') {
+      model.getByte();
+      model.position = wide ? 2 : 0;
+    }
+  }
+
+  void seek() {
+    const uint32_t origin = below(3);
+    const uint64_t from[] = {model.wide ? 2u : 0u, model.position, model.length};
+    const int32_t lowest = -static_cast<int32_t>(from[origin]);
+    const int32_t offset =
+        std::max(static_cast<int32_t>(below(below(2) == 0 ? 30 : 2500)) - 15, lowest);
+    check("zov_fseek", zov_fseek(stream, offset, static_cast<int32_t>(origin)) == ZOV_OKAY);
+    model.position = from[origin] + static_cast<uint64_t>(int64_t{offset});
+  }
+
+  void writeText() {
+    const int32_t byte = static_cast<int32_t>(below(256));
+    const int32_t length = byte == 0 ? 1 : static_cast<int32_t>(below(2500));
+    const std::string text(static_cast<size_t>(length), static_cast<char>(byte));
+    check("zov_fputc", length != 1 || zov_fputc(byte, stream) == 1);
+    check("zov_fputs",
+          length == 1 || (below(2) == 0 ? zov_fputs(text.c_str(), stream)
+                                        : zov_fprintf(stream, "%s", text.c_str())) == length);
+    std::for_each(text.begin(), text.end(), [&](char) { model.putByte(byte); });
+  }
+
+  void step() {
+    const int32_t value = static_cast<int32_t>(below(256));
+    const bool fits = model.pushed.size() < 20;
+    const uint32_t size = below(300) + 2;
+    switch (below(writes ? 8 : 5)) {
+      case 0:
+        return seek();
+      case 1:
+        checkLine("zov_fgets", zov_fgets(piece, static_cast<int32_t>(size), stream),
+                  model.line(size - 1));
+        return checkLine("zov_fGetLine", zov_fGetLine(stream, &buffer, &bufferBytes),
+                         model.line(SIZE_MAX));
+      case 2:
+        check("zov_fungetc", zov_fungetc(value, stream) == (fits ? value : -1));
+        return model.pushed.resize(std::min<size_t>(model.pushed.size() + 1, 20), value);
+      case 5:
+        check("zov_fflush", zov_fflush(stream) == 0);
+        model.send();
+        return check("zov_fflush", file.contents() == model.file);
+      case 6:
+      case 7:
+        return writeText();
+      default:
+        return check("zov_fgetc", zov_fgetc(stream) == model.get());
+    }
+  }
+
+  const uint8_t *dice;
+  size_t left;
+  ScratchFile file;
+  ZOV_STREAM stream = nullptr;
+  StreamModel model = {};
+  bool writes = false;
+  char piece[302];
+  char *buffer = nullptr;
+  uint32_t bufferBytes = 0;
+  const char *failed = nullptr;
+};
+
+}  // namespace zovtest
+
+#endif
