@@ -66,6 +66,13 @@ extern "C" {
 #define ZOV_PRINTF(position, first)
 #endif
 
+/** Marks what does not return. */
+#if defined(__GNUC__)
+#define ZOV_NORETURN __attribute__((noreturn))
+#else
+#define ZOV_NORETURN
+#endif
+
 /** Annotations of Clang's thread-safety analysis; empty elsewhere. */
 #if defined(__clang__)
 #define ZOV_CAPABILITY(name) __attribute__((capability(name)))
@@ -470,6 +477,79 @@ ZOV_API int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mute
 /* ========================================================================
  * core/zovuxthreads: threads
  * ======================================================================== */
+
+/** A thread, as pthread_self() names it. */
+typedef uint64_t ZOV_THREAD;
+
+/** Levels of zov_threadSetPriority(). */
+enum zov_thread_level {
+  ZOV_THREAD_LOW = -1,   /**< a quarter of the way up the policy's range */
+  ZOV_THREAD_NORMAL = 0, /**< the middle of the range */
+  ZOV_THREAD_HIGH = 1    /**< three quarters of the way up */
+};
+
+/** What zov_threadSetPriority() returns when the thread's parameters cannot be
+ *  read. */
+#define ZOV_THREAD_UNREADABLE UINT32_MAX
+
+/**
+ * Starts a detached thread, which nobody joins. It ends by returning from its
+ * start routine, whose result is ignored, or by zov_threadEnd(). It runs with
+ * SIGINT, SIGTERM and SIGCHLD blocked, so that these reach the threads the
+ * library did not start; the caller's own mask is the same afterwards.
+ *
+ * @param start      the start routine
+ * @param stackBytes size of its stack in bytes, 0 for the platform's default;
+ *                   a size the platform refuses is ignored
+ * @param argument   passed to the start routine; must live as long as that
+ *                   needs it
+ * @return #ZOV_OKAY, or #ZOV_ERROR when the library is not started or the
+ *         platform refuses another thread.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_threadBegin(void *(*start)(void *), uint32_t stackBytes, void *argument);
+
+/**
+ * As zov_threadBegin().
+ *
+ * @param thread place for the new thread's identifier, or null. It is written
+ *               before the call returns, which the new thread may well not
+ *               wait for; untouched on failure.
+ */
+ZOV_API int32_t zov_threadBeginEx(void *(*start)(void *), uint32_t stackBytes, void *argument,
+                                  ZOV_THREAD *thread);
+
+/**
+ * Sets a thread's priority within the range of its scheduling policy, which
+ * stays. Under the usual time-sharing policy the range is 0 to 0, and every
+ * level succeeds without effect.
+ *
+ * @param thread a thread that has not ended
+ * @param level  one of ::zov_thread_level
+ * @return #ZOV_OKAY; #ZOV_ERROR for another level or when the platform refuses;
+ *         #ZOV_THREAD_UNREADABLE.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API uint32_t zov_threadSetPriority(ZOV_THREAD thread, int32_t level);
+
+/**
+ * Ends the calling thread; does not return. Its C++ frames are unwound, so none
+ * of them may be noexcept or swallow what passes. May be called at any time.
+ */
+ZOV_API void zov_threadEnd(void) ZOV_NORETURN;
+
+/** @return the calling thread. May be called at any time. */
+ZOV_API ZOV_THREAD zov_threadId(void);
+
+/**
+ * Not provided, since threads are detached.
+ *
+ * @param thread not used
+ * @return #ZOV_UNSUPPORTED.
+ */
+ZOV_API int32_t zov_threadJoin(ZOV_THREAD thread);
 
 /* ========================================================================
  * core/zovpool: pools

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Threads. Scheduling calls are replaced by ones over a made-up policy, since
+// most processes may not change to one that has a range of priorities.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+
+#include <atomic>
+#include <thread>
+
+#include "zov.h"
+
+namespace {
+
+struct Policy {
+  int lowest;
+  int highest;
+  int readError;
+  int writeError;
+} policy;
+
+int prioritySet = 0;
+
+}  // namespace
+
+extern "C" {
+int __wrap_pthread_getschedparam(pthread_t, int *, sched_param *) {
+  return policy.readError;
+}
+int __wrap_pthread_setschedparam(pthread_t, int, const sched_param *parameters) {
+  prioritySet = parameters->sched_priority;
+  return policy.writeError;
+}
+int __wrap_sched_get_priority_max(int) {
+  return policy.highest;
+}
+int __wrap_sched_get_priority_min(int) {
+  return policy.lowest;
+}
+}
+
+namespace {
+
+// What a started thread finds out about itself.
+struct Report {
+  std::atomic<bool> done{false};
+  ZOV_THREAD id = 0;
+  sigset_t mask;
+  size_t stackBytes = 0;
+};
+
+void *report(void *argument) {
+  Report &report = *static_cast<Report *>(argument);
+  report.id = zov_threadId();
+  pthread_sigmask(SIG_SETMASK, nullptr, &report.mask);
+  pthread_attr_t attributes;
+  pthread_getattr_np(pthread_self(), &attributes);
+  pthread_attr_getstacksize(&attributes, &report.stackBytes);
+  pthread_attr_destroy(&attributes);
+  report.done = true;
+  zov_threadEnd();
+}
+
+// The starter blocks one of the three signals and one of its own. The second
+// stack is smaller than the platform allows.
+TEST(Thread, StartsDetachedWithSignalsBlocked) {
+  EXPECT_EQ(zov_threadBegin(report, 0, nullptr), ZOV_ERROR) << "the library is not started";
+  ASSERT_EQ(zov_init(), ZOV_OKAY);
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGUSR1);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  for (const uint32_t stackBytes : {1u << 20, 1000u}) {
+    Report made;
+    ZOV_THREAD id = 0;
+    ASSERT_EQ(zov_threadBeginEx(report, stackBytes, &made, &id), ZOV_OKAY);
+    while (!made.done) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(made.id, id);
+    EXPECT_TRUE(made.stackBytes == stackBytes || stackBytes == 1000);
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+      const int before = sigismember(&mask, signal);
+      EXPECT_EQ(sigismember(&after, signal), before) << signal;
+      const bool added = signal == SIGINT || signal == SIGTERM || signal == SIGCHLD;
+      EXPECT_EQ(sigismember(&made.mask, signal), added ? 1 : before) << signal;
+    }
+    EXPECT_EQ(zov_threadJoin(id), ZOV_UNSUPPORTED);
+  }
+  zov_term();
+}
+
+TEST(Thread, PriorityIsAPlaceInTheRange) {
+  constexpr int kUnset = -99;
+  const struct {
+    int line;
+    Policy policy;
+    int32_t level;
+    uint32_t status;
+    int priority;
+  } rows[] = {
+      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
+      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
+      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
+      {__LINE__, {0, 0, 0, 0}, ZOV_THREAD_HIGH, ZOV_OKAY, 0},
+      {__LINE__, {-5, 2, 0, 0}, ZOV_THREAD_NORMAL, ZOV_OKAY, -1},
+      {__LINE__, {1, 99, 0, 0}, 2, ZOV_ERROR, kUnset},
+      {__LINE__, {-1, 99, 0, 0}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
+      {__LINE__, {1, -1, 0, 0}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
+      {__LINE__, {1, 99, 0, EPERM}, ZOV_THREAD_HIGH, ZOV_ERROR, 74},
+      {__LINE__, {1, 99, ESRCH, 0}, 2, ZOV_THREAD_UNREADABLE, kUnset},
+  };
+  for (const auto &row : rows) {
+    policy = row.policy;
+    prioritySet = kUnset;
+    EXPECT_EQ(zov_threadSetPriority(zov_threadId(), row.level), row.status) << row.line;
+    EXPECT_EQ(prioritySet, row.priority) << row.line;
+  }
+}
+
+}  // namespace
