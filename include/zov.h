@@ -555,6 +555,78 @@ ZOV_API int32_t zov_threadJoin(ZOV_THREAD thread);
  * core/zovpool: pools
  * ======================================================================== */
 
+/** A pool: chunks of memory that were put back, ready to be given out again;
+ *  null when absent. */
+typedef struct MemoryPool *ZOV_POOL;
+
+/**
+ * Makes a pool over a tag. Pool and chunks are blocks of the tag: releasing the
+ * tag releases them all, whatever the pool or its users still hold, and only
+ * the mutex of a thread-safe pool is left then.
+ *
+ * @param tag        the tag, 0 for the default one; a pool for several threads
+ *                   wants a thread-safe tag
+ * @param fixedSize  non-zero: every chunk is taken to be large enough for every
+ *                   request, and the caller sees to it that this is so; 0: a
+ *                   free chunk that turns out too small is replaced
+ * @param threadSafe non-zero: the pool has a mutex; when none can be made, the
+ *                   pool is as without
+ * @return the pool, to be released with zov_zFreePool(), or null.
+ *
+ * Threads: as the tag allows.
+ * Messages: those of zov_getMem() and zov_syncCreate_check().
+ * May jump: to the recovery point of the tag, when memory is short.
+ */
+ZOV_API ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe);
+
+/**
+ * Takes a chunk out of a pool, the one put back last, or a new one from the
+ * tag. Chunks are aligned to 16 bytes and carry 48 bytes of overhead.
+ *
+ * @param size       bytes; 0 gives a chunk without any
+ * @param pool       the pool
+ * @param mode       #ZOV_MEM_ZERO clears the bytes asked for, #ZOV_MEM_COPY
+ *                   fills them from source, anything else leaves them
+ * @param source     what to copy in mode #ZOV_MEM_COPY, else unused
+ * @param sourceName caller's source name
+ * @param line       caller's line
+ * @return the chunk, to be released with zov_putInPool() or with the tag, or
+ *         null when the tag has none and does not jump. A chunk too small that
+ *         was to be replaced is gone then.
+ *
+ * Threads: any when both pool and tag are thread-safe, else one at a time.
+ * Cost: a list operation and the lock pair of a thread-safe pool; only when no
+ * chunk is free, or it is too small, the tag's own.
+ * Messages, may jump: as zov_getMem() on the pool's tag.
+ */
+ZOV_API void *zov_getMemFromPool(uint64_t size, ZOV_POOL pool, int32_t mode, const void *source,
+                                 const char *sourceName, uint32_t line);
+
+/**
+ * Puts a chunk into a pool for the next taker. A pool keeps 1000 free chunks;
+ * what is put in beyond them goes back to the tag. A chunk of another pool is
+ * taken in all the same and handed over to this pool's tag.
+ *
+ * @param chunk what zov_getMemFromPool() returned; null is ignored
+ * @param pool  the pool
+ *
+ * Threads: any when both pool and tag are thread-safe, else one at a time.
+ * Messages: "Attempting to put a memory chunk into a pool that didn't create
+ * it".
+ */
+ZOV_API void zov_putInPool(void *chunk, ZOV_POOL pool);
+
+/**
+ * Releases a pool and its free chunks. Chunks that are out stay blocks of the
+ * tag and are released with that.
+ *
+ * @param pool the variable that holds the pool, null afterwards; a null one is
+ *             left alone
+ *
+ * Threads: nobody may use the pool any more.
+ */
+ZOV_API void zov_zFreePool(ZOV_POOL *pool);
+
 /* ========================================================================
  * core/zovqueue: message queues
  * ======================================================================== */

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Memory pools. A pool keeps the chunks that were put back to it on a stack and
+// gives them out again before it asks its tag for new ones:
+//
+//   pool.freeChunks -> [tag|next|capacity|pool| payload ]
+//                            next -> [tag|next|capacity|pool| payload ] -> null
+//
+// Record and chunks are blocks of the pool's tag, which outlives the pool. A
+// chunk that is out is on no list; its header says which pool it belongs to.
+//
+// A pool's mutex guards its stack and the count. The tag is called with the
+// mutex released, always: its own lock is then not held longer than it needs,
+// and an allocation may jump from zov_allocPool() and zov_getMemFromPool() to
+// the tag's recovery point with nothing left behind.
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "text/zov_output.h"
+
+namespace {
+
+struct Chunk;
+
+}  // namespace
+
+// 1. freeCount is the length of the list at freeChunks, at most kMaxFree.
+// 2. tag, mutex and fixedSize do not change.
+struct MemoryPool {
+  Chunk *freeChunks;  // put back last comes first
+  ZOV_TAG tag;
+  ZOV_SYNC mutex;  // rank 10: freeChunks and freeCount; ZOV_NO_SYNC without
+  uint32_t freeCount;
+  int32_t fixedSize;
+};
+
+namespace {
+
+constexpr uint32_t kMaxFree = 1000;
+
+// Stands in front of the payload, which it keeps aligned to 16 bytes.
+struct Chunk {
+  ZOV_TAG tag;        // owner of the block
+  Chunk *next;        // while the chunk is free
+  uint64_t capacity;  // payload bytes it was allocated with
+  MemoryPool *pool;   // the pool that gave it out last
+};
+static_assert(sizeof(Chunk) % 16 == 0);
+
+void *payloadOf(Chunk *chunk) {
+  return chunk + 1;
+}
+
+Chunk *chunkOf(void *payload) {
+  return static_cast<Chunk *>(payload) - 1;
+}
+
+void enter(const MemoryPool &pool) ZOV_NO_ANALYSIS {
+  if (pool.mutex != ZOV_NO_SYNC) {
+    zov_syncEnterExcl(pool.mutex);
+  }
+}
+
+void leave(const MemoryPool &pool) ZOV_NO_ANALYSIS {
+  if (pool.mutex != ZOV_NO_SYNC) {
+    zov_syncExitExcl(pool.mutex);
+  }
+}
+
+Chunk *popChunk(MemoryPool &pool) {
+  enter(pool);
+  Chunk *chunk = pool.freeChunks;
+  if (chunk != nullptr) {
+    pool.freeChunks = chunk->next;
+    --pool.freeCount;
+  }
+  leave(pool);
+  return chunk;
+}
+
+// False when the pool is full.
+bool pushChunk(MemoryPool &pool, Chunk *chunk) {
+  enter(pool);
+  const bool fits = pool.freeCount < kMaxFree;
+  if (fits) {
+    chunk->next = pool.freeChunks;
+    pool.freeChunks = chunk;
+    ++pool.freeCount;
+  }
+  leave(pool);
+  return fits;
+}
+
+// A size that the header would carry past the end of the number range becomes
+// one that no tag can serve, so that it fails as any other shortage does.
+Chunk *newChunk(const MemoryPool &pool, uint64_t size, const char *sourceName, uint32_t line) {
+  const uint64_t blockBytes = size > UINT64_MAX - sizeof(Chunk) ? UINT64_MAX : size + sizeof(Chunk);
+  void *block = zov_getMem(blockBytes, pool.tag, ZOV_MEM_PLAIN, nullptr, sourceName, line);
+  if (block == nullptr) {
+    return nullptr;
+  }
+  Chunk *chunk = static_cast<Chunk *>(block);
+  chunk->tag = pool.tag;
+  chunk->capacity = size;
+  return chunk;
+}
+
+void fill(void *payload, uint64_t size, int32_t mode, const void *source) {
+  if (mode == ZOV_MEM_ZERO) {
+    memset(payload, 0, size);
+  } else if (mode == ZOV_MEM_COPY && size != 0) {
+    memcpy(payload, source, size);
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe) {
+  void *block = zov_getMem(sizeof(MemoryPool), tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
+  if (block == nullptr) {
+    return nullptr;
+  }
+  MemoryPool *pool = static_cast<MemoryPool *>(block);
+  pool->freeChunks = nullptr;
+  pool->tag = tag;
+  pool->mutex = threadSafe != 0 ? zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE) : ZOV_NO_SYNC;
+  pool->freeCount = 0;
+  pool->fixedSize = fixedSize;
+  return pool;
+}
+
+void *zov_getMemFromPool(uint64_t size, ZOV_POOL pool, int32_t mode, const void *source,
+                         const char *sourceName, uint32_t line) {
+  Chunk *chunk = popChunk(*pool);
+  if (chunk != nullptr && pool->fixedSize == 0 && chunk->capacity < size) {
+    zov_freeMem(chunk, pool->tag);
+    chunk = nullptr;
+  }
+  if (chunk == nullptr) {
+    chunk = newChunk(*pool, size, sourceName, line);
+    if (chunk == nullptr) {
+      return nullptr;
+    }
+  }
+  chunk->pool = pool;
+  fill(payloadOf(chunk), size, mode, source);
+  return payloadOf(chunk);
+}
+
+void zov_putInPool(void *payload, ZOV_POOL pool) {
+  if (payload == nullptr) {
+    return;
+  }
+  Chunk *chunk = chunkOf(payload);
+  if (chunk->pool != pool) {
+    zov_log("Attempting to put a memory chunk into a pool that didn't create it\n");
+    // Else the other tag's release would pull it from under this pool.
+    zov_moveMemTag(chunk, pool->tag, chunk->tag);
+    chunk->tag = pool->tag;
+  }
+  if (!pushChunk(*pool, chunk)) {
+    zov_freeMem(chunk, pool->tag);
+  }
+}
+
+void zov_zFreePool(ZOV_POOL *pool) {
+  MemoryPool *record = *pool;
+  if (record == nullptr) {
+    return;
+  }
+  // Whoever still leaves the mutex does so before the pool goes.
+  enter(*record);
+  Chunk *chunk = record->freeChunks;
+  leave(*record);
+  const ZOV_TAG tag = record->tag;
+  const ZOV_SYNC mutex = record->mutex;
+  while (chunk != nullptr) {
+    Chunk *next = chunk->next;
+    zov_freeMem(chunk, tag);
+    chunk = next;
+  }
+  zov_freeMem(record, tag);
+  zov_syncDelete(mutex);
+  *pool = nullptr;
+}
+}

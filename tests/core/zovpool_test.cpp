@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Pools: what is given out again, what goes back to the tag, shortages, and
+// chunks that wander between pools and threads.
+#include <gtest/gtest.h>
+#include <setjmp.h>
+#include <string.h>
+
+#include <deque>
+#include <random>
+#include <string_view>
+#include <thread>
+
+#include "support/alloc_failure.h"
+#include "support/output.h"
+#include "zov.h"
+
+namespace {
+
+using zovtest::outputOf;
+
+class Pool : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
+  void TearDown() override { zov_term(); }
+};
+
+char *get(ZOV_POOL pool, uint64_t size) {
+  return static_cast<char *>(zov_getMemFromPool(size, pool, ZOV_MEM_PLAIN, nullptr, "caller", 7));
+}
+
+// The word in front of the chunk that records how much it was made for.
+uint64_t capacityOf(const char *chunk) {
+  uint64_t capacity;
+  memcpy(&capacity, chunk - 16, sizeof capacity);
+  return capacity;
+}
+
+TEST_F(Pool, ReusesWhatIsLargeEnough) {
+  ZOV_POOL pool = zov_allocPool(ZOV_DEFAULT_TAG, 0, 0);
+  char *chunk = get(pool, 100);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(chunk) % 16, 0u);
+  memset(chunk, 'x', 100);
+  zov_putInPool(chunk, pool);
+  EXPECT_EQ(zov_getMemFromPool(50, pool, ZOV_MEM_ZERO, nullptr, ZOV_HERE), chunk);
+  EXPECT_EQ(std::string(chunk, 51), std::string(50, '\0') + 'x') << "cleared as far as asked";
+  EXPECT_EQ(capacityOf(chunk), 100u);
+  zov_putInPool(chunk, pool);
+  const int64_t before = zovtest::liveBlocks();
+  const std::string source(200, 'c');
+  chunk = static_cast<char *>(zov_getMemFromPool(200, pool, ZOV_MEM_COPY, source.data(), ZOV_HERE));
+  EXPECT_EQ(zovtest::liveBlocks(), before) << "the small chunk was given up";
+  EXPECT_EQ(std::string(chunk, 200), source);
+  EXPECT_EQ(capacityOf(chunk), 200u);
+}
+
+TEST_F(Pool, KeepsAThousandFreeChunks) {
+  const int64_t empty = zovtest::liveBlocks();
+  ZOV_POOL pool = zov_allocPool(ZOV_DEFAULT_TAG, 1, 0);
+  char *chunks[1002];
+  for (char *&chunk : chunks) {
+    chunk = get(pool, 8);
+  }
+  const int64_t full = zovtest::liveBlocks();
+  for (char *chunk : chunks) {
+    zov_putInPool(chunk, pool);
+  }
+  EXPECT_EQ(zovtest::liveBlocks(), full - 2);
+  EXPECT_EQ(get(pool, 9), chunks[999]) << "put in last, of whatever size";
+  zov_putInPool(chunks[999], pool);
+  zov_zFreePool(&pool);
+  EXPECT_EQ(pool, nullptr);
+  EXPECT_EQ(zovtest::liveBlocks(), empty);
+}
+
+// The chunk changes hands wholly: what becomes of its first tag is nothing to
+// it any more.
+TEST_F(Pool, AdoptsTheChunksOfOthers) {
+  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  ZOV_POOL mine = zov_allocPool(ZOV_DEFAULT_TAG, 1, 0);
+  char *chunk = get(zov_allocPool(tag, 1, 0), 16);
+  EXPECT_EQ(outputOf([&] { zov_putInPool(chunk, mine); }),
+            "Attempting to put a memory chunk into a pool that didn't create it\n");
+  zov_freeTagMemory(tag, 1);
+  EXPECT_EQ(get(mine, 16), chunk);
+  memset(chunk, 'y', 16);
+  EXPECT_EQ(outputOf([&] { zov_putInPool(chunk, mine); }), "") << "it is at home now";
+  zov_zFreePool(&mine);
+}
+
+TEST_F(Pool, ShortageIsTheTagsBusiness) {
+  ZOV_POOL pool = zov_allocPool(ZOV_DEFAULT_TAG, 0, 1);
+  for (const uint64_t size : {UINT64_MAX, UINT64_MAX - 31, UINT64_MAX - 32, UINT64_MAX / 2}) {
+    zov_putInPool(get(pool, 10), pool);
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(get(pool, size), nullptr); }),
+              "Out of memory. Called from caller:7\n");
+  }
+  jmp_buf recovery;
+  if (setjmp(recovery) == 0) {
+    zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
+    get(pool, UINT64_MAX);
+    ADD_FAILURE() << "came back";
+  }
+  zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
+  std::thread([&] { zov_putInPool(get(pool, 10), pool); }).join();  // nothing is locked
+}
+
+// Each thread fills its chunks with its own pattern, and nobody may find
+// another's in them.
+TEST_F(Pool, ServesManyThreads) {
+  ZOV_POOL pool = zov_allocPool(ZOV_DEFAULT_TAG, 0, 1);
+  std::thread threads[3];
+  for (uint32_t id = 0; id < 3; ++id) {
+    threads[id] = std::thread([pool, id] {
+      std::mt19937 random(id);
+      std::deque<std::string_view> held;
+      for (int step = 0; step < 5000; ++step) {
+        const uint64_t size = random() % 300;
+        char *chunk = get(pool, size);
+        memset(chunk, static_cast<int>(id), size);
+        held.emplace_back(chunk, size);
+        if (held.size() > random() % 20) {
+          const std::string_view back = held.front();
+          ASSERT_EQ(back, std::string(back.size(), static_cast<char>(id)));
+          zov_putInPool(const_cast<char *>(back.data()), pool);
+          held.pop_front();
+        }
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  zov_zFreePool(&pool);
+}
+
+}  // namespace
