@@ -631,6 +631,152 @@ ZOV_API void zov_zFreePool(ZOV_POOL *pool);
  * core/zovqueue: message queues
  * ======================================================================== */
 
+/** A message queue; null when absent. A message is a 64-bit value and two
+ *  32-bit words, its code and its key. */
+typedef struct MessageQueue *ZOV_QUEUE;
+
+/** Flag of zov_queueWrite(): the message is read before all others. */
+#define ZOV_QUEUE_FRONT 2
+
+/** What zov_queueRead() returns of a closed queue. */
+#define ZOV_QUEUE_CLOSED 3
+
+/** The key of zov_queuePurge() that stands for every message. */
+#define ZOV_QUEUE_EVERY_KEY UINT32_MAX
+
+/**
+ * Starts the queue module, which zov_init() leaves to the programs that use
+ * queues. Outside its start and end zov_queueCreate() and zov_queueFind() give
+ * null, zov_queueRead() gives #ZOV_ERROR, and the other calls do nothing.
+ *
+ * @param force low 16 bits non-zero: a running module is ended first, by
+ *              zov_queueTerm(); 0: a running module is left as it is
+ * @return #ZOV_OKAY, or #ZOV_ERROR when the library is not started or has no
+ *         sync object to give.
+ *
+ * Threads: any; with force as zov_queueTerm().
+ * Messages: those of zov_syncCreate_check().
+ */
+ZOV_API int32_t zov_queueInit(int32_t force);
+
+/**
+ * Ends the queue module. What is left undone at zov_term() happens there.
+ *
+ * @param force low 16 bits non-zero: every queue is deleted, as by
+ *              zov_queueDelete(); 0: nothing happens while a queue exists
+ *
+ * Threads: no other call of this module may be under way, but for readers that
+ * are leaving a closed queue.
+ */
+ZOV_API void zov_queueTerm(int32_t force);
+
+/**
+ * Makes a queue, open and empty.
+ *
+ * @param name the queue's name, copied, or null for none; need not be unique
+ * @return the queue, to be released with zov_queueDelete(), or null.
+ *
+ * Threads: any.
+ * Messages: those of zov_getMem() and zov_syncCreate_check().
+ */
+ZOV_API ZOV_QUEUE zov_queueCreate(const char *name);
+
+/**
+ * Deletes a queue with the messages left in it. Waits for the reader that is
+ * waiting in it; close the queue first to have that one leave at once.
+ *
+ * @param queue the queue; null deletes nothing
+ *
+ * Threads: nobody may use the queue any more, but for the one reader above.
+ * Messages: "Deleted too many queues", when deletions outnumber creations.
+ */
+ZOV_API void zov_queueDelete(ZOV_QUEUE queue);
+
+/**
+ * Puts a message into a queue, at its end, and wakes the reader that waits for
+ * one. A closed queue drops it; so does one that cannot have memory for it.
+ *
+ * @param queue the queue
+ * @param data  the message's value
+ * @param code  its first word
+ * @param key   its second word, by which zov_queuePurge() finds it
+ * @param flags 0 or #ZOV_QUEUE_FRONT
+ *
+ * Threads: any; never waits for a reader. Cost: one lock pair and a few pointer
+ * updates; memory only when the queue is longer than it ever was; a system call
+ * only when a reader sleeps.
+ * Messages: "Invalid queue handle" for a null handle; "Out of memory. Called
+ * from %s:%u".
+ */
+ZOV_API void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint32_t key,
+                            int32_t flags);
+
+/**
+ * Takes the first message out of a queue, waiting for one if asked. Readers
+ * wait one at a time: who comes while another waits is not served, nor given
+ * up, before that one is, whatever its own limit.
+ *
+ * @param queue  the queue
+ * @param data   place for the message's value
+ * @param code   place for its code, or null
+ * @param key    place for its key, or null
+ * @param waitMs how long to wait for a message, in milliseconds; 0 not at all,
+ *               #ZOV_WAIT_FOREVER without limit
+ * @return #ZOV_OKAY; #ZOV_TIMEOUT when the limit ran out; #ZOV_ERROR when there
+ *         was nothing to read and waitMs is 0, or for a null handle;
+ *         #ZOV_QUEUE_CLOSED. The places are written only with #ZOV_OKAY.
+ *
+ * Threads: any. Cost: one lock pair when a message is there and nobody waits.
+ * Messages: "Invalid queue handle" for a null handle; "unexpected empty queue
+ * on %s" with the name, when a purge takes the message that a reader was woken
+ * for: that reader is given #ZOV_ERROR, and its thread keeps the queue locked,
+ * as one whose state is in doubt.
+ */
+ZOV_API int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, uint32_t *key,
+                              uint32_t waitMs);
+
+/**
+ * Drops every message with a key from a queue that is not closed. See
+ * zov_queueRead() for what a purge may do to a reader that is just waking.
+ *
+ * @param queue the queue
+ * @param key   the key, or #ZOV_QUEUE_EVERY_KEY
+ *
+ * Threads: any. Messages: "Invalid queue handle" for a null handle.
+ */
+ZOV_API void zov_queuePurge(ZOV_QUEUE queue, uint32_t key);
+
+/**
+ * Closes a queue for good: readers that wait leave, and from now on reads,
+ * writes and purges do nothing.
+ *
+ * @param queue the queue; null is ignored
+ *
+ * Threads: any; takes none of the queue's locks.
+ */
+ZOV_API void zov_queueClose(ZOV_QUEUE queue);
+
+/**
+ * Counts the messages in a queue, without a lock: the number may be out of date
+ * when it arrives.
+ *
+ * @param queue the queue; null has none
+ * @return the number of messages.
+ *
+ * Threads: any.
+ */
+ZOV_API uint32_t zov_queueCount(ZOV_QUEUE queue);
+
+/**
+ * Finds a queue by its name.
+ *
+ * @param name the name, compared byte by byte; null finds nothing
+ * @return the newest queue of that name, or null.
+ *
+ * Threads: any. Cost: in proportion to the number of queues.
+ */
+ZOV_API ZOV_QUEUE zov_queueFind(const char *name);
+
 /* ========================================================================
  * core/zovswap, core/zovalign, core/zovver: byte order, alignment, version
  *

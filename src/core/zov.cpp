@@ -67,6 +67,7 @@ int32_t _zov_init() {
 void _zov_term() {
   zov::storeFlag(zov_terminating, 1);
   zov_fileTerm();
+  zov::abandonQueues();
   zov_syncShutdown();
   zov_memTerm();
   zov_syncTerm();

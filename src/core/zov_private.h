@@ -78,6 +78,10 @@ class NoJump {
 // first, and the frees that follow must not touch the locks any more.
 void abandonMemory();
 
+// Forgets a queue module that its program did not end: its queues and its lock
+// go with the tags and the sync objects that shut-down is about to destroy.
+void abandonQueues();
+
 }  // namespace zov
 
 #endif

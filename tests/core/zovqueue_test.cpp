@@ -1,0 +1,382 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Message queues: a random walk against a model, the life of queues and module,
+// and threads. Where an order of events between threads matters, the locks and
+// waits of libc are replaced by ones that tell of it or act at that moment.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "support/alloc_failure.h"
+#include "support/output.h"
+#include "zov.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using zovtest::outputOf;
+
+std::atomic<uint32_t> sleeps{0};   // waits on a condition that were begun
+std::atomic<uint32_t> blocked{0};  // locks that were found taken
+
+// Called before each lock this thread takes, with the number of that lock.
+thread_local std::function<void(int)> *lockHook = nullptr;
+thread_local int locks = 0;
+
+void until(const std::atomic<uint32_t> &counter, uint32_t value) {
+  while (counter < value) {
+    std::this_thread::yield();
+  }
+}
+
+int32_t read(ZOV_QUEUE queue, uint32_t waitMs = 0) {
+  uint64_t data = 0;
+  return zov_queueRead(queue, &data, nullptr, nullptr, waitMs);
+}
+
+void write(ZOV_QUEUE queue) {
+  zov_queueWrite(queue, 1, 2, 3, 0);
+}
+
+template <typename Call>
+auto hooked(std::function<void(int)> hook, Call call) {
+  locks = 0;
+  lockHook = &hook;
+  const auto result = call();
+  lockHook = nullptr;
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
+int __real_pthread_cond_wait(pthread_cond_t *condition, pthread_mutex_t *mutex);
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+  if (std::function<void(int)> *hook = std::exchange(lockHook, nullptr); hook != nullptr) {
+    (*hook)(++locks);
+    lockHook = hook;
+  }
+  if (pthread_mutex_trylock(mutex) == 0) {
+    return 0;
+  }
+  ++blocked;
+  return __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t *condition, pthread_mutex_t *mutex) {
+  ++sleeps;
+  return __real_pthread_cond_wait(condition, mutex);
+}
+}
+
+namespace {
+
+class Queue : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    ASSERT_EQ(zov_queueInit(0), ZOV_OKAY);
+    queue = zov_queueCreate("orders");
+    ASSERT_NE(queue, nullptr);
+  }
+  void TearDown() override {
+    zov_queueTerm(1);
+    zov_term();
+  }
+  ZOV_QUEUE queue = nullptr;
+};
+
+TEST_F(Queue, BehavesAsItsModel) {
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  std::deque<std::array<uint64_t, 3>> model;  // data, code, key
+  for (int step = 0; step < 20000; ++step) {
+    const uint32_t key = random() % 4;
+    const uint32_t choice = random() % 16;
+    if (choice == 0) {
+      const bool every = random() % 8 == 0;
+      zov_queuePurge(queue, every ? ZOV_QUEUE_EVERY_KEY : key);
+      std::erase_if(model, [&](const auto &message) { return every || message[2] == key; });
+    } else if (choice < 8) {
+      uint64_t data = 0;
+      uint32_t code = 0;
+      uint32_t itsKey = 0;
+      const int32_t status = zov_queueRead(queue, &data, &code, &itsKey, 0);
+      ASSERT_EQ(status, model.empty() ? ZOV_ERROR : ZOV_OKAY);
+      if (status == ZOV_OKAY) {
+        ASSERT_EQ(model.front(), (std::array<uint64_t, 3>{data, code, itsKey}));
+        model.pop_front();
+      }
+    } else {
+      const uint64_t data = uint64_t{random()} << 32 | random();
+      const uint32_t code = static_cast<uint32_t>(random());
+      const bool inFront = choice > 12;
+      zov_queueWrite(queue, data, code, key, inFront ? ZOV_QUEUE_FRONT | 1 : 5);
+      model.insert(inFront ? model.begin() : model.end(), {data, code, key});
+    }
+    ASSERT_EQ(zov_queueCount(queue), model.size());
+  }
+}
+
+TEST_F(Queue, ReaderWaitsUntilAMessageComes) {
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(read(queue, 50), ZOV_TIMEOUT);
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(45));
+  std::thread reader([&] { EXPECT_EQ(read(queue, ZOV_WAIT_FOREVER), ZOV_OKAY); });
+  until(sleeps, 1);
+  write(queue);
+  reader.join();
+}
+
+TEST_F(Queue, ReadersTakeTurns) {
+  std::thread waiting([&] { EXPECT_EQ(read(queue, ZOV_WAIT_FOREVER), ZOV_OKAY); });
+  until(sleeps, 1);
+  std::thread late([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR) << "overtook the other"; });
+  until(blocked, 1);
+  write(queue);
+  waiting.join();
+  late.join();
+}
+
+TEST_F(Queue, CloseIsFinal) {
+  write(queue);
+  zov_queueClose(queue);
+  write(queue);
+  zov_queuePurge(queue, ZOV_QUEUE_EVERY_KEY);
+  EXPECT_EQ(zov_queueCount(queue), 1u) << "neither written nor purged";
+  EXPECT_EQ(read(queue), ZOV_QUEUE_CLOSED) << "what it held is out of reach";
+}
+
+// Closes the queue before each lock that a reader takes on its way to sleep: read
+// mutex, list mutex, event.
+TEST_F(Queue, CloseIsNeverSleptThrough) {
+  for (int moment = 1; moment <= 3; ++moment) {
+    ZOV_QUEUE closing = zov_queueCreate("closing");
+    const auto close = [&](int lock) {
+      if (lock == moment) {
+        zov_queueClose(closing);
+      }
+    };
+    EXPECT_EQ(hooked(close, [&] { return read(closing, ZOV_WAIT_FOREVER); }), ZOV_QUEUE_CLOSED);
+    zov_queueDelete(closing);
+  }
+}
+
+// A writer sets out to wake a reader, which runs out of time before it gets
+// there, so that the next one is woken in its place and has to sleep on.
+TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
+  std::atomic<uint32_t> stage{0};
+  const auto stopBeforeEvent = [&](int lock) {
+    if (lock == 2) {
+      stage = 1;
+      until(stage, 2);
+    }
+  };
+  std::thread writer;
+  const auto startWriter = [&](int lock) {
+    if (lock == 3) {
+      writer = std::thread([&] { hooked(stopBeforeEvent, [&] { return write(queue), 0; }); });
+      until(stage, 1);
+    }
+  };
+  EXPECT_EQ(hooked(startWriter, [&] { return read(queue, 1); }), ZOV_TIMEOUT);
+  EXPECT_EQ(read(queue), ZOV_OKAY);
+  const auto finishWriter = [&](int lock) {
+    if (lock == 3) {
+      stage = 2;
+      writer.join();
+    } else if (lock == 5) {
+      write(queue);
+    }
+  };
+  EXPECT_EQ(hooked(finishWriter, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
+  EXPECT_EQ(zov_queueCount(queue), 0u);
+}
+
+// Purges what a reader was woken for before it gets there. The queue stays
+// locked, so this test takes nothing down.
+TEST(QueueInDoubt, StaysLocked) {
+  ASSERT_EQ(zov_init(), ZOV_OKAY);
+  ASSERT_EQ(zov_queueInit(0), ZOV_OKAY);
+  ZOV_QUEUE queue = zov_queueCreate("orders");
+  const auto writeAndPurge = [&](int lock) {
+    if (lock == 3) {
+      write(queue);
+    } else if (lock == 4) {
+      zov_queuePurge(queue, 3);
+    }
+  };
+  EXPECT_EQ(outputOf([&] {
+              EXPECT_EQ(hooked(writeAndPurge, [&] { return read(queue, 1000); }), ZOV_ERROR);
+            }),
+            "unexpected empty queue on orders");
+  std::thread(read, queue, 0).detach();
+  until(blocked, 1);
+  std::thread(write, queue).detach();
+  until(blocked, 2);
+}
+
+TEST_F(Queue, IsFoundByName) {
+  ZOV_QUEUE older = zov_queueCreate("b");
+  ZOV_QUEUE newer = zov_queueCreate("b");
+  ZOV_QUEUE unnamed = zov_queueCreate(nullptr);
+  EXPECT_EQ(zov_queueFind("orders"), queue);
+  EXPECT_EQ(zov_queueFind("B"), nullptr);
+  EXPECT_EQ(zov_queueFind(""), unnamed);
+  EXPECT_EQ(zov_queueFind("b"), newer);
+  zov_queueDelete(newer);
+  EXPECT_EQ(zov_queueFind("b"), older);
+}
+
+// The last two handles are a queue that is not on the list, as if deleted
+// before, and one without a name, which the calls complain of but use.
+TEST_F(Queue, BadHandlesAreReported) {
+  const std::string invalid = "Invalid queue handle";
+  EXPECT_EQ(outputOf([] {
+              write(nullptr);
+              EXPECT_EQ(read(nullptr), ZOV_ERROR);
+              zov_queuePurge(nullptr, 1);
+              zov_queueClose(nullptr);
+              zov_queueDelete(nullptr);
+              EXPECT_EQ(zov_queueCount(nullptr), 0u);
+            }),
+            invalid + invalid + invalid);
+  const char *name = "deleted";
+  zov_queueDelete(reinterpret_cast<ZOV_QUEUE>(&name));
+  EXPECT_EQ(outputOf([&] { zov_queueDelete(reinterpret_cast<ZOV_QUEUE>(&name)); }),
+            "Deleted too many queues");
+  uint64_t record[16] = {};
+  ZOV_QUEUE nameless = reinterpret_cast<ZOV_QUEUE>(record);
+  EXPECT_TRUE(outputOf([&] { write(nameless); }).starts_with(invalid));
+  EXPECT_EQ(zov_queueCount(nameless), 1u);
+}
+
+TEST(QueueModule, LivesBetweenInitAndTerm) {
+  EXPECT_EQ(zov_queueInit(0), ZOV_ERROR) << "the library is not started";
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    EXPECT_EQ(zov_queueCreate("early"), nullptr);
+    EXPECT_EQ(zov_queueFind("early"), nullptr);
+    EXPECT_EQ(read(nullptr), ZOV_ERROR);
+    zov_queueDelete(nullptr);
+    EXPECT_EQ(zov_queueInit(0), ZOV_OKAY);
+    ZOV_QUEUE queue = zov_queueCreate("kept");
+    EXPECT_EQ(zov_queueInit(0x10000), ZOV_OKAY);
+    zov_queueTerm(0x10000);
+    EXPECT_EQ(zov_queueFind("kept"), queue) << "the high half forces nothing";
+    EXPECT_EQ(zov_queueInit(1), ZOV_OKAY);
+    EXPECT_EQ(zov_queueFind("kept"), nullptr);
+    zov_queueTerm(0);
+    EXPECT_EQ(zov_queueInit(0), ZOV_OKAY);
+    EXPECT_NE(zov_queueCreate("left over"), nullptr);
+    zov_term();  // with the module running
+  }
+}
+
+TEST_F(Queue, LackOfMemoryLeavesNothingBehind) {
+  ZOV_QUEUE created = nullptr;
+  for (uint32_t passing = 0; created == nullptr; ++passing) {
+    ASSERT_LT(passing, 20u);
+    const int64_t before = zovtest::liveBlocks();
+    zovtest::failAllocationAfter(passing);
+    created = zov_queueCreate("short");
+    zovtest::stopFailing();
+    EXPECT_TRUE(created != nullptr || zovtest::liveBlocks() == before) << passing;
+  }
+  zovtest::failAllocationAfter(0);
+  write(created);
+  EXPECT_TRUE(zovtest::stopFailing());
+  EXPECT_EQ(zov_queueCount(created), 0u) << "dropped";
+  write(created);
+  zovtest::failAllocationAfter(0);
+  for (int round = 0; round < 100; ++round) {
+    EXPECT_EQ(read(created), ZOV_OKAY);
+    write(created);
+    zov_queuePurge(created, 3);
+    write(created);
+  }
+  EXPECT_FALSE(zovtest::stopFailing()) << "nodes are used again";
+}
+
+// Every message arrives once, and those of one writer in their order, however
+// the readers wait. With purges the readers do not wait: see QueueInDoubt.
+void exchange(ZOV_QUEUE queue, bool purging) {
+  constexpr uint32_t kThreads = 3;
+  constexpr uint32_t kMessages = 4000;
+  constexpr uint32_t kPurged = 1000;
+  std::atomic<uint32_t> arrived{0};
+  std::vector<std::thread> threads;
+  for (uint32_t id = 0; id < kThreads; ++id) {
+    threads.emplace_back([&, waitMs = purging || id == 2 ? 0 : ZOV_WAIT_FOREVER + id * 2] {
+      uint64_t next[kThreads] = {};
+      uint64_t number = 0;
+      uint32_t writer = 0;
+      uint32_t key = 0;
+      int32_t status = ZOV_OKAY;
+      while (status != ZOV_QUEUE_CLOSED) {
+        status = zov_queueRead(queue, &number, &writer, &key, waitMs);
+        ASSERT_TRUE(status != ZOV_ERROR || waitMs == 0);
+        if (status == ZOV_OKAY && key != kPurged) {
+          ASSERT_GE(number, next[writer]);
+          next[writer] = number + 1;
+          ++arrived;
+        }
+      }
+    });
+    threads.emplace_back([=] {
+      for (uint32_t number = 0; number < kMessages; ++number) {
+        zov_queueWrite(queue, number, id, 0, 0);
+        if (purging && number % 4 == id) {
+          zov_queueWrite(queue, 0, id, kPurged, ZOV_QUEUE_FRONT);
+          zov_queuePurge(queue, kPurged);
+        }
+      }
+    });
+  }
+  until(arrived, kThreads * kMessages);
+  zov_queueClose(queue);
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(arrived, kThreads * kMessages);
+}
+
+TEST_F(Queue, ServesManyWritersAndReaders) {
+  exchange(queue, false);
+  exchange(zov_queueCreate("purged"), true);
+}
+
+// Deletes each queue as soon as its last message or its end was read, while the
+// writer or closer may not be back from its call.
+TEST_F(Queue, MayBeDeletedByWhoReadsItsEnd) {
+  std::thread other([&] {
+    uint64_t handle = 0;
+    uint32_t closes = 0;
+    while (zov_queueRead(queue, &handle, &closes, nullptr, ZOV_WAIT_FOREVER) == ZOV_OKAY) {
+      (closes != 0 ? zov_queueClose : write)(reinterpret_cast<ZOV_QUEUE>(handle));
+    }
+  });
+  for (uint32_t round = 0; round < 3000; ++round) {
+    const bool closes = round % 2 != 0;
+    ZOV_QUEUE reply = zov_queueCreate("reply");
+    zov_queueWrite(queue, reinterpret_cast<uint64_t>(reply), closes, 0, 0);
+    EXPECT_EQ(read(reply, ZOV_WAIT_FOREVER), closes ? ZOV_QUEUE_CLOSED : ZOV_OKAY);
+    zov_queueDelete(reply);
+  }
+  zov_queueClose(queue);
+  other.join();
+}
+
+}  // namespace
