@@ -1900,7 +1900,211 @@ ZOV_API int32_t zov_isPurifyRunning(void);
 
 /* ========================================================================
  * config/zovbufferedstream: typed buffers
+ *
+ * The encoding, item behind item, without frames or padding: integers and
+ * IEEE 754 floats of 1, 2, 4 or 8 bytes in the sender's byte order, reversed by
+ * a side that swaps; a string with length as a 32-bit length and its bytes
+ * without NUL, the length 4294967295 alone being the null string; plain strings
+ * and raw bytes as they are.
+ *
+ * A status is 0, what a callback returned, passed on unchanged, or one of the
+ * two codes below. One thread at a time; different buffers are independent.
  * ======================================================================== */
+
+/** Memory for a buffer or a string could not be obtained. */
+#define ZOV_BUFF_NOMEMORY (-904)
+/** A string did not fit. */
+#define ZOV_BUFF_TRUNCATED (-211)
+
+/** A buffer that decodes what it reads; null when absent. */
+typedef struct InputBuffer *ZOV_INPUTBUFF;
+
+/** A buffer that encodes and writes; null when absent. */
+typedef struct OutputBuffer *ZOV_OUTPUTBUFF;
+
+/**
+ * Delivers bytes of the channel, at least one if it wants to make progress: a
+ * success without bytes is followed by the next call.
+ *
+ * @param context   as given at creation
+ * @param buffer    where to
+ * @param capacity  room there, in bytes
+ * @param delivered place for the number of bytes delivered, 0 beforehand; a
+ *                  number above capacity counts as capacity, and none counts on
+ *                  failure
+ * @return 0, or the caller's own status for end, time-out or failure.
+ */
+typedef int32_t (*ZOV_BUFF_READ)(void *context, void *buffer, uint32_t capacity,
+                                 uint32_t *delivered);
+
+/** As ::ZOV_BUFF_READ, with the wait that the reader asked for. */
+typedef int32_t (*ZOV_BUFF_TIMED_READ)(void *context, void *buffer, uint32_t capacity,
+                                       uint32_t *delivered, uint32_t waitMs);
+
+/** Takes all length bytes of data and returns 0, or returns the caller's own
+ *  status, after which the same bytes are offered again by a later call. */
+typedef int32_t (*ZOV_BUFF_WRITE)(void *context, const void *data, uint32_t length);
+
+/**
+ * Makes an input buffer of 5000 bytes. Nothing is read yet.
+ *
+ * @param read      delivers bytes
+ * @param timedRead delivers bytes within a time, or null
+ * @param context   passed to both unchanged
+ * @param swap      non-zero: values of more than one byte are reversed
+ * @param handle    place for the buffer, to be released with
+ *                  zov_inputBuffDestroy(); null on failure
+ * @return 0 or #ZOV_BUFF_NOMEMORY.
+ *
+ * Messages: as zov_getMem(). May jump: yes.
+ */
+ZOV_API int32_t zov_inputBuffCreate(ZOV_BUFF_READ read, ZOV_BUFF_TIMED_READ timedRead,
+                                    void *context, int32_t swap, ZOV_INPUTBUFF *handle);
+
+/** Releases an input buffer with what it holds; null is ignored. */
+ZOV_API void zov_inputBuffDestroy(ZOV_INPUTBUFF handle);
+
+/**
+ * Reads one byte.
+ *
+ * @param handle the buffer
+ * @param place  place for the value, written on success only
+ * @return a status. When a callback fails half-way through an item, the bytes
+ *         of the item that had arrived are lost; nothing else is.
+ */
+ZOV_API int32_t zov_inputBuffGetChar(ZOV_INPUTBUFF handle, char *place);
+
+/** As zov_inputBuffGetChar(), for 16-bit integers. */
+ZOV_API int32_t zov_inputBuffGetInt16(ZOV_INPUTBUFF handle, int16_t *place);
+/** As zov_inputBuffGetChar(), for 32-bit integers. */
+ZOV_API int32_t zov_inputBuffGetInt32(ZOV_INPUTBUFF handle, int32_t *place);
+/** As zov_inputBuffGetChar(), for 64-bit integers. */
+ZOV_API int32_t zov_inputBuffGetInt64(ZOV_INPUTBUFF handle, int64_t *place);
+/** As zov_inputBuffGetChar(), for 32-bit floats. */
+ZOV_API int32_t zov_inputBuffGetFloat32(ZOV_INPUTBUFF handle, float *place);
+/** As zov_inputBuffGetChar(), for 64-bit floats. */
+ZOV_API int32_t zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place);
+
+/**
+ * As zov_inputBuffGetInt32(), reading through the timed callback. The wait goes
+ * to every such call, of which a value in pieces takes several.
+ *
+ * @param waitMs wait time as the callback understands it; 0 reads through the
+ *               plain callback, as does a buffer without a timed one
+ */
+ZOV_API int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *place, uint32_t waitMs);
+
+/**
+ * Reads a string with length into a buffer, always terminated. Of a longer
+ * string the rest is read and dropped, so that the next item comes next.
+ *
+ * @param handle the buffer
+ * @param buffer where to; holds an empty string for the null string, and when
+ *               what fits of the text fails to arrive
+ * @param size   room there in bytes, the NUL's included; with 0 nothing is
+ *               stored and nothing fits
+ * @return a status; #ZOV_BUFF_TRUNCATED when the string did not fit.
+ */
+ZOV_API int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer, uint64_t size);
+
+/**
+ * Reads a string with length into memory of its own. The length is believed:
+ * up to 4 GiB are asked for before any of the text has arrived.
+ *
+ * @param handle the buffer
+ * @param text   place for the string, the caller's, of the default tag; null
+ *               for the null string and on failure
+ * @return a status; #ZOV_BUFF_NOMEMORY with the text still unread. When the
+ *         text fails to arrive its memory stays with the default tag.
+ *
+ * Messages: as zov_getMem(). May jump: yes, with the text still unread.
+ */
+ZOV_API int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text);
+
+/**
+ * Reads raw bytes, never reversed.
+ *
+ * @param handle      the buffer
+ * @param destination where to; null drops them
+ * @param count       how many
+ * @return a status.
+ */
+ZOV_API int32_t zov_inputBuffGetBytes(ZOV_INPUTBUFF handle, void *destination, uint64_t count);
+
+/** Discards what the buffer holds; the next read asks the channel. */
+ZOV_API void zov_inputBuffReset(ZOV_INPUTBUFF handle);
+
+/**
+ * Makes an output buffer of 5000 bytes.
+ *
+ * @param write   takes the bytes
+ * @param context passed to it unchanged
+ * @param swap    non-zero: values of more than one byte are reversed
+ * @param handle  place for the buffer, to be released with
+ *                zov_outputBuffDestroy(); null on failure
+ * @return 0 or #ZOV_BUFF_NOMEMORY.
+ *
+ * Messages: as zov_getMem(). May jump: yes.
+ */
+ZOV_API int32_t zov_outputBuffCreate(ZOV_BUFF_WRITE write, void *context, int32_t swap,
+                                     ZOV_OUTPUTBUFF *handle);
+
+/** Releases an output buffer without flushing it; null is ignored. */
+ZOV_API void zov_outputBuffDestroy(ZOV_OUTPUTBUFF handle);
+
+/**
+ * Writes the low 8 bits of a value. Bytes collect in the buffer; a full one is
+ * sent when the next byte comes.
+ *
+ * @param handle the buffer
+ * @param value  the value
+ * @return a status. When the callback fails all that was buffered stays so, and
+ *         with it the first bytes of an item that straddled.
+ */
+ZOV_API int32_t zov_outputBuffPutChar(ZOV_OUTPUTBUFF handle, int32_t value);
+
+/** As zov_outputBuffPutChar(), for 16-bit integers. */
+ZOV_API int32_t zov_outputBuffPutInt16(ZOV_OUTPUTBUFF handle, int16_t value);
+/** As zov_outputBuffPutChar(), for 32-bit integers. */
+ZOV_API int32_t zov_outputBuffPutInt32(ZOV_OUTPUTBUFF handle, int32_t value);
+/** As zov_outputBuffPutChar(), for 64-bit integers. */
+ZOV_API int32_t zov_outputBuffPutInt64(ZOV_OUTPUTBUFF handle, int64_t value);
+/** As zov_outputBuffPutChar(), for 32-bit floats. */
+ZOV_API int32_t zov_outputBuffPutFloat32(ZOV_OUTPUTBUFF handle, float value);
+/** As zov_outputBuffPutChar(), for 64-bit floats. */
+ZOV_API int32_t zov_outputBuffPutFloat64(ZOV_OUTPUTBUFF handle, double value);
+
+/** As zov_outputBuffPutChar(), for the bytes of a string without its NUL; the
+ *  reader must know how many they are. */
+ZOV_API int32_t zov_outputBuffPutString(ZOV_OUTPUTBUFF handle, const char *text);
+
+/**
+ * As zov_outputBuffPutChar(), for a string with length.
+ *
+ * @param text the string, or null for the null string
+ * @return a status; #ZOV_BUFF_TRUNCATED, with nothing written, for a string of
+ *         4294967295 bytes and more.
+ */
+ZOV_API int32_t zov_outputBuffPutStringWithLength(ZOV_OUTPUTBUFF handle, const char *text);
+
+/** As zov_outputBuffPutChar(), for raw bytes, never reversed. */
+ZOV_API int32_t zov_outputBuffPutBytes(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count);
+
+/** Sends what the buffer holds, if anything, in one call of the callback.
+ *  @return a status; on failure the buffer holds it still. */
+ZOV_API int32_t zov_outputBuffFlush(ZOV_OUTPUTBUFF handle);
+
+/**
+ * Flushes, then hands raw bytes to the callback without copying them.
+ *
+ * @param handle the buffer
+ * @param data   the bytes
+ * @param count  how many; with 0 nothing happens. 2^32 and more go in several
+ *               calls.
+ * @return a status. After a failure it is the caller who knows how many bytes
+ *         the callback has taken.
+ */
+ZOV_API int32_t zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count);
 
 /* ========================================================================
  * os/zovunix_process: process, daemon and signal services
