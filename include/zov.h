@@ -1493,6 +1493,120 @@ ZOV_API int32_t zov_match(const char *name, const char *pattern);
  * memstore/zovshmheap: shared-memory heap
  * ======================================================================== */
 
+/** A context of the heap: a root block and numbered regions. Its id, a 64-bit
+ *  number never 0, is its handle's address. The layers above keep one context
+ *  for each file and store the id as the file's identity. */
+typedef struct ShmContext *ZOV_SHM_CTX;
+
+/** A region of a context; the handle is the region's address. */
+typedef struct ShmRegion *ZOV_SHM_REGION;
+
+/**
+ * Starts the heap and makes its first context. The first of the calls that
+ * start the memory storage; see zov_mfInit().
+ * @param pageSize place for the page size, 4096
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_shmInit(uint32_t *pageSize);
+
+/** Releases every context with its memory and ends the heap. */
+ZOV_API void zov_shmTerm(void);
+
+/** @return the id of the context made at start-up; 0 when the heap is down.
+ *  Threads: any. */
+ZOV_API uint64_t zov_shmRootId(void);
+
+/**
+ * Makes an empty context, of one memory tag.
+ *
+ * @return its id, to be released with zov_shmRemoveCtx() (zov_shmTerm()
+ *         releases what is left), or 0 when memory is short.
+ *
+ * Threads: any. Messages: that of a failing allocation.
+ */
+ZOV_API uint64_t zov_shmNextId(void);
+
+/**
+ * Opens a context. The first open with `O_CREAT` makes its root block, of
+ * rootSize zero bytes, and its lock; what later ones pass decides only whether
+ * they are told the address.
+ *
+ * @param id       id of the context; any other number is refused
+ * @param flags    open flags, of which `O_CREAT` counts
+ * @param rootSize size of the root block in bytes
+ * @param root     place for its address, left alone when rootSize is 0; or null
+ * @return the handle, or null: no such context, no root block and no `O_CREAT`,
+ *         a size of 0 for a new one, memory or sync objects run out.
+ *
+ * Threads: one at a time on a context.
+ * Messages: those of a failing allocation or zov_syncCreate_check().
+ */
+ZOV_API ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root);
+
+/** Does nothing: contexts count no users here. */
+ZOV_API void zov_shmCloseCtx(ZOV_SHM_CTX context);
+
+/**
+ * Releases a context with its root block, lock and regions, all of which must
+ * be out of use. What is not a context, null included, is ignored.
+ * Threads: one at a time on a context.
+ */
+ZOV_API void zov_shmRemoveCtx(ZOV_SHM_CTX context);
+
+/**
+ * Makes a region of zero bytes. One that has the number already is replaced;
+ * its memory stays until the context is released.
+ *
+ * @param context the context; null gives null
+ * @param number  the region's number, below 4,294,967,295
+ * @param start   where it begins in the file it is part of; not used
+ * @param size    its size in bytes
+ * @return the region, or null when memory is short. If that hits the table of
+ *         regions, every region of the context is out of reach from then on
+ *         and the memory stays until the context is released.
+ *
+ * Threads: one at a time on a context. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
+                                     uint32_t size);
+
+/**
+ * Finds a region. start and size are not used.
+ * @return the region, or null when there is none of that number.
+ * Threads: one at a time on a context.
+ */
+ZOV_API ZOV_SHM_REGION zov_shmOpen(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
+                                   uint32_t size);
+
+/** Does nothing: regions count no users here. */
+ZOV_API void zov_shmClose(ZOV_SHM_REGION region);
+
+/**
+ * Releases a region; a number without one is ignored, and so is a null context.
+ * Threads: one at a time on a context.
+ */
+ZOV_API void zov_shmDestroy(ZOV_SHM_CTX context, uint32_t number);
+
+/** @return the region's address. It never moves. Threads: any. */
+ZOV_API void *zov_shmGetPtr(ZOV_SHM_REGION region);
+
+/** Does nothing: an address costs nothing to keep. */
+ZOV_API void zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
+
+/**
+ * Enters the lock of a context, a recursive mutex that the layers above hold
+ * while they use the context's root block and regions.
+ *
+ * @return #ZOV_OKAY, or #ZOV_ERROR for a context that never had a root block
+ *         and so has no lock.
+ *
+ * Threads: any; waits while another thread is inside.
+ */
+ZOV_API int32_t zov_shmLock(ZOV_SHM_CTX context);
+
+/** Leaves the lock of a context. Threads: the one inside. */
+ZOV_API void zov_shmUnlock(ZOV_SHM_CTX context);
+
 /* ========================================================================
  * memstore/zovshmcache: mapping cache
  * ======================================================================== */

@@ -45,10 +45,16 @@ struct Stage {
   void (*undo)();
 };
 
+int32_t memoryStorageInit() {
+  uint32_t pageSize = 0;
+  return zov_shmInit(&pageSize);
+}
+
 constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
+    {memoryStorageInit, zov_shmTerm},
 };
 
 int32_t _zov_init() {
@@ -66,6 +72,7 @@ int32_t _zov_init() {
 
 void _zov_term() {
   zov::storeFlag(zov_terminating, 1);
+  zov_shmTerm();
   zov_fileTerm();
   zov::abandonQueues();
   zov_syncShutdown();
