@@ -1611,6 +1611,119 @@ ZOV_API void zov_shmUnlock(ZOV_SHM_CTX context);
  * memstore/zovshmcache: mapping cache
  * ======================================================================== */
 
+/** An open context of the heap, shared by all who have it open. */
+typedef struct CacheContext *ZOV_CACHE_CTX;
+
+/** An open region of such a context, likewise shared. */
+typedef struct CacheRegion *ZOV_CACHE_REGION;
+
+/**
+ * Starts the heap and the mapping cache over it; see zov_mfInit().
+ * @param pageSize place for the page size, 4096
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_shmCacheInit(uint32_t *pageSize);
+
+/** Ends the cache and the heap. @return #ZOV_OKAY. */
+ZOV_API int32_t zov_shmCacheTerm(void);
+
+/**
+ * Opens a context, as zov_shmOpenCtx() does, or counts one more user of an open
+ * one. One marked as deleted is not found by its id any more: it is opened anew
+ * beside those who have it.
+ *
+ * @param id       id of the context
+ * @param flags    open flags, of which `O_CREAT` counts
+ * @param rootSize size of the root block, not 0
+ * @param root     place for the address of the root block
+ * @return the context, to be left with zov_shmCacheCloseCtx(), or null.
+ *
+ * Threads: any. Messages: as zov_shmOpenCtx().
+ */
+ZOV_API ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize,
+                                          void **root);
+
+/** Leaves a context, of which the caller has closed its regions; the last user
+ *  to leave closes it. Threads: any. */
+ZOV_API void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context);
+
+/** Marks a context as deleted: opens by its id do not find it any more. Its
+ *  users keep it. Threads: any. */
+ZOV_API void zov_shmCacheMarkDeleted(ZOV_CACHE_CTX context);
+
+/** @return 1 when the context is marked as deleted, else 0. Threads: any. */
+ZOV_API int32_t zov_shmCacheIsDeleted(ZOV_CACHE_CTX context);
+
+/** @return how many opens of the context are not closed. Threads: any. */
+ZOV_API uint32_t zov_shmCacheNumUsers(ZOV_CACHE_CTX context);
+
+/**
+ * Removes a context from the heap. One that somebody still has open is marked
+ * as deleted instead and removed when the last of its users leaves.
+ * Threads: any.
+ */
+ZOV_API void zov_shmCacheRemoveCtx(uint64_t id);
+
+/**
+ * Opens a region, making it with zov_shmCreate() when nobody has it open. If
+ * somebody has, start and size do not count, and a destruction that waits for
+ * the last close is called off.
+ *
+ * @return the region, to be closed with zov_shmCacheClose(), or null when memory
+ *         is short.
+ *
+ * Threads: any. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_CACHE_REGION zov_shmCacheCreate(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
+                                            uint32_t size);
+
+/**
+ * Opens a region that exists. start and size are not used.
+ * @return the region, to be closed with zov_shmCacheClose(), or null when there
+ *         is none of that number or memory is short.
+ * Threads: any. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_CACHE_REGION zov_shmCacheOpen(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
+                                          uint32_t size);
+
+/** Closes a region, of which the caller has released its pins. With the last
+ *  close it is unmapped, and destroyed if that was asked for. Threads: any. */
+ZOV_API void zov_shmCacheClose(ZOV_CACHE_REGION region);
+
+/**
+ * Destroys a region: at once when nobody has it open, else when the last who has
+ * closes it.
+ * Threads: any that holds the context's lock.
+ */
+ZOV_API void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number);
+
+/**
+ * Pins a region: it stays mapped until the pin is released. At most 400 regions
+ * are mapped at once, more only while that many are pinned; room is made by
+ * unmapping the one that was released last.
+ *
+ * @return the region's address, to be given back with zov_shmCacheReleasePtr(),
+ *         or null.
+ *
+ * Threads: any. Constant time.
+ */
+ZOV_API void *zov_shmCacheGetPtr(ZOV_CACHE_REGION region);
+
+/** Releases one pin of a region. Threads: any. Constant time. */
+ZOV_API void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *address);
+
+/** Enters the lock of a context, as zov_shmLock(). @return #ZOV_OKAY. */
+ZOV_API int32_t zov_shmCacheLock(ZOV_CACHE_CTX context);
+
+/** Leaves the lock of a context. */
+ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context);
+
+/** @return zov_shmRootId(). */
+ZOV_API uint64_t zov_shmCacheRootId(void);
+
+/** @return zov_shmNextId(). */
+ZOV_API uint64_t zov_shmCacheNextId(void);
+
 /* ========================================================================
  * memstore/zovsegfile: segmented files
  * ======================================================================== */

@@ -47,14 +47,18 @@ struct Stage {
 
 int32_t memoryStorageInit() {
   uint32_t pageSize = 0;
-  return zov_shmInit(&pageSize);
+  return zov_shmCacheInit(&pageSize);
+}
+
+void memoryStorageTerm() {
+  zov_shmCacheTerm();
 }
 
 constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
-    {memoryStorageInit, zov_shmTerm},
+    {memoryStorageInit, memoryStorageTerm},
 };
 
 int32_t _zov_init() {
@@ -72,7 +76,7 @@ int32_t _zov_init() {
 
 void _zov_term() {
   zov::storeFlag(zov_terminating, 1);
-  zov_shmTerm();
+  memoryStorageTerm();
   zov_fileTerm();
   zov::abandonQueues();
   zov_syncShutdown();

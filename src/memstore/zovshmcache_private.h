@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the segmented files ask of the mapping cache beside the public calls.
+#ifndef ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
+#define ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
+
+#include <stddef.h>
+
+#include "zov.h"
+
+namespace zov {
+
+// Whether the region is to be destroyed with its last close. The caller holds
+// the context's lock.
+bool shmCacheIsDoomed(ZOV_CACHE_REGION region);
+
+// Leaves a context and its lock, which the caller holds; the last user of a
+// deleted context removes it. Whether the caller is that one is decided once,
+// together with the leaving.
+void shmCacheLeave(ZOV_CACHE_CTX context);
+
+// Reads the 8-byte word at an offset of a context's root block, or gives
+// `missing` when there is no such context or it has no root block. Costs no
+// allocation and does not take the context's lock.
+uint64_t shmCacheRootWord(uint64_t id, size_t offset, uint64_t missing);
+
+}  // namespace zov
+
+#endif
