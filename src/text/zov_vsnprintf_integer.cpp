@@ -139,7 +139,7 @@ int32_t countDigits(uint64_t value, int32_t base) {
   // 1233 / 4096 is the decimal logarithm of 2, closely enough for 64 bits: the
   // guess is right or one short.
   const int32_t guess = bits * 1233 >> 12;
-  return guess + (value >= kPowersOf10[static_cast<uint32_t>(guess)] ? 1 : 0);
+  return guess + ((value | 1) >= kPowersOf10[static_cast<uint32_t>(guess)] ? 1 : 0);
 }
 
 void convert(uint64_t value, char *text, int32_t count, int32_t base, bool upper) {
