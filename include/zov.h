@@ -1054,6 +1054,12 @@ ZOV_API int64_t zov_flModTime(const char *path);
 ZOV_API int32_t zov_dirCreate(const char *path);
 
 /**
+ * zov_dirCreate() of a wide path; #ZOV_ERROR also when the path cannot be
+ * converted. May jump: as zov_convertToUTF8().
+ */
+ZOV_API int32_t zov_dirCreateW(const wchar_t *path);
+
+/**
  * Removes an empty directory. One that is missing counts as removed.
  *
  * @param path path
@@ -1062,6 +1068,49 @@ ZOV_API int32_t zov_dirCreate(const char *path);
  * Threads: any. May be called at any time.
  */
 ZOV_API int32_t zov_dirRemove(const char *path);
+
+/**
+ * zov_dirRemove() of a wide path; #ZOV_ERROR also when the path cannot be
+ * converted. May jump: as zov_convertToUTF8().
+ */
+ZOV_API int32_t zov_dirRemoveW(const wchar_t *path);
+
+/**
+ * Begins a walk through a directory on disk.
+ *
+ * @param directory path of the directory
+ * @param pattern   which names to return, as for zov_match()
+ * @return the walk, to be ended with zov_flPathClose(), or null: no such
+ *         directory, or memory is short.
+ *
+ * Threads: any. Messages, may jump: as zov_getMem() on the default tag.
+ */
+ZOV_API ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern);
+
+/**
+ * Goes on to the next name that matches, in no particular order. "." and ".."
+ * are names like any other.
+ *
+ * @param walk        the walk
+ * @param isDirectory gets 1 for a directory, 0 for anything else, which
+ *                    includes a link to one; untouched at the end
+ * @return the name, without the directory's path, in memory of the walk, where
+ *         it stays until the next call; null at the end, and when memory is
+ *         short.
+ *
+ * Threads: one at a time. Cost: one allocation a name, and a stat() where the
+ * file system does not tell types.
+ * Messages, may jump: as zov_getMem() on the default tag. A jump loses the name
+ * it was for; the walk can go on or be closed.
+ */
+ZOV_API const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory);
+
+/**
+ * Ends a walk and releases its last name.
+ * @param walk the walk; null is ignored
+ * Threads: one.
+ */
+ZOV_API void zov_flPathClose(ZOV_DISK_WALK walk);
 
 /* ========================================================================
  * files/zovfile: file handles
@@ -1102,6 +1151,12 @@ ZOV_API void zov_fileTerm(void);
  * allocation.
  */
 ZOV_API ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags);
+
+/**
+ * zov_fileOpen() of a wide path; null also when the path cannot be converted.
+ * May jump: as zov_convertToUTF8().
+ */
+ZOV_API ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags);
 
 /**
  * Closes a file; a standard stream stays open beneath its handle. Nobody may
@@ -1227,8 +1282,8 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
  *         locked through another handle or by another process.
  *
  * Threads: any. Cost: one lock pair and one system call; the first lock of a
- * handle also makes its mutex. Messages: those of a failed zov_syncCreate_check(),
- * without which threads of one handle are not kept apart.
+ * handle also makes its mutex, and where that fails threads that share the
+ * handle are not kept apart. Messages: those of zov_syncCreate_check().
  */
 ZOV_API int32_t zov_fileLock(ZOV_FILE file);
 

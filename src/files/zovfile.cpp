@@ -218,8 +218,8 @@ void leaveIfAny(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
 }
 
 // Takes the mutex, waiting for threads of this process, then the file's lock,
-// waiting for nobody. On success both stay held. Without a mutex, which takes a
-// full table or a lack of memory, the file's lock has to do.
+// waiting for nobody. On success both stay held. Where no mutex can be made the
+// file's lock alone has to do.
 int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
   const ZOV_SYNC mutex = ensureLockMutex(file);
   if (mutex != ZOV_NO_SYNC) {
@@ -243,6 +243,15 @@ extern "C" {
 
 ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) {
   return _fileOpenMinSize(path, openFlags, typeFlags);
+}
+
+ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags) {
+  char *converted = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
+  ZOV_FILE file = _fileOpenMinSize(converted, openFlags, typeFlags);
+  const int error = errno;
+  zov_freeMem(converted, ZOV_DEFAULT_TAG);
+  errno = error;
+  return file;
 }
 
 void zov_fileClose(ZOV_FILE file) {

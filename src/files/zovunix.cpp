@@ -10,16 +10,36 @@
 // back to the caller as they are, because only the caller knows what a partial
 // record is worth to it.
 //
-// No state, no locks, no messages, nothing that allocates or jumps.
+// A walk through a directory is one block of the default tag, which holds the
+// strings it was opened with too, and beside it the name it last returned:
+//
+//   DiskWalk { dir, path, pattern, lastName } "path\0" "pattern\0"
+//                                      +----> "name"
+//
+// so that opening one allocates once, before there is a directory stream that
+// a jump would leave open. zov_flPathNext() may jump between two names, when
+// the walk is whole and holds none. The W forms may jump out of converting
+// their path. Nothing else here allocates, and there is no state and no lock.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/zov_private.h"
 #include "files/zovunix_private.h"
+
+// 1. dir is open for as long as the walk exists.
+// 2. path and pattern lie behind the record, in the same block.
+struct DiskWalk {
+  DIR *dir;
+  const char *path;
+  const char *pattern;
+  char *lastName;  // owned; null before the first name and after the last
+};
 
 namespace {
 
@@ -35,6 +55,48 @@ int32_t getFileType(const char *path, int32_t *isDirectory) {
     *isDirectory = exists && S_ISDIR(status.st_mode) ? 1 : 0;
   }
   return exists ? 1 : 0;
+}
+
+// Whether a name in a walk's directory is that of a directory, 1 or 0. For file
+// systems that do not say it with the name; 0 also when there is no memory to
+// ask with.
+int32_t getPathType(const DiskWalk &walk, const char *name) {
+  const size_t pathLength = strlen(walk.path);
+  const size_t nameBytes = strlen(name) + 1;
+  char *full = static_cast<char *>(
+      zov_getMem(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  if (full == nullptr) {
+    return 0;
+  }
+  memcpy(full, walk.path, pathLength);
+  full[pathLength] = '/';
+  memcpy(full + pathLength + 1, name, nameBytes);
+  int32_t isDirectory = 0;
+  getFileType(full, &isDirectory);
+  zov_freeMem(full, ZOV_DEFAULT_TAG);
+  return isDirectory;
+}
+
+int32_t entryIsDirectory(const DiskWalk &walk, const dirent &entry) {
+  return entry.d_type == DT_UNKNOWN ? getPathType(walk, entry.d_name) : entry.d_type == DT_DIR;
+}
+
+const dirent *nextMatch(const DiskWalk &walk) {
+  const dirent *entry = readdir(walk.dir);
+  while (entry != nullptr && zov_match(entry->d_name, walk.pattern) == 0) {
+    entry = readdir(walk.dir);
+  }
+  return entry;
+}
+
+int32_t callWithUTF8(const wchar_t *path, int32_t (*call)(const char *)) {
+  char *converted = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
+  if (converted == nullptr) {
+    return ZOV_ERROR;
+  }
+  const int32_t status = call(converted);
+  zov_freeMem(converted, ZOV_DEFAULT_TAG);
+  return status;
 }
 
 }  // namespace
@@ -144,10 +206,63 @@ int32_t zov_dirCreate(const char *path) {
   return errno == EEXIST ? ZOV_EXISTS : ZOV_ERROR;
 }
 
+int32_t zov_dirCreateW(const wchar_t *path) {
+  return callWithUTF8(path, zov_dirCreate);
+}
+
 int32_t zov_dirRemove(const char *path) {
   if (zov::loadFlag(zov_diskless) != 0) {
     return ZOV_ERROR;
   }
   return rmdir(path) == 0 || errno == ENOENT ? ZOV_OKAY : ZOV_ERROR;
+}
+
+int32_t zov_dirRemoveW(const wchar_t *path) {
+  return callWithUTF8(path, zov_dirRemove);
+}
+
+ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern) {
+  const size_t pathBytes = strlen(directory) + 1;
+  const size_t patternBytes = strlen(pattern) + 1;
+  DiskWalk *walk =
+      static_cast<DiskWalk *>(zov_getMem(sizeof(DiskWalk) + pathBytes + patternBytes,
+                                         ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  if (walk == nullptr) {
+    return nullptr;
+  }
+  DIR *dir = opendir(directory);
+  if (dir == nullptr) {
+    zov_freeMem(walk, ZOV_DEFAULT_TAG);
+    return nullptr;
+  }
+  char *strings = reinterpret_cast<char *>(walk + 1);
+  *walk =
+      DiskWalk{.dir = dir,
+               .path = static_cast<char *>(memcpy(strings, directory, pathBytes)),
+               .pattern = static_cast<char *>(memcpy(strings + pathBytes, pattern, patternBytes)),
+               .lastName = nullptr};
+  return walk;
+}
+
+const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory) {
+  zov_freeMem(walk->lastName, ZOV_DEFAULT_TAG);
+  walk->lastName = nullptr;
+  const dirent *entry = nextMatch(*walk);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  *isDirectory = entryIsDirectory(*walk, *entry);
+  walk->lastName =
+      static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, entry->d_name, ZOV_HERE));
+  return walk->lastName;
+}
+
+void zov_flPathClose(ZOV_DISK_WALK walk) {
+  if (walk == nullptr) {
+    return;
+  }
+  closedir(walk->dir);
+  zov_freeMem(walk->lastName, ZOV_DEFAULT_TAG);
+  zov_freeMem(walk, ZOV_DEFAULT_TAG);
 }
 }
