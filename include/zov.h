@@ -1783,6 +1783,133 @@ ZOV_API uint64_t zov_shmCacheNextId(void);
  * memstore/zovsegfile: segmented files
  * ======================================================================== */
 
+/** An open segmented file: a growable array of bytes in memory, named by the id
+ *  of its context. It lies in segments that grow with the file: four of the base
+ *  size, 4096 bytes, then three each of 4, 16, 64, 256 and 1024 times that, then
+ *  any number of 4096 times that.
+ *
+ *  A file is used in one of two ways, by bytes or by pages; a page is a segment
+ *  of the base size, whatever its number. */
+typedef struct SegFile *ZOV_SEG;
+
+/**
+ * Starts the mapping cache and what is beneath it; see zov_mfInit().
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_segInit(void);
+
+/** Ends it, and with it every segmented file. @return #ZOV_OKAY. */
+ZOV_API int32_t zov_segTerm(void);
+
+/** @return the id that names the file of the root directory. Threads: any. */
+ZOV_API uint64_t zov_segRootId(void);
+
+/** @return an id for a new file, or 0; see zov_shmNextId(). A file that is never
+ *  opened by it is released with zov_shmCacheRemoveCtx(). Threads: any. */
+ZOV_API uint64_t zov_segNextId(void);
+
+/**
+ * Opens a segmented file.
+ *
+ * @param id    its id
+ * @param flags open flags: `O_CREAT` makes the file when it is new, `O_TRUNC`
+ *              empties it, for everybody who has it open
+ * @return the file, to be closed with zov_segClose() or zov_segRemove(), or
+ *         null: an id that names nothing, or memory is short.
+ *
+ * Threads: any; with `O_TRUNC` waits for the file's lock.
+ * Messages: those of a failing allocation or zov_syncCreate_check().
+ */
+ZOV_API ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags);
+
+/** Closes a file. If it was removed and nobody else has it open, its memory is
+ *  released. Threads: one at a time on a handle. */
+ZOV_API void zov_segClose(ZOV_SEG file);
+
+/**
+ * Removes a file and closes this handle. Others who have it open keep it until
+ * they close it.
+ * @return #ZOV_OKAY.
+ * Threads: one at a time on a handle.
+ */
+ZOV_API int32_t zov_segRemove(ZOV_SEG file);
+
+/**
+ * Reads bytes. What lies between the writes of a file reads as zero, and takes
+ * its memory then.
+ *
+ * @return how many were read: fewer than length at the end of the file, or when
+ *         memory for such a hole is short.
+ *
+ * Threads: one at a time on a handle; on a file, one after the other.
+ * Cost: the file's lock, and a lookup, a pin and a copy for each segment.
+ * Messages: that of a failing allocation.
+ */
+ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
+
+/**
+ * Writes bytes; the file grows as it must, also past its end.
+ *
+ * @return how many were written: fewer than length when memory is short, 0 when
+ *         the range ends past what 4,294,967,295 segments hold.
+ *
+ * Threads, cost, messages: as zov_segSeekRead().
+ */
+ZOV_API uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer,
+                                  uint32_t length);
+
+/**
+ * Pins a page, making it, all zero, when there is none of that number.
+ *
+ * @param file    the file, whose lock the caller holds
+ * @param number  the page's number
+ * @param address place for its address, null on failure. To be given back with
+ *                zov_segReleasePtr().
+ * @return #ZOV_OKAY, or #ZOV_ERROR when memory is short.
+ *
+ * Threads: one at a time on a handle. Messages: that of a failing allocation.
+ */
+ZOV_API int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address);
+
+/** Releases a pin of a page. Threads: the one that holds the file's lock. */
+ZOV_API void zov_segReleasePtr(ZOV_SEG file, uint32_t number, void *address);
+
+/** @return the base segment size in bytes. Threads: any. */
+ZOV_API uint32_t zov_segSegSize(ZOV_SEG file);
+
+/** @return the size of the file in bytes. Threads: any; takes no lock. */
+ZOV_API uint64_t zov_segSize(ZOV_SEG file);
+
+/**
+ * Sets the size of a file. What it gains reads as zero. The modification time
+ * stays.
+ *
+ * @param file the file, whose lock the caller holds
+ * @param size the new size in bytes
+ * @return #ZOV_OKAY, or #ZOV_ERROR: memory is short, or the size takes more than
+ *         4,294,967,295 segments. The size is then as it was.
+ *
+ * Threads: one at a time on a handle. Cost: what it gains is allocated at once.
+ * Messages: that of a failing allocation.
+ */
+ZOV_API int32_t zov_segSetSize(ZOV_SEG file, uint64_t size);
+
+/** @return the size in bytes of the file of an id, or all ones when there is no
+ *  such file. Threads: any; does not take the file's lock. */
+ZOV_API uint64_t zov_segSizeStat(uint64_t id);
+
+/** @return when the file of an id was last written to, in seconds since the
+ *  epoch, 0 if it never was; or #UINT32_MAX when there is no such file.
+ *  Threads: any; does not take the file's lock. */
+ZOV_API uint64_t zov_segModTime(uint64_t id);
+
+/** Enters the lock of a file, recursive and shared by all who have the file
+ *  open. @return #ZOV_OKAY. */
+ZOV_API int32_t zov_segLock(ZOV_SEG file);
+
+/** Leaves the lock of a file. */
+ZOV_API void zov_segUnlock(ZOV_SEG file);
+
 /* ========================================================================
  * memstore/zovmfile: memory files
  * ======================================================================== */

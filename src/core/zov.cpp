@@ -45,20 +45,15 @@ struct Stage {
   void (*undo)();
 };
 
-int32_t memoryStorageInit() {
-  uint32_t pageSize = 0;
-  return zov_shmCacheInit(&pageSize);
-}
-
 void memoryStorageTerm() {
-  zov_shmCacheTerm();
+  zov_segTerm();
 }
 
 constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
-    {memoryStorageInit, memoryStorageTerm},
+    {zov_segInit, memoryStorageTerm},
 };
 
 int32_t _zov_init() {

@@ -179,14 +179,22 @@ CacheRegion *openedRegion(const CacheContext &context, uint32_t number) {
   return number < context.numShms ? context.shms[number] : nullptr;
 }
 
-// Destroys a region that this context has not open. If another record of the
-// same heap context has, the duty passes to that one.
-void destroyRegion(CacheContext &context, uint32_t number) {
-  CacheContext *other = contexts.find(context.hashId(), [&](const CacheContext &candidate) {
-    return &candidate != &context && openedRegion(candidate, number) != nullptr;
+// The region as somebody has it open, through any record of the heap context.
+CacheRegion *openedAnywhere(const CacheContext &context, uint32_t number) {
+  CacheContext *user = contexts.find(context.hashId(), [number](const CacheContext &candidate) {
+    return openedRegion(candidate, number) != nullptr;
   });
-  if (other != nullptr) {
-    other->shms[number]->destroyOnClose = 1;
+  return user == nullptr ? nullptr : user->shms[number];
+}
+
+// Destroys a region, or leaves that to whoever has it open.
+void destroyRegion(const CacheContext &context, uint32_t number) {
+  CacheRegion *region = openedRegion(context, number);
+  if (region == nullptr) {
+    region = openedAnywhere(context, number);
+  }
+  if (region != nullptr) {
+    region->destroyOnClose = 1;
   } else {
     zov_shmDestroy(context.shmCtx, number);
   }
@@ -331,6 +339,13 @@ bool zov::shmCacheIsDoomed(ZOV_CACHE_REGION region) {
   return region->destroyOnClose != 0;
 }
 
+ZOV_CACHE_REGION zov::shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number) {
+  zov_syncEnterExcl(mapCacheMutex);
+  CacheRegion *region = openedAnywhere(*context, number);
+  zov_syncExitExcl(mapCacheMutex);
+  return region;
+}
+
 void zov::shmCacheLeave(ZOV_CACHE_CTX context) {
   const ZOV_SHM_CTX shmCtx = context->shmCtx;
   ZOV_SHM_CTX removed = nullptr;
@@ -426,12 +441,7 @@ void zov_shmCacheClose(ZOV_CACHE_REGION region) {
 
 void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number) {
   zov_syncEnterExcl(mapCacheMutex);
-  CacheRegion *region = openedRegion(*context, number);
-  if (region != nullptr) {
-    region->destroyOnClose = 1;
-  } else {
-    destroyRegion(*context, number);
-  }
+  destroyRegion(*context, number);
   zov_syncExitExcl(mapCacheMutex);
 }
 

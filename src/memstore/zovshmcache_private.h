@@ -14,6 +14,11 @@ namespace zov {
 // the context's lock.
 bool shmCacheIsDoomed(ZOV_CACHE_REGION region);
 
+// The region of that number if anybody has it open, through this record or
+// another of the same heap context; else null. Counts nothing: the entry stays
+// for as long as the caller holds the context's lock.
+ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number);
+
 // Leaves a context and its lock, which the caller holds; the last user of a
 // deleted context removes it. Whether the caller is that one is decided once,
 // together with the leaving.

@@ -1,0 +1,487 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Segmented files: growable arrays of bytes in the regions of one heap context
+// each. The context's root block is the file's header, shared by all who have
+// the file open; a handle holds the segments that it has touched:
+//
+//   SegFile.segs[n] -> cache region n -> bytes [calc_segstart(n), + calc_segsize(n))
+//
+// The file's lock, which is the context's, guards the header and the data; a
+// handle belongs to one thread at a time. Under it the cache takes its own
+// mutex. size and modTime are atomics besides, read without the lock.
+//
+// Bytes at and past the size are zero, wherever there is memory for them: what
+// is cut off is cleared if it stays. A segment that is cut off while another
+// handle has it open is doomed to go with its last close; whoever needs it again
+// calls that off. Holes are segments that do not exist yet.
+//
+// Nothing jumps: what allocates may do so under the file's lock, so jumps are
+// held off from before it is entered.
+#include <fcntl.h>
+#include <stddef.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "core/zov_private.h"
+#include "memstore/zovshm_private.h"
+#include "memstore/zovshmcache_private.h"
+
+namespace {
+
+// The root block of a file. Its layout is that of everybody who has the file
+// open, and of who reads it by the context's id.
+struct SegHeader {
+  uint64_t modTime;      // of the last write, in seconds; 0 until then
+  uint32_t numSegments;  // one more than the highest number made and not cut off
+  uint32_t segSize;      // base segment size in bytes, 0 until the first open
+  uint64_t size;         // bytes in the file
+};
+static_assert(sizeof(SegHeader) == 24 && offsetof(SegHeader, size) == 16);
+
+// A piece of a file within one segment, which is pinned at base.
+struct Piece {
+  void *base;
+  char *data;
+  uint32_t bytes;
+};
+
+constexpr uint32_t kFirstSlots = 1;
+constexpr uint32_t kSlotsStep = 4;
+
+// So that the number of segments fits the header.
+constexpr uint64_t kHighestSegment = UINT32_MAX - 1;
+
+uint32_t pagesize = 0;
+
+}  // namespace
+
+// 1. segs holds numSegs slots, null where the segment is not open.
+// 2. baseBytes is the header's segSize, which never changes after the first open.
+struct SegFile {
+  ZOV_CACHE_CTX ctx;
+  uint64_t id;
+  SegHeader *hdr;
+  ZOV_CACHE_REGION *segs;
+  uint32_t numSegs;
+  uint32_t baseBytes;
+};
+
+namespace {
+
+template <typename Integer>
+Integer loadRelaxed(Integer &field) {
+  return std::atomic_ref<Integer>(field).load(std::memory_order_relaxed);
+}
+
+template <typename Integer>
+void storeRelaxed(Integer &field, Integer value) {
+  std::atomic_ref<Integer>(field).store(value, std::memory_order_relaxed);
+}
+
+// The number of the segment that an offset lies in. Seven groups of segments,
+// each four times the size of the group before; in every group the first three
+// quarters of the file up to its end come before it.
+uint64_t calc_segno(uint32_t baseBytes, uint64_t offset) {
+  const uint64_t base = baseBytes;
+  if (offset < 4 * base) {
+    return offset / base;
+  }
+  uint64_t segment = 4096 * base;
+  uint64_t before = 18;
+  while (offset < segment) {
+    segment /= 4;
+    before -= 3;
+  }
+  return offset / segment + before;
+}
+
+// How many times the base size a segment has, as a power of four.
+uint32_t groupOf(uint32_t number) {
+  return number < 4 ? 0 : std::min((number - 1) / 3, 6u);
+}
+
+uint32_t calc_segsize(uint32_t baseBytes, uint32_t number) {
+  return baseBytes << (2 * groupOf(number));
+}
+
+uint64_t calc_segstart(uint32_t baseBytes, uint32_t number) {
+  return uint64_t{number - 3 * groupOf(number)} * calc_segsize(baseBytes, number);
+}
+
+ZOV_CACHE_REGION checkSegment(const SegFile &file, uint32_t number) {
+  return number < file.numSegs ? file.segs[number] : nullptr;
+}
+
+// Gives the handle a slot for a segment; false, with the slots as they were,
+// when memory is short.
+bool updateSegArray(SegFile &file, uint32_t number) {
+  if (number < file.numSegs) {
+    return true;
+  }
+  const uint64_t missing = uint64_t{number} + 1 - file.numSegs;
+  const uint64_t slots = file.numSegs + (missing + kSlotsStep - 1) / kSlotsStep * kSlotsStep;
+  if (slots > UINT32_MAX) {
+    return false;
+  }
+  ZOV_CACHE_REGION *segs =
+      zov::growTable(file.segs, file.numSegs, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (segs == nullptr) {
+    return false;
+  }
+  file.segs = segs;
+  file.numSegs = static_cast<uint32_t>(slots);
+  return true;
+}
+
+void countSegment(SegFile &file, uint32_t number) {
+  if (file.hdr->numSegments <= number) {
+    file.hdr->numSegments = number + 1;
+  }
+}
+
+ZOV_CACHE_REGION createSegment(SegFile &file, uint32_t number, uint32_t size) {
+  ZOV_CACHE_REGION region =
+      zov_shmCacheCreate(file.ctx, number, calc_segstart(file.baseBytes, number), size);
+  if (region != nullptr) {
+    countSegment(file, number);
+  }
+  return region;
+}
+
+// Keeps a region that was doomed when its segment was cut off: creating it once
+// more calls the destruction off.
+ZOV_CACHE_REGION keepSegment(SegFile &file, uint32_t number, ZOV_CACHE_REGION region) {
+  if (region != nullptr && zov::shmCacheIsDoomed(region)) [[unlikely]] {
+    zov_shmCacheClose(createSegment(file, number, 0));
+  }
+  return region;
+}
+
+ZOV_CACHE_REGION openSegment(SegFile &file, uint32_t number, uint32_t size) {
+  ZOV_CACHE_REGION region =
+      zov_shmCacheOpen(file.ctx, number, calc_segstart(file.baseBytes, number), size);
+  return keepSegment(file, number, region);
+}
+
+// Opens a segment that this handle has not open, or makes it.
+ZOV_CACHE_REGION openOrCreate(SegFile &file, uint32_t number, uint32_t size) {
+  if (!updateSegArray(file, number)) {
+    return nullptr;
+  }
+  ZOV_CACHE_REGION region =
+      number < file.hdr->numSegments ? openSegment(file, number, size) : nullptr;
+  if (region == nullptr) {
+    region = createSegment(file, number, size);
+  }
+  file.segs[number] = region;
+  return region;
+}
+
+ZOV_CACHE_REGION getSegment(SegFile &file, uint32_t number, uint32_t size) {
+  ZOV_CACHE_REGION region = checkSegment(file, number);
+  return region != nullptr ? keepSegment(file, number, region) : openOrCreate(file, number, size);
+}
+
+void releaseSegment(SegFile &file, uint32_t number) {
+  zov_shmCacheClose(file.segs[number]);
+  file.segs[number] = nullptr;
+}
+
+// Clears the first bytes of a region that stays although it is cut off.
+void clearRegion(ZOV_CACHE_REGION region, uint64_t bytes) {
+  void *base = zov_shmCacheGetPtr(region);
+  if (base != nullptr) {
+    memset(base, 0, bytes);
+    zov_shmCacheReleasePtr(region, base);
+  }
+}
+
+// Cuts off the last segment of a file of `size` bytes.
+void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
+  if (checkSegment(file, number) != nullptr) {
+    releaseSegment(file, number);
+  }
+  zov_shmCacheDestroy(file.ctx, number);
+  ZOV_CACHE_REGION region = zov::shmCacheOpened(file.ctx, number);
+  const uint64_t start = calc_segstart(file.baseBytes, number);
+  if (region != nullptr && size > start) {
+    clearRegion(region, std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
+  }
+}
+
+// Pins the segment at an offset. False when there is no memory for it.
+bool accessDataInSegment(SegFile &file, uint64_t offset, uint32_t wanted, Piece &piece) {
+  const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
+  const uint32_t size = calc_segsize(file.baseBytes, number);
+  ZOV_CACHE_REGION region = getSegment(file, number, size);
+  piece.base = region == nullptr ? nullptr : zov_shmCacheGetPtr(region);
+  if (piece.base == nullptr) {
+    return false;
+  }
+  const uint32_t position = static_cast<uint32_t>(offset - calc_segstart(file.baseBytes, number));
+  piece.data = static_cast<char *>(piece.base) + position;
+  piece.bytes = std::min(size - position, wanted);
+  return true;
+}
+
+void releaseDataInSegment(SegFile &file, uint64_t offset, const Piece &piece) {
+  const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
+  zov_shmCacheReleasePtr(file.segs[number], piece.base);
+}
+
+// Calls copy(data, bytes, done) for each piece of a range, until one cannot be
+// had; tells how many bytes that were.
+template <typename Copy>
+uint32_t forEachPiece(SegFile &file, uint64_t offset, uint32_t length, Copy copy) {
+  uint32_t done = 0;
+  Piece piece;
+  while (done < length && accessDataInSegment(file, offset + done, length - done, piece)) {
+    copy(piece.data, piece.bytes, done);
+    releaseDataInSegment(file, offset + done, piece);
+    done += piece.bytes;
+  }
+  return done;
+}
+
+uint32_t _seekRead(SegFile &file, uint64_t offset, void *buffer, uint32_t length) {
+  const uint64_t size = file.hdr->size;
+  if (offset >= size) {
+    return 0;
+  }
+  const uint32_t wanted = static_cast<uint32_t>(std::min<uint64_t>(size - offset, length));
+  char *bytes = static_cast<char *>(buffer);
+  return forEachPiece(file, offset, wanted,
+                      [bytes](const char *data, uint32_t count, uint32_t done) {
+                        memcpy(bytes + done, data, count);
+                      });
+}
+
+uint32_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t length) {
+  if (length == 0 || offset > UINT64_MAX - length ||
+      calc_segno(file.baseBytes, offset + length - 1) > kHighestSegment) {
+    return 0;
+  }
+  const char *bytes = static_cast<const char *>(buffer);
+  const uint32_t written = forEachPiece(
+      file, offset, length,
+      [bytes](char *data, uint32_t size, uint32_t done) { memcpy(data, bytes + done, size); });
+  if (written > 0) {
+    if (offset + written > file.hdr->size) {
+      storeRelaxed(file.hdr->size, offset + written);
+    }
+    storeRelaxed(file.hdr->modTime, static_cast<uint64_t>(time(nullptr)));
+  }
+  return written;
+}
+
+// Clears what the last segment that is kept holds between the new size and the
+// old one.
+bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
+  const uint64_t oldSize = file.hdr->size;
+  const uint32_t segmentBytes = calc_segsize(file.baseBytes, lastKept);
+  const uint64_t start = calc_segstart(file.baseBytes, lastKept);
+  const uint64_t end = std::min(oldSize, start + segmentBytes);
+  if (size >= end) {
+    return true;
+  }
+  Piece piece;
+  if (!accessDataInSegment(file, size, static_cast<uint32_t>(end - size), piece)) {
+    return false;
+  }
+  memset(piece.data, 0, piece.bytes);
+  releaseDataInSegment(file, size, piece);
+  return true;
+}
+
+int32_t _setSize(SegFile &file, uint64_t size) {
+  const uint64_t highest = calc_segno(file.baseBytes, size == 0 ? 0 : size - 1);
+  if (highest > kHighestSegment) {
+    return ZOV_ERROR;
+  }
+  const uint32_t lastKept = static_cast<uint32_t>(highest);
+  SegHeader &header = *file.hdr;
+  while (header.numSegments <= lastKept) {
+    const uint32_t next = header.numSegments;
+    if (getSegment(file, next, calc_segsize(file.baseBytes, next)) == nullptr) {
+      return ZOV_ERROR;
+    }
+    countSegment(file, next);
+  }
+  if (!clearTail(file, lastKept, size)) {
+    return ZOV_ERROR;
+  }
+  while (header.numSegments > lastKept + 1) {
+    --header.numSegments;
+    deleteSegment(file, header.numSegments, header.size);
+  }
+  storeRelaxed(header.size, size);
+  return ZOV_OKAY;
+}
+
+void freeSegfile(SegFile *file) {
+  zov_freeMem(file->segs, ZOV_DEFAULT_TAG);
+  zov_freeMem(file, ZOV_DEFAULT_TAG);
+}
+
+SegFile *allocSegfile(uint64_t id) {
+  SegFile *file = static_cast<SegFile *>(
+      zov_getMem(sizeof(SegFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (file == nullptr) {
+    return nullptr;
+  }
+  file->segs = static_cast<ZOV_CACHE_REGION *>(zov_getMem(
+      kFirstSlots * sizeof(ZOV_CACHE_REGION), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (file->segs == nullptr) {
+    freeSegfile(file);
+    return nullptr;
+  }
+  file->id = id;
+  file->numSegs = kFirstSlots;
+  return file;
+}
+
+// The base segment size, which the first open decides. Opens may meet here, but
+// all would set the same.
+uint32_t settleBaseSize(SegHeader &header) {
+  const std::atomic_ref<uint32_t> segSize(header.segSize);
+  const uint32_t settled = segSize.load(std::memory_order_relaxed);
+  if (settled != 0) {
+    return settled;
+  }
+  segSize.store(pagesize, std::memory_order_relaxed);
+  return pagesize;
+}
+
+// Connects a new handle to its file. False when there is no such file.
+bool openFile(SegFile &file, uint32_t flags) {
+  void *root = nullptr;
+  file.ctx = zov_shmCacheOpenCtx(file.id, flags, sizeof(SegHeader), &root);
+  if (file.ctx == nullptr) {
+    return false;
+  }
+  file.hdr = static_cast<SegHeader *>(root);
+  file.baseBytes = settleBaseSize(*file.hdr);
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint64_t zov_segRootId() {
+  return zov_shmCacheRootId();
+}
+
+uint64_t zov_segNextId() {
+  return zov_shmCacheNextId();
+}
+
+ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
+  const zov::NoJump noJump;
+  SegFile *file = allocSegfile(id);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  if (!openFile(*file, flags)) {
+    freeSegfile(file);
+    return nullptr;
+  }
+  if ((flags & O_TRUNC) != 0) {
+    zov_segLock(file);
+    const int32_t status = _setSize(*file, 0);
+    zov_segUnlock(file);
+    if (status != ZOV_OKAY) {
+      zov_segClose(file);
+      return nullptr;
+    }
+  }
+  return file;
+}
+
+void zov_segClose(ZOV_SEG file) {
+  zov_segLock(file);
+  for (uint32_t number = 0; number < file->numSegs; ++number) {
+    if (file->segs[number] != nullptr) {
+      releaseSegment(*file, number);
+    }
+  }
+  zov::shmCacheLeave(file->ctx);
+  freeSegfile(file);
+}
+
+int32_t zov_segRemove(ZOV_SEG file) {
+  zov_shmCacheMarkDeleted(file->ctx);
+  zov_segClose(file);
+  return ZOV_OKAY;
+}
+
+uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
+  const zov::NoJump noJump;
+  zov_segLock(file);
+  const uint32_t count = _seekRead(*file, offset, buffer, length);
+  zov_segUnlock(file);
+  return count;
+}
+
+uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
+  const zov::NoJump noJump;
+  zov_segLock(file);
+  const uint32_t count = _seekWrite(*file, offset, buffer, length);
+  zov_segUnlock(file);
+  return count;
+}
+
+int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address) {
+  const zov::NoJump noJump;
+  ZOV_CACHE_REGION region = getSegment(*file, number, file->baseBytes);
+  *address = region == nullptr ? nullptr : zov_shmCacheGetPtr(region);
+  return *address == nullptr ? ZOV_ERROR : ZOV_OKAY;
+}
+
+void zov_segReleasePtr(ZOV_SEG file, uint32_t number, void *address) {
+  ZOV_CACHE_REGION region = checkSegment(*file, number);
+  if (region != nullptr) {
+    zov_shmCacheReleasePtr(region, address);
+  }
+}
+
+uint32_t zov_segSegSize(ZOV_SEG file) {
+  return file->baseBytes;
+}
+
+uint64_t zov_segSize(ZOV_SEG file) {
+  return loadRelaxed(file->hdr->size);
+}
+
+int32_t zov_segSetSize(ZOV_SEG file, uint64_t size) {
+  const zov::NoJump noJump;
+  return _setSize(*file, size);
+}
+
+uint64_t zov_segSizeStat(uint64_t id) {
+  return zov::shmCacheRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
+}
+
+uint64_t zov_segModTime(uint64_t id) {
+  return zov::shmCacheRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
+}
+
+int32_t zov_segLock(ZOV_SEG file) {
+  return zov_shmCacheLock(file->ctx);
+}
+
+void zov_segUnlock(ZOV_SEG file) {
+  zov_shmCacheUnlock(file->ctx);
+}
+
+int32_t zov_segInit() {
+  return zov_shmCacheInit(&pagesize);
+}
+
+int32_t zov_segTerm() {
+  return zov_shmCacheTerm();
+}
+}
