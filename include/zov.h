@@ -2307,6 +2307,102 @@ ZOV_API int32_t zov_isPurifyRunning(void);
  * config/zovparse: parser driver
  * ======================================================================== */
 
+/**
+ * The tables of a grammar, in the layout of the classic yacc; zov-tables makes
+ * them. States, rules and tokens count from 0, non-terminals from 1; state 0 is
+ * the first, token 0 the end of input. The driver trusts them: wrong tables are
+ * undefined behaviour.
+ */
+typedef struct ZOV_PARSE_TABLES {
+  uint16_t errorToken; /**< number of the error token */
+  int16_t tableLength; /**< entries of action, and at least of check */
+  /** Pairs. (-1, state) opens the section of a state; (token, rule) follow, and
+   *  a pair with a negative first entry, whose rule is for all other tokens,
+   *  ends it. A negative rule accepts, rule 0 is a syntax error. */
+  const int16_t *exceptions;
+  /** The states that shifts and reductions lead to. */
+  const int16_t *action;
+  /** By state: where in action its shifts are, by token; -1000 and below for a
+   *  state without. */
+  const int16_t *pact;
+  /** By non-terminal: where in action the state entered with it is, at 0 the
+   *  usual one and at state + 1 the one of a state that differs. */
+  const int16_t *pgo;
+  const int16_t *ruleLeft;   /**< by rule: the non-terminal on its left */
+  const int16_t *ruleLength; /**< by rule: symbols on its right */
+  /** By state: the symbol by which it is entered, a token or a non-terminal
+   *  negated. An entry of action counts only for the symbol found here. */
+  const int16_t *check;
+  /** By state: the rule to reduce by when nothing can be shifted, 65534 to look
+   *  into exceptions, 0 for a syntax error. */
+  const uint16_t *defaultRule;
+} ZOV_PARSE_TABLES;
+
+/**
+ * Delivers the next token.
+ *
+ * @param userContext as in the parser's context
+ * @param value       place for the token's value; holds the last one
+ * @return its number; 0 or less at the end of input.
+ */
+typedef int16_t (*ZOV_PARSE_LEXER)(void *userContext, void *value);
+
+/**
+ * Performs a rule.
+ *
+ * @param userContext as in the parser's context
+ * @param lastValue   value of the last symbol on the right; that of the one
+ *                    before it is one value size below, and so on. All may be
+ *                    read, those further down belong to what came before.
+ * @param rule        number of the rule
+ * @param result      place for the value of the left side; holds the value of
+ *                    the first symbol on the right
+ * @return 0, or a status with which the parse ends at once.
+ */
+typedef int16_t (*ZOV_PARSE_ACTION)(void *userContext, void *lastValue, int32_t rule, void *result);
+
+/** Hears that a parse is abandoned because of a syntax error, after everything
+ *  of the parse is released that is not the caller's. */
+typedef void (*ZOV_PARSE_ERROR)(void *userContext);
+
+/** What zov_yyparse() works with; it changes none of it. */
+typedef struct ZOV_PARSE_CONTEXT {
+  uint64_t valueSize;             /**< bytes of a value, 1 or more, copied as they are */
+  void *userContext;              /**< for the callbacks */
+  const ZOV_PARSE_TABLES *tables; /**< the grammar */
+  ZOV_PARSE_LEXER lexer;
+  ZOV_PARSE_ACTION action;
+  ZOV_PARSE_ERROR error; /**< or null */
+  /** Tag for the stacks, which then stay with it after the call; 0 for a tag of
+   *  the call's own, released at its end. */
+  ZOV_TAG tag;
+} ZOV_PARSE_CONTEXT;
+
+/**
+ * Parses what the lexer delivers.
+ *
+ * A syntax error drops states until one accepts the error token, and then tokens
+ * until one fits. The error is over after three shifts, or with the next
+ * reduction: a rule like `statement: error` that reduces without a token of its
+ * own is found again at the same token for ever, so grammars have
+ * `statement: error ';'`.
+ *
+ * @param context the grammar, the callbacks and the tag
+ * @return 0 when the input was accepted; 1 to 3, accepted within so many shifts
+ *         of the end of an error; 3 also when the parse was abandoned, when
+ *         the input ended within an error, and when memory ran out; else the
+ *         status of an action.
+ *
+ * Threads: any, each with its own context or callbacks that allow for it.
+ * Cost: a token takes one call of the lexer, a reduction one of the action, and
+ * both a copy of a value; no memory is allocated but for the stacks, which begin
+ * with 100 entries and grow by 50.
+ * Messages: as zov_getMem().
+ * May jump: to the recovery point of a tag in the context. Callbacks may leave
+ * by a jump of their own only if the context names a tag.
+ */
+ZOV_API int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context);
+
 /* ========================================================================
  * config/zovbufferedstream: typed buffers
  *
