@@ -40,10 +40,7 @@ bool readsRuns(const TextStream &stream) {
   return stream.pushbackCount == 0 && stream.encoding == ZOV_ENC_BYTES;
 }
 
-int32_t nextRawByte(FileCache &cache) {
-  if (zov::offsetInBlock(cache) >= cache.valid && zov::fileCacheFill(cache) == 0) [[unlikely]] {
-    return kEndOfInput;
-  }
+int32_t takeByte(FileCache &cache) {
   const char byte = cache.data[zov::offsetInBlock(cache)];
   ++cache.position;
   return static_cast<uint8_t>(byte);
@@ -51,6 +48,12 @@ int32_t nextRawByte(FileCache &cache) {
 
 // Half a unit at the end of the file is not one.
 bool readUnit(FileCache &cache, uint16_t &unit) {
+  const uint64_t offset = zov::offsetInBlock(cache);
+  if (offset < cache.valid && cache.valid - offset >= sizeof unit) [[likely]] {
+    memcpy(&unit, cache.data + offset, sizeof unit);
+    cache.position += sizeof unit;
+    return true;
+  }
   return zov::fileCacheRead(cache, &unit, sizeof unit) == sizeof unit;
 }
 
@@ -91,15 +94,27 @@ int32_t nextDecoded(TextStream &stream) {
   return firstOfEncoded(stream, 0x10000u + ((unit & 0x3FFu) << 10) + (low & 0x3FFu));
 }
 
-int32_t nextPushedOrDecoded(TextStream &stream) {
+// What nextByte() does when the byte does not lie ready in the block.
+[[gnu::noinline]] int32_t nextByteSlow(TextStream &stream) {
   if (stream.pushbackCount > 0) {
     return static_cast<int32_t>(stream.pushback[--stream.pushbackCount]);
   }
-  return stream.encoding == ZOV_ENC_UTF16 ? nextDecoded(stream) : 0;
+  switch (stream.encoding) {
+    case ZOV_ENC_BYTES:
+      return zov::fileCacheFill(stream.cache) > 0 ? takeByte(stream.cache) : kEndOfInput;
+    case ZOV_ENC_UTF16:
+      return nextDecoded(stream);
+    default:
+      return 0;
+  }
 }
 
 inline int32_t nextByte(TextStream &stream) {
-  return readsRuns(stream) ? nextRawByte(stream.cache) : nextPushedOrDecoded(stream);
+  FileCache &cache = stream.cache;
+  if (readsRuns(stream) && zov::offsetInBlock(cache) < cache.valid) [[likely]] {
+    return takeByte(cache);
+  }
+  return nextByteSlow(stream);
 }
 
 // Copies up to and with the next newline out of the block. Stops short at the

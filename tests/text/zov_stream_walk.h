@@ -180,7 +180,7 @@ class StreamWalk {
 
   void writeText() {
     const int32_t byte = static_cast<int32_t>(below(256));
-    const int32_t length = byte == 0 ? 1 : static_cast<int32_t>(below(2500));
+    const int32_t length = byte % 4 == 0 ? 1 : static_cast<int32_t>(below(2500));
     const std::string text(static_cast<size_t>(length), static_cast<char>(byte));
     check("zov_fputc", length != 1 || zov_fputc(byte, stream) == 1);
     check("zov_fputs",

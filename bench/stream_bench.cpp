@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Text streams beside libc's: a megabyte of lines is read or written whole in
+// every iteration, file opened and closed, and counted by the byte. libc runs
+// with its own buffer size and with that of a stream's block, which tells what
+// the calls cost from what the transfers cost. The files are in memory.
+#include <benchmark/benchmark.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench_seed.h"
+#include "zov.h"
+
+namespace {
+
+constexpr size_t kTextBytes = 1 << 20;
+constexpr int kLibcBuffer = 0;
+constexpr int kBlockBuffer = 1024;
+
+std::vector<std::string> randomLines() {
+  std::mt19937_64 random(benchSeed());
+  std::vector<std::string> lines;
+  for (size_t bytes = 0; bytes < kTextBytes; bytes += lines.back().size()) {
+    lines.emplace_back(random() % 100, static_cast<char>('a' + random() % 26));
+    lines.back() += '\n';
+  }
+  return lines;
+}
+
+// The text, and a file to read it from or write it to.
+struct Setting {
+  explicit Setting(int32_t encoding = ZOV_ENC_BYTES) {
+    zov_init();
+    for (const std::string &line : lines) {
+      textBytes += line.size();
+    }
+    const ZOV_STREAM stream = zov_fopen(path.c_str(), "w", encoding);
+    for (const std::string &line : lines) {
+      for (const char byte : line) {
+        zov_fputc(byte, stream);
+      }
+    }
+    zov_fclose(stream);
+  }
+  Setting(const Setting &) = delete;
+  ~Setting() {
+    close(descriptor);
+    zov_term();
+  }
+
+  FILE *openLibc(const benchmark::State &state, const char *mode) {
+    FILE *file = fopen(path.c_str(), mode);
+    if (state.range(0) != kLibcBuffer) {
+      setvbuf(file, buffer, _IOFBF, static_cast<size_t>(state.range(0)));
+    }
+    return file;
+  }
+  void count(benchmark::State &state) const {
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(textBytes));
+  }
+
+  const int descriptor = memfd_create("bench", 0);
+  const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+  const std::vector<std::string> lines = randomLines();
+  size_t textBytes = 0;
+  char buffer[kBlockBuffer];
+};
+
+void bufferSizes(benchmark::internal::Benchmark *bench) {
+  bench->Arg(kLibcBuffer)->Arg(kBlockBuffer);
+}
+
+template <typename Get>
+void libcReadBytes(benchmark::State &state, Get get) {
+  Setting setting;
+  for (auto _ : state) {
+    FILE *file = setting.openLibc(state, "r");
+    uint32_t sum = 0;
+    for (int c = get(file); c != EOF; c = get(file)) {
+      sum += static_cast<uint32_t>(c);
+    }
+    benchmark::DoNotOptimize(sum);
+    fclose(file);
+  }
+  setting.count(state);
+}
+
+// Where the compiler can see into the loop, libc's reading of a byte is no call
+// at all.
+void LibcGetcInline(benchmark::State &state) {
+  libcReadBytes(state, [](FILE *file) { return getc_unlocked(file); });
+}
+BENCHMARK(LibcGetcInline)->Apply(bufferSizes);
+
+void LibcGetcCalled(benchmark::State &state) {
+  int (*volatile called)(FILE *) = fgetc_unlocked;
+  libcReadBytes(state, [get = called](FILE *file) { return get(file); });
+}
+BENCHMARK(LibcGetcCalled)->Apply(bufferSizes);
+
+void readBytes(benchmark::State &state, int32_t encoding) {
+  Setting setting(encoding);
+  for (auto _ : state) {
+    const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    uint32_t sum = 0;
+    for (int32_t c = zov_fgetc(stream); c != -1; c = zov_fgetc(stream)) {
+      sum += static_cast<uint32_t>(c);
+    }
+    benchmark::DoNotOptimize(sum);
+    zov_fclose(stream);
+  }
+  setting.count(state);
+}
+
+void Fgetc(benchmark::State &state) {
+  readBytes(state, ZOV_ENC_BYTES);
+}
+BENCHMARK(Fgetc);
+
+void FgetcUtf16(benchmark::State &state) {
+  readBytes(state, ZOV_ENC_UTF16);
+}
+BENCHMARK(FgetcUtf16);
+
+void LibcFgets(benchmark::State &state) {
+  Setting setting;
+  char line[256];
+  for (auto _ : state) {
+    FILE *file = setting.openLibc(state, "r");
+    while (fgets(line, sizeof line, file) != nullptr) {
+      benchmark::DoNotOptimize(line);
+    }
+    fclose(file);
+  }
+  setting.count(state);
+}
+BENCHMARK(LibcFgets)->Apply(bufferSizes);
+
+void Fgets(benchmark::State &state) {
+  Setting setting;
+  char line[256];
+  for (auto _ : state) {
+    const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    while (zov_fgets(line, sizeof line, stream) != nullptr) {
+      benchmark::DoNotOptimize(line);
+    }
+    zov_fclose(stream);
+  }
+  setting.count(state);
+}
+BENCHMARK(Fgets);
+
+void LibcGetline(benchmark::State &state) {
+  Setting setting;
+  char *line = nullptr;
+  size_t sizeBytes = 0;
+  for (auto _ : state) {
+    FILE *file = setting.openLibc(state, "r");
+    while (getline(&line, &sizeBytes, file) != -1) {
+      benchmark::DoNotOptimize(line);
+    }
+    fclose(file);
+  }
+  free(line);
+  setting.count(state);
+}
+BENCHMARK(LibcGetline)->Apply(bufferSizes);
+
+void GetLine(benchmark::State &state) {
+  Setting setting;
+  char *line = nullptr;
+  uint32_t sizeBytes = 0;
+  for (auto _ : state) {
+    const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    while (zov_fGetLine(stream, &line, &sizeBytes) != nullptr) {
+      benchmark::DoNotOptimize(line);
+    }
+    zov_fclose(stream);
+  }
+  zov_freeMem(line, ZOV_DEFAULT_TAG);
+  setting.count(state);
+}
+BENCHMARK(GetLine);
+
+template <typename Put>
+void libcWrite(benchmark::State &state, Put put) {
+  Setting setting;
+  for (auto _ : state) {
+    FILE *file = setting.openLibc(state, "w");
+    for (const std::string &line : setting.lines) {
+      put(line.c_str(), file);
+    }
+    fclose(file);
+  }
+  setting.count(state);
+}
+
+template <typename Put>
+void zovWrite(benchmark::State &state, Put put) {
+  Setting setting;
+  for (auto _ : state) {
+    const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "w", ZOV_ENC_BYTES);
+    for (const std::string &line : setting.lines) {
+      put(line.c_str(), stream);
+    }
+    zov_fclose(stream);
+  }
+  setting.count(state);
+}
+
+void LibcFputs(benchmark::State &state) {
+  libcWrite(state, [](const char *line, FILE *file) { fputs(line, file); });
+}
+BENCHMARK(LibcFputs)->Apply(bufferSizes);
+
+void Fputs(benchmark::State &state) {
+  zovWrite(state, [](const char *line, ZOV_STREAM stream) { zov_fputs(line, stream); });
+}
+BENCHMARK(Fputs);
+
+void LibcFprintf(benchmark::State &state) {
+  libcWrite(state, [](const char *line, FILE *file) { fprintf(file, "%d %s", 42, line); });
+}
+BENCHMARK(LibcFprintf)->Apply(bufferSizes);
+
+void Fprintf(benchmark::State &state) {
+  zovWrite(state,
+           [](const char *line, ZOV_STREAM stream) { zov_fprintf(stream, "%d %s", 42, line); });
+}
+BENCHMARK(Fprintf);
+
+}  // namespace
