@@ -45,6 +45,7 @@
 #include <setjmp.h>
 #include <stdarg.h>
 #include <stdint.h>
+#include <time.h>
 #include <wchar.h>
 
 #ifdef __cplusplus
@@ -1320,6 +1321,258 @@ ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
  * files/zovfile_util: file and directory utilities
  * ======================================================================== */
 
+/* Every path comes with the type flags of zov_fileOpen(): #ZOV_FILE_MEMORY sends
+ * it to the memory file system, else it is a path on disk. The forms without
+ * flags take paths on disk. The wide forms convert each path strictly and give
+ * #ZOV_ERROR, or null, when one cannot be converted. A null path is refused.
+ * Two paths "are the same" when they are equal but for case and both on disk or
+ * both in memory. */
+
+/** A walk over the names of a directory. */
+typedef struct PathWalk *ZOV_PATH_WALK;
+
+/**
+ * Copies a file over another, block by block of 1024 bytes. Blocks that are
+ * equal already are not written; the destination is not emptied first, and cut
+ * or grown to the source's length at the end. Two paths that are the same file
+ * in memory are left alone.
+ *
+ * @param source           file to read
+ * @param sourceFlags      its type flags
+ * @param destination      file to write, created if missing
+ * @param destinationFlags its type flags
+ * @return #ZOV_OKAY; #ZOV_ERROR when a file cannot be opened, read or written,
+ *         or memory is missing; or what setting the size came to. After a
+ *         failure the destination may hold part of the source.
+ *
+ * Threads: any, on files that nobody else changes. Messages: those of failing
+ * transfers and allocations.
+ */
+ZOV_API int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *destination,
+                               uint32_t destinationFlags);
+/** zov_fileCopyEx() on disk. */
+ZOV_API int32_t zov_fileCopy(const char *source, const char *destination);
+/** zov_fileCopy() with wide paths. */
+ZOV_API int32_t zov_fileCopyW(const wchar_t *source, const wchar_t *destination);
+/** zov_fileCopyEx() with wide paths; the low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags,
+                                const wchar_t *destination, uint32_t destinationFlags);
+
+/**
+ * Compares the contents of two files. Paths that are the same count as equal
+ * without a look at either file.
+ *
+ * @param first       first file
+ * @param firstFlags  its type flags
+ * @param second      second file
+ * @param secondFlags its type flags
+ * @return #ZOV_OKAY when equal; #ZOV_ERROR when different or unreadable;
+ *         #ZOV_NOFILE or #ZOV_NOFILE2 when the first or second cannot be
+ *         opened; #ZOV_NOMEMORY.
+ *
+ * Threads and messages: as zov_fileCopyEx().
+ */
+ZOV_API int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second,
+                              uint32_t secondFlags);
+/** zov_fileCmpEx() on disk. */
+ZOV_API int32_t zov_fileCmp(const char *first, const char *second);
+/** zov_fileCmp() with wide paths. */
+ZOV_API int32_t zov_fileCmpW(const wchar_t *first, const wchar_t *second);
+/** zov_fileCmpEx() with wide paths; the low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
+                               uint32_t secondFlags);
+
+/**
+ * Moves a file over another. On one file system the destination is replaced in
+ * one step; otherwise it is removed and the source copied, then removed. Paths
+ * that are the same, or that name the same entry of the same directory on disk,
+ * are left alone.
+ *
+ * @param source           file to move
+ * @param sourceFlags      its type flags
+ * @param destination      its new path
+ * @param destinationFlags its type flags
+ * @return #ZOV_OKAY, or the status of the copy, when the destination is gone
+ *         and the source as it was.
+ *
+ * Threads and messages: as zov_fileCopyEx().
+ */
+ZOV_API int32_t zov_fileMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                               uint32_t destinationFlags);
+/** zov_fileMoveEx() on disk. */
+ZOV_API int32_t zov_fileMove(const char *source, const char *destination);
+/** zov_fileMove() with wide paths. */
+ZOV_API int32_t zov_fileMoveW(const wchar_t *source, const wchar_t *destination);
+/** zov_fileMoveEx() with wide paths; the low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags,
+                                const wchar_t *destination, uint32_t destinationFlags);
+
+/**
+ * Removes a file, or an empty directory on disk.
+ *
+ * @param path      its path
+ * @param typeFlags its type flags
+ * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
+ *         and diskless flags.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_fileRemoveEx(const char *path, uint32_t typeFlags);
+/** zov_fileRemoveEx() on disk. */
+ZOV_API int32_t zov_fileRemove(const char *path);
+/** zov_fileRemove() with a wide path. */
+ZOV_API int32_t zov_fileRemoveW(const wchar_t *path);
+/** zov_fileRemoveEx() with a wide path; the low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
+
+/**
+ * Renames a file or a directory. On disk an existing file of the new name is
+ * replaced in one step.
+ *
+ * @param oldPath      its path
+ * @param oldTypeFlags type flags of that path
+ * @param newPath      its new path
+ * @param newTypeFlags type flags of that path
+ * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
+ *         and diskless flags; #ZOV_ERROR from disk to memory or back.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char *newPath,
+                                 uint32_t newTypeFlags);
+/** zov_fileRenameEx() on disk. */
+ZOV_API int32_t zov_fileRename(const char *oldPath, const char *newPath);
+/** zov_fileRename() with wide paths. */
+ZOV_API int32_t zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath);
+/** zov_fileRenameEx() with wide paths; the low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
+                                  const wchar_t *newPath, uint32_t newTypeFlags);
+
+/**
+ * Tells whether a path can be used.
+ *
+ * @param path        the path
+ * @param typeFlags   its type flags
+ * @param isDirectory null: the path must open for reading; else the path must
+ *                    exist, and gets 1 for a directory, 0 for anything else
+ * @return 1 when usable, 0 when not or under the diskless flag.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_fileValidateEx(const char *path, uint32_t typeFlags, int32_t *isDirectory);
+/** zov_fileValidateEx() on disk. */
+ZOV_API int32_t zov_fileValidate(const char *path, int32_t *isDirectory);
+/** zov_fileValidate() with a wide path; 2 when it cannot be converted. */
+ZOV_API int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory);
+/** zov_fileValidateEx() with a wide path; 2 when it cannot be converted. The
+ *  low 16 bits of the flags count. */
+ZOV_API int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int32_t *isDirectory);
+
+/**
+ * Creates a directory on disk with every directory above it that is missing. A
+ * backslash separates as a slash does.
+ *
+ * @param path the directory
+ * @return #ZOV_OKAY; #ZOV_EXISTS when it was there; #ZOV_ERROR when a directory
+ *         cannot be made or under the diskless flag; #ZOV_NOMEMORY.
+ *
+ * Threads: any. Messages: those of failing allocations. May jump, before any
+ * directory above the last is made.
+ */
+ZOV_API int32_t zov_dirCreateAll(const char *path);
+/** zov_dirCreateAll() with a wide path; does not jump. */
+ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
+
+/**
+ * Moves a directory: by renaming it, or else by moving its files into the
+ * destination, which is created if missing. Then directories in it stay where
+ * they are, and the source with them; a source left empty is removed.
+ *
+ * @param source           directory to move
+ * @param sourceFlags      its type flags
+ * @param destination      its new path
+ * @param destinationFlags its type flags
+ * @return #ZOV_OKAY, also when the source cannot be walked; else the status of
+ *         the first file that could not be moved, or of creating the
+ *         destination; #ZOV_NOMEMORY.
+ *
+ * Threads and messages: as zov_fileCopyEx(). May jump: while the destination is
+ * created.
+ */
+ZOV_API int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                              uint32_t destinationFlags);
+/** zov_dirMoveEx() on disk. */
+ZOV_API int32_t zov_dirMove(const char *source, const char *destination);
+/** zov_dirMove() with wide paths; does not jump. */
+ZOV_API int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination);
+/** zov_dirMoveEx() with wide paths; does not jump. The low 16 bits of the flags
+ *  count. */
+ZOV_API int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags,
+                               const wchar_t *destination, uint32_t destinationFlags);
+
+/**
+ * Begins a walk over the names of a directory. On disk "." and ".." are among
+ * them, and the order is the system's.
+ *
+ * @param directory the directory
+ * @param typeFlags its type flags
+ * @param pattern   names to return, as in zov_match()
+ * @return the walk, to be ended with zov_pathClose(), or null.
+ *
+ * Threads: any. Messages: those of failing allocations. May jump, before the
+ * directory is opened.
+ */
+ZOV_API ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags,
+                                     const char *pattern);
+/** zov_pathOpenEx() on disk. */
+ZOV_API ZOV_PATH_WALK zov_pathOpen(const char *directory, const char *pattern);
+/** zov_pathOpen() with wide strings; does not jump. */
+ZOV_API ZOV_PATH_WALK zov_pathOpenW(const wchar_t *directory, const wchar_t *pattern);
+/** zov_pathOpenEx() with wide strings; does not jump. The low 16 bits of the
+ *  flags count. */
+ZOV_API ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFlags,
+                                      const wchar_t *pattern);
+
+/**
+ * Steps a walk to its next matching name.
+ *
+ * @param walk        the walk; null ends at once
+ * @param isDirectory place for 1 when the name is a directory's, else 0
+ * @return the name, which the walk owns until the next step, or null at the end.
+ *
+ * Threads: one at a time. Messages: those of failing allocations.
+ */
+ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory);
+
+/**
+ * zov_pathNext() with a wide name.
+ * @return the name, or null at the end or when it cannot be converted. The
+ *         latest name belongs to the walk; each one before it to the caller, to
+ *         be released with zov_freeMem() on the default tag.
+ */
+ZOV_API wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory);
+
+/** Ends a walk and releases the names it owns; null is ignored. Threads: one at
+ *  a time. */
+ZOV_API void zov_pathClose(ZOV_PATH_WALK walk);
+
+/**
+ * Makes up the path of a temporary file in zov_tmpdir(), or without a directory
+ * when there is none. The address and the value of the counter and the process
+ * id keep names apart; whether such a file exists is not looked at.
+ *
+ * @param counter   the caller's counter, which is advanced by 1
+ * @param prefix    what the name begins with; null: "temp"
+ * @param extension what follows its dot; null: "tmp"
+ * @param tag       tag of the path, 0 for the default one
+ * @return the path, released with zov_freeMem() on that tag, or null.
+ *
+ * Threads: any, each with a counter of its own. Messages: those of failing
+ * allocations. May jump.
+ */
+ZOV_API char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
+                                    ZOV_TAG tag);
+
 /* ========================================================================
  * files/zovfile_path: paths
  * ======================================================================== */
@@ -2197,6 +2450,230 @@ ZOV_API char *zov_fGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes
  * text/zov_console: console and log output
  * ======================================================================== */
 
+/** One destination of a stack. */
+typedef struct ZOV_FILE_INFO {
+  char *name;        /**< the file's name, null for a silent entry */
+  ZOV_STREAM stream; /**< null for a silent entry */
+  int32_t users;     /**< redirections of this stack that lead here */
+} ZOV_FILE_INFO;
+
+/** One redirection of a stack. */
+typedef struct ZOV_FILE_STACK_NODE {
+  ZOV_FILE_INFO *info;
+  struct ZOV_FILE_STACK_NODE *next; /**< the redirection below */
+} ZOV_FILE_STACK_NODE;
+
+/** A pile of redirections, of which the top one receives the output. The
+ *  library keeps three: standard output, standard error and the log. */
+typedef struct ZOV_FILE_STACK {
+  ZOV_SYNC lock;            /**< guards output through the stack */
+  ZOV_FILE_STACK_NODE *top; /**< null when empty, which is as good as silent */
+} ZOV_FILE_STACK;
+
+/** A log record that is put together piece by piece. */
+typedef struct LogChunk *ZOV_LOG_CHUNK;
+
+/**
+ * Sets up a stack.
+ *
+ * @param stack the record to fill
+ * @param name  destination to push, or null for a stack that starts empty
+ * @return #ZOV_OKAY, to be undone with zov_fileStackTerm(); otherwise
+ *         #ZOV_ERROR or #ZOV_NOMEMORY, when nothing is owed.
+ *
+ * Threads: one at a time. Messages: those of failing allocations.
+ */
+ZOV_API int32_t zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name);
+
+/** Pops every redirection of a stack and releases its lock. Threads: one at a
+ *  time, while nobody writes through the stack. */
+ZOV_API void zov_fileStackTerm(ZOV_FILE_STACK *stack);
+
+/**
+ * Pushes a redirection. A file that the stack leads to already (by a name that
+ * is equal but for case) is shared; any other is opened for writing as bytes,
+ * which empties it.
+ *
+ * @param stack the stack
+ * @param name  the file, "stdout" or "stderr"; null or empty silences the stack
+ * @return #ZOV_OKAY, to be undone with zov_fileStackClose(); #ZOV_NOMEMORY; or
+ *         #ZOV_ERROR when the file cannot be opened. A failure pushes nothing.
+ *
+ * Threads: one at a time, while nobody writes through the stack: its lock is
+ * not taken. Messages: those of failing allocations.
+ */
+ZOV_API int32_t zov_fileStackOpen(ZOV_FILE_STACK *stack, const char *name);
+
+/** Pops the top redirection, if any, and closes its file with the last that
+ *  leads to it. Threads: as zov_fileStackOpen(). */
+ZOV_API void zov_fileStackClose(ZOV_FILE_STACK *stack);
+
+/**
+ * Finds a destination of a stack, newest first.
+ *
+ * @param stack the stack
+ * @param name  a name, compared without regard to case, or null for a silent
+ *              entry
+ * @return the destination, which the stack owns, or null.
+ *
+ * Threads: as zov_fileStackOpen().
+ */
+ZOV_API ZOV_FILE_INFO *zov_fileStackSearch(ZOV_FILE_STACK *stack, const char *name);
+
+/**
+ * Gives a redirection its destination, an existing one of the stack or a newly
+ * opened one, and counts no user. The worker behind zov_fileStackOpen().
+ *
+ * @param stack the stack
+ * @param name  as in zov_fileStackOpen()
+ * @param node  the redirection; its info is set, to null on failure
+ * @return as zov_fileStackOpen().
+ *
+ * Threads and messages: as zov_fileStackOpen().
+ */
+ZOV_API int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_NODE *node);
+
+/** Enters a stack's lock, which is recursive. Threads: any. */
+ZOV_API void zov_fileStackLock(ZOV_FILE_STACK *stack) ZOV_ACQUIRE(stack->lock);
+
+/** Leaves a stack's lock. Threads: the one that entered. */
+ZOV_API void zov_fileStackRelease(ZOV_FILE_STACK *stack) ZOV_RELEASE(stack->lock);
+
+/**
+ * Redirects the library's standard output, on top of what it is now.
+ * @param name as in zov_fileStackOpen()
+ * @return as zov_fileStackOpen(); #ZOV_ERROR when the library is not started.
+ * Threads and messages: as zov_fileStackOpen().
+ */
+ZOV_API int32_t zov_stdout_open(const char *name);
+
+/** Redirects standard error, as zov_stdout_open() does standard output. */
+ZOV_API int32_t zov_stderr_open(const char *name);
+
+/** Takes back the last zov_stdout_open(), or the library's own destination.
+ *  Does nothing when the library is not started. Threads: as
+ *  zov_fileStackOpen(). */
+ZOV_API void zov_stdout_close(void);
+
+/** Takes back the last zov_stderr_open(), as zov_stdout_close() does. */
+ZOV_API void zov_stderr_close(void);
+
+/** Writes the log to a file from now on, as zov_stdout_open() does standard
+ *  output. Nothing is logged to a file before the first call. */
+ZOV_API int32_t zov_log_open(const char *name);
+
+/** Takes back the last zov_log_open(). */
+ZOV_API void zov_log_close(void);
+
+/**
+ * Opens a log whose name is given in two parts, put together as they are.
+ *
+ * @param directory first part, with its separator
+ * @param file      second part
+ * @return #ZOV_OKAY, also when the file cannot be opened; #ZOV_ERROR when the
+ *         name cannot be put together.
+ *
+ * Threads and messages: as zov_fileStackOpen(). May jump: while the name is
+ * allocated, before anything else.
+ */
+ZOV_API int32_t zov_log_create(const char *directory, const char *file);
+
+/**
+ * Writes formatted text to where standard output goes now. The text waits in
+ * the stream until zov_flush(), a message, or the end of the redirection. Before
+ * start-up and after shut-down it goes to libc's stdout.
+ *
+ * @param format format as in zov_vsnprintf()
+ * @return characters written; 0 when output is silent; -1 when writing failed.
+ *
+ * Threads: any; takes the stack's lock.
+ * Cost: one lock pair; the work buffer grows to the longest text and is kept.
+ */
+ZOV_API int32_t zov_printf(const char *format, ...) ZOV_PRINTF(1, 2);
+
+/** zov_printf() with an argument list, which is left as it was. */
+ZOV_API int32_t zov_printfV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
+
+/** zov_printf() to where standard error goes now. */
+ZOV_API int32_t zov_printfErr(const char *format, ...) ZOV_PRINTF(1, 2);
+
+/** zov_printfErr() with an argument list, which is left as it was. */
+ZOV_API int32_t zov_printfErrV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
+
+/** Sends what zov_printf() left waiting to the file and to disk; flushes libc's
+ *  stdout instead when output is silent. Threads: any. */
+ZOV_API void zov_flush(void);
+
+/** zov_flush() for standard error. */
+ZOV_API void zov_flushErr(void);
+
+/**
+ * Writes a message to where standard output goes now, unless the process runs
+ * in the background, and to the log file, if one is open, behind the local time
+ * as "[%d-%b-%Y %H:%M:%S]" and two spaces. Both are flushed to disk. The text
+ * carries its own line end; a NUL among its characters ends it.
+ *
+ * A message that comes up while this thread writes output (that writing fails)
+ * goes to descriptor 2 instead. When the library is not started the text goes
+ * to libc's stdout alone.
+ *
+ * @param format format as in zov_vsnprintf()
+ * @return characters written to the console; 0 when there was none, when the
+ *         text cannot be formatted or when memory for a text of 512 characters
+ *         and more is missing, in which last two cases nothing is written.
+ *
+ * Threads: any; takes the lock of the console stack, then that of the log
+ * stack, never both.
+ * Cost: no allocation below 512 characters; one write and one sync for each
+ * destination.
+ */
+ZOV_API int32_t zov_log(const char *format, ...) ZOV_PRINTF(1, 2);
+
+/** zov_log() with an argument list, which is left as it was when the library
+ *  is started. */
+ZOV_API int32_t zov_logV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
+
+/** zov_log() with standard error as its console. */
+ZOV_API int32_t zov_log_err(const char *format, ...) ZOV_PRINTF(1, 2);
+
+/** zov_log_err() with an argument list, as zov_logV(). */
+ZOV_API int32_t zov_log_errV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
+
+/**
+ * Begins a log record that is put together from pieces.
+ * @return the record, to be ended with zov_log_chunk_end(); null when the
+ *         library is not started or memory is missing.
+ * Threads: any.
+ */
+ZOV_API ZOV_LOG_CHUNK zov_log_chunk_init(void);
+
+/**
+ * Adds a piece to a record.
+ *
+ * @param chunk  the record; null is ignored
+ * @param format format as in zov_vsnprintf(); null is ignored
+ * @return characters added, or -1 when the piece cannot be formatted or memory
+ *         is missing; the record then stays as it was.
+ *
+ * Threads: one at a time.
+ */
+ZOV_API int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_PRINTF(2, 3);
+
+/**
+ * Ends a record: writes it as one message of zov_log(), with one timestamp, if
+ * it holds anything, and releases it.
+ *
+ * @param chunk  the record; null is ignored
+ * @param format a last piece as in zov_log_chunk(), or null
+ *
+ * Threads: one at a time.
+ */
+ZOV_API void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_PRINTF(2, 3);
+
+/** Flushes both consoles, unless the process runs in the background, and the
+ *  log file. Threads: any. */
+ZOV_API void zov_log_flush(void);
+
 /* ========================================================================
  * text/zov_string: strings and random numbers
  * ======================================================================== */
@@ -2615,9 +3092,146 @@ ZOV_API int32_t zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data
  * os/zovunix_process: process, daemon and signal services
  * ======================================================================== */
 
+/** @return the id of the calling process. Threads: any. May be called at any
+ *  time. */
+ZOV_API uint32_t zov_get_pid(void);
+
+/** @return 1 if there is a process of this id, also one that may not be
+ *  signalled, else 0. Threads: any. May be called at any time. */
+ZOV_API int32_t zov_check_pid(uint32_t pid);
+
 /* ========================================================================
  * os/zovunix_time: time, environment and temporary directory
  * ======================================================================== */
+
+/** @return the current time in seconds since the epoch. Threads: any. May be
+ *  called at any time. */
+ZOV_API int64_t zov_timeSecs(void);
+
+/** @return the current time in seconds, meant to start a random generator. As
+ *  zov_timeSecs(). */
+ZOV_API int64_t zov_seed(void);
+
+/**
+ * Reads the wall clock in milliseconds, for differences only: the value wraps
+ * about every 49.7 days, and a difference in unsigned 32-bit arithmetic stays
+ * right across the wrap.
+ * @return the milliseconds since the epoch, modulo 2^32.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API uint32_t zov_timeMilliSecs(void);
+
+/** @return the real-time clock in nanoseconds since the epoch. Threads: any.
+ *  May be called at any time. */
+ZOV_API uint64_t zov_timeNanoSecs(void);
+
+/**
+ * Breaks a time down into local time.
+ * @param timeSecs seconds since the epoch
+ * @param out      place for the parts
+ * @return out, or null for a year that does not fit it.
+ * Threads: any. May be called at any time.
+ */
+ZOV_API struct tm *zov_timeLocaltime(int64_t timeSecs, struct tm *out);
+
+/**
+ * Gives a time as libc's ctime() text: 26 characters with line end and NUL.
+ * @param timeSecs seconds since the epoch
+ * @return the text in a buffer that the whole process shares, or null for a
+ *         year that does not fit it.
+ * Threads: one at a time in the process. May be called at any time.
+ */
+ZOV_API char *zov_timeCtime(int64_t timeSecs);
+
+/** Sleeps for a number of milliseconds; a signal handler that runs meanwhile
+ *  does not shorten it. Threads: any. May be called at any time. */
+ZOV_API void zov_sleep(uint32_t waitMs);
+
+/** @return the calling thread's errno. Threads: any. May be called at any time. */
+ZOV_API uint32_t zov_errno(void);
+
+/**
+ * Reads an environment variable.
+ * @param name its name
+ * @return the value, which the environment owns, or null.
+ * Threads: any, while nobody changes the environment. May be called at any time.
+ */
+ZOV_API char *zov_getenv(const char *name);
+
+/**
+ * Reads an environment variable as a wide string.
+ * @param name its name
+ * @return a copy of the value, released with zov_freeMem() on the default tag;
+ *         null when it is not set, when the name cannot be converted, when the
+ *         value is not valid UTF-8 or when memory is missing.
+ * Threads: as zov_getenv(). Messages: those of failing allocations. May jump.
+ */
+ZOV_API wchar_t *zov_getenvW(const wchar_t *name);
+
+/**
+ * Sets or asks for the locale, as libc's setlocale().
+ * @param category one of libc's LC_ constants
+ * @param locale   name of the locale, or null to ask only
+ * @return the name in force, which libc owns, or null.
+ * Threads: one at a time in the process, while nobody formats numbers. May be
+ * called at any time.
+ */
+ZOV_API char *zov_setlocale(int32_t category, const char *locale);
+
+/**
+ * zov_setlocale() with wide strings.
+ * @return a copy of the name, released with zov_freeMem() on the default tag;
+ *         null also when a conversion fails or memory is missing.
+ * Messages: those of failing allocations. May jump, before or after the locale
+ * was set.
+ */
+ZOV_API wchar_t *zov_setlocaleW(int32_t category, const wchar_t *locale);
+
+/**
+ * Looks for a directory for temporary files: that of the environment variable
+ * TMPDIR, that of TEMPDIR, "/tmp", the current one; the first that is writable.
+ *
+ * @return a copy of its path, released with zov_freeMem() on the default tag;
+ *         null when none is writable or memory is missing.
+ *
+ * Threads: any, while nobody changes the environment. Messages: those of
+ * failing allocations. May jump.
+ */
+ZOV_API char *zov_findOStmpdir(void);
+
+/**
+ * Gives the directory of zov_findOStmpdir(), looked for once and kept.
+ *
+ * @return its path, which the library owns until shut-down; null when none is
+ *         writable, when the next call looks again.
+ *
+ * Threads: any; the first call enters the process-wide critical section, so a
+ * thread that is inside must not ask. Cost: one atomic load once it is known.
+ */
+ZOV_API const char *zov_osTmpdir(void);
+
+/**
+ * Gives the directory that temporary files go to: the value of the environment
+ * variable QEL_TMPDIR as it is, writable or not, else zov_osTmpdir().
+ *
+ * @param tag tag of the copy, 0 for the default one
+ * @return a copy of its path, released with zov_freeMem() on that tag, or null.
+ *
+ * Threads: as zov_osTmpdir(). Messages: those of failing allocations. May jump.
+ */
+ZOV_API char *zov_tmpdir(ZOV_TAG tag);
+
+/**
+ * Tells whether a file can be made in a directory on disk, by making one of a
+ * name that no other thread or process uses, and removing it. No directory is
+ * writable under the read-only and diskless flags.
+ *
+ * @param directory the directory; null is not writable
+ * @return 1 or 0.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_dirWritable(const char *directory);
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,7 @@
 #include <iterator>
 
 #include "core/zov_private.h"
-#include "text/zov_output.h"
+#include "text/zov_console_private.h"
 
 int32_t zov_inited = 0;
 int32_t zov_terminating = 0;
@@ -26,6 +26,7 @@ int32_t zov_background = 0;
 const char *server_name = "unknown";
 
 namespace zov {
+std::atomic<char *> zov_tmp = nullptr;
 thread_local int32_t noJumpDepth = 0;
 thread_local Shortage heldShortage = Shortage::kNone;
 }  // namespace zov
@@ -49,11 +50,20 @@ void memoryStorageTerm() {
   zov_segTerm();
 }
 
+template <ZOV_FILE_STACK &stack>
+void stackTerm() {
+  zov_fileStackTerm(&stack);
+}
+
+// In the order of start-up.
 constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
     {zov_segInit, memoryStorageTerm},
+    {[] { return zov_fileStackInit(&zov::stdoutStack, "stdout"); }, stackTerm<zov::stdoutStack>},
+    {[] { return zov_fileStackInit(&zov::stderrStack, "stderr"); }, stackTerm<zov::stderrStack>},
+    {[] { return zov_fileStackInit(&zov::logStack, nullptr); }, stackTerm<zov::logStack>},
 };
 
 int32_t _zov_init() {
@@ -70,6 +80,10 @@ int32_t _zov_init() {
 }
 
 void _zov_term() {
+  stackTerm<zov::logStack>();
+  stackTerm<zov::stdoutStack>();
+  stackTerm<zov::stderrStack>();
+  zov_freeMem(zov::zov_tmp.exchange(nullptr), ZOV_DEFAULT_TAG);
   zov::storeFlag(zov_terminating, 1);
   memoryStorageTerm();
   zov_fileTerm();

@@ -48,6 +48,10 @@ enum class Shortage : uint8_t { kNone, kMemory, kSyncObjects };
 // Of several in that time the first is reported.
 void reportShortage(Shortage what, const char *sourceName, uint32_t line);
 
+// The directory for temporary files once it was looked for, in the default tag;
+// null before. Set in the process-wide critical section, freed at shut-down.
+extern std::atomic<char *> zov_tmp;
+
 // Raised while this thread holds a lock of the library around something that
 // allocates: a failing allocation then returns null and never jumps past the
 // unlock. Counts, so that it nests.
@@ -59,16 +63,24 @@ extern thread_local Shortage heldShortage;
 // Reports the shortage that waits.
 void releaseHeldShortage();
 
-// Scoped use of noJumpDepth, to stand before the lock is entered. Nothing jumps
-// while one is live, so its destructor always runs.
+// Around a lock, where the two ends stand in functions of their own: before it
+// is entered, and after it is left.
+inline void holdJumps() {
+  ++noJumpDepth;
+}
+
+inline void allowJumps() {
+  if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
+    releaseHeldShortage();
+  }
+}
+
+// The same for a scope. Nothing jumps while one is live, so its destructor
+// always runs.
 class NoJump {
  public:
-  NoJump() { ++noJumpDepth; }
-  ~NoJump() {
-    if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
-      releaseHeldShortage();
-    }
-  }
+  NoJump() { holdJumps(); }
+  ~NoJump() { allowJumps(); }
   NoJump(const NoJump &) = delete;
   NoJump &operator=(const NoJump &) = delete;
 };

@@ -28,7 +28,6 @@
 
 #include "core/zov_private.h"
 #include "core/zovmem_freed.h"
-#include "text/zov_output.h"
 
 namespace {
 

@@ -16,7 +16,6 @@
 #include <string.h>
 
 #include "core/zov_private.h"
-#include "text/zov_output.h"
 
 namespace {
 

@@ -26,7 +26,6 @@
 #include <new>
 
 #include "core/zov_private.h"
-#include "text/zov_output.h"
 
 namespace {
 

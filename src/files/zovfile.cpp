@@ -35,7 +35,6 @@
 
 #include "core/zov_private.h"
 #include "files/zovunix_private.h"
-#include "text/zov_output.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
 //    system answers a transfer of it with EBADF.

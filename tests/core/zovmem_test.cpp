@@ -251,6 +251,7 @@ TEST_F(Memory, NoJumpHoldsMessagesBack) {
                          EXPECT_EQ(zov_getMem(8, 0, ZOV_MEM_PLAIN, nullptr, "second", 2), nullptr);
                        }
                        puts("unlocked");
+                       fflush(stdout);  // the message takes another way out
                      }),
               0);
   });

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A directory of a test's own, which goes with all that is in it.
+// A directory of a test's own, which goes with all that is in it, and what is
+// on disk as the standard library sees it.
 #ifndef TESTS_SUPPORT_TEMP_DIR_H
 #define TESTS_SUPPORT_TEMP_DIR_H
 
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace zovtest {
@@ -32,6 +35,20 @@ class TempDir {
  private:
   std::string path_;
 };
+
+inline void writeFile(const std::string &path, const std::string &bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline std::string readFile(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// True also for a link that leads nowhere.
+inline bool fileExists(const std::string &path) {
+  return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
 
 }  // namespace zovtest
 

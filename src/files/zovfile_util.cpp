@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Names: remove, rename, validate, directory chains, moving the files of a
+// directory, and names for temporary files. Each path goes to the disk or to
+// the memory file system as its type flags say; the disk is left alone under
+// the read-only and diskless flags.
+//
+// No locks. Allocations that come while something is open are made with jumps
+// held off; the others hold nothing.
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "files/zovfile_private.h"
+
+namespace {
+
+bool diskMayChange() {
+  return zov::loadFlag(zov_diskless) == 0 && zov::loadFlag(zov_readonly) == 0;
+}
+
+bool isSeparator(char character) {
+  return character == '/' || character == '\\';
+}
+
+bool madeOrThere(int32_t status) {
+  return status == ZOV_OKAY || status == ZOV_EXISTS;
+}
+
+// Creates every directory that a prefix of the path names, then the path. Turns
+// backslashes into slashes on its way.
+int32_t createChain(char *path) {
+  for (char *at = path; *at != '\0'; ++at) {
+    if (at == path || !isSeparator(*at)) {
+      continue;
+    }
+    *at = '\0';
+    const int32_t status = zov_dirCreate(path);
+    *at = '/';
+    if (!madeOrThere(status)) {
+      return status;
+    }
+  }
+  return zov_dirCreate(path);
+}
+
+// A directory with the type flags of the files in it.
+struct Place {
+  const char *directory;
+  uint32_t typeFlags;
+};
+
+char *pathIn(Place place, const char *name) {
+  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.directory, '/', name);
+}
+
+int32_t moveEntry(Place source, Place destination, const char *name) {
+  char *from = pathIn(source, name);
+  char *to = pathIn(destination, name);
+  const int32_t status = from == nullptr || to == nullptr
+                             ? ZOV_NOMEMORY
+                             : zov_fileMoveEx(from, source.typeFlags, to, destination.typeFlags);
+  zov_freeMem(to, ZOV_DEFAULT_TAG);
+  zov_freeMem(from, ZOV_DEFAULT_TAG);
+  return status;
+}
+
+// Moves the files of a directory, one level deep, up to the first failure.
+int32_t moveEntries(Place source, Place destination) {
+  const zov::NoJump noJump;
+  ZOV_PATH_WALK walk = zov_pathOpenEx(source.directory, source.typeFlags, "*");
+  if (walk == nullptr) {
+    return ZOV_OKAY;
+  }
+  int32_t status = ZOV_OKAY;
+  int32_t isDirectory = 0;
+  const char *name = zov_pathNext(walk, &isDirectory);
+  while (name != nullptr && status == ZOV_OKAY) {
+    if (isDirectory == 0) {
+      status = moveEntry(source, destination, name);
+    }
+    name = zov_pathNext(walk, &isDirectory);
+  }
+  zov_pathClose(walk);
+  return status;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_fileRemove(const char *path) {
+  return zov_fileRemoveEx(path, 0);
+}
+
+int32_t zov_fileRemoveEx(const char *path, uint32_t typeFlags) {
+  if (path == nullptr || zov::isInMemory(typeFlags) || !diskMayChange()) {
+    return ZOV_ERROR;
+  }
+  return zov_flRemove(path);
+}
+
+int32_t zov_fileRename(const char *oldPath, const char *newPath) {
+  return zov_fileRenameEx(oldPath, 0, newPath, 0);
+}
+
+int32_t zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char *newPath,
+                         uint32_t newTypeFlags) {
+  if (oldPath == nullptr || newPath == nullptr ||
+      zov::isInMemory(oldTypeFlags) != zov::isInMemory(newTypeFlags)) {
+    return ZOV_ERROR;
+  }
+  if (zov::isInMemory(oldTypeFlags) || !diskMayChange()) {
+    return ZOV_ERROR;
+  }
+  return zov_flRename(oldPath, newPath);
+}
+
+int32_t zov_fileValidate(const char *path, int32_t *isDirectory) {
+  return zov_fileValidateEx(path, 0, isDirectory);
+}
+
+int32_t zov_fileValidateEx(const char *path, uint32_t typeFlags, int32_t *isDirectory) {
+  if (path == nullptr || zov::isInMemory(typeFlags) || zov::loadFlag(zov_diskless) != 0) {
+    return 0;
+  }
+  return zov_flValidate(path, isDirectory);
+}
+
+int32_t zov_dirCreateAll(const char *path) {
+  if (path == nullptr || zov::loadFlag(zov_diskless) != 0) {
+    return ZOV_ERROR;
+  }
+  // The system would take a backslash for a letter of the name.
+  if (strchr(path, '\\') == nullptr) {
+    const int32_t status = zov_dirCreate(path);
+    if (madeOrThere(status)) {
+      return status;
+    }
+  }
+  char *copy = static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, path, ZOV_HERE));
+  if (copy == nullptr) {
+    return ZOV_NOMEMORY;
+  }
+  const int32_t status = createChain(copy);
+  zov_freeMem(copy, ZOV_DEFAULT_TAG);
+  return status;
+}
+
+int32_t zov_dirMove(const char *source, const char *destination) {
+  return zov_dirMoveEx(source, 0, destination, 0);
+}
+
+int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                      uint32_t destinationFlags) {
+  if (source == nullptr || destination == nullptr) {
+    return ZOV_ERROR;
+  }
+  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags) ||
+      zov_fileRenameEx(source, sourceFlags, destination, destinationFlags) == ZOV_OKAY) {
+    return ZOV_OKAY;
+  }
+  int32_t isDirectory = 0;
+  if (!zov::isInMemory(destinationFlags) &&
+      zov_fileValidateEx(destination, destinationFlags, &isDirectory) == 0) {
+    const int32_t status = zov_dirCreateAll(destination);
+    if (!madeOrThere(status)) {
+      return status;
+    }
+  }
+  const int32_t status = moveEntries({source, sourceFlags}, {destination, destinationFlags});
+  if (!zov::isInMemory(sourceFlags) && diskMayChange()) {
+    zov_dirRemove(source);  // stays when it holds directories, or what was not moved
+  }
+  return status;
+}
+
+char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
+                            ZOV_TAG tag) {
+  const char *name = prefix == nullptr ? "temp" : prefix;
+  const char *suffix = extension == nullptr ? "tmp" : extension;
+  char *directory = zov_tmpdir(tag);
+  const uint32_t number = (*counter)++;
+  const uint32_t pid = zov_get_pid();
+  void *place = counter;
+  if (directory == nullptr) {
+    return zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number, suffix);
+  }
+  // A jump from here leaves the directory's name to the tag it belongs to.
+  char *path = zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name, place,
+                             pid, number, suffix);
+  zov_freeMem(directory, tag);
+  return path;
+}
+}

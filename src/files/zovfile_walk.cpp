@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Walks over the names of a directory, on disk or in memory, that match a
+// pattern. The walk belongs to its caller from open to close; names belong to
+// the walk until the next one. Of wide names the walk keeps the latest: those
+// before it are the caller's.
+//
+// No locks. Opening may jump with nothing held; the steps of a walk keep an
+// open directory and allocate with jumps held off.
+#include "core/zov_private.h"
+#include "files/zovfile_private.h"
+
+struct PathWalk {
+  uint16_t inMemory;  // ZOV_FILE_MEMORY or 0
+  wchar_t *wideName;  // what zov_pathNextW() returned last, or null
+  ZOV_DISK_WALK walk;
+};
+
+extern "C" {
+
+ZOV_PATH_WALK zov_pathOpen(const char *directory, const char *pattern) {
+  return zov_pathOpenEx(directory, 0, pattern);
+}
+
+ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const char *pattern) {
+  if (directory == nullptr || pattern == nullptr) {
+    return nullptr;
+  }
+  PathWalk *walk = static_cast<PathWalk *>(
+      zov_getMem(sizeof(PathWalk), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (walk == nullptr) {
+    return nullptr;
+  }
+  const zov::NoJump noJump;
+  walk->inMemory = static_cast<uint16_t>(typeFlags & ZOV_FILE_MEMORY);
+  if (walk->inMemory == 0 && zov::loadFlag(zov_diskless) == 0) {
+    walk->walk = zov_flPathOpen(directory, pattern);
+  }
+  if (walk->walk == nullptr) {
+    zov_freeMem(walk, ZOV_DEFAULT_TAG);
+    return nullptr;
+  }
+  return walk;
+}
+
+const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
+  const zov::NoJump noJump;
+  return walk == nullptr ? nullptr : zov_flPathNext(walk->walk, isDirectory);
+}
+
+wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {
+  const char *name = zov_pathNext(walk, isDirectory);
+  if (name == nullptr) {
+    return nullptr;
+  }
+  const zov::NoJump noJump;
+  walk->wideName = zov_convertToWchar(name, ZOV_UTF8_STRICT);
+  return walk->wideName;
+}
+
+void zov_pathClose(ZOV_PATH_WALK walk) {
+  if (walk == nullptr) {
+    return;
+  }
+  zov_freeMem(walk->wideName, ZOV_DEFAULT_TAG);
+  zov_flPathClose(walk->walk);
+  zov_freeMem(walk, ZOV_DEFAULT_TAG);
+}
+}

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The wide forms of the file and directory utilities. Each converts its paths
+// strictly, calls the full form, and frees the copies; type flags keep their
+// low 16 bits. Jumps are held off for the length of the call, so that a copy is
+// never left behind.
+#include "core/zov_private.h"
+
+namespace {
+
+template <typename Call>
+int32_t withPath(const wchar_t *path, Call call) {
+  const zov::NoJump noJump;
+  char *bytes = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
+  if (bytes == nullptr) {
+    return ZOV_ERROR;
+  }
+  const int32_t status = call(bytes);
+  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
+  return status;
+}
+
+// The type flags that a wide form passes on.
+uint32_t lowFlags(uint32_t typeFlags) {
+  return typeFlags & 0xFFFFu;
+}
+
+using PairCall = int32_t (*)(const char *, uint32_t, const char *, uint32_t);
+
+int32_t withPair(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
+                 uint32_t secondFlags, PairCall call) {
+  return withPath(first, [&](const char *firstBytes) {
+    return withPath(second, [&](const char *secondBytes) {
+      return call(firstBytes, lowFlags(firstFlags), secondBytes, lowFlags(secondFlags));
+    });
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_fileCopyW(const wchar_t *source, const wchar_t *destination) {
+  return withPair(source, 0, destination, 0, zov_fileCopyEx);
+}
+
+int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
+                        uint32_t destinationFlags) {
+  return withPair(source, sourceFlags, destination, destinationFlags, zov_fileCopyEx);
+}
+
+int32_t zov_fileCmpW(const wchar_t *first, const wchar_t *second) {
+  return withPair(first, 0, second, 0, zov_fileCmpEx);
+}
+
+int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
+                       uint32_t secondFlags) {
+  return withPair(first, firstFlags, second, secondFlags, zov_fileCmpEx);
+}
+
+int32_t zov_fileMoveW(const wchar_t *source, const wchar_t *destination) {
+  return withPair(source, 0, destination, 0, zov_fileMoveEx);
+}
+
+int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
+                        uint32_t destinationFlags) {
+  return withPair(source, sourceFlags, destination, destinationFlags, zov_fileMoveEx);
+}
+
+int32_t zov_fileRemoveW(const wchar_t *path) {
+  return withPath(path, zov_fileRemove);
+}
+
+int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags) {
+  return withPath(path,
+                  [&](const char *bytes) { return zov_fileRemoveEx(bytes, lowFlags(typeFlags)); });
+}
+
+int32_t zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath) {
+  return withPair(oldPath, 0, newPath, 0, zov_fileRenameEx);
+}
+
+int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags, const wchar_t *newPath,
+                          uint32_t newTypeFlags) {
+  return withPair(oldPath, oldTypeFlags, newPath, newTypeFlags, zov_fileRenameEx);
+}
+
+int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory) {
+  return zov_fileValidateExW(path, 0, isDirectory);
+}
+
+int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int32_t *isDirectory) {
+  return withPath(path, [&](const char *bytes) {
+    return zov_fileValidateEx(bytes, lowFlags(typeFlags), isDirectory);
+  });
+}
+
+int32_t zov_dirCreateAllW(const wchar_t *path) {
+  return withPath(path, zov_dirCreateAll);
+}
+
+int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination) {
+  return withPair(source, 0, destination, 0, zov_dirMoveEx);
+}
+
+int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
+                       uint32_t destinationFlags) {
+  return withPair(source, sourceFlags, destination, destinationFlags, zov_dirMoveEx);
+}
+
+ZOV_PATH_WALK zov_pathOpenW(const wchar_t *directory, const wchar_t *pattern) {
+  return zov_pathOpenExW(directory, 0, pattern);
+}
+
+ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFlags,
+                              const wchar_t *pattern) {
+  ZOV_PATH_WALK walk = nullptr;
+  withPath(directory, [&](const char *directoryBytes) {
+    return withPath(pattern, [&](const char *patternBytes) {
+      walk = zov_pathOpenEx(directoryBytes, lowFlags(typeFlags), patternBytes);
+      return int32_t{ZOV_OKAY};
+    });
+  });
+  return walk;
+}
+}

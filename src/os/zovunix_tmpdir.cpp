@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where temporary files go. The administrator's choice, an environment variable
+// of the library's own, wins untested; otherwise it is the first directory of a
+// short list in which a file can be made. That one is looked for once and kept
+// in zov_tmp until shut-down frees it.
+//
+// zov_tmp is written in the process-wide critical section and read without it,
+// by acquire and release. The search runs inside that section, with jumps held
+// off; so no init or term may ask for the directory.
+#include <limits.h>
+#include <stdlib.h>
+
+#include "core/zov_private.h"
+
+namespace {
+
+constexpr uint32_t kReadWriteCreate = 0x42;
+
+// A directory as long as the system takes, and the probe's own name behind it.
+constexpr uint64_t kProbeBytes = PATH_MAX + 64;
+
+// The value of a variable that names a writable directory, or null.
+const char *writableFrom(const char *variable) {
+  const char *directory = getenv(variable);
+  return directory != nullptr && zov_dirWritable(directory) != 0 ? directory : nullptr;
+}
+
+// The first writable directory that has a name of its own.
+const char *findNamed() {
+  const char *directory = writableFrom("TMPDIR");
+  if (directory == nullptr) {
+    directory = writableFrom("TEMPDIR");
+  }
+  if (directory == nullptr && zov_dirWritable("/tmp") != 0) {
+    directory = "/tmp";
+  }
+  return directory;
+}
+
+char *copyText(const char *text, ZOV_TAG tag) {
+  return static_cast<char *>(zov_getMem(0, tag, ZOV_MEM_STRDUP, text, ZOV_HERE));
+}
+
+}  // namespace
+
+extern "C" {
+
+char *zov_findOStmpdir() {
+  const char *named = findNamed();
+  if (named != nullptr) {
+    return copyText(named, ZOV_DEFAULT_TAG);
+  }
+  char *current = zov_currdir();
+  if (zov_dirWritable(current) == 0) {
+    zov_freeMem(current, ZOV_DEFAULT_TAG);
+    return nullptr;
+  }
+  return current;
+}
+
+const char *zov_osTmpdir() {
+  const char *directory = zov::zov_tmp.load(std::memory_order_acquire);
+  if (directory != nullptr || !zov::started()) {
+    return directory;
+  }
+  const zov::NoJump noJump;
+  zov_enterCritSec();
+  char *found = zov::zov_tmp.load(std::memory_order_relaxed);
+  if (found == nullptr) {
+    found = zov_findOStmpdir();
+    zov::zov_tmp.store(found, std::memory_order_release);
+  }
+  zov_exitCritSec();
+  return found;
+}
+
+char *zov_tmpdir(ZOV_TAG tag) {
+  const char *directory = getenv("QEL_TMPDIR");
+  if (directory == nullptr) {
+    directory = zov_osTmpdir();
+  }
+  return directory == nullptr ? nullptr : copyText(directory, tag);
+}
+
+int32_t zov_dirWritable(const char *directory) {
+  if (directory == nullptr) {
+    return 0;
+  }
+  char probe[kProbeBytes];
+  void *thread = reinterpret_cast<void *>(zov_threadId());
+  const int32_t length = zov_snprintf(probe, sizeof probe, "%s%cqel_dirtest_tmp%08X%p", directory,
+                                      '/', zov_get_pid(), thread);
+  if (length < 0 || static_cast<uint64_t>(length) >= sizeof probe) {
+    return 0;
+  }
+  ZOV_FILE file = zov_fileOpen(probe, kReadWriteCreate, 0);
+  if (file == nullptr) {
+    return 0;
+  }
+  zov_fileClose(file);
+  zov_fileRemove(probe);
+  return 1;
+}
+}

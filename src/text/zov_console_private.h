@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The three output stacks, for start-up, for shut-down, and for the two files
+// that write through them.
+#ifndef ZOV_TEXT_ZOV_CONSOLE_PRIVATE_H
+#define ZOV_TEXT_ZOV_CONSOLE_PRIVATE_H
+
+#include <stdio.h>
+
+#include "core/zov_private.h"
+
+namespace zov {
+
+// Their locks are ZOV_NO_SYNC before start-up reaches them and after shut-down
+// passed them; output then goes to libc's streams.
+extern ZOV_FILE_STACK stdoutStack;
+extern ZOV_FILE_STACK stderrStack;
+extern ZOV_FILE_STACK logStack;
+
+// A stack with the libc stream that stands in for it.
+struct Console {
+  ZOV_FILE_STACK &stack;
+  FILE *standIn;
+};
+
+inline Console consoleOf(bool isError) {
+  return isError ? Console{stderrStack, stderr} : Console{stdoutStack, stdout};
+}
+
+inline bool exists(const ZOV_FILE_STACK &stack) {
+  return stack.lock != ZOV_NO_SYNC;
+}
+
+// Takes a stack's lock for output. Until leaveOutput() this thread does not
+// jump, and a message it logs (a write that fails, memory that is short) is one
+// about the output itself: it must not take a second stack's lock.
+void enterOutput(ZOV_FILE_STACK &stack);
+void leaveOutput(ZOV_FILE_STACK &stack);
+
+// True between the two on this thread.
+bool isWritingOutput();
+
+// Where output through a stack goes now, null when it is silent. Its lock is
+// held.
+inline ZOV_STREAM topStream(const ZOV_FILE_STACK &stack) {
+  return stack.top == nullptr ? nullptr : stack.top->info->stream;
+}
+
+// Flushes what is on top of a console's stack; the libc stream when that is
+// nothing. Takes the stack's lock.
+void flushConsole(Console console);
+
+}  // namespace zov
+
+#endif

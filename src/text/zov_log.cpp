@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The log: the one path of every message of the library and of its callers. A
+// message is formatted first, without any lock, then written to the console and
+// behind a timestamp to the log file; each is flushed, and the two locks are
+// taken one after the other.
+//
+// Nothing here allocates from a tag, so that messages about failing memory get
+// through: a short message is formatted on the stack, a long one in a buffer of
+// libc's. A message that comes up while this thread writes output concerns that
+// output; it goes to descriptor 2 by itself, short, and takes no lock.
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "text/zov_console_private.h"
+
+// The pieces of one record, collected. text is null while there are none.
+struct LogChunk {
+  char *text;
+  uint64_t length;  // characters, without the terminator
+};
+
+namespace {
+
+// Messages below this length need no buffer.
+constexpr uint64_t kShortTextBytes = 512;
+constexpr size_t kStampBytes = 30;
+
+// Writes a whole text to a stream and lets it through to the file.
+int32_t writeThrough(ZOV_STREAM stream, const char *text) {
+  const int32_t written = zov_fputs(text, stream);
+  zov_fflush(stream);
+  return written < 0 ? 0 : written;
+}
+
+int32_t writeToConsole(zov::Console console, const char *text) {
+  if (!zov::exists(console.stack)) {
+    return fputs(text, console.standIn) < 0 ? 0 : static_cast<int32_t>(strlen(text));
+  }
+  int32_t written = 0;
+  zov::enterOutput(console.stack);
+  ZOV_STREAM stream = zov::topStream(console.stack);
+  if (stream != nullptr) {
+    written = writeThrough(stream, text);
+  }
+  zov::leaveOutput(console.stack);
+  return written;
+}
+
+// The local time as [07-Mar-2024 09:15:02]. Where a locale's month does not fit
+// the English one is used.
+void formatStamp(char (&stamp)[kStampBytes]) {
+  static constexpr char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  struct tm now = {};
+  zov_timeLocaltime(zov_timeSecs(), &now);
+  if (strftime(stamp, sizeof stamp, "[%d-%b-%Y %H:%M:%S]", &now) == 0) {
+    zov_snprintf(stamp, sizeof stamp, "[%02d-%.3s-%04d %02d:%02d:%02d]", now.tm_mday,
+                 &kMonths[static_cast<size_t>(now.tm_mon) * 3], now.tm_year + 1900, now.tm_hour,
+                 now.tm_min, now.tm_sec);
+  }
+}
+
+void writeToLog(const char *text) {
+  if (!zov::exists(zov::logStack)) {
+    return;
+  }
+  zov::enterOutput(zov::logStack);
+  ZOV_STREAM stream = zov::topStream(zov::logStack);
+  if (stream != nullptr) {
+    char stamp[kStampBytes];
+    formatStamp(stamp);
+    zov_fputs(stamp, stream);
+    zov_fputs("  ", stream);
+    writeThrough(stream, text);
+  }
+  zov::leaveOutput(zov::logStack);
+}
+
+// The single path of every message.
+int32_t _zov_log_str(bool isError, const char *text) {
+  int32_t written = 0;
+  if (zov::loadFlag(zov_background) == 0) {
+    written = writeToConsole(zov::consoleOf(isError), text);
+  }
+  writeToLog(text);
+  return written;
+}
+
+// A message about the output that this thread is writing.
+int32_t writeRaw(const char *format, va_list arguments) {
+  char text[kShortTextBytes];
+  if (zov_vsnprintf(text, sizeof text, format, arguments) > 0) {
+    // There is nobody left to tell when this fails.
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));
+  }
+  return 0;
+}
+
+int32_t _zov_logV(bool isError, const char *format, va_list arguments) {
+  if (!zov::started()) {
+    return vfprintf(isError ? stderr : stdout, format, arguments);
+  }
+  if (zov::isWritingOutput()) {
+    return writeRaw(format, arguments);
+  }
+  char shortText[kShortTextBytes];
+  const int32_t length = zov_vsnprintf(shortText, sizeof shortText, format, arguments);
+  if (length < 0) {
+    return 0;
+  }
+  const uint64_t sizeBytes = static_cast<uint64_t>(length) + 1;
+  if (sizeBytes <= sizeof shortText) {
+    return _zov_log_str(isError, shortText);
+  }
+  char *longText = static_cast<char *>(malloc(sizeBytes));
+  if (longText == nullptr) {
+    return 0;
+  }
+  zov_vsnprintf(longText, sizeBytes, format, arguments);
+  const int32_t written = _zov_log_str(isError, longText);
+  free(longText);
+  return written;
+}
+
+int32_t appendPiece(LogChunk &chunk, const char *format, va_list arguments) {
+  const int32_t length = zov_vsnprintf(nullptr, 0, format, arguments);
+  if (length < 0) {
+    return -1;
+  }
+  const uint64_t sizeBytes = static_cast<uint64_t>(length) + 1;
+  char *text = static_cast<char *>(realloc(chunk.text, chunk.length + sizeBytes));
+  if (text == nullptr) {
+    return -1;
+  }
+  chunk.text = text;
+  const int32_t written = zov_vsnprintf(text + chunk.length, sizeBytes, format, arguments);
+  chunk.length += static_cast<uint64_t>(length);
+  return written;
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_logV(const char *format, va_list arguments) {
+  return _zov_logV(false, format, arguments);
+}
+
+int32_t zov_log(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = _zov_logV(false, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+int32_t zov_log_errV(const char *format, va_list arguments) {
+  return _zov_logV(true, format, arguments);
+}
+
+int32_t zov_log_err(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = _zov_logV(true, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+ZOV_LOG_CHUNK zov_log_chunk_init() {
+  return zov::started() ? static_cast<LogChunk *>(calloc(1, sizeof(LogChunk))) : nullptr;
+}
+
+int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) {
+  if (chunk == nullptr || format == nullptr) {
+    return 0;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = appendPiece(*chunk, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) {
+  if (chunk == nullptr) {
+    return;
+  }
+  if (format != nullptr) {
+    va_list arguments;
+    va_start(arguments, format);
+    appendPiece(*chunk, format, arguments);
+    va_end(arguments);
+  }
+  if (chunk->text != nullptr) {
+    _zov_log_str(false, chunk->text);
+    free(chunk->text);
+  }
+  free(chunk);
+}
+
+void zov_log_flush() {
+  if (zov::loadFlag(zov_background) == 0) {
+    zov::flushConsole(zov::consoleOf(false));
+    zov::flushConsole(zov::consoleOf(true));
+  }
+  if (!zov::exists(zov::logStack)) {
+    return;
+  }
+  zov::enterOutput(zov::logStack);
+  if (zov::topStream(zov::logStack) != nullptr) {
+    zov_fflush(zov::topStream(zov::logStack));
+  }
+  zov::leaveOutput(zov::logStack);
+}
+}

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Clocks, sleeping, environment, locale, process ids and the choice of the
+// directory for temporary files.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <locale.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "support/temp_dir.h"
+#include "zov.h"
+
+namespace {
+
+TEST(Time, ClocksAgreeWithTheSystems) {
+  const time_t before = time(nullptr);
+  const int64_t secs = zov_timeSecs();
+  const uint64_t nanoSecs = zov_timeNanoSecs();
+  const uint32_t milliSecs = zov_timeMilliSecs();
+  const time_t after = time(nullptr) + 1;
+  EXPECT_TRUE(before <= secs && secs <= after);
+  EXPECT_TRUE(before <= zov_seed());
+  EXPECT_TRUE(static_cast<uint64_t>(before) * 1'000'000'000u <= nanoSecs &&
+              nanoSecs <= static_cast<uint64_t>(after) * 1'000'000'000u);
+  EXPECT_LE(milliSecs - static_cast<uint32_t>(nanoSecs / 1'000'000), 5000u)
+      << "the same clock, in 32 bits";
+}
+
+TEST(Time, BreaksDownAsLibcDoes) {
+  for (const int64_t secs : {INT64_C(0), INT64_C(951868800), INT64_C(-1), INT64_C(4102444800)}) {
+    struct tm ours;
+    struct tm libcs;
+    ASSERT_EQ(zov_timeLocaltime(secs, &ours), &ours);
+    localtime_r(&secs, &libcs);
+    EXPECT_EQ(mktime(&ours), mktime(&libcs));
+    EXPECT_STREQ(zov_timeCtime(secs), ctime(&secs));
+  }
+  struct tm out;
+  EXPECT_EQ(zov_timeLocaltime(INT64_MAX, &out), nullptr);
+}
+
+std::atomic<int> signals{0};
+
+TEST(Time, SleepOutlastsSignals) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { ++signals; };
+  sigaction(SIGUSR1, &action, nullptr);
+  const pthread_t sleeper = pthread_self();
+  std::atomic<bool> done{false};
+  std::thread interrupter([&] {
+    while (!done) {
+      pthread_kill(sleeper, SIGUSR1);
+      std::this_thread::yield();
+    }
+  });
+  while (signals == 0) {
+    std::this_thread::yield();
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  zov_sleep(60);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(60));
+  done = true;
+  interrupter.join();
+  zov_sleep(0);
+}
+
+TEST(Process, IdsAreChecked) {
+  EXPECT_EQ(zov_get_pid(), static_cast<uint32_t>(getpid()));
+  EXPECT_EQ(zov_check_pid(zov_get_pid()), 1);
+  EXPECT_EQ(zov_check_pid(1), 1);
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(zov_check_pid(static_cast<uint32_t>(child)), 0);
+  errno = EBADF;
+  EXPECT_EQ(zov_errno(), static_cast<uint32_t>(EBADF));
+}
+
+class Environment : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char *name : {"QEL_TMPDIR", "TMPDIR", "TEMPDIR"}) {
+      unsetenv(name);
+    }
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+  }
+  void TearDown() override { zov_term(); }
+};
+
+TEST_F(Environment, VariablesAndLocaleConvert) {
+  setenv("ZOVTEST_VALUE", "caf\xC3\xA9", 1);
+  setenv("ZOVTEST_BROKEN", "caf\xE9", 1);
+  EXPECT_STREQ(zov_getenv("ZOVTEST_VALUE"), "caf\xC3\xA9");
+  EXPECT_EQ(zov_getenv("ZOVTEST_NONE"), nullptr);
+  wchar_t *value = zov_getenvW(L"ZOVTEST_VALUE");
+  ASSERT_NE(value, nullptr);
+  EXPECT_STREQ(value, L"caf\xE9");
+  zov_freeMem(value, ZOV_DEFAULT_TAG);
+  EXPECT_EQ(zov_getenvW(L"ZOVTEST_BROKEN"), nullptr);
+  EXPECT_EQ(zov_getenvW(L"ZOVTEST_NONE"), nullptr);
+  EXPECT_EQ(zov_getenvW(L"\xD800"), nullptr);
+  EXPECT_STREQ(zov_setlocale(LC_ALL, nullptr), "C");
+  EXPECT_EQ(zov_setlocale(LC_ALL, "no_such_locale"), nullptr);
+  wchar_t *locale = zov_setlocaleW(LC_ALL, L"C");
+  ASSERT_NE(locale, nullptr);
+  EXPECT_STREQ(locale, L"C");
+  EXPECT_EQ(zov_setlocaleW(LC_ALL, L"no_such_locale"), nullptr);
+}
+
+std::string foundDirectory() {
+  char *found = zov_findOStmpdir();
+  std::string text = found == nullptr ? "" : found;
+  zov_freeMem(found, ZOV_DEFAULT_TAG);
+  return text;
+}
+
+TEST_F(Environment, TemporaryDirectoryIsTheFirstWritable) {
+  const zovtest::TempDir first;
+  const zovtest::TempDir second;
+  EXPECT_EQ(foundDirectory(), "/tmp");
+  setenv("TEMPDIR", second.path().c_str(), 1);
+  EXPECT_EQ(foundDirectory(), second.path());
+  setenv("TMPDIR", "/no/such/place", 1);
+  EXPECT_EQ(foundDirectory(), second.path());
+  setenv("TMPDIR", first.path().c_str(), 1);
+  EXPECT_EQ(foundDirectory(), first.path());
+  EXPECT_TRUE(std::filesystem::is_empty(first.path())) << "the probe is removed";
+  EXPECT_EQ(zov_dirWritable((first.path() + std::string(5000, '/')).c_str()), 0)
+      << "a name that does not fit";
+  EXPECT_EQ(zov_dirWritable(nullptr), 0);
+}
+
+TEST_F(Environment, TemporaryDirectoryIsKeptOnceFound) {
+  const zovtest::TempDir dir;
+  setenv("TMPDIR", dir.path().c_str(), 1);
+  zov_readonly = 1;
+  EXPECT_EQ(zov_osTmpdir(), nullptr);
+  zov_readonly = 0;
+  std::atomic<const char *> seen[4];
+  std::thread threads[4];
+  for (int index = 0; index < 4; ++index) {
+    threads[index] = std::thread([&, index] { seen[index] = zov_osTmpdir(); });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(dir.path(), seen[0].load());
+  for (const auto &each : seen) {
+    EXPECT_EQ(each.load(), seen[0].load()) << "one string for the whole process";
+  }
+  unsetenv("TMPDIR");
+  EXPECT_EQ(dir.path(), zov_osTmpdir());
+  setenv("QEL_TMPDIR", "/no/such/place", 1);
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  char *chosen = zov_tmpdir(tag);
+  EXPECT_STREQ(chosen, "/no/such/place");
+  zov_freeMem(chosen, tag);
+  unsetenv("QEL_TMPDIR");
+  chosen = zov_tmpdir(tag);
+  EXPECT_EQ(dir.path(), chosen);
+}
+
+}  // namespace

@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Console and log: redirections, records, chunks, what happens outside the
+// library's life and when writing fails, and many threads at once.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <locale.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/alloc_failure.h"
+#include "support/temp_dir.h"
+#include "zov.h"
+
+namespace {
+std::atomic<bool> diskFull{false};
+std::atomic<int> syncs{0};
+}  // namespace
+
+extern "C" {
+ssize_t __real_write(int descriptor, const void *bytes, size_t count);
+int __real_fsync(int descriptor);
+ssize_t __wrap_write(int descriptor, const void *bytes, size_t count);
+int __wrap_fsync(int descriptor);
+
+ssize_t __wrap_write(int descriptor, const void *bytes, size_t count) {
+  if (diskFull && descriptor > STDERR_FILENO) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return __real_write(descriptor, bytes, count);
+}
+
+int __wrap_fsync(int descriptor) {
+  ++syncs;
+  return __real_fsync(descriptor);
+}
+}
+
+namespace {
+
+using zovtest::readFile;
+
+const char kStamp[] = R"(\[\d\d-[A-Z][a-z][a-z]-\d{4} \d\d:\d\d:\d\d\]  )";
+
+class Console : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
+  void TearDown() override {
+    zov_background = 0;
+    zov_term();
+  }
+  std::string at(const std::string &name) const { return dir / name; }
+
+  zovtest::TempDir dir;
+};
+
+// What a call writes to descriptor 1, or 2, by any way.
+template <typename Call>
+std::string outputOf(Call call, bool isError = false) {
+  isError ? testing::internal::CaptureStderr() : testing::internal::CaptureStdout();
+  call();
+  fflush(nullptr);
+  return isError ? testing::internal::GetCapturedStderr() : testing::internal::GetCapturedStdout();
+}
+
+TEST_F(Console, PrintsToItsOwnStream) {
+  EXPECT_EQ(outputOf([] {
+              EXPECT_EQ(zov_printf("%s %d\n", "out", 1), 6);
+              zov_flush();
+            }),
+            "out 1\n");
+  EXPECT_EQ(outputOf(
+                [] {
+                  EXPECT_EQ(zov_printfErr("err\n"), 4);
+                  zov_flushErr();
+                },
+                true),
+            "err\n");
+  EXPECT_EQ(outputOf([] { EXPECT_EQ(zov_log("log\n"), 4); }), "log\n") << "flushed at once";
+  EXPECT_EQ(outputOf([] { EXPECT_EQ(zov_log_err("bad\n"), 4); }, true), "bad\n");
+  EXPECT_EQ(zov_log("%s", ""), 0);
+}
+
+TEST_F(Console, RedirectionsPileUp) {
+  EXPECT_EQ(zov_stdout_open(at("first").c_str()), ZOV_OKAY);
+  EXPECT_EQ(zov_printf("1"), 1);
+  EXPECT_EQ(zov_stdout_open(at("second").c_str()), ZOV_OKAY);
+  EXPECT_EQ(zov_printf("2"), 1);
+  EXPECT_EQ(zov_stdout_open(at("FIRST").c_str()), ZOV_OKAY) << "shares the stream";
+  EXPECT_EQ(zov_printf("3"), 1);
+  EXPECT_EQ(zov_stdout_open(""), ZOV_OKAY);
+  EXPECT_EQ(zov_printf("4"), 0) << "silent";
+  EXPECT_EQ(zov_stdout_open(nullptr), ZOV_OKAY) << "the same silent entry";
+  zov_stdout_close();
+  EXPECT_EQ(zov_printf("5"), 0);
+  zov_stdout_close();
+  zov_stdout_close();
+  EXPECT_EQ(readFile(at("first")), "") << "still open, for the bottom redirection";
+  EXPECT_EQ(zov_printf("6"), 1);
+  zov_stdout_close();
+  EXPECT_EQ(zov_printf("7"), 1);
+  zov_stdout_close();
+  EXPECT_EQ(readFile(at("first")), "137");
+  EXPECT_EQ(readFile(at("second")), "26");
+  EXPECT_FALSE(zovtest::fileExists(at("FIRST")));
+  EXPECT_EQ(zov_stdout_open(at("no/file").c_str()), ZOV_ERROR);
+  EXPECT_EQ(outputOf([] {
+              zov_printf("console");
+              zov_flush();
+            }),
+            "console");
+}
+
+TEST_F(Console, EmptyStacksAreSilent) {
+  zov_stdout_close();
+  zov_stdout_close();
+  zov_stderr_close();
+  zov_log_close();
+  EXPECT_EQ(outputOf([] {
+              EXPECT_EQ(zov_printf("nowhere"), 0);
+              EXPECT_EQ(zov_log("nowhere"), 0);
+              EXPECT_EQ(zov_printfErr("nowhere"), 0);
+              zov_flush();
+              zov_flushErr();
+              zov_log_flush();
+            }),
+            "");
+}
+
+TEST_F(Console, LogRecordsCarryATimestamp) {
+  EXPECT_EQ(zov_log_create((dir.path() + "/").c_str(), "log"), ZOV_OKAY);
+  const int before = syncs;
+  outputOf([] {
+    zov_log("first %s\n", "line");
+    zov_log_err("second\n");
+  });
+  EXPECT_GE(syncs - before, 2) << "each record is synced";
+  zov_background = 1;
+  EXPECT_EQ(outputOf([] {
+              EXPECT_EQ(zov_log("third%c dropped\n", 0), 0);
+              zov_log_flush();
+            }),
+            "");
+  const std::string long_line(5000, 'x');
+  EXPECT_EQ(zov_log("%s\n", long_line.c_str()), 0);
+  const std::string text = readFile(at("log"));
+  EXPECT_TRUE(
+      std::regex_match(text, std::regex(std::string(kStamp) + "first line\n" + kStamp + "second\n" +
+                                        kStamp + "third" + kStamp + "x{5000}\n")))
+      << text.substr(0, 300);
+  EXPECT_EQ(zov_log_create("/no/such/place/", "log"), ZOV_OKAY);
+}
+
+TEST_F(Console, ChunksMakeOneRecord) {
+  zov_background = 1;
+  ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
+  ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
+  ASSERT_NE(chunk, nullptr);
+  EXPECT_EQ(zov_log_chunk(chunk, "one %d, ", 1), 7);
+  EXPECT_EQ(zov_log_chunk(chunk, nullptr), 0);
+  EXPECT_EQ(zov_log_chunk(nullptr, "x"), 0);
+  zovtest::failAllocationAfter(0);
+  EXPECT_EQ(zov_log_chunk(chunk, "lost"), -1);
+  zovtest::stopFailing();
+  EXPECT_EQ(zov_log_chunk(chunk, "two, "), 5);
+  zov_log_chunk_end(chunk, "three\n");
+  zov_log_chunk_end(nullptr, "x");
+  zov_log_chunk_end(zov_log_chunk_init(), nullptr);
+  zov_log_chunk_end(zov_log_chunk_init(), "alone\n");
+  const std::string text = readFile(at("log"));
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex(std::string(kStamp) + "one 1, two, three\n" + kStamp + "alone\n")))
+      << text;
+}
+
+TEST(ConsoleOutside, MessagesGoToLibc) {
+  EXPECT_EQ(outputOf([] {
+              EXPECT_EQ(zov_log("before %d\n", 1), 9);
+              EXPECT_EQ(zov_printf("printed\n"), 8);
+              zov_flush();
+              zov_log_flush();
+            }),
+            "before 1\nprinted\n");
+  EXPECT_EQ(outputOf([] { zov_log_err("bad\n"); }, true), "bad\n");
+  EXPECT_EQ(zov_stdout_open("x"), ZOV_ERROR);
+  EXPECT_EQ(zov_log_open("x"), ZOV_ERROR);
+  EXPECT_EQ(zov_log_chunk_init(), nullptr);
+  zov_stdout_close();
+  ASSERT_EQ(zov_init(), ZOV_OKAY);
+  zov_term();
+  EXPECT_EQ(outputOf([] { zov_log("after\n"); }), "after\n");
+}
+
+// A write that fails reports itself while the stack's lock is held: that must
+// neither take a lock again nor go round in circles.
+TEST_F(Console, FailingOutputReportsItselfOnce) {
+  ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
+  diskFull = true;
+  const std::string errors = outputOf([] { outputOf([] { zov_log("text\n"); }); }, true);
+  diskFull = false;
+  EXPECT_EQ(errors, "Write failed, errno = 28\n");
+}
+
+TEST_F(Console, ShortMemoryIsSurvived) {
+  const std::string text(3000, 'y');
+  EXPECT_EQ(outputOf([&] {
+              zovtest::failAllocationAfter(0, true);
+              EXPECT_EQ(zov_log("%s", text.c_str()), 0) << "no buffer, nothing written";
+              EXPECT_EQ(zov_log("short\n"), 6);
+              zovtest::stopFailing();
+            }),
+            "short\n");
+  // The format buffer of a stream cannot grow: the message about it follows
+  // when the lock is free.
+  const std::string output = outputOf([&] {
+    zovtest::failAllocationAfter(0);
+    EXPECT_EQ(zov_printf("%s", text.c_str()), -1);
+    EXPECT_TRUE(zovtest::stopFailing());
+  });
+  EXPECT_EQ(output.find("Out of memory. Called from zov_stream"), 0u) << output;
+}
+
+TEST_F(Console, OpeningSurvivesShortMemory) {
+  jmp_buf recovery;
+  if (setjmp(recovery) != 0) {
+    FAIL() << "redirecting never jumps";
+  }
+  zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
+  const std::string name = at("file");
+  const int64_t before = zovtest::liveBlocks();
+  for (uint32_t passing = 0, failed = 1; failed != 0; ++passing) {
+    int32_t status = ZOV_OKAY;
+    outputOf([&] {
+      zovtest::failAllocationAfter(passing);
+      status = zov_stdout_open(name.c_str());
+      failed = zovtest::stopFailing();
+    });
+    EXPECT_EQ(status != ZOV_OKAY, failed != 0) << "after allocation " << passing;
+    if (status == ZOV_OKAY) {
+      zov_stdout_close();
+    }
+  }
+  zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
+  EXPECT_EQ(zovtest::liveBlocks(), before);
+}
+
+// Every record of every thread arrives whole, and those of one thread in order.
+TEST_F(Console, ThreadsDoNotMixTheirRecords) {
+  constexpr int kThreads = 4;
+  constexpr int kRecords = 100;
+  ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
+  ASSERT_EQ(zov_stdout_open(at("out").c_str()), ZOV_OKAY);
+  std::thread threads[kThreads];
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads[thread] = std::thread([thread] {
+      for (int record = 0; record < kRecords; ++record) {
+        if (record % 2 == 0) {
+          zov_log("%d/%d %s\n", thread, record, std::string(600, 'z').c_str());
+        } else {
+          ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
+          zov_log_chunk(chunk, "%d/", thread);
+          zov_log_chunk_end(chunk, "%d %s\n", record, "z");
+        }
+        zov_printf("%d/%d\n", thread, record);
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  zov_log_close();
+  zov_stdout_close();
+  int next[kThreads] = {};
+  const std::string log = readFile(at("log"));
+  const std::regex line(std::string(kStamp) + R"((\d+)/(\d+) z+\n)");
+  size_t covered = 0;
+  for (std::sregex_iterator match(log.begin(), log.end(), line), end; match != end; ++match) {
+    covered += static_cast<size_t>(match->length());
+    EXPECT_EQ(std::stoi((*match)[2]), next[std::stoi((*match)[1])]++);
+  }
+  EXPECT_EQ(covered, log.size());
+  EXPECT_EQ(std::count(std::begin(next), std::end(next), kRecords), kThreads);
+  const std::string out = readFile(at("out"));
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2 * kThreads * kRecords);
+}
+
+}  // namespace
