@@ -74,6 +74,7 @@ extern "C" {
 #define ZOV_NORETURN
 #endif
 
+/** @{ */
 /** Annotations of Clang's thread-safety analysis; empty elsewhere. */
 #if defined(__clang__)
 #define ZOV_CAPABILITY(name) __attribute__((capability(name)))
@@ -84,6 +85,7 @@ extern "C" {
 #define ZOV_ACQUIRE(handle)
 #define ZOV_RELEASE(handle)
 #endif
+/** @} */
 
 /** The caller's source name and line, for the two arguments of convention 8. A
  *  source file may define ZOV_SOURCE_NAME to go by another name than its own. */
@@ -784,10 +786,12 @@ ZOV_API ZOV_QUEUE zov_queueFind(const char *name);
  * Pure functions: any thread, at any time.
  * ======================================================================== */
 
+/** @{ */
 /** Version of this header; zov_version() gives the library's. */
 #define ZOV_VERSION_MAJOR 11
 #define ZOV_VERSION_MINOR 0
 #define ZOV_VERSION_BUILD 620
+/** @} */
 
 /** @return the 2 bytes of value in reverse order. */
 ZOV_API uint16_t zov_swaporder16(uint16_t value);

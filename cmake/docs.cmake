@@ -1,0 +1,23 @@
+# SPDX-License-Identifier: Apache-2.0
+# The docs target: the API reference as HTML and as manual pages, in docs/ of
+# the build folder, and as XML for scripts/check_exports. It is there when
+# Doxygen is, and fails on any warning.
+find_package(Doxygen QUIET)
+if(NOT DOXYGEN_FOUND)
+  return()
+endif()
+
+set(ZOV_DOCS_DIR ${PROJECT_BINARY_DIR}/docs)
+configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZOV_DOCS_DIR}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${ZOV_DOCS_DIR}
+  COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
+  DEPENDS
+    ${PROJECT_BINARY_DIR}/Doxyfile
+    ${PROJECT_SOURCE_DIR}/include/zov.h
+    ${PROJECT_SOURCE_DIR}/docs/mainpage.md
+    ${PROJECT_SOURCE_DIR}/docs/status_list.awk
+  COMMENT "Making the API reference"
+  VERBATIM)
+add_custom_target(docs DEPENDS ${ZOV_DOCS_DIR}/xml/index.xml)
