@@ -21,6 +21,7 @@
 //
 // A block is recognised as freed already by its address alone, from a short
 // record of the tag's latest frees; memory that was given back is never read.
+#include <assert.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -487,6 +488,7 @@ int32_t zov_memInit() {
 void zov_memTerm() {
   tagTabSem = ZOV_NO_SYNC;
   while (tag0 != nullptr) {
+    assert(tag0->previous == nullptr);
     _freeTagMemory(tag0, true);
   }
 }

@@ -20,8 +20,12 @@ const char *__tsan_default_options();
 
 // Sizes that no allocator can serve must fail under the sanitizers as they do
 // without, and not end the program.
-const char *__asan_default_options() { return "allocator_may_return_null=1"; }
-const char *__tsan_default_options() { return "allocator_may_return_null=1"; }
+const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+const char *__tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
 }
 
 namespace {
