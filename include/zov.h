@@ -668,8 +668,8 @@ ZOV_API int32_t zov_queueInit(int32_t force);
  * @param force low 16 bits non-zero: every queue is deleted, as by
  *              zov_queueDelete(); 0: nothing happens while a queue exists
  *
- * Threads: no other call of this module may be under way, but for readers that
- * are leaving a closed queue.
+ * Threads: no other call of this module may be under way, but for those that
+ * zov_queueDelete() waits for.
  */
 ZOV_API void zov_queueTerm(int32_t force);
 
@@ -690,7 +690,9 @@ ZOV_API ZOV_QUEUE zov_queueCreate(const char *name);
  *
  * @param queue the queue; null deletes nothing
  *
- * Threads: nobody may use the queue any more, but for the one reader above.
+ * Threads: nobody may use the queue any more, but for the one reader above. Who
+ * reads the message that says so, or finds the queue closed, may delete it at
+ * once: the write or close behind that need not have returned.
  * Messages: "Deleted too many queues", when deletions outnumber creations.
  */
 ZOV_API void zov_queueDelete(ZOV_QUEUE queue);

@@ -16,10 +16,14 @@
 // that waits, all through its wait. Where both are wanted the read mutex comes
 // first. A reader that finds a message while nobody waits takes it under the
 // list mutex alone: it could as well have had the read mutex to itself. So a
-// message costs one lock pair in and one out, and the event is touched only
-// when a reader sleeps.
+// message costs one lock pair in and one out.
+//
+// The event is signalled only for a reader that sleeps, and with the list mutex
+// released, which the reader wants next. Whoever signals it is on record in
+// wakers until then, so that the reader may go on to delete the queue.
 //
 // Nothing here jumps: a queue's tag has no recovery point.
+#include <assert.h>
 #include <string.h>
 #include <time.h>
 
@@ -41,11 +45,16 @@ constexpr uint32_t kBlockNodes = 40;
 // How long deleting a queue sleeps before it looks again for late wakers.
 constexpr timespec kWakerPause{0, 50'000};
 
-struct MessageNode {
-  MessageNode *next;
+// Passed by value: it fits two registers.
+struct Message {
   uint64_t data;
   uint32_t code;
   uint32_t key;
+};
+
+struct MessageNode {
+  MessageNode *next;
+  Message message;
 };
 
 struct QueueCell {
@@ -125,31 +134,27 @@ void recycleNode(MessageQueue &queue, MessageNode *node) {
   queue.freeNodes = node;
 }
 
-// Adds a block of nodes to the free ones, or none when memory is short.
-[[gnu::noinline]] void addNodes(MessageQueue &queue) {
+// Adds a block of nodes to the free ones; false when memory is short.
+bool addNodes(MessageQueue &queue) {
   void *block =
       zov_getMem(sizeof(MessageNode) * kBlockNodes, queue.tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
   if (block == nullptr) {
-    return;
+    return false;
   }
   MessageNode *nodes = static_cast<MessageNode *>(block);
   for (uint32_t index = kBlockNodes; index-- > 0;) {
     recycleNode(queue, &nodes[index]);
   }
+  return true;
 }
 
-MessageNode *takeNode(MessageQueue &queue) {
-  if (queue.freeNodes == nullptr) [[unlikely]] {
-    addNodes(queue);
-  }
+// Puts a message on the list in a free node; there is one.
+void linkMessage(MessageQueue &queue, Message message, bool inFront) {
   MessageNode *node = queue.freeNodes;
-  if (node != nullptr) {
-    queue.freeNodes = node->next;
-  }
-  return node;
-}
-
-void linkNode(MessageQueue &queue, MessageNode *node, bool inFront) {
+  assert(node != nullptr);
+  queue.freeNodes = node->next;
+  node->next = nullptr;
+  node->message = message;
   if (queue.head == nullptr) {
     queue.head = node;
     queue.tail = node;
@@ -164,14 +169,15 @@ void linkNode(MessageQueue &queue, MessageNode *node, bool inFront) {
 }
 
 // Takes the first message off the list. There is one.
-MessageNode fetch_msg(MessageQueue &queue) {
+Message fetch_msg(MessageQueue &queue) {
   MessageNode *node = queue.head;
+  assert(node != nullptr);
   queue.head = node->next;
   if (queue.head == nullptr) {
     queue.tail = nullptr;
   }
   addToCount(queue, UINT32_MAX);
-  const MessageNode message = *node;
+  const Message message = node->message;
   recycleNode(queue, node);
   return message;
 }
@@ -181,7 +187,7 @@ void purgeNodes(MessageQueue &queue, uint32_t key) {
   MessageNode *lastKept = nullptr;
   while (*link != nullptr) {
     MessageNode *node = *link;
-    if (key == ZOV_QUEUE_EVERY_KEY || node->key == key) {
+    if (key == ZOV_QUEUE_EVERY_KEY || node->message.key == key) {
       *link = node->next;
       recycleNode(queue, node);
       addToCount(queue, UINT32_MAX);
@@ -211,8 +217,35 @@ void wakeReader(MessageQueue &queue) {
   queue.wakers.fetch_sub(1, std::memory_order_release);
 }
 
+// Sees to it that there is a free node; false when memory is short.
+[[gnu::noinline]] bool provideNode(MessageQueue &queue) {
+  const zov::NoJump noJump;
+  zov_syncEnterExcl(queue.listMutex);
+  const bool provided = queue.freeNodes != nullptr || addNodes(queue);
+  zov_syncExitExcl(queue.listMutex);
+  return provided;
+}
+
+// Writes a message, or drops it when the queue is closed. False when there is
+// no free node.
+bool writeMessage(MessageQueue &queue, Message message, bool inFront) {
+  zov_syncEnterExcl(queue.listMutex);
+  const bool open = !isClosed(queue);
+  const bool hasNode = queue.freeNodes != nullptr;
+  bool wakes = false;
+  if (open && hasNode) {
+    linkMessage(queue, message, inFront);
+    wakes = claimWake(queue);
+  }
+  zov_syncExitExcl(queue.listMutex);
+  if (wakes) {
+    wakeReader(queue);
+  }
+  return hasNode || !open;
+}
+
 // Takes a message if there is one and no reader was there before.
-bool readAtOnce(MessageQueue &queue, MessageNode &message) {
+bool readAtOnce(MessageQueue &queue, Message &message) {
   if (queue.count.load(std::memory_order_relaxed) == 0) {
     return false;
   }
@@ -284,7 +317,7 @@ int32_t awaitTurn(MessageQueue &queue, uint32_t waitMs) ZOV_NO_ANALYSIS {
 // Takes a message in the caller's turn. When what it was woken for was purged by
 // the time it gets there, it says so and keeps both mutexes, the message written
 // under them: the queue is taken to be corrupt.
-int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, MessageNode &message) ZOV_NO_ANALYSIS {
+int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, Message &message) ZOV_NO_ANALYSIS {
   zov_syncEnterExcl(queue.readMutex);
   const int32_t status = awaitTurn(queue, waitMs);
   if (status == ZOV_OKAY) {
@@ -426,17 +459,13 @@ void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint32_t key,
   if (!isUsable(queue)) {
     return;
   }
-  const zov::NoJump noJump;
-  zov_syncEnterExcl(queue->listMutex);
-  MessageNode *node = isClosed(*queue) ? nullptr : takeNode(*queue);
-  if (node != nullptr) {
-    *node = {nullptr, data, code, key};
-    linkNode(*queue, node, (flags & ZOV_QUEUE_FRONT) != 0);
-  }
-  const bool wakes = node != nullptr && claimWake(*queue);
-  zov_syncExitExcl(queue->listMutex);
-  if (wakes) {
-    wakeReader(*queue);
+  const Message message{data, code, key};
+  const bool inFront = (flags & ZOV_QUEUE_FRONT) != 0;
+  while (!writeMessage(*queue, message, inFront)) {
+    // Another writer may be the one who gets to use the nodes made here.
+    if (!provideNode(*queue)) {
+      return;
+    }
   }
 }
 
@@ -445,7 +474,7 @@ int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, uint32_t 
   if (!isUsable(queue)) {
     return ZOV_ERROR;
   }
-  MessageNode message;
+  Message message;
   if (!readAtOnce(*queue, message)) {
     const int32_t status = readInTurn(*queue, waitMs, message);
     if (status != ZOV_OKAY) {

@@ -140,13 +140,18 @@ TEST_F(Queue, ReaderWaitsUntilAMessageComes) {
   reader.join();
 }
 
+// A second reader comes when the message is there that the first was woken for.
 TEST_F(Queue, ReadersTakeTurns) {
-  std::thread waiting([&] { EXPECT_EQ(read(queue, ZOV_WAIT_FOREVER), ZOV_OKAY); });
-  until(sleeps, 1);
-  std::thread late([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR) << "overtook the other"; });
-  until(blocked, 1);
-  write(queue);
-  waiting.join();
+  std::thread late;
+  const auto overtake = [&](int lock) {
+    if (lock == 3) {
+      write(queue);
+    } else if (lock == 4) {
+      late = std::thread([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR); });
+      until(blocked, 1);
+    }
+  };
+  EXPECT_EQ(hooked(overtake, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
   late.join();
 }
 
@@ -177,6 +182,8 @@ TEST_F(Queue, CloseIsNeverSleptThrough) {
 // A writer sets out to wake a reader, which runs out of time before it gets
 // there, so that the next one is woken in its place and has to sleep on.
 TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
+  write(queue);  // so that there are nodes
+  EXPECT_EQ(read(queue), ZOV_OKAY);
   std::atomic<uint32_t> stage{0};
   const auto stopBeforeEvent = [&](int lock) {
     if (lock == 2) {
