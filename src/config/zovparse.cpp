@@ -4,10 +4,9 @@
 // states and values on two stacks of its own and asks the caller for tokens and
 // for the meaning of rules:
 //
-//   states   0 | 4 | 17 | 9 |            top is the newest entry of both
-//   values   ? | v | v  | v |
-//   current  what the next push copies:  the lexer's value after a shift, the
-//                                        result after a reduction
+//   states   0 | 4 | 17 | 9 |          the newest is the state the parser is in
+//   values   - | v | v  | v |          the values of what led there: the lexer's
+//                             next     after a shift, else the rule's result
 //
 // The tables share cells: a cell found by base + token, or base + state, holds a
 // state, and belongs to whoever asked only when that state is entered by what was
@@ -42,110 +41,105 @@ constexpr int32_t kRecovering = 3;
 constexpr int32_t kFirstCapacity = 100;
 constexpr int32_t kGrowth = 50;
 
-// What a step leaves to be done.
-enum class Next {
-  kPush,   // the state and the current value go onto the stacks
-  kRetry,  // the same state again, with another token
-  kStop    // the parse is over, its status set
-};
-
-// 1. -1 <= top, and top < capacity - 1 once a push is done: the value behind the
-//    top can be read too.
+// 1. states <= next <= last; the entry at next exists, and can be read.
 // 2. token is kNoToken or at least 0.
 // 3. 0 <= recovery <= kRecovering.
 struct Parser {
-  const ZOV_PARSE_CONTEXT *context;
-  const ZOV_PARSE_TABLES *tables;
-  uint64_t valueSize;
+  const ZOV_PARSE_CONTEXT &context;
+  const ZOV_PARSE_TABLES &tables;
   ZOV_TAG tag;
-  int16_t *states;
-  char *values;
-  char *lexed;    // the lexer's last value
-  char *result;   // of the last reduction
-  char *current;  // lexed or result
-  int32_t capacity;
-  int32_t top;
-  int32_t state;
-  int32_t token;  // the look-ahead
-  int32_t recovery;
-  int32_t status;
-  bool abandoned;  // no state was left that takes the error token
+  int32_t capacity = kFirstCapacity;
+  int16_t *states = nullptr;
+  int16_t *next = nullptr;
+  int16_t *last = nullptr;  // the last entry there is room for
+  char *values = nullptr;
+  char *nextValue = nullptr;
+  char *lexed = nullptr;     // the lexer's last value
+  char *result = nullptr;    // of the last reduction
+  int32_t state = 0;         // the newest of states
+  int32_t token = kNoToken;  // the look-ahead
+  int32_t recovery = 0;
+  int32_t status = 0;
+  bool abandoned = false;  // no state was left that takes the error token
 };
-
-// Values of the common sizes are copied without a call.
-inline void copyValue(const Parser &parser, char *destination, const char *source) {
-  if (parser.valueSize == 8) {
-    memcpy(destination, source, 8);
-  } else if (parser.valueSize == 16) {
-    memcpy(destination, source, 16);
-  } else if (parser.valueSize == 4) {
-    memcpy(destination, source, 4);
-  } else {
-    memcpy(destination, source, parser.valueSize);
-  }
-}
-
-inline char *valueAt(const Parser &parser, int32_t index) {
-  return parser.values + static_cast<uint64_t>(index) * parser.valueSize;
-}
 
 // An impossible size is left to the tag to refuse, in its own way.
 uint64_t bytesOfValues(uint64_t valueSize, uint64_t count) {
   return valueSize > UINT64_MAX / count ? UINT64_MAX : valueSize * count;
 }
 
-void *getZeroed(const Parser &parser, uint64_t size) {
-  return zov_getMem(size, parser.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+void *getZeroed(uint64_t size, ZOV_TAG tag) {
+  return zov_getMem(size, tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
 }
 
-bool makeStacks(Parser &parser) {
-  parser.states = static_cast<int16_t *>(getZeroed(parser, kFirstCapacity * sizeof(int16_t)));
-  if (parser.states == nullptr) {
+// Makes empty stacks and the two values beside them.
+inline bool makeStacks(Parser &parser) {
+  const uint64_t valueSize = parser.context.valueSize;
+  void *states = getZeroed(kFirstCapacity * sizeof(int16_t), parser.tag);
+  void *values =
+      states == nullptr ? nullptr : getZeroed(bytesOfValues(valueSize, kFirstCapacity), parser.tag);
+  void *two = values == nullptr ? nullptr : getZeroed(bytesOfValues(valueSize, 2), parser.tag);
+  if (two == nullptr) {
     return false;
   }
-  parser.values =
-      static_cast<char *>(getZeroed(parser, bytesOfValues(parser.valueSize, kFirstCapacity)));
-  if (parser.values == nullptr) {
-    return false;
-  }
-  parser.lexed = static_cast<char *>(getZeroed(parser, bytesOfValues(parser.valueSize, 2)));
-  if (parser.lexed == nullptr) {
-    return false;
-  }
-  parser.result = parser.lexed + parser.valueSize;
-  parser.current = parser.result;
+  parser.states = parser.next = static_cast<int16_t *>(states);
+  parser.last = parser.states + kFirstCapacity - 1;
+  parser.values = parser.nextValue = static_cast<char *>(values);
+  parser.lexed = static_cast<char *>(two);
+  parser.result = parser.lexed + valueSize;
   return true;
 }
 
-[[gnu::cold, gnu::noinline]] bool growStacks(Parser &parser) {
+inline bool growStacks(Parser &parser) {
+  const uint64_t valueSize = parser.context.valueSize;
+  const int64_t depth = parser.next - parser.states;
   const uint64_t capacity = static_cast<uint64_t>(parser.capacity) + kGrowth;
   void *states = zov_extendMem(parser.states, capacity * sizeof(int16_t), parser.tag, 1,
                                kGrowth * sizeof(int16_t), ZOV_HERE);
   if (states == nullptr) {
     return false;
   }
-  parser.states = static_cast<int16_t *>(states);
-  void *values = zov_extendMem(parser.values, bytesOfValues(parser.valueSize, capacity), parser.tag,
-                               1, bytesOfValues(parser.valueSize, kGrowth), ZOV_HERE);
+  void *values = zov_extendMem(parser.values, bytesOfValues(valueSize, capacity), parser.tag, 1,
+                               bytesOfValues(valueSize, kGrowth), ZOV_HERE);
   if (values == nullptr) {
     return false;
   }
-  parser.values = static_cast<char *>(values);
   parser.capacity += kGrowth;
+  parser.states = static_cast<int16_t *>(states);
+  parser.next = parser.states + depth;
+  parser.last = parser.states + capacity - 1;
+  parser.values = static_cast<char *>(values);
+  parser.nextValue = parser.values + static_cast<uint64_t>(depth) * valueSize;
   return true;
 }
 
-inline bool push(Parser &parser) {
-  ++parser.top;
-  if (parser.top == parser.capacity - 1 && !growStacks(parser)) [[unlikely]] {
-    return false;
+// The steps below come once for each common size of a value, which is then known
+// to the compiler, and once, with 0, for all others.
+template <uint64_t kSize>
+inline uint64_t sizeOfValue(const Parser &parser) {
+  return kSize != 0 ? kSize : parser.context.valueSize;
+}
+
+inline bool stop(Parser &parser, int32_t status) {
+  parser.status = status;
+  return false;
+}
+
+// Enters a state. The steps return what this does: whether the parse goes on.
+template <uint64_t kSize>
+inline bool enter(Parser &parser, int32_t state, const char *value) {
+  if (parser.next == parser.last && !growStacks(parser)) [[unlikely]] {
+    return stop(parser, ZOV_NOMEMORY);
   }
-  parser.states[parser.top] = static_cast<int16_t>(parser.state);
-  copyValue(parser, valueAt(parser, parser.top), parser.current);
+  const uint64_t size = sizeOfValue<kSize>(parser);
+  parser.state = state;
+  *parser.next++ = static_cast<int16_t>(state);
+  memcpy(parser.nextValue, value, size);
+  parser.nextValue += size;
   return true;
 }
 
-// The state in a cell of the action table that holds one entered by the symbol,
+// The state in a cell of the action table if it is one that the symbol enters,
 // else -1.
 inline int32_t stateInCell(const ZOV_PARSE_TABLES &tables, int32_t cell, int32_t symbol) {
   if (cell < 0 || cell >= tables.tableLength) {
@@ -157,151 +151,156 @@ inline int32_t stateInCell(const ZOV_PARSE_TABLES &tables, int32_t cell, int32_t
 
 inline void fetchToken(Parser &parser) {
   if (parser.token == kNoToken) {
-    const int32_t token = parser.context->lexer(parser.context->userContext, parser.lexed);
+    const int32_t token = parser.context.lexer(parser.context.userContext, parser.lexed);
     parser.token = token < 0 ? kEndOfInput : token;
   }
 }
 
-inline void enterState(Parser &parser, int32_t state, char *value) {
-  parser.state = state;
-  parser.current = value;
-}
-
-// Shifts the look-ahead, if the state has a place for it.
-inline bool shift(Parser &parser) {
-  const int32_t base = parser.tables->pact[parser.state];
+// The state that the look-ahead leads to, or -1.
+inline int32_t stateToShift(Parser &parser) {
+  const int32_t base = parser.tables.pact[parser.state];
   if (base <= kNoShift) {
-    return false;
+    return -1;
   }
   fetchToken(parser);
-  const int32_t state = stateInCell(*parser.tables, base + parser.token, parser.token);
-  if (state < 0) {
-    return false;
-  }
-  enterState(parser, state, parser.lexed);
+  return stateInCell(parser.tables, base + parser.token, parser.token);
+}
+
+template <uint64_t kSize>
+inline bool shift(Parser &parser, int32_t state) {
   parser.token = kNoToken;
-  if (parser.recovery > 0) {
-    --parser.recovery;
-  }
-  return true;
+  parser.recovery -= parser.recovery > 0 ? 1 : 0;
+  return enter<kSize>(parser, state, parser.lexed);
 }
 
 // The rule for the look-ahead in a state that has several; negative to accept.
-int32_t exceptionRule(const Parser &parser) {
-  const int16_t *pair = parser.tables->exceptions;
-  while (pair[0] != kSection || pair[1] != parser.state) {
+inline int32_t exceptionRule(const ZOV_PARSE_TABLES &tables, int32_t state, int32_t token) {
+  const int16_t *pair = tables.exceptions;
+  while (pair[0] != kSection || pair[1] != state) {
     pair += 2;
   }
   do {
     pair += 2;
-  } while (pair[0] >= 0 && pair[0] != parser.token);
+  } while (pair[0] >= 0 && pair[0] != token);
   return pair[1];
 }
 
-// The state that follows a non-terminal in the state on top.
-inline int32_t stateAfter(const Parser &parser, int32_t nonTerminal) {
-  const ZOV_PARSE_TABLES &tables = *parser.tables;
+// Pops the right-hand side of a rule, runs its action and enters the state behind
+// its left side. The popped values stay where they are until then; the first of
+// them is the result unless the action stores another.
+template <uint64_t kSize>
+inline bool reduce(Parser &parser, int32_t rule) {
+  const ZOV_PARSE_TABLES &tables = parser.tables;
+  const uint64_t size = sizeOfValue<kSize>(parser);
+  const int32_t length = tables.ruleLength[rule];
+  const int32_t nonTerminal = tables.ruleLeft[rule];
+  char *lastValue = parser.nextValue - size;
+  parser.next -= length;
+  parser.nextValue -= static_cast<uint64_t>(length) * size;
+  memcpy(parser.result, parser.nextValue, size);
   const int32_t base = tables.pgo[nonTerminal];
-  const int32_t state = stateInCell(tables, base + parser.states[parser.top] + 1, -nonTerminal);
-  return state < 0 ? tables.action[base] : state;
-}
-
-// Pops the right-hand side of a rule and runs its action. The popped values stay
-// where they are until the next push; the first of them is the result unless the
-// action stores another.
-inline Next reduce(Parser &parser, int32_t rule) {
-  char *lastValue = valueAt(parser, parser.top);
-  parser.top -= parser.tables->ruleLength[rule];
-  copyValue(parser, parser.result, valueAt(parser, parser.top + 1));
-  enterState(parser, stateAfter(parser, parser.tables->ruleLeft[rule]), parser.result);
-  parser.status =
-      parser.context->action(parser.context->userContext, lastValue, rule, parser.result);
-  if (parser.status != 0) {
-    return Next::kStop;
+  const int32_t state = stateInCell(tables, base + parser.next[-1] + 1, -nonTerminal);
+  const int32_t status =
+      parser.context.action(parser.context.userContext, lastValue, rule, parser.result);
+  if (status != 0) {
+    return stop(parser, status);
   }
-  parser.recovery = 0;  // a reduction ends recovery, by design
-  return Next::kPush;
+  parser.recovery = 0;  // by design
+  return enter<kSize>(parser, state < 0 ? tables.action[base] : state, parser.result);
 }
 
 // Drops states until one takes the error token, and shifts it there.
-Next shiftError(Parser &parser) {
-  const ZOV_PARSE_TABLES &tables = *parser.tables;
+template <uint64_t kSize>
+inline bool shiftError(Parser &parser) {
+  const ZOV_PARSE_TABLES &tables = parser.tables;
   parser.recovery = kRecovering;
-  for (; parser.top >= 0; --parser.top) {
-    const int32_t base = tables.pact[parser.states[parser.top]];
+  while (parser.next > parser.states) {
+    const int32_t base = tables.pact[parser.next[-1]];
     const int32_t state =
         base > kNoShift ? stateInCell(tables, base + tables.errorToken, tables.errorToken) : -1;
     if (state >= 0) {
-      enterState(parser, state, parser.lexed);
-      return Next::kPush;
+      return enter<kSize>(parser, state, parser.lexed);
     }
+    --parser.next;
+    parser.nextValue -= sizeOfValue<kSize>(parser);
   }
   parser.abandoned = true;
-  parser.status = kRecovering;
-  return Next::kStop;
+  return stop(parser, kRecovering);
 }
 
-[[gnu::noinline]] Next recover(Parser &parser) {
+// The first error of several drops states, those that follow drop tokens.
+template <uint64_t kSize>
+inline bool recover(Parser &parser) {
   if (parser.recovery < kRecovering) {
-    return shiftError(parser);
+    return shiftError<kSize>(parser);
   }
   fetchToken(parser);
   if (parser.token == kEndOfInput) {
-    parser.status = kRecovering;
-    return Next::kStop;
+    return stop(parser, kRecovering);
   }
   parser.token = kNoToken;
-  return Next::kRetry;
+  return true;
 }
 
-inline Next step(Parser &parser) {
-  if (shift(parser)) {
-    return Next::kPush;
+template <uint64_t kSize>
+inline bool step(Parser &parser) {
+  const int32_t state = stateToShift(parser);
+  if (state >= 0) {
+    return shift<kSize>(parser, state);
   }
-  int32_t rule = parser.tables->defaultRule[parser.state];
+  int32_t rule = parser.tables.defaultRule[parser.state];
   if (rule == kSeeExceptions) {
     fetchToken(parser);
-    rule = exceptionRule(parser);
+    rule = exceptionRule(parser.tables, parser.state, parser.token);
     if (rule < 0) {
-      parser.status = parser.recovery;
-      return Next::kStop;
+      return stop(parser, parser.recovery);
     }
   }
-  return rule == kSyntaxError ? recover(parser) : reduce(parser, rule);
+  return rule == kSyntaxError ? recover<kSize>(parser) : reduce<kSize>(parser, rule);
 }
 
-int32_t _yyparse(Parser &parser) {
+struct Outcome {
+  int32_t status;
+  bool abandoned;
+};
+
+template <uint64_t kSize>
+Outcome parseTokens(const ZOV_PARSE_CONTEXT &context, ZOV_TAG tag) {
+  Parser parser{context, *context.tables, tag};
   if (!makeStacks(parser)) {
-    return ZOV_NOMEMORY;
+    return {ZOV_NOMEMORY, false};
   }
-  Next next = Next::kPush;
-  while (next != Next::kStop) {
-    if (next == Next::kPush && !push(parser)) {
-      return ZOV_NOMEMORY;
-    }
-    next = step(parser);
+  bool running = enter<kSize>(parser, 0, parser.result);
+  while (running) {
+    running = step<kSize>(parser);
   }
-  return parser.status;
+  return {parser.status, parser.abandoned};
+}
+
+Outcome _yyparse(const ZOV_PARSE_CONTEXT &context, ZOV_TAG tag) {
+  switch (context.valueSize) {
+    case 4:
+      return parseTokens<4>(context, tag);
+    case 8:
+      return parseTokens<8>(context, tag);
+    case 16:
+      return parseTokens<16>(context, tag);
+    default:
+      return parseTokens<0>(context, tag);
+  }
 }
 
 }  // namespace
 
 extern "C" int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context) {
   const bool ownTag = context->tag == ZOV_DEFAULT_TAG;
-  Parser parser{};
-  parser.context = context;
-  parser.tables = context->tables;
-  parser.valueSize = context->valueSize;
-  parser.tag = ownTag ? zov_createTagEx(nullptr, 0, ZOV_HERE) : context->tag;
-  parser.capacity = kFirstCapacity;
-  parser.top = -1;
-  parser.token = kNoToken;
-  const int32_t status = _yyparse(parser);
+  const ZOV_TAG tag = ownTag ? zov_createTagEx(nullptr, 0, ZOV_HERE) : context->tag;
+  const Outcome outcome = _yyparse(*context, tag);
   if (ownTag) {
-    zov_freeTagMemory(parser.tag, 1);
+    zov_freeTagMemory(tag, 1);
   }
-  if (parser.abandoned && context->error != nullptr) {
+  if (outcome.abandoned && context->error != nullptr) {
     context->error(context->userContext);
   }
-  return status;
+  return outcome.status;
 }

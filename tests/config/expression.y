@@ -39,24 +39,19 @@ statement:
   | target '=' expr ';' { REDUCE; }
   | IF '(' expr ')' { REDUCE; } statement { REDUCE; }
   | '{' program '}' { REDUCE; }
-  | error ';' { REDUCE; }
-  | '[' error ']' { REDUCE; }
+  | error ';' { REDUCE; } | '[' error ']' { REDUCE; }
   ;
 
 target: NAME { REDUCE; } ;
 
 expr:
-    NUMBER { REDUCE; }
-  | NAME { REDUCE; }
+    NUMBER { REDUCE; } | NAME { REDUCE; }
   | NAME '(' arguments ')' { REDUCE; }
   | expr '<' expr { REDUCE; }
-  | expr '+' expr { REDUCE; }
-  | expr '-' expr { REDUCE; }
-  | expr '*' expr { REDUCE; }
-  | expr '^' expr { REDUCE; }
+  | expr '+' expr { REDUCE; } | expr '-' expr { REDUCE; }
+  | expr '*' expr { REDUCE; } | expr '^' expr { REDUCE; }
   | '-' expr %prec SIGN { REDUCE; }
-  | '(' expr ')' { REDUCE; }
-  | '(' error ')' { REDUCE; }
+  | '(' expr ')' { REDUCE; } | '(' error ')' { REDUCE; }
   ;
 
 arguments: %empty { REDUCE; } | list { REDUCE; } ;

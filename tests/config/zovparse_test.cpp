@@ -1,15 +1,71 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The parser driver: recovery by tables made by hand, growth, status of actions,
-// and memory. zovparse_bison_test.cpp compares it with another parser.
+// The parser driver: beside bison's own parser where there is bison, and alone
+// for recovery by tables made by hand, growth, status of actions, and memory.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <random>
 #include <string>
+#include <vector>
 
-#include "config/expression_run.h"
+#include "expression_tables.h"
 #include "support/alloc_failure.h"
 
 namespace {
+
+// A parse of expression.y and everything it does. Tokens are characters, n, x and
+// i standing for numbers, names and if. The value of a left side is made of the
+// rule and of the values on its right, so it tells how an input was derived.
+struct Input {
+  std::string tokens;
+  size_t next = 0;
+  std::vector<uint64_t> events{};  // tokens fetched, rules and their values
+  int32_t stopRule = 0;            // the rule whose action returns 7
+  int errors = 0;                  // calls of the error callback
+
+  int16_t fetch(uint64_t *value) {
+    const char letter = next < tokens.size() ? tokens[next] : '\0';
+    events.push_back(static_cast<uint64_t>(letter));
+    ++next;
+    if (letter > 'A') {  // other tokens leave the last value alone
+      *value = next * 1000003;
+    }
+    return letter == 'n'    ? expression_NUMBER
+           : letter == 'x'  ? expression_NAME
+           : letter == 'i'  ? expression_IF
+           : letter == '\0' ? -5
+                            : letter;
+  }
+
+  uint64_t reduce(int32_t rule, int32_t length, const uint64_t *lastValue) {
+    uint64_t value = static_cast<uint64_t>(rule);
+    const bool ofError = rule == expression_statement_5 || rule == expression_statement_6 ||
+                         rule == expression_expr_11;  // the value of an error is any
+    for (int32_t at = ofError ? 1 : 1 - length; at <= 0; ++at) {
+      value = (value ^ lastValue[at]) * 0x9E3779B97F4A7C15 + 1;
+    }
+    events.insert(events.end(), {static_cast<uint64_t>(rule) + 1000, value});
+    return value;
+  }
+
+  static int16_t act(void *run, void *lastValue, int32_t rule, void *result) {
+    Input &self = *static_cast<Input *>(run);
+    const int32_t length = expression_tables.ruleLength[rule];
+    *static_cast<uint64_t *>(result) =
+        self.reduce(rule, length, static_cast<uint64_t *>(lastValue));
+    return static_cast<int16_t>(rule == self.stopRule ? 7 : 0);
+  }
+
+  int32_t parse(ZOV_TAG tag = 0, const ZOV_PARSE_TABLES &tables = expression_tables) {
+    ZOV_PARSE_CONTEXT context{sizeof(uint64_t), this, &tables, nullptr, act, nullptr, tag};
+    context.lexer = [](void *run, void *value) {
+      return static_cast<Input *>(run)->fetch(static_cast<uint64_t *>(value));
+    };
+    context.error = [](void *run) { ++static_cast<Input *>(run)->errors; };
+    return zov_yyparse(&context);
+  }
+};
 
 class Parse : public testing::Test {
  protected:
@@ -17,111 +73,128 @@ class Parse : public testing::Test {
   void TearDown() override { zov_term(); }
 };
 
+#ifdef ZOVTEST_BISON
+extern "C" {
+uint64_t reduceRule(void *run, int rule, int length, const uint64_t *lastValue);
+int fetchToken(uint64_t *value, void *run);
+int yyparse(void *run);
+
+uint64_t reduceRule(void *run, int rule, int length, const uint64_t *lastValue) {
+  return static_cast<Input *>(run)->reduce(rule, length, lastValue);
+}
+int fetchToken(uint64_t *value, void *run) {
+  return static_cast<Input *>(run)->fetch(value);
+}
+}
+
+// A program with up to three tokens spoilt.
+std::string randomInput(const std::function<size_t(size_t)> &pick) {
+  const char *const statements[] = {"", "SS", "x=E;", "E;", "i(E)S", "{S}", "S"};
+  const char *const expressions[] = {"n", "x", "-E", "x(E,E)", "x()", "(E)", "E+E", "E<E", "E*E"};
+  const std::string noise = "nxi;=()[]{}<+-*^,?n;x;";
+  std::string input = "SSS";
+  for (size_t at; (at = input.find_first_of("SE")) != std::string::npos;) {
+    const bool small = input.size() > 60;
+    input.replace(
+        at, 1,
+        input[at] == 'S' ? statements[pick(small ? 1 : 7)] : expressions[pick(small ? 2 : 9)]);
+  }
+  for (size_t count = pick(4); count > 0 && !input.empty(); --count) {
+    input.replace(pick(input.size()), pick(3), pick(3), noise[pick(noise.size())]);
+  }
+  return input;
+}
+
+TEST_F(Parse, FetchesAndReducesAsBisonDoes) {
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  int accepted = 0;
+  for (int count = 0; count < 20000; ++count) {
+    Input run{randomInput([&](size_t limit) { return random() % limit; })};
+    Input reference{run.tokens};
+    const int32_t status = run.parse();
+    ASSERT_EQ(status, yyparse(&reference) == 0 ? 0 : 3) << run.tokens;
+    ASSERT_EQ(run.events, reference.events) << run.tokens;
+    accepted += status == 0;
+  }
+  EXPECT_GT(accepted, 2000);
+  EXPECT_LT(accepted, 18000);
+}
+#endif
+
 // One token 1, or an error and any number of tokens 2, all by shifts:
 //   state 0: 1 to state 1, error to 2    state 1: end accepts
 //   states 2 and 3: 2 to state 3, end accepts
-struct Shifts {
-  const char *next;
-  int errors = 0;
-
-  int32_t parse(uint16_t errorToken, bool accepts) {
-    const int16_t accept = accepts ? -1 : 0;
-    const int16_t exceptions[] = {-1,     1,  0, -1, -2, 0, -1,     2,  0,
-                                  accept, -2, 0, -1, 3,  0, accept, -2, 0};
-    const int16_t action[] = {0, 1, 0, 3, 0, 2};
-    const int16_t pact[] = {0, -1000, 1, 1};
-    const int16_t check[] = {-1000, 1, 5, 2, -1000, -1000};
-    const uint16_t defaultRule[] = {0, 65534, 65534, 65534};
-    const ZOV_PARSE_TABLES tables{errorToken, 6,       exceptions, action, pact,
-                                  nullptr,    nullptr, nullptr,    check,  defaultRule};
-    const ZOV_PARSE_CONTEXT context{
-        1,
-        this,
-        &tables,
-        [](void *self, void *) {
-          const char *&token = static_cast<Shifts *>(self)->next;
-          return static_cast<int16_t>(*token == '\0' ? -5 : *token++ - '0');
-        },
-        nullptr,
-        [](void *self) { ++static_cast<Shifts *>(self)->errors; },
-        ZOV_DEFAULT_TAG};
-    return zov_yyparse(&context);
-  }
-};
+int32_t parseShifts(Input &input, uint16_t errorToken, int16_t atEnd) {
+  const int16_t exceptions[] = {-1,    1,  0, -1, -2, 0, -1,    2,  0,
+                                atEnd, -2, 0, -1, 3,  0, atEnd, -2, 0};
+  const int16_t action[] = {0, 1, 0, 3, 0, 2};
+  const int16_t pact[] = {-'0', -1000, 1 - '0', 1 - '0'};
+  const int16_t check[] = {-1000, '1', '5', '2', -1000, -1000};
+  const uint16_t defaultRule[] = {0, 65534, 65534, 65534};
+  return input.parse(
+      0, {errorToken, 6, exceptions, action, pact, nullptr, nullptr, nullptr, check, defaultRule});
+}
 
 TEST_F(Parse, CountsRecoveryDownByShifts) {
   const struct {
     int line;
     const char *tokens;
     uint16_t errorToken;
-    bool accepts;
+    int16_t atEnd;
     int32_t status;
     int errors;
   } rows[] = {
-      {__LINE__, "1", 5, true, 0, 0},    {__LINE__, "", 5, true, 3, 0},
-      {__LINE__, "2", 5, true, 2, 0},    {__LINE__, "22", 5, true, 1, 0},
-      {__LINE__, "222", 5, true, 0, 0},  {__LINE__, "2222", 5, true, 0, 0},
-      {__LINE__, "9292", 5, true, 2, 0}, {__LINE__, "11", 5, true, 3, 0},
-      {__LINE__, "91", 5, false, 3, 0},  {__LINE__, "222", 5, false, 3, 0},
-      {__LINE__, "2", 9, true, 3, 1},    {__LINE__, "11", 9, true, 3, 1},
-      {__LINE__, "", 60000, true, 3, 1},
+      {__LINE__, "1", '5', -1, 0, 0},    {__LINE__, "", '5', -1, 3, 0},
+      {__LINE__, "2", '5', -1, 2, 0},    {__LINE__, "22", '5', -1, 1, 0},
+      {__LINE__, "2222", '5', -1, 0, 0}, {__LINE__, "9292", '5', -1, 2, 0},
+      {__LINE__, "11", '5', -1, 3, 0},   {__LINE__, "91", '5', 0, 3, 0},
+      {__LINE__, "222", '5', 0, 3, 0},   {__LINE__, "2", '9', -1, 3, 1},
+      {__LINE__, "11", '9', -1, 3, 1},   {__LINE__, "", 60000, -1, 3, 1},
   };
   for (const auto &row : rows) {
-    Shifts shifts{row.tokens};
-    EXPECT_EQ(shifts.parse(row.errorToken, row.accepts), row.status) << "line " << row.line;
-    EXPECT_EQ(shifts.errors, row.errors) << "line " << row.line;
+    Input input{row.tokens};
+    EXPECT_EQ(parseShifts(input, row.errorToken, row.atEnd), row.status) << row.line;
+    EXPECT_EQ(input.errors, row.errors) << row.line;
   }
 }
 
-// As many brackets around a number, each of which takes an entry of the stacks.
-std::vector<int16_t> nested(size_t depth) {
-  std::vector<int16_t> tokens(depth, '(');
-  tokens.push_back(expression_NUMBER);
-  tokens.resize(2 * depth + 1, ')');
-  tokens.push_back(';');
-  return tokens;
+// Brackets around a number, each of which takes an entry of the stacks.
+std::string nested(size_t depth) {
+  return std::string(depth, '(') + "n" + std::string(depth, ')') + ";";
 }
 
-TEST_F(Parse, StacksGrow) {
+TEST_F(Parse, StacksGrowAndActionsStop) {
   for (const size_t depth : {95u, 96u, 97u, 98u, 146u, 147u, 148u, 5000u}) {
-    ExpressionRun run{nested(depth)};
-    EXPECT_EQ(run.parse(), 0);
-    const size_t reductions = 1 + 1 + depth + 1 + 1;
-    EXPECT_EQ(run.events.size(), run.tokens.size() + 1 + 2 * reductions) << depth;
+    Input input{nested(depth)};
+    EXPECT_EQ(input.parse(), 0);
+    EXPECT_EQ(input.events.size(), input.tokens.size() + 1 + 2 * (depth + 4)) << depth;
   }
-}
-
-TEST_F(Parse, ActionsStopTheParse) {
-  ExpressionRun run{nested(3)};
-  run.stopRule = expression_expr_10;
-  EXPECT_EQ(run.parse(), 7);
-  EXPECT_EQ(run.events[run.events.size() - 2], 100000u + expression_expr_10);
-  EXPECT_EQ(run.errors, 0);
+  Input input{nested(3)};
+  input.stopRule = expression_expr_10;
+  EXPECT_EQ(input.parse(), 7);
+  EXPECT_EQ(input.events[input.events.size() - 2], 1000u + expression_expr_10);
 }
 
 TEST_F(Parse, MemoryBelongsToTheTag) {
-  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  for (const bool ownTag : {true, false}) {
-    uint32_t passing = 0;
+  const ZOV_TAG own = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  for (const ZOV_TAG tag : {ZOV_DEFAULT_TAG, own}) {
     int32_t status = ZOV_NOMEMORY;
-    while (status != 0) {
-      ExpressionRun run{nested(120)};
+    for (uint32_t passing = 0; status != 0; ++passing) {
+      Input run{nested(120)};
       run.events.reserve(10000);
       const int64_t before = zovtest::liveBlocks();
-      zovtest::failAllocationAfter(passing++);
-      status = run.parse(ownTag ? ZOV_DEFAULT_TAG : tag);
+      zovtest::failAllocationAfter(passing);
+      status = run.parse(tag);
       EXPECT_EQ(status, zovtest::stopFailing() ? ZOV_NOMEMORY : 0);
       EXPECT_EQ(run.errors, 0);
-      if (!ownTag && status == 0) {
-        EXPECT_EQ(zovtest::liveBlocks(), before + 3) << "the stacks and the values are kept";
-      }
-      zov_freeTagMemory(tag, 0);
-      EXPECT_EQ(zovtest::liveBlocks(), before);
+      EXPECT_TRUE(status != 0 || zovtest::liveBlocks() - before == (tag == own ? 3 : 0));
+      zov_freeTagMemory(own, 0);
+      EXPECT_EQ(zovtest::liveBlocks(), before) << "after failing allocation " << passing;
     }
-    EXPECT_EQ(passing, ownTag ? 7u : 6u) << "a tag, three blocks, two that grow";
   }
-  ExpressionRun run{nested(1)};
-  EXPECT_EQ(run.parse(ZOV_NO_TAG), ZOV_NOMEMORY);
+  EXPECT_EQ(Input{nested(1)}.parse(ZOV_NO_TAG), ZOV_NOMEMORY);
   for (const uint64_t size : {uint64_t{0}, UINT64_MAX / 100 + 1}) {
     ZOV_PARSE_CONTEXT context{};
     context.valueSize = size;
