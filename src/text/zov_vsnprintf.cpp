@@ -7,21 +7,20 @@
 //
 //   format --parse--> FmtSpec, one a directive --convert--> FmtOutput
 //
-// This file reads the format and fetches the arguments. Integers, floating
-// point, and strings with the locale's texts are printed by a file each. A
-// FmtOutput lives for one call and a FmtSpec for one directive, both on the
-// caller's stack: the engine takes no lock and keeps no state, and what it does
-// not allocate it need not free. Only zov_makeStrV() allocates, and may jump;
-// it holds nothing when it does.
+// This file reads the format, fetches the arguments and prints strings; integers
+// and floating point have a file each. A FmtOutput lives for one call and a
+// FmtSpec for one directive, both on the stack of that call: the engine
+// allocates nothing, takes no lock and keeps no state, so it may be used
+// anywhere and at any time. Only zov_makeStrV() allocates, and may jump; it
+// holds nothing when it does.
 //
 // A directive fails the whole call when a number in it is too large, or when a
 // value is; what was printed before it stays.
-#include "zov.h"
-
-#include <limits.h>
-#include <stddef.h>
+#include <stdarg.h>
+#include <string.h>
 
 #include "text/zov_vsnprintf_private.h"
+#include "zov.h"
 
 namespace zov {
 
@@ -72,7 +71,7 @@ void parse_flags(FmtSpec &spec) {
 }
 
 // Reads digits, if any, behind what number holds. False when they overflow.
-bool parse_number(FmtSpec &spec, int32_t &number) {
+bool parseNumber(FmtSpec &spec, int32_t &number) {
   for (; *spec.cursor >= '0' && *spec.cursor <= '9'; ++spec.cursor) {
     const int32_t digit = *spec.cursor - '0';
     if (number > (INT32_MAX - digit) / 10) {
@@ -85,7 +84,7 @@ bool parse_number(FmtSpec &spec, int32_t &number) {
 
 bool parse_width(FmtSpec &spec) {
   if (*spec.cursor != '*') {
-    return parse_number(spec, spec.width);
+    return parseNumber(spec, spec.width);
   }
   ++spec.cursor;
   spec.width = va_arg(spec.output->arguments, int32_t);
@@ -111,11 +110,11 @@ bool parse_precision(FmtSpec &spec) {
     return true;
   }
   spec.precision = 0;
-  return parse_number(spec, spec.precision);
+  return parseNumber(spec, spec.precision);
 }
 
 // Takes the second of a doubled letter.
-int32_t parse_doubled(FmtSpec &spec, int32_t single, int32_t doubled) {
+int32_t parseDoubled(FmtSpec &spec, int32_t single, int32_t doubled) {
   if (spec.cursor[1] != spec.cursor[0]) {
     return single;
   }
@@ -126,10 +125,10 @@ int32_t parse_doubled(FmtSpec &spec, int32_t single, int32_t doubled) {
 void parse_modifier(FmtSpec &spec) {
   switch (*spec.cursor) {
     case 'h':
-      spec.modifier = parse_doubled(spec, kModShort, kModChar);
+      spec.modifier = parseDoubled(spec, kModShort, kModChar);
       break;
     case 'l':
-      spec.modifier = parse_doubled(spec, kModLong, kModLongLong);
+      spec.modifier = parseDoubled(spec, kModLong, kModLongLong);
       break;
     case 'L':
       spec.modifier = kModLongDouble;
@@ -172,7 +171,7 @@ void format_str(FmtSpec &spec, const char *text) {
 
 // Fetches an argument of the width the modifier names, extended as the
 // conversion's sign asks. A long double is no integer: none is fetched.
-int64_t fetch_integer(FmtSpec &spec) {
+int64_t fetchInteger(FmtSpec &spec) {
   va_list &arguments = spec.output->arguments;
   const bool isUnsigned = spec.has(FMT_UNSIGNED);
   switch (spec.modifier) {
@@ -196,7 +195,7 @@ int64_t fetch_integer(FmtSpec &spec) {
 }
 
 void handle_integer(FmtSpec &spec) {
-  format_int(spec, fetch_integer(spec));
+  format_int(spec, fetchInteger(spec));
 }
 
 void handle_ptr(FmtSpec &spec) {

@@ -13,6 +13,8 @@
 // product of that many multiplications by ten, or divisions, with the rounding
 // of each: digits beyond the 17th are those of this arithmetic and not of the
 // exact value.
+#include <float.h>
+
 #include <array>
 #include <bit>
 
@@ -26,6 +28,8 @@ namespace {
 constexpr int32_t kDefaultPrecision = 6;
 // 10^19 is the largest power of ten below 2^64.
 constexpr int32_t kMaxPrecision = 19;
+
+static_assert(LDBL_MANT_DIG == 64, "long double is the processor's extended precision");
 
 // A finite magnitude as mantissa * 2^-shift, the mantissa's highest bit being
 // set. Zero and what is nearly zero have a shift above 128 and any mantissa; a
@@ -60,9 +64,10 @@ struct FloatLayout {
   char exponentText[5];
 };
 
-// Every sixteenth value of the two walks of get_exponent(), which need not begin
-// at 1 then. The values are those the walks pass through, with the
-// rounding of every step.
+// Every sixteenth value of the two walks of get_exponent(): how far a walk goes
+// is then looked up coarsely and walked only for the rest. They are made by the
+// same steps with the same rounding, so a walk from one of them arrives where a
+// walk from 1 does.
 constexpr int32_t kStride = 16;
 using Waypoints = std::array<long double, 4928 / kStride + 1>;
 
@@ -114,7 +119,7 @@ const char *get_inf_str(const FmtSpec &spec) {
   return spec.has(FMT_UPPER) ? "INF" : "inf";
 }
 
-void calc_pad(const FmtSpec &spec, int64_t total, FloatLayout &layout) {
+void calcPad(const FmtSpec &spec, int64_t total, FloatLayout &layout) {
   const int64_t pad = spec.width - (total + (layout.sign != 0 ? 1 : 0));
   if (pad > 0) {
     layout.pad = spec.has(FMT_LEFT) ? -pad : pad;
@@ -133,7 +138,7 @@ bool check_nan_and_inf(FmtSpec &spec, Float value, FloatLayout &layout) {
   }
   layout.integerDigits = 3;
   spec.flags &= static_cast<uint16_t>(~FMT_ZERO);
-  calc_pad(spec, layout.integerDigits, layout);
+  calcPad(spec, layout.integerDigits, layout);
   return true;
 }
 
@@ -240,7 +245,7 @@ bool calc_float_parts(FmtSpec &spec, FloatLayout &layout) {
 
 // The general notation's choice: exponents from -4 up to the precision are
 // printed without one.
-bool choose_notation(FmtSpec &spec, FloatLayout &layout) {
+bool chooseNotation(FmtSpec &spec, FloatLayout &layout) {
   if (layout.exponent < -4 || layout.exponent >= spec.precision + 1) {
     return true;
   }
@@ -261,7 +266,7 @@ void calc_exponent(const FmtSpec &spec, FloatLayout &layout) {
   layout.exponentLength = digits + 2;
 }
 
-void strip_zeros(FmtSpec &spec, FloatLayout &layout) {
+void stripTrailingZeros(FmtSpec &spec, FloatLayout &layout) {
   if (layout.fraction == 0) {
     spec.precision = 0;
     return;
@@ -277,7 +282,7 @@ void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
   }
   layout.integerDigits = countDigits(layout.integerPart, 10);
   if (layout.stripZeros) {
-    strip_zeros(spec, layout);
+    stripTrailingZeros(spec, layout);
   }
   if (spec.precision > 0 || spec.has(FMT_ALT)) {
     layout.pointLength = getnumdec(spec);
@@ -285,13 +290,13 @@ void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
   if (spec.has(FMT_GROUP)) {
     layout.separators = getnumsep(spec, layout.integerDigits);
   }
-  calc_pad(spec,
-           layout.integerDigits + layout.exponentLength + int64_t{spec.precision} +
-               layout.separators + layout.pointLength,
-           layout);
+  calcPad(spec,
+          layout.integerDigits + layout.exponentLength + int64_t{spec.precision} +
+              layout.separators + layout.pointLength,
+          layout);
 }
 
-void emit_sign(FmtOutput &output, const FloatLayout &layout) {
+void emitSign(FmtOutput &output, const FloatLayout &layout) {
   if (layout.sign != 0) {
     emit(output, layout.sign);
   }
@@ -300,11 +305,11 @@ void emit_sign(FmtOutput &output, const FloatLayout &layout) {
 void output_float(FmtSpec &spec, const FloatLayout &layout) {
   FmtOutput &output = *spec.output;
   if (spec.has(FMT_ZERO) && layout.pad > 0) {
-    emit_sign(output, layout);
+    emitSign(output, layout);
     emitn(output, layout.pad, '0');
   } else {
     emitn(output, layout.pad, ' ');
-    emit_sign(output, layout);
+    emitSign(output, layout);
   }
   if (layout.word != nullptr) {
     emitstr(output, layout.word, static_cast<uint64_t>(layout.integerDigits));
@@ -320,11 +325,11 @@ void output_float(FmtSpec &spec, const FloatLayout &layout) {
 }
 
 // Prints a finite number.
-bool format_finite(FmtSpec &spec, FloatLayout &layout) {
+bool formatFinite(FmtSpec &spec, FloatLayout &layout) {
   if (!calc_float_parts(spec, layout)) {
     return false;
   }
-  if (spec.has(FMT_GSTYLE) && !choose_notation(spec, layout)) {
+  if (spec.has(FMT_GSTYLE) && !chooseNotation(spec, layout)) {
     return false;
   }
   calc_float_format(spec, layout);
@@ -349,7 +354,7 @@ bool format_float(FmtSpec &spec, Float value) {
   if (spec.has(FMT_GSTYLE | FMT_ESTYLE)) {
     initial_e_style_setup(spec, __builtin_fabsl(value), layout);
   }
-  return format_finite(spec, layout);
+  return formatFinite(spec, layout);
 }
 
 }  // namespace

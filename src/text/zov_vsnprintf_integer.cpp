@@ -64,7 +64,7 @@ void calc_int_sign(const FmtSpec &spec, int64_t value, IntLayout &layout) {
 
 // Octal's "0" is one of the digits the precision asks for; with a precision of
 // 0 that leaves -1, which is none at all.
-void calc_prefix(FmtSpec &spec, IntLayout &layout) {
+void calcPrefix(FmtSpec &spec, IntLayout &layout) {
   if (layout.magnitude == 0) {
     return;
   }
@@ -81,7 +81,7 @@ void calc_prefix(FmtSpec &spec, IntLayout &layout) {
 void calc_int_format(FmtSpec &spec, IntLayout &layout) {
   layout.digits = countDigits(layout.magnitude, spec.base);
   if (spec.has(FMT_ALT | FMT_PTR)) {
-    calc_prefix(spec, layout);
+    calcPrefix(spec, layout);
   }
   if (spec.precision == 0 && layout.magnitude == 0) {
     layout.digits = 0;
