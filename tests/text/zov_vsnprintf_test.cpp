@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The formatter: its grammar by table; integers against libc, which they agree
-// with outside the rows of the table; floating point against a model that does
-// the arithmetic step by step in long double, and against libc where rounding
-// cannot tell them apart.
-//
-// localeconv() beneath the library is replaced, so that there are separators
-// whatever locales the machine has.
+// The formatter: by table where it differs from libc, elsewhere against libc,
+// and the digits of floating point against a model. localeconv() beneath the
+// library is replaced: machines without locales have no separators.
+#include <float.h>
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <locale.h>
@@ -15,7 +12,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -49,11 +45,7 @@ template <typename... Arguments>
 std::string print(const char *text, Arguments... arguments) {
   char buffer[4096];
   const int32_t length = format(buffer, sizeof buffer, text, arguments...);
-  if (length < 0) {
-    return "fails";
-  }
-  const std::string printed(buffer, static_cast<size_t>(length));
-  return buffer[length] == '\0' ? printed : printed + " not terminated";
+  return length < 0 ? "fails" : std::string(buffer, static_cast<size_t>(length));
 }
 
 template <typename... Arguments>
@@ -78,30 +70,22 @@ void check(const std::vector<Row> &rows) {
 class Format : public testing::Test {
  protected:
   Format() { conventions.decimal_point = decimalPoint; }
-  ~Format() override {
-    if (HasFailure()) {
-      printf("seed %u\n", seed);
-    }
-  }
 
   const uint32_t seed = std::random_device{}();
+  const testing::ScopedTrace trace{__FILE__, __LINE__, "seed " + std::to_string(seed)};
   std::mt19937_64 random{seed};
+
+  int anyBelow(int limit) { return static_cast<int>(random() % static_cast<uint64_t>(limit)); }
 
   template <size_t kCount>
   std::string pick(const char *const (&choices)[kCount]) {
     return choices[random() % kCount];
   }
 
-  // Those libc knows too.
+  // Flags libc has, too.
   std::string anyFlags() {
-    std::string flags;
-    for (char flag : {'-', '+', ' ', '#', '0'}) {
-      flags += anyBelow(3) == 0 ? std::string(1, flag) : "";
-    }
-    return flags;
+    return pick({"", "-", "+", " ", "#", "0", "-+", "+0", "+ 0", "#0", "# ", "-#0", "+0-# 0"});
   }
-
-  int anyBelow(int limit) { return static_cast<int>(random() % static_cast<uint64_t>(limit)); }
 
   long double anyMagnitude();
 };
@@ -110,17 +94,13 @@ TEST_F(Format, Directives) {
   const char unterminated[] = {'a', 'b', 'c'};
   check({
       {__LINE__, print(""), ""},
-      {__LINE__, print("a text longer than sixteen bytes %d%% of it", 5),
-       "a text longer than sixteen bytes 5% of it"},
+      {__LINE__, print("a text of many bytes, %d%% of it", 5), "a text of many bytes, 5% of it"},
       {__LINE__, print("%5%|%-+ 0'#9.3lld", 7LL), "%|+007     "},
       // A letter out of place, or a format that ends early.
       {__LINE__, print("%y%d", 3), "3"},
-      {__LINE__, print("%1$d", 5), "d"},
-      {__LINE__, print("%qd", 5), "d"},
-      {__LINE__, print("%I64d", 5), "64d"},
-      {__LINE__, print("%0-5"), ""},
+      {__LINE__, print("%1$d %qd %I64d", 5), "d d 64d"},
       {__LINE__, print("a%"), "a"},
-      {__LINE__, print("a%."), "a"},
+      {__LINE__, print("a%-5."), "a"},
       {__LINE__, print("a%*", 5), "a"},
       {__LINE__, print("a%5.3l"), "a"},
       {__LINE__, print("%\xE4|"), "|"},
@@ -137,12 +117,10 @@ TEST_F(Format, Directives) {
       {__LINE__, print("%c", 0), std::string(1, '\0')},
       {__LINE__, print("%5s|%-5s|%05s|%ls", "ab", "ab", "ab", "ab"), "   ab|ab   |   ab|ab"},
       {__LINE__, print("%.3s|%6.2s|%-4.s|", unterminated, "abc", "abc"), "abc|    ab|    |"},
-      {__LINE__, print("%s|%.5s|%.6s|%8s", nullptr, nullptr, nullptr, nullptr),
-       "(null)||(null)|  (null)"},
-      {__LINE__, print("%p|%7p|%-7p|%.3p", nullptr, nullptr, nullptr, nullptr),
-       "(nil)|  (nil)|(nil)  |(ni"},
-      {__LINE__, print("%p|%+8p|%08p|%-8p|%.4p", 31L, 31L, 31L, 31L, 31L),
-       "0x1f|    0x1f|0x00001f|0x1f    |0x001f"},
+      {__LINE__, print("%s|%.5s|%.6s|%8s", 0L, 0L, 0L, 0L), "(null)||(null)|  (null)"},
+      {__LINE__, print("%p|%7p|%-7p|%.3p", 0L, 0L, 0L, 0L), "(nil)|  (nil)|(nil)  |(ni"},
+      {__LINE__, print("%p|%+6p|%06p|%-6p|%.4p", 31L, 31L, 31L, 31L, 31L),
+       "0x1f|  0x1f|0x001f|0x1f  |0x001f"},
       // Integers where they differ from libc's.
       {__LINE__, print("%Ld|%d", 7), "0|7"},
       {__LINE__, print("%Lx|%.0Lu|%d", 7), "0||7"},
@@ -162,15 +140,15 @@ TEST_F(Format, CountsStoreThePosition) {
                    &wide[0], &wide[1], &wide[2], &wide[3], &wide[4], 7),
             301);
   EXPECT_TRUE(byte[0] == 300 - 256 && half[0] == 300 && word[0] == 300);
-  EXPECT_TRUE(byte[1] == -1 && half[1] == -1 && word[1] == -1 && wide[5] == -1);
-  EXPECT_EQ(std::count(wide, wide + 5, 300), 5);
+  EXPECT_TRUE(byte[1] == -1 && half[1] == -1 && word[1] == -1);
+  EXPECT_TRUE(std::count(wide, wide + 5, 300) == 5 && wide[5] == -1);
 }
 
 TEST_F(Format, IntegersAreLibcs) {
-  for (int round = 0; round < 200000; ++round) {
+  for (int round = 0; round < 50000; ++round) {
     const std::string letter = pick({"d", "i", "u", "o", "x", "X"});
-    const std::string text =
-        "%" + anyFlags() + "*.*" + pick({"", "hh", "h", "l", "ll", "z", "t", "j"}) + letter + "|";
+    const std::string modifier = pick({"", "hh", "h", "l", "ll", "z", "t", "j"});
+    const std::string text = std::string("%") + anyFlags() + "*.*" + modifier + letter;
     const int width = anyBelow(60) - 20;
     int precision = anyBelow(30) - 1;
     // The one disagreement, in the table above.
@@ -182,16 +160,13 @@ TEST_F(Format, IntegersAreLibcs) {
   }
 }
 
-// What follows restates the arithmetic of floating point, one operation of a
-// long double at a time and with no thought of speed.
+// What follows does the arithmetic of floating point one operation of a long
+// double at a time, with no thought of speed.
 
 long double modelPower(int exponent) {
   long double power = 1;
-  for (; exponent > 0; --exponent) {
-    power *= 10;
-  }
-  for (; exponent < 0; ++exponent) {
-    power /= 10;
+  for (int step = 0; step < abs(exponent); ++step) {
+    power = exponent < 0 ? power / 10 : power * 10;
   }
   return power;
 }
@@ -220,12 +195,10 @@ bool modelSplit(long double magnitude, bool scaled, ModelNumber &number) {
   if (magnitude >= 18446744073709551615.0L) {
     return false;
   }
-  const long double integer = truncl(magnitude);
   const long double scale = modelPower(number.precision);
-  const long double product = (magnitude - integer) * scale;
-  const long double rest = product - truncl(product);
-  number.integer = static_cast<uint64_t>(integer);
-  number.fraction = static_cast<uint64_t>(truncl(product)) + (rest >= 0.5L ? 1 : 0);
+  const long double product = (magnitude - truncl(magnitude)) * scale;
+  number.integer = static_cast<uint64_t>(magnitude);
+  number.fraction = static_cast<uint64_t>(product) + (product - truncl(product) >= 0.5L ? 1 : 0);
   if (number.fraction >= static_cast<uint64_t>(scale)) {
     number.fraction = 0;
     ++number.integer;
@@ -266,35 +239,30 @@ std::string modelFloat(int precision, bool alternate, char letter, long double m
 }
 
 // Numbers of a few digits as people write them, eighths that make ties, powers
-// of ten, and any bits at all.
+// of ten, and any bits that make a finite number.
 long double Format::anyMagnitude() {
-  switch (random() % 4) {
-    case 0:
-      return static_cast<long double>(random() % 2000001) / modelPower(anyBelow(12));
-    case 1:
-      return static_cast<long double>(random() % 100001) / 8;
-    case 2:
-      return powl(10, anyBelow(9877) - 4945);
-    default: {
-      const double value = fabs(std::bit_cast<double>(random()));
-      return isfinite(value) ? value : 0;
-    }
-  }
+  const long double choices[] = {
+      static_cast<long double>(random() % 2000001) / modelPower(anyBelow(12)),
+      static_cast<long double>(random() % 100001) / 8, powl(10, anyBelow(9877) - 4945),
+      std::bit_cast<double>(random() & 0x7FEFFFFFFFFFFFFF)};
+  return choices[random() % std::size(choices)];
 }
 
 TEST_F(Format, FloatsAreTheModels) {
-  for (int round = 0; round < 60000; ++round) {
-    const std::string letter = pick({"f", "e", "g"});
+  for (int round = 0; round < 20000; ++round) {
+    const char letter = pick({"f", "e", "g"})[0];
     const std::string flag = pick({"", "#"});
+    const std::string text = std::string("%") + flag + ".*" + letter;
+    const std::string wideText = std::string("%") + flag + ".*L" + letter;
     const int precision = anyBelow(25);
-    const long double value = anyMagnitude();
-    ASSERT_EQ(print(("%" + flag + ".*L" + letter).c_str(), precision, value),
-              modelFloat(precision, flag == "#", letter[0], value))
-        << flag << precision << letter << " of " << printLibc("%La", value);
-    const double narrow = static_cast<double>(value);
-    ASSERT_TRUE(isinf(narrow) || print(("%" + flag + ".*" + letter).c_str(), precision, narrow) ==
-                                     modelFloat(precision, flag == "#", letter[0], narrow))
-        << flag << precision << letter << " of " << printLibc("%a", narrow);
+    const long double wide = anyMagnitude();
+    ASSERT_EQ(print(wideText.c_str(), precision, wide),
+              modelFloat(precision, flag == "#", letter, wide))
+        << wideText << " of " << printLibc("%La", wide) << ' ' << precision;
+    const double value = static_cast<double>(std::min<long double>(wide, DBL_MAX));
+    ASSERT_EQ(print(text.c_str(), precision, value),
+              modelFloat(precision, flag == "#", letter, value))
+        << text << " of " << printLibc("%a", value) << ' ' << precision;
   }
 }
 
@@ -303,7 +271,7 @@ TEST_F(Format, FloatsAreTheModels) {
 TEST_F(Format, FloatsAreLibcs) {
   for (int round = 0; round < 20000; ++round) {
     const std::string letter = pick({"f", "F", "e", "E", "g", "G"});
-    const std::string text = "%" + anyFlags() + "*.*" + letter;
+    const std::string text = std::string("%") + anyFlags() + "*.*" + letter;
     const bool fixed = letter == "f" || letter == "F";
     const int exponent = fixed ? anyBelow(25) - 40 : anyBelow(550) - 300;
     const double value = static_cast<double>(static_cast<int64_t>(random())) * pow(10, exponent);
@@ -316,30 +284,24 @@ TEST_F(Format, FloatsAreLibcs) {
 }
 
 TEST_F(Format, Floats) {
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
   check({
       {__LINE__, print("%f|%.0f|%#.0f|%+.1f|% .2f", 1.5, 2.5, 1.0, 0.25, 0.125),
        "1.500000|3|1.|+0.3| 0.13"},
       {__LINE__, print("%f|%e|%g", -0.0, -0.0, -0.0), "0.000000|0.000000e+00|0"},
-      {__LINE__, print("%+f|%05f|%-6E|%06.1G|", nan, inf, -inf, -nan), "+nan|  inf|-INF  |   NAN|"},
-      {__LINE__, print("%.25f", 0.5), "0.5000000000000000000"},
-      {__LINE__, print("%.25e|%#.25g", 0.5, 0.5),
-       "5.0000000000000000000e-01|0.5000000000000000000"},
+      {__LINE__, print("%+f|%05f|%-6E|%06.1G|", NAN, INFINITY, -INFINITY, -NAN),
+       "+nan|  inf|-INF  |   NAN|"},
+      {__LINE__, print("%.25f|%#.25g", 0.5, 0.5), "0.5000000000000000000|0.5000000000000000000"},
       {__LINE__, print("%f", 1e20), "fails"},
       {__LINE__, print("%Lf", 18446744073709551615.0L), "fails"},
       {__LINE__, print("%Lf", 18446744073709551614.0L), "18446744073709551614.000000"},
       {__LINE__, print("%.30Lg", 5e19L), "fails"},
       {__LINE__, print("%e|%g|%G", 1e20, 1e20, 1e-20), "1.000000e+20|1e+20|1E-20"},
-      {__LINE__, print("%g|%g|%g|%g", 0.0001, 0.00001, 100000.0, 1000000.0),
-       "0.0001|1e-05|100000|1e+06"},
+      {__LINE__, print("%g|%g|%g|%g", 1e-4, 1e-5, 1e5, 1e6), "0.0001|1e-05|100000|1e+06"},
       {__LINE__, print("%.0g|%.1g|%.3g|%#g", 9.5, 9.4, 999.5, 1.0), "1e+01|9|1000|1.00000"},
-      {__LINE__, print("%a|%A|%.1A", 1.5, 1.5, nan), "1.500000|1.500000|NAN"},
+      {__LINE__, print("%a|%A|%.1A", 1.5, 1.5, NAN), "1.500000|1.500000|NAN"},
       {__LINE__, print("%.1Le|%.1Le", 1e4005L, 1e-1000L), "1.0e+005|1.0e-000"},
       // Nothing is left of the power such a number would be divided by.
-      {__LINE__, print("%Le", std::numeric_limits<long double>::denorm_min()), "fails"},
-      {__LINE__, print("%-9.2e|%09.2f|%-09.2f|", 12345.0, -1.5, -1.5),
-       "1.23e+04 |-00001.50|-1.50    |"},
+      {__LINE__, print("%Le", LDBL_TRUE_MIN), "fails"},
   });
 }
 
@@ -348,15 +310,14 @@ TEST_F(Format, SeparatorsComeFromTheLocale) {
   conventions.thousands_sep = comma;
   check({
       {__LINE__, print("%'d|%'d|%'d", 999, 1000, -1234567), "999|1,000|-1,234,567"},
-      {__LINE__, print("%'llx|%'.2f|%'e", 0xABCDEF1LL, 1234567.891, 1e9),
-       "a,bcd,ef1|1,234,567.89|1.000000e+09"},
-      {__LINE__, print("%'10d|%'-10d|%'010d|", 1234, 1234, 1234),
-       "     1,234|1,234     |000001,234|"},
+      {__LINE__, print("%'llx|%'.2f|%'.0e", 0xABCDEF1LL, 1234.567, 1e9),
+       "a,bcd,ef1|1,234.57|1e+09"},
+      {__LINE__, print("%'7d|%'-7d|%'07d|", 1234, 1234, 1234), "  1,234|1,234  |001,234|"},
       // Separators count against the precision, and once more in the total.
       {__LINE__, print("%'.6d|%'8.6d|%'9.6d", 1234, 1234, 1234), "01,234| 01,234|  01,234"},
       {__LINE__, print("%'.0d", 0), " 0"},
       {__LINE__, print("%'012.1f|%'g", 12345.67, 123456.0), "000012,345.7|123,456"},
-      {__LINE__, print("%'f", std::numeric_limits<double>::infinity()), "inf"},
+      {__LINE__, print("%'f", INFINITY), "inf"},
   });
   char wide[] = "<->";
   char point[] = "::";
@@ -367,27 +328,26 @@ TEST_F(Format, SeparatorsComeFromTheLocale) {
   EXPECT_EQ(print("%'d|%.1f", 1234, 1.5), "1,234|1.5");
 }
 
-// Whatever the size, the text is a prefix of the whole and the length that of
-// the whole, and nothing is written beyond.
+// Whatever the size, the text is cut there, its length that of the whole, and
+// what lies beyond stays.
 TEST_F(Format, NeverWritesBeyondTheSize) {
-  char comma[] = ",";
-  conventions.thousands_sep = comma;
-  const char *text = "lead %'9d|%-12s|%+.3e|%#o|%c|%%|%12p|tail of more than sixteen bytes";
-  const auto printInto = [&](char *buffer, uint64_t size) {
-    return format(buffer, size, text, 12345, "string", -2.5, 8, 'c', nullptr);
+  const auto printInto = [](char *buffer, uint64_t size) {
+    return format(buffer, size, "lead %9d|%-12s|%+.3e|%#o|%c|%12p|tail of many bytes", 12345,
+                  "string", -2.5, 8, 'c', nullptr);
   };
-  char whole[200];
-  const int32_t length = printInto(whole, sizeof whole);
+  std::string whole(100, '~');
+  const int32_t length = printInto(whole.data(), whole.size());
+  whole.resize(static_cast<size_t>(length));
   EXPECT_EQ(printInto(nullptr, 100), length);
-  for (uint64_t size = 0; size < static_cast<uint64_t>(length) + 3; ++size) {
-    std::string buffer(200, '~');
+  for (size_t size = 0; size < whole.size() + 3; ++size) {
+    std::string buffer(100, '~');
+    std::string expected = buffer;
     ASSERT_EQ(printInto(buffer.data(), size), length);
-    const uint64_t stored = std::min<uint64_t>(size, static_cast<uint64_t>(length) + 1);
-    std::string expected(whole, stored);
-    if (size != 0) {
-      expected.back() = '\0';
+    if (size > 0) {
+      const std::string cut = whole.substr(0, size - 1) + '\0';
+      expected.replace(0, cut.size(), cut);
     }
-    ASSERT_EQ(buffer, expected + std::string(200 - stored, '~')) << "size " << size;
+    ASSERT_EQ(buffer, expected) << "size " << size;
   }
 }
 
@@ -411,34 +371,18 @@ TEST_F(Format, NeedsNoMemoryAndNoStart) {
 TEST_F(Format, MakesStrings) {
   ASSERT_EQ(zov_init(), ZOV_OKAY);
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  for (int width : {0, 1, 254, 255, 256, 5000}) {
+  for (int width : {0, 252, 253, 5000}) {
     char *made = zov_makeStrVA(ZOV_HERE, tag, "%*s%.1f", width, "", 2.5);
     EXPECT_EQ(made, std::string(static_cast<size_t>(width), ' ') + "2.5");
     zov_freeMem(made, tag);
   }
   EXPECT_EQ(zov_makeStrVA(ZOV_HERE, tag, "%f", 1e20), nullptr);
-  for (int width : {1, 5000}) {
-    testing::internal::CaptureStdout();
-    zovtest::failAllocationAfter(0, true);
-    EXPECT_EQ(zov_makeStrVA("caller", 77, tag, "%*d", width, 5), nullptr);
-    EXPECT_TRUE(zovtest::stopFailing());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Out of memory. Called from caller:77\n");
-  }
+  testing::internal::CaptureStdout();
+  zovtest::failAllocationAfter(0, true);
+  EXPECT_EQ(zov_makeStrVA("caller", 77, tag, "%d", 5), nullptr);
+  EXPECT_TRUE(zovtest::stopFailing());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Out of memory. Called from caller:77\n");
   zov_term();
-}
-
-// The list is the caller's still: two calls read the same arguments.
-TEST_F(Format, ConsumesACopyOfTheList) {
-  const auto twice = [](const char *text, ...) {
-    va_list arguments;
-    va_start(arguments, text);
-    char buffer[2][40];
-    zov_vsnprintf(buffer[0], sizeof buffer[0], text, arguments);
-    zov_vsnprintf(buffer[1], sizeof buffer[1], text, arguments);
-    va_end(arguments);
-    return std::string(buffer[0]) + buffer[1];
-  };
-  EXPECT_EQ(twice("%d %s %.1f|", 5, "a", 2.5), "5 a 2.5|5 a 2.5|");
 }
 
 }  // namespace
