@@ -28,7 +28,12 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zovConfigVersion.cmake
 install(FILES
   ${PROJECT_BINARY_DIR}/zovConfig.cmake
   ${PROJECT_BINARY_DIR}/zovConfigVersion.cmake
+  ${CMAKE_CURRENT_LIST_DIR}/zov_grammar.cmake
   DESTINATION ${ZOV_CMAKE_DIR} COMPONENT Development)
+
+# What zov_add_grammar() runs, where bison and Python are present.
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/zov-tables
+  DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Development)
 
 # pkg-config zov
 set(ZOV_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -77,7 +82,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzov-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "${ZOV_RUNTIME_PACKAGE} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), libc6-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "bison, python3")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-  "This package holds the header, the link to the shared library, and what
-CMake and pkg-config need to find them.")
+  "This package holds the header, the link to the shared library, what CMake
+and pkg-config need to find them, and zov-tables, which makes parse tables.")
 include(CPack)

@@ -9,7 +9,7 @@
 # a change of the grammar makes them anew during the build, and the copy beside
 # the grammar follows.
 find_program(ZOV_TABLES_PROGRAM zov-tables
-  HINTS ${CMAKE_CURRENT_LIST_DIR}/../tools ${CMAKE_CURRENT_LIST_DIR}/../../../bin)
+  HINTS ${CMAKE_CURRENT_LIST_DIR}/../tools ${PACKAGE_PREFIX_DIR}/bin)
 find_package(BISON 3.0 QUIET)
 find_package(Python3 QUIET COMPONENTS Interpreter)
 

@@ -18,13 +18,13 @@ JOBS=$(nproc)
 # on the machine beyond what a minimal Debian 12 holds.
 declare -A PACKAGES=(
   [build]="cmake g++ ninja-build"
-  [test]="libgtest-dev"
+  [test]="bison libgtest-dev python3"
   [bench]="libbenchmark-dev"
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen"
   [package]="dpkg-dev file pkg-config"
-  [ci]="ccache clang-format clang-tidy git python3 shellcheck"
+  [ci]="ccache clang-format clang-tidy git shellcheck"
 )
 
 say() {
