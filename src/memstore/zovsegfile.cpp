@@ -26,6 +26,7 @@
 #include <atomic>
 
 #include "core/zov_private.h"
+#include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"
 #include "memstore/zovshmcache_private.h"
 
@@ -368,6 +369,10 @@ bool openFile(SegFile &file, uint32_t flags) {
 }
 
 }  // namespace
+
+void zov::segRemoveById(uint64_t id) {
+  zov_shmCacheRemoveCtx(id);
+}
 
 extern "C" {
 

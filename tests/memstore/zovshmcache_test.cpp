@@ -36,6 +36,7 @@ class Cache : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(zov_init(), ZOV_OKAY);
+    unmapped.clear();
     id = zov_shmCacheNextId();
     context = open(O_CREAT);
     ASSERT_NE(context, nullptr);
@@ -79,6 +80,7 @@ TEST_F(Cache, DeletedContextStaysForItsUsers) {
   zov_shmCacheClose(mine);
   zov_shmCacheCloseCtx(context);
   zov_shmCacheRemoveCtx(id);
+  EXPECT_NE(zov_shmOpen(reinterpret_cast<ZOV_SHM_CTX>(id), 0, 0, 0), nullptr);
   *static_cast<char *>(zov_shmCacheGetPtr(theirs)) = 1;
   zov_shmCacheReleasePtr(theirs, nullptr);
   zov_shmCacheClose(theirs);

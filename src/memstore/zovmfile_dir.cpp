@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Directories of the memory file system: their entries, made, renamed and
+// removed so that nothing is lost when memory runs out, and the table of those
+// that have been used.
+//
+//   dirTable: id -> Directory -> one handle of the directory's segmented file
+//
+// dirMutex guards the table and nothing in the directories; a directory's tree
+// belongs to the lock of its file. At most one such lock is held at a time, but
+// for a directory that is being made, which nobody else knows, under that of its
+// parent.
+//
+// Nothing jumps: callers hold jumps off.
+#include <errno.h>
+#include <fcntl.h>
+
+#include "core/zov_private.h"
+#include "memstore/zovmfile_private.h"
+#include "memstore/zovsegfile_private.h"
+#include "memstore/zovshm_private.h"
+
+namespace {
+
+using zov::Cursor;
+using zov::Directory;
+using zov::DirEntry;
+using zov::NameKey;
+using zov::Pin;
+
+// Rank 10: dirTable and allDirectories. Taken under a directory's lock.
+ZOV_SYNC dirMutex = ZOV_NO_SYNC;
+zov::IdTable<Directory> dirTable;
+Directory *allDirectories = nullptr;
+
+Directory *findDirectory(uint64_t id) {
+  zov_syncEnterExcl(dirMutex);
+  Directory *directory = dirTable.find(id);
+  zov_syncExitExcl(dirMutex);
+  return directory;
+}
+
+// Puts a directory into the table unless another thread was faster. Gives the
+// one that is in there.
+Directory *publish(Directory *directory) {
+  zov_syncEnterExcl(dirMutex);
+  Directory *known = dirTable.find(directory->id);
+  if (known == nullptr) {
+    known = directory;
+    directory->next = allDirectories;
+    allDirectories = directory;
+    dirTable.insert(directory);
+  }
+  zov_syncExitExcl(dirMutex);
+  return known;
+}
+
+// Formats a directory that is empty, and opens the pages that every one has. The
+// caller holds its lock. A failed format leaves it empty.
+bool prepareTree(Directory &directory) {
+  const ZOV_SEG seg = directory.seg;
+  if (zov_segSize(seg) == 0 && zov::initializeSubdir(seg) != ZOV_OKAY) {
+    if (zov_segSize(seg) != 0) {
+      zov_segSetSize(seg, 0);
+    }
+    return false;
+  }
+  const Cursor cursor = zov::cursorOf(directory);
+  const Pin<zov::DirHeader> header(cursor, zov::kHeaderNode);
+  const Pin<zov::TreeNode> root(cursor, zov::kRootNode);
+  return header && root;
+}
+
+void freeDirectory(Directory *directory) {
+  if (directory->seg != nullptr) {
+    zov_segClose(directory->seg);
+  }
+  zov_freeMem(directory, ZOV_DEFAULT_TAG);
+}
+
+Directory *newDirectory(uint64_t id) {
+  Directory *directory = static_cast<Directory *>(
+      zov_getMem(sizeof(Directory), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (directory == nullptr) {
+    return nullptr;
+  }
+  directory->id = id;
+  directory->seg = zov_segOpen(id, O_CREAT);
+  if (directory->seg == nullptr) {
+    freeDirectory(directory);
+    return nullptr;
+  }
+  directory->nodeBytes = zov_segSegSize(directory->seg);
+  zov_segLock(directory->seg);
+  const bool prepared = prepareTree(*directory);
+  zov_segUnlock(directory->seg);
+  if (!prepared) {
+    freeDirectory(directory);
+    return nullptr;
+  }
+  return directory;
+}
+
+// Stores what an entry needs outside its node, and reserves so many nodes for
+// the insertion.
+int32_t secureEntry(Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
+  if (key.length > zov::kLongestName || zov::setName(cursor, entry, key) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  if (zov::reserveNodes(cursor, nodes) != ZOV_OKAY) {
+    zov::removeName(cursor, entry);
+    return ZOV_ERROR;
+  }
+  return ZOV_OKAY;
+}
+
+int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
+                         uint16_t type) {
+  DirEntry entry = {};
+  entry.fileId = id;
+  entry.type = type;
+  if (secureEntry(cursor, entry, key, zov::nodesToInsert(cursor)) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  ++directory.changes;
+  return zov::insertEntry(cursor, entry);
+}
+
+Directory *createSubdirInSubdir(Directory &parent, Cursor &cursor, const NameKey &key) {
+  uint64_t id = 0;
+  if (zov::createEntryInSubdir(parent, cursor, key, zov::kTypeDirectory, id) != ZOV_OKAY) {
+    return nullptr;
+  }
+  Directory *directory = zov::openSubdir(id);
+  if (directory == nullptr && zov::locate(cursor, key) == ZOV_OKAY &&
+      zov::removeEntryInSubdir(parent, cursor) == ZOV_OKAY) {
+    zov::segRemoveById(id);
+  }
+  return directory;
+}
+
+}  // namespace
+
+Directory *zov::openSubdir(uint64_t id) {
+  Directory *directory = findDirectory(id);
+  if (directory != nullptr) {
+    return directory;
+  }
+  directory = newDirectory(id);
+  if (directory == nullptr) {
+    return nullptr;
+  }
+  Directory *known = publish(directory);
+  if (known != directory) {
+    freeDirectory(directory);
+  }
+  return known;
+}
+
+Cursor zov::cursorOf(const Directory &directory) {
+  Cursor cursor;
+  cursor.seg = directory.seg;
+  cursor.nodeBytes = directory.nodeBytes;
+  cursor.depth = -1;
+  return cursor;
+}
+
+int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type,
+                                   uint64_t &id) {
+  const int32_t status = locate(cursor, key);
+  if (status == ZOV_NOTFOUND) {
+    errno = ENOENT;
+  }
+  DirEntry entry;
+  if (status != ZOV_OKAY || readEntryInSubdir(cursor, entry) != ZOV_OKAY) {
+    return status != ZOV_OKAY ? status : ZOV_ERROR;
+  }
+  if (type != kTypeAny && type != entry.type) {
+    return ZOV_ERROR;
+  }
+  id = entry.fileId;
+  return ZOV_OKAY;
+}
+
+int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key,
+                                 uint16_t type, uint64_t &id) {
+  id = zov_segNextId();
+  if (id == 0) {
+    return ZOV_ERROR;
+  }
+  const int32_t status = addEntryInSubdir(directory, cursor, key, id, type);
+  if (status != ZOV_OKAY) {
+    segRemoveById(id);
+  }
+  return status;
+}
+
+int32_t zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
+  DirEntry entry;
+  if (readEntryInSubdir(cursor, entry) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  removeName(cursor, entry);
+  ++directory.changes;
+  return compress_node(cursor);
+}
+
+int32_t zov::renameEntryInSubdir(Directory &directory, const NameKey &oldKey,
+                                 const NameKey &newKey) {
+  Cursor cursor = cursorOf(directory);
+  if (locate(cursor, newKey) != ZOV_NOTFOUND) {
+    return ZOV_ERROR;
+  }
+  // What the new name needs is had before the old one goes. The removal may
+  // change which nodes are full, so there is a node for every level, and one
+  // more, as a root that is split takes two.
+  const uint32_t nodes = static_cast<uint32_t>(cursor.depth + 2);
+  DirEntry old;
+  if (locate(cursor, oldKey) != ZOV_OKAY || readEntryInSubdir(cursor, old) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  DirEntry entry = {};
+  entry.fileId = old.fileId;
+  entry.type = old.type;
+  if (secureEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  removeEntryInSubdir(directory, cursor);
+  return locate(cursor, newKey) == ZOV_NOTFOUND ? insertEntry(cursor, entry) : ZOV_ERROR;
+}
+
+Directory *zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags) {
+  Cursor cursor = cursorOf(parent);
+  uint64_t id = 0;
+  const int32_t status = findMemEntityInSubdir(cursor, key, kTypeDirectory, id);
+  if (status == ZOV_OKAY) {
+    return openSubdir(id);
+  }
+  const bool create = status == ZOV_NOTFOUND && (flags & O_CREAT) != 0;
+  return create ? createSubdirInSubdir(parent, cursor, key) : nullptr;
+}
+
+int32_t zov::directoriesInit() {
+  dirMutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  dirTable.clear();
+  allDirectories = nullptr;
+  return dirMutex == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
+}
+
+// At shut-down the memory goes with its tags, and closing the files would be
+// work for nothing.
+void zov::directoriesTerm() {
+  while (!terminating() && allDirectories != nullptr) {
+    Directory *directory = allDirectories;
+    allDirectories = directory->next;
+    freeDirectory(directory);
+  }
+  allDirectories = nullptr;
+  dirTable.clear();
+  zov_syncDelete(dirMutex);
+  dirMutex = ZOV_NO_SYNC;
+}

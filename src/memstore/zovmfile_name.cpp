@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The names of a directory's entries: their storage beyond the entry, and their
+// comparison. Extra entries come from nodes of their own; free ones form a list
+// across those nodes, from the directory's header on.
+//
+// A comparison reads the name where it is stored. It takes eight bytes at a time
+// with the letters folded, most significant first, and looks into the extra
+// entries only when the entry's own 22 bytes agree.
+//
+// No locks of its own, no jumps; see zovmfile_tree.h.
+#include <string.h>
+
+#include <algorithm>
+#include <bit>
+#include <iterator>
+
+#include "memstore/zovmfile_tree.h"
+
+namespace {
+
+using zov::Cursor;
+using zov::DirEntry;
+using zov::DirHeader;
+using zov::ExtraEntry;
+using zov::ExtraLink;
+using zov::NameKey;
+using zov::Pin;
+
+constexpr uint64_t kEachByte = UINT64_C(0x0101010101010101);
+
+// Eight bytes with 'A' to 'Z' made small. Bytes above 0x7F stay as they are.
+uint64_t foldWord(uint64_t word) {
+  const uint64_t low = word & (0x7F * kEachByte);
+  const uint64_t fromA = low + (0x80 - 'A') * kEachByte;
+  const uint64_t pastZ = low + (0x7F - 'Z') * kEachByte;
+  const uint64_t capital = (fromA & ~pastZ) & ~word & (0x80 * kEachByte);
+  return word | (capital >> 2);
+}
+
+// Eight bytes as a number that compares as they do.
+uint64_t orderedWord(const char *bytes) {
+  uint64_t word;
+  memcpy(&word, bytes, sizeof word);
+  word = foldWord(word);
+  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
+}
+
+int32_t sign(uint64_t left, uint64_t right) {
+  return (left > right) - (left < right);
+}
+
+unsigned char foldByte(char byte) {
+  const unsigned char value = static_cast<unsigned char>(byte);
+  const bool capital = value >= 'A' && value <= 'Z';
+  return static_cast<unsigned char>(capital ? value + ('a' - 'A') : value);
+}
+
+int32_t compareFolded(const char *left, const char *right, size_t count) {
+  for (size_t index = 0; index < count; ++index) {
+    const int32_t order = foldByte(left[index]) - foldByte(right[index]);
+    if (order != 0) {
+      return order;
+    }
+  }
+  return 0;
+}
+
+ExtraEntry &extraAt(const Pin<ExtraEntry> &page, ExtraLink link) {
+  return page.get()[link.index];
+}
+
+bool isNone(ExtraLink link) {
+  return link.node == 0;
+}
+
+int32_t readSubdirExtraEntry(Cursor &cursor, ExtraLink link, ExtraEntry &entry) {
+  const Pin<ExtraEntry> page(cursor, link.node);
+  if (!page) {
+    return ZOV_ERROR;
+  }
+  entry = extraAt(page, link);
+  return ZOV_OKAY;
+}
+
+int32_t writeSubdirExtraEntry(Cursor &cursor, ExtraLink link, const ExtraEntry &entry) {
+  const Pin<ExtraEntry> page(cursor, link.node);
+  if (!page) {
+    return ZOV_ERROR;
+  }
+  extraAt(page, link) = entry;
+  return ZOV_OKAY;
+}
+
+// Puts the entries of a new node on the free list, in their order.
+int32_t allocateSubdirExtraNode(Cursor &cursor, DirHeader &header) {
+  uint32_t number = 0;
+  if (zov::allocSubdirNode(cursor, number) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  const Pin<ExtraEntry> page(cursor, number);
+  if (!page) {
+    return ZOV_ERROR;
+  }
+  const size_t last = cursor.nodeBytes / sizeof(ExtraEntry) - 1;
+  for (size_t index = 0; index < last; ++index) {
+    page.get()[index].next = {number, static_cast<uint16_t>(index + 1), 0};
+  }
+  page.get()[last].next = header.freeExtra;
+  header.freeExtra = {number, 0, 0};
+  return ZOV_OKAY;
+}
+
+int32_t allocateSubdirExtraEntry(Cursor &cursor, ExtraLink &taken) {
+  const Pin<DirHeader> header(cursor, zov::kHeaderNode);
+  if (!header ||
+      (isNone(header->freeExtra) && allocateSubdirExtraNode(cursor, *header) != ZOV_OKAY)) {
+    return ZOV_ERROR;
+  }
+  taken = header->freeExtra;
+  ExtraEntry entry;
+  if (readSubdirExtraEntry(cursor, taken, entry) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  header->freeExtra = entry.next;
+  return ZOV_OKAY;
+}
+
+void freeSubdirExtraEntry(Cursor &cursor, ExtraLink link) {
+  const Pin<DirHeader> header(cursor, zov::kHeaderNode);
+  const Pin<ExtraEntry> page(cursor, link.node);
+  if (header && page) {
+    extraAt(page, link).next = header->freeExtra;
+    header->freeExtra = link;
+  }
+}
+
+void freeChain(Cursor &cursor, ExtraLink link) {
+  ExtraEntry entry;
+  while (!isNone(link) && readSubdirExtraEntry(cursor, link, entry) == ZOV_OKAY) {
+    freeSubdirExtraEntry(cursor, link);
+    link = entry.next;
+  }
+}
+
+// Stores the rest of a name, and gives the first entry of its chain. The chain
+// is built from its end, so that each entry is written once.
+int32_t writeExtraName(Cursor &cursor, const char *rest, size_t length, ExtraLink &first) {
+  first = {};
+  size_t done = (length - 1) / zov::kExtraNameBytes * zov::kExtraNameBytes;
+  for (;; done -= zov::kExtraNameBytes) {
+    ExtraLink link;
+    if (allocateSubdirExtraEntry(cursor, link) != ZOV_OKAY) {
+      freeChain(cursor, first);
+      return ZOV_ERROR;
+    }
+    ExtraEntry entry = {.next = first, .name = {}};
+    memcpy(entry.name, rest + done, std::min<size_t>(length - done, zov::kExtraNameBytes));
+    writeSubdirExtraEntry(cursor, link, entry);
+    first = link;
+    if (done == 0) {
+      return ZOV_OKAY;
+    }
+  }
+}
+
+// Compares what follows the first 22 bytes of two names that agree in them.
+int32_t compareExtraName(Cursor &cursor, const NameKey &key, const DirEntry &entry,
+                         int32_t &order) {
+  const char *rest = key.text + zov::kEntryNameBytes;
+  size_t keyLeft = key.length - zov::kEntryNameBytes;
+  size_t entryLeft = entry.nameLen - zov::kEntryNameBytes;
+  order = 0;
+  for (ExtraLink link = entry.extra; order == 0 && keyLeft > 0 && entryLeft > 0;) {
+    const Pin<ExtraEntry> page(cursor, link.node);
+    if (!page) {
+      return ZOV_ERROR;
+    }
+    const size_t count = std::min<size_t>({keyLeft, entryLeft, zov::kExtraNameBytes});
+    order = compareFolded(rest, extraAt(page, link).name, count);
+    link = extraAt(page, link).next;
+    rest += count;
+    keyLeft -= count;
+    entryLeft -= count;
+  }
+  if (order == 0) {
+    order = sign(keyLeft, entryLeft);
+  }
+  return ZOV_OKAY;
+}
+
+}  // namespace
+
+zov::NameKey::NameKey(const char *name) : text(name), length(strlen(name)) {
+  char first[sizeof words] = {};
+  memcpy(first, name, std::min<size_t>(length, kEntryNameBytes));
+  for (size_t word = 0; word < std::size(words); ++word) {
+    words[word] = orderedWord(first + word * sizeof(uint64_t));
+  }
+}
+
+int32_t zov::setName(Cursor &cursor, DirEntry &entry, const NameKey &key) {
+  memcpy(entry.name, key.text, std::min<size_t>(key.length, kEntryNameBytes));
+  entry.nameLen = static_cast<uint16_t>(key.length);
+  if (key.length <= kEntryNameBytes) {
+    return ZOV_OKAY;
+  }
+  return writeExtraName(cursor, key.text + kEntryNameBytes, key.length - kEntryNameBytes,
+                        entry.extra);
+}
+
+void zov::removeName(Cursor &cursor, const DirEntry &entry) {
+  freeChain(cursor, entry.extra);
+}
+
+int32_t zov::getName(Cursor &cursor, const DirEntry &entry, char *name) {
+  const size_t length = entry.nameLen;
+  size_t done = std::min<size_t>(length, kEntryNameBytes);
+  memcpy(name, entry.name, done);
+  for (ExtraLink link = entry.extra; done < length;) {
+    const Pin<ExtraEntry> page(cursor, link.node);
+    if (!page) {
+      return ZOV_ERROR;
+    }
+    const size_t count = std::min<size_t>(length - done, kExtraNameBytes);
+    memcpy(name + done, extraAt(page, link).name, count);
+    link = extraAt(page, link).next;
+    done += count;
+  }
+  name[length] = '\0';
+  return ZOV_OKAY;
+}
+
+int32_t zov::compareName(Cursor &cursor, const NameKey &key, const DirEntry &entry,
+                         int32_t &order) {
+  // The last word reaches two bytes past the name, which are zero in every
+  // entry.
+  for (size_t word = 0; word < std::size(key.words); ++word) {
+    order = sign(key.words[word], orderedWord(entry.name + word * sizeof(uint64_t)));
+    if (order != 0) {
+      return ZOV_OKAY;
+    }
+  }
+  const bool keyGoesOn = key.length > kEntryNameBytes;
+  const bool entryGoesOn = entry.nameLen > kEntryNameBytes;
+  if (keyGoesOn && entryGoesOn) {
+    return compareExtraName(cursor, key, entry, order);
+  }
+  order = keyGoesOn - entryGoesOn;
+  return ZOV_OKAY;
+}

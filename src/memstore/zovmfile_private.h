@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The directories of the memory file system, and the way from a path to them.
+//
+// Everything that takes a Directory runs under its lock, and all of it with
+// jumps held off.
+#ifndef ZOV_MEMSTORE_ZOVMFILE_PRIVATE_H
+#define ZOV_MEMSTORE_ZOVMFILE_PRIVATE_H
+
+#include "memstore/zovmfile_tree.h"
+
+namespace zov {
+
+// A directory, with the one handle of its file that its tree is used through.
+// Made when the directory is first needed and kept to the end, since no
+// directory is ever removed.
+//
+// 1. id, seg and nodeBytes never change. changes belongs to the file's lock.
+// 2. Pages that make up the tree are all open in seg.
+struct Directory {
+  uint64_t id;
+  ZOV_SEG seg;
+  uint32_t nodeBytes;
+  uint64_t changes;  // counts what moves entries, and so spoils cursors
+  Directory *next;   // in the list of all
+  Directory *hashNext;
+
+  uint64_t hashId() const { return id; }
+};
+
+// Directories (zovmfile_dir.cpp).
+
+// The directory of an id, or null when memory is short. Formats it when it is
+// new. Nobody may hold its lock but under that of its parent, while it is made.
+Directory *openSubdir(uint64_t id);
+
+Cursor cursorOf(const Directory &directory);
+
+// Looks a name up: ZOV_OKAY with its id, ZOV_NOTFOUND with errno ENOENT and the
+// cursor at its place, or ZOV_ERROR, also when the type is another.
+int32_t findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type, uint64_t &id);
+
+// Adds an entry with a new id at the cursor, which a failed look-up left.
+int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint16_t type,
+                            uint64_t &id);
+
+// Removes the entry at the cursor. Fails, if ever, before it changes anything.
+int32_t removeEntryInSubdir(Directory &directory, Cursor &cursor);
+
+// ZOV_ERROR unless the old name is there and the new one is not.
+int32_t renameEntryInSubdir(Directory &directory, const NameKey &oldKey, const NameKey &newKey);
+
+// The directory of that name in this one; with O_CREAT made if it is missing.
+// Null when it is not there or memory is short.
+Directory *openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags);
+
+int32_t directoriesInit();
+void directoriesTerm();
+
+// Paths (zovmfile_path.cpp).
+
+// Resolves "." and "..", and empty components, in place; false when a ".." leads
+// out of a relative path. A "/." at the end stays as it is.
+bool normalizePath(char *path);
+
+// A copy of a path that is normalised and has no separator at its end. Paths of
+// usual length need no allocation.
+class PathCopy {
+ public:
+  PathCopy(const char *path, size_t length);
+  ~PathCopy();
+  PathCopy(const PathCopy &) = delete;
+  PathCopy &operator=(const PathCopy &) = delete;
+
+  // Null when the path cannot be normalised or memory is short.
+  char *get() const { return text_; }
+
+ private:
+  char short_[512];
+  char *long_ = nullptr;
+  char *text_ = nullptr;
+};
+
+// Opens a directory by its normalised path, which is used up. The directories
+// above it are made if they are missing, itself with O_CREAT.
+Directory *openMemSubdir(char *path, uint32_t flags);
+
+// What a path leads to: a name in a directory, and perhaps an entry.
+struct Target {
+  explicit Target(const char *path);
+
+  const char *path;
+  NameKey key;           // the last component
+  Directory *directory;  // locked from a successful handleFullPath() on
+  uint64_t id;
+  bool created;
+};
+
+// Finds the entry a path names, with O_CREAT making a file that is missing, and
+// all directories above it in any case. With ZOV_OKAY the directory is locked
+// and the caller unlocks it; with any other status it is not.
+int32_t handleFullPath(Target &target, uint32_t flags, uint16_t type);
+
+}  // namespace zov
+
+#endif

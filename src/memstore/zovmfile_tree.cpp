@@ -1,0 +1,397 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Search, insertion, removal and enumeration in the tree of a directory. The
+// cursor's path is the stack of every operation: insertion splits full nodes on
+// the way up it, removal combines poor ones.
+//
+// Counts: a node is split when an insertion brings it to its capacity, 72 with
+// nodes of 4096 bytes, and combined with a sibling when a removal leaves it with
+// fewer than half of that. Siblings that do not fit into one node share by one
+// entry at a time, and not at all when they differ by one.
+//
+// In moving slots about, an entry's left child lies before it in memory and its
+// right child behind it: cutting at a slot's entry keeps the child left of it in
+// place, cutting at the slot itself moves both.
+//
+// No locks of its own, no jumps; see zovmfile_tree.h.
+#include "memstore/zovmfile_tree.h"
+
+#include <assert.h>
+#include <string.h>
+
+namespace {
+
+using zov::Cursor;
+using zov::DirEntry;
+using zov::kRootNode;
+using zov::NameKey;
+using zov::PathElement;
+using zov::Pin;
+using zov::TreeNode;
+using zov::TreeSlot;
+
+// What a node has to hold besides its entries and their left children: the count
+// and the last child.
+constexpr uint32_t kNodeOverhead = 12;
+
+uint32_t capacityOf(const Cursor &cursor) {
+  return (cursor.nodeBytes - kNodeOverhead) / sizeof(TreeSlot);
+}
+
+uint32_t fewestOf(const Cursor &cursor) {
+  return (cursor.nodeBytes - kNodeOverhead) / (2 * sizeof(TreeSlot));
+}
+
+// Moves the element at the top of the path by `step` levels, and gives the new
+// one; null when a path gets longer than any tree is deep.
+PathElement *getPathNode(Cursor &cursor, int32_t step) {
+  if (cursor.depth + step >= zov::kMaxDepth) {
+    return nullptr;
+  }
+  cursor.depth += step;
+  return &cursor.path[cursor.depth];
+}
+
+bool push(Cursor &cursor, uint32_t node, uint16_t slot) {
+  PathElement *element = getPathNode(cursor, 1);
+  if (element == nullptr) {
+    return false;
+  }
+  *element = {node, slot};
+  return true;
+}
+
+PathElement &top(Cursor &cursor) {
+  return cursor.path[cursor.depth];
+}
+
+// Copies `entries` slots and the child behind them.
+void copySlots(TreeSlot *to, const TreeSlot *from, uint32_t entries) {
+  memmove(to, from, entries * sizeof(TreeSlot) + offsetof(TreeSlot, entry));
+}
+
+// Makes room for an entry. The child left of it stays, the one right of it is
+// the caller's to set.
+void open_slots(TreeNode &node, uint32_t slot) {
+  TreeSlot *slots = node.slots();
+  memmove(&slots[slot + 1].entry, &slots[slot].entry, (node.count - slot) * sizeof(TreeSlot));
+  ++node.count;
+}
+
+// Drops an entry and the child left of it.
+void close_slots(TreeNode &node, uint32_t slot) {
+  TreeSlot *slots = node.slots();
+  copySlots(&slots[slot], &slots[slot + 1], node.count - slot - 1);
+  --node.count;
+}
+
+// Binary search in a node that is not empty. ZOV_OKAY with the slot of the name,
+// ZOV_NOTFOUND with the one it would take, or ZOV_ERROR.
+int32_t node_search(Cursor &cursor, TreeNode &node, const NameKey &key, uint16_t &slot) {
+  int32_t low = 0;
+  int32_t high = node.count - 1;
+  while (low <= high) {
+    const int32_t middle = (low + high) / 2;
+    int32_t order = 0;
+    if (zov::compareName(cursor, key, node.slots()[middle].entry, order) != ZOV_OKAY) {
+      return ZOV_ERROR;
+    }
+    if (order == 0) {
+      slot = static_cast<uint16_t>(middle);
+      return ZOV_OKAY;
+    }
+    if (order > 0) {
+      low = middle + 1;
+    } else {
+      high = middle - 1;
+    }
+  }
+  slot = static_cast<uint16_t>(low);
+  return ZOV_NOTFOUND;
+}
+
+// An entry on its way into the tree, with the subtree right of it.
+struct Rising {
+  DirEntry entry;
+  uint32_t rightChild;
+};
+
+// Splits a full node below the root: the upper half moves to a new node, and the
+// middle entry rises.
+int32_t split_node(Cursor &cursor, TreeNode &node, Rising &rising) {
+  uint32_t number = 0;
+  if (zov::allocSubdirNode(cursor, number) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  const Pin<TreeNode> upper(cursor, number);
+  const uint32_t middle = node.count / 2;
+  upper->count = static_cast<uint16_t>(node.count - middle - 1);
+  copySlots(upper->slots(), &node.slots()[middle + 1], upper->count);
+  node.count = static_cast<uint16_t>(middle);
+  rising = {node.slots()[middle].entry, number};
+  return ZOV_OKAY;
+}
+
+// Splits the full root, which keeps its number: both halves move to new nodes.
+int32_t split_root(Cursor &cursor, TreeNode &root) {
+  uint32_t lowerNumber = 0;
+  Rising rising;
+  if (zov::allocSubdirNode(cursor, lowerNumber) != ZOV_OKAY ||
+      split_node(cursor, root, rising) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  const Pin<TreeNode> lower(cursor, lowerNumber);
+  lower->count = root.count;
+  copySlots(lower->slots(), root.slots(), root.count);
+  TreeSlot *slots = root.slots();
+  slots[0].child = lowerNumber;
+  slots[0].entry = rising.entry;
+  slots[1].child = rising.rightChild;
+  root.count = 1;
+  return ZOV_OKAY;
+}
+
+// Moves one entry through the parent from the fuller of two siblings to the
+// other, unless they differ by one.
+void rebalance(DirEntry &separator, TreeNode &left, TreeNode &right) {
+  TreeSlot *leftSlots = left.slots();
+  TreeSlot *rightSlots = right.slots();
+  if (left.count + 1 < right.count) {
+    leftSlots[left.count].entry = separator;
+    leftSlots[left.count + 1].child = rightSlots[0].child;
+    ++left.count;
+    separator = rightSlots[0].entry;
+    close_slots(right, 0);
+  } else if (right.count + 1 < left.count) {
+    copySlots(&rightSlots[1], rightSlots, right.count);
+    rightSlots[0].entry = separator;
+    rightSlots[0].child = leftSlots[left.count].child;
+    ++right.count;
+    separator = leftSlots[left.count - 1].entry;
+    --left.count;
+  }
+}
+
+// Puts the left node and the separator in front of the right node's slots.
+void prependSlots(TreeSlot *rightSlots, TreeNode &left, const DirEntry &separator) {
+  copySlots(rightSlots, left.slots(), left.count);
+  rightSlots[left.count].entry = separator;
+}
+
+// Two siblings and the entry of their parent between them.
+struct Siblings {
+  TreeNode &parent;
+  uint32_t separator;  // slot in the parent
+  TreeNode &left;
+  TreeNode &right;
+};
+
+// Merges two siblings that fit into one node. Into their parent, if that is the
+// root and has no others: the tree loses a level. Else into the right one; the
+// separator and the left child are the caller's to drop. True in the first case.
+bool merge_nodes(Cursor &cursor, const Siblings &siblings) {
+  TreeNode &left = siblings.left;
+  TreeNode &right = siblings.right;
+  TreeSlot *slots = siblings.parent.slots();
+  const DirEntry separator = slots[siblings.separator].entry;
+  const uint32_t leftNumber = slots[siblings.separator].child;
+  const uint16_t count = static_cast<uint16_t>(left.count + right.count + 1);
+  const bool intoRoot = cursor.depth == 1 && siblings.parent.count == 1;
+  if (intoRoot) {
+    const uint32_t rightNumber = slots[1].child;
+    copySlots(&slots[left.count + 1], right.slots(), right.count);
+    prependSlots(slots, left, separator);
+    siblings.parent.count = count;
+    zov::deleteSubdirNode(cursor, rightNumber);
+  } else {
+    copySlots(&right.slots()[left.count + 1], right.slots(), right.count);
+    prependSlots(right.slots(), left, separator);
+    right.count = count;
+  }
+  zov::deleteSubdirNode(cursor, leftNumber);
+  return intoRoot;
+}
+
+// Combines the node at the top of the path, which is poor, with a sibling. True
+// when the parent has now a slot to drop, at which the path then ends.
+bool combine_nodes(Cursor &cursor) {
+  PathElement &above = cursor.path[cursor.depth - 1];
+  const Pin<TreeNode> parent(cursor, above.node);
+  if (!parent) {
+    return false;
+  }
+  if (above.slot == parent->count) {
+    --above.slot;
+  }
+  TreeSlot *slots = parent->slots();
+  const Pin<TreeNode> left(cursor, slots[above.slot].child);
+  const Pin<TreeNode> right(cursor, slots[above.slot + 1].child);
+  if (!left || !right) {
+    return false;
+  }
+  if (left->count + right->count + 1u >= capacityOf(cursor)) {
+    rebalance(slots[above.slot].entry, *left, *right);
+    return false;
+  }
+  if (merge_nodes(cursor, {*parent, above.slot, *left, *right})) {
+    return false;
+  }
+  getPathNode(cursor, -1);
+  return true;
+}
+
+// Drops the slot at the end of the path, and what follows from that further up.
+int32_t shrink_node(Cursor &cursor) {
+  for (;;) {
+    const PathElement place = top(cursor);
+    const Pin<TreeNode> node(cursor, place.node);
+    if (!node) {
+      return ZOV_ERROR;
+    }
+    close_slots(*node, place.slot);
+    const bool poor = place.node != kRootNode && node->count < fewestOf(cursor);
+    if (!poor || !combine_nodes(cursor)) {
+      return ZOV_OKAY;
+    }
+  }
+}
+
+// Descends from a node along its first children, to the first entry there.
+int32_t getLeftMost(Cursor &cursor, uint32_t number, DirEntry &entry) {
+  while (number != 0) {
+    const Pin<TreeNode> node(cursor, number);
+    if (!node || !push(cursor, number, 0)) {
+      return ZOV_ERROR;
+    }
+    number = node->slots()[0].child;
+    entry = node->slots()[0].entry;
+  }
+  return ZOV_OKAY;
+}
+
+}  // namespace
+
+int32_t zov::locate(Cursor &cursor, const NameKey &key) {
+  cursor.depth = -1;
+  uint32_t number = kRootNode;
+  while (number != 0) {
+    const Pin<TreeNode> node(cursor, number);
+    if (!node || !push(cursor, number, 0)) {
+      return ZOV_ERROR;
+    }
+    if (node->count == 0) {
+      return ZOV_NOTFOUND;
+    }
+    uint16_t &slot = top(cursor).slot;
+    const int32_t status = node_search(cursor, *node, key, slot);
+    if (status != ZOV_NOTFOUND) {
+      return status;
+    }
+    number = node->slots()[slot].child;
+  }
+  return ZOV_NOTFOUND;
+}
+
+int32_t zov::readEntryInSubdir(Cursor &cursor, DirEntry &entry) {
+  const PathElement &place = top(cursor);
+  const Pin<TreeNode> node(cursor, place.node);
+  if (!node) {
+    return ZOV_ERROR;
+  }
+  entry = node->slots()[place.slot].entry;
+  return ZOV_OKAY;
+}
+
+uint32_t zov::nodesToInsert(Cursor &cursor) {
+  uint32_t nodes = 0;
+  for (int32_t depth = cursor.depth; depth >= 0; --depth) {
+    const Pin<TreeNode> node(cursor, cursor.path[depth].node);
+    if (!node || node->count + 1u < capacityOf(cursor)) {
+      break;
+    }
+    nodes += depth == 0 ? 2 : 1;
+  }
+  return nodes;
+}
+
+// expand_node() of every level that the entry, or what rises from it, comes to.
+int32_t zov::insertEntry(Cursor &cursor, const DirEntry &entry) {
+  Rising rising = {entry, 0};
+  for (;;) {
+    const PathElement place = top(cursor);
+    const Pin<TreeNode> node(cursor, place.node);
+    if (!node) {
+      return ZOV_ERROR;
+    }
+    open_slots(*node, place.slot);
+    node->slots()[place.slot].entry = rising.entry;
+    node->slots()[place.slot + 1].child = rising.rightChild;
+    if (node->count < capacityOf(cursor)) {
+      return ZOV_OKAY;
+    }
+    if (place.node == kRootNode) {
+      return split_root(cursor, *node);
+    }
+    if (split_node(cursor, *node, rising) != ZOV_OKAY) {
+      return ZOV_ERROR;
+    }
+    getPathNode(cursor, -1);
+  }
+}
+
+int32_t zov::compress_node(Cursor &cursor) {
+  PathElement &place = top(cursor);
+  const Pin<TreeNode> node(cursor, place.node);
+  if (!node) {
+    return ZOV_ERROR;
+  }
+  TreeSlot *slots = node->slots();
+  const uint32_t right = slots[place.slot + 1].child;
+  if (right != 0) {
+    // The next entry in order, the first of a leaf, takes the place of this one
+    // and is the one to drop.
+    DirEntry successor;
+    DirEntry &removed = slots[place.slot].entry;
+    ++place.slot;
+    if (getLeftMost(cursor, right, successor) != ZOV_OKAY) {
+      return ZOV_ERROR;
+    }
+    removed = successor;
+  }
+  return shrink_node(cursor);
+}
+
+int32_t zov::firstName(Cursor &cursor, DirEntry &entry) {
+  cursor.depth = -1;
+  const Pin<TreeNode> root(cursor, kRootNode);
+  if (!root) {
+    return ZOV_ERROR;
+  }
+  return root->count == 0 ? ZOV_NOTFOUND : getLeftMost(cursor, kRootNode, entry);
+}
+
+int32_t zov::nextName(Cursor &cursor, bool advance, DirEntry &entry) {
+  if (cursor.depth < 0) {
+    return ZOV_NOTFOUND;
+  }
+  if (advance) {
+    ++top(cursor).slot;
+  }
+  for (bool below = true; cursor.depth >= 0; below = false) {
+    const PathElement place = top(cursor);
+    const Pin<TreeNode> node(cursor, place.node);
+    if (!node) {
+      return ZOV_ERROR;
+    }
+    const TreeSlot &slot = node->slots()[place.slot];
+    if (below && slot.child != 0) {
+      return getLeftMost(cursor, slot.child, entry);
+    }
+    if (place.slot < node->count) {
+      entry = slot.entry;
+      return ZOV_OKAY;
+    }
+    getPathNode(cursor, -1);
+  }
+  return ZOV_NOTFOUND;
+}

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tree that a directory of the memory file system is: its format in the
+// pages of the directory's segmented file, and the operations on it.
+//
+//   page 0: DirHeader            the free lists
+//   page 1: TreeNode             the root, for ever
+//   page n: TreeNode, or ExtraEntry[B / 32], or a node on the free list
+//
+// A TreeNode holds `count` entries in name order, and left of each, and right of
+// the last, the number of the node with the names between; 0 in a leaf. Names
+// are ordered by their bytes with ASCII letters in lower case, so that no locale
+// can reorder them. A name's first 22 bytes stand in its entry, the rest in a
+// chain of extra entries.
+//
+// Everything here runs under the directory's lock and with jumps held off, and
+// through the one handle that the directory is ever changed by. That handle made
+// every node and so has it open: pinning a node that exists does not fail, and
+// what an operation needs anew is made before it changes anything.
+#ifndef ZOV_MEMSTORE_ZOVMFILE_TREE_H
+#define ZOV_MEMSTORE_ZOVMFILE_TREE_H
+
+#include <stddef.h>
+
+#include "zov.h"
+
+namespace zov {
+
+constexpr uint32_t kHeaderNode = 0;
+constexpr uint32_t kRootNode = 1;
+
+// Bytes of a name in its entry, and in each extra entry.
+constexpr uint32_t kEntryNameBytes = 22;
+constexpr uint32_t kExtraNameBytes = 24;
+constexpr size_t kLongestName = UINT16_MAX;
+
+// Types of an entry, and what asks for either.
+constexpr uint16_t kTypeFile = 0;
+constexpr uint16_t kTypeDirectory = 1;
+constexpr uint16_t kTypeAny = UINT16_MAX;
+
+// Where an extra entry is; all zero means none.
+struct ExtraLink {
+  uint32_t node;
+  uint16_t index;
+  uint16_t zero;
+};
+
+struct ExtraEntry {
+  ExtraLink next;  // of the same name, or of the free list
+  char name[kExtraNameBytes];
+};
+
+struct DirHeader {
+  uint32_t freeNode;    // first node of the free list, 0 when it is empty
+  uint32_t nextNode;    // lowest node never handed out
+  ExtraLink freeExtra;  // first free extra entry
+};
+
+struct DirEntry {
+  uint64_t fileId;
+  uint16_t nameLen;
+  uint16_t type;
+  ExtraLink extra;  // the rest of the name
+  char name[kEntryNameBytes];
+  char zero[6];
+};
+
+// The subtree left of an entry, and the entry. In the slot behind the last entry
+// only the subtree counts.
+struct TreeSlot {
+  uint32_t child;
+  uint32_t unused;
+  DirEntry entry;
+};
+
+struct alignas(8) TreeNode {
+  uint16_t count;
+  uint16_t unused[3];
+
+  TreeSlot *slots() { return reinterpret_cast<TreeSlot *>(this + 1); }
+};
+
+struct FreeNode {
+  uint32_t next;
+};
+
+static_assert(sizeof(ExtraEntry) == 32 && sizeof(DirHeader) == 16 && sizeof(DirEntry) == 48);
+static_assert(offsetof(DirEntry, extra) == 12 && offsetof(DirEntry, name) == 20);
+static_assert(sizeof(TreeNode) == 8 && offsetof(TreeSlot, entry) == 8 && sizeof(TreeSlot) == 56);
+
+struct PathElement {
+  uint32_t node;
+  uint16_t slot;
+};
+
+// More levels than any tree has: nodes below the root keep some 34 entries, and
+// their numbers have 32 bits.
+constexpr int32_t kMaxDepth = 16;
+
+// A place in a tree and the way to it.
+struct Cursor {
+  ZOV_SEG seg;
+  uint32_t nodeBytes;  // B, the size of a node
+  int32_t depth;       // of the last element of path; -1 for none
+  PathElement path[kMaxDepth];
+};
+
+// A page of the tree, pinned while this lives.
+template <typename Page>
+class Pin {
+ public:
+  Pin(const Cursor &cursor, uint32_t number) : seg_(cursor.seg), number_(number) {
+    zov_segGetPtr(seg_, number, &page_);
+  }
+  ~Pin() {
+    if (page_ != nullptr) {
+      zov_segReleasePtr(seg_, number_, page_);
+    }
+  }
+  Pin(const Pin &) = delete;
+  Pin &operator=(const Pin &) = delete;
+
+  explicit operator bool() const { return page_ != nullptr; }
+  Page *get() const { return static_cast<Page *>(page_); }
+  Page *operator->() const { return get(); }
+  Page &operator*() const { return *get(); }
+
+ private:
+  ZOV_SEG seg_;
+  uint32_t number_;
+  void *page_;
+};
+
+// A name that is looked for: its first bytes folded, eight at a time, into
+// numbers that compare as the bytes do.
+struct NameKey {
+  explicit NameKey(const char *name);
+
+  const char *text;
+  size_t length;
+  uint64_t words[3];
+};
+
+// Nodes (zovmfile_node.cpp). Statuses are ZOV_OKAY or ZOV_ERROR.
+
+int32_t initializeSubdir(ZOV_SEG seg);
+
+// Takes a node off the free list, or a new one. Its contents are undefined.
+int32_t allocSubdirNode(Cursor &cursor, uint32_t &number);
+void deleteSubdirNode(Cursor &cursor, uint32_t number);
+
+// Sees to it that so many calls of allocSubdirNode() succeed.
+int32_t reserveNodes(Cursor &cursor, uint32_t wanted);
+
+// Names (zovmfile_name.cpp).
+
+// Stores a name in an entry; when that fails nothing is taken.
+int32_t setName(Cursor &cursor, DirEntry &entry, const NameKey &key);
+
+// Gives back what a name has beyond its entry.
+void removeName(Cursor &cursor, const DirEntry &entry);
+
+// Writes nameLen bytes and a NUL.
+int32_t getName(Cursor &cursor, const DirEntry &entry, char *name);
+
+// Compares the key to an entry's name: order is below, at or above 0 as the key
+// is.
+int32_t compareName(Cursor &cursor, const NameKey &key, const DirEntry &entry, int32_t &order);
+
+// The tree (zovmfile_tree.cpp).
+
+// Finds a name. ZOV_OKAY with the cursor at its entry, ZOV_NOTFOUND with the
+// cursor at its place in a leaf, or ZOV_ERROR.
+int32_t locate(Cursor &cursor, const NameKey &key);
+
+int32_t readEntryInSubdir(Cursor &cursor, DirEntry &entry);
+
+// Inserts an entry at the cursor, which locate() left at ZOV_NOTFOUND. The nodes
+// it may need are reserved: nodesToInsert() of them.
+int32_t insertEntry(Cursor &cursor, const DirEntry &entry);
+uint32_t nodesToInsert(Cursor &cursor);
+
+// Removes the entry at the cursor, leaving its name's extra entries alone.
+int32_t compress_node(Cursor &cursor);
+
+// Steps in name order. ZOV_OKAY with the cursor at the entry that is copied,
+// ZOV_NOTFOUND when there is none, or ZOV_ERROR. Without advance the cursor's own
+// entry is the next one.
+int32_t firstName(Cursor &cursor, DirEntry &entry);
+int32_t nextName(Cursor &cursor, bool advance, DirEntry &entry);
+
+}  // namespace zov
+
+#endif

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the memory files ask of the segmented files beside the public calls.
+#ifndef ZOV_MEMSTORE_ZOVSEGFILE_PRIVATE_H
+#define ZOV_MEMSTORE_ZOVSEGFILE_PRIVATE_H
+
+#include "zov.h"
+
+namespace zov {
+
+// Removes the file of an id: at once, or when the last who has it open closes
+// it. Also for an id that no file was ever opened by. Cannot fail.
+void segRemoveById(uint64_t id);
+
+}  // namespace zov
+
+#endif
