@@ -2173,6 +2173,177 @@ ZOV_API void zov_segUnlock(ZOV_SEG file);
  * memstore/zovmfile: memory files
  * ======================================================================== */
 
+/** An open file in memory. */
+typedef struct MemFile *ZOV_MFILE;
+
+/** A walk through a directory in memory. */
+typedef struct MemWalk *ZOV_MEM_WALK;
+
+/*
+ * Files in memory live in a tree of directories of their own, from a root "/"
+ * that no disk shares. They last until they are removed or the library is shut
+ * down. Names are bytes, compared with the ASCII letters' case ignored, and kept
+ * as they were given. Of a file's path the directory part is made absolute and
+ * normalised, a backslash counting as a slash; the last component is a name as it
+ * stands. A path without a slash names no file.
+ *
+ * How they differ from files on disk:
+ *
+ *   missing directories  made, wherever a path leads through them, even when
+ *                        it is only asked for
+ *   rename               stays in its directory; the new path's last component
+ *                        counts
+ *   seeking past the end refused; writing there is not
+ *   `O_APPEND`           ignored: the position starts at 0
+ *   access modes         ignored: every open file reads and writes
+ *   directories          cannot be removed
+ *
+ * At most some 130,000 files and directories exist at once, each with its sync
+ * object; an empty file takes about 700 bytes.
+ */
+
+/**
+ * Starts the memory files and the layers beneath. For zov_init() only, as are
+ * zov_segInit(), zov_shmCacheInit() and zov_shmInit().
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_mfInit(void);
+
+/** Ends them, and releases every file in memory. For zov_term() only.
+ *  @return #ZOV_OKAY. */
+ZOV_API int32_t zov_mfTerm(void);
+
+/**
+ * Opens a file in memory.
+ *
+ * @param path  its path
+ * @param flags open flags: `O_CREAT` makes a missing file, `O_TRUNC` empties it;
+ *              others are ignored
+ * @return the file at position 0, to be closed with zov_mfClose(), or null: no
+ *         such file (errno is `ENOENT`), a directory, a path that cannot be
+ *         resolved, or memory is short.
+ *
+ * Threads: any. Cost: a look-up for each component of the path, under the lock of
+ * one directory at a time.
+ * Messages: those of a failing allocation or zov_syncCreate_check().
+ */
+ZOV_API ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags);
+
+/** Closes a file; null is ignored. Threads: one at a time on a file, as for all
+ *  that follow. */
+ZOV_API void zov_mfClose(ZOV_MFILE file);
+
+/**
+ * Sets the position of a file.
+ *
+ * @param file   the file
+ * @param offset bytes from the place that whence names; to go back from it, two's
+ *               complement
+ * @param whence 0 the beginning, 1 the position, 2 the end
+ * @return #ZOV_OKAY, or #ZOV_ERROR with the position as it was: past the end, or
+ *         no such whence, or no file.
+ */
+ZOV_API int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence);
+
+/** Reads at the position, which moves behind what was read.
+ *  @return as zov_segSeekRead(); 0 for no file. */
+ZOV_API uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length);
+
+/** Writes at the position, which moves behind what was written.
+ *  @return as zov_segSeekWrite(); 0 for no file. */
+ZOV_API uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
+
+/** Reads at an offset and leaves the position alone.
+ *  @return as zov_segSeekRead(); 0 for no file. */
+ZOV_API uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);
+
+/** Writes at an offset and leaves the position alone.
+ *  @return as zov_segSeekWrite(); 0 for no file. */
+ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer,
+                                 uint32_t length);
+
+/** Enters the lock of a file, recursive and shared by all who have the file
+ *  open; transfers take it for their length. @return #ZOV_OKAY. */
+ZOV_API int32_t zov_mfLock(ZOV_MFILE file);
+
+/** Leaves the lock of a file. @return #ZOV_OKAY. */
+ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file);
+
+/** @return the size of a file in bytes; 0 for no file. */
+ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);
+
+/** Sets the size of a file. @return as zov_segSetSize(); #ZOV_ERROR for no
+ *  file. */
+ZOV_API int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size);
+
+/** @return the size of the file of a path; 0 when there is none. Threads: any. */
+ZOV_API uint64_t zov_mfSizeStat(const char *path);
+
+/** @return when the file of a path was last written to, in seconds since the
+ *  epoch; 0 when it never was or there is none. Threads: any. */
+ZOV_API uint64_t zov_mfModTime(const char *path);
+
+/**
+ * Removes a file. Who has it open keeps it; its memory goes with the last close.
+ * @return #ZOV_OKAY; #ZOV_NOTFOUND; #ZOV_ERROR for a directory, or a path that
+ *         cannot be resolved.
+ * Threads: any.
+ */
+ZOV_API int32_t zov_mfRemove(const char *path);
+
+/**
+ * Renames a file or a directory within its directory.
+ *
+ * @param oldPath its path
+ * @param newPath the new name: what follows the last slash, or all of it
+ * @return #ZOV_OKAY; #ZOV_NOTFOUND for a missing file; #ZOV_ERROR, with nothing
+ *         changed, when the new name is taken, empty or longer than 65,535 bytes,
+ *         or memory is short.
+ *
+ * Threads: any. Messages: that of a failing allocation.
+ */
+ZOV_API int32_t zov_mfRename(const char *oldPath, const char *newPath);
+
+/**
+ * Tells whether a path names a directory or a file.
+ *
+ * @param path        the path
+ * @param isDirectory place for 1 when it names a directory and 0 when it names a
+ *                    file, untouched when neither; or null
+ * @return 1 when there is something of that name, else 0.
+ *
+ * Threads: any.
+ */
+ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
+
+/**
+ * Begins a walk through the names in a directory.
+ *
+ * @param directory the directory's path
+ * @param pattern   what the names must match, as by zov_match()
+ * @return the walk, to be ended with zov_mfPathClose(), or null: no such
+ *         directory, or memory is short.
+ *
+ * Threads: any. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
+
+/**
+ * Steps a walk to its next name, in the order of names. The directory may change
+ * between the steps: the walk goes on behind the name that it gave last.
+ *
+ * @param walk        the walk
+ * @param isDirectory gets 1 for a directory, 0 for a file; untouched at the end
+ * @return the name, which the walk owns until the next step, or null at the end
+ *         and when memory is short.
+ *
+ * Threads: one at a time on a walk. Messages: that of a failing allocation.
+ */
+ZOV_API const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory);
+
+/** Ends a walk; null is ignored. */
+ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
+
 /* ========================================================================
  * text/zov_vsnprintf: formatted output
  * ======================================================================== */

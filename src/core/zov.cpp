@@ -47,7 +47,7 @@ struct Stage {
 };
 
 void memoryStorageTerm() {
-  zov_segTerm();
+  zov_mfTerm();
 }
 
 template <ZOV_FILE_STACK &stack>
@@ -60,7 +60,7 @@ constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
-    {zov_segInit, memoryStorageTerm},
+    {zov_mfInit, memoryStorageTerm},
     {[] { return zov_fileStackInit(&zov::stdoutStack, "stdout"); }, stackTerm<zov::stdoutStack>},
     {[] { return zov_fileStackInit(&zov::stderrStack, "stderr"); }, stackTerm<zov::stderrStack>},
     {[] { return zov_fileStackInit(&zov::logStack, nullptr); }, stackTerm<zov::logStack>},

@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Files in memory: the calls by path and by handle. Each file is a segmented
+// file, named by an id that stands in the entry of its name.
+//
+//   path -> Directory, locked -> entry -> id -> MemFile { position, seg }
+//
+// An id leads to its file only while the entry that holds it is there, so a file
+// is opened, and its statistics are read, under the lock of its directory; who
+// removes it takes the entry out first. A file's own lock may be held for long by
+// its users, so it is never waited for under a directory's: truncating waits
+// until that is left.
+//
+// No locks of its own. Nothing jumps: jumps are held off before a directory is
+// locked.
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "memstore/zovmfile_private.h"
+#include "memstore/zovsegfile_private.h"
+
+struct MemFile {
+  uint64_t position;  // where zov_mfRead() and zov_mfWrite() go on
+  ZOV_SEG seg;
+};
+
+namespace {
+
+using zov::Target;
+
+// Takes back the entry of a file that could be named and not opened.
+void undoCreate(const Target &target) {
+  zov::Cursor cursor = zov::cursorOf(*target.directory);
+  if (zov::locate(cursor, target.key) == ZOV_OKAY &&
+      zov::removeEntryInSubdir(*target.directory, cursor) == ZOV_OKAY) {
+    zov::segRemoveById(target.id);
+  }
+}
+
+int32_t truncate(ZOV_SEG seg) {
+  zov_segLock(seg);
+  const int32_t status = zov_segSize(seg) == 0 ? ZOV_OKAY : zov_segSetSize(seg, 0);
+  zov_segUnlock(seg);
+  return status;
+}
+
+ZOV_SEG openByPath(const char *path, uint32_t flags) {
+  Target target(path);
+  if (zov::handleFullPath(target, flags, zov::kTypeFile) != ZOV_OKAY) {
+    return nullptr;
+  }
+  const ZOV_SEG seg = zov_segOpen(target.id, flags & ~static_cast<uint32_t>(O_TRUNC));
+  if (seg == nullptr && target.created) {
+    undoCreate(target);
+  }
+  zov_segUnlock(target.directory->seg);
+  if (seg != nullptr && (flags & O_TRUNC) != 0 && truncate(seg) != ZOV_OKAY) {
+    zov_segClose(seg);
+    return nullptr;
+  }
+  return seg;
+}
+
+// A statistic of the file of a path; 0 when there is none.
+uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id)) {
+  const zov::NoJump noJump;
+  Target target(path);
+  if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
+    return 0;
+  }
+  const uint64_t value = read(target.id);
+  zov_segUnlock(target.directory->seg);
+  return value;
+}
+
+bool isFile(const char *path) {
+  Target target(path);
+  if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
+    return false;
+  }
+  zov_segUnlock(target.directory->seg);
+  return true;
+}
+
+bool isDirectoryPath(const char *path) {
+  const zov::PathCopy copy(path, strlen(path));
+  return copy.get() != nullptr && zov::openMemSubdir(copy.get(), 0) != nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags) {
+  const zov::NoJump noJump;
+  MemFile *file = static_cast<MemFile *>(
+      zov_getMem(sizeof(MemFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (file == nullptr) {
+    return nullptr;
+  }
+  file->seg = openByPath(path, flags);
+  if (file->seg == nullptr) {
+    zov_freeMem(file, ZOV_DEFAULT_TAG);
+    return nullptr;
+  }
+  return file;
+}
+
+void zov_mfClose(ZOV_MFILE file) {
+  if (file != nullptr) {
+    zov_segClose(file->seg);
+    zov_freeMem(file, ZOV_DEFAULT_TAG);
+  }
+}
+
+int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence) {
+  if (file == nullptr) {
+    return ZOV_ERROR;
+  }
+  const uint64_t size = zov_segSize(file->seg);
+  uint64_t target = offset;
+  switch (whence) {
+    case SEEK_SET:
+      break;
+    case SEEK_CUR:
+      target += file->position;
+      break;
+    case SEEK_END:
+      target += size;
+      break;
+    default:
+      return ZOV_ERROR;
+  }
+  if (target > size) {
+    return ZOV_ERROR;
+  }
+  file->position = target;
+  return ZOV_OKAY;
+}
+
+uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length) {
+  const uint32_t count =
+      file == nullptr ? 0 : zov_segSeekRead(file->seg, file->position, buffer, length);
+  if (count > 0) {
+    file->position += count;
+  }
+  return count;
+}
+
+uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
+  const uint32_t count =
+      file == nullptr ? 0 : zov_segSeekWrite(file->seg, file->position, buffer, length);
+  if (count > 0) {
+    file->position += count;
+  }
+  return count;
+}
+
+uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {
+  return file == nullptr ? 0 : zov_segSeekRead(file->seg, offset, buffer, length);
+}
+
+uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer, uint32_t length) {
+  return file == nullptr ? 0 : zov_segSeekWrite(file->seg, offset, buffer, length);
+}
+
+int32_t zov_mfLock(ZOV_MFILE file) {
+  return file == nullptr ? ZOV_OKAY : zov_segLock(file->seg);
+}
+
+int32_t zov_mfUnlock(ZOV_MFILE file) {
+  if (file != nullptr) {
+    zov_segUnlock(file->seg);
+  }
+  return ZOV_OKAY;
+}
+
+uint64_t zov_mfSize(ZOV_MFILE file) {
+  return file == nullptr ? 0 : zov_segSize(file->seg);
+}
+
+int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size) {
+  if (file == nullptr) {
+    return ZOV_ERROR;
+  }
+  const zov::NoJump noJump;
+  zov_segLock(file->seg);
+  const int32_t status = zov_segSetSize(file->seg, size);
+  zov_segUnlock(file->seg);
+  return status;
+}
+
+uint64_t zov_mfSizeStat(const char *path) {
+  return statistic(path, zov_segSizeStat);
+}
+
+uint64_t zov_mfModTime(const char *path) {
+  return statistic(path, zov_segModTime);
+}
+
+int32_t zov_mfRemove(const char *path) {
+  const zov::NoJump noJump;
+  Target target(path);
+  int32_t status = zov::handleFullPath(target, 0, zov::kTypeFile);
+  if (status != ZOV_OKAY) {
+    return status;
+  }
+  zov::Cursor cursor = zov::cursorOf(*target.directory);
+  status = zov::locate(cursor, target.key);
+  if (status == ZOV_OKAY) {
+    status = zov::removeEntryInSubdir(*target.directory, cursor);
+  }
+  zov_segUnlock(target.directory->seg);
+  if (status == ZOV_OKAY) {
+    zov::segRemoveById(target.id);
+  }
+  return status;
+}
+
+int32_t zov_mfRename(const char *oldPath, const char *newPath) {
+  const zov::NoJump noJump;
+  const Target renamed(newPath);
+  Target target(oldPath);
+  if (renamed.key.length == 0) {
+    return ZOV_ERROR;
+  }
+  int32_t status = zov::handleFullPath(target, 0, zov::kTypeAny);
+  if (status != ZOV_OKAY) {
+    return status;
+  }
+  status = zov::renameEntryInSubdir(*target.directory, target.key, renamed.key);
+  zov_segUnlock(target.directory->seg);
+  return status;
+}
+
+int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
+  const zov::NoJump noJump;
+  const bool directory = isDirectoryPath(zov_pathStripDrive(path));
+  if (!directory && !isFile(path)) {
+    return 0;
+  }
+  if (isDirectory != nullptr) {
+    *isDirectory = directory ? 1 : 0;
+  }
+  return 1;
+}
+
+int32_t zov_mfInit() {
+  if (zov_segInit() != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  if (zov::directoriesInit() != ZOV_OKAY) {
+    zov_segTerm();
+    return ZOV_ERROR;
+  }
+  return ZOV_OKAY;
+}
+
+int32_t zov_mfTerm() {
+  zov::directoriesTerm();
+  return zov_segTerm();
+}
+}

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Paths of the memory file system: normalising them, and walking down from the
+// root to the directory that they name. On the way a directory is locked for the
+// look-up of the next one and no longer.
+//
+// Only the directory part of a file's path is normalised; its last component is
+// a name as it stands.
+//
+// Nothing jumps: callers hold jumps off.
+#include <fcntl.h>
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "memstore/zovmfile_private.h"
+
+namespace {
+
+using zov::Directory;
+
+bool isSeparator(char byte) {
+  return byte == '/' || byte == '\\';
+}
+
+// What stands between the last separator and where the scan is.
+enum class Component : uint8_t {
+  kStart,   // nothing, at the beginning of the path
+  kEmpty,   // nothing, behind a separator
+  kDot,     // "."
+  kDotDot,  // ".."
+  kName     // anything else
+};
+
+Component afterDot(Component state) {
+  switch (state) {
+    case Component::kStart:
+    case Component::kEmpty:
+      return Component::kDot;
+    case Component::kDot:
+      return Component::kDotDot;
+    default:
+      return Component::kName;
+  }
+}
+
+// Takes a ".." and the component before it off the end of a path of `length`
+// bytes; false when there is no such component. The root is its own parent.
+bool handle_dot_dot(const char *path, size_t &length) {
+  constexpr size_t kWithSeparator = 3;
+  if (length < kWithSeparator) {
+    return false;
+  }
+  if (length == kWithSeparator) {
+    length = 0;
+    return path[0] == '/';
+  }
+  size_t at = length - kWithSeparator;
+  do {
+    if (at == 0) {
+      return false;
+    }
+    --at;
+  } while (path[at] != '/');
+  length = at;
+  return true;
+}
+
+// Ends the component at the end of a path of `length` bytes, before a separator
+// or, with `last`, at the end of the path.
+bool endComponent(const char *path, size_t &length, Component state, bool last) {
+  switch (state) {
+    case Component::kEmpty:
+      length -= last ? 0 : 1;
+      return true;
+    case Component::kDot:
+      if (!last) {
+        length -= 2;
+      }
+      return true;
+    case Component::kDotDot:
+      return handle_dot_dot(path, length);
+    default:
+      return true;
+  }
+}
+
+size_t trimmedLength(const char *path, size_t length) {
+  while (length > 0 && isSeparator(path[length - 1])) {
+    --length;
+  }
+  return length;
+}
+
+// The directory part of a file's path: absolute, and null when that fails.
+Directory *openParent(const char *path, size_t length) {
+  if (path[0] == '/') {
+    const zov::PathCopy parent(path, length);
+    return parent.get() == nullptr ? nullptr : zov::openMemSubdir(parent.get(), O_CREAT);
+  }
+  char *relative =
+      static_cast<char *>(zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (relative == nullptr) {
+    return nullptr;
+  }
+  memcpy(relative, path, length);
+  char *absolute = zov_fullpath(relative);
+  zov_freeMem(relative, ZOV_DEFAULT_TAG);
+  Directory *directory = nullptr;
+  if (absolute != nullptr && absolute[0] == '/') {
+    directory = openParent(absolute, strlen(absolute));
+  }
+  zov_freeMem(absolute, ZOV_DEFAULT_TAG);
+  return directory;
+}
+
+const char *lastComponent(const char *path) {
+  const char *separator = strrchr(path, '/');
+  return separator == nullptr ? path : separator + 1;
+}
+
+}  // namespace
+
+bool zov::normalizePath(char *path) {
+  Component state = Component::kStart;
+  size_t length = 0;  // of the path so far, written over its own beginning
+  for (const char *next = path; *next != '\0'; ++next) {
+    if (!isSeparator(*next)) {
+      path[length++] = *next;
+      state = *next == '.' ? afterDot(state) : Component::kName;
+      continue;
+    }
+    // A "./" that a path begins with vanishes whole, and separators behind it
+    // with it, or the path would become absolute.
+    const bool vanishes =
+        (state == Component::kDot && length == 1) || (state == Component::kEmpty && length == 0);
+    if (vanishes) {
+      length = 0;
+    } else if (endComponent(path, length, state, false)) {
+      path[length++] = '/';
+    } else {
+      return false;
+    }
+    state = Component::kEmpty;
+  }
+  const bool resolved = endComponent(path, length, state, true);
+  path[length] = '\0';
+  return resolved;
+}
+
+zov::PathCopy::PathCopy(const char *path, size_t length) {
+  length = trimmedLength(path, length);
+  char *text = short_;
+  if (length >= sizeof short_) {
+    long_ = static_cast<char *>(
+        zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+    text = long_;
+  }
+  if (text == nullptr) {
+    return;
+  }
+  memcpy(text, path, length);
+  text[length] = '\0';
+  if (normalizePath(text)) {
+    text[trimmedLength(text, strlen(text))] = '\0';
+    text_ = text;
+  }
+}
+
+zov::PathCopy::~PathCopy() {
+  zov_freeMem(long_, ZOV_DEFAULT_TAG);
+}
+
+Directory *zov::openMemSubdir(char *path, uint32_t flags) {
+  Directory *directory = openSubdir(zov_segRootId());
+  char *name = path + strspn(path, "/");
+  while (directory != nullptr && *name != '\0') {
+    char *end = name + strcspn(name, "/");
+    char *following = end + strspn(end, "/");
+    const bool last = *following == '\0';
+    *end = '\0';
+    const NameKey key(name);
+    const ZOV_SEG seg = directory->seg;
+    zov_segLock(seg);
+    directory = openSubdirInSubdir(*directory, key, last ? flags : O_CREAT);
+    zov_segUnlock(seg);
+    name = following;
+  }
+  return directory;
+}
+
+zov::Target::Target(const char *text)
+    : path(zov_pathStripDrive(text)),
+      key(lastComponent(path)),
+      directory(nullptr),
+      id(0),
+      created(false) {}
+
+int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
+  const size_t parentLength = static_cast<size_t>(target.key.text - target.path);
+  if (parentLength == 0 || target.key.length == 0) {
+    return ZOV_ERROR;
+  }
+  Directory *directory = openParent(target.path, parentLength);
+  if (directory == nullptr || zov_segLock(directory->seg) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  Cursor cursor = cursorOf(*directory);
+  int32_t status = findMemEntityInSubdir(cursor, target.key, type, target.id);
+  if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {
+    status = createEntryInSubdir(*directory, cursor, target.key, kTypeFile, target.id);
+    target.created = status == ZOV_OKAY;
+  }
+  if (status != ZOV_OKAY) {
+    zov_segUnlock(directory->seg);
+    return status;
+  }
+  target.directory = directory;
+  return ZOV_OKAY;
+}

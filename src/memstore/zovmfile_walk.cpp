@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Walks through a directory in memory, in the order of its names. The directory
+// is locked for one step at a time and may change in between. If it has not, the
+// cursor of the last step still stands; else the name of the last step is looked
+// up again, and the walk goes on behind it, or behind its place.
+//
+// No locks of its own. Nothing jumps: jumps are held off before the directory is
+// locked.
+#include <string.h>
+
+#include "core/zov_private.h"
+#include "memstore/zovmfile_private.h"
+
+// 1. lastName is the name of the entry at cursor while the directory's count of
+//    changes is seenChanges.
+// 2. pattern lies behind the record, in the same block.
+struct MemWalk {
+  const char *pattern;
+  char *lastName;  // in a block of nameRoom bytes
+  uint64_t nameRoom;
+  zov::Directory *directory;
+  zov::Cursor cursor;
+  uint64_t seenChanges;
+  bool begun;  // lastName holds a name
+  bool ended;
+};
+
+namespace {
+
+using zov::Directory;
+using zov::DirEntry;
+
+// The entry behind the one of the last step, whatever its name.
+int32_t nextEntry(MemWalk &walk, DirEntry &entry) {
+  if (!walk.begun) {
+    return zov::firstName(walk.cursor, entry);
+  }
+  if (walk.seenChanges == walk.directory->changes) {
+    return zov::nextName(walk.cursor, true, entry);
+  }
+  const int32_t status = zov::locate(walk.cursor, zov::NameKey(walk.lastName));
+  if (status == ZOV_ERROR) {
+    return status;
+  }
+  return zov::nextName(walk.cursor, status == ZOV_OKAY, entry);
+}
+
+bool makeRoom(MemWalk &walk, uint64_t bytes) {
+  if (bytes <= walk.nameRoom) {
+    return true;
+  }
+  const uint64_t room = bytes < 64 ? 64 : bytes;
+  char *name =
+      static_cast<char *>(zov_extendMem(walk.lastName, room, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE));
+  if (name == nullptr) {
+    return false;
+  }
+  walk.lastName = name;
+  walk.nameRoom = room;
+  return true;
+}
+
+// Takes an entry's name for that of this step.
+bool takeName(MemWalk &walk, const DirEntry &entry) {
+  if (!makeRoom(walk, uint64_t{entry.nameLen} + 1) ||
+      zov::getName(walk.cursor, entry, walk.lastName) != ZOV_OKAY) {
+    return false;
+  }
+  walk.begun = true;
+  walk.seenChanges = walk.directory->changes;
+  return true;
+}
+
+// Steps to the next name that matches; false at the end or when memory is short.
+bool pathNext(MemWalk &walk, DirEntry &entry) {
+  while (!walk.ended) {
+    const int32_t status = nextEntry(walk, entry);
+    walk.ended = status == ZOV_NOTFOUND;
+    if (status != ZOV_OKAY || !takeName(walk, entry)) {
+      return false;
+    }
+    if (zov_match(walk.lastName, walk.pattern) != 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
+  const zov::NoJump noJump;
+  const char *path = zov_pathStripDrive(directory);
+  const zov::PathCopy copy(path, strlen(path));
+  Directory *opened = copy.get() == nullptr ? nullptr : zov::openMemSubdir(copy.get(), 0);
+  if (opened == nullptr) {
+    return nullptr;
+  }
+  const size_t patternBytes = strlen(pattern) + 1;
+  MemWalk *walk = static_cast<MemWalk *>(
+      zov_getMem(sizeof(MemWalk) + patternBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (walk == nullptr) {
+    return nullptr;
+  }
+  walk->pattern = static_cast<char *>(memcpy(walk + 1, pattern, patternBytes));
+  walk->directory = opened;
+  walk->cursor = zov::cursorOf(*opened);
+  return walk;
+}
+
+const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
+  const zov::NoJump noJump;
+  DirEntry entry;
+  zov_segLock(walk->directory->seg);
+  const bool found = pathNext(*walk, entry);
+  zov_segUnlock(walk->directory->seg);
+  if (!found) {
+    return nullptr;
+  }
+  *isDirectory = entry.type == zov::kTypeDirectory ? 1 : 0;
+  return walk->lastName;
+}
+
+void zov_mfPathClose(ZOV_MEM_WALK walk) {
+  if (walk != nullptr) {
+    zov_freeMem(walk->lastName, ZOV_DEFAULT_TAG);
+    zov_freeMem(walk, ZOV_DEFAULT_TAG);
+  }
+}
+}

@@ -1,0 +1,414 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Files in memory by path and by handle: how paths resolve, what the calls
+// refuse, walks, what a lack of memory leaves behind, and threads that share a
+// directory.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "memstore/zovmfile_private.h"
+#include "support/alloc_failure.h"
+#include "zov.h"
+
+namespace {
+
+class MemoryFiles : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
+  void TearDown() override { zov_term(); }
+};
+
+// Makes a file that holds the text, if it can.
+bool put(const std::string &path, const std::string &text) {
+  ZOV_MFILE file = zov_mfOpen(path.c_str(), O_CREAT | O_TRUNC);
+  const uint32_t length = static_cast<uint32_t>(text.size());
+  const bool done = file != nullptr && zov_mfWrite(file, text.data(), length) == length;
+  zov_mfClose(file);
+  return done;
+}
+
+std::string get(ZOV_MFILE file) {
+  std::string text(zov_mfSize(file), '?');
+  text.resize(zov_mfSeekRead(file, 0, text.data(), static_cast<uint32_t>(text.size())));
+  return text;
+}
+
+std::string get(const std::string &path) {
+  ZOV_MFILE file = zov_mfOpen(path.c_str(), O_RDWR);
+  if (file == nullptr) {
+    return "(none)";
+  }
+  const std::string text = get(file);
+  zov_mfClose(file);
+  return text;
+}
+
+// The names of a directory, those of directories with a slash behind.
+std::string list(const char *directory, const char *pattern = "*") {
+  ZOV_MEM_WALK walk = zov_mfPathOpen(directory, pattern);
+  if (walk == nullptr) {
+    return "(none)";
+  }
+  std::string names;
+  int32_t isDirectory = -1;
+  while (const char *name = zov_mfPathNext(walk, &isDirectory)) {
+    names += std::string(name) + (isDirectory != 0 ? "/ " : " ");
+  }
+  zov_mfPathClose(walk);
+  return names;
+}
+
+TEST(Normalize, ResolvesComponents) {
+  const struct {
+    int line;
+    const char *path;
+    const char *expected;  // null: refused
+  } rows[] = {
+      {__LINE__, "/a/./b//c/../d", "/a/b/d"},
+      {__LINE__, "/../x", "/x"},
+      {__LINE__, "/a/../../x", "/x"},
+      {__LINE__, "\\a\\b/c\\..", "/a/b"},
+      {__LINE__, "/a/b/..", "/a"},
+      {__LINE__, "/a/..", ""},
+      {__LINE__, "/..", ""},
+      {__LINE__, "/", "/"},
+      {__LINE__, "", ""},
+      {__LINE__, "/a/.", "/a/."},
+      {__LINE__, "/./.", "/."},
+      {__LINE__, "/a/", "/a/"},
+      {__LINE__, "/a//", "/a/"},
+      {__LINE__, "///a", "/a"},
+      {__LINE__, "/./x", "/x"},
+      {__LINE__, "./x", "x"},
+      {__LINE__, "././/x", "x"},
+      {__LINE__, "a/./b", "a/b"},
+      {__LINE__, "/...//..a/a../.b", "/.../..a/a../.b"},
+      {__LINE__, "/a/.../..", "/a"},
+      {__LINE__, "../x", nullptr},
+      {__LINE__, "..", nullptr},
+      {__LINE__, "a/..", nullptr},
+      {__LINE__, "./..", nullptr},
+      {__LINE__, "a/../b", nullptr},
+      {__LINE__, "a/b/../c", "a/c"},
+  };
+  for (const auto &row : rows) {
+    // Guards before the path, which a ".." must not reach.
+    char buffer[64] = "/a/";
+    char *path = buffer + 3;
+    strcpy(path, row.path);
+    const bool resolved = zov::normalizePath(path);
+    EXPECT_EQ(resolved, row.expected != nullptr) << "row at line " << row.line;
+    if (resolved && row.expected != nullptr) {
+      EXPECT_STREQ(path, row.expected) << "row at line " << row.line;
+    }
+    EXPECT_EQ(memcmp(buffer, "/a/", 3), 0);
+  }
+}
+
+TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
+  ASSERT_TRUE(put("/a/b/c.dat", "text"));
+  EXPECT_EQ(list("/"), "a/ ");
+  EXPECT_EQ(list("/a"), "b/ ");
+  for (const char *path : {"/a/b/c.dat", "/A/B/C.DAT", "/a//b/c.dat", "/a/./b/c.dat",
+                           "//a/b//c.dat", "/x/../a/b/c.dat", "/../a/b/c.dat", "/a\\b/c.dat"}) {
+    EXPECT_EQ(get(path), "text") << path;
+  }
+  EXPECT_EQ(list("/"), "a/ ") << "no directory without a name";
+  // Relative paths begin at the current directory, whatever the disk has there.
+  ASSERT_TRUE(put("sub/rel", "text"));
+  char *current = zov_fullpath("sub/");
+  EXPECT_EQ(get(std::string(current) + "rel"), "text");
+  zov_freeMem(current, ZOV_DEFAULT_TAG);
+
+  const std::string longPath = "/" + std::string(300, 'p') + "/" + std::string(300, 'q') + "/f";
+  ASSERT_TRUE(put(longPath, "far"));
+  EXPECT_EQ(get(longPath), "far");
+}
+
+TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
+  ASSERT_TRUE(put("/dir/file", "text"));
+  errno = 0;
+  EXPECT_EQ(zov_mfOpen("/dir/none", O_RDWR), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  for (const char *path : {"name", "", "/", "/dir/", "/dir", "/dir/file/under"}) {
+    EXPECT_EQ(zov_mfOpen(path, O_CREAT), nullptr) << path;
+    EXPECT_NE(zov_mfRemove(path), ZOV_OKAY) << path;
+    EXPECT_EQ(zov_mfSizeStat(path), 0u) << path;
+  }
+  EXPECT_EQ(zov_mfRemove("/dir/none"), ZOV_NOTFOUND);
+  EXPECT_EQ(zov_mfRemove("/dir"), ZOV_ERROR);
+  EXPECT_EQ(zov_mfModTime("/dir/none"), 0u);
+  EXPECT_EQ(zov_mfPathOpen("/dir/none", "*"), nullptr);
+  EXPECT_EQ(zov_mfPathOpen("..", "*"), nullptr);
+  EXPECT_EQ(list("/"), "dir/ ");
+  EXPECT_EQ(list("/dir"), "file ");
+}
+
+TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
+  ASSERT_TRUE(put("/dir/file", ""));
+  const struct {
+    int line;
+    const char *path;
+    int32_t exists;
+    int32_t isDirectory;
+  } rows[] = {
+      {__LINE__, "/", 1, 1},         {__LINE__, "/dir", 1, 1},        {__LINE__, "/dir/", 1, 1},
+      {__LINE__, "/dir//", 1, 1},    {__LINE__, "/x/../dir/", 1, 1},  {__LINE__, "/dir/..", 1, 1},
+      {__LINE__, "/dir/file", 1, 0}, {__LINE__, "/dir/file/", 0, -1}, {__LINE__, "/none", 0, -1},
+      {__LINE__, "..", 0, -1},       {__LINE__, "../dir", 0, -1},     {__LINE__, "/dir/.", 0, -1},
+  };
+  for (const auto &row : rows) {
+    int32_t isDirectory = -1;
+    EXPECT_EQ(zov_mfValidate(row.path, &isDirectory), row.exists) << "row at line " << row.line;
+    EXPECT_EQ(isDirectory, row.isDirectory) << "row at line " << row.line;
+  }
+  EXPECT_EQ(zov_mfValidate("/dir", nullptr), 1);
+}
+
+TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
+  ZOV_MFILE file = zov_mfOpen("/f", O_CREAT);
+  ASSERT_EQ(zov_mfWrite(file, "0123456789", 10), 10u);
+  const struct {
+    int line;
+    uint64_t offset;
+    int32_t whence;
+    int32_t status;
+    char next;  // what is read there; 0 for the end
+  } rows[] = {
+      {__LINE__, 3, 0, ZOV_OKAY, '3'},
+      {__LINE__, 2, 1, ZOV_OKAY, '6'},
+      {__LINE__, UINT64_MAX - 1, 1, ZOV_OKAY, '5'},
+      {__LINE__, UINT64_MAX, 2, ZOV_OKAY, '9'},
+      {__LINE__, 0, 2, ZOV_OKAY, 0},
+      {__LINE__, 10, 0, ZOV_OKAY, 0},
+      {__LINE__, 4, 0, ZOV_OKAY, '4'},
+      {__LINE__, 11, 0, ZOV_ERROR, '5'},
+      {__LINE__, 1, 2, ZOV_ERROR, '6'},
+      {__LINE__, UINT64_MAX - 9, 1, ZOV_ERROR, '7'},
+      {__LINE__, 0, 3, ZOV_ERROR, '8'},
+      {__LINE__, 0, -1, ZOV_ERROR, '9'},
+  };
+  for (const auto &row : rows) {
+    EXPECT_EQ(zov_mfSeek(file, row.offset, row.whence), row.status) << "row at line " << row.line;
+    char next = 0;
+    EXPECT_EQ(zov_mfRead(file, &next, 1), row.next == 0 ? 0u : 1u);
+    EXPECT_EQ(next, row.next) << "row at line " << row.line;
+  }
+  EXPECT_EQ(zov_mfSetSize(file, 4), ZOV_OKAY);
+  EXPECT_EQ(zov_mfSeekWrite(file, 6, "x", 1), 1u);
+  EXPECT_EQ(get(file), std::string("0123\0\0x", 7));
+  EXPECT_EQ(zov_mfLock(file), ZOV_OKAY);
+  EXPECT_EQ(zov_mfUnlock(file), ZOV_OKAY);
+  EXPECT_NE(zov_mfModTime("/f"), 0u);
+  zov_mfClose(file);
+}
+
+TEST_F(MemoryFiles, NoFileIsHarmless) {
+  char byte;
+  zov_mfClose(nullptr);
+  zov_mfPathClose(nullptr);
+  EXPECT_EQ(zov_mfSeek(nullptr, 0, 0), ZOV_ERROR);
+  EXPECT_EQ(zov_mfSetSize(nullptr, 0), ZOV_ERROR);
+  EXPECT_EQ(zov_mfRead(nullptr, &byte, 1) + zov_mfWrite(nullptr, &byte, 1), 0u);
+  EXPECT_EQ(zov_mfSeekRead(nullptr, 0, &byte, 1) + zov_mfSeekWrite(nullptr, 0, &byte, 1), 0u);
+  EXPECT_EQ(zov_mfLock(nullptr) + zov_mfUnlock(nullptr), ZOV_OKAY);
+  EXPECT_EQ(zov_mfSize(nullptr), 0u);
+}
+
+TEST_F(MemoryFiles, RemovedFileStaysForItsHandles) {
+  ASSERT_TRUE(put("/f", "old"));
+  ZOV_MFILE file = zov_mfOpen("/f", O_RDWR);
+  ASSERT_EQ(zov_mfRemove("/f"), ZOV_OKAY);
+  EXPECT_EQ(zov_mfOpen("/f", O_RDWR), nullptr);
+  ASSERT_TRUE(put("/f", "newer"));
+  EXPECT_EQ(get(file), "old");
+  EXPECT_EQ(zov_mfSizeStat("/f"), 5u);
+  zov_mfClose(file);
+  EXPECT_EQ(get("/F"), "newer");
+}
+
+TEST_F(MemoryFiles, RenameStaysInItsDirectory) {
+  ASSERT_TRUE(put("/a/x", "text"));
+  ASSERT_TRUE(put("/a/taken", ""));
+  EXPECT_EQ(zov_mfRename("/a/x", "/b/y"), ZOV_OKAY);
+  EXPECT_EQ(list("/a"), "taken y ");
+  EXPECT_EQ(get("/a/y"), "text");
+  EXPECT_EQ(zov_mfRename("/a/y", "z"), ZOV_OKAY);
+  EXPECT_EQ(zov_mfRename("/a/none", "/a/other"), ZOV_NOTFOUND);
+  EXPECT_EQ(zov_mfRename("/a/z", "/a/TAKEN"), ZOV_ERROR);
+  EXPECT_EQ(zov_mfRename("/a/z", "/a/Z"), ZOV_ERROR) << "the same name";
+  EXPECT_EQ(zov_mfRename("/a/z", "/a/"), ZOV_ERROR);
+  EXPECT_EQ(zov_mfRename("/a/z", std::string(65536, 'n').c_str()), ZOV_ERROR);
+  EXPECT_EQ(list("/a"), "taken z ");
+  EXPECT_EQ(zov_mfRename("/a", "/c"), ZOV_OKAY) << "a directory";
+  EXPECT_EQ(get("/c/z"), "text");
+}
+
+TEST_F(MemoryFiles, WalksMatchAndSurviveChanges) {
+  for (const char *name : {"/w/b.txt", "/w/A.TXT", "/w/c.dat", "/w/d.txt", "/w/sub.txt/f"}) {
+    ASSERT_TRUE(put(name, ""));
+  }
+  EXPECT_EQ(list("/w"), "A.TXT b.txt c.dat d.txt sub.txt/ ");
+  EXPECT_EQ(list("/w/", "*.txt"), "A.TXT b.txt d.txt sub.txt/ ");
+  EXPECT_EQ(list("/w/./../w//", "?.dat"), "c.dat ");
+  EXPECT_EQ(list("/w", "nothing"), "");
+
+  ZOV_MEM_WALK walk = zov_mfPathOpen("/w", "*");
+  int32_t isDirectory = -1;
+  EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "A.TXT");
+  ASSERT_EQ(zov_mfRemove("/w/a.txt"), ZOV_OKAY);
+  ASSERT_TRUE(put("/w/aa", ""));
+  EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "aa");
+  ASSERT_EQ(zov_mfRemove("/w/b.txt"), ZOV_OKAY);
+  EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "c.dat");
+  zov_mfPathClose(walk);
+}
+
+// The first, second, ... allocation fails, or all from there on. What was
+// reported as done is done, no name is lost, and the tree stays usable.
+TEST_F(MemoryFiles, NoMemoryLosesNoName) {
+  const std::string tail(60, 'n');
+  for (const bool all : {false, true}) {
+    bool failed = true;
+    for (uint32_t passing = 0; failed; ++passing) {
+      SCOPED_TRACE(passing);
+      const std::string base = "/r" + std::to_string(passing) + (all ? "a" : "o");
+      for (int number = 0; number < 71; ++number) {  // one short of a split
+        ASSERT_TRUE(put(base + "/f" + std::to_string(number), ""));
+      }
+      ASSERT_TRUE(put(base + "/before" + tail, "kept"));
+      zovtest::failAllocationAfter(passing, all);
+      const bool put1 = put(base + "/new/one" + tail, "1");
+      const bool put2 = put(base + "/two" + tail, "2");
+      const int32_t renamed =
+          zov_mfRename((base + "/before" + tail).c_str(), ("after" + tail + tail).c_str());
+      const int32_t removed = zov_mfRemove((base + "/f5").c_str());
+      failed = zovtest::stopFailing();
+      EXPECT_EQ(get(base + "/new/one" + tail) == "1", put1);
+      EXPECT_EQ(get(base + "/two" + tail) == "2", put2);
+      EXPECT_EQ(get(base + (renamed == ZOV_OKAY ? "/after" + tail + tail : "/before" + tail)),
+                "kept");
+      EXPECT_EQ(zov_mfValidate((base + "/f5").c_str(), nullptr), removed == ZOV_OKAY ? 0 : 1);
+      for (int number = 6; number < 71; ++number) {
+        ASSERT_EQ(get(base + "/f" + std::to_string(number)), "");
+      }
+      EXPECT_TRUE(put(base + "/new/one" + tail, "1"));
+    }
+  }
+}
+
+TEST_F(MemoryFiles, RemovalGivesAllMemoryBack) {
+  int64_t live = 0;
+  for (int round = 0; round < 3; ++round) {
+    for (int number = 0; number < 300; ++number) {
+      ASSERT_TRUE(put("/f" + std::to_string(number), std::string(9000, 'x')));
+    }
+    EXPECT_EQ(list("/", "f29?"), "f290 f291 f292 f293 f294 f295 f296 f297 f298 f299 ");
+    for (int number = 0; number < 300; ++number) {
+      ASSERT_EQ(zov_mfRemove(("/f" + std::to_string(number)).c_str()), ZOV_OKAY);
+    }
+    // The directory keeps its nodes from the first round on.
+    EXPECT_TRUE(round == 0 || zovtest::liveBlocks() == live);
+    live = zovtest::liveBlocks();
+  }
+}
+
+// Threads in one directory: each with names of its own, which nobody else may
+// disturb, and all with a few names that they fight over.
+TEST_F(MemoryFiles, ThreadsShareADirectory) {
+  std::atomic<bool> stop{false};
+  std::thread walker([&] {
+    while (!stop) {
+      std::string last;
+      ZOV_MEM_WALK walk = zov_mfPathOpen("/shared", "*");
+      int32_t isDirectory = 0;
+      while (const char *name = walk == nullptr ? nullptr : zov_mfPathNext(walk, &isDirectory)) {
+        EXPECT_LT(last, name);
+        last = name;
+      }
+      zov_mfPathClose(walk);
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int index = 0; index < 4; ++index) {
+    threads.emplace_back([index] {
+      const std::string mine = "/shared/t" + std::to_string(index) + "-";
+      for (int round = 0; round < 300; ++round) {
+        const std::string name = mine + std::to_string(round);
+        EXPECT_TRUE(put(name, name));
+        const std::string common = "/shared/common" + std::to_string(round % 3);
+        ZOV_MFILE file = zov_mfOpen(common.c_str(), O_CREAT | (round % 5 == 0 ? O_TRUNC : 0));
+        ASSERT_NE(file, nullptr);
+        zov_mfRemove(common.c_str());
+        EXPECT_EQ(zov_mfSeekWrite(file, 5000, "x", 1), 1u);
+        zov_mfSizeStat(common.c_str());
+        zov_mfRename(common.c_str(), "common9");
+        zov_mfClose(file);
+        zov_mfRemove("/shared/common9");
+        EXPECT_EQ(zov_mfRename(name.c_str(), (name + "-renamed").c_str()), ZOV_OKAY);
+        EXPECT_EQ(get(name + "-renamed"), name);
+        if (round % 2 == 0) {
+          EXPECT_EQ(zov_mfRemove((name + "-renamed").c_str()), ZOV_OKAY);
+        }
+      }
+    });
+  }
+  for (std::thread &thread : threads) {
+    thread.join();
+  }
+  stop = true;
+  walker.join();
+  for (int index = 0; index < 4; ++index) {
+    for (int round = 0; round < 300; ++round) {
+      const std::string name = "/shared/t" + std::to_string(index) + "-" + std::to_string(round);
+      ASSERT_EQ(get(name + "-renamed"), round % 2 == 0 ? "(none)" : name);
+    }
+  }
+}
+
+// The first use of a directory by two threads formats it once.
+TEST(MemoryFilesStart, ThreadsMeetAtFirstUse) {
+  for (int round = 0; round < 50; ++round) {
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    std::vector<std::thread> threads;
+    for (const char *path : {"/one", "/two", "/d/three", "/d/four"}) {
+      threads.emplace_back([path] { EXPECT_TRUE(put(path, path)); });
+    }
+    for (std::thread &thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(list("/"), "d/ one two ");
+    EXPECT_EQ(list("/d"), "four three ");
+    zov_term();
+  }
+}
+
+TEST_F(MemoryFiles, HoldsAGibibyteAndAHundredThousandNames) {
+  ZOV_MFILE file = zov_mfOpen("/big", O_CREAT);
+  const uint64_t end = uint64_t{1} << 30;
+  EXPECT_EQ(zov_mfSetSize(file, end), ZOV_OKAY);
+  EXPECT_EQ(zov_mfSeekWrite(file, end - 4, "last", 4), 4u);
+  char text[5] = "";
+  EXPECT_EQ(zov_mfSeekRead(file, end - 4, text, 9), 4u);
+  EXPECT_STREQ(text, "last");
+  zov_mfClose(file);
+  EXPECT_EQ(zov_mfRemove("/big"), ZOV_OKAY);
+  for (int number = 0; number < 100000; ++number) {
+    const std::string path = "/many/" + std::to_string(number);
+    ZOV_MFILE made = zov_mfOpen(path.c_str(), O_CREAT);
+    ASSERT_NE(made, nullptr) << path;
+    zov_mfClose(made);
+  }
+  EXPECT_EQ(list("/many", "9999?"), "99990 99991 99992 99993 99994 99995 99996 99997 99998 99999 ");
+}
+
+}  // namespace
