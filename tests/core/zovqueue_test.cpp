@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -14,6 +13,7 @@
 #include <functional>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/alloc_failure.h"
@@ -323,10 +323,11 @@ void exchange(ZOV_QUEUE queue, bool purging) {
   constexpr uint32_t kThreads = 3;
   constexpr uint32_t kMessages = 4000;
   constexpr uint32_t kPurged = 1000;
+  constexpr uint32_t kWaits[kThreads] = {ZOV_WAIT_FOREVER, 1, 0};
   std::atomic<uint32_t> arrived{0};
   std::vector<std::thread> threads;
   for (uint32_t id = 0; id < kThreads; ++id) {
-    threads.emplace_back([&, waitMs = purging || id == 2 ? 0 : ZOV_WAIT_FOREVER + id * 2] {
+    threads.emplace_back([&, waitMs = purging ? 0 : kWaits[id]] {
       uint64_t next[kThreads] = {};
       uint64_t number = 0;
       uint32_t writer = 0;

@@ -44,7 +44,8 @@ int __wrap_sched_get_priority_min(int) {
 
 namespace {
 
-// What a started thread finds out about itself.
+// What a started thread finds out about itself, which is done when its frames
+// are unwound.
 struct Report {
   std::atomic<bool> done{false};
   ZOV_THREAD id = 0;
@@ -54,13 +55,16 @@ struct Report {
 
 void *report(void *argument) {
   Report &report = *static_cast<Report *>(argument);
+  const struct AtEnd {
+    std::atomic<bool> &done;
+    ~AtEnd() { done = true; }
+  } atEnd{report.done};
   report.id = zov_threadId();
   pthread_sigmask(SIG_SETMASK, nullptr, &report.mask);
   pthread_attr_t attributes;
   pthread_getattr_np(pthread_self(), &attributes);
   pthread_attr_getstacksize(&attributes, &report.stackBytes);
   pthread_attr_destroy(&attributes);
-  report.done = true;
   zov_threadEnd();
 }
 
