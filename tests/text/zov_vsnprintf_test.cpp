@@ -72,7 +72,7 @@ class Format : public testing::Test {
   Format() { conventions.decimal_point = decimalPoint; }
 
   const uint32_t seed = std::random_device{}();
-  const testing::ScopedTrace trace{__FILE__, __LINE__, "seed " + std::to_string(seed)};
+  const testing::ScopedTrace trace{__FILE__, __LINE__, std::string("seed ") + std::to_string(seed)};
   std::mt19937_64 random{seed};
 
   int anyBelow(int limit) { return static_cast<int>(random() % static_cast<uint64_t>(limit)); }
@@ -82,9 +82,9 @@ class Format : public testing::Test {
     return choices[random() % kCount];
   }
 
-  // Flags libc has, too.
-  std::string anyFlags() {
-    return pick({"", "-", "+", " ", "#", "0", "-+", "+0", "+ 0", "#0", "# ", "-#0", "+0-# 0"});
+  // How a directive begins, with flags libc has, too.
+  std::string begin() {
+    return pick({"%", "%-", "%+", "% ", "%#", "%0", "%-+", "%+0", "%+ 0", "%#0", "%# ", "%+0-# 0"});
   }
 
   long double anyMagnitude();
@@ -148,7 +148,7 @@ TEST_F(Format, IntegersAreLibcs) {
   for (int round = 0; round < 50000; ++round) {
     const std::string letter = pick({"d", "i", "u", "o", "x", "X"});
     const std::string modifier = pick({"", "hh", "h", "l", "ll", "z", "t", "j"});
-    const std::string text = std::string("%") + anyFlags() + "*.*" + modifier + letter;
+    const std::string text = begin() + "*.*" + modifier + letter;
     const int width = anyBelow(60) - 20;
     int precision = anyBelow(30) - 1;
     // The one disagreement, in the table above.
@@ -251,17 +251,17 @@ long double Format::anyMagnitude() {
 TEST_F(Format, FloatsAreTheModels) {
   for (int round = 0; round < 20000; ++round) {
     const char letter = pick({"f", "e", "g"})[0];
-    const std::string flag = pick({"", "#"});
-    const std::string text = std::string("%") + flag + ".*" + letter;
-    const std::string wideText = std::string("%") + flag + ".*L" + letter;
+    const std::string flag = pick({"%", "%#"});
+    const std::string text = flag + ".*" + letter;
+    const std::string wideText = flag + ".*L" + letter;
     const int precision = anyBelow(25);
     const long double wide = anyMagnitude();
     ASSERT_EQ(print(wideText.c_str(), precision, wide),
-              modelFloat(precision, flag == "#", letter, wide))
+              modelFloat(precision, flag == "%#", letter, wide))
         << wideText << " of " << printLibc("%La", wide) << ' ' << precision;
     const double value = static_cast<double>(std::min<long double>(wide, DBL_MAX));
     ASSERT_EQ(print(text.c_str(), precision, value),
-              modelFloat(precision, flag == "#", letter, value))
+              modelFloat(precision, flag == "%#", letter, value))
         << text << " of " << printLibc("%a", value) << ' ' << precision;
   }
 }
@@ -271,7 +271,7 @@ TEST_F(Format, FloatsAreTheModels) {
 TEST_F(Format, FloatsAreLibcs) {
   for (int round = 0; round < 20000; ++round) {
     const std::string letter = pick({"f", "F", "e", "E", "g", "G"});
-    const std::string text = std::string("%") + anyFlags() + "*.*" + letter;
+    const std::string text = begin() + "*.*" + letter;
     const bool fixed = letter == "f" || letter == "F";
     const int exponent = fixed ? anyBelow(25) - 40 : anyBelow(550) - 300;
     const double value = static_cast<double>(static_cast<int64_t>(random())) * pow(10, exponent);
