@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_seed.h"
 #include "calculator_tables.h"
 
 extern "C" {
@@ -29,8 +30,8 @@ struct Input {
   double sum;
 };
 
-void addExpression(std::vector<Token> &tokens, std::mt19937 &random, int depth) {
-  const uint32_t choice = depth == 0 ? 0 : random() % 8;
+void addExpression(std::vector<Token> &tokens, std::mt19937_64 &random, int depth) {
+  const uint64_t choice = depth == 0 ? 0 : random() % 8;
   if (choice < 2) {
     tokens.push_back({calculator_NUMBER, static_cast<double>(random() % 1000) / 10.0});
   } else if (choice == 2) {
@@ -49,7 +50,7 @@ void addExpression(std::vector<Token> &tokens, std::mt19937 &random, int depth) 
 
 // Whole lines, as many as there is room for, and the end of input.
 std::vector<Token> makeTokens() {
-  std::mt19937 random(1);
+  std::mt19937_64 random(benchSeed());
   std::vector<Token> tokens;
   while (tokens.size() < kTokens) {
     addExpression(tokens, random, 5);

@@ -3036,7 +3036,8 @@ typedef struct ZOV_PARSE_CONTEXT {
  * Parses what the lexer delivers.
  *
  * A syntax error drops states until one accepts the error token, and then tokens
- * until one fits. The error is over after three shifts, or with the next
+ * until one fits. The value of the error token is what the lexer stored last, for
+ * the token that did not fit. The error is over after three shifts, or with the next
  * reduction: a rule like `statement: error` that reduces without a token of its
  * own is found again at the same token for ever, so grammars have
  * `statement: error ';'`.

@@ -197,6 +197,7 @@ TEST_F(Parse, MemoryBelongsToTheTag) {
   EXPECT_EQ(Input{nested(1)}.parse(ZOV_NO_TAG), ZOV_NOMEMORY);
   for (const uint64_t size : {uint64_t{0}, UINT64_MAX / 100 + 1}) {
     ZOV_PARSE_CONTEXT context{};
+    context.tables = &expression_tables;
     context.valueSize = size;
     EXPECT_EQ(zov_yyparse(&context), ZOV_NOMEMORY);
   }
