@@ -106,7 +106,9 @@ void zov_randResetSeed(ZOV_RAND generator, uint32_t seed) {
   seedState(*generator, seed);
 }
 
-uint32_t zov_randGetNext(ZOV_RAND generator) {
+// Aligned, since code as short as this costs a tenth more when it lies across two
+// lines of the cache.
+[[gnu::aligned(64)]] uint32_t zov_randGetNext(ZOV_RAND generator) {
   return draw(*generator);
 }
 
@@ -114,7 +116,7 @@ int32_t zov_randGet(ZOV_RAND generator) {
   return static_cast<int32_t>(draw(*generator) & 0x7FFFFFFF);
 }
 
-uint32_t zov_randGetUInt32(ZOV_RAND generator) {
+[[gnu::aligned(64)]] uint32_t zov_randGetUInt32(ZOV_RAND generator) {
   return draw(*generator);
 }
 
