@@ -2158,7 +2158,7 @@ ZOV_API int32_t zov_segSetSize(ZOV_SEG file, uint64_t size);
 ZOV_API uint64_t zov_segSizeStat(uint64_t id);
 
 /** @return when the file of an id was last written to, in seconds since the
- *  epoch, 0 if it never was; or #UINT32_MAX when there is no such file.
+ *  epoch, 0 if it never was; or UINT32_MAX when there is no such file.
  *  Threads: any; does not take the file's lock. */
 ZOV_API uint64_t zov_segModTime(uint64_t id);
 
@@ -2367,7 +2367,7 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
  *   nothing.
  * - The ' flag separates all groups of three digits, whatever the locale says
  *   of grouping. Separators count against the precision of an integer.
- * - %#o counts its prefix among the digits of the precision.
+ * - `%#o` counts its prefix among the digits of the precision.
  * - %a and %A are %f and %F.
  * - Floating point is computed in extended precision and rounded half up, with
  *   at most 19 digits behind the point: a higher precision means 19. Digits
@@ -2636,7 +2636,7 @@ typedef struct ZOV_FILE_INFO {
 
 /** One redirection of a stack. */
 typedef struct ZOV_FILE_STACK_NODE {
-  ZOV_FILE_INFO *info;
+  ZOV_FILE_INFO *info;              /**< where it leads */
   struct ZOV_FILE_STACK_NODE *next; /**< the redirection below */
 } ZOV_FILE_STACK_NODE;
 
@@ -3024,9 +3024,9 @@ typedef struct ZOV_PARSE_CONTEXT {
   uint64_t valueSize;             /**< bytes of a value, 1 or more, copied as they are */
   void *userContext;              /**< for the callbacks */
   const ZOV_PARSE_TABLES *tables; /**< the grammar */
-  ZOV_PARSE_LEXER lexer;
-  ZOV_PARSE_ACTION action;
-  ZOV_PARSE_ERROR error; /**< or null */
+  ZOV_PARSE_LEXER lexer;          /**< brings the next token */
+  ZOV_PARSE_ACTION action;        /**< carries out a rule */
+  ZOV_PARSE_ERROR error;          /**< or null */
   /** Tag for the stacks, which then stay with it after the call; 0 for a tag of
    *  the call's own, released at its end. */
   ZOV_TAG tag;
