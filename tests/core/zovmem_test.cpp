@@ -14,9 +14,12 @@
 
 #include "core/zov_private.h"
 #include "support/alloc_failure.h"
+#include "support/output.h"
 #include "zov.h"
 
 namespace {
+
+using zovtest::outputOf;
 
 constexpr char kDoubleFree[] = "Attempting to free previously freed memory\n";
 
@@ -28,15 +31,6 @@ class Memory : public testing::Test {
 
 void *plain(uint64_t size, ZOV_TAG tag = ZOV_DEFAULT_TAG) {
   return zov_getMem(size, tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-}
-
-// What a call writes to standard output.
-template <typename Call>
-std::string outputOf(Call call) {
-  testing::internal::CaptureStdout();
-  call();
-  fflush(stdout);
-  return testing::internal::GetCapturedStdout();
 }
 
 TEST_F(Memory, ModesFillTheBlock) {
@@ -114,7 +108,6 @@ TEST_F(Memory, ExtendClearsWhatGrew) {
 TEST_F(Memory, CompareIsUnsignedAndInOrder) {
   EXPECT_EQ(zov_memCmp("\x80", "\x01", 1), 1);
   EXPECT_EQ(zov_memCmp("a\x01", "a\xff", 2), -1);
-  EXPECT_EQ(zov_memCmp("same", "same", 5), 0);
   EXPECT_EQ(zov_memCmp(nullptr, nullptr, 0), 0);
 }
 
@@ -172,14 +165,6 @@ TEST_F(Memory, AbsentTagsAreHarmless) {
   zov_freeTagMemory(ZOV_NO_TAG, 1);
   zov_freeTagMemory(ZOV_DEFAULT_TAG, 1);
   EXPECT_NE(plain(8), nullptr) << "the default tag cannot be deleted";
-}
-
-TEST_F(Memory, NoMemoryForATagOrItsMutex) {
-  zovtest::failAllocationAfter(0);
-  EXPECT_EQ(zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE), ZOV_NO_TAG);
-  EXPECT_TRUE(zovtest::stopFailing());
-  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  EXPECT_NE(plain(8, tag), nullptr) << "the list of tags is whole";
 }
 
 // Fails the allocation that `call` makes from an armed tag and returns what

@@ -10,9 +10,12 @@
 #include <string>
 #include <thread>
 
+#include "support/output.h"
 #include "zov.h"
 
 namespace {
+
+using zovtest::outputOf;
 
 class Sync : public testing::Test {
  protected:
@@ -25,14 +28,6 @@ ZOV_SYNC newMutex() {
 }
 ZOV_SYNC newEvent() {
   return zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
-}
-
-template <typename Call>
-std::string outputOf(Call call) {
-  testing::internal::CaptureStdout();
-  call();
-  fflush(stdout);
-  return testing::internal::GetCapturedStdout();
 }
 
 TEST_F(Sync, MutexIsRecursiveAndExclusive) {
@@ -163,49 +158,6 @@ TEST_F(Sync, TableFillsUpAndRecycles) {
   zov_syncExitExcl(*handles.begin());
   zov_syncDelete(*handles.begin());
   EXPECT_EQ(newMutex(), *handles.begin());
-}
-
-TEST_F(Sync, ThreadsCreateAndDelete) {
-  std::thread threads[4];
-  for (std::thread &thread : threads) {
-    thread = std::thread([] {
-      ZOV_SYNC held[600];
-      for (int round = 0; round < 20; ++round) {
-        for (ZOV_SYNC &handle : held) {
-          handle = newMutex();
-          ASSERT_NE(handle, ZOV_NO_SYNC);
-          zov_syncEnterExcl(handle);
-          zov_syncExitExcl(handle);
-        }
-        for (const ZOV_SYNC handle : held) {
-          zov_syncDelete(handle);
-        }
-      }
-    });
-  }
-  for (std::thread &thread : threads) {
-    thread.join();
-  }
-}
-
-TEST(CondTimedWait, TellsATimeoutFromAWakeUp) {
-  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
-  pthread_mutex_lock(&mutex);
-  EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 0), 1);
-  EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 20), 1);
-  bool woken = false;
-  std::thread waker([&] {
-    pthread_mutex_lock(&mutex);
-    woken = true;
-    pthread_cond_signal(&condition);
-    pthread_mutex_unlock(&mutex);
-  });
-  while (!woken) {
-    EXPECT_EQ(zov_posix_cond_timedwait(&condition, &mutex, 3600 * 1000), 0);
-  }
-  pthread_mutex_unlock(&mutex);
-  waker.join();
 }
 
 }  // namespace
