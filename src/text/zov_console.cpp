@@ -94,6 +94,7 @@ void freeInfo(ZOV_FILE_INFO *info) {
   zov_freeMem(info, ZOV_DEFAULT_TAG);
 }
 
+ZOV_PRINTF(2, 0)
 int32_t _printfV(zov::Console console, const char *format, va_list arguments) {
   if (!zov::exists(console.stack)) {
     return vfprintf(console.standIn, format, arguments);

@@ -89,6 +89,7 @@ int32_t _zov_log_str(bool isError, const char *text) {
 }
 
 // A message about the output that this thread is writing.
+ZOV_PRINTF(1, 0)
 int32_t writeRaw(const char *format, va_list arguments) {
   char text[kShortTextBytes];
   if (zov_vsnprintf(text, sizeof text, format, arguments) > 0) {
@@ -98,6 +99,7 @@ int32_t writeRaw(const char *format, va_list arguments) {
   return 0;
 }
 
+ZOV_PRINTF(2, 0)
 int32_t _zov_logV(bool isError, const char *format, va_list arguments) {
   if (!zov::started()) {
     return vfprintf(isError ? stderr : stdout, format, arguments);
@@ -124,6 +126,7 @@ int32_t _zov_logV(bool isError, const char *format, va_list arguments) {
   return written;
 }
 
+ZOV_PRINTF(2, 0)
 int32_t appendPiece(LogChunk &chunk, const char *format, va_list arguments) {
   const int32_t length = zov_vsnprintf(nullptr, 0, format, arguments);
   if (length < 0) {

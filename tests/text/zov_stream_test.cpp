@@ -27,7 +27,7 @@ class Stream : public testing::Test {
   ZOV_STREAM open(const char *mode, int32_t encoding) const {
     return zov_fopen(file.path.c_str(), mode, encoding);
   }
-  const zovtest::ScratchFile file;
+  zovtest::ScratchFile file;
 };
 
 string readAll(ZOV_STREAM stream) {
