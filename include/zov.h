@@ -1154,8 +1154,8 @@ ZOV_API void zov_fileTerm(void);
  *         why), the read-only flag forbids opening a disk file to write or
  *         create it, or the diskless flag any disk file.
  *
- * Threads: any. Cost: one allocation and open(). Messages: that of a failed
- * allocation.
+ * Threads: any. Cost: one allocation and open(), or zov_mfOpen(). Messages: that
+ * of a failed allocation.
  */
 ZOV_API ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags);
 
@@ -1263,7 +1263,8 @@ ZOV_API int64_t zov_fileLength(ZOV_FILE file);
  *
  * @param path      path; links are followed
  * @param typeFlags type flags as for zov_fileOpen()
- * @return bytes, or -1 when there is no such file.
+ * @return bytes, or -1 when there is no such file; for one in memory as
+ *         zov_mfSizeStat().
  *
  * Threads: any.
  */
@@ -1274,7 +1275,8 @@ ZOV_API int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags);
  *
  * @param file      the file, open for writing
  * @param sizeBytes the new size
- * @return 0; -1 on failure, and for a disk file under the read-only flag.
+ * @return 0; -1 on failure, and for a disk file under the read-only flag. For a
+ *         file in memory as zov_mfSetSize().
  *
  * Threads: any, on a disk file.
  */
@@ -1283,7 +1285,8 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
 /**
  * Locks a file for the caller. Waits for another thread that holds it through
  * the same handle, but not for another handle or process. A thread may lock a
- * handle again; the first unlock then already lets other processes in.
+ * handle again; the first unlock then already lets other processes in. A file
+ * in memory has one lock for all its handles, and is waited for.
  *
  * @return #ZOV_OKAY, or a status that is not 0, at once, when the file is
  *         locked through another handle or by another process.
@@ -1317,7 +1320,8 @@ ZOV_API int32_t zov_fileSync(ZOV_FILE file);
  * @param path      path; links are followed
  * @param typeFlags type flags as for zov_fileOpen()
  * @return whole seconds since 1970, UTC; -1 when there is no such file, and
- *         for a disk file under the diskless flag.
+ *         for a disk file under the diskless flag; for a file in memory as
+ *         zov_mfModTime().
  *
  * Threads: any.
  */

@@ -46,7 +46,7 @@ struct Stage {
   void (*undo)();
 };
 
-void memoryStorageTerm() {
+void memoryFilesTerm() {
   zov_mfTerm();
 }
 
@@ -60,7 +60,7 @@ constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
-    {zov_mfInit, memoryStorageTerm},
+    {zov_mfInit, memoryFilesTerm},
     {[] { return zov_fileStackInit(&zov::stdoutStack, "stdout"); }, stackTerm<zov::stdoutStack>},
     {[] { return zov_fileStackInit(&zov::stderrStack, "stderr"); }, stackTerm<zov::stderrStack>},
     {[] { return zov_fileStackInit(&zov::logStack, nullptr); }, stackTerm<zov::logStack>},
@@ -85,7 +85,7 @@ void _zov_term() {
   stackTerm<zov::stderrStack>();
   zov_freeMem(zov::zov_tmp.exchange(nullptr), ZOV_DEFAULT_TAG);
   zov::storeFlag(zov_terminating, 1);
-  memoryStorageTerm();
+  memoryFilesTerm();
   zov_fileTerm();
   zov::abandonQueues();
   zov_syncShutdown();

@@ -4,8 +4,9 @@
 // and files in memory. Every operation looks at its handle and forwards to the
 // layer that holds the file.
 //
-//   ZOV_FILE -> FileHandle { fd, flags, lockMutex, path } "path\0"
-//                            |
+//   ZOV_FILE -> FileHandle { fd, mfile, flags, lockMutex, path } "path\0"
+//                            |   |
+//                            |   +-> zov_mf* -> the memory file system
 //                            +-> zov_fl* -> the system
 //
 // A handle is one block of fileTag with its path behind the record, so that
@@ -17,9 +18,10 @@
 // diskless flag they are not opened at all. Neither concerns the standard
 // streams.
 //
-// lockMutex makes threads of this process queue up for a handle; the system's
-// file lock, taken under it, keeps other handles and processes out. Nothing
-// else locks: transfers cost one system call, a few tests and no more.
+// lockMutex makes threads of this process queue up for a handle on disk; the
+// system's file lock, taken under it, keeps other handles and processes out. A
+// file in memory has a lock of its own. Nothing else locks here: transfers cost
+// one call of the layer beneath, a few tests and no more.
 //
 // fileTag is private and never armed, so of the functions here only
 // zov_fileOpenW() may jump, which allocates its copy of the path elsewhere.
@@ -37,12 +39,14 @@
 #include "files/zovunix_private.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
-//    system answers a transfer of it with EBADF.
-// 2. path lies behind the record, in the same block.
-// 3. lockMutex changes once, from ZOV_NO_SYNC to the mutex.
+//    system answers a transfer of it with EBADF. A file in memory has none.
+// 2. mfile is set exactly while the handle is of a file in memory.
+// 3. path lies behind the record, in the same block.
+// 4. lockMutex changes once, from ZOV_NO_SYNC to the mutex.
 struct FileHandle {
   const char *path;
   uint64_t fd;
+  ZOV_MFILE mfile;
   uint32_t openFlags;  // without those that must take effect only once
   uint16_t typeFlags;
   uint16_t isStd;  // 1: a standard stream, whose descriptor stays open
@@ -100,7 +104,8 @@ int32_t standardStream(const char *path) {
 // flags. A file in memory is no concern of the disk whatever its name.
 int32_t openFile(FileHandle &file) {
   if (isInMemory(file.typeFlags)) {
-    return ZOV_ERROR;
+    file.mfile = zov_mfOpen(file.path, file.openFlags);
+    return file.mfile == nullptr ? ZOV_ERROR : ZOV_OKAY;
   }
   const int32_t streamNumber = standardStream(file.path);
   if (streamNumber >= 0) {
@@ -136,6 +141,7 @@ FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) 
   memcpy(copy, path, pathBytes);
   return new (block) FileHandle{.path = copy,
                                 .fd = ZOV_NO_DESCRIPTOR,
+                                .mfile = nullptr,
                                 .openFlags = openFlags,
                                 .typeFlags = static_cast<uint16_t>(typeFlags),
                                 .isStd = 0,
@@ -169,6 +175,9 @@ void reportInconsistent(const FileHandle &file) {
 }
 
 uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBytes) {
+  if (file.mfile != nullptr) {
+    return zov_mfWrite(file.mfile, buffer, lengthBytes);
+  }
   if (isWriteProtected(file)) {
     return 0;
   }
@@ -180,6 +189,9 @@ uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBy
 }
 
 uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
+  if (file.mfile != nullptr) {
+    return zov_mfRead(file.mfile, buffer, lengthBytes);
+  }
   const uint32_t count = zov::nativeRead(file.fd, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportRead();
@@ -189,7 +201,21 @@ uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
 
 uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffer,
                        uint32_t lengthBytes) {
+  if (file.mfile != nullptr) {
+    return offset == ZOV_OFFSET_CURRENT
+               ? zov_mfWrite(file.mfile, buffer, lengthBytes)
+               : zov_mfSeekWrite(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+  }
   return isWriteProtected(file) ? 0 : zov::nativeSeekWrite(file.fd, offset, buffer, lengthBytes);
+}
+
+uint32_t fileSeekRead(const FileHandle &file, int64_t offset, void *buffer, uint32_t lengthBytes) {
+  if (file.mfile != nullptr) {
+    return offset == ZOV_OFFSET_CURRENT
+               ? zov_mfRead(file.mfile, buffer, lengthBytes)
+               : zov_mfSeekRead(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+  }
+  return zov::nativeSeekRead(file.fd, offset, buffer, lengthBytes);
 }
 
 // The mutex of a handle, made if there is none yet. Two threads may make one
@@ -254,7 +280,9 @@ ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFla
 }
 
 void zov_fileClose(ZOV_FILE file) {
-  if (file->fd == ZOV_NO_DESCRIPTOR) {
+  if (file->mfile != nullptr) {
+    zov_mfClose(file->mfile);
+  } else if (file->fd == ZOV_NO_DESCRIPTOR) {
     reportInconsistent(*file);
   } else if (file->isStd == 0) {
     zov_flClose(file->fd);
@@ -263,7 +291,8 @@ void zov_fileClose(ZOV_FILE file) {
 }
 
 int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence) {
-  return zov_flSeek(file->fd, offset, whence);
+  return file->mfile != nullptr ? zov_mfSeek(file->mfile, static_cast<uint64_t>(offset), whence)
+                                : zov_flSeek(file->fd, offset, whence);
 }
 
 uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes) {
@@ -290,7 +319,7 @@ uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t 
   if (lengthBytes == 0) {
     return 0;
   }
-  const uint32_t count = zov::nativeSeekRead(file->fd, offset, buffer, lengthBytes);
+  const uint32_t count = fileSeekRead(*file, offset, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportSeek("read");
   }
@@ -298,24 +327,35 @@ uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t 
 }
 
 int64_t zov_fileLength(ZOV_FILE file) {
-  return zov_flSize(file->fd);
+  return file->mfile != nullptr ? static_cast<int64_t>(zov_mfSize(file->mfile))
+                                : zov_flSize(file->fd);
 }
 
 int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags) {
+  if (isInMemory(typeFlags)) {
+    return static_cast<int64_t>(zov_mfSizeStat(path));
+  }
   struct stat status;
-  return !isInMemory(typeFlags) && stat(path, &status) == 0 ? status.st_size : -1;
+  return stat(path, &status) == 0 ? status.st_size : -1;
 }
 
 int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes) {
+  if (file->mfile != nullptr) {
+    return zov_mfSetSize(file->mfile, static_cast<uint64_t>(sizeBytes));
+  }
   return isWriteProtected(*file) ? -1 : zov_flSetSize(file->fd, sizeBytes);
 }
 
 int32_t zov_fileLock(ZOV_FILE file) {
-  return lockFile(*file);
+  return isInMemory(file->typeFlags) ? zov_mfLock(file->mfile) : lockFile(*file);
 }
 
 void zov_fileUnlock(ZOV_FILE file) {
-  unlockFile(*file);
+  if (isInMemory(file->typeFlags)) {
+    zov_mfUnlock(file->mfile);
+  } else {
+    unlockFile(*file);
+  }
 }
 
 int32_t zov_fileSync(ZOV_FILE file) {
@@ -324,7 +364,10 @@ int32_t zov_fileSync(ZOV_FILE file) {
 }
 
 int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags) {
-  return isInMemory(typeFlags) || zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
+  if (isInMemory(typeFlags)) {
+    return static_cast<int64_t>(zov_mfModTime(path));
+  }
+  return zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
 }
 
 int32_t zov_fileInit() {

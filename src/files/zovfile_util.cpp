@@ -93,10 +93,13 @@ int32_t zov_fileRemove(const char *path) {
 }
 
 int32_t zov_fileRemoveEx(const char *path, uint32_t typeFlags) {
-  if (path == nullptr || zov::isInMemory(typeFlags) || !diskMayChange()) {
+  if (path == nullptr) {
     return ZOV_ERROR;
   }
-  return zov_flRemove(path);
+  if (zov::isInMemory(typeFlags)) {
+    return zov_mfRemove(path);
+  }
+  return diskMayChange() ? zov_flRemove(path) : ZOV_ERROR;
 }
 
 int32_t zov_fileRename(const char *oldPath, const char *newPath) {
@@ -109,10 +112,10 @@ int32_t zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char 
       zov::isInMemory(oldTypeFlags) != zov::isInMemory(newTypeFlags)) {
     return ZOV_ERROR;
   }
-  if (zov::isInMemory(oldTypeFlags) || !diskMayChange()) {
-    return ZOV_ERROR;
+  if (zov::isInMemory(oldTypeFlags)) {
+    return zov_mfRename(oldPath, newPath);
   }
-  return zov_flRename(oldPath, newPath);
+  return diskMayChange() ? zov_flRename(oldPath, newPath) : ZOV_ERROR;
 }
 
 int32_t zov_fileValidate(const char *path, int32_t *isDirectory) {
@@ -120,10 +123,13 @@ int32_t zov_fileValidate(const char *path, int32_t *isDirectory) {
 }
 
 int32_t zov_fileValidateEx(const char *path, uint32_t typeFlags, int32_t *isDirectory) {
-  if (path == nullptr || zov::isInMemory(typeFlags) || zov::loadFlag(zov_diskless) != 0) {
+  if (path == nullptr) {
     return 0;
   }
-  return zov_flValidate(path, isDirectory);
+  if (zov::isInMemory(typeFlags)) {
+    return zov_mfValidate(path, isDirectory);
+  }
+  return zov::loadFlag(zov_diskless) != 0 ? 0 : zov_flValidate(path, isDirectory);
 }
 
 int32_t zov_dirCreateAll(const char *path) {

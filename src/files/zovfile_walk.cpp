@@ -13,8 +13,29 @@
 struct PathWalk {
   uint16_t inMemory;  // ZOV_FILE_MEMORY or 0
   wchar_t *wideName;  // what zov_pathNextW() returned last, or null
-  ZOV_DISK_WALK walk;
+  // By inMemory, and null until the walk is opened.
+  union {
+    ZOV_DISK_WALK disk;
+    ZOV_MEM_WALK memory;
+  };
 };
+
+namespace {
+
+// Begins the walk beneath; false when there is none.
+bool openWalk(PathWalk &walk, const char *directory, const char *pattern) {
+  if (walk.inMemory != 0) {
+    walk.memory = zov_mfPathOpen(directory, pattern);
+    return walk.memory != nullptr;
+  }
+  if (zov::loadFlag(zov_diskless) != 0) {
+    return false;
+  }
+  walk.disk = zov_flPathOpen(directory, pattern);
+  return walk.disk != nullptr;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -33,10 +54,7 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
   }
   const zov::NoJump noJump;
   walk->inMemory = static_cast<uint16_t>(typeFlags & ZOV_FILE_MEMORY);
-  if (walk->inMemory == 0 && zov::loadFlag(zov_diskless) == 0) {
-    walk->walk = zov_flPathOpen(directory, pattern);
-  }
-  if (walk->walk == nullptr) {
+  if (!openWalk(*walk, directory, pattern)) {
     zov_freeMem(walk, ZOV_DEFAULT_TAG);
     return nullptr;
   }
@@ -45,7 +63,11 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
 
 const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
   const zov::NoJump noJump;
-  return walk == nullptr ? nullptr : zov_flPathNext(walk->walk, isDirectory);
+  if (walk == nullptr) {
+    return nullptr;
+  }
+  return walk->inMemory != 0 ? zov_mfPathNext(walk->memory, isDirectory)
+                             : zov_flPathNext(walk->disk, isDirectory);
 }
 
 wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {
@@ -63,7 +85,11 @@ void zov_pathClose(ZOV_PATH_WALK walk) {
     return;
   }
   zov_freeMem(walk->wideName, ZOV_DEFAULT_TAG);
-  zov_flPathClose(walk->walk);
+  if (walk->inMemory != 0) {
+    zov_mfPathClose(walk->memory);
+  } else {
+    zov_flPathClose(walk->disk);
+  }
   zov_freeMem(walk, ZOV_DEFAULT_TAG);
 }
 }

@@ -20,7 +20,6 @@
 #include <fcntl.h>
 #include <stddef.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -273,7 +272,7 @@ uint32_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t
     if (offset + written > file.hdr->size) {
       storeRelaxed(file.hdr->size, offset + written);
     }
-    storeRelaxed(file.hdr->modTime, static_cast<uint64_t>(time(nullptr)));
+    storeRelaxed(file.hdr->modTime, static_cast<uint64_t>(zov_timeSecs()));
   }
   return written;
 }
