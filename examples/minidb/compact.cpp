@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Compaction. The records that count are written to a new data file in the
-// directory for temporary files, which may be on another file system than the
-// store. From there it is copied beside the store, synced, compared with what
-// was written, and renamed over the store: the one step that counts. Whatever a
+// Compaction. The records that count are written to a new data file: for a
+// store on disk in the directory for temporary files, which may be on another
+// file system than the store. From there it is copied beside the store, checked
+// and synced, and moved over the store: the one step that counts. Whatever a
 // killed process leaves of the steps before is never read, and the next
 // compaction starts afresh.
 #include "report.h"
 #include "store.h"
+#include "transfer.h"
 
 namespace minidb {
 
 namespace {
-
-constexpr uint32_t kReadWrite = 0x2;
 
 // A second store that records are copied to.
 struct Copy {
@@ -27,8 +26,8 @@ bool copyRecord(const Record &record, void *context) {
   return putRecord(*copy.store, record);
 }
 
-bool writeCopy(Store &store, const char *path) {
-  Copy copy = {openStore(path, true), 0};
+bool writeCopy(Store &store, Place place) {
+  Copy copy = {openStore(place, true), 0};
   if (copy.store == nullptr) {
     return false;
   }
@@ -37,56 +36,33 @@ bool writeCopy(Store &store, const char *path) {
   return written;
 }
 
-bool syncFile(const char *path) {
-  ZOV_FILE file = zov_fileOpen(path, kReadWrite, 0);
-  if (file == nullptr) {
-    return cannot("open", path);
-  }
-  const int32_t status = zov_fileSync(file);
-  zov_fileClose(file);
-  return status == ZOV_OKAY || cannot("sync", path);
-}
-
-// Brings the written file beside the store.
-bool bringOver(const char *written, const char *beside) {
-  zov_fileRemove(beside);
-  if (zov_fileCopy(written, beside) != ZOV_OKAY) {
-    return cannot("write", beside);
-  }
-  if (zov_fileCmp(written, beside) != ZOV_OKAY) {
-    zov_log_err("minidb: \"%s\" is not what was written to it.\n", beside);
-    return false;
-  }
-  return syncFile(beside);
-}
-
-bool compactThrough(Store &store, const char *written, const char *beside) {
-  if (!writeCopy(store, written) || !bringOver(written, beside)) {
-    zov_fileRemove(beside);
-    return false;
-  }
-  return replaceFile(store, beside);
-}
-
 // Removes a data file with the lock file that goes with it.
-void removeStore(const char *path, ZOV_TAG tag) {
-  zov_fileRemove(path);
-  char *lock = zov_makeStrVA(ZOV_HERE, tag, "%s.lock", path);
+void removeStore(Place place, ZOV_TAG tag) {
+  zov_fileRemoveEx(place.path, place.typeFlags);
+  char *lock = zov_makeStrVA(ZOV_HERE, tag, "%s.lock", place.path);
   if (lock != nullptr) {
-    zov_fileRemove(lock);
+    zov_fileRemoveEx(lock, place.typeFlags);
   }
+}
+
+// A path for the new file. Memory has no directory for temporary files.
+char *temporaryPath(Place place, ZOV_TAG tag) {
+  uint32_t counter = 0;
+  return place.typeFlags == 0 ? zov_fileCreateTmpName(&counter, "minidb", "data", tag)
+                              : zov_makeStrVA(ZOV_HERE, tag, "%s.tmp", place.path);
 }
 
 }  // namespace
 
 bool compact(Store &store) {
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  uint32_t counter = 0;
-  char *written = zov_fileCreateTmpName(&counter, "minidb", "data", tag);
-  char *beside = zov_makeStrVA(ZOV_HERE, tag, "%s.new", pathOf(store));
+  const Place place = placeOf(store);
+  const Place written = {temporaryPath(place, tag), place.typeFlags};
+  const Place beside = {zov_makeStrVA(ZOV_HERE, tag, "%s.new", place.path), place.typeFlags};
   bool compacted = false;
-  if (written != nullptr && beside != nullptr) {
-    compacted = commit(store) && compactThrough(store, written, beside);
+  if (written.path != nullptr && beside.path != nullptr) {
+    compacted = commit(store) && writeCopy(store, written) && bringBeside(written, beside) &&
+                replaceFile(store, beside.path);
     removeStore(written, tag);
   }
   zov_freeTagMemory(tag, 1);

@@ -3,8 +3,10 @@
 // minidb: a small database of text records. The command line.
 #include <string.h>
 
+#include "report.h"
 #include "store.h"
 #include "text_io.h"
+#include "transfer.h"
 
 namespace {
 
@@ -13,7 +15,7 @@ constexpr int kFailure = 1;
 constexpr int kUsageError = 2;
 
 constexpr char kUsage[] =
-    "usage: minidb [--data FILE] [--separator CHARACTER] [--log FILE] COMMAND\n"
+    "usage: minidb [--data FILE] [--memory] [--separator CHARACTER] [--log FILE] COMMAND\n"
     "  load FILE                 add the records of a text file, one to a line\n"
     "  get KEY                   show the record of a key\n"
     "  find PATTERN              show the records that match; * and ? are wildcards\n"
@@ -21,13 +23,15 @@ constexpr char kUsage[] =
     "  dump FILE [bytes|utf16]   write every record to a text file\n"
     "  compact                   rewrite the data file without replaced records\n"
     "The key of a record ends at the separator, a semicolon unless told otherwise.\n"
-    "The data file is \"minidb.data\" unless told otherwise. The log file is written\n"
+    "The data file is \"minidb.data\" unless told otherwise; with --memory it is read\n"
+    "into memory, and saved at the end if it was changed. The log file is written\n"
     "anew each time.\n";
 
 struct Options {
   const char *dataPath;
   const char *logPath;  // null: no log file
   char separator;
+  bool inMemory;
 };
 
 // A command's words, its own name not counted.
@@ -121,13 +125,14 @@ int dump(minidb::Store &store, const Options &options, Arguments arguments) {
   return kSuccess;
 }
 
-int compact(minidb::Store &store, const Options &options, Arguments) {
-  const int64_t before = zov_fileLengthStat(options.dataPath, 0);
+int compact(minidb::Store &store, const Options &, Arguments) {
+  const minidb::Place place = minidb::placeOf(store);
+  const int64_t before = zov_fileLengthStat(place.path, place.typeFlags);
   if (!minidb::compact(store)) {
     return kFailure;
   }
   zov_log("%lld bytes, %lld before\n",
-          static_cast<long long>(zov_fileLengthStat(options.dataPath, 0)),
+          static_cast<long long>(zov_fileLengthStat(place.path, place.typeFlags)),
           static_cast<long long>(before));
   return kSuccess;
 }
@@ -137,12 +142,14 @@ struct Command {
   int fewest;
   int most;
   bool creates;  // makes the data file if it is missing
+  bool changes;  // writes to it
   int (*run)(minidb::Store &, const Options &, Arguments);
 };
 
 constexpr Command kCommands[] = {
-    {"load", 1, 1, true, load},    {"get", 1, 1, false, get},   {"find", 1, 1, false, find},
-    {"count", 0, 0, false, count}, {"dump", 1, 2, false, dump}, {"compact", 0, 0, false, compact},
+    {"load", 1, 1, true, true, load},   {"get", 1, 1, false, false, get},
+    {"find", 1, 1, false, false, find}, {"count", 0, 0, false, false, count},
+    {"dump", 1, 2, false, false, dump}, {"compact", 0, 0, false, true, compact},
 };
 
 const Command *findCommand(const char *name) {
@@ -158,6 +165,12 @@ const Command *findCommand(const char *name) {
 // or lacks its value.
 bool takeOptions(Options &options, Arguments &arguments) {
   while (arguments.count > 0 && arguments.words[0][0] == '-') {
+    if (strcmp(arguments.words[0], "--memory") == 0) {
+      options.inMemory = true;
+      --arguments.count;
+      ++arguments.words;
+      continue;
+    }
     const char *name = arguments.words[0];
     const char *value = arguments.count > 1 ? arguments.words[1] : nullptr;
     if (value != nullptr && strcmp(name, "--data") == 0) {
@@ -175,8 +188,46 @@ bool takeOptions(Options &options, Arguments &arguments) {
   return true;
 }
 
+int runAt(minidb::Place place, const Command &command, const Options &options, Arguments words) {
+  minidb::Store *store = minidb::openStore(place, command.creates);
+  if (store == nullptr) {
+    return kFailure;
+  }
+  const int result = command.run(*store, options, words);
+  minidb::closeStore(store);
+  return result;
+}
+
+// Brings the data file into memory, if there is one. False when it cannot be
+// read.
+bool fetchIntoMemory(const Options &options, const Command &command, minidb::Place memory) {
+  if (command.creates && zov_fileLengthStat(options.dataPath, 0) < 0) {
+    return true;
+  }
+  return zov_fileCopyEx(options.dataPath, 0, memory.path, memory.typeFlags) == ZOV_OKAY ||
+         minidb::cannot("read", options.dataPath);
+}
+
+// The same with the data file in memory, while that on disk stays locked.
+int runInMemory(const Command &command, const Options &options, Arguments words) {
+  const minidb::Place memory = {"/minidb.data", ZOV_FILE_MEMORY};
+  ZOV_FILE lock = minidb::lockStore({options.dataPath, 0});
+  if (lock == nullptr) {
+    return kFailure;
+  }
+  int result = kFailure;
+  if (fetchIntoMemory(options, command, memory)) {
+    result = runAt(memory, command, options, words);
+  }
+  if (result == kSuccess && command.changes && !minidb::saveOver(memory, options.dataPath)) {
+    result = kFailure;
+  }
+  zov_fileClose(lock);
+  return result;
+}
+
 int run(Arguments arguments) {
-  Options options = {"minidb.data", nullptr, ';'};
+  Options options = {"minidb.data", nullptr, ';', false};
   if (!takeOptions(options, arguments) || arguments.count == 0) {
     zov_log_err("%s", kUsage);
     return kUsageError;
@@ -191,13 +242,8 @@ int run(Arguments arguments) {
     zov_log_err("minidb: cannot create \"%s\".\n", options.logPath);
     return kFailure;
   }
-  minidb::Store *store = minidb::openStore(options.dataPath, command->creates);
-  if (store == nullptr) {
-    return kFailure;
-  }
-  const int result = command->run(*store, options, words);
-  minidb::closeStore(store);
-  return result;
+  return options.inMemory ? runInMemory(*command, options, words)
+                          : runAt({options.dataPath, 0}, *command, options, words);
 }
 
 }  // namespace

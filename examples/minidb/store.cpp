@@ -36,6 +36,7 @@ constexpr int64_t kHeaderBytes = sizeof(EntryHeader);
 struct Store {
   ZOV_TAG tag;
   char *path;
+  uint32_t typeFlags;
   ZOV_FILE lock;
   ZOV_FILE file;
   uint64_t sequence;  // of the last commit
@@ -291,7 +292,7 @@ bool readFile(Store &store, int64_t length) {
 
 // An empty file is one whose making was interrupted.
 bool openFile(Store &store, uint32_t openFlags) {
-  store.file = zov_fileOpen(store.path, openFlags, 0);
+  store.file = zov_fileOpen(store.path, openFlags, store.typeFlags);
   if (store.file == nullptr) {
     return cannot("open", store.path);
   }
@@ -299,35 +300,15 @@ bool openFile(Store &store, uint32_t openFlags) {
   return length == 0 && openFlags == kReadWriteCreate ? formatFile(store) : readFile(store, length);
 }
 
-// The path of a file beside the data file.
-char *siblingPath(const Store &store, const char *suffix) {
-  return zov_makeStrVA(ZOV_HERE, store.tag, "%s%s", store.path, suffix);
-}
-
-bool lockStore(Store &store) {
-  char *path = siblingPath(store, ".lock");
-  if (path == nullptr) {
-    return false;
-  }
-  store.lock = zov_fileOpen(path, kReadWriteCreate, 0);
-  if (store.lock == nullptr) {
-    return cannot("open", path);
-  }
-  if (zov_fileLock(store.lock) != ZOV_OKAY) {
-    zov_log_err("minidb: \"%s\" is in use by another process.\n", store.path);
-    return false;
-  }
-  return true;
-}
-
 // A store with everything but its files.
-Store *newStore(const char *path) {
+Store *newStore(Place place) {
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
   Store *store =
       static_cast<Store *>(zov_getMem(sizeof(Store), tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
   if (store != nullptr) {
     store->tag = tag;
-    store->path = static_cast<char *>(zov_getMem(0, tag, ZOV_MEM_STRDUP, path, ZOV_HERE));
+    store->typeFlags = place.typeFlags;
+    store->path = static_cast<char *>(zov_getMem(0, tag, ZOV_MEM_STRDUP, place.path, ZOV_HERE));
     store->buffer = newBytes(tag, kBufferBytes);
     store->window = newBytes(tag, kWindowBytes);
     if (store->path != nullptr && store->buffer != nullptr && store->window != nullptr &&
@@ -356,16 +337,34 @@ void resetContents(Store &store) {
 
 }  // namespace
 
-Store *openStore(const char *path, bool create) {
-  if (!create && zov_fileLengthStat(path, 0) < 0) {
-    cannot("open", path);
+ZOV_FILE lockStore(Place place) {
+  char *path = zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s.lock", place.path);
+  if (path == nullptr) {
     return nullptr;
   }
-  Store *store = newStore(path);
+  ZOV_FILE lock = zov_fileOpen(path, kReadWriteCreate, place.typeFlags);
+  if (lock == nullptr) {
+    cannot("open", path);
+  } else if (zov_fileLock(lock) != ZOV_OKAY) {
+    zov_log_err("minidb: \"%s\" is in use by another process.\n", place.path);
+    zov_fileClose(lock);
+    lock = nullptr;
+  }
+  zov_freeMem(path, ZOV_DEFAULT_TAG);
+  return lock;
+}
+
+Store *openStore(Place place, bool create) {
+  if (!create && zov_fileLengthStat(place.path, place.typeFlags) < 0) {
+    cannot("open", place.path);
+    return nullptr;
+  }
+  Store *store = newStore(place);
   if (store == nullptr) {
     return nullptr;
   }
-  if (!lockStore(*store) || !openFile(*store, create ? kReadWriteCreate : kReadWrite)) {
+  store->lock = lockStore(place);
+  if (store->lock == nullptr || !openFile(*store, create ? kReadWriteCreate : kReadWrite)) {
     closeStore(store);
     return nullptr;
   }
@@ -451,7 +450,7 @@ bool scanRecords(Store &store, Visitor visit, void *context) {
 }
 
 bool replaceFile(Store &store, const char *newPath) {
-  if (zov_fileRename(newPath, store.path) != ZOV_OKAY) {
+  if (zov_fileMoveEx(newPath, store.typeFlags, store.path, store.typeFlags) != ZOV_OKAY) {
     return cannot("replace", store.path);
   }
   zov_fileClose(store.file);
@@ -459,8 +458,8 @@ bool replaceFile(Store &store, const char *newPath) {
   return reserveSlot(store.index, store.tag) && openFile(store, kReadWrite);
 }
 
-const char *pathOf(const Store &store) {
-  return store.path;
+Place placeOf(const Store &store) {
+  return {store.path, store.typeFlags};
 }
 
 }  // namespace minidb

@@ -29,11 +29,21 @@ struct Store;
 // the scan.
 using Visitor = bool (*)(const Record &record, void *context);
 
-// Opens the data file at `path` for this process alone; with `create` one that
+// A file's path with its type flags: 0 on disk, ZOV_FILE_MEMORY in memory.
+struct Place {
+  const char *path;
+  uint32_t typeFlags;
+};
+
+// Opens the data file at a place for this process alone; with `create` one that
 // is missing is made. Null when that fails, which is reported. A file that is
 // shorter than what was committed to it is refused and left as it is; what
 // stands behind the last commit was never finished and counts as not there.
-Store *openStore(const char *path, bool create);
+Store *openStore(Place place, bool create);
+
+// Keeps other processes out of a data file until the lock is closed; null when
+// another one is in, which is reported. openStore() does this by itself.
+ZOV_FILE lockStore(Place place);
 
 // Closes a store. What was not committed is gone.
 void closeStore(Store *store);
@@ -69,7 +79,8 @@ bool scanRecords(Store &store, Visitor visit, void *context);
 // is then only to be closed.
 bool replaceFile(Store &store, const char *newPath);
 
-const char *pathOf(const Store &store);
+// The path lives as long as the store.
+Place placeOf(const Store &store);
 
 // Rewrites the data file with nothing but the records that count. A process
 // that is killed meanwhile leaves the old file or the new one, whole. False when

@@ -32,6 +32,8 @@ def random_records(count, prefix="K"):
 
 
 class MinidbTest(unittest.TestCase):
+    OPTIONS = []
+
     def setUp(self):
         random.seed(SEED)
         self.folder = tempfile.mkdtemp(prefix="minidbtest.")
@@ -50,8 +52,11 @@ class MinidbTest(unittest.TestCase):
         with open(self.path(name), "rb") as file:
             return file.read().decode(encoding)
 
+    def command(self, words):
+        return [PROGRAM, "--data", self.data, *self.OPTIONS, *words]
+
     def run_minidb(self, *words, status=0, env=None):
-        done = subprocess.run([PROGRAM, "--data", self.data, *words], capture_output=True,
+        done = subprocess.run(self.command(words), capture_output=True,
                               env={**os.environ, **(env or {})}, timeout=100)
         self.assertEqual(done.returncode, status, f"seed {SEED}: {words}: {done.stderr}")
         return done.stdout.decode(), done.stderr.decode()
@@ -146,7 +151,8 @@ class MinidbTest(unittest.TestCase):
         self.run_minidb("--log", log, "compact")
         self.assertRegex(self.read("log"), r"^\[\d\d-\w{3}-\d{4} \d\d:\d\d:\d\d\]  \d+ bytes, ")
         missing = {"QEL_TMPDIR": self.path("no")}
-        self.assertIn("cannot open", self.run_minidb("compact", status=1, env=missing)[1])
+        if not self.OPTIONS:
+            self.assertIn("cannot open", self.run_minidb("compact", status=1, env=missing)[1])
         here = {"QEL_TMPDIR": self.folder}
         before = os.listdir(self.folder)
         self.run_minidb("compact", env=here)
@@ -162,8 +168,8 @@ class MinidbTest(unittest.TestCase):
         survived = 0
         for _ in range(16):
             words = random.choice([["compact"], ["load", more_path]])
-            process = subprocess.Popen([PROGRAM, "--data", self.data, *words],
-                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            process = subprocess.Popen(self.command(words), stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL)
             time.sleep(random.random() * 0.05)
             process.kill()
             survived += process.wait() == 0
@@ -174,6 +180,10 @@ class MinidbTest(unittest.TestCase):
                 os.remove(self.data)
                 self.load(records)
         print(f"seed {SEED}: {survived} of 16 ended before the kill", file=sys.stderr)
+
+
+class MinidbInMemoryTest(MinidbTest):
+    OPTIONS = ["--memory"]
 
 
 if __name__ == "__main__":
