@@ -46,10 +46,6 @@ struct Stage {
   void (*undo)();
 };
 
-void memoryFilesTerm() {
-  zov_mfTerm();
-}
-
 template <ZOV_FILE_STACK &stack>
 void stackTerm() {
   zov_fileStackTerm(&stack);
@@ -60,7 +56,7 @@ constexpr Stage stages[] = {
     {zov_syncInit, zov_syncTerm},
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
-    {zov_mfInit, memoryFilesTerm},
+    {zov_mfInit, [] { zov_mfTerm(); }},
     {[] { return zov_fileStackInit(&zov::stdoutStack, "stdout"); }, stackTerm<zov::stdoutStack>},
     {[] { return zov_fileStackInit(&zov::stderrStack, "stderr"); }, stackTerm<zov::stderrStack>},
     {[] { return zov_fileStackInit(&zov::logStack, nullptr); }, stackTerm<zov::logStack>},
@@ -85,7 +81,7 @@ void _zov_term() {
   stackTerm<zov::stderrStack>();
   zov_freeMem(zov::zov_tmp.exchange(nullptr), ZOV_DEFAULT_TAG);
   zov::storeFlag(zov_terminating, 1);
-  memoryFilesTerm();
+  zov_mfTerm();
   zov_fileTerm();
   zov::abandonQueues();
   zov_syncShutdown();

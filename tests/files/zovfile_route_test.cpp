@@ -28,7 +28,10 @@ class Route : public testing::TestWithParam<uint32_t> {
     flags = GetParam();
     base = dir_ / "";
   }
-  void TearDown() override { zov_term(); }
+  void TearDown() override {
+    zov_readonly = 0;  // which nothing but a test may do
+    zov_term();
+  }
 
   ZOV_FILE open(const std::string &name, uint32_t openFlags) {
     return zov_fileOpen((base + name).c_str(), openFlags, flags);
