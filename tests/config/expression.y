@@ -35,24 +35,19 @@ static void yyerror(void *run, const char *text) { (void)run; (void)text; }
 program: %empty { REDUCE; } | program statement { REDUCE; } ;
 
 statement:
-    expr ';' { REDUCE; }
-  | target '=' expr ';' { REDUCE; }
-  | IF '(' expr ')' { REDUCE; } statement { REDUCE; }
-  | '{' program '}' { REDUCE; }
-  | error ';' { REDUCE; } | '[' error ']' { REDUCE; }
-  ;
+    expr ';' { REDUCE; } | target '=' expr ';' { REDUCE; }
+  | IF '(' expr ')' { REDUCE; } statement { REDUCE; } | '{' program '}' { REDUCE; }
+  | error ';' { REDUCE; } | '[' error ']' { REDUCE; } ;
 
 target: NAME { REDUCE; } ;
 
 expr:
     NUMBER { REDUCE; } | NAME { REDUCE; }
-  | NAME '(' arguments ')' { REDUCE; }
-  | expr '<' expr { REDUCE; }
+  | NAME '(' arguments ')' { REDUCE; } | expr '<' expr { REDUCE; }
   | expr '+' expr { REDUCE; } | expr '-' expr { REDUCE; }
   | expr '*' expr { REDUCE; } | expr '^' expr { REDUCE; }
   | '-' expr %prec SIGN { REDUCE; }
-  | '(' expr ')' { REDUCE; } | '(' error ')' { REDUCE; }
-  ;
+  | '(' expr ')' { REDUCE; } | '(' error ')' { REDUCE; } ;
 
 arguments: %empty { REDUCE; } | list { REDUCE; } ;
 
