@@ -2959,7 +2959,190 @@ ZOV_API int32_t zov_isPurifyRunning(void);
 
 /* ========================================================================
  * config/zovini: INI files
+ *
+ * A file is text, of the encodings of zov_fopen(). A line is cut at its first
+ * semicolon; nothing quotes one. `[name]` at the start of a line opens a
+ * section; `name = value` below it is a parameter. Spaces around the equal sign
+ * and white space at the end of a line do not count; white space in front does,
+ * as part of the name. Parameter names have at least two characters; other
+ * lines are ignored. Names longer than 127 bytes are cut there. Where a name
+ * occurs several times the first one is found.
+ *
+ * Paths, sections and parameters are compared without regard to ASCII case,
+ * paths also without regard to their type flags. What a file says is kept by
+ * path from its first reading until zov_iniCleanup() or zov_term(); a change on
+ * disk is seen only after zov_readIniFile(). At most 65,535 files, sections of a
+ * file and parameters of a section are kept, and what is beyond is ignored; a
+ * file beyond is refused with #ZOV_INI_NOMEMORY.
+ *
+ * Statuses are #ZOV_OKAY, #ZOV_ERROR for a section or a parameter that does not
+ * exist, and the codes below. Forms without `Ex` are those with it and flags of
+ * 0. Wide forms convert every text strictly; a null text is refused with
+ * #ZOV_INI_NOMEMORY, which makes lists of names unavailable there.
+ *
+ * Messages: as zov_getMem(), zov_fopenEx() and, where a file is read or written,
+ * the transfers of its handle.
  * ======================================================================== */
+
+/** Memory is short, or a wide text could not be converted. */
+#define ZOV_INI_NOMEMORY (-904)
+/** The file could not be read, or the copy of it not be opened for writing. */
+#define ZOV_INI_NOFILE (-905)
+/** The changed copy could not be written, or not take the place of the file. */
+#define ZOV_INI_NOTREPLACED (-919)
+/** A required argument is null. */
+#define ZOV_INI_NOARGUMENT (-924)
+/** The output buffer is too small; it holds as much as fits. */
+#define ZOV_INI_TRUNCATED (-932)
+
+/** Starts the module. For zov_init() only. @return #ZOV_OKAY or #ZOV_ERROR. */
+ZOV_API int32_t zov_iniInit(void);
+
+/** Forgets every file and ends the module. For zov_term() only. */
+ZOV_API void zov_iniTerm(void);
+
+/** Forgets every file. Threads: no other call of this family may be under way. */
+ZOV_API void zov_iniCleanup(void);
+
+/**
+ * Reads a file, or reads it again.
+ *
+ * @param path  its path; of a file that cannot be opened nothing stays known
+ * @param flags the type flags of zov_fopenEx()
+ * @return #ZOV_OKAY, also for a file that cannot be opened, or
+ *         #ZOV_INI_NOMEMORY, when nothing of the file is known.
+ *
+ * Threads: no other call of this family may be under way. Cost: linear in the
+ * file; reading it again allocates only for what has grown.
+ */
+ZOV_API int32_t zov_readIniFileEx(const char *path, uint16_t flags);
+/** zov_readIniFileEx() on disk. */
+ZOV_API int32_t zov_readIniFile(const char *path);
+/** zov_readIniFile() with a wide path. */
+ZOV_API int32_t zov_readIniFileW(const wchar_t *path);
+/** zov_readIniFileEx() with a wide path. What is known of a file that cannot be
+ *  opened stays known. */
+ZOV_API int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags);
+
+/**
+ * Gets a value or a list of names. A file of which no section is known is read
+ * first.
+ *
+ * A list has a NUL behind each name and one more at its end. The same goes for
+ * a value, so that one of L bytes needs a buffer of L + 3. A result that fills
+ * the buffer but for its last byte, or more, is cut there and not terminated.
+ *
+ * @param path      path of the file
+ * @param section   the section; null lists the names of all sections
+ * @param name      the parameter; null lists the names of the section's. Room
+ *                  for this list counts modulo 65,536: in a larger buffer it ends
+ *                  early, without a sign of it, at a multiple from the end.
+ * @param out       place for the result
+ * @param sizeBytes its size; with 0 nothing is stored
+ * @param flags     the type flags of zov_fopenEx()
+ * @return #ZOV_OKAY, #ZOV_ERROR with an empty string at out, #ZOV_INI_TRUNCATED,
+ *         #ZOV_INI_NOARGUMENT without out; #ZOV_INI_NOFILE, also for a null path
+ *         and while the library is not started, or #ZOV_INI_NOMEMORY, with out as
+ *         it was.
+ *
+ * Threads: any; one at a time gets or sets, and the others wait.
+ * Cost: of a known file one lock and three look-ups by hash.
+ */
+ZOV_API int32_t zov_iniGetEx(const char *path, const char *section, const char *name, char *out,
+                             uint32_t sizeBytes, uint16_t flags);
+/** zov_iniGetEx() on disk. */
+ZOV_API int32_t zov_iniGet(const char *path, const char *section, const char *name, char *out,
+                           uint32_t sizeBytes);
+/** zov_iniGet() with wide texts; otherwise as zov_iniGetExW(). */
+ZOV_API int32_t zov_iniGetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                            wchar_t *out, uint32_t sizeChars);
+/**
+ * zov_iniGetEx() with wide texts. The buffer is written on success only. A value
+ * that is not UTF-8 gives #ZOV_INI_NOMEMORY.
+ * @param sizeChars room at out in wide characters. A value is cut to fit and
+ *                  terminated; one of more than 4 * sizeChars - 3 bytes of UTF-8
+ *                  is #ZOV_INI_TRUNCATED.
+ */
+ZOV_API int32_t zov_iniGetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                              wchar_t *out, uint32_t sizeChars, uint16_t flags);
+
+/** The same as zov_iniGet(). */
+ZOV_API int32_t zov_iniString(const char *path, const char *section, const char *name, char *out,
+                              uint32_t sizeBytes);
+/** The same as zov_iniGetEx(). */
+ZOV_API int32_t zov_iniStringEx(const char *path, const char *section, const char *name, char *out,
+                                uint32_t sizeBytes, uint16_t flags);
+/** The same as zov_iniGetW(). */
+ZOV_API int32_t zov_iniStringW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                               wchar_t *out, uint32_t sizeChars);
+/** The same as zov_iniGetExW(). */
+ZOV_API int32_t zov_iniStringExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                 wchar_t *out, uint32_t sizeChars, uint16_t flags);
+
+/**
+ * Gets a value as a decimal integer, read as by strtol(): up to the first
+ * character that is not part of one, 0 if there is none. The low 32 bits count.
+ *
+ * @param value place for the integer, written on success only
+ * @return as zov_iniGetEx() with a buffer of 20 bytes: #ZOV_INI_TRUNCATED for a
+ *         value of more than 17 characters.
+ *
+ * The other arguments, threads and cost: as zov_iniGetEx().
+ */
+ZOV_API int32_t zov_iniInt32Ex(const char *path, const char *section, const char *name,
+                               int32_t *value, uint16_t flags);
+/** zov_iniInt32Ex() on disk. */
+ZOV_API int32_t zov_iniInt32(const char *path, const char *section, const char *name,
+                             int32_t *value);
+/** zov_iniInt32() with wide texts. */
+ZOV_API int32_t zov_iniInt32W(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                              int32_t *value);
+/** zov_iniInt32Ex() with wide texts. */
+ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                int32_t *value, uint16_t flags);
+
+/**
+ * Sets or deletes a parameter, or deletes a section, of a file that exists.
+ *
+ * The file is copied with the change to "_temp_.ini" in its directory, the copy
+ * is synced (unless flags say #ZOV_FILE_NOSYNC), takes the place of the file and
+ * is read. It is a new file, of UTF-8 without a mark, under the path itself
+ * where that was a link. A failure leaves the file as it was, unless it
+ * came between the removal of the file and the renaming of the copy: the copy is
+ * then still there.
+ *
+ * A set replaces the first line of the first such section whose text before the
+ * equal sign is the name, spaces included. Without one it adds a line, in front
+ * of the blank lines at the end of the section; without the section it adds an
+ * empty line, the section and the line at the end of the file. Lines of the
+ * section that begin with white space become empty in front of the place of the
+ * change, and go at the end of the file. Deleting a parameter removes all such
+ * lines, and those that begin with white space.
+ *
+ * @param path    path of the file; not one named "_temp_.ini"
+ * @param section the section
+ * @param name    the parameter; null deletes the section
+ * @param value   its value, written as it is; null deletes the parameter
+ * @param flags   the type flags of zov_fopenEx()
+ * @return #ZOV_OKAY, also when there was nothing to delete; #ZOV_INI_NOARGUMENT
+ *         without a section; #ZOV_INI_NOFILE, also for a null path and while the
+ *         library is not started; #ZOV_INI_NOTREPLACED; #ZOV_INI_NOMEMORY.
+ *
+ * Threads: as zov_iniGetEx(). Processes are not kept apart, and files of one
+ * directory share the name of the copy. Cost: the file is read twice, written
+ * once and synced.
+ */
+ZOV_API int32_t zov_iniSetEx(const char *path, const char *section, const char *name,
+                             const char *value, uint16_t flags);
+/** zov_iniSetEx() on disk. */
+ZOV_API int32_t zov_iniSet(const char *path, const char *section, const char *name,
+                           const char *value);
+/** zov_iniSet() with wide texts, none of them null. */
+ZOV_API int32_t zov_iniSetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                            const wchar_t *value);
+/** zov_iniSetEx() with wide texts, none of them null. */
+ZOV_API int32_t zov_iniSetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                              const wchar_t *value, uint16_t flags);
 
 /* ========================================================================
  * config/zovparse: parser driver

@@ -96,4 +96,20 @@ struct TextStream {
   int32_t pendingBytes;                     // UTF-16 output: continuation bytes it still wants
 };
 
+namespace zov {
+
+// How the reading of a line ended.
+enum class LineEnd : uint8_t {
+  kNothing,   // there was none left
+  kWhole,     // with its newline, or at the end of the input
+  kNoMemory,  // its block could not be made or grow; the next call goes on there
+};
+
+// zov_fGetLine() for lines that may hold zeros: gives the length as well, and
+// tells a line that was cut from a whole one. The stream has an encoding.
+LineEnd streamGetLine(TextStream &stream, char **buffer, uint32_t *sizeBytes,
+                      uint32_t *lengthBytes);
+
+}  // namespace zov
+
 #endif

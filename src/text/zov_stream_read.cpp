@@ -171,26 +171,45 @@ bool growLine(char **buffer, uint32_t *sizeBytes) {
   return true;
 }
 
-// Reads a whole line. When its block cannot grow the line ends there and the
-// rest of it is the next one, so that nothing read is lost. False when there
-// was nothing left to read.
-bool getLine(TextStream &stream, char **buffer, uint32_t *sizeBytes) {
-  uint32_t used = 0;
+// Reads into a block that is there already.
+zov::LineEnd getLine(TextStream &stream, char **buffer, uint32_t *sizeBytes, uint32_t &used) {
+  used = 0;
   for (;;) {
     const uint32_t room = *sizeBytes - 1 - used;
     const LinePiece piece = readPiece(stream, *buffer + used, room);
     if (piece.count == 0 && room > 0) {
-      return used > 0;
+      return used > 0 ? zov::LineEnd::kWhole : zov::LineEnd::kNothing;
     }
     used += piece.count;
     (*buffer)[used] = '\0';
-    if (piece.hasNewline || !growLine(buffer, sizeBytes)) {
-      return true;
+    if (piece.hasNewline) {
+      return zov::LineEnd::kWhole;
+    }
+    if (!growLine(buffer, sizeBytes)) {
+      return zov::LineEnd::kNoMemory;
     }
   }
 }
 
 }  // namespace
+
+zov::LineEnd zov::streamGetLine(TextStream &stream, char **buffer, uint32_t *sizeBytes,
+                                uint32_t *lengthBytes) {
+  *lengthBytes = 0;
+  if (*buffer == nullptr) {
+    void *block = zov_getMem(kLineBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+    if (block == nullptr) {
+      return LineEnd::kNoMemory;
+    }
+    *buffer = static_cast<char *>(block);
+    *sizeBytes = kLineBytes;
+  }
+  if (*sizeBytes == 0) {
+    *sizeBytes = kLineBytes;
+  }
+  const bool ends = stream.encoding == ZOV_ENC_BYTES || stream.encoding == ZOV_ENC_UTF16;
+  return ends ? getLine(stream, buffer, sizeBytes, *lengthBytes) : LineEnd::kNothing;
+}
 
 extern "C" {
 
@@ -223,18 +242,9 @@ char *zov_fGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes) {
   if (stream == nullptr || buffer == nullptr || sizeBytes == nullptr) {
     return nullptr;
   }
-  if (*buffer == nullptr) {
-    void *block = zov_getMem(kLineBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-    if (block == nullptr) {
-      return nullptr;
-    }
-    *buffer = static_cast<char *>(block);
-    *sizeBytes = kLineBytes;
-  }
-  if (*sizeBytes == 0) {
-    *sizeBytes = kLineBytes;
-  }
-  const bool ends = stream->encoding == ZOV_ENC_BYTES || stream->encoding == ZOV_ENC_UTF16;
-  return ends && getLine(*stream, buffer, sizeBytes) ? *buffer : nullptr;
+  // A line whose block could not grow counts as far as it was read.
+  uint32_t lengthBytes = 0;
+  const zov::LineEnd end = zov::streamGetLine(*stream, buffer, sizeBytes, &lengthBytes);
+  return end != zov::LineEnd::kNothing && lengthBytes > 0 ? *buffer : nullptr;
 }
 }
