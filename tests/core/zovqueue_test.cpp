@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Message queues: a random walk against a model, the life of queues and module,
-// and threads. Where an order of events between threads matters, the locks and
-// waits of libc are replaced by ones that tell of it or act at that moment.
+// and threads. Where an order of events between threads matters, the locks of
+// libc are replaced by ones that tell of it or act at that moment.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -14,18 +14,16 @@
 #include <random>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "support/alloc_failure.h"
 #include "support/output.h"
+#include "support/started.h"
 #include "zov.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using zovtest::outputOf;
 
-std::atomic<uint32_t> sleeps{0};   // waits on a condition that were begun
 std::atomic<uint32_t> blocked{0};  // locks that were found taken
 
 // Called before each lock this thread takes, with the number of that lock.
@@ -60,7 +58,6 @@ auto hooked(std::function<void(int)> hook, Call call) {
 
 extern "C" {
 int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
-int __real_pthread_cond_wait(pthread_cond_t *condition, pthread_mutex_t *mutex);
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
   if (std::function<void(int)> *hook = std::exchange(lockHook, nullptr); hook != nullptr) {
@@ -73,27 +70,18 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
   ++blocked;
   return __real_pthread_mutex_lock(mutex);
 }
-
-int __wrap_pthread_cond_wait(pthread_cond_t *condition, pthread_mutex_t *mutex) {
-  ++sleeps;
-  return __real_pthread_cond_wait(condition, mutex);
-}
 }
 
 namespace {
 
-class Queue : public testing::Test {
+class Queue : public zovtest::Started {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(zov_init(), ZOV_OKAY);
-    ASSERT_EQ(zov_queueInit(0), ZOV_OKAY);
+  Queue() {
+    EXPECT_EQ(zov_queueInit(0), ZOV_OKAY);
     queue = zov_queueCreate("orders");
-    ASSERT_NE(queue, nullptr);
   }
-  void TearDown() override {
-    zov_queueTerm(1);
-    zov_term();
-  }
+  ~Queue() override { zov_queueTerm(1); }
+
   ZOV_QUEUE queue = nullptr;
 };
 
@@ -101,7 +89,8 @@ TEST_F(Queue, BehavesAsItsModel) {
   const uint32_t seed = std::random_device{}();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
   std::mt19937 random(seed);
-  std::deque<std::array<uint64_t, 3>> model;  // data, code, key
+  using Message = std::array<uint64_t, 3>;  // data, code, key
+  std::deque<Message> model;
   for (int step = 0; step < 20000; ++step) {
     const uint32_t key = random() % 4;
     const uint32_t choice = random() % 16;
@@ -116,7 +105,7 @@ TEST_F(Queue, BehavesAsItsModel) {
       const int32_t status = zov_queueRead(queue, &data, &code, &itsKey, 0);
       ASSERT_EQ(status, model.empty() ? ZOV_ERROR : ZOV_OKAY);
       if (status == ZOV_OKAY) {
-        ASSERT_EQ(model.front(), (std::array<uint64_t, 3>{data, code, itsKey}));
+        ASSERT_EQ(model.front(), (Message{data, code, itsKey}));
         model.pop_front();
       }
     } else {
@@ -130,32 +119,24 @@ TEST_F(Queue, BehavesAsItsModel) {
   }
 }
 
-TEST_F(Queue, ReaderWaitsUntilAMessageComes) {
-  const Clock::time_point start = Clock::now();
-  EXPECT_EQ(read(queue, 50), ZOV_TIMEOUT);
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(45));
-  std::thread reader([&] { EXPECT_EQ(read(queue, ZOV_WAIT_FOREVER), ZOV_OKAY); });
-  until(sleeps, 1);
-  write(queue);
-  reader.join();
-}
-
 // A second reader comes when the message is there that the first was woken for.
 TEST_F(Queue, ReadersTakeTurns) {
-  std::thread late;
+  std::jthread late;
   const auto overtake = [&](int lock) {
     if (lock == 3) {
       write(queue);
     } else if (lock == 4) {
-      late = std::thread([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR); });
+      late = std::jthread([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR); });
       until(blocked, 1);
     }
   };
   EXPECT_EQ(hooked(overtake, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
-  late.join();
 }
 
-TEST_F(Queue, CloseIsFinal) {
+TEST_F(Queue, WaitsForAMessageUnlessItIsClosed) {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(read(queue, 50), ZOV_TIMEOUT);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
   write(queue);
   zov_queueClose(queue);
   write(queue);
@@ -236,15 +217,13 @@ TEST(QueueInDoubt, StaysLocked) {
 }
 
 TEST_F(Queue, IsFoundByName) {
-  ZOV_QUEUE older = zov_queueCreate("b");
-  ZOV_QUEUE newer = zov_queueCreate("b");
+  ZOV_QUEUE newer = zov_queueCreate("orders");
   ZOV_QUEUE unnamed = zov_queueCreate(nullptr);
-  EXPECT_EQ(zov_queueFind("orders"), queue);
-  EXPECT_EQ(zov_queueFind("B"), nullptr);
+  EXPECT_EQ(zov_queueFind("Orders"), nullptr);
   EXPECT_EQ(zov_queueFind(""), unnamed);
-  EXPECT_EQ(zov_queueFind("b"), newer);
+  EXPECT_EQ(zov_queueFind("orders"), newer);
   zov_queueDelete(newer);
-  EXPECT_EQ(zov_queueFind("b"), older);
+  EXPECT_EQ(zov_queueFind("orders"), queue);
 }
 
 // The last two handles are a queue that is not on the list, as if deleted
@@ -277,7 +256,6 @@ TEST(QueueModule, LivesBetweenInitAndTerm) {
     EXPECT_EQ(zov_queueCreate("early"), nullptr);
     EXPECT_EQ(zov_queueFind("early"), nullptr);
     EXPECT_EQ(read(nullptr), ZOV_ERROR);
-    zov_queueDelete(nullptr);
     EXPECT_EQ(zov_queueInit(0), ZOV_OKAY);
     ZOV_QUEUE queue = zov_queueCreate("kept");
     EXPECT_EQ(zov_queueInit(0x10000), ZOV_OKAY);
@@ -320,45 +298,46 @@ TEST_F(Queue, LackOfMemoryLeavesNothingBehind) {
 // Every message arrives once, and those of one writer in their order, however
 // the readers wait. With purges the readers do not wait: see QueueInDoubt.
 void exchange(ZOV_QUEUE queue, bool purging) {
-  constexpr uint32_t kThreads = 3;
   constexpr uint32_t kMessages = 4000;
   constexpr uint32_t kPurged = 1000;
-  constexpr uint32_t kWaits[kThreads] = {ZOV_WAIT_FOREVER, 1, 0};
+  constexpr uint32_t kWaits[] = {ZOV_WAIT_FOREVER, 1, 0};
   std::atomic<uint32_t> arrived{0};
-  std::vector<std::thread> threads;
-  for (uint32_t id = 0; id < kThreads; ++id) {
-    threads.emplace_back([&, waitMs = purging ? 0 : kWaits[id]] {
-      uint64_t next[kThreads] = {};
-      uint64_t number = 0;
-      uint32_t writer = 0;
-      uint32_t key = 0;
-      int32_t status = ZOV_OKAY;
-      while (status != ZOV_QUEUE_CLOSED) {
-        status = zov_queueRead(queue, &number, &writer, &key, waitMs);
-        ASSERT_TRUE(status != ZOV_ERROR || waitMs == 0);
-        if (status == ZOV_OKAY && key != kPurged) {
-          ASSERT_GE(number, next[writer]);
-          next[writer] = number + 1;
-          ++arrived;
-        }
+  const auto readAll = [&](uint32_t waitMs) {
+    uint64_t next[3] = {};
+    uint64_t number = 0;
+    uint32_t writer = 0;
+    uint32_t key = 0;
+    int32_t status = ZOV_OKAY;
+    while (status != ZOV_QUEUE_CLOSED) {
+      status = zov_queueRead(queue, &number, &writer, &key, waitMs);
+      ASSERT_TRUE(status != ZOV_ERROR || waitMs == 0);
+      if (status == ZOV_OKAY && key != kPurged) {
+        ASSERT_GE(number, next[writer]);
+        next[writer] = number + 1;
+        ++arrived;
       }
-    });
-    threads.emplace_back([=] {
-      for (uint32_t number = 0; number < kMessages; ++number) {
-        zov_queueWrite(queue, number, id, 0, 0);
-        if (purging && number % 4 == id) {
-          zov_queueWrite(queue, 0, id, kPurged, ZOV_QUEUE_FRONT);
-          zov_queuePurge(queue, kPurged);
-        }
+    }
+  };
+  const auto writeAll = [=](uint32_t id) {
+    for (uint32_t number = 0; number < kMessages; ++number) {
+      zov_queueWrite(queue, number, id, 0, 0);
+      if (purging && number % 4 == id) {
+        zov_queueWrite(queue, 0, id, kPurged, ZOV_QUEUE_FRONT);
+        zov_queuePurge(queue, kPurged);
       }
-    });
-  }
-  until(arrived, kThreads * kMessages);
-  zov_queueClose(queue);
-  for (std::thread &thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(arrived, kThreads * kMessages);
+    }
+  };
+  zovtest::onThreads(7, [&](uint32_t id) {
+    if (id < 3) {
+      readAll(purging ? 0 : kWaits[id]);
+    } else if (id < 6) {
+      writeAll(id - 3);
+    } else {
+      until(arrived, 3 * kMessages);
+      zov_queueClose(queue);
+    }
+  });
+  EXPECT_EQ(arrived, 3 * kMessages);
 }
 
 TEST_F(Queue, ServesManyWritersAndReaders) {
@@ -369,7 +348,7 @@ TEST_F(Queue, ServesManyWritersAndReaders) {
 // Deletes each queue as soon as its last message or its end was read, while the
 // writer or closer may not be back from its call.
 TEST_F(Queue, MayBeDeletedByWhoReadsItsEnd) {
-  std::thread other([&] {
+  std::jthread other([&] {
     uint64_t handle = 0;
     uint32_t closes = 0;
     while (zov_queueRead(queue, &handle, &closes, nullptr, ZOV_WAIT_FOREVER) == ZOV_OKAY) {
@@ -384,7 +363,6 @@ TEST_F(Queue, MayBeDeletedByWhoReadsItsEnd) {
     zov_queueDelete(reply);
   }
   zov_queueClose(queue);
-  other.join();
 }
 
 }  // namespace

@@ -5,23 +5,19 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <set>
 #include <string>
 #include <thread>
 
 #include "support/output.h"
+#include "support/started.h"
 #include "zov.h"
 
 namespace {
 
 using zovtest::outputOf;
 
-class Sync : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
-  void TearDown() override { zov_term(); }
-};
+using Sync = zovtest::Started;
 
 ZOV_SYNC newMutex() {
   return zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
@@ -32,46 +28,31 @@ ZOV_SYNC newEvent() {
 
 TEST_F(Sync, MutexIsRecursiveAndExclusive) {
   const ZOV_SYNC mutex = newMutex();
-  for (int entry = 0; entry < 3; ++entry) {
-    zov_syncEnterExcl(mutex);
-  }
   int guarded = 0;
-  std::atomic<bool> entered{false};
-  std::thread other([&] {
+  zov_syncEnterExcl(mutex);
+  zov_syncEnterExcl(mutex);
+  std::jthread other([&] {
     zov_syncEnterExcl(mutex);
-    entered = true;
-    EXPECT_EQ(guarded, 3) << "let in before the last exit";
+    EXPECT_EQ(guarded++, 2) << "let in before the last exit";
     zov_syncExitExcl(mutex);
   });
-  for (int exit = 0; exit < 3; ++exit) {
-    EXPECT_FALSE(entered);
+  for (int exit = 0; exit < 2; ++exit) {
+    std::this_thread::yield();
     ++guarded;
     zov_syncExitExcl(mutex);
   }
   other.join();
-  EXPECT_TRUE(entered);
-}
-
-TEST_F(Sync, MutexGuardsACounter) {
-  const ZOV_SYNC mutex = newMutex();
-  int64_t counter = 0;
-  std::thread threads[4];
-  for (std::thread &thread : threads) {
-    thread = std::thread([&] {
-      for (int step = 0; step < 20000; ++step) {
-        zov_syncEnterExcl(mutex);
-        zov_syncEnterExcl(mutex);
-        ++counter;
-        zov_syncExitExcl(mutex);
-        ++counter;
-        zov_syncExitExcl(mutex);
-      }
-    });
-  }
-  for (std::thread &thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(counter, 4 * 20000 * 2);
+  zovtest::onThreads(4, [&](uint32_t) {
+    for (int step = 0; step < 20000; ++step) {
+      zov_syncEnterExcl(mutex);
+      zov_syncEnterExcl(mutex);
+      ++guarded;
+      zov_syncExitExcl(mutex);
+      ++guarded;
+      zov_syncExitExcl(mutex);
+    }
+  });
+  EXPECT_EQ(guarded, 3 + 4 * 20000 * 2);
 }
 
 TEST_F(Sync, EventStaysAsItWasSet) {
@@ -92,22 +73,19 @@ TEST_F(Sync, ResumeReleasesEveryWaiter) {
   zov_syncStart(event);
   std::atomic<int> waiting{0};
   std::atomic<bool> resumed{false};
-  std::thread threads[4];
-  for (std::thread &thread : threads) {
-    thread = std::thread([&] {
+  zovtest::onThreads(5, [&](uint32_t id) {
+    if (id < 4) {
       ++waiting;
       EXPECT_EQ(zov_syncWait(event, ZOV_WAIT_FOREVER), ZOV_OKAY);
       EXPECT_TRUE(resumed);
-    });
-  }
-  while (waiting < 4) {
-    std::this_thread::yield();
-  }
-  resumed = true;
-  zov_syncResume(event);
-  for (std::thread &thread : threads) {
-    thread.join();
-  }
+      return;
+    }
+    while (waiting < 4) {
+      std::this_thread::yield();
+    }
+    resumed = true;
+    zov_syncResume(event);
+  });
 }
 
 TEST_F(Sync, WrongHandlesAreRefused) {
@@ -116,8 +94,8 @@ TEST_F(Sync, WrongHandlesAreRefused) {
   const ZOV_SYNC deleted = newMutex();
   zov_syncDelete(deleted);
   for (const ZOV_SYNC handle : {event, deleted, ZOV_SYNC{0}, ZOV_NO_SYNC}) {
-    EXPECT_EQ(outputOf([&] { zov_syncEnterExcl(handle); }), "Invalid mutex\n");
-    EXPECT_EQ(outputOf([&] { zov_syncExitExcl(handle); }), "Invalid mutex\n");
+    EXPECT_EQ(outputOf([&] { zov_syncEnterExcl(handle), zov_syncExitExcl(handle); }),
+              "Invalid mutex\nInvalid mutex\n");
   }
   for (const ZOV_SYNC handle : {mutex, deleted, ZOV_SYNC{0}, ZOV_NO_SYNC}) {
     EXPECT_EQ(outputOf([&] { zov_syncStart(handle); }), "Invalid event\n");

@@ -16,10 +16,8 @@
 namespace {
 
 struct Policy {
-  int lowest;
-  int highest;
-  int readError;
-  int writeError;
+  int range[2];
+  int errors[2];  // of reading and of setting
 } policy;
 
 int prioritySet = 0;
@@ -28,17 +26,17 @@ int prioritySet = 0;
 
 extern "C" {
 int __wrap_pthread_getschedparam(pthread_t, int *, sched_param *) {
-  return policy.readError;
+  return policy.errors[0];
 }
 int __wrap_pthread_setschedparam(pthread_t, int, const sched_param *parameters) {
   prioritySet = parameters->sched_priority;
-  return policy.writeError;
+  return policy.errors[1];
 }
 int __wrap_sched_get_priority_max(int) {
-  return policy.highest;
+  return policy.range[1];
 }
 int __wrap_sched_get_priority_min(int) {
-  return policy.lowest;
+  return policy.range[0];
 }
 }
 
@@ -109,16 +107,14 @@ TEST(Thread, PriorityIsAPlaceInTheRange) {
     uint32_t status;
     int priority;
   } rows[] = {
-      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
-      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
-      {__LINE__, {1, 99, 0, 0}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
-      {__LINE__, {0, 0, 0, 0}, ZOV_THREAD_HIGH, ZOV_OKAY, 0},
-      {__LINE__, {-5, 2, 0, 0}, ZOV_THREAD_NORMAL, ZOV_OKAY, -1},
-      {__LINE__, {1, 99, 0, 0}, 2, ZOV_ERROR, kUnset},
-      {__LINE__, {-1, 99, 0, 0}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
-      {__LINE__, {1, -1, 0, 0}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
-      {__LINE__, {1, 99, 0, EPERM}, ZOV_THREAD_HIGH, ZOV_ERROR, 74},
-      {__LINE__, {1, 99, ESRCH, 0}, 2, ZOV_THREAD_UNREADABLE, kUnset},
+      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
+      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
+      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
+      {__LINE__, {{-5, 2}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, -1},
+      {__LINE__, {{1, 99}, {0, 0}}, 2, ZOV_ERROR, kUnset},
+      {__LINE__, {{1, -1}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
+      {__LINE__, {{1, 99}, {0, EPERM}}, ZOV_THREAD_HIGH, ZOV_ERROR, 74},
+      {__LINE__, {{1, 99}, {ESRCH, 0}}, 2, ZOV_THREAD_UNREADABLE, kUnset},
   };
   for (const auto &row : rows) {
     policy = row.policy;
