@@ -17,6 +17,7 @@
 //
 // Nothing jumps: what allocates may do so under the file's lock, so jumps are
 // held off from before it is entered.
+#include <assert.h>
 #include <fcntl.h>
 #include <stddef.h>
 #include <string.h>
@@ -95,6 +96,7 @@ uint64_t calc_segno(uint32_t baseBytes, uint64_t offset) {
     segment /= 4;
     before -= 3;
   }
+  assert(segment > 0);
   return offset / segment + before;
 }
 
