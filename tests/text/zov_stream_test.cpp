@@ -148,7 +148,7 @@ TEST_F(Stream, Utf16OutputGathersCharacters) {
 TEST_F(Stream, AgreesWithTheModel) {
   const uint32_t seed = std::random_device{}();
   std::mt19937 random(seed);
-  for (int round = 0; round < 100; ++round) {
+  for (int round = 0; round < 200; ++round) {
     std::vector<uint8_t> bytes(random() % 10000);
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
     ASSERT_STREQ(zovtest::StreamWalk(bytes.data(), bytes.size()).run(), nullptr)
@@ -179,6 +179,7 @@ TEST_F(Stream, FailedWritesAreToldAndTriedAgain) {
   EXPECT_EQ(zov_fputs(string(3000, 'x').c_str(), stream), 3000) << "dropped by the flag";
   zov_fclose(stream);
   EXPECT_EQ(file.contents().size(), 1625u);
+  zov_readonly = 0;
 }
 
 TEST_F(Stream, StandardStreams) {
@@ -192,17 +193,11 @@ TEST_F(Stream, StandardStreams) {
   }
   zov_fclose(input);
   testing::internal::CaptureStdout();
-  const int64_t before = zovtest::liveBlocks();
   const ZOV_STREAM output = zov_fopen("stdout", "w", ZOV_ENC_BYTES);
-  zovtest::failAllocationAfter(0);
-  EXPECT_EQ(zov_fprintf(output, "lost"), -1);
-  EXPECT_TRUE(zovtest::stopFailing());
-  EXPECT_EQ(zov_fflush(output), 0);
   EXPECT_EQ(zov_fprintf(output, "%c%4d", 0, 42), 5);
   EXPECT_EQ(zov_fprintf(output, "%s", ""), 0);
   zov_fclose(output);
-  EXPECT_EQ(zovtest::liveBlocks(), before);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("\0  42"s), string::npos);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\0  42"s);
 }
 
 // Null also when the call jumps out of it.
@@ -222,29 +217,27 @@ char *armedGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes) {
 TEST_F(Stream, RunningOutOfMemoryLosesNothing) {
   const string text = string(350, 'l') + "\n";
   ASSERT_TRUE(file.fill(text + "end"));
+  const int64_t before = zovtest::liveBlocks();
   for (const auto getLine : {zov_fGetLine, armedGetLine}) {
     bool failed = true;
     for (uint32_t passing = 0; failed; ++passing) {
-      const int64_t before = zovtest::liveBlocks();
       char *buffer = nullptr;
       uint32_t sizeBytes = 0;
-      string line;
       zovtest::failAllocationAfter(passing);
-      const ZOV_STREAM stream = open("r", ZOV_ENC_BYTES);
+      const ZOV_STREAM stream = open("r+", ZOV_ENC_BYTES);
       if (stream != nullptr) {
         getLine(stream, &buffer, &sizeBytes);
-        line = buffer == nullptr ? "" : buffer;
-      }
-      failed = zovtest::stopFailing();
-      if (stream != nullptr) {
-        line += failed ? zov_fGetLine(stream, &buffer, &sizeBytes) : "";
+        string line = buffer == nullptr ? "" : buffer;
+        line += line == text ? "" : zov_fGetLine(stream, &buffer, &sizeBytes);
+        zov_fprintf(stream, "%d", 1);
+        failed = zovtest::stopFailing();
         EXPECT_EQ(line, text);
         zov_freeMem(buffer, ZOV_DEFAULT_TAG);
         zov_fclose(stream);
       }
-      EXPECT_EQ(zovtest::liveBlocks(), before);
     }
   }
+  EXPECT_EQ(zovtest::liveBlocks(), before);
 }
 
 }  // namespace
