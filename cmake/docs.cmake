@@ -17,6 +17,8 @@ add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
     ${PROJECT_BINARY_DIR}/Doxyfile
     ${PROJECT_SOURCE_DIR}/include/zov.h
     ${PROJECT_SOURCE_DIR}/docs/mainpage.md
+    ${PROJECT_SOURCE_DIR}/docs/files-in-memory.md
+    ${PROJECT_SOURCE_DIR}/docs/parser.md
     ${PROJECT_SOURCE_DIR}/docs/status_list.awk
   COMMENT "Making the API reference"
   VERBATIM)

@@ -13,7 +13,7 @@ import sys
 import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 BUILD = pathlib.Path(sys.argv.pop() if len(sys.argv) > 1 else "build/release").resolve()
 
 
