@@ -3457,6 +3457,34 @@ ZOV_API int32_t zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data
  * os/zovunix_process: process, daemon and signal services
  * ======================================================================== */
 
+/** Head of a list for the programs built on the library, which agree on what is
+ *  in it; null after zov_init(). The library does not look at it. */
+ZOV_API extern void *deviceHead;
+
+/** A mutex for the list at #deviceHead; #ZOV_NO_SYNC while the library is not
+ *  started. */
+ZOV_API extern ZOV_SYNC deviceSem;
+
+/** What zov_handleInterrupt() calls. Runs in signal context. */
+typedef void (*ZOV_INTERRUPT)(void);
+
+/** The main function of a service. */
+typedef int32_t (*ZOV_SERVICE_MAIN)(int32_t argumentCount, char **arguments);
+
+/**
+ * Prepares the process: raises the soft limit on open descriptors to the hard
+ * one (to 1024 if it is lower and the hard one is unlimited), makes #deviceSem,
+ * and ignores SIGPIPE, so that writing to a closed pipe or socket fails instead
+ * of ending the process. The process keeps limit and SIGPIPE so when the
+ * library ends, and hands them on to the programs that it starts. For
+ * zov_init() only.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API int32_t zov_osInit(void);
+
+/** Releases #deviceSem. For zov_term() only. */
+ZOV_API void zov_osTerm(void);
+
 /** @return the id of the calling process. Threads: any. May be called at any
  *  time. */
 ZOV_API uint32_t zov_get_pid(void);
@@ -3464,6 +3492,97 @@ ZOV_API uint32_t zov_get_pid(void);
 /** @return 1 if there is a process of this id, also one that may not be
  *  signalled, else 0. Threads: any. May be called at any time. */
 ZOV_API int32_t zov_check_pid(uint32_t pid);
+
+/**
+ * Continues the program in a child process that becomes a background server:
+ * file-creation mask 0, a session of its own without a terminal, #zov_background
+ * set, standard streams on /dev/null. The calling process, the launcher, never
+ * returns. It waits for zov_daemonComplete() and exits with a status for
+ * whoever started it:
+ *
+ * | the server                           | exit status of the launcher |
+ * |--------------------------------------|-----------------------------|
+ * | reports, whatever it does afterwards | 0                           |
+ * | exits without a report               | the same status             |
+ * | is killed by a signal                | 256 minus the signal        |
+ * | is stopped by a signal               | 99                          |
+ * | closes the descriptor and lives on   | 0, two seconds later        |
+ *
+ * The launcher exits through exit(), so that its exit handlers run, but it does
+ * not end the library. What was printed or logged before goes out first.
+ *
+ * @param serverName kept in #server_name for the messages; the caller keeps the
+ *                   string alive
+ * @param out        receives the descriptor for zov_daemonComplete(), above 2
+ *                   and not inherited by other programs; -1 on failure
+ * @return #ZOV_OKAY, in the server. #ZOV_ERROR when the pipe, /dev/null or the
+ *         process cannot be had; nothing has changed then but #server_name.
+ *
+ * Threads: the only one of the process, since a fork keeps no other. May be
+ * called before zov_init().
+ * Messages: of the launcher, "%s started successfully.\n" with the name; or on
+ * standard error "%s startup aborted with a status of %d." with name and
+ * status, "Unexpected status signal from %s child process.\n" or "%s terminated
+ * by internal error or external signal (%d).\n" with name and signal.
+ */
+ZOV_API int32_t zov_daemonStart(const char *serverName, int32_t *out);
+
+/**
+ * Reports to the launcher that the server has started, and closes the
+ * descriptor. A launcher that is gone by now does not matter.
+ *
+ * @param descriptor what zov_daemonStart() gave, once
+ *
+ * Threads: any.
+ */
+ZOV_API void zov_daemonComplete(int32_t descriptor);
+
+/**
+ * Sets what happens on SIGINT, until the next call and also after zov_term().
+ * Interrupts that arrive while the callback runs are dropped. System calls that
+ * an interrupt breaks into are resumed.
+ *
+ * @param callback called on each interrupt, on a thread that does not block it
+ *                 (those of zov_threadBegin() do) and in signal context, where
+ *                 little is safe: best it sets a flag or writes to a pipe, and
+ *                 it must return. Null: interrupts are ignored.
+ * @return #ZOV_OKAY.
+ *
+ * Threads: one at a time; the callback may call it. May be called at any time.
+ */
+ZOV_API int32_t zov_handleInterrupt(ZOV_INTERRUPT callback);
+
+/** Prints a text and a newline on libc's standard output.
+ *  @return the result of puts(), negative on failure. Threads: any. May be
+ *  called at any time. */
+ZOV_API int32_t zov_errPrint(const char *text);
+
+/**
+ * Runs a program as a service where there is a service manager; here, calls it.
+ *
+ * @param name          unused, may be null
+ * @param event         unused, may be null
+ * @param argumentCount passed on
+ * @param arguments     passed on
+ * @param mainFunction  the program
+ * @return what mainFunction returns.
+ *
+ * Threads: any. May be called at any time.
+ */
+ZOV_API int32_t zov_serviceStart(const void *name, const void *event, int32_t argumentCount,
+                                 char **arguments, ZOV_SERVICE_MAIN mainFunction);
+
+/** Tells a service manager that the service runs; does nothing here. */
+ZOV_API void zov_serviceStarted(void);
+
+/** Tells a service manager that the service is done; does nothing here. */
+ZOV_API void zov_serviceDone(void);
+
+/** Registers a service. @return #ZOV_ERROR: there is no manager here. */
+ZOV_API int32_t zov_serviceInstall(void);
+
+/** Takes a registration back. @return #ZOV_ERROR: there is no manager here. */
+ZOV_API int32_t zov_serviceUninstall(void);
 
 /* ========================================================================
  * os/zovunix_time: time, environment and temporary directory

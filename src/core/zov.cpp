@@ -57,6 +57,7 @@ constexpr Stage stages[] = {
     {zov_memInit, zov::abandonMemory},
     {zov_fileInit, zov_fileTerm},
     {zov_iniInit, zov_iniTerm},
+    {zov_osInit, zov_osTerm},
     {zov_mfInit, [] { zov_mfTerm(); }},
     {[] { return zov_fileStackInit(&zov::stdoutStack, "stdout"); }, stackTerm<zov::stdoutStack>},
     {[] { return zov_fileStackInit(&zov::stderrStack, "stderr"); }, stackTerm<zov::stderrStack>},
@@ -83,6 +84,7 @@ void _zov_term() {
   zov_freeMem(zov::zov_tmp.exchange(nullptr), ZOV_DEFAULT_TAG);
   zov::storeFlag(zov_terminating, 1);
   zov_mfTerm();
+  zov_osTerm();
   zov_iniTerm();
   zov_fileTerm();
   zov::abandonQueues();

@@ -1,13 +1,77 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Process identity.
+// The operating system's stage of start-up, process identity, the interrupt
+// hook and the service entry points, behind which there is nothing here.
+//
+// Start-up changes two things for the whole process and for good: the limit on
+// open descriptors is raised, and SIGPIPE is ignored. It also sets up a list
+// head with its mutex, which the library itself never looks at; both belong to
+// the programs built on it.
+//
+// The interrupt hook is one callback, which a signal handler calls; it is kept
+// in an atomic that needs no lock. Nothing here allocates from a tag or jumps.
 #include <errno.h>
 #include <signal.h>
+#include <stdio.h>
 #include <unistd.h>
 
-#include "zov.h"
+#include <atomic>
+
+#include "core/zov_private.h"
+#include "os/zovunix_limit.h"
+
+void *deviceHead = nullptr;
+// Not ranked: the library never takes it. Guards deviceHead.
+ZOV_SYNC deviceSem = ZOV_NO_SYNC;
+
+namespace {
+
+std::atomic<ZOV_INTERRUPT> interrupt_fcn = nullptr;
+static_assert(decltype(interrupt_fcn)::is_always_lock_free, "read by a signal handler");
+
+// A limit that cannot be read or raised stays: the program then has the
+// descriptors that it has.
+void raiseDescriptorLimit() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit = zov::raisedLimit(limit);
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+// Drops the interrupts that arrive while the callback runs. SIGINT is blocked
+// then, so that one waits, ignored or not; ignoring it anew discards it.
+void handler(int) {
+  const int error = errno;
+  signal(SIGINT, SIG_IGN);
+  const ZOV_INTERRUPT callback = interrupt_fcn.load(std::memory_order_relaxed);
+  if (callback != nullptr) {
+    callback();
+  }
+  signal(SIGINT, SIG_IGN);
+  signal(SIGINT, handler);
+  errno = error;
+}
+
+}  // namespace
 
 extern "C" {
+
+int32_t zov_osInit() {
+  raiseDescriptorLimit();
+  deviceHead = nullptr;
+  deviceSem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  if (deviceSem == ZOV_NO_SYNC) {
+    return ZOV_ERROR;
+  }
+  signal(SIGPIPE, SIG_IGN);
+  return ZOV_OKAY;
+}
+
+void zov_osTerm() {
+  zov_syncDelete(deviceSem);
+  deviceSem = ZOV_NO_SYNC;
+}
 
 uint32_t zov_get_pid() {
   return static_cast<uint32_t>(getpid());
@@ -17,5 +81,34 @@ int32_t zov_check_pid(uint32_t pid) {
   // Any failure but "no such process" means that there is one, which may not
   // be signalled.
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH ? 1 : 0;
+}
+
+int32_t zov_handleInterrupt(ZOV_INTERRUPT callback) {
+  // Without a callback the hook is emptied as well: called from inside the old
+  // one this must hold although the handler puts itself back afterwards.
+  interrupt_fcn.store(callback, std::memory_order_relaxed);
+  signal(SIGINT, callback == nullptr ? SIG_IGN : handler);
+  return ZOV_OKAY;
+}
+
+int32_t zov_errPrint(const char *text) {
+  return puts(text);
+}
+
+int32_t zov_serviceStart(const void *, const void *, int32_t argumentCount, char **arguments,
+                         ZOV_SERVICE_MAIN mainFunction) {
+  return mainFunction(argumentCount, arguments);
+}
+
+void zov_serviceStarted() {}
+
+void zov_serviceDone() {}
+
+int32_t zov_serviceInstall() {
+  return ZOV_ERROR;
+}
+
+int32_t zov_serviceUninstall() {
+  return ZOV_ERROR;
 }
 }

@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The start of a server in the background, seen from the process that starts
+// its launcher; the descriptor limit, the interrupt hook and the services.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include "os/zovunix_limit.h"
+#include "support/output.h"
+#include "zov.h"
+
+static bool failFork = false;
+extern "C" pid_t __real_fork();
+extern "C" pid_t __wrap_fork() {
+  return failFork ? -1 : __real_fork();
+}
+
+namespace {
+
+pid_t sibling = -1;
+
+// What a process finds around it; a server sends it before it does anything else.
+struct Facts {
+  pid_t pid;
+  char text[100];
+};
+
+bool isNull(int descriptor) {
+  struct stat found;
+  return fstat(descriptor, &found) == 0 && found.st_rdev == makedev(1, 3);
+}
+
+Facts factsOf(int32_t descriptor) {
+  const mode_t mask = umask(0);
+  umask(mask);
+  struct sigaction action;
+  sigset_t blocked;
+  sigaction(SIGCHLD, nullptr, &action);
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  Facts facts = {getpid(), ""};
+  snprintf(facts.text, sizeof facts.text,
+           "session %d background %d null %d above %d %o SIGCHLD %d%d", getsid(0) == getpid(),
+           zov_background, isNull(0) && isNull(1) && isNull(2) && puts("") > 0, descriptor > 2,
+           mask, action.sa_handler == SIG_IGN, sigismember(&blocked, SIGCHLD));
+  return facts;
+}
+
+// The launcher and then the server, which lives on when its function returns.
+[[noreturn]] void launch(void (*prepare)(), void (*serve)(int32_t), int factsEnd) {
+  int32_t descriptor = -1;
+  prepare();
+  if (zov_init() != ZOV_OKAY || zov_daemonStart("tested", &descriptor) != ZOV_OKAY) {
+    _exit(101);
+  }
+  const Facts found = factsOf(descriptor);
+  if (write(factsEnd, &found, sizeof found) == sizeof found) {
+    serve(descriptor);
+    alarm(100);
+    pause();
+  }
+  _exit(102);
+}
+
+class Launcher {
+ public:
+  Launcher(void (*prepare)(), void (*serve)(int32_t)) {
+    int outputEnds[2];
+    int factsEnds[2];
+    EXPECT_TRUE(pipe(outputEnds) == 0 && pipe(factsEnds) == 0);
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(outputEnds[1], STDOUT_FILENO);
+      dup2(outputEnds[1], STDERR_FILENO);
+      close(outputEnds[1]);
+      launch(prepare, serve, factsEnds[1]);
+    }
+    close(outputEnds[1]);
+    close(factsEnds[1]);
+    output_ = outputEnds[0];
+    EXPECT_EQ(read(factsEnds[0], &facts, sizeof facts), static_cast<ssize_t>(sizeof facts));
+    close(factsEnds[0]);
+  }
+  // No server survives its test, whose child it is by then.
+  ~Launcher() {
+    kill(facts.pid, SIGKILL);
+    waitpid(facts.pid, nullptr, 0);
+    close(output_);
+  }
+
+  // "status: output". The output ends when the server has let go of it as well.
+  std::string result() const {
+    std::string text;
+    for (char byte; read(output_, &byte, 1) == 1;) {
+      text += byte;
+    }
+    int status = -1;
+    EXPECT_TRUE(waitpid(pid_, &status, 0) == pid_ && WIFEXITED(status));
+    return std::to_string(WEXITSTATUS(status)) + ": " + text;
+  }
+
+  Facts facts = {};
+
+ private:
+  pid_t pid_;
+  int output_;
+};
+
+void plain() {
+  umask(077);
+}
+
+void blocking() {
+  sigset_t set;
+  sigfillset(&set);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// And with text without a newline in a buffer that launcher and server share.
+void withSibling() {
+  sibling = fork();
+  while (sibling == 0) {
+    pause();
+  }
+  printf("0: ");
+}
+
+void exits(int32_t) {
+  _exit(3);
+}
+
+constexpr char kStarted[] = "0: tested started successfully.\n";
+constexpr char kAborted[] = "3: tested startup aborted with a status of 3.";
+
+TEST(Daemon, LauncherEndsAsItsServerDoes) {
+  const struct {
+    int line;
+    void (*prepare)();
+    void (*serve)(int32_t);
+    std::string result;
+    std::string childSignal = "00";
+  } rows[] = {
+      {__LINE__, plain, zov_daemonComplete, kStarted},
+      {__LINE__, plain, exits, kAborted},
+      {__LINE__, plain, [](int32_t) { raise(SIGKILL); },
+       "247: tested terminated by internal error or external signal (9).\n"},
+      {__LINE__, plain, [](int32_t) { raise(SIGSTOP); },
+       "99: Unexpected status signal from tested child process.\n"},
+      {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), _exit(5); }, kStarted},
+      {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), raise(SIGSTOP); }, kStarted},
+      {__LINE__, plain, [](int32_t pipe) { close(pipe), _exit(3); }, kAborted},
+      {__LINE__, withSibling,
+       [](int32_t pipe) { kill(sibling, SIGKILL), zov_daemonComplete(pipe); },
+       std::string("0: ") + kStarted},
+      {__LINE__, [] { signal(SIGCHLD, SIG_IGN); }, exits, kAborted, "10"},
+      {__LINE__, blocking, exits, kAborted, "01"},
+      {__LINE__, [] { close(0), close(1), close(2); }, exits, "3: "},
+  };
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  for (int round = 0; round < 20; ++round) {
+    for (const auto &row : rows) {
+      const Launcher launcher(row.prepare, row.serve);
+      ASSERT_EQ(launcher.result(), row.result) << "row " << row.line;
+      ASSERT_EQ(launcher.facts.text,
+                "session 1 background 1 null 1 above 1 0 SIGCHLD " + row.childSignal)
+          << "row " << row.line;
+    }
+  }
+}
+
+TEST(Daemon, ServerThatLetsGoOfThePipeHasStarted) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const auto letGo = [](int32_t report) { close(report); };
+  const auto begin = std::chrono::steady_clock::now();
+  const Launcher launchers[] = {{plain, letGo}, {plain, letGo}};
+  for (const Launcher &launcher : launchers) {
+    EXPECT_EQ(launcher.result(), kStarted);
+    EXPECT_EQ(zov_check_pid(static_cast<uint32_t>(launcher.facts.pid)), 1);
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST(Daemon, FailsInTheForeground) {
+  const int firstFree = dup(0);
+  close(firstFree);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const std::string before = factsOf(-1).text;
+  // The pipe cannot be had, nor /dev/null, nor the process.
+  for (const rlim_t allowed : {0, 1, 2, 3}) {
+    const rlimit tight = {static_cast<rlim_t>(firstFree) + allowed, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &tight);
+    failFork = allowed == 3;
+    int32_t out = 7;
+    EXPECT_EQ(zov_daemonStart("tested", &out), ZOV_ERROR);
+    EXPECT_EQ(out, -1);
+    failFork = false;
+    EXPECT_STREQ(server_name, allowed == 3 ? "tested" : "unknown");
+    EXPECT_EQ(before, factsOf(out).text);
+  }
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(dup(0), firstFree) << "a descriptor is left open";
+}
+
+TEST(StartUp, PreparesTheProcess) {
+  EXPECT_EQ(zov::raisedLimit({256, RLIM_INFINITY}).rlim_cur, 1024u);
+  EXPECT_EQ(zov::raisedLimit({2048, RLIM_INFINITY}).rlim_cur, 2048u);
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = 256;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  deviceHead = ends;
+  ASSERT_EQ(zov_init(), ZOV_OKAY);
+  EXPECT_TRUE(getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == limit.rlim_max);
+  EXPECT_EQ(write(ends[1], "x", 1), -1) << "and the process lives on";
+  EXPECT_EQ(deviceHead, nullptr);
+  EXPECT_NE(deviceSem, ZOV_NO_SYNC);
+  zov_term();
+  EXPECT_EQ(deviceSem, ZOV_NO_SYNC);
+}
+
+int interrupts = 0;
+
+TEST(Interrupt, IsDroppedWhileTheCallbackRuns) {
+  zov_handleInterrupt([] { ++interrupts, raise(SIGINT); });
+  raise(SIGINT);
+  raise(SIGINT);
+  EXPECT_EQ(interrupts, 2);
+  zov_handleInterrupt([] { ++interrupts, zov_handleInterrupt(nullptr); });
+  raise(SIGINT);
+  raise(SIGINT);
+  EXPECT_EQ(interrupts, 3) << "ignored from inside the callback";
+}
+
+TEST(Service, IsThePlainProgram) {
+  const auto program = [](int32_t count, char **) { return count + 1; };
+  EXPECT_EQ(zov_serviceStart(nullptr, nullptr, 42, nullptr, program), 43);
+  EXPECT_EQ(zov_serviceInstall(), ZOV_ERROR);
+  EXPECT_EQ(zov_serviceUninstall(), ZOV_ERROR);
+  EXPECT_EQ(zovtest::outputOf([] { EXPECT_GE(zov_errPrint("100%s"), 0); }), "100%s\n");
+}
+
+}  // namespace
