@@ -24,7 +24,7 @@ class CheckExports(unittest.TestCase):
         self.header = self.copy(ROOT / "include/zov.h")
         self.xml = self.folder / "xml"
         shutil.copytree(BUILD / "docs/xml", self.xml)
-        self.library = BUILD / "src/libzov.so"
+        self.shared_object = BUILD / "src/libzov.so"
 
     def copy(self, file):
         return pathlib.Path(shutil.copy(file, self.folder))
@@ -36,14 +36,14 @@ class CheckExports(unittest.TestCase):
 
     def fake_library(self, names, version="ZOV_11"):
         """A library that exports the given names and no other."""
-        self.library = self.folder / "libfake.so"
+        self.shared_object = self.folder / "libfake.so"
         source = self.folder / "fake.c"
         script = self.folder / "fake.map"
         source.write_text("".join(f"int {name};\n" for name in names))
         script.write_text(f"{version} {{ global: {' '.join(n + ';' for n in names)} local: *; }};")
         subprocess.run(
             ["cc", "-w", "-shared", "-fPIC", f"-Wl,--version-script={script}", source, "-o"]
-            + [self.library],
+            + [self.shared_object],
             check=True,
         )
 
@@ -52,7 +52,7 @@ class CheckExports(unittest.TestCase):
         return re.findall(r"^\s+(\w+);", text, re.MULTILINE)
 
     def complaints(self):
-        command = [ROOT / "scripts/check_exports", BUILD, "--library", self.library]
+        command = [ROOT / "scripts/check_exports", BUILD, "--library", self.shared_object]
         command += ["--map", self.map, "--header", self.header, "--xml", self.xml]
         run = subprocess.run(command, capture_output=True, text=True, check=False)
         lines = run.stderr.splitlines()
