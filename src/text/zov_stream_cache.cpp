@@ -55,8 +55,11 @@ bool flushModified(FileCache &cache) {
     return false;
   }
   if (sent < wanted) {
+    if (sent == 0) {
+      return true;
+    }
     dropSent(cache, sent);
-    return sent == 0;
+    return false;
   }
   cache.dirty = 0;
   cache.valid = 0;
