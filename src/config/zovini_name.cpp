@@ -3,7 +3,6 @@
 // Comparing and hashing names without regard to ASCII case, eight letters at a
 // time, and the memory of the name index. Other bytes, UTF-8 among them, are
 // compared as they are. Nothing here locks; callers hold jumps off.
-#include <algorithm>
 #include <bit>
 
 #include "config/zovini_name.h"
@@ -12,36 +11,59 @@ namespace zov {
 namespace {
 
 constexpr uint64_t kMix = 0x9E3779B97F4A7C15;
+constexpr size_t kWordBytes = sizeof(uint64_t);
 
-// The next letters of a text in lower case, and NULs where it has ended.
-uint64_t foldedWord(IniText text, size_t at) {
-  uint64_t word = 0;
-  memcpy(&word, text.bytes + at, std::min(text.length - at, sizeof word));
-  return iniFoldWord(word);
+template <typename Word>
+uint64_t load(const char *bytes) {
+  Word word;
+  memcpy(&word, bytes, sizeof word);
+  return word;
+}
+
+// Fewer than eight bytes as one word. Some occur in it twice; texts of one
+// length give equal words if they are equal.
+uint64_t tailWord(const char *bytes, size_t length) {
+  if (length >= 4) {
+    return load<uint32_t>(bytes) | (load<uint32_t>(bytes + length - 4) << 32);
+  }
+  if (length == 0) {
+    return 0;
+  }
+  return load<uint8_t>(bytes) | (load<uint8_t>(bytes + length / 2) << 8) |
+         (load<uint8_t>(bytes + length - 1) << 16);
+}
+
+uint64_t mixed(uint64_t hash, uint64_t word) {
+  hash = (hash ^ iniFoldWord(word)) * kMix;
+  return hash ^ (hash >> 32);
+}
+
+bool isEqualFolded(const char *first, const char *second, size_t length) {
+  for (; length >= kWordBytes; length -= kWordBytes) {
+    if (iniFoldWord(load<uint64_t>(first)) != iniFoldWord(load<uint64_t>(second))) {
+      return false;
+    }
+    first += kWordBytes;
+    second += kWordBytes;
+  }
+  return iniFoldWord(tailWord(first, length)) == iniFoldWord(tailWord(second, length));
 }
 
 }  // namespace
 
 bool iniEqual(IniText first, IniText second) {
-  if (first.length != second.length) {
-    return false;
-  }
-  for (size_t at = 0; at < first.length; at += sizeof(uint64_t)) {
-    if (foldedWord(first, at) != foldedWord(second, at)) {
-      return false;
-    }
-  }
-  return true;
+  return first.length == second.length && (memcmp(first.bytes, second.bytes, first.length) == 0 ||
+                                           isEqualFolded(first.bytes, second.bytes, first.length));
 }
 
 uint32_t iniHash(IniText text) {
   uint64_t hash = text.length;
-  for (size_t at = 0; at < text.length; at += sizeof(uint64_t)) {
-    hash = (std::rotl(hash, 29) ^ foldedWord(text, at)) * kMix;
-    hash ^= hash >> 32;
+  size_t at = 0;
+  for (; text.length - at >= kWordBytes; at += kWordBytes) {
+    hash = mixed(hash, load<uint64_t>(text.bytes + at));
   }
-  hash *= kMix;
-  return static_cast<uint32_t>(hash >> 32);
+  hash = mixed(hash, tailWord(text.bytes + at, text.length - at));
+  return static_cast<uint32_t>(hash ^ (hash >> 16));
 }
 
 bool iniIndexReset(IniIndex &index, uint32_t count) {
