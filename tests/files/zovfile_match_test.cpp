@@ -1,51 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Wildcard matching. It needs no start-up.
+#include <ctype.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "support/match_model.h"
 #include "zov.h"
 
 namespace {
 
-TEST(Match, NamesAndPatterns) {
-  const struct {
-    int line;
-    const char *name;
-    const char *pattern;
-    int32_t matches;
-  } rows[] = {
-      {__LINE__, "abc", "A?C", 1},
-      {__LINE__, "abc", "a*", 1},
-      {__LINE__, "abc", "*c", 1},
-      {__LINE__, "abc", "*b", 0},
-      {__LINE__, "abc", "", 0},
-      {__LINE__, "", "", 1},
-      {__LINE__, "", "*", 1},
-      {__LINE__, "", "**", 0},
-      {__LINE__, "", "?", 0},
-      {__LINE__, "A.INI", "*.ini", 1},
-      {__LINE__, "a", "a*", 1},
-      {__LINE__, "what?", "*?", 1},
-      {__LINE__, "what", "*?", 0},
-      {__LINE__, "a*", "**", 1},
-      {__LINE__, "a*b", "**", 0},
-      {__LINE__, "a*b", "***", 1},
-      {__LINE__, "x.tar.gz", "*.gz", 1},
-      {__LINE__, "x.gz.bak", "*.gz", 0},
-      {__LINE__, "aXbXcX", "*xb*xc?", 1},
-      {__LINE__, "abab", "*ab", 1},
-      {__LINE__, "\xE9", "\xE9", 1},
-      {__LINE__, "\xC3\xA9", "\xC3\x89", 0},
-      {__LINE__, "\xC3\xA9", "?", 0},
-      {__LINE__, "\xC3\xA9", "??", 1},
-  };
-  for (const auto &row : rows) {
-    EXPECT_EQ(zov_match(row.name, row.pattern), row.matches) << "row at line " << row.line;
+// Tries every possibility.
+bool modelMatches(const char *name, const char *pattern) {
+  const auto same = [](char left, char right) { return toupper(left) == toupper(right); };
+  if (*pattern == '\0') {
+    return *name == '\0';
   }
+  if (*pattern != '*') {
+    return *name != '\0' && (*pattern == '?' || same(*name, *pattern)) &&
+           modelMatches(name + 1, pattern + 1);
+  }
+  bool found = pattern[1] == '\0';
+  for (; !found && *name != '\0'; ++name) {
+    found = same(*name, pattern[1]) && modelMatches(name + 1, pattern + 2);
+  }
+  return found;
+}
+
+// The wildcard's next letter is taken as it stands, and letters are bytes.
+TEST(Match, NamesAndPatterns) {
+  EXPECT_EQ(zov_match("x.TAR.gz", "*.Gz"), 1);
+  EXPECT_EQ(zov_match("x.gz.bak", "*.gz"), 0);
+  EXPECT_EQ(zov_match("aXbXcX", "*xb*xc?"), 1);
+  EXPECT_EQ(zov_match("", "**"), 0);
+  EXPECT_EQ(zov_match("what?", "*?"), 1);
+  EXPECT_EQ(zov_match("what", "*?"), 0);
+  EXPECT_EQ(zov_match("\xC3\xA9", "\xC3\x89"), 0);
+  EXPECT_EQ(zov_match("\xC3\xA9", "??"), 1);
 }
 
 // Every name of up to four and every pattern of up to five letters of a small
@@ -61,7 +53,7 @@ TEST(Match, AgreesWithAModelOnAllShortPatterns) {
     for (const std::string &pattern : words) {
       if (name.size() < 5) {
         ASSERT_EQ(zov_match(name.c_str(), pattern.c_str()),
-                  zovtest::modelMatches(name.c_str(), pattern.c_str()) ? 1 : 0)
+                  modelMatches(name.c_str(), pattern.c_str()) ? 1 : 0)
             << name << " / " << pattern;
       }
     }

@@ -7,19 +7,13 @@
 #include <string>
 
 #include "support/alloc_failure.h"
+#include "support/started.h"
 #include "support/temp_dir.h"
 #include "zov.h"
 
 namespace {
 
-class Paths : public testing::Test {
- protected:
-  Paths() { EXPECT_EQ(zov_init(), ZOV_OKAY); }
-  ~Paths() override {
-    zov_diskless = 0;
-    zov_term();
-  }
-};
+using Paths = zovtest::Started;
 
 // Takes over a string of the library; "(null)" for null.
 std::string taken(char *text) {
@@ -30,28 +24,27 @@ std::string taken(char *text) {
 
 TEST_F(Paths, AreSplitAtTheLastSlash) {
   const struct {
-    int line;
     const char *path;
     const char *directory;
     const char *name;
     uint32_t isDir;
   } rows[] = {
-      {__LINE__, "/usr/lib/x.so", "/usr/lib/", "x.so", 0},
-      {__LINE__, "x.so", "(null)", "x.so", 0},
-      {__LINE__, "dir/", "dir/", "(null)", 1},
-      {__LINE__, "/", "/", "(null)", 1},
-      {__LINE__, "a//b\\c", "a//", "b\\c", 0},
-      {__LINE__, "", "(null)", "", ZOV_PATH_EMPTY},
+      {"/usr/lib/x.so", "/usr/lib/", "x.so", 0},
+      {"x.so", "(null)", "x.so", 0},
+      {"dir/", "dir/", "(null)", 1},
+      {"/", "/", "(null)", 1},
+      {"a//b\\c", "a//", "b\\c", 0},
+      {"", "(null)", "", ZOV_PATH_EMPTY},
   };
   for (const auto &row : rows) {
     char *directory = nullptr;
     char *name = nullptr;
     zov_pathSplit(row.path, &directory, nullptr);
     zov_pathSplit(row.path, nullptr, &name);
-    EXPECT_EQ(taken(directory), row.directory) << row.line;
-    EXPECT_EQ(taken(name), row.name) << row.line;
-    EXPECT_EQ(zov_pathIsDir(row.path), row.isDir) << row.line;
-    EXPECT_EQ(zov_pathStripDrive(row.path), row.path) << row.line;
+    EXPECT_EQ(taken(directory), row.directory) << row.path;
+    EXPECT_EQ(taken(name), row.name) << row.path;
+    EXPECT_EQ(zov_pathIsDir(row.path), row.isDir) << row.path;
+    EXPECT_EQ(zov_pathStripDrive(row.path), row.path);
   }
   EXPECT_EQ(zov_pathIsDir(nullptr), ZOV_PATH_EMPTY);
 }
@@ -60,19 +53,16 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   const zovtest::TempDir dir;  // some growths long
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
   const struct {
-    int line;
     const char *path;
     std::string onDisk;
     std::string diskless;
   } rows[] = {
-      {__LINE__, nullptr, dir / "", "/"},      {__LINE__, "", dir / "", "/"},
-      {__LINE__, ".", dir / "", "/"},          {__LINE__, "./", dir / "", "/"},
-      {__LINE__, "..", dir / "../", "/../"},   {__LINE__, "a/../b/", dir / "a/../b/", "/a/../b/"},
-      {__LINE__, "/data", "/data/", "/data/"}, {__LINE__, "//x//", "//x//", "//x//"},
+      {nullptr, dir / "", "/"}, {"./", dir / "", "/"},         {"..", dir / "../", "/../"},
+      {"", dir / "", "/"},      {"/data", "/data/", "/data/"}, {"//x//", "//x//", "//x//"},
   };
   EXPECT_EQ(taken(zov_currdir()), dir.path());
   for (const auto &row : rows) {
-    EXPECT_EQ(taken(zov_fullpath(row.path)), row.onDisk) << row.line;
+    EXPECT_EQ(taken(zov_fullpath(row.path)), row.onDisk) << row.onDisk;
   }
   ASSERT_EQ(symlink("nowhere", "link"), 0);
   EXPECT_EQ(zov_pathIsLink("link"), 1);
@@ -83,7 +73,7 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   zov_nodisk();
   EXPECT_EQ(taken(zov_currdir()), "/");
   for (const auto &row : rows) {
-    EXPECT_EQ(taken(zov_fullpath(row.path)), row.diskless) << row.line;
+    EXPECT_EQ(taken(zov_fullpath(row.path)), row.diskless) << row.onDisk;
   }
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "support/alloc_failure.h"
+#include "support/started.h"
 #include "support/temp_dir.h"
 #include "zov.h"
 
@@ -35,14 +36,8 @@ dirent *__wrap_readdir(DIR *dir) {
 
 namespace {
 
-class Native : public testing::Test {
+class Native : public zovtest::Started {
  protected:
-  Native() { EXPECT_EQ(zov_init(), ZOV_OKAY); }
-  ~Native() override {
-    zov_diskless = 0;
-    zov_term();
-  }
-
   uint64_t open(const std::string &path) {
     uint64_t descriptor = 0;
     EXPECT_EQ(zov_flOpen(path.c_str(), O_RDWR | O_CREAT, 0, &descriptor), ZOV_OKAY);
@@ -62,10 +57,8 @@ TEST_F(Native, DescriptorsFollowTheSystem) {
   char buffer[16] = {};
   EXPECT_EQ(zov_flSeekWrite(file, 20, "far", 3), 3u);
   EXPECT_EQ(zov_flSeekWrite(file, ZOV_OFFSET_CURRENT, "ab", 2), 2u) << "still at the start";
-  EXPECT_EQ(zov_flSeek(file, -1, SEEK_SET), ZOV_ERROR);
-  EXPECT_EQ(zov_flSeekRead(file, 0, buffer, 2), 2u);
+  EXPECT_EQ(zov_flSeekRead(file, 0, buffer, 3), 3u);
   EXPECT_STREQ(buffer, "ab");
-  EXPECT_EQ(zov_flSeekRead(file, 23, buffer, 5), 0u) << "the end is no failure";
   EXPECT_EQ(zov_flSeekRead(file, -2, buffer, 5), ZOV_IO_FAILED) << "an offset like any other";
   EXPECT_EQ(zov_flSetSize(file, -1), -1);
   EXPECT_EQ(zov_flClose(file), 0);
@@ -75,8 +68,7 @@ TEST_F(Native, DescriptorsFollowTheSystem) {
   EXPECT_EQ(zov_flClose(file), -1);
 }
 
-TEST_F(Native, NamesAreAskedAboutAndChanged) {
-  const std::string moved = dir_ / "moved";
+TEST_F(Native, NewFilesHaveTheUsersModeAndTheirTimes) {
   const mode_t old = umask(027);
   zov_flClose(open(path_));
   umask(old);
@@ -86,16 +78,6 @@ TEST_F(Native, NamesAreAskedAboutAndChanged) {
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0640u);
   EXPECT_EQ(zov_flModTime(path_.c_str()), 1'000'000'000);
-  int32_t isDirectory = 7;
-  EXPECT_EQ(zov_flValidate(path_.c_str(), &isDirectory), 1);
-  EXPECT_EQ(isDirectory, 0);
-  EXPECT_EQ(zov_flValidate(dir_.path().c_str(), &isDirectory), 1);
-  EXPECT_EQ(isDirectory, 1);
-  EXPECT_EQ(zov_flRename(path_.c_str(), moved.c_str()), 0);
-  EXPECT_EQ(zov_flValidate(path_.c_str(), nullptr), 0);
-  EXPECT_EQ(zov_flValidate(moved.c_str(), nullptr), 1);
-  EXPECT_EQ(zov_flRemove(moved.c_str()), 0);
-  EXPECT_EQ(zov_flRemove(moved.c_str()), -1);
 }
 
 TEST_F(Native, DirectoriesComeAndGo) {

@@ -7,8 +7,7 @@
 #ifndef TESTS_SUPPORT_UTF8_MODEL_H
 #define TESTS_SUPPORT_UTF8_MODEL_H
 
-#include <string.h>
-
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,12 +36,10 @@ inline std::string encoded(uint32_t value) {
 inline size_t cut(const std::string &bytes, std::vector<int64_t> &units) {
   for (size_t at = 0; at < bytes.size();) {
     const uint8_t lead = static_cast<uint8_t>(bytes[at]);
-    const size_t length = lead < 0x80   ? 1
-                          : lead < 0xC2 ? 0
-                          : lead < 0xE0 ? 2
-                          : lead < 0xF0 ? 3
-                          : lead < 0xF5 ? 4
-                                        : 0;
+    size_t length = lead < 0x80 ? 1 : 0;
+    if (lead >= 0xC2 && lead < 0xF5) {
+      length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    }
     uint32_t value = length < 2 ? lead : lead & (0x7Fu >> length);
     size_t good = 1;
     while (good < length && at + good < bytes.size() && (bytes[at + good] & 0xC0) == 0x80) {
@@ -60,25 +57,34 @@ inline size_t cut(const std::string &bytes, std::vector<int64_t> &units) {
   return 0;
 }
 
-// One call in the form for lengths and, for text without zeros, in the form
-// for terminated strings; both must agree.
-inline bool decodesTo(const std::string &bytes, bool store, uint32_t size, uint32_t mode,
-                      bool failed, const std::wstring &expected) {
-  const auto text = std::make_unique<char[]>(bytes.size());
-  memcpy(text.get(), bytes.data(), bytes.size());
+// The two forms of a conversion: for lengths and for terminated strings.
+template <typename In, typename Out>
+struct Forms {
+  uint32_t (*counted)(Out *, uint32_t, const In *, uint32_t, uint32_t);
+  uint32_t (*terminated)(Out *, const In *, uint32_t, uint32_t);
+};
+constexpr Forms<char, wchar_t> kDecoding = {zov_utf8_to_wchar_len, zov_utf8_to_wchar};
+constexpr Forms<wchar_t, char> kEncoding = {zov_wchar_to_utf8_len, zov_wchar_to_utf8};
+
+// One call in the form for lengths and, for text without zeros, in the other;
+// both must agree.
+template <typename In, typename Out>
+bool convertsTo(const Forms<In, Out> &forms, const std::basic_string<In> &in, bool store,
+                uint32_t size, uint32_t mode, bool failed, const std::basic_string<Out> &expected) {
+  const auto text = std::make_unique<In[]>(in.size());
+  std::copy(in.begin(), in.end(), text.get());
   // Without a bound nothing is terminated.
   const size_t stored = expected.size() + (store && size == 0 ? 0 : 1);
-  const auto out = std::make_unique<wchar_t[]>(store && size != 0 ? size : stored);
+  const auto out = std::make_unique<Out[]>(store && size != 0 ? size : stored);
   const auto agrees = [&](uint32_t result) {
-    return failed
-               ? result == ZOV_UTF8_FAILED
-               : result == stored && (!store || wmemcmp(out.get(), expected.c_str(), stored) == 0);
+    return failed ? result == ZOV_UTF8_FAILED
+                  : result == stored &&
+                        (!store || std::equal(out.get(), out.get() + stored, expected.c_str()));
   };
-  wchar_t *place = store ? out.get() : nullptr;
-  const uint32_t length = static_cast<uint32_t>(bytes.size());
-  return agrees(zov_utf8_to_wchar_len(place, size, text.get(), length, mode)) &&
-         (memchr(bytes.data(), 0, length) != nullptr ||
-          agrees(zov_utf8_to_wchar(place, bytes.c_str(), size, mode)));
+  Out *place = store ? out.get() : nullptr;
+  const uint32_t length = static_cast<uint32_t>(in.size());
+  return agrees(forms.counted(place, size, text.get(), length, mode)) &&
+         (in.find(In{}) != in.npos || agrees(forms.terminated(place, in.c_str(), size, mode)));
 }
 
 // Compares measuring, storing in `size` characters, and storing without a
@@ -94,28 +100,10 @@ inline bool decodingAgrees(const std::string &bytes, uint32_t size, uint32_t mod
     whole += static_cast<wchar_t>(unit < 0 ? '?' : unit);
   }
   const bool misfit = open > 0 && whole.size() + 1 > size;
-  return decodesTo(bytes, false, size, mode, failed, whole) &&
-         (failed || decodesTo(bytes, true, 0, mode, false, whole)) &&
-         (size == 0 ||
-          decodesTo(bytes, true, size, mode, failed || misfit, whole.substr(0, size - 1)));
-}
-
-inline bool encodesTo(const std::wstring &chars, bool store, uint32_t size, uint32_t mode,
-                      bool failed, const std::string &expected) {
-  const auto text = std::make_unique<wchar_t[]>(chars.size());
-  wmemcpy(text.get(), chars.data(), chars.size());
-  const size_t stored = expected.size() + (store && size == 0 ? 0 : 1);
-  const auto out = std::make_unique<char[]>(store && size != 0 ? size : stored);
-  const auto agrees = [&](uint32_t result) {
-    return failed
-               ? result == ZOV_UTF8_FAILED
-               : result == stored && (!store || memcmp(out.get(), expected.c_str(), stored) == 0);
-  };
-  char *place = store ? out.get() : nullptr;
-  const uint32_t length = static_cast<uint32_t>(chars.size());
-  return agrees(zov_wchar_to_utf8_len(place, size, text.get(), length, mode)) &&
-         (wmemchr(chars.data(), 0, length) != nullptr ||
-          agrees(zov_wchar_to_utf8(place, chars.c_str(), size, mode)));
+  return convertsTo(kDecoding, bytes, false, size, mode, failed, whole) &&
+         (failed || convertsTo(kDecoding, bytes, true, 0, mode, false, whole)) &&
+         (size == 0 || convertsTo(kDecoding, bytes, true, size, mode, failed || misfit,
+                                  whole.substr(0, size - 1)));
 }
 
 // The same for the other direction, where what lies behind the cut is not
@@ -135,9 +123,9 @@ inline bool encodingAgrees(const std::wstring &chars, uint32_t size, uint32_t mo
     fitting += full ? "" : piece;
     whole += piece;
   }
-  return encodesTo(chars, false, size, mode, failed, whole) &&
-         (failed || encodesTo(chars, true, 0, mode, false, whole)) &&
-         (size == 0 || encodesTo(chars, true, size, mode, failedFitting, fitting));
+  return convertsTo(kEncoding, chars, false, size, mode, failed, whole) &&
+         (failed || convertsTo(kEncoding, chars, true, 0, mode, false, whole)) &&
+         (size == 0 || convertsTo(kEncoding, chars, true, size, mode, failedFitting, fitting));
 }
 
 }  // namespace zovtest
