@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Writing every record to a text file. A UTF-16 stream gives no word on each
-// character it takes, so the file is read back and held against the records.
+// character it takes, so a write that fails shows in errno, and the file is read
+// back and held against the records.
+#include <errno.h>
+
 #include "line_reader.h"
 #include "report.h"
 #include "text_io.h"
@@ -12,9 +15,10 @@ namespace {
 
 // A dump on its way, or one that is being read back.
 struct Dump {
+  const char *path;
+  char separator;
   ZOV_STREAM stream;
   LineReader reader;
-  char separator;
   uint64_t records;
 };
 
@@ -26,10 +30,14 @@ void writeText(ZOV_STREAM stream, Text text) {
 
 bool writeRecord(const Record &record, void *context) {
   Dump &dump = *static_cast<Dump *>(context);
+  errno = 0;
   writeText(dump.stream, record.key);
   zov_fputc(dump.separator, dump.stream);
   writeText(dump.stream, record.value);
   zov_fputc('\n', dump.stream);
+  if (zov_errno() != 0) {
+    return cannot("write to", dump.path);
+  }
   showProgress("dump", ++dump.records);
   return true;
 }
@@ -47,18 +55,26 @@ bool checkRecord(const Record &record, void *context) {
   return line != nullptr && isRecord(line, record, dump.separator);
 }
 
-bool writeDump(Store &store, const char *path, Dump &dump, int32_t encoding) {
-  dump.stream = zov_fopen(path, "w", encoding);
-  if (dump.stream == nullptr) {
-    return cannot("create", path);
-  }
-  const bool scanned = scanRecords(store, writeRecord, &dump);
-  zov_fclose(dump.stream);
-  return scanned;
+// Lets what the stream still holds through to the file. What cannot be synced,
+// a device, is no failure.
+bool flushDump(const Dump &dump) {
+  errno = 0;
+  zov_fflush(dump.stream);
+  return zov_errno() == 0 || zov_errno() == EINVAL || cannot("write to", dump.path);
 }
 
-bool checkDump(Store &store, const char *path, Dump &dump) {
-  if (!openReader(dump.reader, path)) {
+bool writeDump(Store &store, Dump &dump, int32_t encoding) {
+  dump.stream = zov_fopen(dump.path, "w", encoding);
+  if (dump.stream == nullptr) {
+    return cannot("create", dump.path);
+  }
+  const bool written = scanRecords(store, writeRecord, &dump) && flushDump(dump);
+  zov_fclose(dump.stream);
+  return written;
+}
+
+bool checkDump(Store &store, Dump &dump) {
+  if (!openReader(dump.reader, dump.path)) {
     return false;
   }
   const bool same = scanRecords(store, checkRecord, &dump) && readLine(dump.reader) == nullptr;
@@ -67,7 +83,7 @@ bool checkDump(Store &store, const char *path, Dump &dump) {
     zov_log_err(
         "minidb: \"%s\" does not hold every record; the disk may be full, or a record cannot be "
         "written in this encoding.\n",
-        path);
+        dump.path);
   }
   return same;
 }
@@ -75,8 +91,8 @@ bool checkDump(Store &store, const char *path, Dump &dump) {
 }  // namespace
 
 bool dumpText(Store &store, const char *path, char separator, int32_t encoding) {
-  Dump dump = {nullptr, {}, separator, 0};
-  return writeDump(store, path, dump, encoding) && checkDump(store, path, dump);
+  Dump dump = {path, separator, nullptr, {}, 0};
+  return writeDump(store, dump, encoding) && checkDump(store, dump);
 }
 
 }  // namespace minidb

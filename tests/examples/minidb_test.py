@@ -101,6 +101,8 @@ class MinidbTest(unittest.TestCase):
     def test_mistakes_are_named(self):
         self.load({"a": "1"})
         blank = self.write("blank", "")
+        big = self.path("big")
+        self.run_minidb("--data", big, "load", self.write("in", text_of(random_records(300))))
         for words, status, message in [
                 ([], 2, "usage"), (["unknown"], 2, "usage"), (["get"], 2, "usage"),
                 (["get", "a", "b"], 2, "usage"), (["--separator", "ab", "count"], 2, "usage"),
@@ -108,7 +110,8 @@ class MinidbTest(unittest.TestCase):
                 (["get", "b"], 1, "no record"), (["load", self.path("no")], 1, "No such file"),
                 (["load", self.folder], 1, "directory"),
                 (["dump", self.path("no/file")], 1, "cannot create"),
-                (["dump", "/dev/full"], 1, "does not hold every record"),
+                (["dump", "/dev/full"], 1, "cannot write to"),
+                (["--data", big, "dump", "/dev/full", "utf16"], 1, "cannot write to"),
                 (["--data", self.path("no"), "count"], 1, "No such file"),
                 (["--data", blank, "count"], 1, "not a minidb data file"),
                 (["--data", self.write("text", "x" * 5000), "load", blank], 1, "not a minidb"),
