@@ -11,17 +11,18 @@
 //   exit 0                |  serves
 //
 // The byte comes over a pipe that both have from before the fork. A server that
-// ends without it is noticed by SIGCHLD, whose handler ends the launcher with a
-// status that says how.
+// ends without it is noticed by SIGCHLD, and the launcher ends with a status
+// that says how.
 //
-// SIGCHLD is blocked from before the fork and let in only where the launcher
-// does nothing but wait. So an end however early stays pending until there is a
-// handler, and the handler, which prints and exits, interrupts nothing. Since
-// a server may report and end at once, the handler looks at the pipe after it
-// has learned of the end: what was reported is in it by then, and counts.
+// SIGCHLD is blocked from before the fork and let in only while the launcher
+// sleeps in ppoll(), so that an end however early interrupts that sleep. The
+// handler has nothing else to do: what needs printing and exiting is not done in
+// signal context. Since a server may report and end at once, the launcher looks
+// at the pipe after it has learned of the end: what was reported is in it by
+// then, and counts.
 //
-// The two module globals are the handler's. No locks, no allocations from a
-// tag; nothing jumps.
+// No state of the module's own, no locks, no allocations from a tag; nothing
+// jumps.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -39,8 +40,10 @@ namespace {
 constexpr int kStoppedStatus = 99;
 constexpr int kLostStatus = 255;
 
-// How long the end of a server that let go of the pipe may take to show.
+// How long the end of a server that let go of the pipe may take to show, and
+// how often it is looked for.
 constexpr uint32_t kDyingMs = 2000;
+constexpr uint32_t kLookMs = 10;
 
 // What launcher and server have in common. Every descriptor is above the
 // standard three, also in a process that was started without those.
@@ -55,10 +58,6 @@ struct ChildSignals {
   sigset_t mask;
   struct sigaction action;
 };
-
-// The server as its launcher sees it, set before SIGCHLD is let in.
-pid_t serverPid = -1;
-int reportEnd = -1;
 
 int aboveStandard(int descriptor) {
   if (descriptor < 0 || descriptor > STDERR_FILENO) {
@@ -109,7 +108,7 @@ void restoreChildSignals(const ChildSignals &before) {
   pthread_sigmask(SIG_SETMASK, &before.mask, nullptr);
 }
 
-bool hasReported() {
+bool hasReported(int reportEnd) {
   pollfd report = {reportEnd, POLLIN, 0};
   return poll(&report, 1, 0) == 1 && (report.revents & POLLIN) != 0;
 }
@@ -130,44 +129,42 @@ bool hasReported() {
   exit(-WTERMSIG(status));
 }
 
-// Returns when the signal was not about the server, or comes after its report.
-void zov_sigchld_handler(int) {
-  const int error = errno;
+// Ends the launcher if the server ended or was stopped before it reported.
+void followServer(pid_t server, int reportEnd) {
   int status = 0;
-  if (waitpid(serverPid, &status, WNOHANG | WUNTRACED) == serverPid && !hasReported()) {
+  if (waitpid(server, &status, WNOHANG | WUNTRACED) == server && !hasReported(reportEnd)) {
     endAsServer(status);
   }
-  errno = error;
 }
 
-// Waits until the server reports or nobody is left who could. The mask lets
-// SIGCHLD in, for the length of the wait alone.
-bool waitForReport(const sigset_t &waitMask) {
+void zov_sigchld_handler(int) {}
+
+// Waits until the server reports or nobody is left who could; false for the
+// latter. The mask lets SIGCHLD in, which may be about other children too.
+bool waitForReport(pid_t server, int reportEnd, const sigset_t &waitMask) {
+  pollfd waited = {reportEnd, POLLIN, 0};
+  while (ppoll(&waited, 1, nullptr, &waitMask) < 0) {
+    followServer(server, reportEnd);
+  }
   char report;
-  ssize_t got;
-  do {
-    pollfd waited = {reportEnd, POLLIN, 0};
-    got = ppoll(&waited, 1, nullptr, &waitMask) < 0 ? -1 : read(reportEnd, &report, 1);
-  } while (got < 0 && errno == EINTR);
-  return got == 1;
+  return read(reportEnd, &report, 1) == 1;
 }
 
 // The launcher from the fork on.
-[[noreturn]] void awaitServer(const Channel &channel, const ChildSignals &before) {
-  reportEnd = channel.readEnd;
+[[noreturn]] void awaitServer(pid_t server, const Channel &channel, const ChildSignals &before) {
   struct sigaction action = {};
   action.sa_handler = zov_sigchld_handler;
-  sigemptyset(&action.sa_mask);
   sigaction(SIGCHLD, &action, nullptr);
   close(channel.writeEnd);
   close(channel.nullDevice);
   sigset_t waitMask = before.mask;
   sigdelset(&waitMask, SIGCHLD);
-  if (!waitForReport(waitMask)) {
+  if (!waitForReport(server, channel.readEnd, waitMask)) {
     // The pipe of a process that ends is closed before its end shows.
-    pthread_sigmask(SIG_SETMASK, &waitMask, nullptr);
-    zov_sleep(kDyingMs);
-    zov_sigchld_handler(SIGCHLD);
+    for (uint32_t waitedMs = 0; waitedMs < kDyingMs; waitedMs += kLookMs) {
+      zov_sleep(kLookMs);
+      followServer(server, channel.readEnd);
+    }
   }
   zov_log("%s started successfully.\n", server_name);
   close(channel.readEnd);
@@ -221,14 +218,14 @@ int32_t zov_daemonStart(const char *serverName, int32_t *out) {
   fflush(nullptr);
   ChildSignals before;
   holdChildSignals(before);
-  serverPid = fork();
-  if (serverPid < 0) {
+  const pid_t server = fork();
+  if (server < 0) {
     restoreChildSignals(before);
     closeChannel(channel);
     return ZOV_ERROR;
   }
-  if (serverPid > 0) {
-    awaitServer(channel, before);
+  if (server > 0) {
+    awaitServer(server, channel, before);
   }
   becomeServer(channel, before);
   *out = channel.writeEnd;
