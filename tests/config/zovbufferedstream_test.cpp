@@ -11,7 +11,7 @@
 #include <string>
 
 #include "support/alloc_failure.h"
-#include "zov.h"
+#include "support/started.h"
 
 namespace {
 
@@ -47,13 +47,9 @@ int32_t writeChannel(void *context, const void *data, uint32_t length) {
   return channel.status;
 }
 
-class Buffers : public testing::Test {
+class Buffers : public zovtest::Started {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(zov_init(), ZOV_OKAY);
-    open(0);
-  }
-  void TearDown() override { zov_term(); }
+  Buffers() { open(0); }
 
   void open(int32_t swap) {
     zov_inputBuffDestroy(input);
@@ -159,8 +155,6 @@ TEST_F(Buffers, SendsFullBuffersOnly) {
   EXPECT_EQ(zov_outputBuffPutBytes(output, data, 5000), 0);
   EXPECT_EQ(channel.bytes.size(), 0u);
   EXPECT_EQ(zov_outputBuffPutBytes(output, data, 1000), 0);
-  EXPECT_EQ(channel.bytes.size(), 5000u);
-  EXPECT_EQ(zov_outputBuffSendDirect(output, data, 0), 0);
   EXPECT_EQ(channel.bytes.size(), 5000u);
   EXPECT_EQ(zov_outputBuffPutString(output, "abc"), 0);
   EXPECT_EQ(zov_outputBuffSendDirect(output, data, 6000), 0);

@@ -11,6 +11,7 @@
 
 #include "expression_tables.h"
 #include "support/alloc_failure.h"
+#include "support/started.h"
 
 namespace {
 
@@ -67,11 +68,7 @@ struct Input {
   }
 };
 
-class Parse : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
-  void TearDown() override { zov_term(); }
-};
+using Parse = zovtest::Started;
 
 #ifdef ZOVTEST_BISON
 extern "C" {
