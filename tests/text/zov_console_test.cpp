@@ -4,7 +4,6 @@
 // library's life and when writing fails, and many threads at once.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <locale.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -12,10 +11,10 @@
 #include <atomic>
 #include <regex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "support/alloc_failure.h"
+#include "support/output.h"
+#include "support/started.h"
 #include "support/temp_dir.h"
 #include "zov.h"
 
@@ -46,46 +45,32 @@ int __wrap_fsync(int descriptor) {
 
 namespace {
 
+using zovtest::outputOf;
 using zovtest::readFile;
 
 const char kStamp[] = R"(\[\d\d-[A-Z][a-z][a-z]-\d{4} \d\d:\d\d:\d\d\]  )";
 
-class Console : public testing::Test {
+class Console : public zovtest::Started {
  protected:
-  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
-  void TearDown() override {
-    zov_background = 0;
-    zov_term();
-  }
+  ~Console() override { zov_background = 0; }
   std::string at(const std::string &name) const { return dir / name; }
 
   zovtest::TempDir dir;
 };
 
-// What a call writes to descriptor 1, or 2, by any way.
 template <typename Call>
-std::string outputOf(Call call, bool isError = false) {
-  isError ? testing::internal::CaptureStderr() : testing::internal::CaptureStdout();
+std::string errorsOf(Call call) {
+  testing::internal::CaptureStderr();
   call();
-  fflush(nullptr);
-  return isError ? testing::internal::GetCapturedStderr() : testing::internal::GetCapturedStdout();
+  fflush(stderr);
+  return testing::internal::GetCapturedStderr();
 }
 
 TEST_F(Console, PrintsToItsOwnStream) {
-  EXPECT_EQ(outputOf([] {
-              EXPECT_EQ(zov_printf("%s %d\n", "out", 1), 6);
-              zov_flush();
-            }),
-            "out 1\n");
-  EXPECT_EQ(outputOf(
-                [] {
-                  EXPECT_EQ(zov_printfErr("err\n"), 4);
-                  zov_flushErr();
-                },
-                true),
-            "err\n");
+  EXPECT_EQ(outputOf([] { zov_printf("%s %d\n", "out", 1), zov_flush(); }), "out 1\n");
+  EXPECT_EQ(errorsOf([] { zov_printfErr("err\n"), zov_flushErr(); }), "err\n");
   EXPECT_EQ(outputOf([] { EXPECT_EQ(zov_log("log\n"), 4); }), "log\n") << "flushed at once";
-  EXPECT_EQ(outputOf([] { EXPECT_EQ(zov_log_err("bad\n"), 4); }, true), "bad\n");
+  EXPECT_EQ(errorsOf([] { EXPECT_EQ(zov_log_err("bad\n"), 4); }), "bad\n");
   EXPECT_EQ(zov_log("%s", ""), 0);
 }
 
@@ -112,23 +97,11 @@ TEST_F(Console, RedirectionsPileUp) {
   EXPECT_EQ(readFile(at("second")), "26");
   EXPECT_FALSE(zovtest::fileExists(at("FIRST")));
   EXPECT_EQ(zov_stdout_open(at("no/file").c_str()), ZOV_ERROR);
-  EXPECT_EQ(outputOf([] {
-              zov_printf("console");
-              zov_flush();
-            }),
-            "console");
-}
-
-TEST_F(Console, EmptyStacksAreSilent) {
+  EXPECT_EQ(outputOf([] { zov_printf("console"), zov_flush(); }), "console");
   zov_stdout_close();
   zov_stdout_close();
   zov_log_close();
-  EXPECT_EQ(outputOf([] {
-              EXPECT_EQ(zov_printf("nowhere"), 0);
-              EXPECT_EQ(zov_log("nowhere"), 0);
-              zov_log_flush();
-            }),
-            "");
+  EXPECT_EQ(zov_printf("nowhere") + zov_log("nowhere"), 0) << "empty stacks are silent";
 }
 
 TEST_F(Console, LogRecordsCarryATimestamp) {
@@ -185,7 +158,7 @@ TEST(ConsoleOutside, MessagesGoToLibc) {
               zov_log_flush();
             }),
             "before 1\nprinted\n");
-  EXPECT_EQ(outputOf([] { zov_log_err("bad\n"); }, true), "bad\n");
+  EXPECT_EQ(errorsOf([] { zov_log_err("bad\n"); }), "bad\n");
   EXPECT_EQ(zov_stdout_open("x"), ZOV_ERROR);
   EXPECT_EQ(zov_log_open("x"), ZOV_ERROR);
   EXPECT_EQ(zov_log_chunk_init(), nullptr);
@@ -200,7 +173,7 @@ TEST(ConsoleOutside, MessagesGoToLibc) {
 TEST_F(Console, FailingOutputReportsItselfOnce) {
   ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
   diskFull = true;
-  const std::string errors = outputOf([] { outputOf([] { zov_log("text\n"); }); }, true);
+  const std::string errors = errorsOf([] { outputOf([] { zov_log("text\n"); }); });
   diskFull = false;
   EXPECT_EQ(errors, "Write failed, errno = 28\n");
 }
@@ -254,24 +227,18 @@ TEST_F(Console, ThreadsDoNotMixTheirRecords) {
   constexpr int kRecords = 100;
   ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
   ASSERT_EQ(zov_stdout_open(at("out").c_str()), ZOV_OKAY);
-  std::thread threads[kThreads];
-  for (int thread = 0; thread < kThreads; ++thread) {
-    threads[thread] = std::thread([thread] {
-      for (int record = 0; record < kRecords; ++record) {
-        if (record % 2 == 0) {
-          zov_log("%d/%d %s\n", thread, record, std::string(600, 'z').c_str());
-        } else {
-          ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
-          zov_log_chunk(chunk, "%d/", thread);
-          zov_log_chunk_end(chunk, "%d %s\n", record, "z");
-        }
-        zov_printf("%d/%d\n", thread, record);
+  zovtest::onThreads(kThreads, [](uint32_t thread) {
+    for (int record = 0; record < kRecords; ++record) {
+      if (record % 2 == 0) {
+        zov_log("%u/%d %s\n", thread, record, std::string(600, 'z').c_str());
+      } else {
+        ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
+        zov_log_chunk(chunk, "%u/", thread);
+        zov_log_chunk_end(chunk, "%d %s\n", record, "z");
       }
-    });
-  }
-  for (std::thread &thread : threads) {
-    thread.join();
-  }
+      zov_printf("%u/%d\n", thread, record);
+    }
+  });
   zov_log_close();
   zov_stdout_close();
   int next[kThreads] = {};

@@ -13,6 +13,8 @@
 #include <string>
 
 #include "support/alloc_failure.h"
+#include "support/output.h"
+#include "support/started.h"
 #include "text/zov_stream_walk.h"
 
 using std::string;
@@ -20,10 +22,8 @@ using namespace std::string_literals;
 
 namespace {
 
-class Stream : public testing::Test {
+class Stream : public zovtest::Started {
  protected:
-  void SetUp() override { ASSERT_EQ(zov_init(), ZOV_OKAY); }
-  void TearDown() override { zov_term(); }
   ZOV_STREAM open(const char *mode, int32_t encoding) const {
     return zov_fopen(file.path.c_str(), mode, encoding);
   }
@@ -44,22 +44,17 @@ TEST_F(Stream, TakesTheEncodingFromTheMark) {
     string file;
     int32_t encoding;
     string text;
-  } rows[] = {
-      {__LINE__, "", 2, ""},
-      {__LINE__, "plain", 2, "plain"},
-      {__LINE__, "\xEF\xBB\xBFx\0yz"s, 0, "x\0yz"s},
-      {__LINE__, "\xEF\xBB", 0, "\xEF\xBB"},
-      {__LINE__, "\xEF\xFFx\0"s, 1, "x"},
-      {__LINE__, "\xFF\xFE\x41\0\xE9\0"s, 1, "A\xC3\xA9"},
-      {__LINE__, "\xFE\xFFx\0"s, 1, "x"},
-      {__LINE__, "\xFE\xFE", 2, "\xFE\xFE"},
-      {__LINE__, "\xEF", 1, "\xEF"},
-      {__LINE__, "\xFF", 2, ""},
-      {__LINE__, "\xFF\xFEx\0y"s, 1, "x"},
-      {__LINE__, "\xFF\xFE\0\xDCx\0"s, 1, ".x"},
-      {__LINE__, "\xFF\xFE\xFF\xDB\x41\0x\0"s, 1, "\xF4\x8F\xB1\x81x"},
-      {__LINE__, "\xFF\xFE\x3D\xD8x", 1, ""},
-  };
+  } rows[] = {{__LINE__, "\xEF\xBB\xBFx\0yz"s, 0, "x\0yz"s},
+              {__LINE__, "\xEF\xBB", 0, "\xEF\xBB"},
+              {__LINE__, "\xEF\xFFx\0"s, 1, "x"},
+              {__LINE__, "\xFF\xFE\x41\0\xE9\0"s, 1, "A\xC3\xA9"},
+              {__LINE__, "\xFE\xFFx\0"s, 1, "x"},
+              {__LINE__, "\xFE\xFE", 2, "\xFE\xFE"},
+              {__LINE__, "\xEF", 1, "\xEF"},
+              {__LINE__, "\xFF\xFEx\0y"s, 1, "x"},
+              {__LINE__, "\xFF\xFE\0\xDCx\0"s, 1, ".x"},
+              {__LINE__, "\xFF\xFE\xFF\xDB\x41\0x\0"s, 1, "\xF4\x8F\xB1\x81x"},
+              {__LINE__, "\xFF\xFE\x3D\xD8x", 1, ""}};
   for (const auto &row : rows) {
     SCOPED_TRACE(row.line);
     ASSERT_TRUE(file.fill(row.file));
@@ -179,7 +174,6 @@ TEST_F(Stream, FailedWritesAreToldAndTriedAgain) {
   EXPECT_EQ(zov_fputs(string(3000, 'x').c_str(), stream), 3000) << "dropped by the flag";
   zov_fclose(stream);
   EXPECT_EQ(file.contents().size(), 1625u);
-  zov_readonly = 0;
 }
 
 TEST_F(Stream, StandardStreams) {
@@ -192,12 +186,12 @@ TEST_F(Stream, StandardStreams) {
     EXPECT_EQ(zov_fgetc(input), part[0]) << "reads what is there";
   }
   zov_fclose(input);
-  testing::internal::CaptureStdout();
-  const ZOV_STREAM output = zov_fopen("stdout", "w", ZOV_ENC_BYTES);
-  EXPECT_EQ(zov_fprintf(output, "%c%4d", 0, 42), 5);
-  EXPECT_EQ(zov_fprintf(output, "%s", ""), 0);
-  zov_fclose(output);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\0  42"s);
+  EXPECT_EQ(zovtest::outputOf([] {
+              const ZOV_STREAM output = zov_fopen("stdout", "w", ZOV_ENC_BYTES);
+              EXPECT_EQ(zov_fprintf(output, "%c%4d", 0, 42), 5);
+              zov_fclose(output);
+            }),
+            "\0  42"s);
 }
 
 // Null also when the call jumps out of it.

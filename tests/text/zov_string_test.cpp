@@ -10,7 +10,7 @@
 #include <random>
 #include <string>
 
-#include "zov.h"
+#include "support/started.h"
 
 namespace {
 
@@ -69,8 +69,9 @@ TEST(Round, HalvesGoAwayFromZero) {
   EXPECT_NE(nan, nan);
 }
 
-TEST(Random, IsTheStandardSequence) {
-  ASSERT_EQ(zov_init(), ZOV_OKAY);
+using Random = zovtest::Started;
+
+TEST_F(Random, IsTheStandardSequence) {
   const ZOV_RAND generator = zov_randCreate(0);
   ASSERT_NE(generator, nullptr);
   std::mt19937 reference(0x8DF1337C);
@@ -89,7 +90,6 @@ TEST(Random, IsTheStandardSequence) {
     reference.seed(seed);
   }
   zov_randDestroy(generator);
-  zov_term();
 }
 
 }  // namespace
