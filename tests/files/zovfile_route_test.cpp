@@ -138,6 +138,18 @@ TEST_P(Route, RenamesValidatesAndWalks) {
   EXPECT_EQ(zov_pathOpenEx((base + "none").c_str(), flags, "*"), nullptr);
 }
 
+TEST_P(Route, WalksThousandsOfNames) {
+  std::set<std::string> expected;
+  for (int number = 0; number < 3000; ++number) {
+    const std::string name = std::to_string(number) + (number % 3 == 0 ? ".a" : ".b");
+    put(name, "");
+    if (number % 3 == 0) {
+      expected.insert(name);
+    }
+  }
+  EXPECT_EQ(list("", "*.a"), expected);
+}
+
 // From every route to every route.
 TEST_P(Route, CopiesComparesAndMoves) {
   std::string text(30000, 'x');
