@@ -18,9 +18,15 @@
 #include "zov.h"
 
 static bool failFork = false;
+static bool lateLauncher = false;  // sees nothing of its server until that has ended
 extern "C" pid_t __real_fork();
 extern "C" pid_t __wrap_fork() {
-  return failFork ? -1 : __real_fork();
+  const pid_t child = failFork ? -1 : __real_fork();
+  siginfo_t ignored;
+  if (lateLauncher && child > 0) {
+    waitid(P_PID, static_cast<id_t>(child), &ignored, WEXITED | WNOWAIT);
+  }
+  return child;
 }
 
 namespace {
@@ -119,6 +125,11 @@ void exits(int32_t) {
   _exit(3);
 }
 
+void reportsAndExits(int32_t pipe) {
+  zov_daemonComplete(pipe);
+  _exit(5);
+}
+
 void stops(int32_t) {
   raise(SIGSTOP);
 }
@@ -141,14 +152,15 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
       {__LINE__, plain, [](int32_t) { raise(SIGKILL); },
        "247: tested terminated by internal error or external signal (9).\n"},
       {__LINE__, plain, stops, kStopped},
-      {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), _exit(5); }, kStarted},
+      {__LINE__, plain, reportsAndExits, kStarted},
+      {__LINE__, [] { lateLauncher = true; }, reportsAndExits, kStarted},
       {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), raise(SIGSTOP); }, kStarted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe), _exit(3); }, kAborted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe); }, kStarted, "00", 2},
       {__LINE__, withSibling,
        [](int32_t pipe) { kill(sibling, SIGKILL), zov_daemonComplete(pipe); },
        std::string("0: ") + kStarted},
-      {__LINE__, [] { signal(SIGCHLD, SIG_IGN); }, exits, kAborted, "10"},
+      {__LINE__, [] { signal(SIGCHLD, SIG_IGN), lateLauncher = true; }, exits, kAborted, "10"},
       {__LINE__, blocking, stops, kStopped, "01"},
       {__LINE__, [] { close(0), close(1), close(2); }, exits, "3: "},
   };
