@@ -222,7 +222,7 @@ int runInMemory(const Command &command, const Options &options, Arguments words)
   if (result == kSuccess && command.changes && !minidb::saveOver(memory, options.dataPath)) {
     result = kFailure;
   }
-  zov_fileClose(lock);
+  minidb::unlockStore(lock);
   return result;
 }
 

@@ -320,12 +320,6 @@ Store *newStore(Place place) {
   return nullptr;
 }
 
-void closeFile(ZOV_FILE file) {
-  if (file != nullptr) {
-    zov_fileClose(file);
-  }
-}
-
 // Forgets what the last file held.
 void resetContents(Store &store) {
   zov_freeMem(store.index.slots, store.tag);
@@ -354,6 +348,11 @@ ZOV_FILE lockStore(Place place) {
   return lock;
 }
 
+void unlockStore(ZOV_FILE lock) {
+  zov_fileUnlock(lock);
+  zov_fileClose(lock);
+}
+
 Store *openStore(Place place, bool create) {
   if (!create && zov_fileLengthStat(place.path, place.typeFlags) < 0) {
     cannot("open", place.path);
@@ -372,8 +371,12 @@ Store *openStore(Place place, bool create) {
 }
 
 void closeStore(Store *store) {
-  closeFile(store->file);
-  closeFile(store->lock);
+  if (store->file != nullptr) {
+    zov_fileClose(store->file);
+  }
+  if (store->lock != nullptr) {
+    unlockStore(store->lock);
+  }
   zov_freeTagMemory(store->tag, 1);
 }
 

@@ -41,9 +41,11 @@ struct Place {
 // stands behind the last commit was never finished and counts as not there.
 Store *openStore(Place place, bool create);
 
-// Keeps other processes out of a data file until the lock is closed; null when
-// another one is in, which is reported. openStore() does this by itself.
+// Keeps other processes out of a data file until unlockStore(); null when another
+// one is in, which is reported. openStore() does this by itself.
 ZOV_FILE lockStore(Place place);
+
+void unlockStore(ZOV_FILE lock);
 
 // Closes a store. What was not committed is gone.
 void closeStore(Store *store);

@@ -129,7 +129,11 @@ TEST_F(Sync, TableFillsUpAndRecycles) {
   EXPECT_GT(handles.size(), 131072u - 100) << "the library itself holds a few";
   // Objects of the first and of the last block are different ones.
   zov_syncEnterExcl(*handles.begin());
-  std::thread(zov_syncEnterExcl, *handles.rbegin()).join();
+  std::thread([&] {
+    zov_syncEnterExcl(*handles.rbegin());
+    zov_syncExitExcl(*handles.rbegin());
+  }).join();
+  zov_syncExitExcl(*handles.begin());
   zov_syncDelete(*handles.begin());
   EXPECT_EQ(newMutex(), *handles.begin());
 }
