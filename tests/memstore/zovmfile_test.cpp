@@ -194,7 +194,8 @@ TEST_F(MemoryFiles, NoFileIsHarmless) {
   EXPECT_TRUE(zov_mfSeek(nullptr, 0, 0) == ZOV_ERROR && zov_mfSetSize(nullptr, 0) == ZOV_ERROR);
   EXPECT_EQ(zov_mfRead(nullptr, &byte, 1) + zov_mfWrite(nullptr, &byte, 1), 0u);
   EXPECT_EQ(zov_mfSeekRead(nullptr, 0, &byte, 1) + zov_mfSeekWrite(nullptr, 0, &byte, 1), 0u);
-  EXPECT_EQ(zov_mfLock(nullptr) + zov_mfUnlock(nullptr) + zov_mfSize(nullptr), 0u);
+  EXPECT_EQ(zov_mfLock(nullptr) + zov_mfUnlock(nullptr), 0);
+  EXPECT_EQ(zov_mfSize(nullptr), 0u);
 }
 
 TEST_F(MemoryFiles, RenameStaysInItsDirectory) {

@@ -183,7 +183,7 @@ TEST(Daemon, FailsInTheForeground) {
   getrlimit(RLIMIT_NOFILE, &limit);
   const std::string before = factsOf(-1).text;
   // The pipe cannot be had, nor /dev/null, nor the process.
-  for (const rlim_t allowed : {0, 1, 2, 3}) {
+  for (const rlim_t allowed : {0u, 1u, 2u, 3u}) {
     const rlimit tight = {static_cast<rlim_t>(firstFree) + allowed, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &tight);
     failFork = allowed == 3;
