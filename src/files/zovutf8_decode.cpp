@@ -9,10 +9,10 @@
 // A byte that breaks a sequence goes down with it: it is not looked at again
 // as the start of a character, and counts as one more invalid unit.
 //
-// Whenever the machine is between characters a run takes over, a tight loop
-// that converts whole valid characters, in blocks of ASCII and singly, and
-// stops in front of the first that it does not know or that does not fit. Both
-// ways give the same characters.
+// Whenever the machine is between characters a run takes over, a tight loop over
+// whole valid characters, which is in zovutf8_decode_run.cpp. It stops in front
+// of the first character that it does not know or that does not fit. Both ways
+// give the same characters.
 //
 // When the room is used up the rest is still decoded, to find what is invalid.
 // All state is on the caller's stack. Nothing allocates or jumps.
@@ -24,11 +24,9 @@ namespace {
 
 using zov::SinkResult;
 
-constexpr size_t kBlockBytes = 16;
-
 // Terminated strings are taken in pieces, which are still in the nearest cache
 // when they are converted after the search for their end.
-constexpr size_t kPieceBytes = 4096;
+constexpr size_t kPieceBytes = 16384;
 
 // 1. With out, count is at most capacity.
 // 2. count has 64 bits so that a result too long for 32 is seen, not wrapped.
@@ -74,15 +72,8 @@ SinkResult handleUTF8Error(DecoderState &state, uint32_t units) {
   return result;
 }
 
-// Judges the value of a whole sequence. The two last values of the basic plane
-// are refused here although the encoder lets them through; other
-// non-characters pass in both directions.
-bool isValidValue(uint32_t value, uint32_t lengthBytes) {
-  return lengthBytes == zov::utf8Length(value) && !zov::isSurrogate(value) && value - 0xFFFE > 1;
-}
-
 SinkResult validateUnicodeValue(DecoderState &state) {
-  if (isValidValue(state.value, state.expected)) {
+  if (zov::isValidValue(state.value, state.expected)) {
     return state.sink(state, state.value);
   }
   return handleUTF8Error(state, state.expected);
@@ -116,115 +107,21 @@ SinkResult processNextUTF8Byte(DecoderState &state, uint8_t byte) {
   return state.remaining == 0 ? processFirstByte(state, byte) : processSubsequentByte(state, byte);
 }
 
-// Decodes the character of several bytes at `bytes`. Returns its length, or 0
-// when it is not whole or not valid.
-uint32_t decodeOne(const uint8_t *bytes, size_t available, uint32_t &value) {
-  const zov::Utf8Lead lead = zov::utf8Lead(bytes[0]);
-  if (lead.length == 0 || lead.length > available) {
-    return 0;
-  }
-  value = lead.bits;
-  for (uint32_t index = 1; index < lead.length; ++index) {
-    if (!zov::isContinuation(bytes[index])) {
-      return 0;
-    }
-    value = value << 6 | (bytes[index] & 0x3Fu);
-  }
-  return isValidValue(value, lead.length) ? lead.length : 0;
-}
-
-bool isAsciiBlock(const uint8_t *block) {
-  uint64_t words[2];
-  static_assert(sizeof words == kBlockBytes);
-  memcpy(words, block, sizeof words);
-  return ((words[0] | words[1]) & 0x8080808080808080) == 0;
-}
-
-// The storing end of a run.
-struct CharStore {
-  wchar_t *next;
-  uint64_t room;
-
-  // The length is fixed, for the compiler to turn the loop into vector code.
-  bool takeBlock(const uint8_t *block) {
-    if (room < kBlockBytes || !isAsciiBlock(block)) {
-      return false;
-    }
-    for (size_t index = 0; index < kBlockBytes; ++index) {
-      next[index] = block[index];
-    }
-    next += kBlockBytes;
-    room -= kBlockBytes;
-    return true;
-  }
-
-  bool takeOne(uint32_t value) {
-    if (room == 0) {
-      return false;
-    }
-    *next++ = static_cast<wchar_t>(value);
-    --room;
-    return true;
-  }
-};
-
-// The counting end of a run.
-struct CharCounter {
-  uint64_t count;
-
-  bool takeBlock(const uint8_t *block) {
-    const bool taken = isAsciiBlock(block);
-    count += taken ? kBlockBytes : 0;
-    return taken;
-  }
-
-  bool takeOne(uint32_t) {
-    ++count;
-    return true;
-  }
-};
-
-// Converts up to the first character that is not whole and valid or does not
-// fit. Where a block is not taken, the characters that begin in it are.
-template <typename Target>
-const uint8_t *convertRun(Target &target, const uint8_t *bytes, const uint8_t *end) {
-  while (bytes != end) {
-    while (static_cast<size_t>(end - bytes) >= kBlockBytes && target.takeBlock(bytes)) {
-      bytes += kBlockBytes;
-    }
-    const uint8_t *stop =
-        static_cast<size_t>(end - bytes) > kBlockBytes ? bytes + kBlockBytes : end;
-    while (bytes < stop) {
-      uint32_t value = *bytes;
-      const uint32_t length =
-          value < 0x80 ? 1 : decodeOne(bytes, static_cast<size_t>(end - bytes), value);
-      if (length == 0 || !target.takeOne(value)) {
-        return bytes;
-      }
-      bytes += length;
-    }
-  }
-  return end;
-}
-
+// Takes a run from the state, which is between characters. Without room the run
+// still decodes, and what comes out is of no interest.
 const uint8_t *takeRun(DecoderState &state, const uint8_t *bytes, const uint8_t *end) {
-  if (state.out != nullptr && state.count < state.capacity) {
-    CharStore store{state.out + state.count, state.capacity - state.count};
-    bytes = convertRun(store, bytes, end);
-    state.count = state.capacity - store.room;
-  } else {
-    CharCounter counter{0};
-    bytes = convertRun(counter, bytes, end);
-    state.count += state.out == nullptr ? counter.count : 0;
+  if (state.out != nullptr && state.count == state.capacity) {
+    return zov::decodeRun(bytes, end, nullptr, 0).bytes;
   }
-  return bytes;
+  wchar_t *place = state.out != nullptr ? state.out + state.count : nullptr;
+  const zov::DecodeRun run = zov::decodeRun(bytes, end, place, state.capacity - state.count);
+  state.count += run.chars;
+  return run.bytes;
 }
 
 // Converts a piece of the text, at whose end a sequence may stay open. False
 // when an invalid unit was refused.
-bool convertPiece(DecoderState &state, const char *text, size_t lengthBytes) {
-  const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);
-  const uint8_t *end = bytes + lengthBytes;
+bool convertPiece(DecoderState &state, const uint8_t *bytes, const uint8_t *end) {
   for (;;) {
     if (state.remaining == 0) {
       bytes = takeRun(state, bytes, end);
@@ -239,48 +136,61 @@ bool convertPiece(DecoderState &state, const char *text, size_t lengthBytes) {
 }
 
 // A size of 0 leaves the walk without a bound.
+uint32_t capacityOf(uint32_t sizeChars) {
+  return sizeChars - 1;
+}
+
 DecoderState begin(wchar_t *out, uint32_t sizeChars, uint32_t errorMode) {
   DecoderState state{};
   state.out = out;
-  state.capacity = sizeChars - 1;
+  state.capacity = capacityOf(sizeChars);
   state.mode = errorMode;
   state.sink = out != nullptr ? emit_wchar : count_wchar;
   return state;
 }
 
-// Ends the input, of which a sequence may be open still, and terminates the
-// result, for which the walk has left a character. Units for an open sequence
-// must all fit.
+// Ends the input, of which a sequence may be open still. Units for it must all
+// fit.
 uint32_t finish(DecoderState &state, uint32_t sizeChars) {
   if (state.remaining != 0 &&
       handleUTF8Error(state, static_cast<uint32_t>(state.expected - state.remaining)) !=
           zov::kTaken) {
     return ZOV_UTF8_FAILED;
   }
-  state.capacity = sizeChars;
-  state.sink(state, 0);
-  return state.count < ZOV_UTF8_FAILED ? static_cast<uint32_t>(state.count) : ZOV_UTF8_FAILED;
+  return zov::terminate(state.out, sizeChars, state.count);
 }
 
 }  // namespace
 
+// Text without a fault, which most is, is one run and never needs the machine.
 uint32_t zov::decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
                          uint32_t errorMode) {
+  const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);
+  const uint8_t *end = bytes + lengthBytes;
+  const DecodeRun run = decodeRun(bytes, end, out, capacityOf(sizeChars));
+  if (run.bytes == end) {
+    return terminate(out, sizeChars, run.chars);
+  }
   DecoderState state = begin(out, sizeChars, errorMode);
-  return convertPiece(state, text, lengthBytes) ? finish(state, sizeChars) : ZOV_UTF8_FAILED;
+  state.count = run.chars;
+  return convertPiece(state, run.bytes, end) ? finish(state, sizeChars) : ZOV_UTF8_FAILED;
 }
 
 extern "C" {
 
 uint32_t zov_utf8_to_wchar(wchar_t *out, const char *text, uint32_t sizeChars, uint32_t errorMode) {
+  size_t length = strnlen(text, kPieceBytes);
+  if (length < kPieceBytes) {
+    return zov::decodeUtf8(out, sizeChars, text, length, errorMode);
+  }
   DecoderState state = begin(out, sizeChars, errorMode);
-  size_t length = kPieceBytes;
-  while (length == kPieceBytes) {
-    length = strnlen(text, kPieceBytes);
-    if (!convertPiece(state, text, length)) {
+  const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);
+  while (length != 0) {
+    if (!convertPiece(state, bytes, bytes + length)) {
       return ZOV_UTF8_FAILED;
     }
-    text += length;
+    bytes += length;
+    length = strnlen(reinterpret_cast<const char *>(bytes), kPieceBytes);
   }
   return finish(state, sizeChars);
 }

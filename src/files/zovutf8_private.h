@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What both directions of the UTF-8 conversion, and the text streams, share:
-// the encoding of one code point, the meaning of a lead byte, and the
-// converters themselves with lengths that are not bounded to 32 bits.
-// Everything here works on its arguments alone; nothing allocates or jumps.
+// What the parts of the UTF-8 conversion and other modules that speak UTF-8
+// share: the encoding of one code point, the meaning of a lead byte, and the
+// converters with lengths that are not bounded to 32 bits. Everything here
+// works on its arguments alone; nothing allocates or jumps.
 #ifndef ZOV_FILES_ZOVUTF8_PRIVATE_H
 #define ZOV_FILES_ZOVUTF8_PRIVATE_H
 
@@ -14,9 +14,10 @@
 namespace zov {
 
 constexpr uint32_t kLastCodePoint = 0x10FFFF;
-constexpr uint32_t kInvalidUnit =
-    UINT32_MAX;  // what sinks are given for input that is no character
-constexpr char kReplacement = '?';
+constexpr uint32_t kReplacement = '?';
+
+// What a sink is given for input that is no character.
+constexpr uint32_t kInvalidUnit = UINT32_MAX;
 
 // What a sink did with a code point. Sinks exist in pairs, one that counts and
 // one that stores, so that a call without a buffer measures.
@@ -44,13 +45,30 @@ constexpr uint32_t utf8Length(uint32_t codePoint) {
   return codePoint <= kLastCodePoint ? 4 : 0;
 }
 
+// Stores a code point in a sequence of a fixed length, which the compiler then
+// needs no loop for.
+template <uint32_t kLength>
+inline void storeSequence(char *out, uint32_t codePoint) {
+  constexpr uint32_t leadBits = kLength == 1 ? 0 : 0xF00 >> kLength & 0xFF;
+  for (uint32_t index = kLength - 1; index > 0; --index) {
+    out[index] = static_cast<char>(0x80 | (codePoint & 0x3F));
+    codePoint >>= 6;
+  }
+  out[0] = static_cast<char>(leadBits | codePoint);
+}
+
 // Stores the UTF-8 form of a code point, whose length is that of utf8Length().
 inline void storeUtf8(char *out, uint32_t codePoint, uint32_t lengthBytes) {
-  constexpr uint8_t leadBits[] = {0, 0, 0xC0, 0xE0, 0xF0};
-  for (uint32_t index = lengthBytes; index > 1; codePoint >>= 6) {
-    out[--index] = static_cast<char>(0x80 | (codePoint & 0x3F));
+  switch (lengthBytes) {
+    case 1:
+      return storeSequence<1>(out, codePoint);
+    case 2:
+      return storeSequence<2>(out, codePoint);
+    case 3:
+      return storeSequence<3>(out, codePoint);
+    default:
+      return storeSequence<4>(out, codePoint);
   }
-  out[0] = static_cast<char>(leadBits[lengthBytes] | codePoint);
 }
 
 // A byte in the place of a lead byte of a sequence of several bytes.
@@ -76,6 +94,42 @@ constexpr Utf8Lead utf8Lead(uint8_t byte) {
 constexpr bool isContinuation(uint8_t byte) {
   return (byte & 0xC0) == 0x80;
 }
+
+// Judges the value of a whole sequence. The two last values of the basic plane
+// are refused although the encoder lets them through; other non-characters
+// pass in both directions.
+constexpr bool isValidValue(uint32_t value, uint32_t lengthBytes) {
+  return utf8Length(value) == lengthBytes && !isSurrogate(value) && value - 0xFFFE > 1;
+}
+
+// Terminates a result, for which the walk has left room unless the size was 0,
+// and tells its length. Too long a length to tell is a failure.
+template <typename Unit>
+inline uint32_t terminate(Unit *out, uint32_t size, uint64_t count) {
+  if (out == nullptr) {
+    ++count;
+  } else if (count < size) {
+    out[count++] = 0;
+  }
+  return count < ZOV_UTF8_FAILED ? static_cast<uint32_t>(count) : ZOV_UTF8_FAILED;
+}
+
+// How far a run got, and how many characters or bytes came out of it.
+struct DecodeRun {
+  const uint8_t *bytes;
+  uint64_t chars;
+};
+
+struct EncodeRun {
+  const wchar_t *text;
+  uint64_t bytes;
+};
+
+// The fast part of either direction: converts whole valid characters up to the
+// end or to the first that is none or does not fit. Without `out` there is no
+// bound.
+DecodeRun decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out, uint64_t room);
+EncodeRun encodeRun(const wchar_t *text, const wchar_t *end, char *out, uint64_t room);
 
 // zov_wchar_to_utf8_len() and zov_utf8_to_wchar_len() for any length.
 uint32_t encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t lengthChars,

@@ -1,32 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Wildcard matching. It needs no start-up.
-#include <ctype.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "support/match_model.h"
 #include "zov.h"
 
 namespace {
-
-// Tries every possibility.
-bool modelMatches(const char *name, const char *pattern) {
-  const auto same = [](char left, char right) { return toupper(left) == toupper(right); };
-  if (*pattern == '\0') {
-    return *name == '\0';
-  }
-  if (*pattern != '*') {
-    return *name != '\0' && (*pattern == '?' || same(*name, *pattern)) &&
-           modelMatches(name + 1, pattern + 1);
-  }
-  bool found = pattern[1] == '\0';
-  for (; !found && *name != '\0'; ++name) {
-    found = same(*name, pattern[1]) && modelMatches(name + 1, pattern + 2);
-  }
-  return found;
-}
 
 // The wildcard's next letter is taken as it stands, and letters are bytes.
 TEST(Match, NamesAndPatterns) {
@@ -53,7 +36,7 @@ TEST(Match, AgreesWithAModelOnAllShortPatterns) {
     for (const std::string &pattern : words) {
       if (name.size() < 5) {
         ASSERT_EQ(zov_match(name.c_str(), pattern.c_str()),
-                  modelMatches(name.c_str(), pattern.c_str()) ? 1 : 0)
+                  zovtest::modelMatches(name.c_str(), pattern.c_str()) ? 1 : 0)
             << name << " / " << pattern;
       }
     }

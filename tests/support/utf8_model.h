@@ -21,14 +21,17 @@ inline bool isCharacter(uint32_t value) {
 }
 
 inline std::string encoded(uint32_t value) {
-  std::string tail;
-  uint32_t leadRoom = 0x80;  // values below it fit in the first byte
-  for (; value >= leadRoom; value /= 64) {
-    tail.insert(tail.begin(), static_cast<char>(0x80 + value % 64));
-    leadRoom = tail.size() == 1 ? 0x20 : leadRoom / 2;
-  }
+  const uint32_t above[] = {0x80, 0x800, 0x10000, 0x110000};
   const uint32_t lead[] = {0, 0xC0, 0xE0, 0xF0};
-  return static_cast<char>(lead[tail.size()] + value) + tail;
+  size_t tail = 0;
+  while (value >= above[tail]) {
+    ++tail;
+  }
+  std::string bytes(1, static_cast<char>(lead[tail] + (value >> (6 * tail))));
+  while (tail-- > 0) {
+    bytes += static_cast<char>(0x80 + (value >> (6 * tail)) % 64);
+  }
+  return bytes;
 }
 
 // Cuts bytes into code points, -1 for an invalid one. Returns how many bytes at

@@ -1,0 +1,409 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The fast part of the UTF-8 decoder: runs of whole, valid characters. A run
+// stops in front of whatever it does not like and leaves the judgement on it to
+// the machine in zovutf8_decode.cpp.
+//
+// Characters are taken in blocks where that is possible, otherwise singly:
+//
+//   16 bytes of ASCII           widened at once
+//   ASCII, then a character     the ASCII widened, the character decoded
+//   other characters            in steps, by patterns (below)
+//
+// A step looks at which of the next bytes end a character. These 12 bits name
+// in a table the lengths of the characters that follow, as a pattern: six
+// characters of up to two bytes or four of up to three. A byte shuffle brings
+// the bytes of each character into a lane of its own, as a number whose most
+// significant byte is the lead byte. The continuation bytes are known to be
+// such by then, so a character is valid when this number lies in one of a few
+// ranges. Nothing in a step depends on a branch that text could mislead.
+//
+// Nothing is stored behind the end of the result, not even where there would be
+// room: a size of 0 promises room for the result and no more. Widening may store
+// more than it takes, so it is done only with enough bytes behind it that become
+// characters of the result themselves.
+#include <string.h>
+
+#include <algorithm>
+#include <bit>
+
+#include "files/zovutf8_private.h"
+#include "files/zovutf8_vector.h"
+
+namespace {
+
+constexpr size_t kBlockBytes = 16;
+
+// How many bytes are taken singly before blocks are tried again.
+#if defined(ZOV_VECTORS)
+constexpr uint64_t kSingleBytes = 16;
+#else
+constexpr uint64_t kSingleBytes = 64;
+#endif
+
+// Decodes the sequence that a lead byte of its length begins. Returns the
+// length, or 0 when it is not whole or not valid.
+template <uint32_t kLength>
+inline uint32_t decodeSequence(const uint8_t *bytes, size_t available, uint32_t &value) {
+  if (available < kLength) {
+    return 0;
+  }
+  // One bit more than a lead byte gives, so that what is above F7 is too large.
+  value = bytes[0] & (0xFFu >> kLength);
+  for (uint32_t index = 1; index < kLength; ++index) {
+    if (!zov::isContinuation(bytes[index])) {
+      return 0;
+    }
+    value = value << 6 | (bytes[index] & 0x3Fu);
+  }
+  return zov::isValidValue(value, kLength) ? kLength : 0;
+}
+
+// The same for any character.
+inline uint32_t decodeOne(const uint8_t *bytes, size_t available, uint32_t &value) {
+  value = bytes[0];
+  if (value < 0x80) {
+    return 1;
+  }
+  if (value < 0xE0) {
+    return value < 0xC2 ? 0 : decodeSequence<2>(bytes, available, value);
+  }
+  return value < 0xF0 ? decodeSequence<3>(bytes, available, value)
+                      : decodeSequence<4>(bytes, available, value);
+}
+
+// The two ends of a run, one that stores and one that counts, are passed by
+// value: what is stored could alias one that lies in memory.
+
+struct CharStore {
+  wchar_t *next;
+  wchar_t *limit;
+
+  uint64_t room() const { return static_cast<uint64_t>(limit - next); }
+  void takeOne(uint32_t value) { *next++ = static_cast<wchar_t>(value); }
+
+#if defined(ZOV_VECTORS)
+  // Takes the first `count` of 16 bytes of ASCII, and stores all of them.
+  void takeAscii(__m128i bytes, uint64_t count) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i low = _mm_unpacklo_epi8(bytes, zero);
+    const __m128i high = _mm_unpackhi_epi8(bytes, zero);
+    zov::store(next, _mm_unpacklo_epi16(low, zero));
+    zov::store(next + 4, _mm_unpackhi_epi16(low, zero));
+    zov::store(next + 8, _mm_unpacklo_epi16(high, zero));
+    zov::store(next + 12, _mm_unpackhi_epi16(high, zero));
+    next += count;
+  }
+
+  // Takes six characters from lanes of 16 bits.
+  void takeSix(__m128i lanes) {
+    const __m128i zero = _mm_setzero_si128();
+    zov::store(next, _mm_unpacklo_epi16(lanes, zero));
+    const __m128i last = _mm_unpackhi_epi16(lanes, zero);
+    memcpy(next + 4, &last, 2 * sizeof(wchar_t));
+    next += 6;
+  }
+
+  // Takes four characters from lanes of 32 bits.
+  void takeFour(__m128i lanes) {
+    zov::store(next, lanes);
+    next += 4;
+  }
+#else
+  void takeAscii(const uint8_t *bytes, uint64_t count) {
+    for (size_t index = 0; index < kBlockBytes; ++index) {
+      next[index] = bytes[index];
+    }
+    next += count;
+  }
+#endif
+};
+
+struct CharCounter {
+  uint64_t count;
+
+  static uint64_t room() { return UINT64_MAX; }
+  void takeOne(uint32_t) { ++count; }
+
+  template <typename Bytes>
+  void takeAscii(Bytes, uint64_t chars) {
+    count += chars;
+  }
+
+  template <typename Lanes>
+  void takeSix(Lanes) {
+    count += 6;
+  }
+
+  template <typename Lanes>
+  void takeFour(Lanes) {
+    count += 4;
+  }
+};
+
+template <typename Target>
+struct Progress {
+  Target target;
+  const uint8_t *bytes;
+};
+
+#if defined(ZOV_VECTORS)
+
+// What the patterns of a kind have in common.
+struct PatternKind {
+  uint32_t chars;
+  uint32_t longest;    // bytes of its longest character
+  uint32_t laneBytes;  // of the lane a character gets
+  uint32_t first;      // index of the first pattern
+};
+
+constexpr PatternKind kSixes = {6, 2, 2, 0};   // 2^6 patterns
+constexpr PatternKind kFours = {4, 3, 4, 64};  // 3^4 patterns
+constexpr uint32_t kPatterns = 64 + 81;
+constexpr uint32_t kNoPattern = 255;
+
+constexpr uint32_t kStepBits = 12;  // what the longest pattern takes, in bytes
+
+struct Step {
+  uint8_t pattern;
+  uint8_t bytes;  // taken by it
+};
+
+struct StepTable {
+  Step steps[1 << kStepBits];  // by the bytes that end a character
+  uint8_t shuffles[kPatterns][16];
+};
+
+// The pattern of characters of the given lengths, as far as it is of the kind.
+// The lengths less one are the digits of its index.
+constexpr Step patternOf(const PatternKind &kind, const uint32_t *lengths) {
+  uint32_t index = 0;
+  uint32_t bytes = 0;
+  for (uint32_t at = kind.chars; at > 0; --at) {
+    const uint32_t length = lengths[at - 1];
+    if (length == 0 || length > kind.longest) {
+      return {kNoPattern, 0};
+    }
+    index = index * kind.longest + length - 1;
+    bytes += length;
+  }
+  return {static_cast<uint8_t>(kind.first + index), static_cast<uint8_t>(bytes)};
+}
+
+constexpr Step stepOf(uint32_t ends) {
+  uint32_t lengths[kSixes.chars] = {};
+  for (uint32_t at = 0; at < kSixes.chars && ends != 0; ++at) {
+    lengths[at] = static_cast<uint32_t>(std::countr_zero(ends)) + 1;
+    ends >>= lengths[at];
+  }
+  const Step six = patternOf(kSixes, lengths);
+  return six.pattern != kNoPattern ? six : patternOf(kFours, lengths);
+}
+
+// Bytes of a lane run from the last of a character to its first; those left
+// over become zero.
+constexpr void fillShuffles(const PatternKind &kind, uint32_t count, StepTable &table) {
+  for (uint32_t index = 0; index < count; ++index) {
+    uint8_t *shuffle = table.shuffles[kind.first + index];
+    uint32_t digits = index;
+    uint32_t from = 0;
+    for (uint32_t at = 0; at < 16; ++at) {
+      shuffle[at] = 0x80;
+    }
+    for (uint32_t at = 0; at < kind.chars; ++at) {
+      const uint32_t length = digits % kind.longest + 1;
+      for (uint32_t byte = length; byte > 0; --byte) {
+        shuffle[at * kind.laneBytes + byte - 1] = static_cast<uint8_t>(from++);
+      }
+      digits /= kind.longest;
+    }
+  }
+}
+
+constexpr StepTable makeTable() {
+  StepTable table = {};
+  for (uint32_t ends = 0; ends < 1 << kStepBits; ++ends) {
+    table.steps[ends] = stepOf(ends);
+  }
+  fillShuffles(kSixes, kFours.first, table);
+  fillShuffles(kFours, kPatterns - kFours.first, table);
+  return table;
+}
+
+constexpr StepTable stepTable = makeTable();
+
+constexpr uint32_t kSpanBytes = 64;
+
+// With this many bytes and as much room steps are taken in spans, the last of
+// which looks at 16 bytes like any other, and widening may store 16 characters
+// whatever it takes: four bytes behind it become one of them at least.
+constexpr size_t kAmple = kSpanBytes + kBlockBytes;
+
+// From how many on ASCII in front of another character is widened rather than
+// taken in a step with it.
+constexpr uint32_t kWorthWidening = 3;
+
+// Takes a step from `bytes`, of which 16 are there. Returns how many bytes it
+// took, or 0.
+template <typename Target>
+ZOV_SHUFFLE inline uint32_t takeStep(Target &target, const uint8_t *bytes, uint32_t ends) {
+  const Step step = stepTable.steps[ends];
+  if (step.pattern == kNoPattern) {
+    return 0;
+  }
+  const __m128i lanes =
+      _mm_shuffle_epi8(zov::load(bytes), zov::load(stepTable.shuffles[step.pattern]));
+  if (step.pattern < kFours.first) {
+    const __m128i valid =
+        _mm_or_si128(zov::within16(lanes, 0, 0x7F), zov::within16(lanes, 0xC280, 0xDFBF));
+    if (zov::topBits(valid) != 0xFFFF) {
+      return 0;
+    }
+    target.takeSix(_mm_or_si128(_mm_and_si128(lanes, zov::each16(0x7F)),
+                                _mm_srli_epi16(_mm_and_si128(lanes, zov::each16(0x1F00)), 2)));
+    return step.bytes;
+  }
+  const __m128i narrow =
+      _mm_or_si128(zov::within32(lanes, 0, 0x7F), zov::within32(lanes, 0xC280, 0xDFBF));
+  const __m128i wide = _mm_or_si128(zov::within32(lanes, 0xE0A080, 0xED9FBF),
+                                    zov::within32(lanes, 0xEE8080, 0xEFBFBD));
+  if (zov::topBits(_mm_or_si128(narrow, wide)) != 0xFFFF) {
+    return 0;
+  }
+  const __m128i low = _mm_and_si128(lanes, zov::each32(0x7F));
+  const __m128i middle = _mm_srli_epi32(_mm_and_si128(lanes, zov::each32(0x3F00)), 2);
+  const __m128i high = _mm_srli_epi32(_mm_and_si128(lanes, zov::each32(0xF0000)), 4);
+  target.takeFour(_mm_or_si128(_mm_or_si128(low, middle), high));
+  return step.bytes;
+}
+
+// Takes steps from `bytes`, of which 16 are there, until one fails, and returns
+// how many bytes they took. With ample bytes and room they cover a span, whose
+// continuation bytes are sought out beforehand: then a step need not wait for
+// the one before it to look at its bytes.
+template <typename Target>
+ZOV_SHUFFLE inline size_t takeSteps(Target &target, const uint8_t *bytes, bool ample) {
+  const uint32_t spanBytes = ample ? kSpanBytes : kBlockBytes;
+  uint64_t continuations = 0;
+  for (uint32_t at = 0; at < spanBytes; at += kBlockBytes) {
+    const __m128i isOne = _mm_cmplt_epi8(zov::load(bytes + at), zov::each8(0xC0));
+    continuations |= static_cast<uint64_t>(zov::topBits(isOne)) << at;
+  }
+  uint64_t ends = ~continuations >> 1;
+  const size_t stop = ample ? kSpanBytes - kStepBits : 1;
+  size_t taken = 0;
+  uint32_t step = 1;
+  while (step != 0 && taken < stop) {
+    step = takeStep(target, bytes + taken, ends & ((1 << kStepBits) - 1));
+    taken += step;
+    ends >>= step;
+  }
+  return taken;
+}
+
+// Takes the ASCII at the start of a block and the character behind it, if that
+// is one. Returns how many bytes it took.
+template <typename Target>
+ZOV_SHUFFLE inline size_t takeMixed(Target &target, const uint8_t *bytes, __m128i block,
+                                    uint32_t ascii) {
+  target.takeAscii(block, ascii);
+  uint32_t value;
+  const uint32_t length = decodeOne(bytes + ascii, kBlockBytes, value);
+  if (length != 0) {
+    target.takeOne(value);
+  }
+  return ascii + length;
+}
+
+// Takes blocks as long as it can.
+template <typename Target>
+ZOV_SHUFFLE Progress<Target> takeBlocks(Target target, const uint8_t *bytes, const uint8_t *end) {
+  size_t taken = 1;
+  while (taken != 0 && static_cast<size_t>(end - bytes) >= kBlockBytes &&
+         target.room() >= kBlockBytes) {
+    const __m128i block = zov::load(bytes);
+    const uint32_t others = zov::topBits(block);
+    const uint32_t ascii = static_cast<uint32_t>(std::countr_zero(others));
+    const bool ample = static_cast<size_t>(end - bytes) >= kAmple && target.room() >= kAmple;
+    if (others == 0) {
+      target.takeAscii(block, kBlockBytes);
+      taken = kBlockBytes;
+    } else if (ample && (ascii >= kWorthWidening || bytes[ascii] >= 0xF0)) {
+      taken = takeMixed(target, bytes, block, ascii);
+    } else {
+      taken = takeSteps(target, bytes, ample);
+    }
+    bytes += taken;
+  }
+  return {target, bytes};
+}
+
+bool hasBlocks() {
+  return zov::hasShuffle();
+}
+
+#else
+
+bool isAsciiBlock(const uint8_t *block) {
+  uint64_t words[2];
+  static_assert(sizeof words == kBlockBytes);
+  memcpy(words, block, sizeof words);
+  return ((words[0] | words[1]) & 0x8080808080808080) == 0;
+}
+
+template <typename Target>
+Progress<Target> takeBlocks(Target target, const uint8_t *bytes, const uint8_t *end) {
+  while (static_cast<size_t>(end - bytes) >= kBlockBytes && target.room() >= kBlockBytes &&
+         isAsciiBlock(bytes)) {
+    target.takeAscii(bytes, kBlockBytes);
+    bytes += kBlockBytes;
+  }
+  return {target, bytes};
+}
+
+bool hasBlocks() {
+  return true;
+}
+
+#endif
+
+// Takes blocks and, where they end, single characters for a while. A character
+// takes no more room than it has bytes.
+template <typename Target>
+Progress<Target> takeRun(Target target, const uint8_t *bytes, const uint8_t *end) {
+  const bool blocks = hasBlocks();
+  while (bytes != end && target.room() > 0) {
+    if (blocks && static_cast<size_t>(end - bytes) >= kBlockBytes) {
+      const Progress<Target> progress = takeBlocks(target, bytes, end);
+      target = progress.target;
+      bytes = progress.bytes;
+    }
+    const uint64_t most = std::min(kSingleBytes, target.room());
+    const uint8_t *stop = bytes + std::min(most, static_cast<uint64_t>(end - bytes));
+    while (bytes < stop) {
+      uint32_t value;
+      const uint32_t length = decodeOne(bytes, static_cast<size_t>(end - bytes), value);
+      if (length == 0) {
+        return {target, bytes};
+      }
+      target.takeOne(value);
+      bytes += length;
+    }
+  }
+  return {target, bytes};
+}
+
+}  // namespace
+
+zov::DecodeRun zov::decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out,
+                              uint64_t room) {
+  if (out == nullptr) {
+    const Progress<CharCounter> progress = takeRun(CharCounter{0}, bytes, end);
+    return {progress.bytes, progress.target.count};
+  }
+  // What can never be used is left out, so that no pointer is made up.
+  const uint64_t most = static_cast<uint64_t>(end - bytes);
+  const CharStore store{out, out + std::min(room, most)};
+  const Progress<CharStore> progress = takeRun(store, bytes, end);
+  return {progress.bytes, static_cast<uint64_t>(progress.target.next - out)};
+}
