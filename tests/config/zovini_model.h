@@ -189,7 +189,8 @@ inline bool iniAgrees(const std::string &path, const std::string &text, const st
            getAgrees(model, path, section.c_str(), nullptr, size) &&
            getAgrees(model, path, section.c_str(), name == nullptr ? "xx" : name, size);
   };
-  return getsAgree(text) && zov_iniSet(path.c_str(), section.c_str(), name, value) == ZOV_OKAY &&
+  return getsAgree(text) &&
+         zov_iniSetEx(path.c_str(), section.c_str(), name, value, ZOV_FILE_NOSYNC) == ZOV_OKAY &&
          readFile(path) == after && getsAgree(after);
 }
 
