@@ -104,6 +104,38 @@ bool renameOver(const char *source, uint32_t sourceFlags, const char *destinatio
          zov_fileRenameEx(source, sourceFlags, destination, destinationFlags) == ZOV_OKAY;
 }
 
+// One of two files to be opened.
+struct End {
+  const char *path;
+  uint32_t typeFlags;
+  uint32_t openFlags;
+};
+
+// The statuses of what may be missing before the work begins.
+struct Failures {
+  int32_t first;
+  int32_t second;
+  int32_t memory;
+};
+
+// Works on two files with a block for each.
+int32_t onPair(End first, End second, Failures failures, int32_t (*work)(const Pair &)) {
+  const zov::NoJump noJump;
+  Pair pair = {};
+  pair.first = zov_fileOpen(first.path, first.openFlags, first.typeFlags);
+  if (pair.first == nullptr) {
+    return failures.first;
+  }
+  pair.second = zov_fileOpen(second.path, second.openFlags, second.typeFlags);
+  if (pair.second == nullptr) {
+    zov_fileClose(pair.first);
+    return failures.second;
+  }
+  const int32_t status = allocateBlocks(pair) ? work(pair) : failures.memory;
+  closePair(pair);
+  return status;
+}
+
 }  // namespace
 
 bool zov::isSamePath(const char *first, uint32_t firstFlags, const char *second,
@@ -126,20 +158,8 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
       zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
     return ZOV_OKAY;
   }
-  const zov::NoJump noJump;
-  Pair pair = {};
-  pair.first = zov_fileOpen(source, kReadOnly, sourceFlags);
-  if (pair.first == nullptr) {
-    return ZOV_ERROR;
-  }
-  pair.second = zov_fileOpen(destination, kReadWriteCreate, destinationFlags);
-  if (pair.second == nullptr) {
-    zov_fileClose(pair.first);
-    return ZOV_ERROR;
-  }
-  const int32_t status = allocateBlocks(pair) ? _fileCopy(pair) : ZOV_ERROR;
-  closePair(pair);
-  return status;
+  return onPair({source, sourceFlags, kReadOnly}, {destination, destinationFlags, kReadWriteCreate},
+                {ZOV_ERROR, ZOV_ERROR, ZOV_ERROR}, _fileCopy);
 }
 
 int32_t zov_fileCmp(const char *first, const char *second) {
@@ -154,20 +174,8 @@ int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second
   if (zov::isSamePath(first, firstFlags, second, secondFlags)) {
     return ZOV_OKAY;
   }
-  const zov::NoJump noJump;
-  Pair pair = {};
-  pair.first = zov_fileOpen(first, kReadOnly, firstFlags);
-  if (pair.first == nullptr) {
-    return ZOV_NOFILE;
-  }
-  pair.second = zov_fileOpen(second, kReadOnly, secondFlags);
-  if (pair.second == nullptr) {
-    zov_fileClose(pair.first);
-    return ZOV_NOFILE2;
-  }
-  const int32_t status = allocateBlocks(pair) ? _fileCmp(pair) : ZOV_NOMEMORY;
-  closePair(pair);
-  return status;
+  return onPair({first, firstFlags, kReadOnly}, {second, secondFlags, kReadOnly},
+                {ZOV_NOFILE, ZOV_NOFILE2, ZOV_NOMEMORY}, _fileCmp);
 }
 
 int32_t zov_fileMove(const char *source, const char *destination) {
