@@ -144,7 +144,8 @@ TEST_F(Utf8Allocated, ArgumentListsConvertWholeOrNotAtAll) {
   wchar_t first[] = L"\xE9";
   wchar_t surrogate[] = {0xDFFF, 0};
   wchar_t *arguments[] = {first, nullptr, first, surrogate};
-  char **strings = nullptr;
+  char *other = nullptr;
+  char **strings = &other;
   const int64_t before = zovtest::liveBlocks();
   EXPECT_EQ(zov_convertArgvToUTF8(4, arguments, &strings), ZOV_ERROR);
   EXPECT_EQ(strings, nullptr);
