@@ -35,7 +35,7 @@ class Cache : public zovtest::Started {
     return opened;
   }
 
-  uint64_t id = zov_shmCacheNextId();
+  uint64_t id = (unmapped.clear(), zov_shmCacheNextId());
   ZOV_CACHE_CTX context = open(O_CREAT);
 };
 
