@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""The sample program as its users see it, against a model in Python.
+"""The sample program as its users see it, against a model in Python: on a file, in
+memory, and through a server.
 
-minidb_test.py PROGRAM
+minidb_test.py MINIDB MINIDB-SERVER
 """
 import fcntl
 import fnmatch
@@ -11,55 +12,83 @@ import random
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
-import unittest
 
-PROGRAM = ""
-SEED = int(os.environ.get("ZOV_SEED", time.time_ns() % 1_000_000))
-
-
-def text_of(records):
-    return "".join(f"{key};{value}\n" for key, value in records.items())
+import minidb_programs
+from minidb_programs import SEED, ProgramTest, quoted, random_records, text_of
 
 
-def random_records(count, prefix="K"):
-    letters = "abcdefghij ÄÖßé€𝄞;"
-    return {
-        f"{prefix}{number:05d}": "".join(random.choices(letters, k=random.randrange(40)))
-        for number in random.sample(range(100000), count)
-    }
+class Model:
+    """What the statements do, with a dictionary for the database."""
+
+    def __init__(self):
+        self.records = {}
+        self.saved = None  # what an abort goes back to
+        self.failed = False
+
+    def put(self, key, value):
+        self.records.pop(key, None)
+        self.records[key] = value
+        return []
+
+    def get(self, key):
+        return [f"{key};{self.records[key]}"] if key in self.records else []
+
+    def delete(self, key):
+        self.records.pop(key, None)
+        return []
+
+    def chosen(self, pattern, first, last):
+        lines = [f"{key};{value}" for key, value in self.records.items()
+                 if (first is None or key.encode() >= first.encode())
+                 and (last is None or key.encode() <= last.encode())]
+        return [line for line in lines if pattern is None
+                or fnmatch.fnmatchcase(line.encode().decode("latin-1"), pattern)]
 
 
-class MinidbTest(unittest.TestCase):
+def random_statement(model):
+    """A statement with the lines that are expected of it; found ones in any order."""
+    key = random.choice(["a", "b b", "c:", "d'", 'e"', "Ä", "get", ""])
+    value = random.choice(["1", "two words", "x;y", "", "ß'\"--", "a\tb"])
+    kind = random.choice(["put", "put", "put", "get", "delete", "find", "count", "end"])
+    if kind == "put":
+        return f"PUT {quoted(key)} {quoted(value)}", model.put(key, value)
+    if kind == "get" and key in model.records:
+        return f"get -- a comment;\n {quoted(key)}", model.get(key)
+    if kind == "delete" and key in model.records:
+        return f"delete {quoted(key)}", model.delete(key)
+    if kind == "end":
+        return end_or_begin(model)
+    pattern = random.choice([None, "*", "*a*", "?;*", "*two*"])
+    first, last = random.choice([None, "b", "d"]), random.choice([None, "Z", "c;", "d'"])
+    words = [word for word in (pattern and quoted(pattern), first and "from " + quoted(first),
+                               last and "to " + quoted(last)) if word]
+    found = model.chosen(pattern, first, last)
+    if kind == "count":
+        return " ".join(["count", *words]), [str(len(found))]
+    return " ".join(["find", *words]), found + [f"{len(found)} found"]
+
+
+def end_or_begin(model):
+    if model.saved is None:
+        model.saved = dict(model.records)
+        return "begin", []
+    keeps = random.random() < 0.5
+    if not keeps:
+        model.records = model.saved
+    model.saved = None
+    return "commit" if keeps else "abort", []
+
+
+class StatementTests:
+    """For every way to run statements."""
     OPTIONS = []
 
-    def setUp(self):
-        random.seed(SEED)
-        self.folder = tempfile.mkdtemp(prefix="minidbtest.")
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.data = self.path("data")
+    def minidb(self, *words):
+        return super().minidb(*self.OPTIONS, *words)
 
-    def path(self, name):
-        return os.path.join(self.folder, name)
-
-    def write(self, name, text, encoding="utf-8"):
-        with open(self.path(name), "wb") as file:
-            file.write(text.encode(encoding))
-        return self.path(name)
-
-    def read(self, name, encoding="utf-8"):
-        with open(self.path(name), "rb") as file:
-            return file.read().decode(encoding)
-
-    def command(self, words):
-        return [PROGRAM, "--data", self.data, *self.OPTIONS, *words]
-
-    def run_minidb(self, *words, status=0, env=None):
-        done = subprocess.run(self.command(words), capture_output=True,
-                              env={**os.environ, **(env or {})}, timeout=100)
-        self.assertEqual(done.returncode, status, f"seed {SEED}: {words}: {done.stderr}")
-        return done.stdout.decode(), done.stderr.decode()
+    def run_minidb(self, *words, **options):
+        return self.run_command(self.minidb(*words), **options)
 
     def load(self, records, **options):
         self.run_minidb("load", self.write("load.txt", text_of(records)), **options)
@@ -71,54 +100,106 @@ class MinidbTest(unittest.TestCase):
     def test_answers_are_those_of_a_dictionary(self):
         records = random_records(3000)
         for encoding in "utf-8", "utf-8-sig", "utf-16":
-            self.data = self.path(encoding)
+            self.load({"gone": "soon"})
             self.run_minidb("load", self.write("load.txt", text_of(records), encoding))
+            self.run_minidb("delete", "gone")
             self.assertEqual(self.dumped(), records)
         records.update(random_records(2000))
         self.load(records)
         self.assertEqual(self.run_minidb("count")[0], f"{len(records)}\n")
-        for key in random.sample(sorted(records), 20):
-            self.assertEqual(self.run_minidb("get", key)[0], f"{key};{records[key]}\n")
         for pattern in "K1234*", "*a*b*c*", "K?0?00*", "*;", "*XYZ*":
             lines = [f"{key};{value}" for key, value in records.items()]
             found = self.run_minidb("find", pattern)[0].split("\n")
             self.assertEqual(sorted(found[:-2]), sorted(fnmatch.filter(lines, pattern)))
             self.assertEqual(found[-2], f"{len(found) - 2} found")
         self.run_minidb("dump", self.path("wide.txt"), "utf16")
-        self.assertEqual(self.read("wide.txt", "utf-16"), self.read("dump.txt")
-                         if self.dumped() else "")
+        self.assertEqual(self.dumped(), records)
+        self.assertEqual(self.read("wide.txt", "utf-16"), self.read("dump.txt"))
         self.run_minidb("compact")
         self.assertEqual(self.dumped(), records)
 
+    def test_statements_do_what_the_model_does(self):
+        for _ in range(4):
+            model = Model()
+            text, expected = "", []
+            for _ in range(300):
+                statement, lines = random_statement(model)
+                text += statement + random.choice([";\n", " ; ", ";;"])
+                expected += lines
+            shown = self.run_minidb(text=text)[0].split("\n")[:-1]
+            self.assertEqual(sorted(shown), sorted(expected), f"seed {SEED}")
+            records = model.records if model.saved is None else model.saved
+            self.assertEqual(self.dumped(), records, f"seed {SEED}")
+            self.run_minidb(text="".join(f"delete {quoted(key)};" for key in records))
+
+    def test_mistakes_of_the_language_name_their_place(self):
+        for text, messages in [
+                ("putt a 1; get x", ['line 1, column 1: unexpected "putt"', 'no record "x"']),
+                ("get", ["line 1, column 4: unexpected end"]),
+                ("\n get Ä Ö;", ['line 2, column 8: unexpected "Ö"']),
+                ("put a;", ['column 6: unexpected ";"']), ("get count", ['unexpected "count"']),
+                ("find from a from b", ['column 13: unexpected "from"']),
+                ("get 'x;\ny", ["column 5: what begins here has no end", "'x;"]),
+                ("get a\x01", ["column 6"]), ("begin; begin", ["under way"]),
+                ("commit", ["no transaction"]), ("abort", ["no transaction"]),
+                ("begin; compact; put a 1; commit", ["under way", "only be aborted", "mistake"]),
+                ("begin; put a 1; oops; commit", ["oops", "nothing of it was kept"]),
+                ("begin; delete no; put a 1; abort; get a", ['no record "a"']),
+                ("put a b c", ['column 9: unexpected "c"']), ("set no 1", ["no setting"]),
+                ("set workers 0", ["no value"]), ("set data 'a;b'", ["no value"]),
+                ("put 'a;b' 1; dump x; delete 'a;b'", ["failed"]),
+                ("set separator ab", ["no value"]), ("load no.txt", ["failed"]),
+                ("x" * 100000, ["x" * 60 + '"'])]:
+            errors = self.run_minidb(text=text, status=1)[1]
+            for message in messages:
+                self.assertIn(message, errors, text)
+        self.assertEqual(self.run_minidb(text="begin; put a 1;")[1], "")
+        self.assertEqual(self.dumped(), {})
+
     def test_lines_of_any_shape(self):
-        self.run_minidb("--separator", "|", "load",
-                        self.write("in", "a|1\r\n\n\nalone\n|no key\na|2\nlast|" + "v" * 300000))
+        self.run_minidb(text="set separator |")
+        self.run_minidb("load", self.write("in", "a|1\r\n\n\nalone\n|no key\na|2\nlast|"
+                                           + "v" * 300000))
         self.assertEqual(self.run_minidb("count")[0], "4\n")
-        self.assertEqual(self.run_minidb("--separator", "|", "get", "a")[0], "a|2\n")
+        self.assertEqual(self.run_minidb("get", "a")[0], "a|2\n")
+        self.run_minidb("set", "separator", "semicolon")
         self.assertEqual(self.run_minidb("get", "")[0], ";no key\n")
         self.assertEqual(len(self.run_minidb("get", "last")[0]), 300006)
 
-    def test_mistakes_are_named(self):
+
+class MinidbTest(StatementTests, ProgramTest):
+    def test_the_command_line_and_files(self):
         self.load({"a": "1"})
         blank = self.write("blank", "")
         big = self.path("big")
         self.run_minidb("--data", big, "load", self.write("in", text_of(random_records(300))))
+        self.write("bad.ini", "[server]\nworkers=many\n")
         for words, status, message in [
-                ([], 2, "usage"), (["unknown"], 2, "usage"), (["get"], 2, "usage"),
-                (["get", "a", "b"], 2, "usage"), (["--separator", "ab", "count"], 2, "usage"),
-                (["--data"], 2, "usage"), (["dump", "x", "latin1"], 2, "latin1"),
-                (["get", "b"], 1, "no record"), (["load", self.path("no")], 1, "No such file"),
-                (["load", self.folder], 1, "directory"),
+                (["--unknown"], 2, "usage"), (["--data"], 2, "usage"), (["--wait", "0"], 2, "usage"),
+                (["--data", "x" * 600, "count"], 1, "too long"),
+                (["--separator", "ab", "count"], 1, "no separator"),
+                (["load", self.path("no")], 1, "No such file"), (["load", self.folder], 1, "directory"),
                 (["dump", self.path("no/file")], 1, "cannot create"),
                 (["dump", "/dev/full"], 1, "cannot write to"),
                 (["--data", big, "dump", "/dev/full", "utf16"], 1, "cannot write to"),
-                (["--data", self.path("no"), "count"], 1, "No such file"),
-                (["--data", blank, "count"], 1, "not a minidb data file"),
+                (["--data", self.path("no/data"), "count"], 1, "No such file"),
                 (["--data", self.write("text", "x" * 5000), "load", blank], 1, "not a minidb"),
+                (["--settings", "bad.ini", "count"], 1, "workers=many"),
+                (["--settings", "no/x.ini", "count"], 1, "cannot create"),
+                (["--connect", self.path("no"), "count"], 1, "cannot connect"),
                 (["--log", self.path("no/log"), "count"], 1, "cannot create")]:
             self.assertIn(message, self.run_minidb(*words, status=status)[1])
         self.assertEqual(self.dumped(), {"a": "1"})
         self.assertEqual(self.read("text"), "x" * 5000)
+
+    def test_settings_are_made_and_kept(self):
+        self.data = self.path("other")
+        self.run_minidb("put", "a", "1")
+        self.assertIn("data=minidb.data", self.read("minidb.ini"))
+        self.run_minidb("set data other; set separator tab; set workers 7")
+        self.assertIn("workers = 7\n", self.run_minidb("settings")[0])
+        bare = [minidb_programs.PROGRAMS["minidb"], "get", "a"]
+        self.assertEqual(self.run_command(bare)[0], "a\t1\n")
 
     def test_damage_is_refused_and_left_alone(self):
         self.load(random_records(500))
@@ -131,11 +212,12 @@ class MinidbTest(unittest.TestCase):
                 self.assertRegex(self.run_minidb(*words, status=1)[1], "truncated|not a|damaged")
             with open(self.data, "rb") as file:
                 self.assertEqual(file.read(), whole[:length])
-        broken = bytearray(whole)
-        broken[5000] ^= 1
-        with open(self.data, "wb") as file:
-            file.write(broken)
-        self.assertIn("damaged", self.run_minidb("count", status=1)[1])
+        for offset in random.sample(range(2048, len(whole)), 20):
+            broken = bytearray(whole)
+            broken[offset] ^= 1 << random.randrange(8)
+            with open(self.data, "wb") as file:
+                file.write(broken)
+            self.assertIn("damaged", self.run_minidb("count", status=1)[1], f"seed {SEED}")
         with open(self.data, "wb") as file:
             file.write(whole + b"left of an interrupted load")
         self.assertEqual(self.run_minidb("count")[0], "500\n")
@@ -156,9 +238,8 @@ class MinidbTest(unittest.TestCase):
         missing = {"QEL_TMPDIR": self.path("no")}
         if not self.OPTIONS:
             self.assertIn("cannot open", self.run_minidb("compact", status=1, env=missing)[1])
-        here = {"QEL_TMPDIR": self.folder}
         before = os.listdir(self.folder)
-        self.run_minidb("compact", env=here)
+        self.run_minidb("compact", env={"QEL_TMPDIR": self.folder})
         self.assertEqual(sorted(os.listdir(self.folder)), sorted(before))
         self.assertEqual(self.dumped(), records)
 
@@ -171,15 +252,14 @@ class MinidbTest(unittest.TestCase):
         survived = 0
         for _ in range(16):
             words = random.choice([["compact"], ["load", more_path]])
-            process = subprocess.Popen(self.command(words), stdout=subprocess.DEVNULL,
-                                       stderr=subprocess.DEVNULL)
-            time.sleep(random.random() * 0.05)
+            process = subprocess.Popen(self.minidb(*words), cwd=self.folder,
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            time.sleep(random.random() * 0.02)
             process.kill()
             survived += process.wait() == 0
             found = self.dumped()
             if found != records:
                 self.assertEqual(found, more, f"seed {SEED}: {words}")
-                shutil.copy(self.path("dump.txt"), self.path("all.txt"))
                 os.remove(self.data)
                 self.load(records)
         print(f"seed {SEED}: {survived} of 16 ended before the kill", file=sys.stderr)
@@ -189,6 +269,14 @@ class MinidbInMemoryTest(MinidbTest):
     OPTIONS = ["--memory"]
 
 
+class MinidbServedTest(StatementTests, ProgramTest):
+    def setUp(self):
+        super().setUp()
+        self.start_server()
+
+    def minidb(self, *words):
+        return self.client(*words)
+
+
 if __name__ == "__main__":
-    PROGRAM = sys.argv.pop(1)
-    unittest.main()
+    minidb_programs.main(sys.argv)

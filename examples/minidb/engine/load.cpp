@@ -9,9 +9,9 @@
 //
 // A batch belongs to one side at a time, so nothing needs a lock. There are as
 // many batches as may be under way, and they go round.
-#include "line_reader.h"
-#include "report.h"
-#include "text_io.h"
+#include "engine/line_reader.h"
+#include "engine/report.h"
+#include "engine/text_io.h"
 
 namespace minidb {
 
@@ -24,11 +24,10 @@ constexpr uint32_t kBatchBytes = 64 * 1024;
 // Words of a message in the work queue; the value of one is its batch.
 constexpr uint32_t kEncode = 1;
 
-// Lines on their way to be entries. `bytes` of either grow as needed.
+// Lines on their way to be entries.
 struct Batch {
-  ZOV_TAG tag;
   Buffer lines;  // each with a NUL behind it
-  Buffer entries;
+  EntryList entries;
   uint64_t records;
   bool failed;
 };
@@ -53,18 +52,14 @@ bool encodeLine(Batch &batch, const char *line, char separator) {
   const size_t keyBytes = end == nullptr ? strlen(line) : static_cast<size_t>(end - line);
   const char *value = end == nullptr ? line + keyBytes : end + 1;
   const size_t valueBytes = strlen(value);
-  if (keyBytes > kMaxKeyBytes || valueBytes > kMaxValueBytes) {
-    zov_log_err("minidb: a line is too long for a record.\n");
-    return false;
-  }
   ++batch.records;
-  return encodeRecord(
-      batch.entries, batch.tag,
-      {{line, static_cast<uint32_t>(keyBytes)}, {value, static_cast<uint32_t>(valueBytes)}});
+  return addEntry(batch.entries, {Kind::kPut,
+                                  {line, static_cast<uint32_t>(keyBytes)},
+                                  {value, static_cast<uint32_t>(valueBytes)}});
 }
 
 void encodeBatch(Batch &batch, char separator) {
-  batch.entries.length = 0;
+  clearList(batch.entries);
   batch.records = 0;
   batch.failed = false;
   for (uint32_t at = 0; at < batch.lines.length && !batch.failed;) {
@@ -181,20 +176,23 @@ bool loadLines(Load &load, const char *path) {
 
 bool startLoad(Load &load) {
   load.tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  if (load.tag == ZOV_NO_TAG || zov_queueInit(0) != ZOV_OKAY) {
-    return false;
-  }
   for (Batch &batch : load.batches) {
-    batch.tag = load.tag;
+    if (!openList(batch.entries, load.tag)) {
+      return false;
+    }
   }
-  load.work = zov_queueCreate("minidb work");
-  load.done = zov_queueCreate("minidb done");
+  load.work = zov_queueCreate("minidb lines");
+  load.done = zov_queueCreate("minidb entries");
   return load.work != nullptr && load.done != nullptr && startWorkers(load);
 }
 
 void endLoad(Load &load) {
   stopWorkers(load);
-  zov_queueTerm(1);
+  zov_queueDelete(load.work);
+  zov_queueDelete(load.done);
+  for (Batch &batch : load.batches) {
+    closeList(batch.entries);
+  }
   zov_freeTagMemory(load.tag, 1);
 }
 
@@ -211,7 +209,7 @@ bool loadText(Store &store, const char *path, char separator) {
     zov_log_err("minidb: no worker can be started.\n");
   }
   endLoad(load);
-  return loaded && commit(store);
+  return loaded;
 }
 
 }  // namespace minidb

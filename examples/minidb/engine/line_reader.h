@@ -4,7 +4,7 @@
 #ifndef MINIDB_LINE_READER_H
 #define MINIDB_LINE_READER_H
 
-#include "report.h"
+#include "engine/report.h"
 
 namespace minidb {
 

@@ -4,7 +4,7 @@
 #ifndef MINIDB_TRANSFER_H
 #define MINIDB_TRANSFER_H
 
-#include "store.h"
+#include "engine/store.h"
 
 namespace minidb {
 

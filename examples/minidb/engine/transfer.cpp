@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "transfer.h"
+#include "engine/transfer.h"
 
-#include "report.h"
+#include "engine/report.h"
 
 namespace minidb {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Bytes that grow, of a memory tag.
+// Strings of bytes, and bytes that grow, of a memory tag.
 #ifndef MINIDB_BUFFER_H
 #define MINIDB_BUFFER_H
 
@@ -10,12 +10,36 @@
 
 namespace minidb {
 
+// A string of bytes that need not end in a NUL; null bytes mean that there is none.
+struct Text {
+  const char *bytes;
+  uint32_t length;
+};
+
+inline Text textOf(const char *string) {
+  return {string, static_cast<uint32_t>(strlen(string))};
+}
+
+// Orders texts by their bytes, as memcmp() does, the shorter one first.
+inline int compareTexts(Text first, Text second) {
+  const uint32_t common = first.length < second.length ? first.length : second.length;
+  const int order = common == 0 ? 0 : memcmp(first.bytes, second.bytes, common);
+  if (order != 0 || first.length == second.length) {
+    return order;
+  }
+  return first.length < second.length ? -1 : 1;
+}
+
 // Released with its tag. A zero-filled one is empty.
 struct Buffer {
   char *bytes;
   uint32_t length;
   uint32_t capacity;
 };
+
+inline Text textOf(const Buffer &buffer) {
+  return {buffer.bytes, buffer.length};
+}
 
 // Makes room for so many bytes in all. False when memory is missing, which
 // libzov reports; the buffer then stays as it was.
@@ -38,12 +62,19 @@ inline bool reserveBytes(Buffer &buffer, ZOV_TAG tag, uint64_t length) {
 
 // As reserveBytes(), and puts bytes at the end.
 inline bool appendBytes(Buffer &buffer, ZOV_TAG tag, const void *bytes, uint32_t length) {
+  if (length == 0) {
+    return true;
+  }
   if (!reserveBytes(buffer, tag, uint64_t{buffer.length} + length)) {
     return false;
   }
   memcpy(buffer.bytes + buffer.length, bytes, length);
   buffer.length += length;
   return true;
+}
+
+inline bool appendText(Buffer &buffer, ZOV_TAG tag, Text text) {
+  return appendBytes(buffer, tag, text.bytes, text.length);
 }
 
 }  // namespace minidb

@@ -5,9 +5,9 @@
 // back and held against the records.
 #include <errno.h>
 
-#include "line_reader.h"
-#include "report.h"
-#include "text_io.h"
+#include "engine/line_reader.h"
+#include "engine/report.h"
+#include "engine/text_io.h"
 
 namespace minidb {
 
@@ -28,8 +28,21 @@ void writeText(ZOV_STREAM stream, Text text) {
   }
 }
 
-bool writeRecord(const Record &record, void *context) {
+// Whether a load would read the key as it is.
+bool isReadable(Text key, char separator) {
+  if (key.length == 0 || memchr(key.bytes, separator, key.length) == nullptr) {
+    return true;
+  }
+  zov_log_err("minidb: the key \"%.*s\" holds the separator; set another one.\n",
+              static_cast<int>(key.length), key.bytes);
+  return false;
+}
+
+bool writeRecord(const Entry &record, void *context) {
   Dump &dump = *static_cast<Dump *>(context);
+  if (!isReadable(record.key, dump.separator)) {
+    return false;
+  }
   errno = 0;
   writeText(dump.stream, record.key);
   zov_fputc(dump.separator, dump.stream);
@@ -42,14 +55,14 @@ bool writeRecord(const Record &record, void *context) {
   return true;
 }
 
-bool isRecord(const char *line, const Record &record, char separator) {
+bool isRecord(const char *line, const Entry &record, char separator) {
   const char *value = line + record.key.length + 1;
   return strlen(line) == uint64_t{record.key.length} + 1 + record.value.length &&
          memcmp(line, record.key.bytes, record.key.length) == 0 && value[-1] == separator &&
          memcmp(value, record.value.bytes, record.value.length) == 0;
 }
 
-bool checkRecord(const Record &record, void *context) {
+bool checkRecord(const Entry &record, void *context) {
   Dump &dump = *static_cast<Dump *>(context);
   const char *line = readLine(dump.reader);
   return line != nullptr && isRecord(line, record, dump.separator);
@@ -63,21 +76,21 @@ bool flushDump(const Dump &dump) {
   return zov_errno() == 0 || zov_errno() == EINVAL || cannot("write to", dump.path);
 }
 
-bool writeDump(Store &store, Dump &dump, int32_t encoding) {
+bool writeDump(View view, Dump &dump, int32_t encoding) {
   dump.stream = zov_fopen(dump.path, "w", encoding);
   if (dump.stream == nullptr) {
     return cannot("create", dump.path);
   }
-  const bool written = scanRecords(store, writeRecord, &dump) && flushDump(dump);
+  const bool written = scanView(view, writeRecord, &dump) && flushDump(dump);
   zov_fclose(dump.stream);
   return written;
 }
 
-bool checkDump(Store &store, Dump &dump) {
+bool checkDump(View view, Dump &dump) {
   if (!openReader(dump.reader, dump.path)) {
     return false;
   }
-  const bool same = scanRecords(store, checkRecord, &dump) && readLine(dump.reader) == nullptr;
+  const bool same = scanView(view, checkRecord, &dump) && readLine(dump.reader) == nullptr;
   closeReader(dump.reader);
   if (!same) {
     zov_log_err(
@@ -90,9 +103,9 @@ bool checkDump(Store &store, Dump &dump) {
 
 }  // namespace
 
-bool dumpText(Store &store, const char *path, char separator, int32_t encoding) {
+bool dumpText(View view, const char *path, char separator, int32_t encoding) {
   Dump dump = {path, separator, nullptr, {}, 0};
-  return writeDump(store, dump, encoding) && checkDump(store, dump);
+  return writeDump(view, dump, encoding) && checkDump(view, dump);
 }
 
 }  // namespace minidb

@@ -5,19 +5,18 @@
 #ifndef MINIDB_TEXT_IO_H
 #define MINIDB_TEXT_IO_H
 
-#include "store.h"
+#include "engine/transaction.h"
 
 namespace minidb {
 
-// Puts every line of a text file into the store and commits. Lines without a
-// separator are a key without a value; empty lines are passed over. Reports
-// progress on long files, and what failed; nothing of a load that failed
-// counts, and the store is then only to be closed.
+// Appends every line of a text file to the store. Lines without a separator are
+// a key without a value; empty lines are passed over. Reports progress on long
+// files, and what failed; the store is then to be put right by discardChanges().
 bool loadText(Store &store, const char *path, char separator);
 
 // Writes every record to a text file, oldest first, and reads it back to make
 // sure. Reports progress, and what failed.
-bool dumpText(Store &store, const char *path, char separator, int32_t encoding);
+bool dumpText(View view, const char *path, char separator, int32_t encoding);
 
 }  // namespace minidb
 

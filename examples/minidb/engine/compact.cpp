@@ -6,9 +6,9 @@
 // and synced, and moved over the store: the one step that counts. Whatever a
 // killed process leaves of the steps before is never read, and the next
 // compaction starts afresh.
-#include "report.h"
-#include "store.h"
-#include "transfer.h"
+#include "engine/report.h"
+#include "engine/store.h"
+#include "engine/transfer.h"
 
 namespace minidb {
 
@@ -20,10 +20,13 @@ struct Copy {
   uint64_t records;
 };
 
-bool copyRecord(const Record &record, void *context) {
+bool copyRecord(const Entry &entry, void *context) {
   Copy &copy = *static_cast<Copy *>(context);
+  if (entry.kind == Kind::kDelete) {
+    return true;
+  }
   showProgress("compact", ++copy.records);
-  return putRecord(*copy.store, record);
+  return appendEntry(*copy.store, entry);
 }
 
 bool writeCopy(Store &store, Place place) {
@@ -31,18 +34,9 @@ bool writeCopy(Store &store, Place place) {
   if (copy.store == nullptr) {
     return false;
   }
-  const bool written = scanRecords(store, copyRecord, &copy) && commit(*copy.store);
+  const bool written = scanEntries(store, copyRecord, &copy) && commit(*copy.store);
   closeStore(copy.store);
   return written;
-}
-
-// Removes a data file with the lock file that goes with it.
-void removeStore(Place place, ZOV_TAG tag) {
-  zov_fileRemoveEx(place.path, place.typeFlags);
-  char *lock = zov_makeStrVA(ZOV_HERE, tag, "%s.lock", place.path);
-  if (lock != nullptr) {
-    zov_fileRemoveEx(lock, place.typeFlags);
-  }
 }
 
 // A path for the new file. Memory has no directory for temporary files.
@@ -63,7 +57,7 @@ bool compact(Store &store) {
   if (written.path != nullptr && beside.path != nullptr) {
     compacted = commit(store) && writeCopy(store, written) && bringBeside(written, beside) &&
                 replaceFile(store, beside.path);
-    removeStore(written, tag);
+    removeFiles(written);
   }
   zov_freeTagMemory(tag, 1);
   return compacted;
