@@ -7,6 +7,7 @@ if(NOT DOXYGEN_FOUND)
   return()
 endif()
 
+file(GLOB ZOV_DOCS_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 set(ZOV_DOCS_DIR ${PROJECT_BINARY_DIR}/docs)
 configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
@@ -16,9 +17,7 @@ add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
   DEPENDS
     ${PROJECT_BINARY_DIR}/Doxyfile
     ${PROJECT_SOURCE_DIR}/include/zov.h
-    ${PROJECT_SOURCE_DIR}/docs/mainpage.md
-    ${PROJECT_SOURCE_DIR}/docs/files-in-memory.md
-    ${PROJECT_SOURCE_DIR}/docs/parser.md
+    ${ZOV_DOCS_PAGES}
     ${PROJECT_SOURCE_DIR}/docs/status_list.awk
   COMMENT "Making the API reference"
   VERBATIM)

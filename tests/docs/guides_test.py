@@ -1,0 +1,110 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""The guides in docs/ say what their programs do.
+
+guides_test.py GUIDE_PROGRAMS CALCULATOR
+
+Every guide but the main page has a program: examples/guides/NAME.c, of which
+GUIDE_PROGRAMS holds the build as guide-NAME, or examples/calculator for the
+guide to the parser. In a guide
+
+- a block of c or yacc is found in the program's sources, line for line but for
+  the indentation;
+- blocks of input, put together, are what the program reads, and those of
+  output what it prints.
+"""
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import textwrap
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DOCS = ROOT / "docs"
+EXAMPLES = ROOT / "examples"
+QUOTED = {"c", "yacc"}
+LANGUAGES = QUOTED | {"input", "output", "text", "ini", "sh", "cmake"}
+PROGRAMS = pathlib.Path()
+CALCULATOR = pathlib.Path()
+
+
+class Guide:
+    def __init__(self, path):
+        self.name = path.stem
+        self.blocks = []  # (language, line number, text)
+        language = None
+        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+            fence = re.match(r"( *)(```|~~~)(\S*)", line)
+            if fence and language is None:
+                indent, language, start, lines = fence[1], fence[3], number, []
+            elif fence:
+                self.blocks.append((language, start, "".join(lines)))
+                language = None
+            elif language is not None:
+                lines.append(line.removeprefix(indent) + "\n")
+        self.is_open = language is not None
+
+    def text(self, language):
+        return "".join(text for found, _, text in self.blocks if found == language)
+
+    def program(self):
+        return CALCULATOR if self.name == "parser" else PROGRAMS / f"guide-{self.name}"
+
+    def sources(self):
+        if self.name != "parser":
+            return [EXAMPLES / "guides" / f"{self.name}.c"]
+        return list((EXAMPLES / "calculator").rglob("*.[chy]"))
+
+
+def holds(source, block):
+    lines = source.read_text(encoding="utf-8").splitlines(keepends=True)
+    count = block.count("\n")
+    wanted = textwrap.dedent(block)
+    return any(textwrap.dedent("".join(lines[at:at + count])) == wanted
+               for at in range(len(lines) - count + 1))
+
+
+class GuidesTest(unittest.TestCase):
+    def setUp(self):
+        self.guides = [Guide(path) for path in sorted(DOCS.glob("*.md"))
+                       if path.name != "mainpage.md"]
+
+    def test_every_program_has_its_guide(self):
+        programs = {path.stem for path in (EXAMPLES / "guides").glob("*.c")} | {"parser"}
+        self.assertEqual(programs, {guide.name for guide in self.guides})
+
+    def test_blocks_are_of_known_languages(self):
+        for guide in self.guides:
+            with self.subTest(guide=guide.name):
+                self.assertFalse(guide.is_open, "a block without an end")
+                self.assertLessEqual({language for language, _, _ in guide.blocks}, LANGUAGES)
+
+    def test_code_is_the_program_s(self):
+        for guide in self.guides:
+            for language, number, text in guide.blocks:
+                if language not in QUOTED:
+                    continue
+                with self.subTest(guide=guide.name, line=number):
+                    self.assertTrue(text.strip())
+                    self.assertTrue(any(holds(source, text) for source in guide.sources()),
+                                    f"not in the program:\n{text}")
+
+    def test_output_is_the_program_s(self):
+        for guide in self.guides:
+            with self.subTest(guide=guide.name), tempfile.TemporaryDirectory() as folder:
+                self.assertTrue(guide.text("output"), "no output to compare with")
+                done = subprocess.run([guide.program()], input=guide.text("input").encode(),
+                                      capture_output=True, cwd=folder, timeout=60,
+                                      env={**os.environ, "QEL_TMPDIR": folder, "LC_ALL": "C"})
+                self.assertEqual(done.stderr.decode(), "")
+                self.assertEqual(done.returncode, 0)
+                self.assertEqual(done.stdout.decode(), guide.text("output"))
+
+
+if __name__ == "__main__":
+    CALCULATOR = pathlib.Path(sys.argv.pop()).resolve()
+    PROGRAMS = pathlib.Path(sys.argv.pop()).resolve()
+    unittest.main()
