@@ -66,12 +66,12 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(done.returncode, status, f"seed {SEED}: {command}: {done.stderr}")
         return done.stdout.decode(), done.stderr.decode()
 
-    def start_server(self, *words):
+    def start_server(self, *words, **options):
         """A server in the foreground, once it serves."""
         server = subprocess.Popen(
             [PROGRAMS["minidb-server"], "--data", self.data, "--socket", self.socket,
              "--foreground", *words],
-            cwd=self.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            cwd=self.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
         self.addCleanup(self.kill, server)
         self.assertIn(b"serving", server.stdout.readline())
         return server
@@ -89,6 +89,6 @@ class ProgramTest(unittest.TestCase):
 
 
 def main(arguments):
-    PROGRAMS["minidb"] = arguments.pop(1)
-    PROGRAMS["minidb-server"] = arguments.pop(1)
+    PROGRAMS["minidb"] = os.path.abspath(arguments.pop(1))
+    PROGRAMS["minidb-server"] = os.path.abspath(arguments.pop(1))
     unittest.main()

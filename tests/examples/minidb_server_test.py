@@ -7,6 +7,7 @@ minidb_server_test.py MINIDB MINIDB-SERVER
 """
 import os
 import random
+import resource
 import signal
 import socket
 import struct
@@ -122,6 +123,23 @@ class ServerTest(ProgramTest):
         eager.socket.sendall(request("count") * 20)
         self.assertEqual([eager.reply()[0] for _ in range(20)], [[(b"R", "20000")]] * 20)
         self.stop_server(server)
+
+    def test_changes_that_do_not_fit_on_the_disk(self):
+        def limit_files():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (20000, 20000))
+
+        server = self.start_server(preexec_fn=limit_files)
+        client = self.connect()
+        failed = [(b"E", "that failed; the log says why")]
+        self.assertTrue(client.ask("put a 1")[1])
+        self.assertEqual(client.ask(f"put a {'x' * 20000}; get a"), (failed + [(b"R", "a;1")], False))
+        self.assertEqual(client.ask(f"begin; put b 2; put a {'x' * 20000}; commit; count"),
+                         (failed + [(b"R", "1")], False))
+        self.assertEqual(client.ask("put b 2; find"),
+                         ([(b"R", "a;1"), (b"R", "b;2"), (b"N", "2 found")], True))
+        self.stop_server(server)
+        self.assertEqual(self.kept(), {"a": "1", "b": "2"})
 
     def test_client_tells_what_is_wrong_with_the_server(self):
         with socket.socket(socket.AF_UNIX) as listener:

@@ -12,7 +12,7 @@ constexpr Place kInMemory = {"/minidb.data", ZOV_FILE_MEMORY};
 
 // Brings the data file into memory, if there is one, and keeps others out of it.
 bool fetchIntoMemory(Database &database, const char *path) {
-  database.memoryLock = lockStore({path, 0});
+  database.memoryLock = lockStore(path);
   if (database.memoryLock == nullptr) {
     return false;
   }
@@ -54,10 +54,7 @@ bool closeDatabase(Database &database) {
 }
 
 void repairDatabase(Database &database) {
-  if (!discardChanges(*database.store)) {
-    closeStore(database.store);
-    database.store = nullptr;
-  }
+  database.broken = !discardChanges(*database.store);
 }
 
 }  // namespace minidb

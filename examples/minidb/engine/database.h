@@ -11,8 +11,9 @@ namespace minidb {
 
 // Any number of threads, with a session each, may use a database.
 struct Database {
-  ZOV_SYNC mutex;          // guards what follows; held for the length of a statement
-  Store *store;            // null after a failure that cannot be mended
+  ZOV_SYNC mutex;  // guards what follows; held for the length of a statement
+  Store *store;
+  bool broken;             // after a failure that cannot be mended: no statement runs
   bool changed;            // something was committed
   Settings settings;       // as changed by statements
   const char *memoryCopy;  // path on disk of a database in memory, or null
@@ -24,11 +25,11 @@ struct Database {
 // which is reported; nothing is owed then. The settings' texts must outlive it.
 bool openDatabase(Database &database, const Settings &settings, bool inMemory);
 
-// Closes it. False when a database in memory could not be saved, which is
-// reported.
+// Closes it, on the thread that opened it. False when a database in memory could not be saved,
+// which is reported.
 bool closeDatabase(Database &database);
 
-// After a failed change: goes back to the last commit, or gives the store up.
+// After a failed change: goes back to the last commit, or gives the database up.
 // Under the mutex.
 void repairDatabase(Database &database);
 

@@ -270,7 +270,7 @@ constexpr Outcome (*kPerform[])(Session &, const Statement &) = {
 static_assert(std::size(kPerform) == static_cast<size_t>(Verb::kSettings) + 1);
 
 Outcome perform(Session &session, const Statement &statement) {
-  if (session.database->store == nullptr) {
+  if (session.database->broken) {
     return refuse(session, "the database is closed after a failure");
   }
   const bool ends = statement.verb == Verb::kCommit || statement.verb == Verb::kAbort;

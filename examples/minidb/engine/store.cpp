@@ -6,9 +6,10 @@
 // one reader goes through the file in order, another looks at single entries.
 // Most of a store's memory belongs to its own tag.
 //
-// A second file beside the data file, of its name and ".lock", is locked while
-// the store is open. The data file itself cannot carry the lock, because
-// compaction puts another file in its place.
+// A second file beside a data file on disk, of its name and ".lock", is locked
+// while the store is open. The data file itself cannot carry the lock, because
+// compaction puts another file in its place. A file in memory has none: other
+// processes do not see it, and its lock would belong to one thread.
 #include "engine/store.h"
 
 #include <fcntl.h>
@@ -41,7 +42,7 @@ struct Store {
   ZOV_TAG tag;
   char *path;
   uint32_t typeFlags;
-  ZOV_FILE lock;
+  ZOV_FILE lock;  // null for a file in memory
   ZOV_FILE file;
   uint64_t sequence;  // of the last commit
   int64_t committedBytes;
@@ -300,8 +301,8 @@ bool openFile(Store &store, bool create) {
   return store.file != nullptr ? enterFile(store, create) : cannot("open", store.path);
 }
 
-char *lockPath(Place place) {
-  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s.lock", place.path);
+char *lockPath(const char *path) {
+  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s.lock", path);
 }
 
 // Forgets what is known of the file.
@@ -341,16 +342,16 @@ Store *newStore(Place place) {
 
 }  // namespace
 
-ZOV_FILE lockStore(Place place) {
-  char *path = lockPath(place);
+ZOV_FILE lockStore(const char *dataPath) {
+  char *path = lockPath(dataPath);
   if (path == nullptr) {
     return nullptr;
   }
-  ZOV_FILE lock = zov_fileOpen(path, O_RDWR | O_CREAT, place.typeFlags);
+  ZOV_FILE lock = zov_fileOpen(path, O_RDWR | O_CREAT, 0);
   if (lock == nullptr) {
     cannot("open", path);
   } else if (zov_fileLock(lock) != ZOV_OKAY) {
-    zov_log_err("minidb: \"%s\" is in use by another process.\n", place.path);
+    zov_log_err("minidb: \"%s\" is in use by another process.\n", dataPath);
     zov_fileClose(lock);
     lock = nullptr;
   }
@@ -372,8 +373,11 @@ Store *openStore(Place place, bool create) {
   if (store == nullptr) {
     return nullptr;
   }
-  store->lock = lockStore(place);
-  if (store->lock == nullptr || !openFile(*store, create)) {
+  const bool locks = place.typeFlags == 0;
+  if (locks) {
+    store->lock = lockStore(place.path);
+  }
+  if ((locks && store->lock == nullptr) || !openFile(*store, create)) {
     closeStore(store);
     return nullptr;
   }
@@ -395,9 +399,9 @@ void closeStore(Store *store) {
 
 void removeFiles(Place place) {
   zov_fileRemoveEx(place.path, place.typeFlags);
-  char *lock = lockPath(place);
+  char *lock = place.typeFlags == 0 ? lockPath(place.path) : nullptr;
   if (lock != nullptr) {
-    zov_fileRemoveEx(lock, place.typeFlags);
+    zov_fileRemove(lock);
     zov_freeMem(lock, ZOV_DEFAULT_TAG);
   }
 }

@@ -24,13 +24,15 @@ struct Place {
 // stands behind the last commit was never finished and counts as not there.
 Store *openStore(Place place, bool create);
 
-// Keeps other processes out of a data file until unlockStore(); null when another
-// one is in, which is reported. openStore() does this by itself.
-ZOV_FILE lockStore(Place place);
+// Keeps other processes out of a data file on disk until unlockStore(), which the
+// same thread calls; null when another one is in, which is reported. openStore()
+// does this by itself.
+ZOV_FILE lockStore(const char *dataPath);
 
 void unlockStore(ZOV_FILE lock);
 
-// Closes a store. What was not committed is gone.
+// Closes a store; one on disk on the thread that opened it. What was not committed
+// is gone.
 void closeStore(Store *store);
 
 // Removes a data file that is not open, with the lock file that goes with it.
