@@ -45,8 +45,7 @@ file(RELATIVE_PATH ZOV_PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FUL
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zov.pc.in ${PROJECT_BINARY_DIR}/zov.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zov.pc DESTINATION ${ZOV_PC_DIR} COMPONENT Development)
 
-# Each Debian package carries its licence under the name Debian looks for. The
-# manual pages are there once the docs target has been built.
+# Each Debian package carries its licence under the name Debian looks for.
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE RENAME copyright
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZOV_RUNTIME_PACKAGE} COMPONENT Runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE RENAME copyright
@@ -56,8 +55,13 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/ARCHITECTURE.md
   ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libzov-dev COMPONENT Development)
+# The manual pages are there once the docs target has been built. Doxygen makes
+# pages for members of records as well, under names as common as "error".
 install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/man/
-  DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT Development OPTIONAL)
+  DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT Development OPTIONAL
+  FILES_MATCHING
+    REGEX "/(zov|ZOV)[^/]*\\.3$"
+    REGEX "/(deviceHead|deviceSem|server_name|strlwr|strupr|wcslwr|wcsupr)\\.3$")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zov)

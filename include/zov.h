@@ -444,7 +444,8 @@ ZOV_API void zov_syncStart(ZOV_SYNC handle);
 
 /**
  * Signals an event: every present waiter wakes and later waits return at once,
- * until zov_syncStart().
+ * until zov_syncStart(). A waiter may go on before this returns, so that a wait
+ * does not tell that the event may be deleted.
  * Threads: any. Messages: "Invalid event".
  */
 ZOV_API void zov_syncResume(ZOV_SYNC handle);
