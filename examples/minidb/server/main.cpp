@@ -144,14 +144,13 @@ int run(int count, char **words) {
   if (!readAllSettings(options, server.settings)) {
     return kFailure;
   }
-  if (zov_log_open(server.settings.log) != ZOV_OKAY) {
-    minidb::cannot("create", server.settings.log);
-    return kFailure;
-  }
   if (!minidb::openDatabase(server.database, server.settings, false)) {
     return kFailure;
   }
-  const bool served = listenAndServe(server, options.foreground);
+  // Only now is it sure that no server writes this log any more.
+  bool served = zov_log_open(server.settings.log) == ZOV_OKAY ||
+                minidb::cannot("create", server.settings.log);
+  served = served && listenAndServe(server, options.foreground);
   minidb::closeDatabase(server.database);
   zov_log(served ? "ended\n" : "ended after a failure\n");
   return served ? kSuccess : kFailure;
