@@ -198,6 +198,7 @@ class ServerTest(ProgramTest):
                 thread.start()
             time.sleep(random.random() * 0.1)
             server.kill()
+            server.wait()
             for thread in threads:
                 thread.join()
             kept = self.kept()
