@@ -2,7 +2,7 @@
 //
 // Text streams over hostile files, in every mode and encoding, beside the
 // model of the tests.
-#include "../tests/text/zov_stream_walk.h"
+#include "text/zov_stream_walk.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
