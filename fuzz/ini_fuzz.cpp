@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // INI files: the first lines of the input are the section, the name and the
-// value, the rest is the file. Everything is compared with the model of the
-// tests.
-#include "../tests/config/zovini_model.h"
+// value, the rest is the file, which is in memory. Everything is compared with the
+// model of the tests.
+#include "config/zovini_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const int32_t status = zov_init();
-  static const zovtest::TempDir dir;
   const std::string text(reinterpret_cast<const char *>(data), size);
   std::vector<std::string> lines = zovtest::linesOf(text);
   if (status != ZOV_OKAY || lines.size() < 3) {
@@ -21,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   const char *name = lines[1] == "-" ? nullptr : lines[1].c_str();
   const char *value = lines[2] == "-" ? nullptr : lines[2].c_str();
-  if (!zovtest::iniAgrees(dir / "fuzz.ini", file, lines[0].c_str(), name, value, 1 + size % 40)) {
+  if (!zovtest::iniAgrees("/fuzz.ini", ZOV_FILE_MEMORY, file, lines[0].c_str(), name, value,
+                          1 + size % 40)) {
     __builtin_trap();
   }
   return 0;

@@ -9,9 +9,9 @@
 //   Port = 8080 ; tcp   parameter "Port", value "8080"
 //   x=1                 ignored: names have at least two characters
 //
-// The entry is filled in place, so a shortage of memory on the way empties it;
-// the next get then reads the file again. Takes no lock and jumps nowhere: who
-// calls holds iniSem where it matters, and jumps off.
+// The entry is filled in place, so a shortage of memory or a failing read on the
+// way empties it; the next get then reads the file again. Takes no lock and jumps
+// nowhere: who calls holds iniSem where it matters, and jumps off.
 #include <string.h>
 
 #include "config/zovini_private.h"
@@ -143,22 +143,31 @@ int32_t _readIniFile(const char *path, uint16_t flags) {
 
 }  // namespace
 
+bool isReadWhole(const TextStream &in) {
+  return in.cache.position >= in.cache.length;
+}
+
+int32_t failureOf(int32_t status) {
+  return heldShortage == Shortage::kNone ? status : ZOV_INI_NOMEMORY;
+}
+
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) {
   const ZOV_STREAM stream = zov_fopenEx(path, "r", ZOV_ENC_BYTES, flags);
   if (stream == nullptr) {
-    return heldShortage == Shortage::kNone ? ZOV_INI_NOFILE : ZOV_INI_NOMEMORY;
+    return failureOf(ZOV_INI_NOFILE);
   }
   file = entryFor(path);
-  const bool isRead = file != nullptr && takeLines(*file, stream);
+  const bool isTaken = file != nullptr && takeLines(*file, stream);
+  const bool isWhole = isReadWhole(*stream);
   zov_fclose(stream);
-  if (isRead) {
+  if (isTaken && isWhole) {
     settleINI(*file);
     return ZOV_OKAY;
   }
   if (file != nullptr) {
     emptyINI(*file);
   }
-  return ZOV_INI_NOMEMORY;
+  return isTaken ? failureOf(ZOV_INI_NOFILE) : ZOV_INI_NOMEMORY;
 }
 
 }  // namespace zov

@@ -118,9 +118,17 @@ bool addParam(IniSection &section, IniText name, IniText value);
 void settleINI(IniFile &file);
 
 // Reads a file into the cache and sets the entry to its one. ZOV_INI_NOFILE when
-// it cannot be opened, with the cache as it was; ZOV_INI_NOMEMORY with the entry,
-// if there is one, emptied.
+// it cannot be opened, with the cache as it was, or not be read to its end;
+// ZOV_INI_NOMEMORY without memory. Either leaves the entry, if there is one, empty
+// when part of the file was read.
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file);
+
+// Whether lines ended with the file: a failing read looks like the end of the
+// input, but comes short of it.
+bool isReadWhole(const TextStream &in);
+
+// The status of what failed: ZOV_INI_NOMEMORY if that was for a shortage.
+int32_t failureOf(int32_t status);
 
 // zov_iniGetEx() with a size of any width.
 int32_t iniGet(const char *path, const char *section, const char *name, char *out,

@@ -11,6 +11,7 @@
 // byte-order mark is dropped, and UTF-16 becomes UTF-8.
 //
 // All is done under iniSem with jumps held off.
+#include <errno.h>
 #include <string.h>
 
 #include "config/zovini_private.h"
@@ -158,11 +159,6 @@ void takeEnd(Rewrite &rewrite) {
   writePair(rewrite);
 }
 
-// A failing read looks like the end of the input, but short of the file's end.
-bool isReadWhole(const TextStream &in) {
-  return in.cache.position >= in.cache.length;
-}
-
 // Sends the copy to its file and sees to it that it got there: nothing may be
 // on the way any more when the original is removed.
 bool isWrittenWhole(TextStream &out) {
@@ -186,16 +182,27 @@ int32_t scanINI(const Change &change, TextStream &in, TextStream &out) {
     return ZOV_INI_NOMEMORY;
   }
   if (end == LineEnd::kNothing && !isReadWhole(in)) {
-    return ZOV_INI_NOFILE;
+    return failureOf(ZOV_INI_NOFILE);
   }
   takeEnd(rewrite);
-  return !rewrite.hasFailed && isWrittenWhole(out) ? ZOV_OKAY : ZOV_INI_NOTREPLACED;
+  const bool isDone = !rewrite.hasFailed && isWrittenWhole(out);
+  return isDone ? ZOV_OKAY : failureOf(ZOV_INI_NOTREPLACED);
+}
+
+// The bytes of a path that name the directory. In memory either slash separates,
+// and the copy must be where the file is: a rename there stays in its directory.
+size_t directoryBytesOf(const char *path, uint16_t flags) {
+  const bool takesBackslash = (flags & ZOV_FILE_MEMORY) != 0;
+  size_t length = strlen(path);
+  while (length > 0 && path[length - 1] != '/' && !(takesBackslash && path[length - 1] == '\\')) {
+    --length;
+  }
+  return length;
 }
 
 // Where the copy of a file goes, or null without memory.
-char *tempPathFor(const char *path) {
-  const char *slash = strrchr(path, '/');
-  const size_t directoryBytes = slash == nullptr ? 0 : static_cast<size_t>(slash - path) + 1;
+char *tempPathFor(const char *path, uint16_t flags) {
+  const size_t directoryBytes = directoryBytesOf(path, flags);
   const size_t bytes = directoryBytes + sizeof kTempName;
   char *temp =
       static_cast<char *>(zov_getMem(bytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
@@ -206,23 +213,29 @@ char *tempPathFor(const char *path) {
   return temp;
 }
 
-int32_t openFailure() {
-  return heldShortage == Shortage::kNone ? ZOV_INI_NOFILE : ZOV_INI_NOMEMORY;
+// False when the system reports the loss of bytes only now, as it may for a file
+// that was not synced.
+bool closeCopy(ZOV_STREAM out) {
+  errno = 0;
+  zov_fclose(out);
+  return errno == 0;
 }
 
 // Makes the changed copy; on failure there is none.
 int32_t makeCopy(const Change &change, const char *path, const char *temp, uint16_t flags) {
   const ZOV_STREAM in = zov_fopenEx(path, "r", ZOV_ENC_BYTES, flags);
   if (in == nullptr) {
-    return openFailure();
+    return failureOf(ZOV_INI_NOFILE);
   }
   const ZOV_STREAM out = zov_fopenEx(temp, "w", ZOV_ENC_BYTES, flags);
   if (out == nullptr) {
     zov_fclose(in);
-    return openFailure();
+    return failureOf(ZOV_INI_NOFILE);
   }
-  const int32_t status = scanINI(change, *in, *out);
-  zov_fclose(out);
+  int32_t status = scanINI(change, *in, *out);
+  if (!closeCopy(out) && status == ZOV_OKAY) {
+    status = ZOV_INI_NOTREPLACED;
+  }
   zov_fclose(in);
   if (status != ZOV_OKAY) {
     zov_fileRemoveEx(temp, flags);
@@ -283,7 +296,7 @@ int32_t zov_iniSetEx(const char *path, const char *section, const char *name, co
     return ZOV_INI_NOFILE;
   }
   const zov::IniLock lock;
-  char *temp = zov::tempPathFor(path);
+  char *temp = zov::tempPathFor(path, flags);
   if (temp == nullptr) {
     return ZOV_INI_NOMEMORY;
   }

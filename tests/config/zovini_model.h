@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/temp_dir.h"
+#include "support/route_file.h"
 #include "zov.h"
 
 namespace zovtest {
@@ -162,21 +162,21 @@ inline bool mayHaveMark(const std::string &text) {
 }
 
 // Compares a get with the model; the buffer is of exactly the size.
-inline bool getAgrees(const IniModel &model, const std::string &path, const char *section,
-                      const char *name, size_t size) {
+inline bool getAgrees(const IniModel &model, const std::string &path, uint16_t flags,
+                      const char *section, const char *name, size_t size) {
   const std::unique_ptr<char[]> out(new char[size]);
   const auto [status, bytes] = model.get(section, name, size);
-  return zov_iniGet(path.c_str(), section, name, out.get(), static_cast<uint32_t>(size)) ==
+  return zov_iniGetEx(path.c_str(), section, name, out.get(), static_cast<uint32_t>(size), flags) ==
              status &&
          bytes.compare(0, bytes.npos, out.get(), bytes.size()) == 0;
 }
 
 // Reads a file of the text, sets, and compares what is known before and after
 // and what the file holds.
-inline bool iniAgrees(const std::string &path, const std::string &text, const std::string &section,
-                      const char *name, const char *value, size_t size) {
-  writeFile(path, text);
-  if (zov_readIniFile(path.c_str()) != ZOV_OKAY) {
+inline bool iniAgrees(const std::string &path, uint16_t flags, const std::string &text,
+                      const std::string &section, const char *name, const char *value,
+                      size_t size) {
+  if (!putFile(path, text, flags) || zov_readIniFileEx(path.c_str(), flags) != ZOV_OKAY) {
     return false;
   }
   const std::string after = modelSet(text, section, name, value);
@@ -185,13 +185,13 @@ inline bool iniAgrees(const std::string &path, const std::string &text, const st
   }
   const auto getsAgree = [&](const std::string &now) {
     const IniModel model(now);
-    return getAgrees(model, path, nullptr, nullptr, size) &&
-           getAgrees(model, path, section.c_str(), nullptr, size) &&
-           getAgrees(model, path, section.c_str(), name == nullptr ? "xx" : name, size);
+    return getAgrees(model, path, flags, nullptr, nullptr, size) &&
+           getAgrees(model, path, flags, section.c_str(), nullptr, size) &&
+           getAgrees(model, path, flags, section.c_str(), name == nullptr ? "xx" : name, size);
   };
   return getsAgree(text) &&
-         zov_iniSetEx(path.c_str(), section.c_str(), name, value, ZOV_FILE_NOSYNC) == ZOV_OKAY &&
-         readFile(path) == after && getsAgree(after);
+         zov_iniSetEx(path.c_str(), section.c_str(), name, value, flags) == ZOV_OKAY &&
+         getFile(path, flags) == after && getsAgree(after);
 }
 
 }  // namespace zovtest

@@ -10,41 +10,19 @@
 #include <set>
 #include <string>
 
-#include "support/started.h"
-#include "support/temp_dir.h"
-#include "zov.h"
+#include "support/on_route.h"
 
 namespace {
 
-// A directory of its own on the route of the given type flags.
-class Route : public zovtest::Started, public testing::WithParamInterface<uint32_t> {
+class Route : public zovtest::OnRoute {
  protected:
   ZOV_FILE open(const std::string &name, uint32_t openFlags) {
-    return zov_fileOpen((base + name).c_str(), openFlags, flags);
-  }
-
-  void put(const std::string &name, const std::string &text) {
-    ZOV_FILE file = open(name, O_RDWR | O_TRUNC);
-    ASSERT_NE(file, nullptr) << name;
-    const uint32_t length = static_cast<uint32_t>(text.size());
-    EXPECT_EQ(zov_fileWrite(file, text.data(), length), length);
-    zov_fileClose(file);
-  }
-
-  std::string get(const std::string &name) {
-    ZOV_FILE file = open(name, O_RDONLY);
-    if (file == nullptr) {
-      return "(none)";
-    }
-    std::string text(static_cast<size_t>(zov_fileLength(file)), '?');
-    text.resize(zov_fileRead(file, text.data(), static_cast<uint32_t>(text.size())));
-    zov_fileClose(file);
-    return text;
+    return zov_fileOpen(at(name).c_str(), openFlags, flags);
   }
 
   std::set<std::string> list(const std::string &name, const char *pattern) {
     std::set<std::string> names;
-    ZOV_PATH_WALK walk = zov_pathOpenEx((base + name).c_str(), flags, pattern);
+    ZOV_PATH_WALK walk = zov_pathOpenEx(at(name).c_str(), flags, pattern);
     int32_t isDirectory = -1;
     while (const char *each = zov_pathNext(walk, &isDirectory)) {
       names.insert(std::string(each) + (isDirectory != 0 ? "/" : ""));
@@ -54,13 +32,8 @@ class Route : public zovtest::Started, public testing::WithParamInterface<uint32
     names.erase("../");
     return names;
   }
-
-  const zovtest::TempDir dir;
-  uint32_t flags = GetParam();
-  const std::string base = dir / "";
 };
-INSTANTIATE_TEST_SUITE_P(Where, Route, testing::Values(0, ZOV_FILE_MEMORY),
-                         [](const auto &route) { return route.param == 0 ? "Disk" : "Memory"; });
+INSTANTIATE_TEST_SUITE_P(Where, Route, zovtest::bothRoutes, zovtest::routeName);
 
 TEST_P(Route, PositionsFollowTheTransfers) {
   errno = 0;
@@ -91,8 +64,8 @@ TEST_P(Route, SizeCutsAndLengthens) {
   put("f", std::string(20000, 'x'));
   put("f", "xxxyyyy");
   EXPECT_EQ(get("f"), "xxxyyyy");
-  EXPECT_EQ(zov_fileLengthStat((base + "f").c_str(), flags), 7);
-  EXPECT_GT(zov_fileModTimeStat((base + "f").c_str(), flags), 0);
+  EXPECT_EQ(zov_fileLengthStat(at("f").c_str(), flags), 7);
+  EXPECT_GT(zov_fileModTimeStat(at("f").c_str(), flags), 0);
   ZOV_FILE file = open("f", O_RDWR);
   EXPECT_EQ(zov_fileSetSize(file, 3), 0);
   EXPECT_EQ(zov_fileSetSize(file, 9000), 0);
@@ -109,7 +82,7 @@ TEST_P(Route, HandlesShareTheFileNotThePosition) {
   char text[5] = "";
   EXPECT_EQ(zov_fileRead(second, text, 4), 4u);
   EXPECT_STREQ(text, "text");
-  EXPECT_EQ(zov_fileRemoveEx((base + "f").c_str(), flags), ZOV_OKAY);
+  EXPECT_EQ(zov_fileRemoveEx(at("f").c_str(), flags), ZOV_OKAY);
   EXPECT_EQ(zov_fileSeekRead(first, 1, text, 3), 3u) << "removed, and still there";
   EXPECT_EQ(get("f"), "(none)");
   zov_fileClose(first);
@@ -121,11 +94,11 @@ TEST_P(Route, RenamesValidatesAndWalks) {
   put("two.txt", "2");
   put("three.dat", "3");
   const auto rename = [&](const char *from, const char *to) {
-    return zov_fileRenameEx((base + from).c_str(), flags, (base + to).c_str(), flags);
+    return zov_fileRenameEx(at(from).c_str(), flags, at(to).c_str(), flags);
   };
   const auto kind = [&](const char *name) {
     int32_t isDirectory = 0;
-    const int32_t valid = zov_fileValidateEx((base + name).c_str(), flags, &isDirectory);
+    const int32_t valid = zov_fileValidateEx(at(name).c_str(), flags, &isDirectory);
     return valid + isDirectory;
   };
   EXPECT_EQ(rename("one.txt", "four.txt"), ZOV_OKAY);
@@ -135,7 +108,7 @@ TEST_P(Route, RenamesValidatesAndWalks) {
   EXPECT_EQ(kind(""), 2);
   EXPECT_EQ(kind("two.txt"), 1);
   EXPECT_EQ(kind("none"), 0);
-  EXPECT_EQ(zov_pathOpenEx((base + "none").c_str(), flags, "*"), nullptr);
+  EXPECT_EQ(zov_pathOpenEx(at("none").c_str(), flags, "*"), nullptr);
 }
 
 TEST_P(Route, WalksThousandsOfNames) {
@@ -156,8 +129,8 @@ TEST_P(Route, CopiesComparesAndMoves) {
   text[20001] = 'y';
   put("from", text);
   for (const uint32_t other : {uint32_t{0}, ZOV_FILE_MEMORY}) {
-    const std::string to = base + "to" + std::to_string(other);
-    const std::string from = base + "from";
+    const std::string to = at("to") + std::to_string(other);
+    const std::string from = at("from");
     ASSERT_EQ(zov_fileCopyEx(from.c_str(), flags, to.c_str(), other), ZOV_OKAY);
     EXPECT_EQ(zov_fileCmpEx(from.c_str(), flags, to.c_str(), other), ZOV_OKAY);
     ZOV_FILE file = zov_fileOpen(to.c_str(), O_RDWR, other);
@@ -172,12 +145,11 @@ TEST_P(Route, CopiesComparesAndMoves) {
 }
 
 TEST_P(Route, MovesTheFilesOfADirectory) {
-  ASSERT_EQ(zov_dirCreateAll((base + "source").c_str()), ZOV_OKAY);
+  ASSERT_EQ(zov_dirCreateAll(at("source").c_str()), ZOV_OKAY);
   put("source/one", "1");
   put("source/two", "2");
-  const uint32_t other = flags ^ ZOV_FILE_MEMORY;
-  EXPECT_EQ(zov_dirMoveEx((base + "source").c_str(), flags, (base + "target").c_str(), other),
-            ZOV_OKAY);
+  const uint16_t other = flags == 0 ? ZOV_FILE_MEMORY : 0;
+  EXPECT_EQ(zov_dirMoveEx(at("source").c_str(), flags, at("target").c_str(), other), ZOV_OKAY);
   EXPECT_EQ(list("source", "*"), std::set<std::string>());
   flags = other;
   EXPECT_EQ(list("target", "*"), (std::set<std::string>{"one", "two"}));
@@ -204,7 +176,7 @@ TEST_P(Route, DiffersWhereItIsMeantTo) {
   EXPECT_EQ(get("f"), memory ? "Text" : "text");
   // A rename stays in its directory, and does not replace what is there.
   put("g", "");
-  EXPECT_EQ(zov_fileRenameEx((base + "f").c_str(), flags, (base + "g").c_str(), flags),
+  EXPECT_EQ(zov_fileRenameEx(at("f").c_str(), flags, at("g").c_str(), flags),
             memory ? ZOV_ERROR : ZOV_OKAY);
   // The process-wide flags are the disk's.
   zov_rdonly();

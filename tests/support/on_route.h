@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One test body for both routes: files on disk and files in memory.
+#ifndef TESTS_SUPPORT_ON_ROUTE_H
+#define TESTS_SUPPORT_ON_ROUTE_H
+
+#include <string>
+
+#include "support/route_file.h"
+#include "support/started.h"
+#include "support/temp_dir.h"
+
+namespace zovtest {
+
+// A directory of the test's own, whose files are on the route of the parameter.
+class OnRoute : public Started, public testing::WithParamInterface<uint16_t> {
+ protected:
+  std::string at(const std::string &name) const { return dir / name; }
+  void put(const std::string &name, const std::string &bytes) const {
+    ASSERT_TRUE(putFile(at(name), bytes, flags)) << name;
+  }
+  std::string get(const std::string &name) const { return getFile(at(name), flags); }
+
+  const TempDir dir;
+  uint16_t flags = GetParam();
+};
+
+inline const auto bothRoutes = testing::Values(uint16_t{0}, ZOV_FILE_MEMORY);
+inline std::string routeName(const testing::TestParamInfo<uint16_t> &route) {
+  return route.param == 0 ? "Disk" : "Memory";
+}
+
+}  // namespace zovtest
+
+#endif
