@@ -5,8 +5,6 @@
 // model of the tests.
 #include "config/zovini_model.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const int32_t status = zov_init();
   const std::string text(reinterpret_cast<const char *>(data), size);

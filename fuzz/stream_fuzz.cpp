@@ -4,8 +4,6 @@
 // model of the tests.
 #include "text/zov_stream_walk.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const int32_t status = zov_init();
   if (status != ZOV_OKAY || zovtest::StreamWalk(data, size).run() != nullptr) {

@@ -2,16 +2,9 @@
 //
 // Typed buffers: random sequences of items against the encoding written out, and
 // the ways a channel can fail.
-#include <gtest/gtest.h>
-#include <string.h>
 #include <sys/mman.h>
 
-#include <algorithm>
-#include <random>
-#include <string>
-
 #include "support/alloc_failure.h"
-#include "support/started.h"
 
 namespace {
 
@@ -132,17 +125,16 @@ struct Items {
 };
 
 TEST_F(Buffers, RandomSequencesArriveAsSent) {
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
+  const zovtest::Random random;
   for (const uint32_t step : {1u, 7u, 5000u}) {
     for (const bool swap : {false, true}) {
       open(swap ? 0x10000 : 0);  // a flag of 16 bits would miss it
-      Items put{output, nullptr, swap, std::mt19937_64(seed)};
+      Items put{output, nullptr, swap, std::mt19937_64(random.seed)};
       put.run();
       ASSERT_EQ(zov_outputBuffFlush(output), 0);
       ASSERT_TRUE(channel.bytes == put.bytes);
       channel.step = step;
-      Items{nullptr, input, swap, std::mt19937_64(seed)}.run();
+      Items{nullptr, input, swap, std::mt19937_64(random.seed)}.run();
       EXPECT_EQ(channel.taken, channel.bytes.size());
     }
   }

@@ -2,16 +2,10 @@
 //
 // The parser driver: beside bison's own parser where there is bison, and alone
 // for recovery by tables made by hand, growth, status of actions, and memory.
-#include <gtest/gtest.h>
-
 #include <functional>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "expression_tables.h"
 #include "support/alloc_failure.h"
-#include "support/started.h"
 
 namespace {
 
@@ -103,9 +97,7 @@ std::string randomInput(const std::function<size_t(size_t)> &pick) {
 }
 
 TEST_F(Parse, FetchesAndReducesAsBisonDoes) {
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
+  zovtest::Random random;
   int accepted = 0;
   for (int count = 0; count < 20000; ++count) {
     Input run{randomInput([&](size_t limit) { return random() % limit; })};
@@ -177,19 +169,19 @@ TEST_F(Parse, StacksGrowAndActionsStop) {
 TEST_F(Parse, MemoryBelongsToTheTag) {
   const ZOV_TAG own = zov_createTagEx(nullptr, 0, ZOV_HERE);
   for (const ZOV_TAG tag : {ZOV_DEFAULT_TAG, own}) {
-    int32_t status = ZOV_NOMEMORY;
-    for (uint32_t passing = 0; status != 0; ++passing) {
-      Input run{nested(120)};
-      run.events.reserve(10000);
-      const int64_t before = zovtest::liveBlocks();
-      zovtest::failAllocationAfter(passing);
-      status = run.parse(tag);
-      EXPECT_EQ(status, zovtest::stopFailing() ? ZOV_NOMEMORY : 0);
-      EXPECT_EQ(run.errors, 0);
-      EXPECT_TRUE(status != 0 || zovtest::liveBlocks() - before == (tag == own ? 3 : 0));
-      zov_freeTagMemory(own, 0);
-      EXPECT_EQ(zovtest::liveBlocks(), before) << "after failing allocation " << passing;
-    }
+    Input run{nested(120)};
+    run.events.reserve(100000);
+    const int64_t before = zovtest::liveBlocks();
+    int32_t status = 0;
+    zovtest::failEachAllocation([&] { status = run.parse(tag); },
+                                [&](bool failed) {
+                                  EXPECT_EQ(status, failed ? ZOV_NOMEMORY : 0);
+                                  const int64_t made = zovtest::liveBlocks() - before;
+                                  EXPECT_TRUE(failed || made == (tag == own ? 3 : 0));
+                                  zov_freeTagMemory(own, 0);
+                                  run.next = 0;
+                                });
+    EXPECT_EQ(run.errors, 0);
   }
   EXPECT_EQ(Input{nested(1)}.parse(ZOV_NO_TAG), ZOV_NOMEMORY);
   for (const uint64_t size : {uint64_t{0}, UINT64_MAX / 100 + 1}) {

@@ -3,9 +3,7 @@
 // Byte order, alignment and version. They need no start-up.
 #include <bit>
 
-#include <gtest/gtest.h>
-
-#include "zov.h"
+#include "support/test.h"
 
 namespace {
 

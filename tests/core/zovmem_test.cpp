@@ -2,21 +2,8 @@
 //
 // Tagged memory: modes, resizing, double frees, tags, recovery points, and a
 // random walk against a model that knows what every block must hold.
-#include <gtest/gtest.h>
-#include <string.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "core/zov_private.h"
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "support/started.h"
-#include "zov.h"
 
 namespace {
 
@@ -215,10 +202,7 @@ struct ModelBlock {
 // Random operations on three tags. Every block is filled with a byte of its
 // own and checked before it goes, so a broken list or a double use shows.
 TEST_F(Memory, RandomOperationsAgreeWithAModel) {
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  std::mt19937 engine(seed);
-  const auto random = [&] { return static_cast<uint32_t>(engine()); };
+  zovtest::Random random;
   ZOV_TAG tags[] = {ZOV_DEFAULT_TAG, zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE),
                     zov_createTagEx(nullptr, 0, ZOV_HERE)};
   std::vector<ModelBlock> blocks;
@@ -231,7 +215,7 @@ TEST_F(Memory, RandomOperationsAgreeWithAModel) {
                        [&](unsigned char byte) { return byte == block.fill; });
   };
   for (int step = 0; step < 40000; ++step) {
-    const uint32_t action = random() % 100;
+    const uint32_t action = random.below(100);
     if (action < 45 || blocks.empty()) {
       const size_t owner = random() % 3;
       ModelBlock block{nullptr, 1 + random() % 300, 0, owner};

@@ -2,19 +2,12 @@
 //
 // Pools: what is given out again, what goes back to the tag, shortages, and
 // chunks that wander between pools and threads.
-#include <gtest/gtest.h>
 #include <setjmp.h>
-#include <string.h>
 
 #include <deque>
-#include <random>
 #include <string_view>
-#include <thread>
 
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "support/started.h"
-#include "zov.h"
 
 namespace {
 

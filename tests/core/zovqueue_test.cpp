@@ -3,23 +3,16 @@
 // Message queues: a random walk against a model, the life of queues and module,
 // and threads. Where an order of events between threads matters, the locks of
 // libc are replaced by ones that tell of it or act at that moment.
-#include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
-#include <random>
-#include <thread>
 #include <utility>
 
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "support/started.h"
-#include "zov.h"
+#include "support/replace.h"
 
 namespace {
 
@@ -57,10 +50,7 @@ auto hooked(std::function<void(int)> hook, Call call) {
 
 }  // namespace
 
-extern "C" {
-int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
-
-int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+REPLACE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), {
   if (std::function<void(int)> *hook = std::exchange(lockHook, nullptr); hook != nullptr) {
     (*hook)(++locks);
     lockHook = hook;
@@ -70,8 +60,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
   }
   ++blocked;
   return __real_pthread_mutex_lock(mutex);
-}
-}
+})
 
 namespace {
 
@@ -87,14 +76,12 @@ class Queue : public zovtest::Started {
 };
 
 TEST_F(Queue, BehavesAsItsModel) {
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
+  zovtest::Random random;
   using Message = std::array<uint64_t, 3>;  // data, code, key
   std::deque<Message> model;
   for (int step = 0; step < 20000; ++step) {
-    const uint32_t key = random() % 4;
-    const uint32_t choice = random() % 16;
+    const uint32_t key = random.below(4);
+    const uint32_t choice = random.below(16);
     if (choice == 0) {
       const bool every = random() % 8 == 0;
       zov_queuePurge(queue, every ? ZOV_QUEUE_EVERY_KEY : key);
@@ -110,7 +97,7 @@ TEST_F(Queue, BehavesAsItsModel) {
         model.pop_front();
       }
     } else {
-      const uint64_t data = uint64_t{random()} << 32 | random();
+      const uint64_t data = random();
       const uint32_t code = static_cast<uint32_t>(random());
       const bool inFront = choice > 12;
       zov_queueWrite(queue, data, code, key, inFront ? ZOV_QUEUE_FRONT | 1 : 5);
@@ -281,25 +268,22 @@ TEST(QueueModule, LivesBetweenInitAndTerm) {
 
 TEST_F(Queue, LackOfMemoryLeavesNothingBehind) {
   ZOV_QUEUE created = nullptr;
-  for (uint32_t passing = 0; created == nullptr; ++passing) {
-    ASSERT_LT(passing, 20u);
-    const int64_t before = zovtest::liveBlocks();
-    zovtest::failAllocationAfter(passing);
-    created = zov_queueCreate("short");
-    zovtest::stopFailing();
-    EXPECT_TRUE(created != nullptr || zovtest::liveBlocks() == before) << passing;
-  }
+  zovtest::failEachAllocation([&] { created = zov_queueCreate("short"); },
+                              [&](bool failed) {
+                                EXPECT_EQ(created == nullptr, failed);
+                                zov_queueDelete(created);
+                              });
   zovtest::failAllocationAfter(0);
-  write(created);
+  write(queue);
   EXPECT_TRUE(zovtest::stopFailing());
-  EXPECT_EQ(zov_queueCount(created), 0u) << "dropped";
-  write(created);
+  EXPECT_EQ(zov_queueCount(queue), 0u) << "dropped";
+  write(queue);
   zovtest::failAllocationAfter(0);
   for (int round = 0; round < 100; ++round) {
-    EXPECT_EQ(read(created), ZOV_OKAY);
-    write(created);
-    zov_queuePurge(created, 3);
-    write(created);
+    EXPECT_EQ(read(queue), ZOV_OKAY);
+    write(queue);
+    zov_queuePurge(queue, 3);
+    write(queue);
   }
   EXPECT_FALSE(zovtest::stopFailing()) << "nodes are used again";
 }

@@ -2,16 +2,12 @@
 //
 // Threads. Scheduling calls are replaced by ones over a made-up policy, since
 // most processes may not change to one that has a range of priorities.
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 
-#include <atomic>
-#include <thread>
-
-#include "zov.h"
+#include "support/replace.h"
+#include "support/test.h"
 
 namespace {
 
@@ -24,21 +20,13 @@ int prioritySet = 0;
 
 }  // namespace
 
-extern "C" {
-int __wrap_pthread_getschedparam(pthread_t, int *, sched_param *) {
-  return policy.errors[0];
-}
-int __wrap_pthread_setschedparam(pthread_t, int, const sched_param *parameters) {
+REPLACE(int, pthread_getschedparam, (pthread_t, int *, sched_param *), return policy.errors[0];)
+REPLACE(int, pthread_setschedparam, (pthread_t, int, const sched_param *parameters), {
   prioritySet = parameters->sched_priority;
   return policy.errors[1];
-}
-int __wrap_sched_get_priority_max(int) {
-  return policy.range[1];
-}
-int __wrap_sched_get_priority_min(int) {
-  return policy.range[0];
-}
-}
+})
+REPLACE(int, sched_get_priority_max, (int), return policy.range[1];)
+REPLACE(int, sched_get_priority_min, (int), return policy.range[0];)
 
 namespace {
 

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Wildcard matching. It needs no start-up.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "support/match_model.h"
-#include "zov.h"
+#include "support/test.h"
 
 namespace {
 

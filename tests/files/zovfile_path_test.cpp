@@ -1,15 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Paths as strings, and the current directory.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <string>
-
 #include "support/alloc_failure.h"
-#include "support/started.h"
 #include "support/temp_dir.h"
-#include "zov.h"
 
 namespace {
 
@@ -79,16 +72,12 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
 
 TEST_F(Paths, LackOfMemoryLeavesNothingBehind) {
   ASSERT_EQ(chdir("/usr/share"), 0);
-  bool failed = true;
-  for (uint32_t passing = 0; failed; ++passing) {
-    const int64_t before = zovtest::liveBlocks();
-    zovtest::failAllocationAfter(passing);
-    char *full = zov_fullpath("some/where");
-    failed = zovtest::stopFailing();
-    EXPECT_EQ(failed, full == nullptr);
-    zov_freeMem(full, ZOV_DEFAULT_TAG);
-    EXPECT_EQ(zovtest::liveBlocks(), before) << "after failing allocation " << passing;
-  }
+  char *full = nullptr;
+  zovtest::failEachAllocation([&] { full = zov_fullpath("some/where"); },
+                              [&](bool failed) {
+                                EXPECT_EQ(failed, full == nullptr);
+                                zov_freeMem(full, ZOV_DEFAULT_TAG);
+                              });
 }
 
 }  // namespace

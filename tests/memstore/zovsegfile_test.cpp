@@ -3,20 +3,9 @@
 // Segmented files: where segments begin and end, removal while in use, what a
 // lack of memory leaves behind, and random operations through several handles
 // against a plain array of bytes.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <time.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <random>
-#include <string>
-
 #include "support/alloc_failure.h"
-#include "support/started.h"
-#include "zov.h"
 
 namespace {
 
@@ -58,31 +47,24 @@ TEST_F(Segments, OffsetsFallIntoTheirSegments) {
   EXPECT_EQ(header().segSize, kBase);
   EXPECT_EQ(zov_segSegSize(file), kBase);
   const struct {
-    int line;
-    uint64_t offset;
+    uint64_t block;
+    uint64_t behind;
     uint32_t segment;
-  } rows[] = {{__LINE__, 0, 0},
-              {__LINE__, 4 * kBase - 1, 3},
-              {__LINE__, 4 * kBase, 4},
-              {__LINE__, 16 * kBase - 1, 6},
-              {__LINE__, 16 * kBase, 7},
-              {__LINE__, 64 * kBase - 1, 9},
-              {__LINE__, 64 * kBase, 10},
-              {__LINE__, 1024 * kBase - 1, 15},
-              {__LINE__, 1024 * kBase, 16},
-              {__LINE__, 4096 * kBase - 1, 18},
-              {__LINE__, 4096 * kBase, 19},
-              {__LINE__, 2 * 4096 * kBase, 20}};
+  } rows[] = {
+      {0, 0, 0},   {4, 1, 3},     {4, 0, 4},     {16, 1, 6},    {16, 0, 7},    {64, 1, 9},
+      {64, 0, 10}, {1024, 1, 15}, {1024, 0, 16}, {4096, 1, 18}, {4096, 0, 19}, {2 * 4096, 0, 20},
+  };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.line);
+    const uint64_t offset = row.block * kBase - row.behind;
+    SCOPED_TRACE(offset);
     ASSERT_EQ(setSize(file, 0), ZOV_OKAY);
-    ASSERT_EQ(zov_segSeekWrite(file, row.offset, "x", 1), 1u);
+    ASSERT_EQ(zov_segSeekWrite(file, offset, "x", 1), 1u);
     EXPECT_EQ(header().numSegments, row.segment + 1);
     EXPECT_TRUE(segmentExists(row.segment));
     EXPECT_TRUE(row.segment < 2 || !segmentExists(row.segment - 1)) << "a hole takes no memory";
-    EXPECT_EQ(zov_segSize(file), row.offset + 1);
+    EXPECT_EQ(zov_segSize(file), offset + 1);
     ASSERT_EQ(setSize(file, 0), ZOV_OKAY);
-    ASSERT_EQ(setSize(file, row.offset + 1), ZOV_OKAY);
+    ASSERT_EQ(setSize(file, offset + 1), ZOV_OKAY);
     EXPECT_EQ(header().numSegments, row.segment + 1);
   }
 }
@@ -147,41 +129,38 @@ TEST_F(Segments, RemovedFileGoesWithItsLastHandle) {
   EXPECT_EQ(zovtest::liveBlocks(), before);
 }
 
-// With the first, second, ... allocation failing: what was written before stays,
-// and everything is given back.
+// Whichever allocation fails, what was written before stays.
 TEST_F(Segments, NoMemoryLosesNothingWritten) {
-  const int64_t before = zovtest::liveBlocks();
   const std::string data(100 * kBase, 'd');
-  bool failed = true;
-  for (uint32_t passing = 0; failed; ++passing) {
-    zovtest::failAllocationAfter(passing);
-    const uint64_t fresh = zov_segNextId();
-    ZOV_SEG handle = zov_segOpen(fresh, O_CREAT | O_TRUNC);
-    uint32_t written = 0;
+  uint64_t fresh = 0;
+  ZOV_SEG handle = nullptr;
+  uint32_t written = 0;
+  const auto work = [&] {
+    fresh = zov_segNextId();
+    handle = zov_segOpen(fresh, O_CREAT | O_TRUNC);
+    written = handle == nullptr ? 0 : zov_segSeekWrite(handle, 0, data.data(), 100 * kBase);
     if (handle != nullptr) {
-      written = zov_segSeekWrite(handle, 0, data.data(), 100 * kBase);
       zov_segSeekWrite(handle, 5000 * kBase, "end", 3);
       setSize(handle, 8000 * kBase);
     }
-    failed = zovtest::stopFailing();
-    if (handle != nullptr) {
-      std::string read(data.size(), '\0');
-      ASSERT_EQ(zov_segSeekRead(handle, 0, read.data(), 100 * kBase),
-                std::min<uint64_t>(100 * kBase, zov_segSize(handle)));
-      EXPECT_EQ(read.compare(0, written, data, 0, written), 0);
-      zov_segRemove(handle);
-    } else {
-      zov_shmCacheRemoveCtx(fresh);
+  };
+  zovtest::failEachAllocation(work, [&](bool) {
+    if (handle == nullptr) {
+      return zov_shmCacheRemoveCtx(fresh);
     }
-    ASSERT_EQ(zovtest::liveBlocks(), before);
-  }
+    std::string read(data.size(), '\0');
+    ASSERT_EQ(zov_segSeekRead(handle, 0, read.data(), 100 * kBase),
+              std::min<uint64_t>(100 * kBase, zov_segSize(handle)));
+    EXPECT_EQ(read.compare(0, written, data, 0, written), 0);
+    zov_segRemove(handle);
+  });
 }
 
 // Several handles on one file and the bytes that it must hold. Handles come and
 // go, so that segments are cut off while others have them open.
 class Model {
  public:
-  Model(uint64_t id, std::mt19937 &random) : id_(id), random_(random) {
+  Model(uint64_t id, zovtest::Random &random) : id_(id), random_(random) {
     for (ZOV_SEG &handle : handles_) {
       handle = zov_segOpen(id, 0);
     }
@@ -238,15 +217,13 @@ class Model {
   }
 
   uint64_t id_;
-  std::mt19937 &random_;
+  zovtest::Random &random_;
   ZOV_SEG handles_[3];
   std::string bytes_;
 };
 
 TEST_F(Segments, RandomOperationsAgreeWithAModel) {
-  const uint32_t seed = std::random_device{}();
-  printf("seed %u\n", seed);
-  std::mt19937 random(seed);
+  zovtest::Random random;
   Model model(id, random);
   for (int step = 0; step < 6000; ++step) {
     ASSERT_NO_FATAL_FAILURE(model.step()) << "at step " << step;

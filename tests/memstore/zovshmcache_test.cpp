@@ -3,26 +3,16 @@
 // The mapping cache: shared records, deletion while in use, and random
 // operations against a model that knows which region must be unmapped when. The
 // heap's calls beneath are replaced to see what is mapped.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstdio>
 #include <map>
-#include <random>
-#include <vector>
 
-#include "support/started.h"
-#include "zov.h"
+#include "support/replace.h"
+#include "support/test.h"
 
 namespace {
 std::vector<ZOV_SHM_REGION> unmapped;
 }
 
-extern "C" void __wrap_zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
-extern "C" void __wrap_zov_shmReleasePtr(ZOV_SHM_REGION region, void *) {
-  unmapped.push_back(region);
-}
+REPLACE(void, zov_shmReleasePtr, (ZOV_SHM_REGION region, void *), unmapped.push_back(region);)
 
 namespace {
 
@@ -89,7 +79,7 @@ struct ModelRegion {
 
 class Model {
  public:
-  Model(ZOV_CACHE_CTX context, std::mt19937 &random) : context_(context), random_(random) {}
+  Model(ZOV_CACHE_CTX context, zovtest::Random &random) : context_(context), random_(random) {}
 
   void step() {
     const uint32_t number = static_cast<uint32_t>(random_() % regions_.size());
@@ -196,7 +186,7 @@ class Model {
   }
 
   ZOV_CACHE_CTX context_;
-  std::mt19937 &random_;
+  zovtest::Random &random_;
   std::vector<ModelRegion> regions_ = std::vector<ModelRegion>(900);
   uint32_t mapped_ = 0;
   uint64_t clock_ = 0;
@@ -205,9 +195,7 @@ class Model {
 // Three pins for one release: first there is always somebody to unmap, later all
 // are pinned and the limit gives way.
 TEST_F(Cache, RandomOperationsAgreeWithAModel) {
-  const uint32_t seed = std::random_device{}();
-  printf("seed %u\n", seed);
-  std::mt19937 random(seed);
+  zovtest::Random random;
   Model model(context, random);
   for (int step = 0; step < 60000; ++step) {
     ASSERT_NO_FATAL_FAILURE(model.step()) << "at step " << step;

@@ -2,16 +2,7 @@
 //
 // The heap: contexts and their root blocks, regions by number, and what a lack
 // of memory leaves behind.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-
 #include "support/alloc_failure.h"
-#include "support/started.h"
-#include "zov.h"
 
 namespace {
 
@@ -78,22 +69,20 @@ TEST_F(Heap, RegionsGoByNumber) {
   zov_shmDestroy(nullptr, 0);
 }
 
-// With the first, second, ... allocation failing, and at last none.
 TEST_F(Heap, RemovalReleasesAllMemory) {
-  const int64_t before = zovtest::liveBlocks();
-  bool failed = true;
-  for (uint32_t passing = 0; failed; ++passing) {
-    zovtest::failAllocationAfter(passing);
-    ZOV_SHM_CTX fresh = reinterpret_cast<ZOV_SHM_CTX>(zov_shmNextId());
-    bool done = zov_shmOpenCtx(reinterpret_cast<uint64_t>(fresh), O_CREAT, 24, nullptr) != nullptr;
+  ZOV_SHM_CTX fresh = nullptr;
+  bool done = true;
+  const auto make = [&] {
+    fresh = reinterpret_cast<ZOV_SHM_CTX>(zov_shmNextId());
+    done = zov_shmOpenCtx(reinterpret_cast<uint64_t>(fresh), O_CREAT, 24, nullptr) != nullptr;
     for (uint32_t number = 0; done && number < 40; number += 1 + number % 3) {
       done = zov_shmCreate(fresh, number, 0, 10) != nullptr;
     }
-    failed = zovtest::stopFailing();
+  };
+  zovtest::failEachAllocation(make, [&](bool failed) {
     EXPECT_EQ(done, !failed);
     zov_shmRemoveCtx(fresh);
-    EXPECT_EQ(zovtest::liveBlocks(), before);
-  }
+  });
 }
 
 TEST_F(Heap, NoMemoryForTheTableLosesTheRegions) {

@@ -2,32 +2,27 @@
 //
 // The start of a server in the background, seen from the process that starts
 // its launcher; the descriptor limit, the interrupt hook and the services.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "os/zovunix_limit.h"
-#include "support/output.h"
-#include "zov.h"
+#include "support/replace.h"
+#include "support/test.h"
 
 static bool failFork = false;
 static bool lateLauncher = false;  // sees nothing of its server until that has ended
-extern "C" pid_t __real_fork();
-extern "C" pid_t __wrap_fork() {
+REPLACE(pid_t, fork, (), {
   const pid_t child = failFork ? -1 : __real_fork();
   siginfo_t ignored;
   if (lateLauncher && child > 0) {
     waitid(P_PID, static_cast<id_t>(child), &ignored, WEXITED | WNOWAIT);
   }
   return child;
-}
+})
 
 namespace {
 

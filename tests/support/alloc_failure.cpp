@@ -6,27 +6,7 @@
 
 #include <atomic>
 
-extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
-void __real_free(void *block);
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *block, size_t size);
-void __wrap_free(void *block);
-const char *__asan_default_options();
-const char *__tsan_default_options();
-
-// Sizes that no allocator can serve must fail under the sanitizers as they do
-// without, and not end the program.
-const char *__asan_default_options() {
-  return "allocator_may_return_null=1";
-}
-const char *__tsan_default_options() {
-  return "allocator_may_return_null=1";
-}
-}
+#include "support/replace.h"
 
 namespace {
 
@@ -50,9 +30,7 @@ bool shouldFail() {
 }
 
 void *counted(void *block) {
-  if (block != nullptr) {
-    ++live;
-  }
+  live += block != nullptr ? 1 : 0;
   return block;
 }
 
@@ -78,28 +56,29 @@ int64_t liveBlocks() {
 
 }  // namespace zovtest
 
-extern "C" {
-
-void *__wrap_malloc(size_t size) {
-  return shouldFail() ? nullptr : counted(__real_malloc(size));
+// Sizes that no allocator can serve must fail under the sanitizers as they do
+// without, and not end the program.
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+extern "C" const char *__tsan_default_options();
+extern "C" const char *__tsan_default_options() {
+  return "allocator_may_return_null=1";
 }
 
-void *__wrap_calloc(size_t count, size_t size) {
-  return shouldFail() ? nullptr : counted(__real_calloc(count, size));
-}
-
-void *__wrap_realloc(void *block, size_t size) {
+REPLACE(void *, malloc, (size_t size),
+        return shouldFail() ? nullptr : counted(__real_malloc(size));)
+REPLACE(void *, calloc, (size_t count, size_t size),
+        return shouldFail() ? nullptr : counted(__real_calloc(count, size));)
+REPLACE(void *, realloc, (void *block, size_t size), {
   if (shouldFail()) {
     return nullptr;
   }
   void *moved = __real_realloc(block, size);
   return block == nullptr ? counted(moved) : moved;
-}
-
-void __wrap_free(void *block) {
-  if (block != nullptr) {
-    --live;
-  }
+})
+REPLACE(void, free, (void *block), {
+  live -= block != nullptr ? 1 : 0;
   __real_free(block);
-}
-}
+})

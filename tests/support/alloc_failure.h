@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Makes malloc(), calloc() and realloc() beneath the library fail on demand.
-// For test programs linked with WRAP malloc calloc realloc free and this file.
-// Only the thread that asks is affected.
+// For test programs added with ALLOCATIONS. Only the thread that asks is affected.
 #ifndef TESTS_SUPPORT_ALLOC_FAILURE_H
 #define TESTS_SUPPORT_ALLOC_FAILURE_H
 
-#include <stdint.h>
+#include "support/test.h"
 
 namespace zovtest {
 
@@ -19,6 +18,26 @@ bool stopFailing();
 
 // Blocks allocated and not yet freed by this program, its framework included.
 int64_t liveBlocks();
+
+// Calls work() with its first allocation failing, then its second, and so on
+// until none was left to fail. Each time check() is told whether one failed, and
+// puts away what work() made. What work() prints is dropped.
+template <typename Work, typename Check>
+void failEachAllocation(Work work, Check check) {
+  const int64_t before = liveBlocks();
+  bool failed = true;
+  for (uint32_t passing = 0; failed && !testing::Test::HasFatalFailure(); ++passing) {
+    SCOPED_TRACE(testing::Message() << "after failing allocation " << passing);
+    ASSERT_LT(passing, 1000u);
+    outputOf([&] {
+      failAllocationAfter(passing);
+      work();
+      failed = stopFailing();
+    });
+    check(failed);
+  }
+  EXPECT_EQ(liveBlocks(), before) << "something is left";
+}
 
 }  // namespace zovtest
 

@@ -4,11 +4,9 @@
 #ifndef TESTS_SUPPORT_ON_ROUTE_H
 #define TESTS_SUPPORT_ON_ROUTE_H
 
-#include <string>
-
 #include "support/route_file.h"
-#include "support/started.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace zovtest {
 

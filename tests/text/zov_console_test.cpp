@@ -2,49 +2,32 @@
 //
 // Console and log: redirections, records, chunks, what happens outside the
 // library's life and when writing fails, and many threads at once.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
 #include <regex>
-#include <string>
 
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "support/started.h"
+#include "support/replace.h"
 #include "support/temp_dir.h"
-#include "zov.h"
 
 namespace {
 std::atomic<bool> diskFull{false};
 std::atomic<int> syncs{0};
 }  // namespace
 
-extern "C" {
-ssize_t __real_write(int descriptor, const void *bytes, size_t count);
-int __real_fsync(int descriptor);
-ssize_t __wrap_write(int descriptor, const void *bytes, size_t count);
-int __wrap_fsync(int descriptor);
-
-ssize_t __wrap_write(int descriptor, const void *bytes, size_t count) {
+REPLACE(ssize_t, write, (int descriptor, const void *bytes, size_t count), {
   if (diskFull && descriptor > STDERR_FILENO) {
     errno = ENOSPC;
     return -1;
   }
   return __real_write(descriptor, bytes, count);
-}
-
-int __wrap_fsync(int descriptor) {
+})
+REPLACE(int, fsync, (int descriptor), {
   ++syncs;
   return __real_fsync(descriptor);
-}
-}
+})
 
 namespace {
 
+using zovtest::errorsOf;
 using zovtest::outputOf;
 using zovtest::readFile;
 
@@ -52,19 +35,10 @@ const char kStamp[] = R"(\[\d\d-[A-Z][a-z][a-z]-\d{4} \d\d:\d\d:\d\d\]  )";
 
 class Console : public zovtest::Started {
  protected:
-  ~Console() override { zov_background = 0; }
   std::string at(const std::string &name) const { return dir / name; }
 
   zovtest::TempDir dir;
 };
-
-template <typename Call>
-std::string errorsOf(Call call) {
-  testing::internal::CaptureStderr();
-  call();
-  fflush(stderr);
-  return testing::internal::GetCapturedStderr();
-}
 
 TEST_F(Console, PrintsToItsOwnStream) {
   EXPECT_EQ(outputOf([] { zov_printf("%s %d\n", "out", 1), zov_flush(); }), "out 1\n");
@@ -204,21 +178,15 @@ TEST_F(Console, OpeningSurvivesShortMemory) {
   }
   zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
   const std::string name = at("file");
-  const int64_t before = zovtest::liveBlocks();
-  for (uint32_t passing = 0, failed = 1; failed != 0; ++passing) {
-    int32_t status = ZOV_OKAY;
-    outputOf([&] {
-      zovtest::failAllocationAfter(passing);
-      status = zov_stdout_open(name.c_str());
-      failed = zovtest::stopFailing();
-    });
-    EXPECT_EQ(status != ZOV_OKAY, failed != 0) << "after allocation " << passing;
-    if (status == ZOV_OKAY) {
-      zov_stdout_close();
-    }
-  }
+  int32_t status = ZOV_OKAY;
+  zovtest::failEachAllocation([&] { status = zov_stdout_open(name.c_str()); },
+                              [&](bool failed) {
+                                EXPECT_EQ(status != ZOV_OKAY, failed);
+                                if (status == ZOV_OKAY) {
+                                  zov_stdout_close();
+                                }
+                              });
   zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-  EXPECT_EQ(zovtest::liveBlocks(), before);
 }
 
 // Every record of every thread arrives whole, and those of one thread in order.

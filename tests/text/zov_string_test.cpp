@@ -2,15 +2,11 @@
 //
 // String helpers against libc and by table, random numbers against the standard
 // library's MT19937.
-#include <gtest/gtest.h>
 #include <locale.h>
 
-#include <algorithm>
 #include <limits>
-#include <random>
-#include <string>
 
-#include "support/started.h"
+#include "support/test.h"
 
 namespace {
 
@@ -21,18 +17,16 @@ TEST(Case, ConvertsWhatTheLocaleClassifies) {
   for (int byte = 1; byte < 256; ++byte) {
     bytes.push_back(static_cast<char>(byte));
   }
-  for (const char *name : {"C", "C.UTF-8"}) {
-    ASSERT_NE(setlocale(LC_ALL, name), nullptr);
-    std::string upper = bytes;
-    std::string lower = bytes;
-    EXPECT_EQ(strupr(upper.data()), upper.data());
-    EXPECT_EQ(strlwr(lower.data()), lower.data());
-    for (size_t at = 0; at < bytes.size(); ++at) {
-      const char byte = bytes[at];
-      EXPECT_EQ(upper[at], byte >= 'a' && byte <= 'z' ? byte - 32 : byte);
-      EXPECT_EQ(lower[at], byte >= 'A' && byte <= 'Z' ? byte + 32 : byte);
-    }
+  std::string upper = bytes;
+  std::string lower = bytes;
+  EXPECT_EQ(strupr(upper.data()), upper.data());
+  EXPECT_EQ(strlwr(lower.data()), lower.data());
+  for (size_t at = 0; at < bytes.size(); ++at) {
+    const char byte = bytes[at];
+    EXPECT_EQ(upper[at], byte >= 'a' && byte <= 'z' ? byte - 32 : byte);
+    EXPECT_EQ(lower[at], byte >= 'A' && byte <= 'Z' ? byte + 32 : byte);
   }
+  ASSERT_NE(setlocale(LC_ALL, "C.UTF-8"), nullptr);
   wchar_t wide[] = L"a\u00e9\u0416\U00010428!";
   EXPECT_STREQ(wcsupr(wide), L"A\u00c9\u0416\U00010400!");
   EXPECT_STREQ(wcslwr(wide), L"a\u00e9\u0436\U00010428!");
@@ -59,9 +53,10 @@ TEST(Copy, AlwaysTerminatesAndFillsWithZeros) {
 }
 
 TEST(Round, HalvesGoAwayFromZero) {
-  const double rows[][2] = {{2.5, 3},      {-2.5, -3}, {-0.5, -1},
-                            {-0.4, 0},     {2.4, 2},   {0.49999999999999994, 1},
-                            {1e300, 1e300}};
+  const double rows[][2] = {
+      {2.5, 3},       {-2.5, -3}, {-0.5, -1}, {-0.4, 0}, {2.4, 2}, {0.49999999999999994, 1},
+      {1e300, 1e300},
+  };
   for (const auto &row : rows) {
     EXPECT_EQ(zov_round(row[0]), row[1]) << row[0];
   }

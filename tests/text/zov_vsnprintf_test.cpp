@@ -4,30 +4,19 @@
 // localeconv() beneath the library is replaced: machines without locales have no
 // separators.
 #include <float.h>
-#include <gtest/gtest.h>
 #include <limits.h>
 #include <locale.h>
 #include <math.h>
-#include <stdio.h>
-
-#include <algorithm>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "support/alloc_failure.h"
-#include "support/output.h"
-#include "zov.h"
+#include "support/replace.h"
 
 namespace {
 char decimalPoint[] = ".";
 lconv conventions{};
 }  // namespace
 
-extern "C" lconv *__wrap_localeconv(void);
-extern "C" lconv *__wrap_localeconv() {
-  return &conventions;
-}
+REPLACE(lconv *, localeconv, (), return &conventions;)
 
 namespace {
 
@@ -67,11 +56,9 @@ class Format : public testing::Test {
  protected:
   Format() { conventions.decimal_point = decimalPoint; }
 
-  const uint32_t seed = std::random_device{}();
-  const testing::ScopedTrace trace{__FILE__, __LINE__, std::string("seed ") + std::to_string(seed)};
-  std::mt19937_64 random{seed};
+  zovtest::Random random;
 
-  int anyBelow(int limit) { return static_cast<int>(random() % static_cast<uint64_t>(limit)); }
+  int anyBelow(int limit) { return static_cast<int>(random.below(static_cast<uint64_t>(limit))); }
 
   template <size_t kCount>
   std::string pick(const char *const (&choices)[kCount]) {

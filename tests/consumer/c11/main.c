@@ -5,8 +5,6 @@
  * C. Exits with 0 when all is well.
  */
 #include <setjmp.h>
-#include <stdio.h>
-#include <string.h>
 #include <zov.h>
 
 /* Whether a hopeless allocation on an armed tag comes back by a jump. */
@@ -22,27 +20,14 @@ static int jumps_when_memory_is_short(void) {
   return jumped;
 }
 
-static int text_survives(void) {
-  char *text = zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, "from C", ZOV_HERE);
-  int same = text != NULL && strcmp(text, "from C") == 0;
-  zov_freeMem(text, ZOV_DEFAULT_TAG);
-  return same;
-}
-
-static int versions_agree(void) {
-  uint16_t major = 0;
-  uint16_t minor = 0;
-  uint16_t build = 0;
-  zov_version(&major, &minor, &build);
-  return major == ZOV_VERSION_MAJOR && minor == ZOV_VERSION_MINOR && build == ZOV_VERSION_BUILD;
-}
-
 int main(void) {
   if (zov_init() != ZOV_OKAY) {
     return 2;
   }
-  int fine = versions_agree() && text_survives() && jumps_when_memory_is_short();
+  uint16_t version[3];
+  zov_version(&version[0], &version[1], &version[2]);
+  int fine = version[0] == ZOV_VERSION_MAJOR && version[1] == ZOV_VERSION_MINOR &&
+             version[2] == ZOV_VERSION_BUILD && jumps_when_memory_is_short();
   zov_term();
-  puts(fine ? "C consumer: well" : "C consumer: FAILED");
   return fine ? 0 : 1;
 }

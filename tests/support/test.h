@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What most tests begin with: the framework and the library, which is started
+// around each of them, what a piece of work prints, the same work on several
+// threads at once, and random numbers that can be had again.
+#ifndef TESTS_SUPPORT_TEST_H
+#define TESTS_SUPPORT_TEST_H
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zov.h"
+
+namespace zovtest {
+
+class Started : public testing::Test {
+ protected:
+  Started() { EXPECT_EQ(zov_init(), ZOV_OKAY); }
+  ~Started() override {
+    // Only tests take the flags back.
+    zov_readonly = 0;
+    zov_diskless = 0;
+    zov_background = 0;
+    zov_term();
+  }
+};
+
+template <typename Call>
+std::string outputOf(Call call) {
+  testing::internal::CaptureStdout();
+  call();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+template <typename Call>
+std::string errorsOf(Call call) {
+  testing::internal::CaptureStderr();
+  call();
+  fflush(stderr);
+  return testing::internal::GetCapturedStderr();
+}
+
+// Calls work(0), work(1), ... on a thread each and waits for all.
+template <typename Work>
+void onThreads(uint32_t count, Work work) {
+  std::vector<std::jthread> threads;
+  for (uint32_t id = 0; id < count; ++id) {
+    threads.emplace_back([&work, id] { work(id); });
+  }
+}
+
+// Tells its seed with every failure while it lives.
+class Random : public std::mt19937_64 {
+ public:
+  const uint32_t seed = std::random_device{}();
+  Random() { std::mt19937_64::seed(seed); }
+  uint32_t below(uint64_t limit) { return static_cast<uint32_t>((*this)() % limit); }
+
+ private:
+  const testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed)};
+};
+
+}  // namespace zovtest
+
+#endif
