@@ -72,14 +72,13 @@ REPLACE(void, zov_syncDelete, (ZOV_SYNC handle), {
 
 namespace {
 
-class Files : public zovtest::Started {
+class Files : public zovtest::StartedInDir {
  protected:
   ZOV_FILE open(int openFlags = O_RDWR | O_CREAT, uint32_t typeFlags = 0) {
     return zov_fileOpen(path_.c_str(), static_cast<uint32_t>(openFlags), typeFlags);
   }
 
-  zovtest::TempDir dir_;
-  const std::string path_ = dir_ / "file";
+  const std::string path_ = at("file");
   char buffer_[16] = {};
 };
 

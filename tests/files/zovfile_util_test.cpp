@@ -30,12 +30,7 @@ using zovtest::fileExists;
 using zovtest::readFile;
 using zovtest::writeFile;
 
-class FileUtil : public zovtest::Started {
- protected:
-  std::string at(const std::string &name) const { return dir / name; }
-
-  const zovtest::TempDir dir;
-};
+using FileUtil = zovtest::StartedInDir;
 
 std::string blocks(const std::string &letters) {
   std::string text;

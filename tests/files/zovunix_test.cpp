@@ -25,7 +25,7 @@ REPLACE(dirent *, readdir, (DIR * dir), {
 
 namespace {
 
-class Native : public zovtest::Started {
+class Native : public zovtest::StartedInDir {
  protected:
   uint64_t open(const std::string &path) {
     uint64_t descriptor = 0;
@@ -33,8 +33,7 @@ class Native : public zovtest::Started {
     return descriptor;
   }
 
-  zovtest::TempDir dir_;
-  const std::string path_ = dir_ / "file";
+  const std::string path_ = at("file");
 };
 
 TEST_F(Native, DescriptorsFollowTheSystem) {
@@ -66,7 +65,7 @@ TEST_F(Native, NewFilesHaveTheUsersModeAndTheirTimes) {
 }
 
 TEST_F(Native, DirectoriesComeAndGo) {
-  const std::string made = dir_ / "made";
+  const std::string made = at("made");
   const std::wstring below = std::wstring(made.begin(), made.end()) + L"/\u00e9";
   EXPECT_EQ(zov_dirCreateW(below.c_str()), ZOV_ERROR) << "no parent";
   EXPECT_EQ(zov_dirCreate(made.c_str()), ZOV_OKAY);
@@ -95,14 +94,14 @@ std::set<std::string> walked(const std::string &directory, const char *pattern) 
 
 TEST_F(Native, WalksGiveTheNamesThatMatch) {
   using Names = std::set<std::string>;
-  zov_flClose(open(dir_ / "a.DAT"));
-  ASSERT_EQ(zov_dirCreate((dir_ / "d.dat").c_str()), ZOV_OKAY);
-  ASSERT_EQ(symlink("d.dat", (dir_ / "l.dat").c_str()), 0);
-  EXPECT_EQ(walked(dir_.path(), "*"), (Names{"./", "../", "a.DAT", "d.dat/", "l.dat"}));
-  EXPECT_EQ(walked(dir_.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat"}));
-  EXPECT_EQ(walked(dir_ / "missing", "*"), Names{});
+  zov_flClose(open(at("a.DAT")));
+  ASSERT_EQ(zov_dirCreate((at("d.dat")).c_str()), ZOV_OKAY);
+  ASSERT_EQ(symlink("d.dat", (at("l.dat")).c_str()), 0);
+  EXPECT_EQ(walked(dir.path(), "*"), (Names{"./", "../", "a.DAT", "d.dat/", "l.dat"}));
+  EXPECT_EQ(walked(dir.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat"}));
+  EXPECT_EQ(walked(at("missing"), "*"), Names{});
   typesAreKnown = false;
-  EXPECT_EQ(walked(dir_.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat/"}))
+  EXPECT_EQ(walked(dir.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat/"}))
       << "a type that has to be asked for is that of the link's target";
   typesAreKnown = true;
 }
@@ -119,7 +118,7 @@ TEST_F(Native, WalksSurviveJumps) {
     jmp_buf recovery;
     if (setjmp(recovery) == 0) {
       zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
-      walk = zov_flPathOpen(dir_.path().c_str(), "file");
+      walk = zov_flPathOpen(dir.path().c_str(), "file");
       EXPECT_STREQ(zov_flPathNext(walk, &isDirectory), "file");
     }
     zov_resetTag(nullptr, ZOV_DEFAULT_TAG);

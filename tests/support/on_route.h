@@ -6,20 +6,17 @@
 
 #include "support/route_file.h"
 #include "support/temp_dir.h"
-#include "support/test.h"
 
 namespace zovtest {
 
-// A directory of the test's own, whose files are on the route of the parameter.
-class OnRoute : public Started, public testing::WithParamInterface<uint16_t> {
+// The files of the test's directory are on the route of the parameter.
+class OnRoute : public StartedInDir, public testing::WithParamInterface<uint16_t> {
  protected:
-  std::string at(const std::string &name) const { return dir / name; }
   void put(const std::string &name, const std::string &bytes) const {
     ASSERT_TRUE(putFile(at(name), bytes, flags)) << name;
   }
   std::string get(const std::string &name) const { return getFile(at(name), flags); }
 
-  const TempDir dir;
   uint16_t flags = GetParam();
 };
 

@@ -12,6 +12,8 @@
 #include <iterator>
 #include <string>
 
+#include "support/test.h"
+
 namespace zovtest {
 
 class TempDir {
@@ -34,6 +36,13 @@ class TempDir {
 
  private:
   std::string path_;
+};
+
+class StartedInDir : public Started {
+ protected:
+  std::string at(const std::string &name) const { return dir / name; }
+
+  const TempDir dir;
 };
 
 inline void writeFile(const std::string &path, const std::string &bytes) {

@@ -31,14 +31,13 @@ using zovtest::errorsOf;
 using zovtest::outputOf;
 using zovtest::readFile;
 
+// Whether a log is of these records, each of which "@" begins.
 const char kStamp[] = R"(\[\d\d-[A-Z][a-z][a-z]-\d{4} \d\d:\d\d:\d\d\]  )";
+bool isLog(const std::string &text, const std::string &records) {
+  return std::regex_match(text, std::regex(std::regex_replace(records, std::regex("@"), kStamp)));
+}
 
-class Console : public zovtest::Started {
- protected:
-  std::string at(const std::string &name) const { return dir / name; }
-
-  zovtest::TempDir dir;
-};
+using Console = zovtest::StartedInDir;
 
 TEST_F(Console, PrintsToItsOwnStream) {
   EXPECT_EQ(outputOf([] { zov_printf("%s %d\n", "out", 1), zov_flush(); }), "out 1\n");
@@ -95,10 +94,7 @@ TEST_F(Console, LogRecordsCarryATimestamp) {
   const std::string long_line(5000, 'x');
   EXPECT_EQ(zov_log("%s\n", long_line.c_str()), 0);
   const std::string text = readFile(at("log"));
-  EXPECT_TRUE(
-      std::regex_match(text, std::regex(std::string(kStamp) + "first line\n" + kStamp + "second\n" +
-                                        kStamp + "third" + kStamp + "x{5000}\n")))
-      << text.substr(0, 300);
+  EXPECT_TRUE(isLog(text, "@first line\n@second\n@third@x{5000}\n")) << text.substr(0, 300);
   EXPECT_EQ(zov_log_create("/no/such/place/", "log"), ZOV_OKAY);
 }
 
@@ -119,9 +115,7 @@ TEST_F(Console, ChunksMakeOneRecord) {
   zov_log_chunk_end(zov_log_chunk_init(), nullptr);
   zov_log_chunk_end(zov_log_chunk_init(), "alone\n");
   const std::string text = readFile(at("log"));
-  EXPECT_TRUE(std::regex_match(
-      text, std::regex(std::string(kStamp) + "one 1, two, three\n" + kStamp + "alone\n")))
-      << text;
+  EXPECT_TRUE(isLog(text, "@one 1, two, three\n@alone\n")) << text;
 }
 
 TEST(ConsoleOutside, MessagesGoToLibc) {
