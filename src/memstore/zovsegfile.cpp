@@ -168,14 +168,15 @@ ZOV_CACHE_REGION openSegment(SegFile &file, uint32_t number, uint32_t size) {
   return keepSegment(file, number, region);
 }
 
-// Opens a segment that this handle has not open, or makes it.
+// Opens a segment that this handle has not open, or makes it. One that is there
+// but cannot be opened, memory being short, must not be replaced by a new one.
 ZOV_CACHE_REGION openOrCreate(SegFile &file, uint32_t number, uint32_t size) {
   if (!updateSegArray(file, number)) {
     return nullptr;
   }
-  ZOV_CACHE_REGION region =
-      number < file.hdr->numSegments ? openSegment(file, number, size) : nullptr;
-  if (region == nullptr) {
+  const bool inFile = number < file.hdr->numSegments;
+  ZOV_CACHE_REGION region = inFile ? openSegment(file, number, size) : nullptr;
+  if (region == nullptr && !(inFile && zov::shmCacheHasRegion(file.ctx, number))) {
     region = createSegment(file, number, size);
   }
   file.segs[number] = region;

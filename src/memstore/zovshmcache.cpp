@@ -346,6 +346,13 @@ ZOV_CACHE_REGION zov::shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number) {
   return region;
 }
 
+bool zov::shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number) {
+  zov_syncEnterExcl(mapCacheMutex);
+  const bool found = zov_shmOpen(context->shmCtx, number, 0, 0) != nullptr;
+  zov_syncExitExcl(mapCacheMutex);
+  return found;
+}
+
 void zov::shmCacheLeave(ZOV_CACHE_CTX context) {
   const ZOV_SHM_CTX shmCtx = context->shmCtx;
   ZOV_SHM_CTX removed = nullptr;

@@ -19,6 +19,10 @@ bool shmCacheIsDoomed(ZOV_CACHE_REGION region);
 // for as long as the caller holds the context's lock.
 ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number);
 
+// Whether the heap has a region of that number, open or not. The caller holds the
+// context's lock.
+bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number);
+
 // Leaves a context and its lock, which the caller holds; the last user of a
 // deleted context removes it. Whether the caller is that one is decided once,
 // together with the leaving.

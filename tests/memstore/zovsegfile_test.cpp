@@ -156,6 +156,27 @@ TEST_F(Segments, NoMemoryLosesNothingWritten) {
   });
 }
 
+// A handle that cannot open a segment for want of memory must not make a new one
+// in its place.
+TEST_F(Segments, NoMemoryToReadLosesNothingWritten) {
+  const std::string data(20 * kBase, 'd');
+  ASSERT_EQ(zov_segSeekWrite(file, 0, data.data(), 20 * kBase), 20 * kBase);
+  zov_segClose(file);
+  std::string read(data.size(), '\0');
+  const auto readAll = [&] {
+    read.assign(data.size(), '\0');
+    ZOV_SEG handle = zov_segOpen(id, 0);
+    if (handle != nullptr) {
+      zov_segSeekRead(handle, 0, read.data(), 20 * kBase);
+      zov_segClose(handle);
+    }
+  };
+  zovtest::failEachAllocation(readAll, [&](bool) {
+    readAll();
+    EXPECT_TRUE(read == data);
+  });
+}
+
 // Several handles on one file and the bytes that it must hold. Handles come and
 // go, so that segments are cut off while others have them open.
 class Model {
