@@ -84,11 +84,6 @@ bool isFile(const char *path) {
   return true;
 }
 
-bool isDirectoryPath(const char *path) {
-  const zov::PathCopy copy(path, strlen(path));
-  return copy.get() != nullptr && zov::openMemSubdir(copy.get(), 0) != nullptr;
-}
-
 }  // namespace
 
 extern "C" {
@@ -237,7 +232,12 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
 
 int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
   const zov::NoJump noJump;
-  const bool directory = isDirectoryPath(zov_pathStripDrive(path));
+  const char *stripped = zov_pathStripDrive(path);
+  const zov::PathCopy copy(stripped, strlen(stripped));
+  if (copy.get() == nullptr) {
+    return 0;
+  }
+  const bool directory = zov::openMemSubdir(copy.get(), 0) != nullptr;
   if (!directory && !isFile(path)) {
     return 0;
   }

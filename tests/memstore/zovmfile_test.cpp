@@ -119,7 +119,7 @@ TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
 }
 
 TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
-  ASSERT_TRUE(put("/dir/file", ""));
+  ASSERT_TRUE(put("/dir/file", "") && put("../file", ""));
   const struct {
     const char *path;
     int32_t exists;
@@ -127,7 +127,7 @@ TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
   } rows[] = {
       {"/", 1, 1},          {"/dir", 1, 1},    {"/dir/", 1, 1},     {"/dir//", 1, 1},
       {"/x/../dir/", 1, 1}, {"/dir/..", 1, 1}, {"/dir/file", 1, 0}, {"/dir/file/", 0, -1},
-      {"/none", 0, -1},     {"..", 0, -1},     {"../dir", 0, -1},   {"/dir/.", 0, -1},
+      {"/none", 0, -1},     {"..", 0, -1},     {"../file", 0, -1},  {"/dir/.", 0, -1},
   };
   for (const auto &row : rows) {
     int32_t isDirectory = -1;
