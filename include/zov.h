@@ -2251,19 +2251,19 @@ ZOV_API void zov_mfClose(ZOV_MFILE file);
 ZOV_API int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence);
 
 /** Reads at the position, which moves behind what was read.
- *  @return as zov_segSeekRead(); 0 for no file. */
+ *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length);
 
 /** Writes at the position, which moves behind what was written.
- *  @return as zov_segSeekWrite(); 0 for no file. */
+ *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
 
 /** Reads at an offset and leaves the position alone.
- *  @return as zov_segSeekRead(); 0 for no file. */
+ *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);
 
 /** Writes at an offset and leaves the position alone.
- *  @return as zov_segSeekWrite(); 0 for no file. */
+ *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer,
                                  uint32_t length);
 
@@ -2277,22 +2277,24 @@ ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file);
 /** @return the size of a file in bytes; 0 for no file. */
 ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);
 
-/** Sets the size of a file. @return as zov_segSetSize(); #ZOV_ERROR for no
- *  file. */
+/** Sets the size of a file, under its lock. @return as zov_segSetSize();
+ *  #ZOV_ERROR for no file. Messages: as there. */
 ZOV_API int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size);
 
-/** @return the size of the file of a path; 0 when there is none. Threads: any. */
+/** @return the size of the file of a path; 0 when there is none. Threads: any.
+ *  Messages: as zov_mfOpen(). */
 ZOV_API uint64_t zov_mfSizeStat(const char *path);
 
 /** @return when the file of a path was last written to, in seconds since the
- *  epoch; 0 when it never was or there is none. Threads: any. */
+ *  epoch; 0 when it never was or there is none. Threads: any. Messages: as
+ *  zov_mfOpen(). */
 ZOV_API uint64_t zov_mfModTime(const char *path);
 
 /**
  * Removes a file. Who has it open keeps it; its memory goes with the last close.
  * @return #ZOV_OKAY; #ZOV_NOTFOUND; #ZOV_ERROR for a directory, or a path that
  *         cannot be resolved.
- * Threads: any.
+ * Threads: any. Messages: as zov_mfOpen().
  */
 ZOV_API int32_t zov_mfRemove(const char *path);
 
@@ -2305,19 +2307,20 @@ ZOV_API int32_t zov_mfRemove(const char *path);
  *         changed, when the new name is taken, empty or longer than 65,535 bytes,
  *         or memory is short.
  *
- * Threads: any. Messages: that of a failing allocation.
+ * Threads: any. Messages: as zov_mfOpen().
  */
 ZOV_API int32_t zov_mfRename(const char *oldPath, const char *newPath);
 
 /**
  * Tells whether a path names a directory or a file.
  *
- * @param path        the path
+ * @param path        the path; a relative one that ".." leads out of names
+ *                    nothing here
  * @param isDirectory place for 1 when it names a directory and 0 when it names a
  *                    file, untouched when neither; or null
  * @return 1 when there is something of that name, else 0.
  *
- * Threads: any.
+ * Threads: any. Messages: as zov_mfOpen().
  */
 ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
 
@@ -2329,7 +2332,7 @@ ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
  * @return the walk, to be ended with zov_mfPathClose(), or null: no such
  *         directory, or memory is short.
  *
- * Threads: any. Messages: that of a failing allocation.
+ * Threads: any. Messages: as zov_mfOpen().
  */
 ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
 
@@ -2471,7 +2474,8 @@ enum zov_encoding {
  * @return the stream, to be released with zov_fclose(), or null; errno tells
  *         why the file could not be opened.
  *
- * Messages, may jump: as zov_fileOpen() and, on the default tag, zov_getMem().
+ * Messages, may jump: as zov_fileOpen() and, on the default tag, zov_getMem();
+ * those of zov_fileRead() when a mark is looked for.
  */
 ZOV_API ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding);
 
@@ -2668,7 +2672,7 @@ typedef struct LogChunk *ZOV_LOG_CHUNK;
 ZOV_API int32_t zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name);
 
 /** Pops every redirection of a stack and releases its lock. Threads: one at a
- *  time, while nobody writes through the stack. */
+ *  time, while nobody writes through the stack. Messages: as zov_fclose(). */
 ZOV_API void zov_fileStackTerm(ZOV_FILE_STACK *stack);
 
 /**
@@ -2687,7 +2691,7 @@ ZOV_API void zov_fileStackTerm(ZOV_FILE_STACK *stack);
 ZOV_API int32_t zov_fileStackOpen(ZOV_FILE_STACK *stack, const char *name);
 
 /** Pops the top redirection, if any, and closes its file with the last that
- *  leads to it. Threads: as zov_fileStackOpen(). */
+ *  leads to it. Threads: as zov_fileStackOpen(). Messages: as zov_fclose(). */
 ZOV_API void zov_fileStackClose(ZOV_FILE_STACK *stack);
 
 /**
@@ -2733,8 +2737,8 @@ ZOV_API int32_t zov_stdout_open(const char *name);
 ZOV_API int32_t zov_stderr_open(const char *name);
 
 /** Takes back the last zov_stdout_open(), or the library's own destination.
- *  Does nothing when the library is not started. Threads: as
- *  zov_fileStackOpen(). */
+ *  Does nothing when the library is not started. Threads and messages: as
+ *  zov_fileStackClose(). */
 ZOV_API void zov_stdout_close(void);
 
 /** Takes back the last zov_stderr_open(), as zov_stdout_close() does. */
@@ -2770,6 +2774,7 @@ ZOV_API int32_t zov_log_create(const char *directory, const char *file);
  *
  * Threads: any; takes the stack's lock.
  * Cost: one lock pair; the work buffer grows to the longest text and is kept.
+ * Messages: as zov_vfprintf().
  */
 ZOV_API int32_t zov_printf(const char *format, ...) ZOV_PRINTF(1, 2);
 
@@ -2783,7 +2788,8 @@ ZOV_API int32_t zov_printfErr(const char *format, ...) ZOV_PRINTF(1, 2);
 ZOV_API int32_t zov_printfErrV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
 
 /** Sends what zov_printf() left waiting to the file and to disk; flushes libc's
- *  stdout instead when output is silent. Threads: any. */
+ *  stdout instead when output is silent. Threads: any. Messages: as
+ *  zov_fflush(). */
 ZOV_API void zov_flush(void);
 
 /** zov_flush() for standard error. */
@@ -2807,7 +2813,7 @@ ZOV_API void zov_flushErr(void);
  * Threads: any; takes the lock of the console stack, then that of the log
  * stack, never both.
  * Cost: no allocation below 512 characters; one write and one sync for each
- * destination.
+ * destination. Messages: as zov_fflush().
  */
 ZOV_API int32_t zov_log(const char *format, ...) ZOV_PRINTF(1, 2);
 
@@ -2853,7 +2859,7 @@ ZOV_API int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_
 ZOV_API void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_PRINTF(2, 3);
 
 /** Flushes both consoles, unless the process runs in the background, and the
- *  log file. Threads: any. */
+ *  log file. Threads: any. Messages: as zov_fflush(). */
 ZOV_API void zov_log_flush(void);
 
 /* ========================================================================
@@ -3692,6 +3698,7 @@ ZOV_API char *zov_findOStmpdir(void);
  *
  * Threads: any; the first call enters the process-wide critical section, so a
  * thread that is inside must not ask. Cost: one atomic load once it is known.
+ * Messages: those of failing allocations.
  */
 ZOV_API const char *zov_osTmpdir(void);
 
@@ -3714,7 +3721,7 @@ ZOV_API char *zov_tmpdir(ZOV_TAG tag);
  * @param directory the directory; null is not writable
  * @return 1 or 0.
  *
- * Threads: any.
+ * Threads: any. Messages: as zov_fileOpen().
  */
 ZOV_API int32_t zov_dirWritable(const char *directory);
 

@@ -32,7 +32,7 @@ struct ShmContext {
   ShmContext *next;
   ShmContext *prev;  // null for the head of the list
   ZOV_TAG tag;
-  ZOV_SYNC lock;
+  ZOV_SYNC lock;            // Rank 7: the root block and the bytes of the regions
   uint32_t numRegions;      // slots in regions
   void *root;               // the root block, null until the first creating open
   ZOV_SHM_REGION *regions;  // by number; null where there is none
