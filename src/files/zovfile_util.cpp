@@ -7,6 +7,7 @@
 //
 // No locks. Allocations that come while something is open are made with jumps
 // held off; the others hold nothing.
+#include <errno.h>
 #include <string.h>
 
 #include "core/zov_private.h"
@@ -64,22 +65,39 @@ int32_t moveEntry(Place source, Place destination, const char *name) {
   return status;
 }
 
-// Moves the files of a directory, one level deep, up to the first failure.
+// The status of work under a NoJump that came to an end with `status`, unless
+// it was for want of memory.
+int32_t unlessShort(int32_t status) {
+  return zov::heldShortage == zov::Shortage::kMemory ? ZOV_NOMEMORY : status;
+}
+
+// Moves what a walk through the source names, up to the first failure. A walk
+// gives null at its end and also when it breaks off before: then memory was
+// short, or the system set errno.
+int32_t moveWalked(ZOV_PATH_WALK walk, Place source, Place destination) {
+  for (;;) {
+    int32_t isDirectory = 0;
+    errno = 0;
+    const char *name = zov_pathNext(walk, &isDirectory);
+    if (name == nullptr) {
+      return unlessShort(errno == 0 ? ZOV_OKAY : ZOV_ERROR);
+    }
+    const int32_t status = isDirectory != 0 ? ZOV_OKAY : moveEntry(source, destination, name);
+    if (status != ZOV_OKAY) {
+      return status;
+    }
+  }
+}
+
+// Moves the files of a directory, one level deep. One that cannot be walked has
+// none.
 int32_t moveEntries(Place source, Place destination) {
   const zov::NoJump noJump;
   ZOV_PATH_WALK walk = zov_pathOpenEx(source.directory, source.typeFlags, "*");
   if (walk == nullptr) {
-    return ZOV_OKAY;
+    return unlessShort(ZOV_OKAY);
   }
-  int32_t status = ZOV_OKAY;
-  int32_t isDirectory = 0;
-  const char *name = zov_pathNext(walk, &isDirectory);
-  while (name != nullptr && status == ZOV_OKAY) {
-    if (isDirectory == 0) {
-      status = moveEntry(source, destination, name);
-    }
-    name = zov_pathNext(walk, &isDirectory);
-  }
+  const int32_t status = moveWalked(walk, source, destination);
   zov_pathClose(walk);
   return status;
 }

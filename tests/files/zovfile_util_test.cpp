@@ -3,6 +3,8 @@
 // Copy, compare, move, remove, rename, validate, directory chains, walks and
 // temporary names, on disk. The system calls beneath are counted or made to
 // fail; what is on disk is judged by the standard library.
+#include <dirent.h>
+
 #include <filesystem>
 #include <set>
 
@@ -13,6 +15,7 @@
 namespace {
 int64_t writes = 0;         // calls of pwrite()
 bool refuseRename = false;  // as between two file systems
+bool breakWalks = false;    // as on a disk that cannot be read
 }  // namespace
 
 REPLACE(ssize_t, pwrite, (int descriptor, const void *buffer, size_t count, off_t offset), {
@@ -22,6 +25,10 @@ REPLACE(ssize_t, pwrite, (int descriptor, const void *buffer, size_t count, off_
 REPLACE(int, rename, (const char *from, const char *to), {
   errno = EXDEV;
   return refuseRename ? -1 : __real_rename(from, to);
+})
+REPLACE(dirent *, readdir, (DIR * directory), {
+  errno = breakWalks ? EIO : errno;
+  return breakWalks ? nullptr : __real_readdir(directory);
 })
 
 namespace {
@@ -211,6 +218,20 @@ TEST_F(FileUtil, TemporaryNamesAreDistinct) {
   unsetenv("QEL_TMPDIR");
   zov_readonly = 1;  // no directory is writable
   EXPECT_EQ(std::string("pre") + stem + "1001.ext", made("pre", "ext"));
+}
+
+// A walk that breaks off is not at its end: it may leave files behind.
+TEST_F(FileUtil, DirectoryMoveTellsOfABrokenWalk) {
+  std::filesystem::create_directory(at("from"));
+  writeFile(at("from/one"), "1");
+  refuseRename = breakWalks = true;
+  EXPECT_EQ(zov_dirMove(at("from").c_str(), at("to").c_str()), ZOV_ERROR);
+  breakWalks = false;
+  int32_t status = ZOV_OKAY;
+  const auto move = [&] { status = zov_dirMove(at("from").c_str(), at("to").c_str()); };
+  zovtest::failEachAllocation(
+      move, [&](bool) { EXPECT_TRUE(status != ZOV_OKAY || !fileExists(at("from/one"))); });
+  refuseRename = false;
 }
 
 // Whichever allocation fails, no file may be lost.
