@@ -533,6 +533,9 @@ int32_t zov_queueInit(int32_t force) {
   if (forced(force)) {
     zov_queueTerm(force);
   }
+  if (running()) {
+    return ZOV_OKAY;
+  }
   const zov::NoJump noJump;
   zov_enterCritSec();
   if (!running()) {
