@@ -46,8 +46,8 @@ constexpr uint64_t kLargestBlock = UINT64_MAX - kHeaderBytes;
 constexpr uint16_t kReturnNull = 1;
 constexpr uint16_t kJump = 2;
 
-// 1. mutex is ZOV_NO_SYNC when the tag is not thread-safe; else it guards the
-//    fields below it.
+// 1. mutex, of rank 11, is ZOV_NO_SYNC when the tag is not thread-safe; else it
+//    guards the fields below it.
 // 2. next and previous belong to tagTabSem.
 struct TagRecord {
   TagRecord *next;      // newer tag, null for tagN

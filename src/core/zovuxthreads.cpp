@@ -52,7 +52,7 @@ struct SyncSlot {
   std::atomic<int32_t> recursionCount;
   union {
     std::atomic<ThreadId> owner;  // kind 1
-    pthread_mutex_t eventMutex;   // kind 2: guards signalled while it is set
+    pthread_mutex_t eventMutex;   // kind 2, rank 13: guards signalled while it is set
   };
   std::atomic<int32_t> signalled;
   std::atomic<uint16_t> kind;
