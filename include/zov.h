@@ -132,10 +132,14 @@ ZOV_API extern int32_t zov_inited;
 /** 1 while zov_term() shuts the modules down, else 0. Read only. */
 ZOV_API extern int32_t zov_terminating;
 
-/** Set by zov_rdonly(): nothing on disk is written, created or removed. */
+/** Set by zov_rdonly(): the file handles and utilities neither write, create,
+ *  remove nor rename files on disk. The zov_fl functions do not look at it, nor
+ *  do zov_dirCreate(), zov_dirCreateAll() and zov_dirRemove(). */
 ZOV_API extern int32_t zov_readonly;
 
-/** Set by zov_nodisk(): no disk file is opened. */
+/** Set by zov_nodisk(): no disk file is opened, removed or renamed, and no
+ *  directory is created, removed or walked. The zov_fl functions do not look at
+ *  it. */
 ZOV_API extern int32_t zov_diskless;
 
 /** 1 when the process runs in the background: console output is silenced. */
@@ -167,7 +171,8 @@ ZOV_API int32_t zov_init(void);
  * zov_init() then starts nothing.
  *
  * Threads: any, but no other call of the library may be under way while the
- * last user leaves.
+ * last user leaves. Messages: those of failing writes, when redirections are
+ * closed.
  */
 ZOV_API void zov_term(void);
 
@@ -191,7 +196,9 @@ ZOV_API void zov_nodisk(void);
  * @return the result of pthread_mutex_lock(), 0 for success.
  *
  * Threads: any; waits while another thread is inside. A thread that is
- * inside must not enter again or call zov_init() or zov_term().
+ * inside must not enter again or call zov_init() or zov_term(), nor what
+ * enters on its own: zov_queueInit() and zov_queueTerm() where they start or
+ * end the module, and what looks for the temporary directory.
  */
 ZOV_API int32_t zov_enterCritSec(void);
 
@@ -252,13 +259,15 @@ ZOV_API void zov_memTerm(void);
  *                   value 1; the frame that called setjmp() must not return
  *                   while the tag is so armed. Without one it returns null.
  * @param flags      0 or #ZOV_TAG_THREADSAFE. A tag without the flag must be
- *                   confined to one thread; it is faster.
+ *                   confined to one thread; it is faster. When no mutex can be
+ *                   made for the flag, the tag is as without.
  * @param sourceName caller's source name (unused)
  * @param line       caller's line (unused)
  * @return the tag, to be released with zov_freeTagMemory() and its delete
  *         flag (zov_term() releases what is left), or #ZOV_NO_TAG.
  *
- * Threads: any. Never jumps.
+ * Threads: any. Never jumps. Messages: none of its own; those of
+ * zov_syncCreate_check() with the flag.
  */
 ZOV_API ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *sourceName,
                                 uint32_t line);
@@ -853,7 +862,7 @@ typedef struct DiskWalk *ZOV_DISK_WALK;
  * Opens a file of the system. One call of open(), with permissions 0666 less
  * the process's umask for a file it creates. The zov_fl functions that take a
  * descriptor or a path may all be called at any time, started or not, and
- * leave errno as the system set it.
+ * leave errno as the system set it; the four transfers clear it first.
  *
  * @param path       path
  * @param openFlags  the O_ flags of POSIX open()
@@ -1063,7 +1072,7 @@ ZOV_API int32_t zov_dirCreate(const char *path);
 
 /**
  * zov_dirCreate() of a wide path; #ZOV_ERROR also when the path cannot be
- * converted. May jump: as zov_convertToUTF8().
+ * converted. Messages, may jump: as zov_convertToUTF8().
  */
 ZOV_API int32_t zov_dirCreateW(const wchar_t *path);
 
@@ -1079,7 +1088,7 @@ ZOV_API int32_t zov_dirRemove(const char *path);
 
 /**
  * zov_dirRemove() of a wide path; #ZOV_ERROR also when the path cannot be
- * converted. May jump: as zov_convertToUTF8().
+ * converted. Messages, may jump: as zov_convertToUTF8().
  */
 ZOV_API int32_t zov_dirRemoveW(const wchar_t *path);
 
@@ -1335,7 +1344,8 @@ ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
 /* Every path comes with the type flags of zov_fileOpen(): #ZOV_FILE_MEMORY sends
  * it to the memory file system, else it is a path on disk. The forms without
  * flags take paths on disk. The wide forms convert each path strictly and give
- * #ZOV_ERROR, or null, when one cannot be converted. A null path is refused.
+ * #ZOV_ERROR, or null, when one cannot be converted; for want of memory they say
+ * so and do not jump. A null path is refused.
  * Two paths "are the same" when they are equal but for case and both on disk or
  * both in memory. */
 
@@ -1399,6 +1409,10 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  * that are the same, or that name the same entry of the same directory on disk,
  * are left alone.
  *
+ * In memory the destination is removed and the source renamed, which keeps it in
+ * its directory, see zov_mfRename(); under its old name it is copied, then
+ * removed. So a move from one directory in memory to another must keep the name.
+ *
  * @param source           file to move
  * @param sourceFlags      its type flags
  * @param destination      its new path
@@ -1424,7 +1438,7 @@ ZOV_API int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags,
  * @param path      its path
  * @param typeFlags its type flags
  * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
- *         and diskless flags.
+ *         and diskless flags; in memory as zov_mfRemove().
  *
  * Threads: any.
  */
@@ -1438,7 +1452,7 @@ ZOV_API int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
 
 /**
  * Renames a file or a directory. On disk an existing file of the new name is
- * replaced in one step.
+ * replaced in one step; in memory see zov_mfRename().
  *
  * @param oldPath      its path
  * @param oldTypeFlags type flags of that path
@@ -1466,7 +1480,7 @@ ZOV_API int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
  * @param typeFlags   its type flags
  * @param isDirectory null: the path must open for reading; else the path must
  *                    exist, and gets 1 for a directory, 0 for anything else
- * @return 1 when usable, 0 when not or under the diskless flag.
+ * @return 1 when usable, 0 when not or, on disk, under the diskless flag.
  *
  * Threads: any.
  */
@@ -1484,8 +1498,9 @@ ZOV_API int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int
  * backslash separates as a slash does.
  *
  * @param path the directory
- * @return #ZOV_OKAY; #ZOV_EXISTS when it was there; #ZOV_ERROR when a directory
- *         cannot be made or under the diskless flag; #ZOV_NOMEMORY.
+ * @return #ZOV_OKAY; #ZOV_EXISTS when it was there, or was made for a separator
+ *         at the end of the path; #ZOV_ERROR when a directory cannot be made or
+ *         under the diskless flag; #ZOV_NOMEMORY.
  *
  * Threads: any. Messages: those of failing allocations. May jump, before any
  * directory above the last is made.
@@ -1495,17 +1510,18 @@ ZOV_API int32_t zov_dirCreateAll(const char *path);
 ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
 
 /**
- * Moves a directory: by renaming it, or else by moving its files into the
- * destination, which is created if missing. Then directories in it stay where
- * they are, and the source with them; a source left empty is removed.
+ * Moves a directory: by renaming it, as zov_fileRenameEx() does, or else by
+ * moving its files into the destination, which is created if missing. Then
+ * directories in it stay where they are, and the source with them; a source on
+ * disk left empty is removed, but not under the read-only flag.
  *
  * @param source           directory to move
  * @param sourceFlags      its type flags
  * @param destination      its new path
  * @param destinationFlags its type flags
- * @return #ZOV_OKAY, also when the source cannot be walked; else the status of
+ * @return #ZOV_OKAY, also when there is no source to walk; else the status of
  *         the first file that could not be moved, or of creating the
- *         destination; #ZOV_NOMEMORY.
+ *         destination; #ZOV_ERROR when the walk broke off; #ZOV_NOMEMORY.
  *
  * Threads and messages: as zov_fileCopyEx(). May jump: while the destination is
  * created.
@@ -1549,7 +1565,8 @@ ZOV_API ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFla
  *
  * @param walk        the walk; null ends at once
  * @param isDirectory place for 1 when the name is a directory's, else 0
- * @return the name, which the walk owns until the next step, or null at the end.
+ * @return the name, which the walk owns until the next step, or null at the end
+ *         and when memory is short.
  *
  * Threads: one at a time. Messages: those of failing allocations.
  */
@@ -1557,9 +1574,9 @@ ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory);
 
 /**
  * zov_pathNext() with a wide name.
- * @return the name, or null at the end or when it cannot be converted. The
- *         latest name belongs to the walk; each one before it to the caller, to
- *         be released with zov_freeMem() on the default tag.
+ * @return the name, or null at the end, when it cannot be converted, and when
+ *         memory is short. The latest name belongs to the walk; each one before
+ *         it to the caller, to be released with zov_freeMem() on the default tag.
  */
 ZOV_API wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory);
 
