@@ -188,11 +188,11 @@ int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size) {
 }
 
 uint64_t zov_mfSizeStat(const char *path) {
-  return statistic(path, zov_segSizeStat);
+  return statistic(path, zov::segKnownSize);
 }
 
 uint64_t zov_mfModTime(const char *path) {
-  return statistic(path, zov_segModTime);
+  return statistic(path, zov::segKnownModTime);
 }
 
 int32_t zov_mfRemove(const char *path) {

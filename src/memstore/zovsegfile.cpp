@@ -376,6 +376,14 @@ void zov::segRemoveById(uint64_t id) {
   zov_shmCacheRemoveCtx(id);
 }
 
+uint64_t zov::segKnownSize(uint64_t id) {
+  return shmCacheKnownRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
+}
+
+uint64_t zov::segKnownModTime(uint64_t id) {
+  return shmCacheKnownRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
+}
+
 extern "C" {
 
 uint64_t zov_segRootId() {

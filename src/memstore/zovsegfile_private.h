@@ -12,6 +12,11 @@ namespace zov {
 // it. Also for an id that no file was ever opened by. Cannot fail.
 void segRemoveById(uint64_t id);
 
+// zov_segSizeStat() and zov_segModTime() of a file that the caller keeps from
+// being removed; they take no lock.
+uint64_t segKnownSize(uint64_t id);
+uint64_t segKnownModTime(uint64_t id);
+
 }  // namespace zov
 
 #endif

@@ -333,6 +333,14 @@ void _closeSHM(CacheRegion *region) {
   zov_freeMem(region, ZOV_DEFAULT_TAG);
 }
 
+uint64_t wordAt(void *root, size_t offset, uint64_t missing) {
+  if (root == nullptr) {
+    return missing;
+  }
+  uint64_t *place = reinterpret_cast<uint64_t *>(static_cast<char *>(root) + offset);
+  return std::atomic_ref<uint64_t>(*place).load(std::memory_order_relaxed);
+}
+
 }  // namespace
 
 bool zov::shmCacheIsDoomed(ZOV_CACHE_REGION region) {
@@ -369,14 +377,15 @@ void zov::shmCacheLeave(ZOV_CACHE_CTX context) {
   shmRelease(removed);
 }
 
+uint64_t zov::shmCacheKnownRootWord(uint64_t id, size_t offset, uint64_t missing) {
+  return wordAt(shmRoot(reinterpret_cast<ZOV_SHM_CTX>(id)), offset, missing);
+}
+
 uint64_t zov::shmCacheRootWord(uint64_t id, size_t offset, uint64_t missing) {
-  uint64_t word = missing;
   zov_syncEnterExcl(mapCacheMutex);
   void *root = nullptr;
-  if (zov_shmOpenCtx(id, 0, 1, &root) != nullptr) {
-    uint64_t *place = reinterpret_cast<uint64_t *>(static_cast<char *>(root) + offset);
-    word = std::atomic_ref<uint64_t>(*place).load(std::memory_order_relaxed);
-  }
+  zov_shmOpenCtx(id, 0, 1, &root);
+  const uint64_t word = wordAt(root, offset, missing);
   zov_syncExitExcl(mapCacheMutex);
   return word;
 }

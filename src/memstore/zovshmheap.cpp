@@ -134,6 +134,10 @@ void releaseContext(uint64_t id) {
 
 }  // namespace
 
+void *zov::shmRoot(ZOV_SHM_CTX context) {
+  return context->root;
+}
+
 ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
   if (sem == ZOV_NO_SYNC) {
     return nullptr;

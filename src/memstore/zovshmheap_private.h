@@ -13,6 +13,9 @@ namespace zov {
 // when there is none.
 bool shmReserve(ZOV_SHM_CTX context, uint32_t number);
 
+// The root block of a context that is known to be live, or null.
+void *shmRoot(ZOV_SHM_CTX context);
+
 // zov_shmRemoveCtx() in two steps. The first takes the context out of reach and
 // gives it, or null when there is none of that id; the second releases the
 // memory, which may take a while and wants no lock. Null is ignored.
