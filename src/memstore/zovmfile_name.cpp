@@ -12,8 +12,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <bit>
-#include <iterator>
 
 #include "memstore/zovmfile_tree.h"
 
@@ -25,26 +23,8 @@ using zov::DirHeader;
 using zov::ExtraEntry;
 using zov::ExtraLink;
 using zov::NameKey;
+using zov::orderedWord;
 using zov::Pin;
-
-constexpr uint64_t kEachByte = UINT64_C(0x0101010101010101);
-
-// Eight bytes with 'A' to 'Z' made small. Bytes above 0x7F stay as they are.
-uint64_t foldWord(uint64_t word) {
-  const uint64_t low = word & (0x7F * kEachByte);
-  const uint64_t fromA = low + (0x80 - 'A') * kEachByte;
-  const uint64_t pastZ = low + (0x7F - 'Z') * kEachByte;
-  const uint64_t capital = (fromA & ~pastZ) & ~word & (0x80 * kEachByte);
-  return word | (capital >> 2);
-}
-
-// Eight bytes as a number that compares as they do.
-uint64_t orderedWord(const char *bytes) {
-  uint64_t word;
-  memcpy(&word, bytes, sizeof word);
-  word = foldWord(word);
-  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
-}
 
 int32_t sign(uint64_t left, uint64_t right) {
   return (left > right) - (left < right);
@@ -191,12 +171,8 @@ int32_t compareExtraName(Cursor &cursor, const NameKey &key, const DirEntry &ent
 
 }  // namespace
 
-zov::NameKey::NameKey(const char *name) : text(name), length(strlen(name)) {
-  char first[sizeof words] = {};
+zov::NameKey::NameKey(const char *name) : text(name), length(strlen(name)), first{} {
   memcpy(first, name, std::min<size_t>(length, kEntryNameBytes));
-  for (size_t word = 0; word < std::size(words); ++word) {
-    words[word] = orderedWord(first + word * sizeof(uint64_t));
-  }
 }
 
 int32_t zov::setName(Cursor &cursor, DirEntry &entry, const NameKey &key) {
@@ -235,8 +211,8 @@ int32_t zov::compareName(Cursor &cursor, const NameKey &key, const DirEntry &ent
                          int32_t &order) {
   // The last word reaches two bytes past the name, which are zero in every
   // entry.
-  for (size_t word = 0; word < std::size(key.words); ++word) {
-    order = sign(key.words[word], orderedWord(entry.name + word * sizeof(uint64_t)));
+  for (size_t at = 0; at < sizeof key.first; at += sizeof(uint64_t)) {
+    order = sign(orderedWord(key.first + at), orderedWord(entry.name + at));
     if (order != 0) {
       return ZOV_OKAY;
     }

@@ -21,6 +21,9 @@
 #define ZOV_MEMSTORE_ZOVMFILE_TREE_H
 
 #include <stddef.h>
+#include <string.h>
+
+#include <bit>
 
 #include "zov.h"
 
@@ -132,14 +135,31 @@ class Pin {
   void *page_;
 };
 
-// A name that is looked for: its first bytes folded, eight at a time, into
-// numbers that compare as the bytes do.
+// Eight bytes with 'A' to 'Z' made small. Bytes above 0x7F stay as they are.
+inline uint64_t foldWord(uint64_t word) {
+  constexpr uint64_t kEachByte = UINT64_C(0x0101010101010101);
+  const uint64_t low = word & (0x7F * kEachByte);
+  const uint64_t fromA = low + (0x80 - 'A') * kEachByte;
+  const uint64_t pastZ = low + (0x7F - 'Z') * kEachByte;
+  const uint64_t capital = (fromA & ~pastZ) & ~word & (0x80 * kEachByte);
+  return word | (capital >> 2);
+}
+
+// Eight bytes of a name as a number that compares as they do.
+inline uint64_t orderedWord(const char *bytes) {
+  uint64_t word;
+  memcpy(&word, bytes, sizeof word);
+  word = foldWord(word);
+  return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
+}
+
+// A name that is looked for.
 struct NameKey {
   explicit NameKey(const char *name);
 
   const char *text;
   size_t length;
-  uint64_t words[3];
+  char first[24];  // what stands in an entry, and zeros, as in an entry
 };
 
 // Nodes (zovmfile_node.cpp). Statuses are ZOV_OKAY or ZOV_ERROR.
