@@ -202,11 +202,7 @@ int32_t zov_mfRemove(const char *path) {
   if (status != ZOV_OKAY) {
     return status;
   }
-  zov::Cursor cursor = zov::cursorOf(*target.directory);
-  status = zov::locate(cursor, target.key);
-  if (status == ZOV_OKAY) {
-    status = zov::removeEntryInSubdir(*target.directory, cursor);
-  }
+  status = zov::removeEntryInSubdir(*target.directory, target.cursor);
   zov_segUnlock(target.directory->seg);
   if (status == ZOV_OKAY) {
     zov::segRemoveById(target.id);
@@ -225,7 +221,7 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
   if (status != ZOV_OKAY) {
     return status;
   }
-  status = zov::renameEntryInSubdir(*target.directory, target.key, renamed.key);
+  status = zov::renameEntryInSubdir(*target.directory, target.cursor, renamed.key);
   zov_segUnlock(target.directory->seg);
   return status;
 }

@@ -167,13 +167,13 @@ Cursor zov::cursorOf(const Directory &directory) {
 
 int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type,
                                    uint64_t &id) {
-  const int32_t status = locate(cursor, key);
+  DirEntry entry;
+  const int32_t status = locate(cursor, key, &entry);
   if (status == ZOV_NOTFOUND) {
     errno = ENOENT;
   }
-  DirEntry entry;
-  if (status != ZOV_OKAY || readEntryInSubdir(cursor, entry) != ZOV_OKAY) {
-    return status != ZOV_OKAY ? status : ZOV_ERROR;
+  if (status != ZOV_OKAY) {
+    return status;
   }
   if (type != kTypeAny && type != entry.type) {
     return ZOV_ERROR;
@@ -205,28 +205,24 @@ int32_t zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
   return compress_node(cursor);
 }
 
-int32_t zov::renameEntryInSubdir(Directory &directory, const NameKey &oldKey,
-                                 const NameKey &newKey) {
-  Cursor cursor = cursorOf(directory);
-  if (locate(cursor, newKey) != ZOV_NOTFOUND) {
+int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
+  Cursor place = cursorOf(directory);
+  DirEntry old;
+  if (locate(place, newKey) != ZOV_NOTFOUND || readEntryInSubdir(cursor, old) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   // What the new name needs is had before the old one goes. The removal may
   // change which nodes are full, so there is a node for every level, and one
   // more, as a root that is split takes two.
-  const uint32_t nodes = static_cast<uint32_t>(cursor.depth + 2);
-  DirEntry old;
-  if (locate(cursor, oldKey) != ZOV_OKAY || readEntryInSubdir(cursor, old) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
+  const uint32_t nodes = static_cast<uint32_t>(place.depth + 2);
   DirEntry entry = {};
   entry.fileId = old.fileId;
   entry.type = old.type;
-  if (secureEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
+  if (secureEntry(place, entry, newKey, nodes) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   removeEntryInSubdir(directory, cursor);
-  return locate(cursor, newKey) == ZOV_NOTFOUND ? insertEntry(cursor, entry) : ZOV_ERROR;
+  return locate(place, newKey) == ZOV_NOTFOUND ? insertEntry(place, entry) : ZOV_ERROR;
 }
 
 Directory *zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags) {

@@ -204,10 +204,10 @@ int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
   if (directory == nullptr || zov_segLock(directory->seg) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  Cursor cursor = cursorOf(*directory);
-  int32_t status = findMemEntityInSubdir(cursor, target.key, type, target.id);
+  target.cursor = cursorOf(*directory);
+  int32_t status = findMemEntityInSubdir(target.cursor, target.key, type, target.id);
   if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {
-    status = createEntryInSubdir(*directory, cursor, target.key, kTypeFile, target.id);
+    status = createEntryInSubdir(*directory, target.cursor, target.key, kTypeFile, target.id);
     target.created = status == ZOV_OKAY;
   }
   if (status != ZOV_OKAY) {

@@ -47,8 +47,8 @@ int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey 
 // Removes the entry at the cursor. Fails, if ever, before it changes anything.
 int32_t removeEntryInSubdir(Directory &directory, Cursor &cursor);
 
-// ZOV_ERROR unless the old name is there and the new one is not.
-int32_t renameEntryInSubdir(Directory &directory, const NameKey &oldKey, const NameKey &newKey);
+// Renames the entry at the cursor. ZOV_ERROR when the new name is there already.
+int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);
 
 // The directory of that name in this one; with O_CREAT made if it is missing.
 // Null when it is not there or memory is short.
@@ -92,6 +92,7 @@ struct Target {
   const char *path;
   NameKey key;           // the last component
   Directory *directory;  // locked from a successful handleFullPath() on
+  Cursor cursor;         // at the entry, unless it was made just now
   uint64_t id;
   bool created;
 };

@@ -313,7 +313,7 @@ int32_t getLeftMost(Cursor &cursor, uint32_t number, DirEntry &entry) {
 
 }  // namespace
 
-int32_t zov::locate(Cursor &cursor, const NameKey &key) {
+int32_t zov::locate(Cursor &cursor, const NameKey &key, DirEntry *found) {
   cursor.depth = -1;
   uint32_t number = kRootNode;
   uint32_t shared = 0;
@@ -327,6 +327,9 @@ int32_t zov::locate(Cursor &cursor, const NameKey &key) {
     }
     uint16_t &slot = top(cursor).slot;
     const int32_t status = node_search(cursor, *node, key, shared, slot);
+    if (status == ZOV_OKAY && found != nullptr) {
+      *found = node->slots()[slot].entry;
+    }
     if (status != ZOV_NOTFOUND) {
       return status;
     }

@@ -190,9 +190,9 @@ int32_t compareName(Cursor &cursor, const NameKey &key, const DirEntry &entry, i
 
 // The tree (zovmfile_tree.cpp).
 
-// Finds a name. ZOV_OKAY with the cursor at its entry, ZOV_NOTFOUND with the
-// cursor at its place in a leaf, or ZOV_ERROR.
-int32_t locate(Cursor &cursor, const NameKey &key);
+// Finds a name. ZOV_OKAY with the cursor at its entry, which is copied if asked
+// for, ZOV_NOTFOUND with the cursor at its place in a leaf, or ZOV_ERROR.
+int32_t locate(Cursor &cursor, const NameKey &key, DirEntry *found = nullptr);
 
 int32_t readEntryInSubdir(Cursor &cursor, DirEntry &entry);
 
