@@ -33,8 +33,8 @@ using zov::Target;
 // Takes back the entry of a file that could be named and not opened.
 void undoCreate(const Target &target) {
   zov::Cursor cursor = zov::cursorOf(*target.directory);
-  if (zov::locate(cursor, target.key) == ZOV_OKAY &&
-      zov::removeEntryInSubdir(*target.directory, cursor) == ZOV_OKAY) {
+  if (zov::locate(cursor, target.key) == ZOV_OKAY) {
+    zov::removeEntryInSubdir(*target.directory, cursor);
     zov::segRemoveById(target.id);
   }
 }
@@ -55,7 +55,7 @@ ZOV_SEG openByPath(const char *path, uint32_t flags) {
   if (seg == nullptr && target.created) {
     undoCreate(target);
   }
-  zov_segUnlock(target.directory->seg);
+  zov_segUnlock(target.directory->tree.seg);
   if (seg != nullptr && (flags & O_TRUNC) != 0 && truncate(seg) != ZOV_OKAY) {
     zov_segClose(seg);
     return nullptr;
@@ -71,7 +71,7 @@ uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id)) {
     return 0;
   }
   const uint64_t value = read(target.id);
-  zov_segUnlock(target.directory->seg);
+  zov_segUnlock(target.directory->tree.seg);
   return value;
 }
 
@@ -80,7 +80,7 @@ bool isFile(const char *path) {
   if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
     return false;
   }
-  zov_segUnlock(target.directory->seg);
+  zov_segUnlock(target.directory->tree.seg);
   return true;
 }
 
@@ -198,16 +198,14 @@ uint64_t zov_mfModTime(const char *path) {
 int32_t zov_mfRemove(const char *path) {
   const zov::NoJump noJump;
   Target target(path);
-  int32_t status = zov::handleFullPath(target, 0, zov::kTypeFile);
+  const int32_t status = zov::handleFullPath(target, 0, zov::kTypeFile);
   if (status != ZOV_OKAY) {
     return status;
   }
-  status = zov::removeEntryInSubdir(*target.directory, target.cursor);
-  zov_segUnlock(target.directory->seg);
-  if (status == ZOV_OKAY) {
-    zov::segRemoveById(target.id);
-  }
-  return status;
+  zov::removeEntryInSubdir(*target.directory, target.cursor);
+  zov_segUnlock(target.directory->tree.seg);
+  zov::segRemoveById(target.id);
+  return ZOV_OKAY;
 }
 
 int32_t zov_mfRename(const char *oldPath, const char *newPath) {
@@ -222,7 +220,7 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
     return status;
   }
   status = zov::renameEntryInSubdir(*target.directory, target.cursor, renamed.key);
-  zov_segUnlock(target.directory->seg);
+  zov_segUnlock(target.directory->tree.seg);
   return status;
 }
 

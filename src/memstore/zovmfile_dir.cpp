@@ -26,7 +26,6 @@ using zov::Cursor;
 using zov::Directory;
 using zov::DirEntry;
 using zov::NameKey;
-using zov::Pin;
 
 // Rank 10: dirTable and allDirectories. Taken under a directory's lock.
 ZOV_SYNC dirMutex = ZOV_NO_SYNC;
@@ -55,25 +54,23 @@ Directory *publish(Directory *directory) {
   return known;
 }
 
-// Formats a directory that is empty, and opens the pages that every one has. The
+// Formats a directory that is empty, and pins the pages that every one has. The
 // caller holds its lock. A failed format leaves it empty.
-bool prepareTree(Directory &directory) {
-  const ZOV_SEG seg = directory.seg;
+bool prepareTree(zov::Tree &tree) {
+  const ZOV_SEG seg = tree.seg;
   if (zov_segSize(seg) == 0 && zov::initializeSubdir(seg) != ZOV_OKAY) {
     if (zov_segSize(seg) != 0) {
       zov_segSetSize(seg, 0);
     }
     return false;
   }
-  const Cursor cursor = zov::cursorOf(directory);
-  const Pin<zov::DirHeader> header(cursor, zov::kHeaderNode);
-  const Pin<zov::TreeNode> root(cursor, zov::kRootNode);
-  return header && root;
+  return zov::pinPages(tree, zov::kRootNode + 1) == ZOV_OKAY;
 }
 
 void freeDirectory(Directory *directory) {
-  if (directory->seg != nullptr) {
-    zov_segClose(directory->seg);
+  if (directory->tree.seg != nullptr) {
+    zov::unpinPages(directory->tree);
+    zov_segClose(directory->tree.seg);
   }
   zov_freeMem(directory, ZOV_DEFAULT_TAG);
 }
@@ -85,15 +82,15 @@ Directory *newDirectory(uint64_t id) {
     return nullptr;
   }
   directory->id = id;
-  directory->seg = zov_segOpen(id, O_CREAT);
-  if (directory->seg == nullptr) {
+  directory->tree.seg = zov_segOpen(id, O_CREAT);
+  if (directory->tree.seg == nullptr) {
     freeDirectory(directory);
     return nullptr;
   }
-  directory->nodeBytes = zov_segSegSize(directory->seg);
-  zov_segLock(directory->seg);
-  const bool prepared = prepareTree(*directory);
-  zov_segUnlock(directory->seg);
+  directory->tree.nodeBytes = zov_segSegSize(directory->tree.seg);
+  zov_segLock(directory->tree.seg);
+  const bool prepared = prepareTree(directory->tree);
+  zov_segUnlock(directory->tree.seg);
   if (!prepared) {
     freeDirectory(directory);
     return nullptr;
@@ -103,7 +100,7 @@ Directory *newDirectory(uint64_t id) {
 
 // Stores what an entry needs outside its node, and reserves so many nodes for
 // the insertion.
-int32_t secureEntry(Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
+int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
   if (key.length > zov::kLongestName || zov::setName(cursor, entry, key) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
@@ -123,7 +120,8 @@ int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &ke
     return ZOV_ERROR;
   }
   ++directory.changes;
-  return zov::insertEntry(cursor, entry);
+  zov::insertEntry(cursor, entry);
+  return ZOV_OKAY;
 }
 
 Directory *createSubdirInSubdir(Directory &parent, Cursor &cursor, const NameKey &key) {
@@ -132,8 +130,8 @@ Directory *createSubdirInSubdir(Directory &parent, Cursor &cursor, const NameKey
     return nullptr;
   }
   Directory *directory = zov::openSubdir(id);
-  if (directory == nullptr && zov::locate(cursor, key) == ZOV_OKAY &&
-      zov::removeEntryInSubdir(parent, cursor) == ZOV_OKAY) {
+  if (directory == nullptr && zov::locate(cursor, key) == ZOV_OKAY) {
+    zov::removeEntryInSubdir(parent, cursor);
     zov::segRemoveById(id);
   }
   return directory;
@@ -157,24 +155,20 @@ Directory *zov::openSubdir(uint64_t id) {
   return known;
 }
 
-Cursor zov::cursorOf(const Directory &directory) {
+Cursor zov::cursorOf(Directory &directory) {
   Cursor cursor;
-  cursor.seg = directory.seg;
-  cursor.nodeBytes = directory.nodeBytes;
+  cursor.tree = &directory.tree;
   cursor.depth = -1;
   return cursor;
 }
 
 int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type,
                                    uint64_t &id) {
-  DirEntry entry;
-  const int32_t status = locate(cursor, key, &entry);
-  if (status == ZOV_NOTFOUND) {
+  if (locate(cursor, key) != ZOV_OKAY) {
     errno = ENOENT;
+    return ZOV_NOTFOUND;
   }
-  if (status != ZOV_OKAY) {
-    return status;
-  }
+  const DirEntry &entry = readEntryInSubdir(cursor);
   if (type != kTypeAny && type != entry.type) {
     return ZOV_ERROR;
   }
@@ -195,34 +189,32 @@ int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
   return status;
 }
 
-int32_t zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
-  DirEntry entry;
-  if (readEntryInSubdir(cursor, entry) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  removeName(cursor, entry);
+void zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
+  removeName(cursor, readEntryInSubdir(cursor));
   ++directory.changes;
-  return compress_node(cursor);
+  compress_node(cursor);
 }
 
 int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
   Cursor place = cursorOf(directory);
-  DirEntry old;
-  if (locate(place, newKey) != ZOV_NOTFOUND || readEntryInSubdir(cursor, old) != ZOV_OKAY) {
+  if (locate(place, newKey) != ZOV_NOTFOUND) {
     return ZOV_ERROR;
   }
+  const DirEntry &old = readEntryInSubdir(cursor);
+  DirEntry entry = {};
+  entry.fileId = old.fileId;
+  entry.type = old.type;
   // What the new name needs is had before the old one goes. The removal may
   // change which nodes are full, so there is a node for every level, and one
   // more, as a root that is split takes two.
   const uint32_t nodes = static_cast<uint32_t>(place.depth + 2);
-  DirEntry entry = {};
-  entry.fileId = old.fileId;
-  entry.type = old.type;
-  if (secureEntry(place, entry, newKey, nodes) != ZOV_OKAY) {
+  if (secureEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   removeEntryInSubdir(directory, cursor);
-  return locate(place, newKey) == ZOV_NOTFOUND ? insertEntry(place, entry) : ZOV_ERROR;
+  locate(place, newKey);
+  insertEntry(place, entry);
+  return ZOV_OKAY;
 }
 
 Directory *zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags) {

@@ -19,12 +19,10 @@ namespace {
 
 using zov::Cursor;
 using zov::DirEntry;
-using zov::DirHeader;
 using zov::ExtraEntry;
 using zov::ExtraLink;
 using zov::NameKey;
 using zov::orderedWord;
-using zov::Pin;
 
 int32_t sign(uint64_t left, uint64_t right) {
   return (left > right) - (left < right);
@@ -46,86 +44,58 @@ int32_t compareFolded(const char *left, const char *right, size_t count) {
   return 0;
 }
 
-ExtraEntry &extraAt(const Pin<ExtraEntry> &page, ExtraLink link) {
-  return page.get()[link.index];
+ExtraEntry &extraAt(const Cursor &cursor, ExtraLink link) {
+  return zov::pageAt<ExtraEntry>(cursor, link.node)[link.index];
 }
 
 bool isNone(ExtraLink link) {
   return link.node == 0;
 }
 
-int32_t readSubdirExtraEntry(Cursor &cursor, ExtraLink link, ExtraEntry &entry) {
-  const Pin<ExtraEntry> page(cursor, link.node);
-  if (!page) {
-    return ZOV_ERROR;
-  }
-  entry = extraAt(page, link);
-  return ZOV_OKAY;
-}
-
-int32_t writeSubdirExtraEntry(Cursor &cursor, ExtraLink link, const ExtraEntry &entry) {
-  const Pin<ExtraEntry> page(cursor, link.node);
-  if (!page) {
-    return ZOV_ERROR;
-  }
-  extraAt(page, link) = entry;
-  return ZOV_OKAY;
-}
-
 // Puts the entries of a new node on the free list, in their order.
-int32_t allocateSubdirExtraNode(Cursor &cursor, DirHeader &header) {
-  uint32_t number = 0;
-  if (zov::allocSubdirNode(cursor, number) != ZOV_OKAY) {
+int32_t allocateSubdirExtraNode(const Cursor &cursor) {
+  if (zov::reserveNodes(cursor, 1) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  const Pin<ExtraEntry> page(cursor, number);
-  if (!page) {
-    return ZOV_ERROR;
-  }
-  const size_t last = cursor.nodeBytes / sizeof(ExtraEntry) - 1;
+  const uint32_t number = zov::allocSubdirNode(cursor);
+  ExtraEntry *entries = zov::pageAt<ExtraEntry>(cursor, number);
+  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  const size_t last = cursor.tree->nodeBytes / sizeof(ExtraEntry) - 1;
   for (size_t index = 0; index < last; ++index) {
-    page.get()[index].next = {number, static_cast<uint16_t>(index + 1), 0};
+    entries[index].next = {number, static_cast<uint16_t>(index + 1), 0};
   }
-  page.get()[last].next = header.freeExtra;
-  header.freeExtra = {number, 0, 0};
+  entries[last].next = freeExtra;
+  freeExtra = {number, 0, 0};
   return ZOV_OKAY;
 }
 
-int32_t allocateSubdirExtraEntry(Cursor &cursor, ExtraLink &taken) {
-  const Pin<DirHeader> header(cursor, zov::kHeaderNode);
-  if (!header ||
-      (isNone(header->freeExtra) && allocateSubdirExtraNode(cursor, *header) != ZOV_OKAY)) {
+int32_t allocateSubdirExtraEntry(const Cursor &cursor, ExtraLink &taken) {
+  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  if (isNone(freeExtra) && allocateSubdirExtraNode(cursor) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  taken = header->freeExtra;
-  ExtraEntry entry;
-  if (readSubdirExtraEntry(cursor, taken, entry) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  header->freeExtra = entry.next;
+  taken = freeExtra;
+  freeExtra = extraAt(cursor, taken).next;
   return ZOV_OKAY;
 }
 
-void freeSubdirExtraEntry(Cursor &cursor, ExtraLink link) {
-  const Pin<DirHeader> header(cursor, zov::kHeaderNode);
-  const Pin<ExtraEntry> page(cursor, link.node);
-  if (header && page) {
-    extraAt(page, link).next = header->freeExtra;
-    header->freeExtra = link;
-  }
+void freeSubdirExtraEntry(const Cursor &cursor, ExtraLink link) {
+  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  extraAt(cursor, link).next = freeExtra;
+  freeExtra = link;
 }
 
-void freeChain(Cursor &cursor, ExtraLink link) {
-  ExtraEntry entry;
-  while (!isNone(link) && readSubdirExtraEntry(cursor, link, entry) == ZOV_OKAY) {
+void freeChain(const Cursor &cursor, ExtraLink link) {
+  while (!isNone(link)) {
+    const ExtraLink next = extraAt(cursor, link).next;
     freeSubdirExtraEntry(cursor, link);
-    link = entry.next;
+    link = next;
   }
 }
 
 // Stores the rest of a name, and gives the first entry of its chain. The chain
 // is built from its end, so that each entry is written once.
-int32_t writeExtraName(Cursor &cursor, const char *rest, size_t length, ExtraLink &first) {
+int32_t writeExtraName(const Cursor &cursor, const char *rest, size_t length, ExtraLink &first) {
   first = {};
   size_t done = (length - 1) / zov::kExtraNameBytes * zov::kExtraNameBytes;
   for (;; done -= zov::kExtraNameBytes) {
@@ -134,9 +104,9 @@ int32_t writeExtraName(Cursor &cursor, const char *rest, size_t length, ExtraLin
       freeChain(cursor, first);
       return ZOV_ERROR;
     }
-    ExtraEntry entry = {.next = first, .name = {}};
+    ExtraEntry &entry = extraAt(cursor, link);
+    entry = {.next = first, .name = {}};
     memcpy(entry.name, rest + done, std::min<size_t>(length - done, zov::kExtraNameBytes));
-    writeSubdirExtraEntry(cursor, link, entry);
     first = link;
     if (done == 0) {
       return ZOV_OKAY;
@@ -145,28 +115,23 @@ int32_t writeExtraName(Cursor &cursor, const char *rest, size_t length, ExtraLin
 }
 
 // Compares what follows the first 22 bytes of two names that agree in them.
-int32_t compareExtraName(Cursor &cursor, const NameKey &key, const DirEntry &entry,
-                         int32_t &order) {
+int32_t compareExtraName(const Cursor &cursor, const NameKey &key, const DirEntry &entry) {
   const char *rest = key.text + zov::kEntryNameBytes;
   size_t keyLeft = key.length - zov::kEntryNameBytes;
   size_t entryLeft = entry.nameLen - zov::kEntryNameBytes;
-  order = 0;
-  for (ExtraLink link = entry.extra; order == 0 && keyLeft > 0 && entryLeft > 0;) {
-    const Pin<ExtraEntry> page(cursor, link.node);
-    if (!page) {
-      return ZOV_ERROR;
-    }
+  for (ExtraLink link = entry.extra; keyLeft > 0 && entryLeft > 0;) {
+    const ExtraEntry &extra = extraAt(cursor, link);
     const size_t count = std::min<size_t>({keyLeft, entryLeft, zov::kExtraNameBytes});
-    order = compareFolded(rest, extraAt(page, link).name, count);
-    link = extraAt(page, link).next;
+    const int32_t order = compareFolded(rest, extra.name, count);
+    if (order != 0) {
+      return order;
+    }
+    link = extra.next;
     rest += count;
     keyLeft -= count;
     entryLeft -= count;
   }
-  if (order == 0) {
-    order = sign(keyLeft, entryLeft);
-  }
-  return ZOV_OKAY;
+  return sign(keyLeft, entryLeft);
 }
 
 }  // namespace
@@ -175,7 +140,7 @@ zov::NameKey::NameKey(const char *name) : text(name), length(strlen(name)), firs
   memcpy(first, name, std::min<size_t>(length, kEntryNameBytes));
 }
 
-int32_t zov::setName(Cursor &cursor, DirEntry &entry, const NameKey &key) {
+int32_t zov::setName(const Cursor &cursor, DirEntry &entry, const NameKey &key) {
   memcpy(entry.name, key.text, std::min<size_t>(key.length, kEntryNameBytes));
   entry.nameLen = static_cast<uint16_t>(key.length);
   if (key.length <= kEntryNameBytes) {
@@ -185,43 +150,37 @@ int32_t zov::setName(Cursor &cursor, DirEntry &entry, const NameKey &key) {
                         entry.extra);
 }
 
-void zov::removeName(Cursor &cursor, const DirEntry &entry) {
+void zov::removeName(const Cursor &cursor, const DirEntry &entry) {
   freeChain(cursor, entry.extra);
 }
 
-int32_t zov::getName(Cursor &cursor, const DirEntry &entry, char *name) {
+void zov::getName(const Cursor &cursor, const DirEntry &entry, char *name) {
   const size_t length = entry.nameLen;
   size_t done = std::min<size_t>(length, kEntryNameBytes);
   memcpy(name, entry.name, done);
   for (ExtraLink link = entry.extra; done < length;) {
-    const Pin<ExtraEntry> page(cursor, link.node);
-    if (!page) {
-      return ZOV_ERROR;
-    }
+    const ExtraEntry &extra = extraAt(cursor, link);
     const size_t count = std::min<size_t>(length - done, kExtraNameBytes);
-    memcpy(name + done, extraAt(page, link).name, count);
-    link = extraAt(page, link).next;
+    memcpy(name + done, extra.name, count);
+    link = extra.next;
     done += count;
   }
   name[length] = '\0';
-  return ZOV_OKAY;
 }
 
-int32_t zov::compareName(Cursor &cursor, const NameKey &key, const DirEntry &entry,
-                         int32_t &order) {
+int32_t zov::compareName(const Cursor &cursor, const NameKey &key, const DirEntry &entry) {
   // The last word reaches two bytes past the name, which are zero in every
   // entry.
   for (size_t at = 0; at < sizeof key.first; at += sizeof(uint64_t)) {
-    order = sign(orderedWord(key.first + at), orderedWord(entry.name + at));
+    const int32_t order = sign(orderedWord(key.first + at), orderedWord(entry.name + at));
     if (order != 0) {
-      return ZOV_OKAY;
+      return order;
     }
   }
   const bool keyGoesOn = key.length > kEntryNameBytes;
   const bool entryGoesOn = entry.nameLen > kEntryNameBytes;
   if (keyGoesOn && entryGoesOn) {
-    return compareExtraName(cursor, key, entry, order);
+    return compareExtraName(cursor, key, entry);
   }
-  order = keyGoesOn - entryGoesOn;
-  return ZOV_OKAY;
+  return keyGoesOn - entryGoesOn;
 }

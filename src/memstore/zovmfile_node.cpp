@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The nodes of a directory's tree as pages: formatting, the free list, and the
-// reservation that lets an insertion run without failing half-way. Nodes are
-// never given back to the segmented file; a directory keeps what it grew to.
+// The nodes of a directory's tree as pages: formatting, the table of the pinned
+// pages, the free list, and the reservation that lets an insertion run without
+// failing half-way. Nodes are never given back to the segmented file; a directory
+// keeps what it grew to.
 //
 // No locks of its own, no jumps; see zovmfile_tree.h.
 #include <algorithm>
 
 #include "memstore/zovmfile_tree.h"
+#include "memstore/zovshm_private.h"
 
 namespace {
 
@@ -15,6 +17,21 @@ constexpr uint32_t kPieceBytes = 512;
 
 bool writeAll(ZOV_SEG seg, uint64_t offset, const void *bytes, uint32_t count) {
   return zov_segSeekWrite(seg, offset, bytes, count) == count;
+}
+
+// Gives the table of the pages slots for those below `end`.
+bool makeSlots(zov::Tree &tree, uint32_t end) {
+  if (end <= tree.pageSlots) {
+    return true;
+  }
+  const uint32_t slots = std::max(end, tree.pageSlots + tree.pageSlots / 2);
+  void **pages = zov::growTable(tree.pages, tree.pageSlots, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (pages == nullptr) {
+    return false;
+  }
+  tree.pages = pages;
+  tree.pageSlots = slots;
+  return true;
 }
 
 }  // namespace
@@ -32,54 +49,45 @@ int32_t zov::initializeSubdir(ZOV_SEG seg) {
   return writeAll(seg, 0, &header, sizeof header) ? ZOV_OKAY : ZOV_ERROR;
 }
 
-int32_t zov::allocSubdirNode(Cursor &cursor, uint32_t &number) {
-  const Pin<DirHeader> header(cursor, kHeaderNode);
-  if (!header) {
+int32_t zov::pinPages(Tree &tree, uint32_t end) {
+  if (!makeSlots(tree, end)) {
     return ZOV_ERROR;
   }
-  const bool recycled = header->freeNode != 0;
-  number = recycled ? header->freeNode : header->nextNode;
-  const Pin<FreeNode> node(cursor, number);
-  if (!node) {
-    return ZOV_ERROR;
-  }
-  if (recycled) {
-    header->freeNode = node->next;
-  } else {
-    ++header->nextNode;
-  }
-  return ZOV_OKAY;
-}
-
-void zov::deleteSubdirNode(Cursor &cursor, uint32_t number) {
-  const Pin<DirHeader> header(cursor, kHeaderNode);
-  const Pin<FreeNode> node(cursor, number);
-  if (header && node) {
-    node->next = header->freeNode;
-    header->freeNode = number;
-  }
-}
-
-int32_t zov::reserveNodes(Cursor &cursor, uint32_t wanted) {
-  if (wanted == 0) {
-    return ZOV_OKAY;
-  }
-  const Pin<DirHeader> header(cursor, kHeaderNode);
-  if (!header) {
-    return ZOV_ERROR;
-  }
-  for (uint32_t number = header->freeNode; wanted > 0 && number != 0; --wanted) {
-    const Pin<FreeNode> node(cursor, number);
-    if (!node) {
-      return ZOV_ERROR;
-    }
-    number = node->next;
-  }
-  for (uint32_t fresh = 0; fresh < wanted; ++fresh) {
-    const Pin<FreeNode> node(cursor, header->nextNode + fresh);
-    if (!node) {
+  for (uint32_t &number = tree.numPages; number < end; ++number) {
+    if (zov_segGetPtr(tree.seg, number, &tree.pages[number]) != ZOV_OKAY) {
       return ZOV_ERROR;
     }
   }
   return ZOV_OKAY;
+}
+
+void zov::unpinPages(Tree &tree) {
+  for (uint32_t number = 0; number < tree.numPages; ++number) {
+    zov_segReleasePtr(tree.seg, number, tree.pages[number]);
+  }
+  zov_freeMem(tree.pages, ZOV_DEFAULT_TAG);
+}
+
+uint32_t zov::allocSubdirNode(const Cursor &cursor) {
+  DirHeader &header = headerOf(cursor);
+  if (header.freeNode == 0) {
+    return header.nextNode++;
+  }
+  const uint32_t number = header.freeNode;
+  header.freeNode = pageAt<FreeNode>(cursor, number)->next;
+  return number;
+}
+
+void zov::deleteSubdirNode(const Cursor &cursor, uint32_t number) {
+  DirHeader &header = headerOf(cursor);
+  pageAt<FreeNode>(cursor, number)->next = header.freeNode;
+  header.freeNode = number;
+}
+
+int32_t zov::reserveNodes(const Cursor &cursor, uint32_t wanted) {
+  const DirHeader &header = headerOf(cursor);
+  for (uint32_t number = header.freeNode; wanted > 0 && number != 0; --wanted) {
+    number = pageAt<FreeNode>(cursor, number)->next;
+  }
+  return pinPages(*cursor.tree, header.nextNode + wanted);
 }

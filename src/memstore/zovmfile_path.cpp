@@ -179,7 +179,7 @@ Directory *zov::openMemSubdir(char *path, uint32_t flags) {
     const bool last = *following == '\0';
     *end = '\0';
     const NameKey key(name);
-    const ZOV_SEG seg = directory->seg;
+    const ZOV_SEG seg = directory->tree.seg;
     zov_segLock(seg);
     directory = openSubdirInSubdir(*directory, key, last ? flags : O_CREAT);
     zov_segUnlock(seg);
@@ -201,7 +201,7 @@ int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
     return ZOV_ERROR;
   }
   Directory *directory = openParent(target.path, parentLength);
-  if (directory == nullptr || zov_segLock(directory->seg) != ZOV_OKAY) {
+  if (directory == nullptr || zov_segLock(directory->tree.seg) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   target.cursor = cursorOf(*directory);
@@ -211,7 +211,7 @@ int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
     target.created = status == ZOV_OKAY;
   }
   if (status != ZOV_OKAY) {
-    zov_segUnlock(directory->seg);
+    zov_segUnlock(directory->tree.seg);
     return status;
   }
   target.directory = directory;

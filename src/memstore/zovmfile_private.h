@@ -15,12 +15,10 @@ namespace zov {
 // Made when the directory is first needed and kept to the end, since no
 // directory is ever removed.
 //
-// 1. id, seg and nodeBytes never change. changes belongs to the file's lock.
-// 2. Pages that make up the tree are all open in seg.
+// id never changes. The file's lock guards changes and what tree grows by.
 struct Directory {
   uint64_t id;
-  ZOV_SEG seg;
-  uint32_t nodeBytes;
+  Tree tree;
   uint64_t changes;  // counts what moves entries, and so spoils cursors
   Directory *next;   // in the list of all
   Directory *hashNext;
@@ -34,18 +32,18 @@ struct Directory {
 // new. Nobody may hold its lock but under that of its parent, while it is made.
 Directory *openSubdir(uint64_t id);
 
-Cursor cursorOf(const Directory &directory);
+Cursor cursorOf(Directory &directory);
 
 // Looks a name up: ZOV_OKAY with its id, ZOV_NOTFOUND with errno ENOENT and the
-// cursor at its place, or ZOV_ERROR, also when the type is another.
+// cursor at its place, or ZOV_ERROR when the type is another.
 int32_t findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type, uint64_t &id);
 
 // Adds an entry with a new id at the cursor, which a failed look-up left.
 int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint16_t type,
                             uint64_t &id);
 
-// Removes the entry at the cursor. Fails, if ever, before it changes anything.
-int32_t removeEntryInSubdir(Directory &directory, Cursor &cursor);
+// Removes the entry at the cursor.
+void removeEntryInSubdir(Directory &directory, Cursor &cursor);
 
 // Renames the entry at the cursor. ZOV_ERROR when the new name is there already.
 int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);

@@ -16,6 +16,7 @@
 // No locks of its own, no jumps; see zovmfile_tree.h.
 #include "memstore/zovmfile_tree.h"
 
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
@@ -27,45 +28,38 @@ using zov::Cursor;
 using zov::DirEntry;
 using zov::kRootNode;
 using zov::NameKey;
+using zov::nodeAt;
 using zov::orderedWord;
 using zov::PathElement;
-using zov::Pin;
 using zov::TreeNode;
 using zov::TreeSlot;
 
 // What a node has to hold besides its entries and their left children: the count
 // and the last child.
 constexpr uint32_t kNodeOverhead = 12;
+constexpr uint32_t kSlotBytes = sizeof(TreeSlot);
 
 uint32_t capacityOf(const Cursor &cursor) {
-  return (cursor.nodeBytes - kNodeOverhead) / sizeof(TreeSlot);
+  return (cursor.tree->nodeBytes - kNodeOverhead) / kSlotBytes;
 }
 
 uint32_t fewestOf(const Cursor &cursor) {
-  return (cursor.nodeBytes - kNodeOverhead) / (2 * sizeof(TreeSlot));
-}
-
-// Moves the element at the top of the path by `step` levels, and gives the new
-// one; null when a path gets longer than any tree is deep.
-PathElement *getPathNode(Cursor &cursor, int32_t step) {
-  if (cursor.depth + step >= zov::kMaxDepth) {
-    return nullptr;
-  }
-  cursor.depth += step;
-  return &cursor.path[cursor.depth];
-}
-
-bool push(Cursor &cursor, uint32_t node, uint16_t slot) {
-  PathElement *element = getPathNode(cursor, 1);
-  if (element == nullptr) {
-    return false;
-  }
-  *element = {node, slot};
-  return true;
+  return (cursor.tree->nodeBytes - kNodeOverhead) / (2 * kSlotBytes);
 }
 
 PathElement &top(Cursor &cursor) {
   return cursor.path[cursor.depth];
+}
+
+// Moves the top of the path by `step` levels.
+void getPathNode(Cursor &cursor, int32_t step) {
+  cursor.depth += step;
+  assert(cursor.depth < zov::kMaxDepth);
+}
+
+void push(Cursor &cursor, uint32_t node, uint16_t slot) {
+  getPathNode(cursor, 1);
+  top(cursor) = {node, slot};
 }
 
 // Copies `entries` slots and the child behind them.
@@ -121,22 +115,18 @@ uint32_t sharedBytes(const DirEntry &low, const DirEntry &high) {
   return 2 * kWordBytes;
 }
 
-// Search in a node whose names, and the key, agree in their first `shared` bytes.
-// ZOV_OKAY with the slot of the name, ZOV_NOTFOUND with the one it would take, or
-// ZOV_ERROR.
-int32_t node_search(Cursor &cursor, TreeNode &node, const NameKey &key, uint32_t shared,
+// Search in a node that is not empty and whose names agree with the key in their
+// first `shared` bytes. ZOV_OKAY with the slot of the name, or ZOV_NOTFOUND with
+// the one it would take.
+int32_t node_search(const Cursor &cursor, const TreeNode &node, const NameKey &key, uint32_t shared,
                     uint16_t &slot) {
   const TreeSlot *slots = node.slots();
   int32_t low = static_cast<int32_t>(skipLower(slots, node.count, key, shared));
   int32_t high = node.count - 1;
   // Mostly one comparison is left: the name itself, or one above it. It is a
   // binary search for names that differ further behind.
-  int32_t middle = low;
-  while (low <= high) {
-    int32_t order = 0;
-    if (zov::compareName(cursor, key, slots[middle].entry, order) != ZOV_OKAY) {
-      return ZOV_ERROR;
-    }
+  for (int32_t middle = low; low <= high; middle = (low + high) / 2) {
+    const int32_t order = zov::compareName(cursor, key, slots[middle].entry);
     if (order == 0) {
       slot = static_cast<uint16_t>(middle);
       return ZOV_OKAY;
@@ -146,7 +136,6 @@ int32_t node_search(Cursor &cursor, TreeNode &node, const NameKey &key, uint32_t
     } else {
       high = middle - 1;
     }
-    middle = (low + high) / 2;
   }
   slot = static_cast<uint16_t>(low);
   return ZOV_NOTFOUND;
@@ -160,37 +149,28 @@ struct Rising {
 
 // Splits a full node below the root: the upper half moves to a new node, and the
 // middle entry rises.
-int32_t split_node(Cursor &cursor, TreeNode &node, Rising &rising) {
-  uint32_t number = 0;
-  if (zov::allocSubdirNode(cursor, number) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  const Pin<TreeNode> upper(cursor, number);
+Rising split_node(const Cursor &cursor, TreeNode &node) {
+  const uint32_t number = zov::allocSubdirNode(cursor);
+  TreeNode &upper = nodeAt(cursor, number);
   const uint32_t middle = node.count / 2;
-  upper->count = static_cast<uint16_t>(node.count - middle - 1);
-  copySlots(upper->slots(), &node.slots()[middle + 1], upper->count);
+  upper.count = static_cast<uint16_t>(node.count - middle - 1);
+  copySlots(upper.slots(), &node.slots()[middle + 1], upper.count);
   node.count = static_cast<uint16_t>(middle);
-  rising = {node.slots()[middle].entry, number};
-  return ZOV_OKAY;
+  return {node.slots()[middle].entry, number};
 }
 
 // Splits the full root, which keeps its number: both halves move to new nodes.
-int32_t split_root(Cursor &cursor, TreeNode &root) {
-  uint32_t lowerNumber = 0;
-  Rising rising;
-  if (zov::allocSubdirNode(cursor, lowerNumber) != ZOV_OKAY ||
-      split_node(cursor, root, rising) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  const Pin<TreeNode> lower(cursor, lowerNumber);
-  lower->count = root.count;
-  copySlots(lower->slots(), root.slots(), root.count);
+void split_root(const Cursor &cursor, TreeNode &root) {
+  const uint32_t lowerNumber = zov::allocSubdirNode(cursor);
+  const Rising rising = split_node(cursor, root);
+  TreeNode &lower = nodeAt(cursor, lowerNumber);
+  lower.count = root.count;
+  copySlots(lower.slots(), root.slots(), root.count);
   TreeSlot *slots = root.slots();
   slots[0].child = lowerNumber;
   slots[0].entry = rising.entry;
   slots[1].child = rising.rightChild;
   root.count = 1;
-  return ZOV_OKAY;
 }
 
 // Moves one entry through the parent from the fuller of two siblings to the
@@ -231,7 +211,7 @@ struct Siblings {
 // Merges two siblings that fit into one node. Into their parent, if that is the
 // root and has no others: the tree loses a level. Else into the right one; the
 // separator and the left child are the caller's to drop. True in the first case.
-bool merge_nodes(Cursor &cursor, const Siblings &siblings) {
+bool merge_nodes(const Cursor &cursor, const Siblings &siblings) {
   TreeNode &left = siblings.left;
   TreeNode &right = siblings.right;
   TreeSlot *slots = siblings.parent.slots();
@@ -258,24 +238,18 @@ bool merge_nodes(Cursor &cursor, const Siblings &siblings) {
 // when the parent has now a slot to drop, at which the path then ends.
 bool combine_nodes(Cursor &cursor) {
   PathElement &above = cursor.path[cursor.depth - 1];
-  const Pin<TreeNode> parent(cursor, above.node);
-  if (!parent) {
-    return false;
-  }
-  if (above.slot == parent->count) {
+  TreeNode &parent = nodeAt(cursor, above.node);
+  if (above.slot == parent.count) {
     --above.slot;
   }
-  TreeSlot *slots = parent->slots();
-  const Pin<TreeNode> left(cursor, slots[above.slot].child);
-  const Pin<TreeNode> right(cursor, slots[above.slot + 1].child);
-  if (!left || !right) {
+  TreeSlot *slots = parent.slots();
+  TreeNode &left = nodeAt(cursor, slots[above.slot].child);
+  TreeNode &right = nodeAt(cursor, slots[above.slot + 1].child);
+  if (left.count + right.count + 1u >= capacityOf(cursor)) {
+    rebalance(slots[above.slot].entry, left, right);
     return false;
   }
-  if (left->count + right->count + 1u >= capacityOf(cursor)) {
-    rebalance(slots[above.slot].entry, *left, *right);
-    return false;
-  }
-  if (merge_nodes(cursor, {*parent, above.slot, *left, *right})) {
+  if (merge_nodes(cursor, {parent, above.slot, left, right})) {
     return false;
   }
   getPathNode(cursor, -1);
@@ -283,80 +257,57 @@ bool combine_nodes(Cursor &cursor) {
 }
 
 // Drops the slot at the end of the path, and what follows from that further up.
-int32_t shrink_node(Cursor &cursor) {
-  for (;;) {
+void shrink_node(Cursor &cursor) {
+  bool poor = true;
+  do {
     const PathElement place = top(cursor);
-    const Pin<TreeNode> node(cursor, place.node);
-    if (!node) {
-      return ZOV_ERROR;
-    }
-    close_slots(*node, place.slot);
-    const bool poor = place.node != kRootNode && node->count < fewestOf(cursor);
-    if (!poor || !combine_nodes(cursor)) {
-      return ZOV_OKAY;
-    }
-  }
+    TreeNode &node = nodeAt(cursor, place.node);
+    close_slots(node, place.slot);
+    poor = place.node != kRootNode && node.count < fewestOf(cursor);
+  } while (poor && combine_nodes(cursor));
 }
 
 // Descends from a node along its first children, to the first entry there.
-int32_t getLeftMost(Cursor &cursor, uint32_t number, DirEntry &entry) {
-  while (number != 0) {
-    const Pin<TreeNode> node(cursor, number);
-    if (!node || !push(cursor, number, 0)) {
-      return ZOV_ERROR;
-    }
-    number = node->slots()[0].child;
-    entry = node->slots()[0].entry;
+const DirEntry &getLeftMost(Cursor &cursor, uint32_t number) {
+  for (; number != 0; number = nodeAt(cursor, number).slots()[0].child) {
+    push(cursor, number, 0);
   }
-  return ZOV_OKAY;
+  return zov::readEntryInSubdir(cursor);
 }
 
 }  // namespace
 
-int32_t zov::locate(Cursor &cursor, const NameKey &key, DirEntry *found) {
+int32_t zov::locate(Cursor &cursor, const NameKey &key) {
   cursor.depth = -1;
-  uint32_t number = kRootNode;
   uint32_t shared = 0;
-  while (number != 0) {
-    const Pin<TreeNode> node(cursor, number);
-    if (!node || !push(cursor, number, 0)) {
-      return ZOV_ERROR;
-    }
-    if (node->count == 0) {
+  for (uint32_t number = kRootNode; number != 0;) {
+    const TreeNode &node = nodeAt(cursor, number);
+    push(cursor, number, 0);
+    if (node.count == 0) {
       return ZOV_NOTFOUND;
     }
     uint16_t &slot = top(cursor).slot;
-    const int32_t status = node_search(cursor, *node, key, shared, slot);
-    if (status == ZOV_OKAY && found != nullptr) {
-      *found = node->slots()[slot].entry;
+    if (node_search(cursor, node, key, shared, slot) == ZOV_OKAY) {
+      return ZOV_OKAY;
     }
-    if (status != ZOV_NOTFOUND) {
-      return status;
-    }
-    const TreeSlot *place = &node->slots()[slot];
+    const TreeSlot *place = &node.slots()[slot];
     number = place->child;
-    if (number != 0 && slot > 0 && slot < node->count) {
+    if (number != 0 && slot > 0 && slot < node.count) {
       shared = std::max(shared, sharedBytes(place[-1].entry, place->entry));
     }
   }
   return ZOV_NOTFOUND;
 }
 
-int32_t zov::readEntryInSubdir(Cursor &cursor, DirEntry &entry) {
-  const PathElement &place = top(cursor);
-  const Pin<TreeNode> node(cursor, place.node);
-  if (!node) {
-    return ZOV_ERROR;
-  }
-  entry = node->slots()[place.slot].entry;
-  return ZOV_OKAY;
+const zov::DirEntry &zov::readEntryInSubdir(const Cursor &cursor) {
+  const PathElement &place = cursor.path[cursor.depth];
+  return nodeAt(cursor, place.node).slots()[place.slot].entry;
 }
 
-uint32_t zov::nodesToInsert(Cursor &cursor) {
+uint32_t zov::nodesToInsert(const Cursor &cursor) {
   uint32_t nodes = 0;
   for (int32_t depth = cursor.depth; depth >= 0; --depth) {
-    const Pin<TreeNode> node(cursor, cursor.path[depth].node);
-    if (!node || node->count + 1u < capacityOf(cursor)) {
+    if (nodeAt(cursor, cursor.path[depth].node).count + 1u < capacityOf(cursor)) {
       break;
     }
     nodes += depth == 0 ? 2 : 1;
@@ -365,83 +316,62 @@ uint32_t zov::nodesToInsert(Cursor &cursor) {
 }
 
 // expand_node() of every level that the entry, or what rises from it, comes to.
-int32_t zov::insertEntry(Cursor &cursor, const DirEntry &entry) {
+void zov::insertEntry(Cursor &cursor, const DirEntry &entry) {
   Rising rising = {entry, 0};
-  for (;;) {
+  for (;; getPathNode(cursor, -1)) {
     const PathElement place = top(cursor);
-    const Pin<TreeNode> node(cursor, place.node);
-    if (!node) {
-      return ZOV_ERROR;
-    }
-    open_slots(*node, place.slot);
-    node->slots()[place.slot].entry = rising.entry;
-    node->slots()[place.slot + 1].child = rising.rightChild;
-    if (node->count < capacityOf(cursor)) {
-      return ZOV_OKAY;
+    TreeNode &node = nodeAt(cursor, place.node);
+    open_slots(node, place.slot);
+    node.slots()[place.slot].entry = rising.entry;
+    node.slots()[place.slot + 1].child = rising.rightChild;
+    if (node.count < capacityOf(cursor)) {
+      return;
     }
     if (place.node == kRootNode) {
-      return split_root(cursor, *node);
+      split_root(cursor, node);
+      return;
     }
-    if (split_node(cursor, *node, rising) != ZOV_OKAY) {
-      return ZOV_ERROR;
-    }
-    getPathNode(cursor, -1);
+    rising = split_node(cursor, node);
   }
 }
 
-int32_t zov::compress_node(Cursor &cursor) {
+void zov::compress_node(Cursor &cursor) {
   PathElement &place = top(cursor);
-  const Pin<TreeNode> node(cursor, place.node);
-  if (!node) {
-    return ZOV_ERROR;
-  }
-  TreeSlot *slots = node->slots();
+  TreeSlot *slots = nodeAt(cursor, place.node).slots();
   const uint32_t right = slots[place.slot + 1].child;
   if (right != 0) {
     // The next entry in order, the first of a leaf, takes the place of this one
     // and is the one to drop.
-    DirEntry successor;
     DirEntry &removed = slots[place.slot].entry;
     ++place.slot;
-    if (getLeftMost(cursor, right, successor) != ZOV_OKAY) {
-      return ZOV_ERROR;
-    }
-    removed = successor;
+    removed = getLeftMost(cursor, right);
   }
-  return shrink_node(cursor);
+  shrink_node(cursor);
 }
 
-int32_t zov::firstName(Cursor &cursor, DirEntry &entry) {
+const zov::DirEntry *zov::firstName(Cursor &cursor) {
   cursor.depth = -1;
-  const Pin<TreeNode> root(cursor, kRootNode);
-  if (!root) {
-    return ZOV_ERROR;
-  }
-  return root->count == 0 ? ZOV_NOTFOUND : getLeftMost(cursor, kRootNode, entry);
+  return nodeAt(cursor, kRootNode).count == 0 ? nullptr : &getLeftMost(cursor, kRootNode);
 }
 
-int32_t zov::nextName(Cursor &cursor, bool advance, DirEntry &entry) {
+const zov::DirEntry *zov::nextName(Cursor &cursor, bool advance) {
   if (cursor.depth < 0) {
-    return ZOV_NOTFOUND;
+    return nullptr;
   }
   if (advance) {
     ++top(cursor).slot;
   }
   for (bool below = true; cursor.depth >= 0; below = false) {
     const PathElement place = top(cursor);
-    const Pin<TreeNode> node(cursor, place.node);
-    if (!node) {
-      return ZOV_ERROR;
-    }
-    const TreeSlot &slot = node->slots()[place.slot];
+    const TreeNode &node = nodeAt(cursor, place.node);
+    const TreeSlot &slot = node.slots()[place.slot];
     if (below && slot.child != 0) {
-      return getLeftMost(cursor, slot.child, entry);
+      return &getLeftMost(cursor, slot.child);
     }
-    if (place.slot < node->count) {
-      entry = slot.entry;
-      return ZOV_OKAY;
+    if (place.slot < node.count) {
+      return &slot.entry;
     }
     getPathNode(cursor, -1);
   }
-  return ZOV_NOTFOUND;
+  return nullptr;
 }

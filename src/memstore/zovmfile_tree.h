@@ -14,12 +14,13 @@
 // chain of extra entries.
 //
 // Everything here runs under the directory's lock and with jumps held off, and
-// through the one handle that the directory is ever changed by. That handle made
-// every node and so has it open: pinning a node that exists does not fail, and
-// what an operation needs anew is made before it changes anything.
+// through the one handle that the directory is ever changed by. Every page stays
+// pinned through that handle, so that none has to be waited for or can fail to be
+// had; what an operation needs anew is made before it changes anything.
 #ifndef ZOV_MEMSTORE_ZOVMFILE_TREE_H
 #define ZOV_MEMSTORE_ZOVMFILE_TREE_H
 
+#include <assert.h>
 #include <stddef.h>
 #include <string.h>
 
@@ -82,6 +83,7 @@ struct alignas(8) TreeNode {
   uint16_t unused[3];
 
   TreeSlot *slots() { return reinterpret_cast<TreeSlot *>(this + 1); }
+  const TreeSlot *slots() const { return reinterpret_cast<const TreeSlot *>(this + 1); }
 };
 
 struct FreeNode {
@@ -101,39 +103,36 @@ struct PathElement {
 // their numbers have 32 bits.
 constexpr int32_t kMaxDepth = 16;
 
-// A place in a tree and the way to it.
-struct Cursor {
+// A tree, with its pages pinned: numPages of them from page 0 on, all that were
+// ever handed out and perhaps some that are reserved.
+struct Tree {
   ZOV_SEG seg;
   uint32_t nodeBytes;  // B, the size of a node
-  int32_t depth;       // of the last element of path; -1 for none
+  uint32_t numPages;
+  uint32_t pageSlots;  // in pages
+  void **pages;
+};
+
+// A place in a tree and the way to it.
+struct Cursor {
+  Tree *tree;
+  int32_t depth;  // of the last element of path; -1 for none
   PathElement path[kMaxDepth];
 };
 
-// A page of the tree, pinned while this lives.
 template <typename Page>
-class Pin {
- public:
-  Pin(const Cursor &cursor, uint32_t number) : seg_(cursor.seg), number_(number) {
-    zov_segGetPtr(seg_, number, &page_);
-  }
-  ~Pin() {
-    if (page_ != nullptr) {
-      zov_segReleasePtr(seg_, number_, page_);
-    }
-  }
-  Pin(const Pin &) = delete;
-  Pin &operator=(const Pin &) = delete;
+Page *pageAt(const Cursor &cursor, uint32_t number) {
+  assert(number < cursor.tree->numPages);
+  return static_cast<Page *>(cursor.tree->pages[number]);
+}
 
-  explicit operator bool() const { return page_ != nullptr; }
-  Page *get() const { return static_cast<Page *>(page_); }
-  Page *operator->() const { return get(); }
-  Page &operator*() const { return *get(); }
+inline DirHeader &headerOf(const Cursor &cursor) {
+  return *pageAt<DirHeader>(cursor, kHeaderNode);
+}
 
- private:
-  ZOV_SEG seg_;
-  uint32_t number_;
-  void *page_;
-};
+inline TreeNode &nodeAt(const Cursor &cursor, uint32_t number) {
+  return *pageAt<TreeNode>(cursor, number);
+}
 
 // Eight bytes with 'A' to 'Z' made small. Bytes above 0x7F stay as they are.
 inline uint64_t foldWord(uint64_t word) {
@@ -166,49 +165,51 @@ struct NameKey {
 
 int32_t initializeSubdir(ZOV_SEG seg);
 
-// Takes a node off the free list, or a new one. Its contents are undefined.
-int32_t allocSubdirNode(Cursor &cursor, uint32_t &number);
-void deleteSubdirNode(Cursor &cursor, uint32_t number);
+// Makes and pins the pages below `end` that are not yet, and undoes all pins.
+int32_t pinPages(Tree &tree, uint32_t end);
+void unpinPages(Tree &tree);
 
-// Sees to it that so many calls of allocSubdirNode() succeed.
-int32_t reserveNodes(Cursor &cursor, uint32_t wanted);
+// Takes a reserved node. Its contents are undefined.
+uint32_t allocSubdirNode(const Cursor &cursor);
+void deleteSubdirNode(const Cursor &cursor, uint32_t number);
+
+// Sees to it that so many nodes can be taken.
+int32_t reserveNodes(const Cursor &cursor, uint32_t wanted);
 
 // Names (zovmfile_name.cpp).
 
 // Stores a name in an entry; when that fails nothing is taken.
-int32_t setName(Cursor &cursor, DirEntry &entry, const NameKey &key);
+int32_t setName(const Cursor &cursor, DirEntry &entry, const NameKey &key);
 
 // Gives back what a name has beyond its entry.
-void removeName(Cursor &cursor, const DirEntry &entry);
+void removeName(const Cursor &cursor, const DirEntry &entry);
 
 // Writes nameLen bytes and a NUL.
-int32_t getName(Cursor &cursor, const DirEntry &entry, char *name);
+void getName(const Cursor &cursor, const DirEntry &entry, char *name);
 
-// Compares the key to an entry's name: order is below, at or above 0 as the key
-// is.
-int32_t compareName(Cursor &cursor, const NameKey &key, const DirEntry &entry, int32_t &order);
+// Below, at or above 0 as the key is to the entry's name.
+int32_t compareName(const Cursor &cursor, const NameKey &key, const DirEntry &entry);
 
 // The tree (zovmfile_tree.cpp).
 
-// Finds a name. ZOV_OKAY with the cursor at its entry, which is copied if asked
-// for, ZOV_NOTFOUND with the cursor at its place in a leaf, or ZOV_ERROR.
-int32_t locate(Cursor &cursor, const NameKey &key, DirEntry *found = nullptr);
+// Finds a name. ZOV_OKAY with the cursor at its entry, or ZOV_NOTFOUND with the
+// cursor at its place in a leaf.
+int32_t locate(Cursor &cursor, const NameKey &key);
 
-int32_t readEntryInSubdir(Cursor &cursor, DirEntry &entry);
+const DirEntry &readEntryInSubdir(const Cursor &cursor);
 
 // Inserts an entry at the cursor, which locate() left at ZOV_NOTFOUND. The nodes
 // it may need are reserved: nodesToInsert() of them.
-int32_t insertEntry(Cursor &cursor, const DirEntry &entry);
-uint32_t nodesToInsert(Cursor &cursor);
+void insertEntry(Cursor &cursor, const DirEntry &entry);
+uint32_t nodesToInsert(const Cursor &cursor);
 
 // Removes the entry at the cursor, leaving its name's extra entries alone.
-int32_t compress_node(Cursor &cursor);
+void compress_node(Cursor &cursor);
 
-// Steps in name order. ZOV_OKAY with the cursor at the entry that is copied,
-// ZOV_NOTFOUND when there is none, or ZOV_ERROR. Without advance the cursor's own
-// entry is the next one.
-int32_t firstName(Cursor &cursor, DirEntry &entry);
-int32_t nextName(Cursor &cursor, bool advance, DirEntry &entry);
+// Steps in name order: the entry, with the cursor at it, or null when there is
+// none. Without advance the cursor's own entry is the next one.
+const DirEntry *firstName(Cursor &cursor);
+const DirEntry *nextName(Cursor &cursor, bool advance);
 
 }  // namespace zov
 

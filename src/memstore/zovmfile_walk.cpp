@@ -31,19 +31,16 @@ namespace {
 using zov::Directory;
 using zov::DirEntry;
 
-// The entry behind the one of the last step, whatever its name.
-int32_t nextEntry(MemWalk &walk, DirEntry &entry) {
+// The entry behind the one of the last step, whatever its name; null at the end.
+const DirEntry *nextEntry(MemWalk &walk) {
   if (!walk.begun) {
-    return zov::firstName(walk.cursor, entry);
+    return zov::firstName(walk.cursor);
   }
   if (walk.seenChanges == walk.directory->changes) {
-    return zov::nextName(walk.cursor, true, entry);
+    return zov::nextName(walk.cursor, true);
   }
-  const int32_t status = zov::locate(walk.cursor, zov::NameKey(walk.lastName));
-  if (status == ZOV_ERROR) {
-    return status;
-  }
-  return zov::nextName(walk.cursor, status == ZOV_OKAY, entry);
+  const bool stillThere = zov::locate(walk.cursor, zov::NameKey(walk.lastName)) == ZOV_OKAY;
+  return zov::nextName(walk.cursor, stillThere);
 }
 
 bool makeRoom(MemWalk &walk, uint64_t bytes) {
@@ -63,28 +60,28 @@ bool makeRoom(MemWalk &walk, uint64_t bytes) {
 
 // Takes an entry's name for that of this step.
 bool takeName(MemWalk &walk, const DirEntry &entry) {
-  if (!makeRoom(walk, uint64_t{entry.nameLen} + 1) ||
-      zov::getName(walk.cursor, entry, walk.lastName) != ZOV_OKAY) {
+  if (!makeRoom(walk, uint64_t{entry.nameLen} + 1)) {
     return false;
   }
+  zov::getName(walk.cursor, entry, walk.lastName);
   walk.begun = true;
   walk.seenChanges = walk.directory->changes;
   return true;
 }
 
-// Steps to the next name that matches; false at the end or when memory is short.
-bool pathNext(MemWalk &walk, DirEntry &entry) {
+// Steps to the next name that matches. Null at the end or when memory is short.
+const DirEntry *pathNext(MemWalk &walk) {
   while (!walk.ended) {
-    const int32_t status = nextEntry(walk, entry);
-    walk.ended = status == ZOV_NOTFOUND;
-    if (status != ZOV_OKAY || !takeName(walk, entry)) {
-      return false;
+    const DirEntry *entry = nextEntry(walk);
+    walk.ended = entry == nullptr;
+    if (walk.ended || !takeName(walk, *entry)) {
+      return nullptr;
     }
     if (zov_match(walk.lastName, walk.pattern) != 0) {
-      return true;
+      return entry;
     }
   }
-  return false;
+  return nullptr;
 }
 
 }  // namespace
@@ -113,15 +110,14 @@ ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
 
 const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
   const zov::NoJump noJump;
-  DirEntry entry;
-  zov_segLock(walk->directory->seg);
-  const bool found = pathNext(*walk, entry);
-  zov_segUnlock(walk->directory->seg);
-  if (!found) {
-    return nullptr;
+  zov_segLock(walk->directory->tree.seg);
+  const DirEntry *entry = pathNext(*walk);
+  const bool found = entry != nullptr;
+  if (found) {
+    *isDirectory = entry->type == zov::kTypeDirectory ? 1 : 0;
   }
-  *isDirectory = entry.type == zov::kTypeDirectory ? 1 : 0;
-  return walk->lastName;
+  zov_segUnlock(walk->directory->tree.seg);
+  return found ? walk->lastName : nullptr;
 }
 
 void zov_mfPathClose(ZOV_MEM_WALK walk) {
