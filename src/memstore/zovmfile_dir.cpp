@@ -6,7 +6,8 @@
 //
 //   dirTable: id -> Directory -> one handle of the directory's segmented file
 //
-// dirMutex guards the table and nothing in the directories; a directory's tree
+// dirMutex guards the table and nothing in the directories; recentDirectories
+// gives those used lately without it. A directory's tree
 // belongs to the lock of its file. At most one such lock is held at a time, but
 // for a directory that is being made, which nobody else knows, under that of its
 // parent.
@@ -14,6 +15,8 @@
 // Nothing jumps: callers hold jumps off.
 #include <errno.h>
 #include <fcntl.h>
+
+#include <atomic>
 
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
@@ -32,11 +35,36 @@ ZOV_SYNC dirMutex = ZOV_NO_SYNC;
 zov::IdTable<Directory> dirTable;
 Directory *allDirectories = nullptr;
 
+// Directories by the hash of their id, each in the place of another that was
+// used before it.
+constexpr uint32_t kRecentBits = 6;
+std::atomic<Directory *> recentDirectories[1 << kRecentBits];
+
+std::atomic<Directory *> &recentPlace(uint64_t id) {
+  return recentDirectories[(id * UINT64_C(0x9E3779B97F4A7C15)) >> (64 - kRecentBits)];
+}
+
 Directory *findDirectory(uint64_t id) {
+  std::atomic<Directory *> &recent = recentPlace(id);
+  Directory *directory = recent.load(std::memory_order_acquire);
+  if (directory != nullptr && directory->id == id) {
+    return directory;
+  }
   zov_syncEnterExcl(dirMutex);
-  Directory *directory = dirTable.find(id);
+  directory = dirTable.find(id);
   zov_syncExitExcl(dirMutex);
+  if (directory != nullptr) {
+    recent.store(directory, std::memory_order_release);
+  }
   return directory;
+}
+
+void forgetDirectories() {
+  allDirectories = nullptr;
+  dirTable.clear();
+  for (std::atomic<Directory *> &recent : recentDirectories) {
+    recent.store(nullptr, std::memory_order_relaxed);
+  }
 }
 
 // Puts a directory into the table unless another thread was faster. Gives the
@@ -230,8 +258,7 @@ Directory *zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32
 
 int32_t zov::directoriesInit() {
   dirMutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-  dirTable.clear();
-  allDirectories = nullptr;
+  forgetDirectories();
   return dirMutex == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
 }
 
@@ -243,8 +270,7 @@ void zov::directoriesTerm() {
     allDirectories = directory->next;
     freeDirectory(directory);
   }
-  allDirectories = nullptr;
-  dirTable.clear();
+  forgetDirectories();
   zov_syncDelete(dirMutex);
   dirMutex = ZOV_NO_SYNC;
 }
