@@ -227,11 +227,11 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
 int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
   const zov::NoJump noJump;
   const char *stripped = zov_pathStripDrive(path);
-  const zov::PathCopy copy(stripped, strlen(stripped));
-  if (copy.get() == nullptr) {
+  const zov::NormalPath normal(stripped, strlen(stripped));
+  if (normal.get() == nullptr) {
     return 0;
   }
-  const bool directory = zov::openMemSubdir(copy.get(), 0) != nullptr;
+  const bool directory = zov::openMemSubdir(normal, 0) != nullptr;
   if (!directory && !isFile(path)) {
     return 0;
   }

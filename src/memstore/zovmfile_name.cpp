@@ -136,7 +136,7 @@ int32_t compareExtraName(const Cursor &cursor, const NameKey &key, const DirEntr
 
 }  // namespace
 
-zov::NameKey::NameKey(const char *name) : text(name), length(strlen(name)), first{} {
+zov::NameKey::NameKey(const char *name, size_t bytes) : text(name), length(bytes), first{} {
   memcpy(first, name, std::min<size_t>(length, kEntryNameBytes));
 }
 

@@ -84,6 +84,20 @@ bool endComponent(const char *path, size_t &length, Component state, bool last) 
   }
 }
 
+// Whether a path is its own normal form. A component that begins with a dot is
+// left to normalizePath().
+bool isNormal(const char *path, size_t length) {
+  bool begun = false;  // a component; a path may begin with one or a separator
+  for (size_t at = 0; at < length; ++at) {
+    const char byte = path[at];
+    if (byte == '\\' || (!begun && at > 0 && byte == '/') || (!begun && byte == '.')) {
+      return false;
+    }
+    begun = byte != '/';
+  }
+  return true;
+}
+
 size_t trimmedLength(const char *path, size_t length) {
   while (length > 0 && isSeparator(path[length - 1])) {
     --length;
@@ -94,8 +108,7 @@ size_t trimmedLength(const char *path, size_t length) {
 // The directory part of a file's path: absolute, and null when that fails.
 Directory *openParent(const char *path, size_t length) {
   if (path[0] == '/') {
-    const zov::PathCopy parent(path, length);
-    return parent.get() == nullptr ? nullptr : zov::openMemSubdir(parent.get(), O_CREAT);
+    return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT);
   }
   char *relative =
       static_cast<char *>(zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
@@ -111,6 +124,18 @@ Directory *openParent(const char *path, size_t length) {
   }
   zov_freeMem(absolute, ZOV_DEFAULT_TAG);
   return directory;
+}
+
+const char *skipSlashes(const char *path, const char *end) {
+  while (path != end && *path == '/') {
+    ++path;
+  }
+  return path;
+}
+
+const char *componentEnd(const char *path, const char *end) {
+  const void *slash = memchr(path, '/', static_cast<size_t>(end - path));
+  return slash == nullptr ? end : static_cast<const char *>(slash);
 }
 
 const char *lastComponent(const char *path) {
@@ -147,8 +172,13 @@ bool zov::normalizePath(char *path) {
   return resolved;
 }
 
-zov::PathCopy::PathCopy(const char *path, size_t length) {
+zov::NormalPath::NormalPath(const char *path, size_t length) {
   length = trimmedLength(path, length);
+  if (isNormal(path, length)) {
+    text_ = path;
+    length_ = length;
+    return;
+  }
   char *text = short_;
   if (length >= sizeof short_) {
     long_ = static_cast<char *>(
@@ -161,24 +191,24 @@ zov::PathCopy::PathCopy(const char *path, size_t length) {
   memcpy(text, path, length);
   text[length] = '\0';
   if (normalizePath(text)) {
-    text[trimmedLength(text, strlen(text))] = '\0';
     text_ = text;
+    length_ = trimmedLength(text, strlen(text));
   }
 }
 
-zov::PathCopy::~PathCopy() {
+zov::NormalPath::~NormalPath() {
   zov_freeMem(long_, ZOV_DEFAULT_TAG);
 }
 
-Directory *zov::openMemSubdir(char *path, uint32_t flags) {
-  Directory *directory = openSubdir(zov_segRootId());
-  char *name = path + strspn(path, "/");
-  while (directory != nullptr && *name != '\0') {
-    char *end = name + strcspn(name, "/");
-    char *following = end + strspn(end, "/");
-    const bool last = *following == '\0';
-    *end = '\0';
-    const NameKey key(name);
+Directory *zov::openMemSubdir(const NormalPath &path, uint32_t flags) {
+  Directory *directory = path.get() == nullptr ? nullptr : openSubdir(zov_segRootId());
+  const char *pathEnd = path.get() + path.length();
+  const char *name = skipSlashes(path.get(), pathEnd);
+  while (directory != nullptr && name != pathEnd) {
+    const char *nameEnd = componentEnd(name, pathEnd);
+    const char *following = skipSlashes(nameEnd, pathEnd);
+    const bool last = following == pathEnd;
+    const NameKey key(name, static_cast<size_t>(nameEnd - name));
     const ZOV_SEG seg = directory->tree.seg;
     zov_segLock(seg);
     directory = openSubdirInSubdir(*directory, key, last ? flags : O_CREAT);

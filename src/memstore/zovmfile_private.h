@@ -61,27 +61,29 @@ void directoriesTerm();
 // out of a relative path. A "/." at the end stays as it is.
 bool normalizePath(char *path);
 
-// A copy of a path that is normalised and has no separator at its end. Paths of
-// usual length need no allocation.
-class PathCopy {
+// A path that is normalised and has no separator at its end: the caller's own
+// bytes if they are, else a copy. Copies of usual length need no allocation.
+class NormalPath {
  public:
-  PathCopy(const char *path, size_t length);
-  ~PathCopy();
-  PathCopy(const PathCopy &) = delete;
-  PathCopy &operator=(const PathCopy &) = delete;
+  NormalPath(const char *path, size_t length);
+  ~NormalPath();
+  NormalPath(const NormalPath &) = delete;
+  NormalPath &operator=(const NormalPath &) = delete;
 
   // Null when the path cannot be normalised or memory is short.
-  char *get() const { return text_; }
+  const char *get() const { return text_; }
+  size_t length() const { return length_; }
 
  private:
   char short_[512];
   char *long_ = nullptr;
-  char *text_ = nullptr;
+  const char *text_ = nullptr;
+  size_t length_ = 0;
 };
 
-// Opens a directory by its normalised path, which is used up. The directories
-// above it are made if they are missing, itself with O_CREAT.
-Directory *openMemSubdir(char *path, uint32_t flags);
+// Opens a directory by its normalised path. The directories above it are made if
+// they are missing, itself with O_CREAT.
+Directory *openMemSubdir(const NormalPath &path, uint32_t flags);
 
 // What a path leads to: a name in a directory, and perhaps an entry.
 struct Target {

@@ -82,13 +82,12 @@ void close_slots(TreeNode &node, uint32_t slot) {
   --node.count;
 }
 
-// The first slot whose name is not below the key, by the eight bytes from `at`
+// The first slot whose name is not below a word, by the eight bytes from `at`
 // on. Looks at every eighth name and then at those before the first that is not
 // below: no step waits for the name of the one before, which in a large
 // directory comes from afar, and no branch depends on a name.
-uint32_t skipLower(const TreeSlot *slots, uint32_t count, const NameKey &key, uint32_t at) {
+uint32_t skipLower(const TreeSlot *slots, uint32_t count, uint64_t word, uint32_t at) {
   constexpr uint32_t kStride = 8;
-  const uint64_t word = orderedWord(key.first + at);
   const auto below = [=](uint32_t slot) { return orderedWord(slots[slot].entry.name + at) < word; };
   uint32_t from = 0;
   for (uint32_t slot = kStride - 1; slot < count; slot += kStride) {
@@ -121,10 +120,14 @@ uint32_t sharedBytes(const DirEntry &low, const DirEntry &high) {
 int32_t node_search(const Cursor &cursor, const TreeNode &node, const NameKey &key, uint32_t shared,
                     uint16_t &slot) {
   const TreeSlot *slots = node.slots();
-  int32_t low = static_cast<int32_t>(skipLower(slots, node.count, key, shared));
+  const uint64_t word = orderedWord(key.first + shared);
+  int32_t low = static_cast<int32_t>(skipLower(slots, node.count, word, shared));
   int32_t high = node.count - 1;
-  // Mostly one comparison is left: the name itself, or one above it. It is a
-  // binary search for names that differ further behind.
+  if (low > high || orderedWord(slots[low].entry.name + shared) != word) {
+    high = low - 1;  // the names from low on are above the key
+  }
+  // Mostly one name is left, the key's own. It is a binary search for names that
+  // differ further behind.
   for (int32_t middle = low; low <= high; middle = (low + high) / 2) {
     const int32_t order = zov::compareName(cursor, key, slots[middle].entry);
     if (order == 0) {

@@ -154,9 +154,10 @@ inline uint64_t orderedWord(const char *bytes) {
 
 // A name that is looked for.
 struct NameKey {
-  explicit NameKey(const char *name);
+  explicit NameKey(const char *name) : NameKey(name, strlen(name)) {}
+  NameKey(const char *name, size_t length);
 
-  const char *text;
+  const char *text;  // not ended by a NUL
   size_t length;
   char first[24];  // what stands in an entry, and zeros, as in an entry
 };

@@ -91,8 +91,7 @@ extern "C" {
 ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
   const zov::NoJump noJump;
   const char *path = zov_pathStripDrive(directory);
-  const zov::PathCopy copy(path, strlen(path));
-  Directory *opened = copy.get() == nullptr ? nullptr : zov::openMemSubdir(copy.get(), 0);
+  Directory *opened = zov::openMemSubdir(zov::NormalPath(path, strlen(path)), 0);
   if (opened == nullptr) {
     return nullptr;
   }
