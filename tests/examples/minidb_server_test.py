@@ -141,6 +141,15 @@ class ServerTest(ProgramTest):
         self.stop_server(server)
         self.assertEqual(self.kept(), {"a": "1", "b": "2"})
 
+    def test_clients_beyond_the_descriptors_wait(self):
+        server = self.start_server(preexec_fn=lambda: resource.setrlimit(
+            resource.RLIMIT_NOFILE, (16, 16)))
+        clients = [self.connect() for _ in range(30)]
+        for client in clients:  # each one that leaves lets another in
+            self.assertEqual(client.ask("count"), ([(b"R", "0")], True))
+            client.socket.close()
+        self.stop_server(server)
+
     def test_client_tells_what_is_wrong_with_the_server(self):
         with socket.socket(socket.AF_UNIX) as listener:
             listener.bind(self.socket)

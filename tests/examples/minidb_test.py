@@ -189,6 +189,11 @@ class MinidbTest(StatementTests, ProgramTest):
                 (["--connect", self.path("no"), "count"], 1, "cannot connect"),
                 (["--log", self.path("no/log"), "count"], 1, "cannot create")]:
             self.assertIn(message, self.run_minidb(*words, status=status)[1])
+        with open("/proc/self/mem", "rb") as unreadable:
+            done = subprocess.run(self.minidb(), stdin=unreadable, capture_output=True,
+                                  cwd=self.folder)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"cannot read", done.stderr)
         self.assertEqual(self.dumped(), {"a": "1"})
         self.assertEqual(self.read("text"), "x" * 5000)
 

@@ -95,35 +95,58 @@ bool runThere(void *context, Text query, Position position) {
 
 constexpr Position kStart = {1, 1};
 
-// Runs what standard input holds, as far as each statement has come.
+// Standard input on its way to be statements.
+struct Input {
+  minidb::LineReader reader;
+  Buffer query;       // the lines since the last statement that ended with its line
+  Position position;  // of the first of them
+  int32_t lines;      // all that were read
+};
+
+enum class Taken { kLine, kEnd, kFailed };
+
+// Adds the next line to the query. A failure is reported.
+Taken takeLine(Input &input) {
+  const char *line = minidb::readLine(input.reader);
+  if (line == nullptr && zov_errno() != 0) {
+    minidb::cannot("read", "stdin");
+    return Taken::kFailed;
+  }
+  if (line == nullptr) {
+    return Taken::kEnd;
+  }
+  ++input.lines;
+  return minidb::appendText(input.query, ZOV_DEFAULT_TAG, minidb::textOf(line)) &&
+                 minidb::appendBytes(input.query, ZOV_DEFAULT_TAG, "\n", 1)
+             ? Taken::kLine
+             : Taken::kFailed;
+}
+
+// Runs what standard input holds, as far as each statement has come. What is left
+// when reading fails is not run.
 bool runInput(const Runner &runner) {
-  minidb::LineReader reader = {};
-  reader.stream = zov_fopen_std("stdin");
-  if (reader.stream == nullptr) {
+  Input input = {{}, {}, kStart, 0};
+  input.reader.stream = zov_fopen_std("stdin");
+  if (input.reader.stream == nullptr) {
     return minidb::cannot("read", "stdin");
   }
-  Buffer query = {};
-  Position position = kStart;
-  int32_t lines = 0;
   bool succeeded = true;
-  const char *line = nullptr;
-  do {
-    line = minidb::readLine(reader);
-    if (line != nullptr) {
-      ++lines;
-      succeeded = minidb::appendText(query, ZOV_DEFAULT_TAG, minidb::textOf(line)) &&
-                  minidb::appendBytes(query, ZOV_DEFAULT_TAG, "\n", 1) && succeeded;
-    }
-    if (query.length > 0 && (line == nullptr || minidb::endsStatement(minidb::textOf(query)))) {
-      succeeded = runner.run(runner.context, minidb::textOf(query), position) && succeeded;
+  Taken taken = Taken::kLine;
+  while (taken == Taken::kLine) {
+    taken = takeLine(input);
+    const Text query = minidb::textOf(input.query);
+    const bool whole =
+        taken == Taken::kEnd || (taken == Taken::kLine && minidb::endsStatement(query));
+    if (whole && query.length > 0) {
+      succeeded = runner.run(runner.context, query, input.position) && succeeded;
       zov_flush();
-      query.length = 0;
-      position.line = lines + 1;
+      input.query.length = 0;
+      input.position.line = input.lines + 1;
     }
-  } while (line != nullptr);
-  zov_freeMem(query.bytes, ZOV_DEFAULT_TAG);
-  minidb::closeReader(reader);
-  return succeeded;
+  }
+  zov_freeMem(input.query.bytes, ZOV_DEFAULT_TAG);
+  minidb::closeReader(input.reader);
+  return succeeded && taken == Taken::kEnd;
 }
 
 // Words of the language that are more than a plain word are put in quotes.

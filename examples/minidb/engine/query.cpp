@@ -22,7 +22,8 @@ struct Query {
   Session *session;
   Lexer lexer;
   ZOV_TAG tag;
-  bool closed;  // the semicolon behind the last statement was delivered
+  bool closed;   // the semicolon behind the last statement was delivered
+  bool stopped;  // a token could not be had for want of memory
   bool succeeded;
 };
 
@@ -36,6 +37,10 @@ int16_t nextToken(void *context, void *place) {
   value.token = scanToken(query.lexer);
   if (value.token.number == query_WORD || value.token.number == query_STRING) {
     value.text = unquote(value.token, query.tag);
+    if (value.text.bytes == nullptr) {
+      query.stopped = true;
+      return 0;
+    }
   } else if (value.token.number == 0 && !query.closed) {
     value.token.number = ';';
     query.closed = true;
@@ -159,7 +164,7 @@ int16_t perform(void *context, void *lastValue, int32_t rule, void *place) {
 }  // namespace
 
 bool runQuery(Session &session, Text text, Position position) {
-  Query query = {&session, {text.bytes, text.bytes + text.length, position}, 0, false, true};
+  Query query = {&session, {text.bytes, text.bytes + text.length, position}, 0, false, false, true};
   query.tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
   const ZOV_PARSE_CONTEXT context = {
       .valueSize = sizeof(Value),
@@ -172,7 +177,13 @@ bool runQuery(Session &session, Text text, Position position) {
   };
   const int32_t status = zov_yyparse(&context);
   zov_freeTagMemory(query.tag, 1);
-  return status == 0 && query.succeeded;
+  // Mistakes were reported; what else ends a parse early is want of memory.
+  if (query.stopped || (status != 0 && query.succeeded)) {
+    say(session, Item::kError, "the query was not read to its end: memory is short");
+    failTransaction(session);
+    return false;
+  }
+  return query.succeeded;
 }
 
 }  // namespace minidb

@@ -31,6 +31,7 @@ struct Service {
   int32_t workers;      // those that run
   Connection *clients;  // all of them, the latest first
   uint32_t clientCount;
+  bool full;      // the last client found no descriptor; until another one leaves
   Buffer polled;  // a pollfd for the waker, one for the listener, one a client at rest
 };
 
@@ -104,6 +105,8 @@ void acceptClient(Service &service) {
   const int socket = accept4(service.listener, nullptr, nullptr, SOCK_CLOEXEC);
   if (socket >= 0) {
     addClient(service, socket);
+  } else {
+    service.full = zov_errno() == EMFILE || zov_errno() == ENFILE;
   }
 }
 
@@ -133,6 +136,7 @@ void closeFailed(Service &service) {
     }
     *place = connection->next;
     --service.clientCount;
+    service.full = false;
     closeConnection(connection);
   }
 }
@@ -147,7 +151,9 @@ bool addPolled(Service &service, int socket) {
 bool collectPolled(Service &service) {
   service.polled.length = 0;
   // Clients too many wait to be accepted: a descriptor below 0 is not polled.
-  const int listener = service.clientCount < kMaxClients ? service.listener : -1;
+  const bool accepts =
+      service.clientCount < kMaxClients && (!service.full || service.clientCount == 0);
+  const int listener = accepts ? service.listener : -1;
   bool collected = addPolled(service, wakers[0]) && addPolled(service, listener);
   for (const Connection *client = service.clients; client != nullptr; client = client->next) {
     collected = collected && (client->busy || addPolled(service, client->peer.socket));
