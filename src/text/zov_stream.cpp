@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include "core/zov_private.h"
 #include "text/zov_stream_private.h"
 
 namespace {
@@ -115,24 +116,60 @@ void checkForBOM(TextStream &stream) {
   stream.encoding = tellsNothing ? stream.encoding : ZOV_ENC_BYTES;
 }
 
-// A stream over a newly opened file, or null. errno tells why a file could not
-// be opened.
-TextStream *newStream(const char *name, bool isStandard, uint32_t openFlags, uint32_t options) {
-  void *memory = zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-  TextStream *stream = static_cast<TextStream *>(memory);
+TextStream *newStream() {
+  return static_cast<TextStream *>(
+      zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+}
+
+// Opens what a name stands for under an empty stream, which it releases when
+// that fails. errno tells why.
+TextStream *openFile(TextStream *stream, const char *name, bool isStandard, uint32_t openFlags,
+                     uint32_t options) {
   if (stream == nullptr) {
     return nullptr;
   }
-  if (!zov::fileCacheOpen(stream->cache, name, isStandard, openFlags, options)) {
+  const ZOV_FILE handle = zov_fileOpen(name, openFlags | O_CLOEXEC, options);
+  if (handle == nullptr) {
     const int openError = errno;
     zov_freeMem(stream, ZOV_DEFAULT_TAG);
     errno = openError;
     return nullptr;
   }
+  zov::fileCacheOpen(stream->cache, handle, isStandard, openFlags);
   return stream;
 }
 
+// Decides the encoding of a stream whose file stands at its start.
+void begin(TextStream &stream, bool isWriting, int32_t encoding) {
+  stream.encoding = isWriting && encoding == 0 ? ZOV_ENC_BYTES : encoding;
+  if (isWriting) {
+    writeBOM(stream);
+  } else {
+    checkForBOM(stream);
+  }
+}
+
 }  // namespace
+
+ZOV_STREAM zov::streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding) {
+  OpenMode parsed;
+  if (!parseMode(mode, parsed)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  TextStream *stream = nullptr;
+  {
+    const NoJump noJump;
+    stream = newStream();
+  }
+  if (stream == nullptr) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  fileCacheOpen(stream->cache, handle, false, parsed.openFlags);
+  begin(*stream, parsed.writing, encoding);
+  return stream;
+}
 
 extern "C" {
 
@@ -146,21 +183,15 @@ ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uin
     return nullptr;
   }
   TextStream *stream =
-      newStream(name, isStandardName(name), parsed.openFlags, options & kOptionBits);
-  if (stream == nullptr) {
-    return nullptr;
-  }
-  stream->encoding = parsed.writing && encoding == 0 ? ZOV_ENC_BYTES : encoding;
-  if (parsed.writing) {
-    writeBOM(*stream);
-  } else {
-    checkForBOM(*stream);
+      openFile(newStream(), name, isStandardName(name), parsed.openFlags, options & kOptionBits);
+  if (stream != nullptr) {
+    begin(*stream, parsed.writing, encoding);
   }
   return stream;
 }
 
 ZOV_STREAM zov_fopen_std(const char *name) {
-  TextStream *stream = newStream(name, true, O_RDONLY, 0);
+  TextStream *stream = openFile(newStream(), name, true, O_RDONLY, 0);
   if (stream != nullptr) {
     stream->encoding = ZOV_ENC_BYTES;
   }

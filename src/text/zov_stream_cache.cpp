@@ -99,17 +99,12 @@ bool reposition(FileCache &cache) {
 
 }  // namespace
 
-bool fileCacheOpen(FileCache &cache, const char *name, bool isStandard, uint32_t openFlags,
-                   uint32_t options) {
-  cache.handle = zov_fileOpen(name, openFlags, options);
-  if (cache.handle == nullptr) {
-    return false;
-  }
+void fileCacheOpen(FileCache &cache, ZOV_FILE handle, bool isStandard, uint32_t openFlags) {
+  cache.handle = handle;
   cache.writeOnly = (openFlags & O_ACCMODE) == O_WRONLY ? 1 : 0;
   if (!isStandard) {
-    cache.length = static_cast<uint64_t>(std::max<int64_t>(zov_fileLength(cache.handle), 0));
+    cache.length = static_cast<uint64_t>(std::max<int64_t>(zov_fileLength(handle), 0));
   }
-  return true;
 }
 
 void fileCacheClose(FileCache &cache) {

@@ -38,10 +38,9 @@ inline uint64_t offsetInBlock(const FileCache &cache) {
   return cache.position - cache.base;
 }
 
-// Opens the handle under an empty block. The end of a standard stream's file is
-// not asked for. The cache comes zero-filled.
-bool fileCacheOpen(FileCache &cache, const char *name, bool isStandard, uint32_t openFlags,
-                   uint32_t options);
+// Puts a zero-filled cache on a handle, which it owns from then on. The end of a
+// standard stream's file is not asked for.
+void fileCacheOpen(FileCache &cache, ZOV_FILE handle, bool isStandard, uint32_t openFlags);
 
 // Sends what is left to the handle and closes it.
 void fileCacheClose(FileCache &cache);
@@ -97,6 +96,12 @@ struct TextStream {
 };
 
 namespace zov {
+
+// zov_fopen() on a file that is open already and stands at its start; the mode
+// must fit how it was opened. The stream owns the handle. Null, with errno, for
+// a bad mode or without memory: the handle is then still the caller's. Never
+// jumps.
+ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding);
 
 // How the reading of a line ended.
 enum class LineEnd : uint8_t {

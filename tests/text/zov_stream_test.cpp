@@ -2,10 +2,12 @@
 //
 // Text streams: marks, modes and codecs by table, a random walk beside a
 // model, and what fails: writes, allocations, opening.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 
 #include "support/alloc_failure.h"
+#include "text/zov_stream_private.h"
 #include "text/zov_stream_walk.h"
 
 using std::string;
@@ -166,6 +168,21 @@ TEST_F(Stream, FailedWritesAreToldAndTriedAgain) {
   EXPECT_EQ(zov_fputs(string(3000, 'x').c_str(), stream), 3000) << "dropped by the flag";
   zov_fclose(stream);
   EXPECT_EQ(file.contents().size(), 1625u);
+}
+
+// A handle stays its owner's until a stream is there.
+TEST_F(Stream, OpensOnAHandle) {
+  ASSERT_TRUE(file.fill("\xFF\xFEx\0"s));
+  const ZOV_FILE handle = zov_fileOpen(file.path.c_str(), O_RDONLY, 0);
+  EXPECT_EQ(zov::streamOpenOn(handle, "rb", 0), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  zovtest::failAllocationAfter(0);
+  EXPECT_EQ(zov::streamOpenOn(handle, "r", 0), nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_TRUE(zovtest::stopFailing());
+  const ZOV_STREAM stream = zov::streamOpenOn(handle, "r", 0);
+  EXPECT_EQ(readAll(stream), "x");
+  zov_fclose(stream);
 }
 
 TEST_F(Stream, StandardStreams) {
