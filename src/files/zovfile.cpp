@@ -36,6 +36,7 @@
 #include <new>
 
 #include "core/zov_private.h"
+#include "files/zovfile_private.h"
 #include "files/zovunix_private.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
@@ -62,9 +63,7 @@ constexpr uint32_t kWriteFlags = O_WRONLY | O_RDWR | O_CREAT;
 // The tag of every handle, from start-up to shut-down.
 ZOV_TAG fileTag = ZOV_NO_TAG;
 
-bool isInMemory(uint32_t typeFlags) {
-  return (typeFlags & ZOV_FILE_MEMORY) != 0;
-}
+using zov::isInMemory;
 
 // Disk files are not written under the read-only flag; standard streams are.
 bool isWriteProtected(const FileHandle &file) {
@@ -263,6 +262,24 @@ void unlockFile(FileHandle &file) {
 }
 
 }  // namespace
+
+ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
+  FileHandle *file = newHandle(path, O_RDWR, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  const int opened = openNewFile(path);
+  if (opened < 0) {
+    cleanupFile(file);
+    return nullptr;
+  }
+  file->fd = static_cast<uint64_t>(opened);
+  return file;
+}
+
+int zov::descriptorOf(const FileHandle &file) {
+  return nativeOf(file.fd);
+}
 
 extern "C" {
 

@@ -32,20 +32,29 @@ EntryName entryName(const char *path) {
   return {path + begin, end - begin};
 }
 
-// The directory that a path's last component stands in. Fails for a path that
-// the system would not take either.
-bool statParent(const char *path, EntryName name, struct stat *result) {
-  char directory[PATH_MAX];
+bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
   const size_t length = static_cast<size_t>(name.text - path);
   if (length >= sizeof directory) {
     return false;
   }
   memcpy(directory, path, length);
   directory[length] = '\0';
-  return stat(length == 0 ? "." : directory, result) == 0;
+  if (length == 0) {
+    strcpy(directory, ".");
+  }
+  return true;
+}
+
+bool statParent(const char *path, EntryName name, struct stat *result) {
+  char directory[PATH_MAX];
+  return copyParent(path, name, directory) && stat(directory, result) == 0;
 }
 
 }  // namespace
+
+bool zov::parentOf(const char *path, char (&directory)[PATH_MAX]) {
+  return copyParent(path, entryName(path), directory);
+}
 
 bool zov::isSameFile(const char *first, const char *second) {
   struct stat firstFile;

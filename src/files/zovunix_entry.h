@@ -1,10 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether two paths on disk mean the same thing.
+// What paths on disk mean: their directory, and whether two mean the same thing.
 #ifndef ZOV_FILES_ZOVUNIX_ENTRY_H
 #define ZOV_FILES_ZOVUNIX_ENTRY_H
 
+#include <limits.h>
+
 namespace zov {
+
+// The directory that a path's last component stands in: the path up to it, or
+// "." where there is no more. False for a path that the system would not take
+// either.
+bool parentOf(const char *path, char (&directory)[PATH_MAX]);
 
 // True when both paths exist and lead to one file, links not followed: they are
 // one entry, or links of one file.

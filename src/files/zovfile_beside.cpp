@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What it takes to put a new file in the place of an old one on disk: the new
+// one is made beside it, readable by its owner alone; gets its permission bits
+// once it is whole; is closed with an ear for lost bytes; and its directory is
+// synced when it has its name.
+//
+// No locks, no state, no memory from a tag: nothing jumps.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "files/zovfile_private.h"
+#include "files/zovunix_entry.h"
+
+namespace {
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr mode_t kEverybody = 0777;
+constexpr mode_t kGroupBits = 0070;
+
+// Syncs an open directory and closes it. The status is that of the sync.
+int32_t syncAndClose(int directory) {
+  const bool synced = fsync(directory) == 0 || errno == EINVAL;
+  const int error = errno;
+  close(directory);
+  errno = error;
+  return synced ? ZOV_OKAY : ZOV_ERROR;
+}
+
+// The bits that remain for a file of another group than the one they were for.
+// Members of that group now count among the others.
+mode_t forForeignGroup(mode_t mode) {
+  const mode_t groupAsOthers = (mode & kGroupBits) >> 3;
+  return mode & ~kGroupBits & (~static_cast<mode_t>(07) | groupAsOthers);
+}
+
+}  // namespace
+
+int zov::openNewFile(const char *path) {
+  return open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
+}
+
+bool zov::closesWhole(ZOV_FILE file) {
+  errno = 0;
+  zov_fileClose(file);
+  return errno == 0;
+}
+
+int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {
+  if ((typeFlags & (ZOV_FILE_MEMORY | ZOV_FILE_NOSYNC)) != 0) {
+    return ZOV_OKAY;
+  }
+  char directory[PATH_MAX];
+  if (!parentOf(path, directory)) {
+    errno = ENAMETOOLONG;
+    return ZOV_ERROR;
+  }
+  const int opened = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (opened < 0) {
+    return errno == EACCES ? ZOV_OKAY : ZOV_ERROR;
+  }
+  return syncAndClose(opened);
+}
+
+int32_t zov::giveMode(int descriptor, mode_t mode, gid_t group) {
+  struct stat own;
+  if (fstat(descriptor, &own) != 0) {
+    return ZOV_ERROR;
+  }
+  const mode_t given = own.st_gid == group ? mode : forForeignGroup(mode);
+  return fchmod(descriptor, given) == 0 ? ZOV_OKAY : ZOV_ERROR;
+}
+
+// umask() tells the bits only by setting others, and between two calls of it
+// another thread would make files under those. The kernel shows them here, in
+// one of the first lines.
+mode_t zov::deniedBits() {
+  const int status = open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
+  if (status < 0) {
+    return kEverybody;
+  }
+  char text[256];
+  const ssize_t count = read(status, text, sizeof text - 1);
+  close(status);
+  text[count < 0 ? 0 : count] = '\0';
+  const char key[] = "\nUmask:\t";
+  const char *line = strstr(text, key);
+  return line == nullptr ? kEverybody
+                         : static_cast<mode_t>(strtoul(line + sizeof key - 1, nullptr, 8));
+}
