@@ -21,11 +21,6 @@
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
 
-struct MemFile {
-  uint64_t position;  // where zov_mfRead() and zov_mfWrite() go on
-  ZOV_SEG seg;
-};
-
 namespace {
 
 using zov::Target;
@@ -104,10 +99,15 @@ ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags) {
 }
 
 void zov_mfClose(ZOV_MFILE file) {
-  if (file != nullptr) {
-    zov_segClose(file->seg);
-    zov_freeMem(file, ZOV_DEFAULT_TAG);
+  if (file == nullptr) {
+    return;
   }
+  if (file->draftId == 0) {
+    zov_segClose(file->seg);
+  } else {
+    zov_segRemove(file->seg);
+  }
+  zov_freeMem(file, ZOV_DEFAULT_TAG);
 }
 
 int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence) {
@@ -212,9 +212,6 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
   const zov::NoJump noJump;
   const Target renamed(newPath);
   Target target(oldPath);
-  if (renamed.key.length == 0) {
-    return ZOV_ERROR;
-  }
   int32_t status = zov::handleFullPath(target, 0, zov::kTypeAny);
   if (status != ZOV_OKAY) {
     return status;
@@ -226,8 +223,7 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
 
 int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
   const zov::NoJump noJump;
-  const char *stripped = zov_pathStripDrive(path);
-  const zov::NormalPath normal(stripped, strlen(stripped));
+  const zov::NormalPath normal = zov::directoryPath(path);
   if (normal.get() == nullptr) {
     return 0;
   }

@@ -15,6 +15,7 @@
 // Nothing jumps: callers hold jumps off.
 #include <errno.h>
 #include <fcntl.h>
+#include <string.h>
 
 #include <atomic>
 
@@ -126,29 +127,24 @@ Directory *newDirectory(uint64_t id) {
   return directory;
 }
 
+int32_t failWith(int error) {
+  errno = error;
+  return ZOV_ERROR;
+}
+
 // Stores what an entry needs outside its node, and reserves so many nodes for
 // the insertion.
 int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
-  if (key.length > zov::kLongestName || zov::setName(cursor, entry, key) != ZOV_OKAY) {
-    return ZOV_ERROR;
+  if (key.length > zov::kLongestName) {
+    return failWith(ENAMETOOLONG);
+  }
+  if (zov::setName(cursor, entry, key) != ZOV_OKAY) {
+    return failWith(ENOMEM);
   }
   if (zov::reserveNodes(cursor, nodes) != ZOV_OKAY) {
     zov::removeName(cursor, entry);
-    return ZOV_ERROR;
+    return failWith(ENOMEM);
   }
-  return ZOV_OKAY;
-}
-
-int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
-                         uint16_t type) {
-  DirEntry entry = {};
-  entry.fileId = id;
-  entry.type = type;
-  if (secureEntry(cursor, entry, key, zov::nodesToInsert(cursor)) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  ++directory.changes;
-  zov::insertEntry(cursor, entry);
   return ZOV_OKAY;
 }
 
@@ -174,6 +170,7 @@ Directory *zov::openSubdir(uint64_t id) {
   }
   directory = newDirectory(id);
   if (directory == nullptr) {
+    errno = ENOMEM;
     return nullptr;
   }
   Directory *known = publish(directory);
@@ -198,9 +195,30 @@ int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t 
   }
   const DirEntry &entry = readEntryInSubdir(cursor);
   if (type != kTypeAny && type != entry.type) {
-    return ZOV_ERROR;
+    return failWith(type == kTypeDirectory ? ENOTDIR : EISDIR);
   }
   id = entry.fileId;
+  return ZOV_OKAY;
+}
+
+bool zov::isDots(const NameKey &key) {
+  return key.length <= 2 && memcmp(key.text, "..", key.length) == 0;
+}
+
+bool zov::mayBeNewName(const NameKey &key) {
+  return !isDots(key) && memchr(key.text, '\\', key.length) == nullptr;
+}
+
+int32_t zov::addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
+                              uint16_t type) {
+  DirEntry entry = {};
+  entry.fileId = id;
+  entry.type = type;
+  if (secureEntry(cursor, entry, key, nodesToInsert(cursor)) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  ++directory.changes;
+  insertEntry(cursor, entry);
   return ZOV_OKAY;
 }
 
@@ -208,7 +226,7 @@ int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
                                  uint16_t type, uint64_t &id) {
   id = zov_segNextId();
   if (id == 0) {
-    return ZOV_ERROR;
+    return failWith(ENOMEM);
   }
   const int32_t status = addEntryInSubdir(directory, cursor, key, id, type);
   if (status != ZOV_OKAY) {
@@ -223,10 +241,18 @@ void zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
   compress_node(cursor);
 }
 
+void zov::replaceFileInSubdir(const Cursor &cursor, uint64_t id) {
+  const PathElement &place = cursor.path[cursor.depth];
+  nodeAt(cursor, place.node).slots()[place.slot].entry.fileId = id;
+}
+
 int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
+  if (isDots(newKey)) {
+    return failWith(EINVAL);
+  }
   Cursor place = cursorOf(directory);
   if (locate(place, newKey) != ZOV_NOTFOUND) {
-    return ZOV_ERROR;
+    return failWith(EEXIST);
   }
   const DirEntry &old = readEntryInSubdir(cursor);
   DirEntry entry = {};

@@ -184,3 +184,7 @@ int32_t zov::compareName(const Cursor &cursor, const NameKey &key, const DirEntr
   }
   return keyGoesOn - entryGoesOn;
 }
+
+bool zov::isSameName(const NameKey &first, const NameKey &second) {
+  return first.length == second.length && compareFolded(first.text, second.text, first.length) == 0;
+}

@@ -5,9 +5,10 @@
 // look-up of the next one and no longer.
 //
 // Only the directory part of a file's path is normalised; its last component is
-// a name as it stands.
+// a name as it stands, but "." and "..", which are no names of files.
 //
 // Nothing jumps: callers hold jumps off.
+#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 
@@ -105,7 +106,8 @@ size_t trimmedLength(const char *path, size_t length) {
   return length;
 }
 
-// The directory part of a file's path: absolute, and null when that fails.
+// The directory of a file by the part of its path up to the last separator: with
+// that, so that a "." before it vanishes as any other.
 Directory *openParent(const char *path, size_t length) {
   if (path[0] == '/') {
     return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT);
@@ -136,6 +138,18 @@ const char *skipSlashes(const char *path, const char *end) {
 const char *componentEnd(const char *path, const char *end) {
   const void *slash = memchr(path, '/', static_cast<size_t>(end - path));
   return slash == nullptr ? end : static_cast<const char *>(slash);
+}
+
+// Makes the entry of a file that was looked up and not found.
+int32_t createFile(zov::Target &target) {
+  if (zov::isDots(target.key)) {
+    errno = EISDIR;
+    return ZOV_ERROR;
+  }
+  const int32_t status = zov::createEntryInSubdir(*target.directory, target.cursor, target.key,
+                                                  zov::kTypeFile, target.id);
+  target.created = status == ZOV_OKAY;
+  return status;
 }
 
 const char *lastComponent(const char *path) {
@@ -173,10 +187,9 @@ bool zov::normalizePath(char *path) {
 }
 
 zov::NormalPath::NormalPath(const char *path, size_t length) {
-  length = trimmedLength(path, length);
   if (isNormal(path, length)) {
     text_ = path;
-    length_ = length;
+    length_ = trimmedLength(path, length);
     return;
   }
   char *text = short_;
@@ -186,18 +199,26 @@ zov::NormalPath::NormalPath(const char *path, size_t length) {
     text = long_;
   }
   if (text == nullptr) {
+    errno = ENOMEM;
     return;
   }
   memcpy(text, path, length);
   text[length] = '\0';
-  if (normalizePath(text)) {
-    text_ = text;
-    length_ = trimmedLength(text, strlen(text));
+  if (!normalizePath(text)) {
+    errno = ENOENT;
+    return;
   }
+  text_ = text;
+  length_ = trimmedLength(text, strlen(text));
 }
 
 zov::NormalPath::~NormalPath() {
   zov_freeMem(long_, ZOV_DEFAULT_TAG);
+}
+
+zov::NormalPath zov::directoryPath(const char *path) {
+  const char *stripped = zov_pathStripDrive(path);
+  return NormalPath(stripped, trimmedLength(stripped, strlen(stripped)));
 }
 
 Directory *zov::openMemSubdir(const NormalPath &path, uint32_t flags) {
@@ -225,25 +246,29 @@ zov::Target::Target(const char *text)
       id(0),
       created(false) {}
 
-int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
+bool zov::findParent(Target &target) {
   const size_t parentLength = static_cast<size_t>(target.key.text - target.path);
   if (parentLength == 0 || target.key.length == 0) {
+    errno = parentLength == 0 ? EINVAL : EISDIR;
+    return false;
+  }
+  target.directory = openParent(target.path, parentLength);
+  return target.directory != nullptr;
+}
+
+int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
+  if (!findParent(target)) {
     return ZOV_ERROR;
   }
-  Directory *directory = openParent(target.path, parentLength);
-  if (directory == nullptr || zov_segLock(directory->tree.seg) != ZOV_OKAY) {
-    return ZOV_ERROR;
-  }
-  target.cursor = cursorOf(*directory);
+  Directory &directory = *target.directory;
+  zov_segLock(directory.tree.seg);
+  target.cursor = cursorOf(directory);
   int32_t status = findMemEntityInSubdir(target.cursor, target.key, type, target.id);
   if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {
-    status = createEntryInSubdir(*directory, target.cursor, target.key, kTypeFile, target.id);
-    target.created = status == ZOV_OKAY;
+    status = createFile(target);
   }
   if (status != ZOV_OKAY) {
-    zov_segUnlock(directory->tree.seg);
-    return status;
+    zov_segUnlock(directory.tree.seg);
   }
-  target.directory = directory;
-  return ZOV_OKAY;
+  return status;
 }

@@ -9,6 +9,13 @@
 
 #include "memstore/zovmfile_tree.h"
 
+// An open file.
+struct MemFile {
+  uint64_t position;  // where zov_mfRead() and zov_mfWrite() go on
+  ZOV_SEG seg;
+  uint64_t draftId;  // the id of a file that has no name yet; else 0
+};
+
 namespace zov {
 
 // A directory, with the one handle of its file that its tree is used through.
@@ -35,21 +42,38 @@ Directory *openSubdir(uint64_t id);
 Cursor cursorOf(Directory &directory);
 
 // Looks a name up: ZOV_OKAY with its id, ZOV_NOTFOUND with errno ENOENT and the
-// cursor at its place, or ZOV_ERROR when the type is another.
+// cursor at its place, or ZOV_ERROR when the type is another, with errno ENOTDIR
+// or EISDIR.
 int32_t findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type, uint64_t &id);
 
-// Adds an entry with a new id at the cursor, which a failed look-up left.
+// Whether a name is none: empty, "." or "..".
+bool isDots(const NameKey &key);
+
+// Whether a name may be given to what has another: it is one, and holds no
+// backslash.
+bool mayBeNewName(const NameKey &key);
+
+// Adds an entry at the cursor, which a failed look-up left. ZOV_ERROR, with
+// nothing changed and errno set, when the name is too long or memory is short.
+int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
+                         uint16_t type);
+
+// The same with a new id.
 int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint16_t type,
                             uint64_t &id);
 
 // Removes the entry at the cursor.
 void removeEntryInSubdir(Directory &directory, Cursor &cursor);
 
-// Renames the entry at the cursor. ZOV_ERROR when the new name is there already.
+// Makes the entry at the cursor lead to another file. Cannot fail.
+void replaceFileInSubdir(const Cursor &cursor, uint64_t id);
+
+// Renames the entry at the cursor. ZOV_ERROR, with errno set, when the new name is
+// there already or may not be given.
 int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);
 
 // The directory of that name in this one; with O_CREAT made if it is missing.
-// Null when it is not there or memory is short.
+// Null, with errno set, when it is not there or memory is short.
 Directory *openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags);
 
 int32_t directoriesInit();
@@ -61,8 +85,8 @@ void directoriesTerm();
 // out of a relative path. A "/." at the end stays as it is.
 bool normalizePath(char *path);
 
-// A path that is normalised and has no separator at its end: the caller's own
-// bytes if they are, else a copy. Copies of usual length need no allocation.
+// A path that is normalised and then has no separator at its end: the caller's
+// own bytes if they are, else a copy. Copies of usual length need no allocation.
 class NormalPath {
  public:
   NormalPath(const char *path, size_t length);
@@ -70,7 +94,7 @@ class NormalPath {
   NormalPath(const NormalPath &) = delete;
   NormalPath &operator=(const NormalPath &) = delete;
 
-  // Null when the path cannot be normalised or memory is short.
+  // Null, with errno set, when the path cannot be normalised or memory is short.
   const char *get() const { return text_; }
   size_t length() const { return length_; }
 
@@ -81,6 +105,10 @@ class NormalPath {
   size_t length_ = 0;
 };
 
+// The path of a directory, without the separators at its end. A "." there stays, as
+// normalizePath() has it, and names no directory.
+NormalPath directoryPath(const char *path);
+
 // Opens a directory by its normalised path. The directories above it are made if
 // they are missing, itself with O_CREAT.
 Directory *openMemSubdir(const NormalPath &path, uint32_t flags);
@@ -90,12 +118,16 @@ struct Target {
   explicit Target(const char *path);
 
   const char *path;
-  NameKey key;           // the last component
-  Directory *directory;  // locked from a successful handleFullPath() on
-  Cursor cursor;         // at the entry, unless it was made just now
+  NameKey key;  // the last component
+  Directory *directory;
+  Cursor cursor;  // at the entry, unless it was made just now
   uint64_t id;
   bool created;
 };
+
+// Finds the directory that a path's last component stands in, making what is
+// missing, and does not lock it. False, with errno set, when there is none.
+bool findParent(Target &target);
 
 // Finds the entry a path names, with O_CREAT making a file that is missing, and
 // all directories above it in any case. With ZOV_OKAY the directory is locked

@@ -191,6 +191,9 @@ void getName(const Cursor &cursor, const DirEntry &entry, char *name);
 // Below, at or above 0 as the key is to the entry's name.
 int32_t compareName(const Cursor &cursor, const NameKey &key, const DirEntry &entry);
 
+// Whether two keys are one name.
+bool isSameName(const NameKey &first, const NameKey &second);
+
 // The tree (zovmfile_tree.cpp).
 
 // Finds a name. ZOV_OKAY with the cursor at its entry, or ZOV_NOTFOUND with the

@@ -90,8 +90,7 @@ extern "C" {
 
 ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
   const zov::NoJump noJump;
-  const char *path = zov_pathStripDrive(directory);
-  Directory *opened = zov::openMemSubdir(zov::NormalPath(path, strlen(path)), 0);
+  Directory *opened = zov::openMemSubdir(zov::directoryPath(directory), 0);
   if (opened == nullptr) {
     return nullptr;
   }

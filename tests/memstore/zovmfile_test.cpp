@@ -3,6 +3,7 @@
 // Files in memory by path and by handle: how paths resolve, what the calls
 // refuse, walks, what a lack of memory leaves behind, and threads that share a
 // directory.
+#include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_private.h"
 #include "support/alloc_failure.h"
 
@@ -86,8 +87,9 @@ TEST(Normalize, ResolvesComponents) {
 
 TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
   ASSERT_TRUE(put("/a/b/c.dat", "text"));
-  for (const char *path : {"/A/B/C.DAT", "/a//b/c.dat", "/a\\b/c.dat", "/a/./b/c.dat",
-                           "//a/./b//c.dat", "/../x/../a\\b/c.dat"}) {
+  for (const char *path :
+       {"/A/B/C.DAT", "/a//b/c.dat", "/a\\b/c.dat", "/a/./b/c.dat", "//a/./b//c.dat",
+        "/../x/../a\\b/c.dat", "/a/b/./c.dat", "/a/./b\\.//c.dat"}) {
     EXPECT_EQ(get(path), "text") << path;
   }
   EXPECT_EQ(list("/") + list("/./../a//"), "a/ b/ ") << "no directory without a name";
@@ -106,7 +108,8 @@ TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
   errno = 0;
   EXPECT_EQ(zov_mfOpen("/dir/none", O_RDWR), nullptr);
   EXPECT_EQ(errno, ENOENT);
-  for (const char *path : {"name", "", "/", "/dir/", "/dir", "/dir/file/under"}) {
+  for (const char *path :
+       {"name", "", "/", "/dir/", "/dir", "/dir/file/under", "/dir/.", "/dir/.."}) {
     EXPECT_EQ(zov_mfOpen(path, O_CREAT), nullptr) << path;
     EXPECT_NE(zov_mfRemove(path), ZOV_OKAY) << path;
     EXPECT_EQ(zov_mfSizeStat(path), 0u) << path;
@@ -195,6 +198,93 @@ TEST_F(MemoryFiles, RenameStaysInItsDirectory) {
   EXPECT_EQ(get("/c/z"), "text");
 }
 
+// Makes a nameless file that holds the text, and puts it in the place of a path.
+int32_t place(const std::string &path, const std::string &text) {
+  ZOV_MFILE draft = zov::newMemDraft();
+  if (draft == nullptr) {
+    return ZOV_ERROR;
+  }
+  const uint32_t length = static_cast<uint32_t>(text.size());
+  const bool written = zov_mfWrite(draft, text.data(), length) == length;
+  const int32_t status = written ? zov::placeMemDraft(draft, path.c_str()) : ZOV_ERROR;
+  zov_mfClose(draft);
+  return status;
+}
+
+TEST_F(MemoryFiles, OneFileTakesThePlaceOfAnother) {
+  // From, to, whether it is moved, and what is where afterwards.
+  const struct {
+    const char *from, *to;
+    int32_t status;
+    const char *names, *text;
+  } rows[] = {
+      {"/a/x", "/a/y", ZOV_OKAY, "s/ Y | z ", "x"},
+      {"/a/x", "/a/new", ZOV_OKAY, "new s/ Y | z ", "x"},
+      {"/a/x", "/b/Z", ZOV_OKAY, "s/ Y | z ", "x"},
+      {"/a/x", "/b/New", ZOV_OKAY, "s/ Y | New z ", "x"},
+      {"/b/z", "/a/./X", ZOV_OKAY, "s/ x Y | ", "z"},
+      {"/a/x", "/q/..//a\\./X", ZOV_OKAY, "s/ x Y | z ", "x"},
+      {"/a/s", "/a/r", ZOV_OKAY, "r/ x Y | z ", "(none)"},
+      {"/a/none", "/b/z", ZOV_ERROR, "s/ x Y | z ", "z"},
+      {"/a/x", "/a/s", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+      {"/a/s", "/a/y", ZOV_ERROR, "s/ x Y | z ", "y"},
+      {"/a/s", "/b/s", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+      {"/a/x", "/a/b\\c", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+      {"/a/x", "/b/..", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+      {"/a/x", "/b/", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+      {"/a/x", "/a/x/y", ZOV_ERROR, "s/ x Y | z ", "(none)"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(std::string(row.from) + " to " + row.to);
+    zov_term();
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    ASSERT_TRUE(put("/a/x", "x") && put("/a/Y", "y") && put("/b/z", "z") && put("/a/s/f", "f"));
+    ZOV_MFILE old = zov_mfOpen(row.to, 0);
+    const std::string before = old == nullptr ? "" : get(old);
+    errno = 0;
+    EXPECT_EQ(zov::moveMemFile(row.from, row.to), row.status);
+    EXPECT_TRUE(row.status == ZOV_OKAY || errno != 0);
+    EXPECT_EQ(list("/a") + "| " + list("/b"), row.names);
+    EXPECT_EQ(get(row.to), row.text);
+    EXPECT_EQ(old == nullptr ? "" : get(old), before) << "who had the old file open keeps it";
+    zov_mfClose(old);
+  }
+  EXPECT_EQ(place("/a/x", "new") + place("/A/fresh", "new"), ZOV_OKAY);
+  EXPECT_EQ(get("/a/x") + get("/a/fresh"), "newnew");
+  EXPECT_TRUE(place("/a/s", "") == ZOV_ERROR && errno == EISDIR);
+  EXPECT_EQ(place("/a/..", "") & place("/a/d\\e", "") & place("/a/x/y", ""), ZOV_ERROR);
+  EXPECT_EQ(list("/a"), "fresh s/ x Y ");
+  EXPECT_TRUE(zov::isSameMemEntry("/a/X", "/q/..\\a//x"));
+  EXPECT_FALSE(zov::isSameMemEntry("/a/x", "/b/x") || zov::isSameMemEntry("/a/x", "/a/xx"));
+  EXPECT_TRUE(zov::isSameMemDirectory("/a/", "/q/../A"));
+  EXPECT_FALSE(zov::isSameMemDirectory("/a", "/b") || zov::isSameMemDirectory("/no", "/no"));
+}
+
+// A name leads to the one file or the other at every moment, for threads that
+// move files onto it from both sides and one that reads.
+TEST_F(MemoryFiles, ReplacingIsOneStep) {
+  ASSERT_TRUE(put("/a/x", "0") && put("/b/x", "0"));
+  std::atomic<uint32_t> seen{0};
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    for (const char *path = "/a/x"; !stop; ++seen, path = path[1] == 'a' ? "/b/x" : "/a/x") {
+      ASSERT_EQ(get(path).size(), 1u) << path;
+      ASSERT_EQ(zov_mfSizeStat(path), 1u) << path;
+    }
+  });
+  zovtest::onThreads(2, [&](uint32_t index) {
+    const std::string own = index == 0 ? "/a/own" : "/b/own";
+    for (int round = 0; round < 500 || seen < 500; ++round) {
+      EXPECT_TRUE(put(own, "m"));
+      EXPECT_EQ(zov::moveMemFile(own.c_str(), round % 2 == 0 ? "/a/x" : "/b/x"), ZOV_OKAY);
+      EXPECT_EQ(place(round % 2 == 0 ? "/b/x" : "/a/x", "p"), ZOV_OKAY);
+    }
+  });
+  stop = true;
+  reader.join();
+  EXPECT_EQ(list("/a") + list("/b"), "x x ");
+}
+
 // The first, second, ... allocation fails, or all from there on. What was
 // reported as done is done, no name is lost, and the tree stays usable.
 TEST_F(MemoryFiles, NoMemoryLosesNoName) {
@@ -217,12 +307,17 @@ TEST_F(MemoryFiles, NoMemoryLosesNoName) {
       const bool putTwo = put(two, "2");
       const int32_t renamed = zov_mfRename(from.c_str(), to.c_str());
       const int32_t removed = zov_mfRemove((base + "f5").c_str());
+      const int32_t placed = place(base + "f6", "placed");
+      const int32_t moved = zov::moveMemFile((base + "f7").c_str(), (base + "to/f7").c_str());
       failed = zovtest::stopFailing();
       EXPECT_EQ(get(one) == "1", putOne);
       EXPECT_EQ(get(two) == "2", putTwo);
       EXPECT_EQ(get(renamed == ZOV_OKAY ? to : from), "kept");
       EXPECT_EQ(zov_mfValidate((base + "f5").c_str(), nullptr), removed == ZOV_OKAY ? 0 : 1);
-      for (int number = 6; number < 71; ++number) {
+      EXPECT_EQ(get(base + "f6"), placed == ZOV_OKAY ? "placed" : "");
+      EXPECT_EQ(get(base + (moved == ZOV_OKAY ? "to/f7" : "f7")), "");
+      EXPECT_EQ(get(base + (moved == ZOV_OKAY ? "f7" : "to/f7")), "(none)");
+      for (int number = 8; number < 71; ++number) {
         ASSERT_EQ(get(base + "f" + std::to_string(number)), "");
       }
       EXPECT_TRUE(put(one, "1"));
