@@ -15,9 +15,9 @@
 // library terminates the sync objects are gone, and no lock is touched.
 //
 // zov_getMem() and zov_extendMem() may jump to the tag's recovery point. They
-// do so from leaveForFailure(), the one caller of longjmp() in the library,
-// with every lock of this module released, the message written, and nothing
-// done to the tag.
+// do so from leaveForFailure() with every lock of this module released, the
+// message written, and nothing done to the tag. Calls that hold something while
+// they allocate jump through workOrJump(). jumpTo() alone calls longjmp().
 //
 // A block is recognised as freed already by its address alone, from a short
 // record of the tag's latest frees; memory that was given back is never read.
@@ -149,7 +149,7 @@ void reportFailure(Failure failure) {
   leave(tag.mutex);
   reportFailure(failure);
   if (jumps) {
-    longjmp(recovery, 1);
+    zov::jumpTo(recovery);
   }
   return nullptr;
 }
@@ -336,6 +336,24 @@ bool isNoTag(ZOV_TAG tag) {
 }
 
 }  // namespace
+
+bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
+  if (!started() || isNoTag(tag) || reporting) {
+    return false;
+  }
+  TagRecord &record = *resolve(tag);
+  enter(record.mutex);
+  const bool isArmed = record.mode == kJump;
+  if (isArmed) {
+    memcpy(recovery, record.recovery, sizeof record.recovery);
+  }
+  leave(record.mutex);
+  return isArmed;
+}
+
+void zov::jumpTo(jmp_buf recovery) {
+  longjmp(recovery, 1);
+}
 
 void zov::abandonMemory() {
   storeFlag(zov_terminating, 1);

@@ -5,9 +5,9 @@
 // comes out names what the path that went in named. zov_currdir() and
 // zov_pathIsLink() alone ask the system.
 //
-// Every string returned belongs to the default tag and to the caller. Where one
-// is built in several steps it is one block that grows; should a step jump, the
-// block is lost until shut-down releases the tag. No state, no locks.
+// Every string returned belongs to the default tag and to the caller. One that
+// is built in several steps is a block that grows, with jumps held off until it
+// is whole or released. No state, no locks.
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -24,6 +24,16 @@ constexpr uint64_t kGrowBytes = 10;
 
 char *copyString(const char *text) {
   return static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, text, ZOV_HERE));
+}
+
+char *copyPrefix(const char *text, size_t length) {
+  char *copy = static_cast<char *>(
+      zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  if (copy != nullptr) {
+    memcpy(copy, text, length);
+    copy[length] = '\0';
+  }
+  return copy;
 }
 
 // Lengthens a string it takes over by another; null, with the first released,
@@ -50,14 +60,7 @@ bool namesCurrentDirectory(const char *path) {
   return path == nullptr || *path == '\0' || strcmp(path, ".") == 0 || strcmp(path, "./") == 0;
 }
 
-}  // namespace
-
-extern "C" {
-
-char *zov_currdir() {
-  if (zov::loadFlag(zov_diskless) != 0) {
-    return copyString(root);
-  }
+char *_currdir() {
   char *buffer = nullptr;
   uint64_t sizeBytes = 0;
   while (true) {
@@ -79,11 +82,7 @@ char *zov_currdir() {
   return nullptr;
 }
 
-int32_t zov_pathIsFullyQualified(const char *path) {
-  return *path == '/' ? 1 : 0;
-}
-
-char *zov_fullpath(const char *path) {
+char *_fullpath(const char *path) {
   if (namesCurrentDirectory(path)) {
     return normalize_path(zov_currdir());
   }
@@ -94,27 +93,52 @@ char *zov_fullpath(const char *path) {
   return directory == nullptr ? nullptr : normalize_path(append(directory, path));
 }
 
+}  // namespace
+
+extern "C" {
+
+char *zov_currdir() {
+  return zov::loadFlag(zov_diskless) != 0 ? copyString(root)
+                                          : zov::makeOrJump(ZOV_DEFAULT_TAG, _currdir);
+}
+
+int32_t zov_pathIsFullyQualified(const char *path) {
+  return *path == '/' ? 1 : 0;
+}
+
+char *zov_fullpath(const char *path) {
+  return zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return _fullpath(path); });
+}
+
 void zov_pathSplit(const char *path, char **directory, char **name) {
   const char *slash = strrchr(path, '/');
   const char *last = slash == nullptr ? path : slash + 1;
-  if (directory != nullptr) {
-    *directory = nullptr;
-  }
-  if (name != nullptr) {
-    *name = nullptr;
-  }
-  if (name != nullptr && (slash == nullptr || *last != '\0')) {
-    *name = copyString(last);
-  }
-  if (directory != nullptr && slash != nullptr) {
-    const size_t length = static_cast<size_t>(last - path);
-    char *copy = static_cast<char *>(
-        zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
-    if (copy != nullptr) {
-      memcpy(copy, path, length);
-      copy[length] = '\0';
+  const bool wantsDirectory = directory != nullptr && slash != nullptr;
+  const bool wantsName = name != nullptr && (slash == nullptr || *last != '\0');
+  char *directoryCopy = nullptr;
+  char *nameCopy = nullptr;
+  for (char **out : {directory, name}) {
+    if (out != nullptr) {
+      *out = nullptr;
     }
-    *directory = copy;
+  }
+  zov::workOrJump(
+      ZOV_DEFAULT_TAG,
+      [&] {
+        directoryCopy =
+            wantsDirectory ? copyPrefix(path, static_cast<size_t>(last - path)) : nullptr;
+        nameCopy = wantsName ? copyString(last) : nullptr;
+        return (directoryCopy != nullptr) == wantsDirectory && (nameCopy != nullptr) == wantsName;
+      },
+      [&] {
+        zov_freeMem(nameCopy, ZOV_DEFAULT_TAG);
+        zov_freeMem(directoryCopy, ZOV_DEFAULT_TAG);
+      });
+  if (wantsDirectory) {
+    *directory = directoryCopy;
+  }
+  if (wantsName) {
+    *name = nameCopy;
   }
 }
 

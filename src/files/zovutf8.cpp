@@ -5,12 +5,13 @@
 // What is handed out belongs to the default tag. The two directions of the
 // conversion are in zovutf8_encode.cpp and zovutf8_decode.cpp.
 //
-// Every function here but zov_utf8_codes() may jump where it allocates.
-// Nothing is held then; what zov_convertArgvToUTF8() has made by then stays
-// with the default tag.
+// Every function here but zov_utf8_codes() may jump where it allocates. Nothing
+// is held then: zov_convertArgvToUTF8() releases what it has made before.
+#include <errno.h>
 #include <string.h>
 #include <wchar.h>
 
+#include "core/zov_private.h"
 #include "files/zovutf8_private.h"
 
 namespace {
@@ -21,6 +22,25 @@ void releaseStrings(char **strings, int32_t count) {
     zov_freeMem(strings[--count], ZOV_DEFAULT_TAG);
   }
   zov_freeMem(strings, ZOV_DEFAULT_TAG);
+}
+
+// The copies of wide strings, or null with nothing left behind.
+char **convertAll(int32_t count, wchar_t *const *arguments) {
+  // One pointer more than asked for, so that no arguments are an array too.
+  const uint64_t sizeBytes = (static_cast<uint64_t>(count) + 1) * sizeof(char *);
+  char **strings =
+      static_cast<char **>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (strings == nullptr) {
+    return nullptr;
+  }
+  for (int32_t index = 0; index < count; ++index) {
+    strings[index] = zov_convertToUTF8(arguments[index], ZOV_UTF8_STRICT);
+    if (strings[index] == nullptr && arguments[index] != nullptr) {
+      releaseStrings(strings, index);
+      return nullptr;
+    }
+  }
+  return strings;
 }
 
 }  // namespace
@@ -44,6 +64,7 @@ char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
   const size_t length = wcslen(text);
   const uint32_t sizeBytes = zov::encodeWide(nullptr, 0, text, length, errorMode);
   if (sizeBytes == ZOV_UTF8_FAILED) {
+    errno = EILSEQ;
     return nullptr;
   }
   char *converted =
@@ -61,6 +82,7 @@ wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
   const size_t length = strlen(text);
   const uint32_t sizeChars = zov::decodeUtf8(nullptr, 0, text, length, errorMode);
   if (sizeChars == ZOV_UTF8_FAILED) {
+    errno = EILSEQ;
     return nullptr;
   }
   wchar_t *converted = static_cast<wchar_t *>(
@@ -76,21 +98,7 @@ int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***
   if (count < 0) {
     return ZOV_ERROR;
   }
-  // One pointer more than asked for, so that no arguments are an array too.
-  const uint64_t sizeBytes = (static_cast<uint64_t>(count) + 1) * sizeof(char *);
-  char **strings =
-      static_cast<char **>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  if (strings == nullptr) {
-    return ZOV_ERROR;
-  }
-  for (int32_t index = 0; index < count; ++index) {
-    strings[index] = zov_convertToUTF8(arguments[index], ZOV_UTF8_STRICT);
-    if (strings[index] == nullptr && arguments[index] != nullptr) {
-      releaseStrings(strings, index);
-      return ZOV_ERROR;
-    }
-  }
-  *out = strings;
-  return ZOV_OKAY;
+  *out = zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return convertAll(count, arguments); });
+  return *out == nullptr ? ZOV_ERROR : ZOV_OKAY;
 }
 }
