@@ -99,8 +99,15 @@ int32_t standardStream(const char *path) {
   return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
 }
 
-// Opens what the handle names. Reserved names come before the process-wide
-// flags. A file in memory is no concern of the disk whatever its name.
+// A refusal of the library's own, which says why as the system's do.
+int32_t refuse(int error) {
+  errno = error;
+  return ZOV_ERROR;
+}
+
+// Opens what the handle names; errno says why that failed. Reserved names come
+// before the process-wide flags. A file in memory is no concern of the disk
+// whatever its name.
 int32_t openFile(FileHandle &file) {
   if (isInMemory(file.typeFlags)) {
     file.mfile = zov_mfOpen(file.path, file.openFlags);
@@ -112,10 +119,10 @@ int32_t openFile(FileHandle &file) {
     return zov_flOpenStd(&file.fd, streamNumber);
   }
   if (zov::loadFlag(zov_readonly) != 0 && (file.openFlags & kWriteFlags) != 0) {
-    return ZOV_ERROR;
+    return refuse(EROFS);
   }
   if (zov::loadFlag(zov_diskless) != 0) {
-    return ZOV_ERROR;
+    return refuse(EACCES);
   }
   return zov_flOpen(file.path, file.openFlags, 0, &file.fd);
 }
@@ -148,9 +155,6 @@ FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) 
 }
 
 FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
-  if (!zov::started() || path == nullptr) {
-    return nullptr;
-  }
   // Truncating always creates what is missing.
   const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
   FileHandle *file = newHandle(path, created, typeFlags);
@@ -163,6 +167,15 @@ FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t type
   }
   file->openFlags &= ~static_cast<uint32_t>(O_CREAT | O_TRUNC);
   return file;
+}
+
+// Nothing is opened without a path or before start-up.
+bool mayOpen(const void *path) {
+  if (zov::started() && path != nullptr) {
+    return true;
+  }
+  errno = EINVAL;
+  return false;
 }
 
 void reportInconsistent(const FileHandle &file) {
@@ -284,11 +297,14 @@ int zov::descriptorOf(const FileHandle &file) {
 extern "C" {
 
 ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) {
-  return _fileOpenMinSize(path, openFlags, typeFlags);
+  return mayOpen(path) ? _fileOpenMinSize(path, openFlags, typeFlags) : nullptr;
 }
 
 ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags) {
-  char *converted = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
+  char *converted = mayOpen(path) ? zov_convertToUTF8(path, ZOV_UTF8_STRICT) : nullptr;
+  if (converted == nullptr) {
+    return nullptr;
+  }
   ZOV_FILE file = _fileOpenMinSize(converted, openFlags, typeFlags);
   const int error = errno;
   zov_freeMem(converted, ZOV_DEFAULT_TAG);
@@ -350,10 +366,10 @@ int64_t zov_fileLength(ZOV_FILE file) {
 
 int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags) {
   if (isInMemory(typeFlags)) {
-    return static_cast<int64_t>(zov_mfSizeStat(path));
+    return path == nullptr ? 0 : static_cast<int64_t>(zov_mfSizeStat(path));
   }
   struct stat status;
-  return stat(path, &status) == 0 ? status.st_size : -1;
+  return path != nullptr && stat(path, &status) == 0 ? status.st_size : -1;
 }
 
 int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes) {
@@ -382,9 +398,9 @@ int32_t zov_fileSync(ZOV_FILE file) {
 
 int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags) {
   if (isInMemory(typeFlags)) {
-    return static_cast<int64_t>(zov_mfModTime(path));
+    return path == nullptr ? 0 : static_cast<int64_t>(zov_mfModTime(path));
   }
-  return zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
+  return path == nullptr || zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
 }
 
 int32_t zov_fileInit() {

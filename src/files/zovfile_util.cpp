@@ -12,6 +12,7 @@
 
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
+#include "os/zovunix_tmpdir.h"
 
 namespace {
 
@@ -202,17 +203,14 @@ char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *e
                             ZOV_TAG tag) {
   const char *name = prefix == nullptr ? "temp" : prefix;
   const char *suffix = extension == nullptr ? "tmp" : extension;
-  char *directory = zov_tmpdir(tag);
+  const char *directory = zov::tmpdir();
+  const bool isNamed = directory != nullptr && *directory != '\0';
   const uint32_t number = (*counter)++;
   const uint32_t pid = zov_get_pid();
   void *place = counter;
-  if (directory == nullptr) {
-    return zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number, suffix);
-  }
-  // A jump from here leaves the directory's name to the tag it belongs to.
-  char *path = zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name, place,
-                             pid, number, suffix);
-  zov_freeMem(directory, tag);
-  return path;
+  return isNamed ? zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name,
+                                 place, pid, number, suffix)
+                 : zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number,
+                                 suffix);
 }
 }

@@ -3,7 +3,8 @@
 // Walks over the names of a directory, on disk or in memory, that match a
 // pattern. The walk belongs to its caller from open to close; names belong to
 // the walk until the next one. Of wide names the walk keeps the latest: those
-// before it are the caller's.
+// before it are the caller's. A step that gives none, at the end or because it
+// failed, changes no owner.
 //
 // No locks. Opening may jump with nothing held; the steps of a walk keep an
 // open directory and allocate with jumps held off.
@@ -76,8 +77,11 @@ wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {
     return nullptr;
   }
   const zov::NoJump noJump;
-  walk->wideName = zov_convertToWchar(name, ZOV_UTF8_STRICT);
-  return walk->wideName;
+  wchar_t *wideName = zov_convertToWchar(name, ZOV_UTF8_STRICT);
+  if (wideName != nullptr) {
+    walk->wideName = wideName;
+  }
+  return wideName;
 }
 
 void zov_pathClose(ZOV_PATH_WALK walk) {

@@ -2,7 +2,8 @@
 //
 // The native file primitives: each is one POSIX call, put into the library's
 // conventions for handles and results. A descriptor is the system's own number
-// held in 64 bits, all-ones when there is none.
+// held in 64 bits, all-ones when there is none. No other program inherits one:
+// all are closed when the process executes another.
 //
 //   uint64_t descriptor  ->  int  ->  open, read, pwrite, fsync, flock, ...
 //
@@ -104,7 +105,7 @@ int32_t callWithUTF8(const wchar_t *path, int32_t (*call)(const char *)) {
 extern "C" {
 
 int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t, uint64_t *descriptor) {
-  const int opened = open(path, static_cast<int>(openFlags), kFileMode);
+  const int opened = open(path, static_cast<int>(openFlags) | O_CLOEXEC, kFileMode);
   if (opened < 0) {
     *descriptor = ZOV_NO_DESCRIPTOR;
     return static_cast<int16_t>(errno);

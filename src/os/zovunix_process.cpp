@@ -78,6 +78,10 @@ uint32_t zov_get_pid() {
 }
 
 int32_t zov_check_pid(uint32_t pid) {
+  // The system takes these for groups of processes.
+  if (pid == 0 || pid > INT32_MAX) {
+    return 0;
+  }
   // Any failure but "no such process" means that there is one, which may not
   // be signalled.
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH ? 1 : 0;

@@ -8,17 +8,28 @@
 // zov_tmp is written in the process-wide critical section and read without it,
 // by acquire and release. The search runs inside that section, with jumps held
 // off; so no init or term may ask for the directory.
+#include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 
 #include "core/zov_private.h"
+#include "os/zovunix_tmpdir.h"
 
 namespace {
 
-constexpr uint32_t kReadWriteCreate = 0x42;
+// A probe is a new file: nothing that is there is opened or followed.
+constexpr uint32_t kProbeFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW;
 
 // A directory as long as the system takes, and the probe's own name behind it.
 constexpr uint64_t kProbeBytes = PATH_MAX + 64;
+
+// Room for a number behind the name, and for the rest.
+constexpr uint64_t kNumberBytes = 8;
+constexpr uint64_t kLongestProbe = kProbeBytes - kNumberBytes;
+
+// How many names of a probe may be taken before the directory is given up.
+constexpr uint32_t kProbeNames = 100;
 
 // The value of a variable that names a writable directory, or null.
 const char *writableFrom(const char *variable) {
@@ -38,11 +49,26 @@ const char *findNamed() {
   return directory;
 }
 
+// Makes the probe of a name, or with a number behind it while the name is taken.
+ZOV_FILE openProbe(const char *path, char *end) {
+  ZOV_FILE file = zov_fileOpen(path, kProbeFlags, 0);
+  for (uint32_t number = 1; file == nullptr && errno == EEXIST && number < kProbeNames; ++number) {
+    zov_snprintf(end, kNumberBytes, "_%u", number);
+    file = zov_fileOpen(path, kProbeFlags, 0);
+  }
+  return file;
+}
+
 char *copyText(const char *text, ZOV_TAG tag) {
   return static_cast<char *>(zov_getMem(0, tag, ZOV_MEM_STRDUP, text, ZOV_HERE));
 }
 
 }  // namespace
+
+const char *zov::tmpdir() {
+  const char *chosen = getenv("QEL_TMPDIR");
+  return chosen != nullptr ? chosen : zov_osTmpdir();
+}
 
 extern "C" {
 
@@ -76,30 +102,28 @@ const char *zov_osTmpdir() {
 }
 
 char *zov_tmpdir(ZOV_TAG tag) {
-  const char *directory = getenv("QEL_TMPDIR");
-  if (directory == nullptr) {
-    directory = zov_osTmpdir();
-  }
+  const char *directory = zov::tmpdir();
   return directory == nullptr ? nullptr : copyText(directory, tag);
 }
 
 int32_t zov_dirWritable(const char *directory) {
-  if (directory == nullptr) {
+  if (directory == nullptr || *directory == '\0') {
     return 0;
   }
   char probe[kProbeBytes];
   void *thread = reinterpret_cast<void *>(zov_threadId());
   const int32_t length = zov_snprintf(probe, sizeof probe, "%s%cqel_dirtest_tmp%08X%p", directory,
                                       '/', zov_get_pid(), thread);
-  if (length < 0 || static_cast<uint64_t>(length) >= sizeof probe) {
+  if (length < 0 || static_cast<uint64_t>(length) >= kLongestProbe) {
     return 0;
   }
-  ZOV_FILE file = zov_fileOpen(probe, kReadWriteCreate, 0);
+  ZOV_FILE file = openProbe(probe, probe + length);
   if (file == nullptr) {
     return 0;
   }
   zov_fileClose(file);
-  zov_fileRemove(probe);
+  // By the system's own call, so that a flag set meanwhile leaves no probe.
+  zov_flRemove(probe);
   return 1;
 }
 }

@@ -85,11 +85,11 @@ class Files : public zovtest::StartedInDir {
 TEST_F(Files, AreOpenedOnTheDisk) {
   EXPECT_EQ(zov_fileLengthStat(path_.c_str(), 0), -1);
   EXPECT_EQ(zov_fileModTimeStat(path_.c_str(), 0), -1);
-  EXPECT_EQ(zov_fileOpen(nullptr, O_RDWR, 0), nullptr);
-  EXPECT_EQ(zov_fileOpenW(L"/tmp/\xd800", O_RDWR | O_CREAT, 0), nullptr);
+  for (const uint32_t flags : {uint32_t{0}, ZOV_FILE_MEMORY}) {
+    EXPECT_EQ(zov_fileLengthStat(nullptr, flags), flags == 0 ? -1 : 0);
+    EXPECT_EQ(zov_fileModTimeStat(nullptr, flags), flags == 0 ? -1 : 0);
+  }
   const std::wstring wide(path_.begin(), path_.end());
-  EXPECT_EQ(zov_fileOpenW(wide.c_str(), O_RDWR, 0), nullptr);
-  EXPECT_EQ(errno, ENOENT);
   ZOV_FILE file = zov_fileOpenW(wide.c_str(), O_RDWR | O_TRUNC, 0);
   ASSERT_NE(file, nullptr) << "truncating creates";
   EXPECT_EQ(zov_fileWrite(file, "01234", 5), 5u);
@@ -99,6 +99,35 @@ TEST_F(Files, AreOpenedOnTheDisk) {
   EXPECT_EQ(zovtest::readFile(path_), "01234");
   EXPECT_EQ(zov_fileLengthStat(path_.c_str(), ZOV_FILE_NOSYNC), 5);
   EXPECT_GT(zov_fileModTimeStat(path_.c_str(), 0), 1'600'000'000);
+}
+
+// What an open that fails leaves in errno, where something else was before.
+TEST_F(Files, RefusalsSayWhy) {
+  const std::wstring wide(path_.begin(), path_.end());
+  const auto because = [&](auto path, int openFlags, uint32_t typeFlags = 0) {
+    errno = 77;
+    ZOV_FILE file = nullptr;
+    if constexpr (std::is_same_v<decltype(path), const wchar_t *>) {
+      file = zov_fileOpenW(path, static_cast<uint32_t>(openFlags), typeFlags);
+    } else {
+      file = zov_fileOpen(path, static_cast<uint32_t>(openFlags), typeFlags);
+    }
+    EXPECT_EQ(file, nullptr);
+    return errno;
+  };
+  const wchar_t *noWide = nullptr;
+  const char *none = nullptr;
+  EXPECT_EQ(because(none, O_RDWR), EINVAL);
+  EXPECT_EQ(because(none, O_RDWR, ZOV_FILE_MEMORY), EINVAL);
+  EXPECT_EQ(because(noWide, O_RDWR), EINVAL);
+  EXPECT_EQ(because(L"/tmp/\xd800", O_RDWR | O_CREAT), EILSEQ);
+  EXPECT_EQ(because(wide.c_str(), O_RDWR), ENOENT);
+  EXPECT_EQ(because("/", O_RDWR), EISDIR);
+  zov_rdonly();
+  EXPECT_EQ(because(path_.c_str(), O_RDONLY | O_CREAT), EROFS);
+  EXPECT_EQ(because(wide.c_str(), O_WRONLY), EROFS);
+  zov_nodisk();
+  EXPECT_EQ(because(path_.c_str(), O_RDONLY), EACCES);
 }
 
 // Every transfer makes one system call and hands on what comes of it.
@@ -208,6 +237,7 @@ TEST_F(Files, LockQueuesThreadsAndRefusesHandles) {
     asking = true;
     EXPECT_EQ(zov_fileLock(file), ZOV_OKAY);
     EXPECT_TRUE(released) << "came in while the lock was held";
+    EXPECT_EQ(zov_fileLock(other), ZOV_ERROR) << "keeps out like the first";
     zov_fileUnlock(file);
   });
   for (int turn = 0; turn < 1000 || !asking; ++turn) {
@@ -244,6 +274,7 @@ TEST_F(Files, FirstLockMakesOneMutexForAll) {
 
 TEST(FileStage, FailureUndoesStartUpAndTermAbandonsHandles) {
   EXPECT_EQ(zov_fileOpen("stdout", O_WRONLY, 0), nullptr) << "not started";
+  EXPECT_EQ(errno, EINVAL);
   const int64_t before = zovtest::liveBlocks();
   tagsFail = true;
   EXPECT_EQ(zov_init(), ZOV_ERROR);

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <set>
+#include <utility>
 
 #include "support/alloc_failure.h"
 #include "support/replace.h"
@@ -192,16 +193,31 @@ TEST_F(FileUtil, WideFormsConvertTheirPaths) {
   EXPECT_EQ(zov_fileRemoveW(L"\xD800"), ZOV_ERROR) << "not a character";
 
   // The pattern counts characters as the matcher does; both one-letter names
-  // of the directory itself are there.
+  // of the directory itself are there. The name without a wide form is told,
+  // does not end the walk, and leaves the latest name the walk's.
+  writeFile(at("\xFF"), "");
+  const int64_t before = zovtest::liveBlocks();
   ZOV_PATH_WALK walk = zov_pathOpenW(base.c_str(), L"?");
   int32_t isDirectory = 0;
+  int unnamable = 0;
   std::set<std::wstring> names;
-  for (wchar_t *name = nullptr, *next; (next = zov_pathNextW(walk, &isDirectory)); name = next) {
-    names.insert(next);
-    zov_freeMem(name, ZOV_DEFAULT_TAG);
+  wchar_t *latest = nullptr;
+  const auto step = [&] {
+    errno = 0;
+    if (wchar_t *next = zov_pathNextW(walk, &isDirectory)) {
+      names.insert(next);
+      zov_freeMem(std::exchange(latest, next), ZOV_DEFAULT_TAG);
+    }
+    unnamable += errno == EILSEQ ? 1 : 0;
+  };
+  for (int each = 0; each < 4; ++each) {
+    step();
   }
+  EXPECT_EQ(errno, 0) << "untouched at the end";
   zov_pathClose(walk);
   EXPECT_EQ(names, (std::set<std::wstring>{L".", L"f"}));
+  EXPECT_EQ(unnamable, 1);
+  EXPECT_EQ(zovtest::liveBlocks(), before);
 }
 
 TEST_F(FileUtil, TemporaryNamesAreDistinct) {
@@ -215,9 +231,11 @@ TEST_F(FileUtil, TemporaryNamesAreDistinct) {
   };
   EXPECT_EQ(std::string("/no/such/place/temp") + stem + "999.tmp", made(nullptr, nullptr));
   EXPECT_EQ(std::string("/no/such/place/pre") + stem + "1000.ext", made("pre", "ext"));
+  EXPECT_EQ(setenv("QEL_TMPDIR", "", 1), 0);
+  EXPECT_EQ(std::string("pre") + stem + "1001.ext", made("pre", "ext"));
   unsetenv("QEL_TMPDIR");
   zov_readonly = 1;  // no directory is writable
-  EXPECT_EQ(std::string("pre") + stem + "1001.ext", made("pre", "ext"));
+  EXPECT_EQ(std::string("pre") + stem + "1002.ext", made("pre", "ext"));
 }
 
 // A walk that breaks off is not at its end: it may leave files behind.

@@ -52,6 +52,25 @@ TEST_F(Native, DescriptorsFollowTheSystem) {
   EXPECT_EQ(zov_flClose(file), -1);
 }
 
+// Whatever is open, a program that is executed gets the standard streams alone.
+TEST_F(Native, OtherProgramsInheritNothing) {
+  const auto count = [](int flags) {
+    int found = 0;
+    for (int descriptor = 0; descriptor < 100; ++descriptor) {
+      found += fcntl(descriptor, F_GETFD) == flags ? 1 : 0;
+    }
+    return found;
+  };
+  const int inherited = count(0);
+  const int kept = count(FD_CLOEXEC);
+  open(path_);
+  zov_fileOpen(path_.c_str(), O_RDWR, 0);
+  zov_fopen(path_.c_str(), "r", 0);
+  zov_pathOpen(dir.path().c_str(), "*");
+  EXPECT_EQ(count(0), inherited);
+  EXPECT_EQ(count(FD_CLOEXEC), kept + 4);
+}
+
 TEST_F(Native, NewFilesHaveTheUsersModeAndTheirTimes) {
   const mode_t old = umask(027);
   zov_flClose(open(path_));

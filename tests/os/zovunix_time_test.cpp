@@ -9,8 +9,19 @@
 
 #include <chrono>
 
+#include "support/replace.h"
 #include "support/temp_dir.h"
-#include "support/test.h"
+
+namespace {
+bool mayNotSignal = false;
+bool removalsFail = false;
+}  // namespace
+
+REPLACE(int, kill, (pid_t pid, int signal), {
+  errno = EPERM;
+  return mayNotSignal ? -1 : __real_kill(pid, signal);
+})
+REPLACE(int, remove, (const char *path), return removalsFail ? -1 : __real_remove(path);)
 
 namespace {
 
@@ -28,9 +39,12 @@ TEST(Time, ClocksAgreeWithTheSystems) {
 }
 
 TEST(Time, BreaksDownAsLibcDoes) {
+  ASSERT_EQ(setenv("TZ", "ZOV-5:45", 1), 0);
+  tzset();
   const int64_t secs = 951868800;
   struct tm out;
   ASSERT_EQ(zov_timeLocaltime(secs, &out), &out);
+  EXPECT_EQ(out.tm_hour * 60 + out.tm_min, 5 * 60 + 45) << "midnight elsewhere";
   EXPECT_EQ(mktime(&out), secs);
   EXPECT_STREQ(zov_timeCtime(secs), ctime(&secs));
   EXPECT_EQ(zov_timeLocaltime(INT64_MAX, &out), nullptr);
@@ -56,8 +70,12 @@ TEST(Time, SleepOutlastsSignals) {
 TEST(Process, IdsAreChecked) {
   EXPECT_EQ(zov_get_pid(), static_cast<uint32_t>(getpid()));
   EXPECT_EQ(zov_check_pid(zov_get_pid()), 1);
-  EXPECT_EQ(zov_check_pid(1), 1) << "another's, perhaps";
   EXPECT_EQ(zov_check_pid(INT32_MAX), 0);
+  for (const uint32_t group : {0u, UINT32_MAX, UINT32_MAX - static_cast<uint32_t>(getpgrp()) + 1}) {
+    EXPECT_EQ(zov_check_pid(group), 0) << group;
+  }
+  mayNotSignal = true;
+  EXPECT_EQ(zov_check_pid(1), 1) << "another's";
   errno = EBADF;
   EXPECT_EQ(zov_errno(), static_cast<uint32_t>(EBADF));
 }
@@ -101,7 +119,9 @@ std::string foundDirectory() {
 TEST_F(Environment, TemporaryDirectoryIsTheFirstWritable) {
   const zovtest::TempDir first;
   const zovtest::TempDir second;
-  EXPECT_EQ(foundDirectory(), "/tmp");
+  setenv("TMPDIR", "", 1);
+  setenv("TEMPDIR", "", 1);
+  EXPECT_EQ(foundDirectory(), "/tmp") << "an empty name names none";
   setenv("TEMPDIR", second.path().c_str(), 1);
   EXPECT_EQ(foundDirectory(), second.path());
   setenv("TMPDIR", "/no/such/place", 1);
@@ -112,6 +132,22 @@ TEST_F(Environment, TemporaryDirectoryIsTheFirstWritable) {
   EXPECT_EQ(zov_dirWritable((first.path() + std::string(5000, '/')).c_str()), 0)
       << "a name that does not fit";
   EXPECT_EQ(zov_dirWritable(nullptr), 0);
+  EXPECT_EQ(zov_dirWritable(""), 0);
+}
+
+// A probe that cannot be removed stays; the next one leaves it and whatever
+// else has its name alone.
+TEST_F(Environment, ProbesAreNewFiles) {
+  const zovtest::TempDir dir;
+  removalsFail = true;
+  ASSERT_EQ(zov_dirWritable(dir.path().c_str()), 1);
+  removalsFail = false;
+  const auto probe = std::filesystem::directory_iterator(dir.path())->path();
+  std::filesystem::remove(probe);
+  std::filesystem::create_symlink(dir / "target", probe);
+  EXPECT_EQ(zov_dirWritable(dir.path().c_str()), 1);
+  EXPECT_FALSE(zovtest::fileExists(dir / "target"));
+  EXPECT_TRUE(zovtest::fileExists(probe));
 }
 
 TEST_F(Environment, TemporaryDirectoryIsKeptOnceFound) {
