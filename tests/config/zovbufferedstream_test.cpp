@@ -4,7 +4,7 @@
 // the ways a channel can fail.
 #include <sys/mman.h>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

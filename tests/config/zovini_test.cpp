@@ -3,40 +3,14 @@
 // INI files on disk and in memory: gets and sets by table, random files and
 // edits beside a model, and what fails: system calls, allocations, limits.
 #include "config/zovini_model.h"
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 #include "support/on_route.h"
-#include "support/replace.h"
-
-namespace {
-
-enum class Fault { kNone, kRead, kWrite, kShortWrite, kSync, kClose, kRename };
-Fault fault = Fault::kNone;
-
-bool fails(Fault which) {
-  errno = fault == which ? EIO : errno;
-  return fault == which;
-}
-
-}  // namespace
-
-REPLACE(ssize_t, read, (int descriptor, void *buffer, size_t count),
-        return fails(Fault::kRead) ? -1 : __real_read(descriptor, buffer, count);)
-REPLACE(ssize_t, write, (int descriptor, const void *buffer, size_t count), {
-  const size_t taken = fault == Fault::kShortWrite ? count / 2 : count;
-  return fails(Fault::kWrite) ? -1 : __real_write(descriptor, buffer, taken);
-})
-// The disk is slow and not what is tested.
-REPLACE(int, fsync, (int), return fails(Fault::kSync) ? -1 : 0;)
-REPLACE(int, close, (int descriptor), {
-  const int status = __real_close(descriptor);
-  return fails(Fault::kClose) ? -1 : status;
-})
-REPLACE(int, rename, (const char *from, const char *to),
-        return fails(Fault::kRename) ? -1 : __real_rename(from, to);)
 
 namespace {
 
 using std::string;
+using zovtest::Call;
+using zovtest::Fault;
 using namespace std::string_literals;
 
 // Calls the plain forms on disk, those with flags in memory.
@@ -221,25 +195,28 @@ TEST_P(IniOnDisk, AFailedSetLeavesTheFileOrItsCopy) {
   const string text = "[S]\nab=1\n" + string(3000, ';') + "\n";
   const string changed = "[S]\nab=2\n" + string(3000, ';') + "\n";
   const struct {
-    Fault fault;
+    Call call;
+    uint32_t nth;
     int32_t status;
     string file;
     string copy;
   } rows[] = {
-      {Fault::kRead, ZOV_INI_NOFILE, text, "(none)"},
-      {Fault::kWrite, ZOV_INI_NOTREPLACED, text, "(none)"},
-      {Fault::kShortWrite, ZOV_INI_NOTREPLACED, text, "(none)"},
-      {Fault::kSync, ZOV_INI_NOTREPLACED, text, "(none)"},
-      {Fault::kClose, ZOV_INI_NOTREPLACED, text, "(none)"},
-      {Fault::kRename, ZOV_INI_NOTREPLACED, "(none)", changed},
-      {Fault::kNone, ZOV_OKAY, changed, "(none)"},
+      {Call::read, 1, ZOV_INI_NOFILE, text, "(none)"},
+      {Call::write, 1, ZOV_INI_NOTREPLACED, text, "(none)"},
+      {Call::write, 0, ZOV_INI_NOTREPLACED, text, "(none)"},
+      {Call::fsync, 1, ZOV_INI_NOTREPLACED, text, "(none)"},
+      {Call::close, 1, ZOV_INI_NOTREPLACED, text, "(none)"},
+      {Call::rename, 1, ZOV_INI_NOTREPLACED, "(none)", changed},
+      {Call::tag, 1, ZOV_OKAY, changed, "(none)"},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(static_cast<int>(row.fault));
+    SCOPED_TRACE(&row - rows);
     fill(text);
-    fault = row.fault;
-    zovtest::outputOf([&] { EXPECT_EQ(set("ab", "2"), row.status); });
-    fault = Fault::kNone;
+    zovtest::outputOf([&] {
+      const Fault failing(row.call, row.nth, EIO, row.call == Call::read);
+      const Fault cut(Call::write, row.nth == 0 ? 1 : UINT32_MAX, zovtest::Limit{9}, true);
+      EXPECT_EQ(set("ab", "2"), row.status);
+    });
     EXPECT_EQ(file(), row.file);
     EXPECT_EQ(copy(), row.copy);
     EXPECT_EQ(value("S", "ab"), row.status == ZOV_OKAY ? "2" : "1");
@@ -280,9 +257,10 @@ TEST_P(Ini, WideFormsConvert) {
 TEST_P(IniOnDisk, WhatCannotBeReadToItsEndIsNotCached) {
   fill("[S]\nab=1\n");
   zov_iniCleanup();
-  fault = Fault::kRead;
-  zovtest::outputOf([&] { EXPECT_EQ(value("S", "ab"), "-905"); });
-  fault = Fault::kNone;
+  zovtest::outputOf([&] {
+    const Fault unreadable(Call::read, 1, EIO, true);
+    EXPECT_EQ(value("S", "ab"), "-905");
+  });
   EXPECT_EQ(value("S", "ab"), "1");
 }
 

@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "expression_tables.h"
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

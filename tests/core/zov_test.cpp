@@ -2,7 +2,7 @@
 //
 // Start-up and shut-down: counting, failure of every stage, flags, and the
 // critical section.
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // Tagged memory: modes, resizing, double frees, tags, recovery points, and a
 // random walk against a model that knows what every block must hold.
 #include "core/zov_private.h"
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <deque>
 #include <string_view>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

@@ -11,18 +11,13 @@
 #include <functional>
 #include <utility>
 
-#include "support/alloc_failure.h"
-#include "support/replace.h"
+#include "support/faults.h"
 
 namespace {
 
+using zovtest::Call;
+using zovtest::Fault;
 using zovtest::outputOf;
-
-std::atomic<uint32_t> blocked{0};  // locks that were found taken
-
-// Called before each lock this thread takes, with the number of that lock.
-thread_local std::function<void(int)> *lockHook = nullptr;
-thread_local int locks = 0;
 
 void until(const std::atomic<uint32_t> &counter, uint32_t value) {
   while (counter < value) {
@@ -39,30 +34,11 @@ void write(ZOV_QUEUE queue) {
   zov_queueWrite(queue, 1, 2, 3, 0);
 }
 
-template <typename Call>
-auto hooked(std::function<void(int)> hook, Call call) {
-  locks = 0;
-  lockHook = &hook;
-  const auto result = call();
-  lockHook = nullptr;
-  return result;
+template <typename Work>
+auto hooked(std::function<void(uint32_t)> hook, Work work) {
+  const Fault locks(Call::pthread_mutex_lock, hook);
+  return work();
 }
-
-}  // namespace
-
-REPLACE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), {
-  if (std::function<void(int)> *hook = std::exchange(lockHook, nullptr); hook != nullptr) {
-    (*hook)(++locks);
-    lockHook = hook;
-  }
-  if (pthread_mutex_trylock(mutex) == 0) {
-    return 0;
-  }
-  ++blocked;
-  return __real_pthread_mutex_lock(mutex);
-})
-
-namespace {
 
 class Queue : public zovtest::Started {
  protected:
@@ -110,12 +86,12 @@ TEST_F(Queue, BehavesAsItsModel) {
 // A second reader comes when the message is there that the first was woken for.
 TEST_F(Queue, ReadersTakeTurns) {
   std::jthread late;
-  const auto overtake = [&](int lock) {
+  const auto overtake = [&](uint32_t lock) {
     if (lock == 3) {
       write(queue);
     } else if (lock == 4) {
       late = std::jthread([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR); });
-      until(blocked, 1);
+      until(zovtest::locksFoundTaken, 1);
     }
   };
   EXPECT_EQ(hooked(overtake, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
@@ -136,9 +112,9 @@ TEST_F(Queue, WaitsForAMessageUnlessItIsClosed) {
 // Closes the queue before each lock that a reader takes on its way to sleep: read
 // mutex, list mutex, event.
 TEST_F(Queue, CloseIsNeverSleptThrough) {
-  for (int moment = 1; moment <= 3; ++moment) {
+  for (uint32_t moment = 1; moment <= 3; ++moment) {
     ZOV_QUEUE closing = zov_queueCreate("closing");
-    const auto close = [&](int lock) {
+    const auto close = [&](uint32_t lock) {
       if (lock == moment) {
         zov_queueClose(closing);
       }
@@ -154,14 +130,14 @@ TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
   write(queue);  // so that there are nodes
   EXPECT_EQ(read(queue), ZOV_OKAY);
   std::atomic<uint32_t> stage{0};
-  const auto stopBeforeEvent = [&](int lock) {
+  const auto stopBeforeEvent = [&](uint32_t lock) {
     if (lock == 2) {
       stage = 1;
       until(stage, 2);
     }
   };
   std::thread writer;
-  const auto startWriter = [&](int lock) {
+  const auto startWriter = [&](uint32_t lock) {
     if (lock == 3) {
       writer = std::thread([&] { hooked(stopBeforeEvent, [&] { return write(queue), 0; }); });
       until(stage, 1);
@@ -169,7 +145,7 @@ TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
   };
   EXPECT_EQ(hooked(startWriter, [&] { return read(queue, 1); }), ZOV_TIMEOUT);
   EXPECT_EQ(read(queue), ZOV_OKAY);
-  const auto finishWriter = [&](int lock) {
+  const auto finishWriter = [&](uint32_t lock) {
     if (lock == 3) {
       stage = 2;
       writer.join();
@@ -187,7 +163,7 @@ void putInDoubt() {
   ASSERT_EQ(zov_init(), ZOV_OKAY);
   ASSERT_EQ(zov_queueInit(0), ZOV_OKAY);
   ZOV_QUEUE queue = zov_queueCreate("orders");
-  const auto writeAndPurge = [&](int lock) {
+  const auto writeAndPurge = [&](uint32_t lock) {
     if (lock == 3) {
       write(queue);
     } else if (lock == 4) {
@@ -199,9 +175,9 @@ void putInDoubt() {
             }),
             "unexpected empty queue on orders");
   std::thread(read, queue, 0).detach();
-  until(blocked, 1);
+  until(zovtest::locksFoundTaken, 1);
   std::thread(write, queue).detach();
-  until(blocked, 2);
+  until(zovtest::locksFoundTaken, 2);
 }
 
 TEST(QueueInDoubt, StaysLocked) {

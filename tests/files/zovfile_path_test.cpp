@@ -3,7 +3,7 @@
 // Paths as strings, and the current directory.
 #include <utility>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 #include "support/temp_dir.h"
 
 namespace {

@@ -2,75 +2,16 @@
 //
 // File handles: routing, the process-wide flags, failing and short transfers,
 // locks between threads and handles, lack of memory.
-#include <utility>
+#include <latch>
 
-#include "support/alloc_failure.h"
-#include "support/replace.h"
+#include "support/faults.h"
 #include "support/temp_dir.h"
 
 namespace {
 
+using zovtest::Call;
+using zovtest::Fault;
 using zovtest::outputOf;
-
-constexpr int kNoError = -1;
-
-// What the next replaced system call of this thread does: fail with nextError,
-// or transfer nextLimit bytes at most.
-thread_local int nextError = kNoError;
-thread_local size_t nextLimit = SIZE_MAX;
-thread_local int calls = 0;
-
-bool tagsFail = false;
-bool mutexesFail = false;
-std::atomic<int> awaitedCreators{0};
-std::atomic<int> deletions{0};
-
-template <typename Result, typename Call>
-Result replaced(Call call) {
-  ++calls;
-  const size_t limit = std::exchange(nextLimit, SIZE_MAX);
-  const int error = std::exchange(nextError, kNoError);
-  if (error == kNoError) {
-    return call(limit);
-  }
-  errno = error;
-  return -1;
-}
-
-// Where creators are awaited nobody goes on before all have come.
-ZOV_SYNC rendezvous(ZOV_SYNC created) {
-  for (--awaitedCreators; awaitedCreators > 0;) {
-    std::this_thread::yield();
-  }
-  return created;
-}
-
-}  // namespace
-
-// A system call that can be made to fail or to fall short.
-#define INJECT(Result, name, parameters, arguments)                                              \
-  REPLACE(Result, name, parameters, return replaced<Result>([&]([[maybe_unused]] size_t limit) { \
-            return __real_##name arguments;                                                      \
-          });)
-
-INJECT(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode))
-INJECT(int, fsync, (int fd), (fd))
-INJECT(ssize_t, read, (int fd, void *to, size_t size), (fd, to, std::min(limit, size)))
-INJECT(ssize_t, write, (int fd, const void *from, size_t size), (fd, from, std::min(limit, size)))
-INJECT(ssize_t, pread, (int fd, void *to, size_t size, off_t offset),
-       (fd, to, std::min(limit, size), offset))
-INJECT(ssize_t, pwrite, (int fd, const void *from, size_t size, off_t offset),
-       (fd, from, std::min(limit, size), offset))
-REPLACE(ZOV_TAG, zov_createTagEx, (jmp_buf * recovery, uint32_t flags, const char *by, uint32_t at),
-        return tagsFail ? ZOV_NO_TAG : __real_zov_createTagEx(recovery, flags, by, at);)
-REPLACE(ZOV_SYNC, zov_syncCreate_check, (int32_t kind, const char *by, uint32_t at),
-        return mutexesFail ? ZOV_NO_SYNC : rendezvous(__real_zov_syncCreate_check(kind, by, at));)
-REPLACE(void, zov_syncDelete, (ZOV_SYNC handle), {
-  deletions += handle != ZOV_NO_SYNC;
-  __real_zov_syncDelete(handle);
-})
-
-namespace {
 
 class Files : public zovtest::StartedInDir {
  protected:
@@ -149,17 +90,16 @@ TEST_F(Files, FailedTransfersAreReportedAndNotRepeated) {
   for (const auto &row : rows) {
     SCOPED_TRACE(&row - rows);
     const auto told = [](std::string what) { return what.empty() ? "" : what + ", errno = 4\n"; };
-    nextError = EINTR;
     const auto fail = [&] {
+      const Fault interrupted(Call::system, 1, EINTR);
       EXPECT_EQ(row.transfer(file, buffer_), ZOV_IO_FAILED);
       EXPECT_EQ(errno, EINTR);
     };
     EXPECT_EQ(zovtest::errorsOf([&] { EXPECT_EQ(outputOf(fail), told(row.output)); }),
               told(row.errors));
-    nextLimit = 3;
-    calls = 0;
+    const Fault cut(Call::system, 1, zovtest::Limit{3});
     EXPECT_EQ(row.transfer(file, buffer_), 3u);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(cut.uses(), 1u);
   }
   zov_fileClose(file);
 }
@@ -181,15 +121,15 @@ TEST_F(Files, StandardStreamsIgnoreTheFlags) {
 TEST_F(Files, ReadOnlyFlagProtectsTheDisk) {
   ZOV_FILE file = open();
   ASSERT_EQ(zov_fileWrite(file, "kept", 4), 4u);
-  nextError = EIO;
+  const Fault broken(Call::fsync, 1, EIO);
   EXPECT_EQ(zov_fileSync(file), ZOV_ERROR) << "asks the disk";
   zov_rdonly();
-  calls = 0;
+  const Fault calls(Call::system);
   EXPECT_EQ(zov_fileWrite(file, "lost", 4), 0u);
   EXPECT_EQ(zov_fileSeekWrite(file, 0, "lost", 4), 0u);
   EXPECT_EQ(zov_fileSetSize(file, 0), -1);
   EXPECT_EQ(zov_fileSync(file), ZOV_OKAY);
-  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(calls.uses(), 0u);
   EXPECT_EQ(zov_fileLength(file), 4);
   for (const int flags : {O_WRONLY, O_RDWR, O_RDONLY | O_CREAT, O_RDONLY | O_TRUNC}) {
     EXPECT_EQ(open(flags), nullptr) << flags;
@@ -199,22 +139,24 @@ TEST_F(Files, ReadOnlyFlagProtectsTheDisk) {
 
 TEST_F(Files, FlagsKeepFilesOffTheDisk) {
   ZOV_FILE file = open(O_RDWR | O_CREAT, ZOV_FILE_NOSYNC);
-  calls = 0;
+  const Fault calls(Call::system);
   EXPECT_EQ(zov_fileSync(file), ZOV_OKAY);
   EXPECT_EQ(zov_fileLengthStat(path_.c_str(), ZOV_FILE_MEMORY), 0);
   EXPECT_EQ(zov_fileModTimeStat(path_.c_str(), ZOV_FILE_MEMORY), 0);
   EXPECT_EQ(open(O_RDONLY, ZOV_FILE_MEMORY), nullptr) << "the disk's file is not meant";
   zov_nodisk();
   EXPECT_EQ(open(O_RDONLY), nullptr);
-  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(calls.uses(), 0u);
   EXPECT_EQ(zov_fileModTimeStat(path_.c_str(), 0), -1);
   EXPECT_EQ(zov_fileLengthStat(path_.c_str(), 0), 0) << "asks the disk all the same";
 }
 
 // A system that refuses without an error number leaves such a handle.
 TEST_F(Files, HandleWithoutDescriptorIsHarmless) {
-  nextError = 0;
-  ZOV_FILE file = open();
+  ZOV_FILE file = [&] {
+    const Fault refused(Call::open, 1, 0);
+    return open();
+  }();
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(outputOf([&] {
               EXPECT_EQ(zov_fileRead(file, buffer_, 0), 0u);
@@ -248,47 +190,48 @@ TEST_F(Files, LockQueuesThreadsAndRefusesHandles) {
   second.join();
   EXPECT_EQ(zov_fileLock(other), ZOV_OKAY);
   zov_fileUnlock(other);
-  mutexesFail = true;
+  const Fault noMutexes(Call::syncObject, 1, 0, true);
   ZOV_FILE third = open();
   EXPECT_EQ(zov_fileLock(third), ZOV_OKAY) << "does without a mutex";
   EXPECT_EQ(zov_fileLock(other), ZOV_ERROR);
   zov_fileUnlock(third);
-  mutexesFail = false;
 }
 
 TEST_F(Files, FirstLockMakesOneMutexForAll) {
   ZOV_FILE file = open();
-  deletions = 0;
-  awaitedCreators = 2;
+  const int64_t before = zovtest::standing().slots;
+  std::latch creators{2};
   int entries = 0;
   zovtest::onThreads(2, [&](uint32_t) {
+    const Fault rendezvous(Call::syncObject, [&](uint32_t) { creators.arrive_and_wait(); });
     EXPECT_EQ(zov_fileLock(file), ZOV_OKAY);
     ++entries;
     zov_fileUnlock(file);
   });
   EXPECT_EQ(entries, 2);
-  EXPECT_EQ(deletions, 1) << "the one that came too late";
+  EXPECT_EQ(zovtest::standing().slots, before + 1) << "the one that came too late is gone";
   zov_fileClose(file);
-  EXPECT_EQ(deletions, 2);
+  EXPECT_EQ(zovtest::standing().slots, before);
 }
 
 TEST(FileStage, FailureUndoesStartUpAndTermAbandonsHandles) {
   EXPECT_EQ(zov_fileOpen("stdout", O_WRONLY, 0), nullptr) << "not started";
   EXPECT_EQ(errno, EINVAL);
   const int64_t before = zovtest::liveBlocks();
-  tagsFail = true;
-  EXPECT_EQ(zov_init(), ZOV_ERROR);
-  tagsFail = false;
+  {
+    const Fault noTags(Call::tag, 1, 0, true);
+    EXPECT_EQ(zov_init(), ZOV_ERROR);
+  }
   EXPECT_EQ(zovtest::liveBlocks(), before);
   EXPECT_EQ(zov_init(), ZOV_OKAY);
   EXPECT_NE(zov_fileOpen("stdout", O_WRONLY, 0), nullptr);
   zov_background = 1;  // or the message would count
-  calls = 0;
+  const Fault calls(Call::open);
   zovtest::failAllocationAfter(0);
   EXPECT_EQ(zov_fileOpen("/", O_RDONLY, 0), nullptr);
   EXPECT_TRUE(zovtest::stopFailing());
   zov_background = 0;
-  EXPECT_EQ(calls, 0) << "no descriptor was at stake";
+  EXPECT_EQ(calls.uses(), 0u) << "no descriptor was at stake";
   zov_term();
   EXPECT_EQ(zovtest::liveBlocks(), before) << "the open handle went too";
 }

@@ -9,31 +9,13 @@
 #include <set>
 #include <utility>
 
-#include "support/alloc_failure.h"
-#include "support/replace.h"
+#include "support/faults.h"
 #include "support/temp_dir.h"
 
 namespace {
-int64_t writes = 0;         // calls of pwrite()
-bool refuseRename = false;  // as between two file systems
-bool breakWalks = false;    // as on a disk that cannot be read
-}  // namespace
 
-REPLACE(ssize_t, pwrite, (int descriptor, const void *buffer, size_t count, off_t offset), {
-  ++writes;
-  return __real_pwrite(descriptor, buffer, count, offset);
-})
-REPLACE(int, rename, (const char *from, const char *to), {
-  errno = EXDEV;
-  return refuseRename ? -1 : __real_rename(from, to);
-})
-REPLACE(dirent *, readdir, (DIR * directory), {
-  errno = breakWalks ? EIO : errno;
-  return breakWalks ? nullptr : __real_readdir(directory);
-})
-
-namespace {
-
+using zovtest::Call;
+using zovtest::Fault;
 using zovtest::fileExists;
 using zovtest::readFile;
 using zovtest::writeFile;
@@ -54,7 +36,7 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
     int line;
     std::string source;
     std::string destination;
-    int64_t writes;
+    uint32_t writes;
   } rows[] = {
       {__LINE__, "", "abc", 0},
       {__LINE__, blocks("abcd"), "", 4},
@@ -68,9 +50,9 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
     SCOPED_TRACE(row.line);
     writeFile(at("from"), row.source);
     writeFile(at("to"), row.destination);
-    writes = 0;
+    const Fault writes(Call::pwrite);
     EXPECT_EQ(zov_fileCopy(at("from").c_str(), at("to").c_str()), ZOV_OKAY);
-    EXPECT_EQ(writes, row.writes);
+    EXPECT_EQ(writes.uses(), row.writes);
     EXPECT_EQ(readFile(at("to")), row.source);
     EXPECT_EQ(zov_fileCmp(at("from").c_str(), at("to").c_str()), ZOV_OKAY);
   }
@@ -104,14 +86,13 @@ TEST_F(FileUtil, MissingSourcesAreRefused) {
 
 TEST_F(FileUtil, MoveReplacesAndCrossesFileSystems) {
   for (const bool refuse : {false, true}) {
-    refuseRename = refuse;
+    const Fault elsewhere(Call::rename, refuse ? 1 : UINT32_MAX, EXDEV, true);
     writeFile(at("from"), "new");
     writeFile(at("to"), "old and longer");
     EXPECT_EQ(zov_fileMove(at("from").c_str(), at("to").c_str()), ZOV_OKAY) << refuse;
     EXPECT_FALSE(fileExists(at("from")));
     EXPECT_EQ(readFile(at("to")), "new") << refuse;
   }
-  refuseRename = false;
   // Two links of one file: the entry moves, though rename() would do nothing.
   std::filesystem::create_hard_link(at("to"), at("link"));
   EXPECT_EQ(zov_fileMove(at("link").c_str(), at("to").c_str()), ZOV_OKAY);
@@ -144,13 +125,14 @@ TEST_F(FileUtil, DirectoryChainsAreCompleted) {
 TEST_F(FileUtil, DirectoryMoveTakesItsFiles) {
   std::filesystem::create_directories(at("from/sub"));
   writeFile(at("from/one"), "1");
-  refuseRename = true;
-  EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
-  EXPECT_FALSE(fileExists(at("from/one")));
-  EXPECT_TRUE(std::filesystem::remove(at("from/sub"))) << "directories stay";
-  EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
-  EXPECT_FALSE(fileExists(at("from"))) << "an empty source goes";
-  refuseRename = false;
+  {
+    const Fault elsewhere(Call::rename, 1, EXDEV, true);
+    EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
+    EXPECT_FALSE(fileExists(at("from/one")));
+    EXPECT_TRUE(std::filesystem::remove(at("from/sub"))) << "directories stay";
+    EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
+    EXPECT_FALSE(fileExists(at("from"))) << "an empty source goes";
+  }
   EXPECT_EQ(zov_dirMove(at("new").c_str(), at("renamed").c_str()), ZOV_OKAY);
   EXPECT_EQ(readFile(at("renamed/to/one")), "1");
 }
@@ -242,14 +224,15 @@ TEST_F(FileUtil, TemporaryNamesAreDistinct) {
 TEST_F(FileUtil, DirectoryMoveTellsOfABrokenWalk) {
   std::filesystem::create_directory(at("from"));
   writeFile(at("from/one"), "1");
-  refuseRename = breakWalks = true;
-  EXPECT_EQ(zov_dirMove(at("from").c_str(), at("to").c_str()), ZOV_ERROR);
-  breakWalks = false;
+  const Fault elsewhere(Call::rename, 1, EXDEV, true);
+  {
+    const Fault unreadable(Call::readdir, 1, EIO, true);
+    EXPECT_EQ(zov_dirMove(at("from").c_str(), at("to").c_str()), ZOV_ERROR);
+  }
   int32_t status = ZOV_OKAY;
   const auto move = [&] { status = zov_dirMove(at("from").c_str(), at("to").c_str()); };
   zovtest::failEachAllocation(
       move, [&](bool) { EXPECT_TRUE(status != ZOV_OKAY || !fileExists(at("from/one"))); });
-  refuseRename = false;
 }
 
 // Whichever allocation fails, no file may be lost.

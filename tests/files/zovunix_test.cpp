@@ -1,27 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The native file primitives against real files. readdir() is replaced to
-// withhold the types of entries, as some file systems do.
+// The native file primitives against real files. Some file systems
+// withhold the types of entries.
 #include <dirent.h>
 #include <sys/stat.h>
 
 #include <set>
 
-#include "support/alloc_failure.h"
-#include "support/replace.h"
+#include "support/faults.h"
 #include "support/temp_dir.h"
-
-namespace {
-bool typesAreKnown = true;
-}
-
-REPLACE(dirent *, readdir, (DIR * dir), {
-  dirent *entry = __real_readdir(dir);
-  if (entry != nullptr && !typesAreKnown) {
-    entry->d_type = DT_UNKNOWN;
-  }
-  return entry;
-})
 
 namespace {
 
@@ -119,10 +106,9 @@ TEST_F(Native, WalksGiveTheNamesThatMatch) {
   EXPECT_EQ(walked(dir.path(), "*"), (Names{"./", "../", "a.DAT", "d.dat/", "l.dat"}));
   EXPECT_EQ(walked(dir.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat"}));
   EXPECT_EQ(walked(at("missing"), "*"), Names{});
-  typesAreKnown = false;
+  const zovtest::Fault withoutTypes(zovtest::Call::readdir, 1, zovtest::Limit{0}, true);
   EXPECT_EQ(walked(dir.path(), "?.dat"), (Names{"a.DAT", "d.dat/", "l.dat/"}))
       << "a type that has to be asked for is that of the link's target";
-  typesAreKnown = true;
 }
 
 // Each allocation of a walk in turn jumps out of it. No descriptor is lost, and
@@ -130,7 +116,7 @@ TEST_F(Native, WalksGiveTheNamesThatMatch) {
 TEST_F(Native, WalksSurviveJumps) {
   const uint64_t nextDescriptor = open(path_);
   zov_flClose(nextDescriptor);
-  typesAreKnown = false;
+  const zovtest::Fault withoutTypes(zovtest::Call::readdir, 1, zovtest::Limit{0}, true);
   ZOV_DISK_WALK volatile walk = nullptr;
   const auto walkArmed = [&] {
     int32_t isDirectory = 0;
@@ -146,7 +132,6 @@ TEST_F(Native, WalksSurviveJumps) {
     zov_flPathClose(walk);
     walk = nullptr;
   });
-  typesAreKnown = true;
   EXPECT_EQ(open(path_), nextDescriptor);
 }
 

@@ -5,7 +5,7 @@
 // directory.
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_private.h"
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 // against a plain array of bytes.
 #include <time.h>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

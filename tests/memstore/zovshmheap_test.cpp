@@ -2,7 +2,7 @@
 //
 // The heap: contexts and their root blocks, regions by number, and what a lack
 // of memory leaves behind.
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 
 namespace {
 

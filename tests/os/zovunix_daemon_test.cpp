@@ -10,21 +10,12 @@
 #include <sys/wait.h>
 
 #include "os/zovunix_limit.h"
-#include "support/replace.h"
-#include "support/test.h"
-
-static bool failFork = false;
-static bool lateLauncher = false;  // sees nothing of its server until that has ended
-REPLACE(pid_t, fork, (), {
-  const pid_t child = failFork ? -1 : __real_fork();
-  siginfo_t ignored;
-  if (lateLauncher && child > 0) {
-    waitid(P_PID, static_cast<id_t>(child), &ignored, WEXITED | WNOWAIT);
-  }
-  return child;
-})
+#include "support/faults.h"
 
 namespace {
+
+using zovtest::Call;
+using zovtest::Fault;
 
 // What a server finds around it, written before it does anything else.
 struct Facts {
@@ -107,6 +98,14 @@ void blocking() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+// One that sees nothing of its server until that has ended.
+void lateLauncher() {
+  static const Fault late(Call::ppoll, [](uint32_t) {
+    siginfo_t ignored;
+    waitid(P_ALL, 0, &ignored, WEXITED | WNOWAIT);
+  });
+}
+
 // And with text without a newline in a buffer that launcher and server share.
 void withSibling() {
   sibling = fork();
@@ -148,14 +147,14 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
        "247: tested terminated by internal error or external signal (9).\n"},
       {__LINE__, plain, stops, kStopped},
       {__LINE__, plain, reportsAndExits, kStarted},
-      {__LINE__, [] { lateLauncher = true; }, reportsAndExits, kStarted},
+      {__LINE__, lateLauncher, reportsAndExits, kStarted},
       {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), raise(SIGSTOP); }, kStarted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe), _exit(3); }, kAborted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe); }, kStarted, "00", 2},
       {__LINE__, withSibling,
        [](int32_t pipe) { kill(sibling, SIGKILL), zov_daemonComplete(pipe); },
        std::string("0: ") + kStarted},
-      {__LINE__, [] { signal(SIGCHLD, SIG_IGN), lateLauncher = true; }, exits, kAborted, "10"},
+      {__LINE__, [] { signal(SIGCHLD, SIG_IGN), lateLauncher(); }, exits, kAborted, "10"},
       {__LINE__, blocking, stops, kStopped, "01"},
       {__LINE__, [] { close(0), close(1), close(2); }, exits, "3: "},
   };
@@ -181,11 +180,10 @@ TEST(Daemon, FailsInTheForeground) {
   for (const rlim_t allowed : {0u, 1u, 2u, 3u}) {
     const rlimit tight = {static_cast<rlim_t>(firstFree) + allowed, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &tight);
-    failFork = allowed == 3;
+    const Fault failing(Call::fork, allowed == 3 ? 1 : UINT32_MAX, EAGAIN);
     int32_t out = 7;
     EXPECT_EQ(zov_daemonStart("tested", &out), ZOV_ERROR);
     EXPECT_EQ(out, -1);
-    failFork = false;
     EXPECT_STREQ(server_name, allowed == 3 ? "tested" : "unknown");
     EXPECT_EQ(before, factsOf(out).text);
   }

@@ -6,6 +6,7 @@
 #ifndef TESTS_SUPPORT_TEST_H
 #define TESTS_SUPPORT_TEST_H
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -23,6 +25,39 @@
 #include "zov.h"
 
 namespace zovtest {
+
+// What the process has in hand: open descriptors, and, where the calls beneath
+// the library are replaced, its blocks, sync objects and locks held.
+struct Standing {
+  int64_t descriptors;
+  int64_t blocks;
+  int64_t slots;
+  int64_t locks;
+  bool operator==(const Standing &) const = default;
+};
+
+inline int64_t openDescriptors() {
+  DIR *directory = opendir("/proc/self/fd");
+  int64_t count = 0;
+  while (readdir(directory) != nullptr) {
+    ++count;
+  }
+  closedir(directory);
+  return count;
+}
+
+#ifdef ZOVTEST_FAULTS
+Standing standing();
+#else
+inline Standing standing() {
+  return {openDescriptors(), 0, 0, 0};
+}
+#endif
+
+inline std::ostream &operator<<(std::ostream &out, const Standing &at) {
+  return out << at.descriptors << " descriptors, " << at.blocks << " blocks, " << at.slots
+             << " sync objects, " << at.locks << " locks held";
+}
 
 class Started : public testing::Test {
  protected:

@@ -4,30 +4,14 @@
 // library's life and when writing fails, and many threads at once.
 #include <regex>
 
-#include "support/alloc_failure.h"
-#include "support/replace.h"
+#include "support/faults.h"
 #include "support/temp_dir.h"
 
 namespace {
-std::atomic<bool> diskFull{false};
-std::atomic<int> syncs{0};
-}  // namespace
 
-REPLACE(ssize_t, write, (int descriptor, const void *bytes, size_t count), {
-  if (diskFull && descriptor > STDERR_FILENO) {
-    errno = ENOSPC;
-    return -1;
-  }
-  return __real_write(descriptor, bytes, count);
-})
-REPLACE(int, fsync, (int descriptor), {
-  ++syncs;
-  return __real_fsync(descriptor);
-})
-
-namespace {
-
+using zovtest::Call;
 using zovtest::errorsOf;
+using zovtest::Fault;
 using zovtest::outputOf;
 using zovtest::readFile;
 
@@ -79,13 +63,11 @@ TEST_F(Console, RedirectionsPileUp) {
 
 TEST_F(Console, LogRecordsCarryATimestamp) {
   EXPECT_EQ(zov_log_create((dir.path() + "/").c_str(), "log"), ZOV_OKAY);
-  const int before = syncs;
-  outputOf([] {
-    zov_log("first %s\n", "line");
-    zov_log_err("second\n");
-  });
-  EXPECT_GE(syncs - before, 2) << "each record is synced";
-  zov_background = 1;
+  zov_background = 1;  // or the console syncs too
+  const Fault syncs(Call::fsync);
+  zov_log("first %s\n", "line");
+  zov_log_err("second\n");
+  EXPECT_EQ(syncs.uses(), 2u) << "each record is synced";
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(zov_log("third%c dropped\n", 0), 0);
               zov_log_flush();
@@ -140,9 +122,12 @@ TEST(ConsoleOutside, MessagesGoToLibc) {
 // neither take a lock again nor go round in circles.
 TEST_F(Console, FailingOutputReportsItselfOnce) {
   ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
-  diskFull = true;
-  const std::string errors = errorsOf([] { outputOf([] { zov_log("text\n"); }); });
-  diskFull = false;
+  const std::string errors = errorsOf([] {
+    outputOf([] {
+      const Fault full(Call::write, 2, ENOSPC);  // the first is the console's
+      zov_log("text\n");
+    });
+  });
   EXPECT_EQ(errors, "Write failed, errno = 28\n");
 }
 

@@ -6,7 +6,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 #include "text/zov_stream_private.h"
 #include "text/zov_stream_walk.h"
 

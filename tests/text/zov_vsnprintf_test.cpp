@@ -8,7 +8,7 @@
 #include <locale.h>
 #include <math.h>
 
-#include "support/alloc_failure.h"
+#include "support/faults.h"
 #include "support/replace.h"
 
 namespace {
