@@ -335,8 +335,13 @@ ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t 
                             uint64_t grownBytes, const char *sourceName, uint32_t line);
 
 /**
- * Releases a block. Releasing a block a second time soon after the first is
- * recognised and does nothing but say so.
+ * Releases a block. A block that was released before is recognised, and the call
+ * does nothing but say so. That holds however long ago it was released, by this
+ * call or with all of its tag, and for the place that zov_extendMem() moved a
+ * block away from; but not when the memory has been handed out again since, or
+ * was given back to the system, as that of large blocks is at once: then the
+ * second release does harm. The block that the tag released last is known in any
+ * case. On other systems than x86-64 Linux only the latest nine are.
  *
  * @param block the block; null is ignored
  * @param tag   the tag that owns it, 0 for the default one

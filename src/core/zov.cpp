@@ -10,6 +10,7 @@
 // held for the whole of start-up and shut-down, so no init or term may enter
 // it. Nothing here jumps: allocations during start-up come from tags that
 // nobody can have armed yet.
+#include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
 
@@ -94,7 +95,9 @@ void _zov_term() {
   zov::storeFlag(zov_terminating, 0);
 }
 
+// Leaves errno, which tells the caller of what failed.
 void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
+  const int error = errno;
   switch (what) {
     case zov::Shortage::kMemory:
       zov_log("Out of memory. Called from %s:%u\n", sourceName, line);
@@ -106,6 +109,7 @@ void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
     case zov::Shortage::kNone:
       break;
   }
+  errno = error;
 }
 
 }  // namespace

@@ -19,28 +19,27 @@
 // message written, and nothing done to the tag. Calls that hold something while
 // they allocate jump through workOrJump(). jumpTo() alone calls longjmp().
 //
-// A block is recognised as freed already by its address alone, from a short
-// record of the tag's latest frees; memory that was given back is never read.
+// A block that is freed a second time has lost the mark of its header
+// (zovmem_block.h). The block freed last is known by its address besides. That
+// is looked at first, since a large block takes its pages along when it goes.
+// Where addresses leave no room for a mark, a record of the latest frees stands
+// in for it (zovmem_freed.h).
 #include <assert.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
 
 #include "core/zov_private.h"
+#include "core/zovmem_block.h"
 #include "core/zovmem_freed.h"
 
 namespace {
 
-struct BlockHeader {
-  BlockHeader *newer;
-  BlockHeader *older;
-};
+using zov::BlockHeader;
 
-// The caller's bytes begin right behind, as aligned as malloc()'s.
 constexpr uint64_t kHeaderBytes = sizeof(BlockHeader);
-static_assert(kHeaderBytes == 16);
-
 constexpr uint64_t kLargestBlock = UINT64_MAX - kHeaderBytes;
 
 constexpr uint16_t kReturnNull = 1;
@@ -54,9 +53,9 @@ struct TagRecord {
   TagRecord *previous;  // older tag, null for tag0
   ZOV_SYNC mutex;
   BlockHeader *blocks;     // newest block, null when the tag owns nothing
-  jmp_buf recovery;        // meaningful in mode kJump
+  zov::FreedBlocks freed;  // what the marks do not tell
   uint16_t mode;           // kReturnNull or kJump
-  zov::FreedRecord freed;  // the latest frees, behind the fields of every tag
+  jmp_buf recovery;        // meaningful in mode kJump
 };
 
 TagRecord *tag0 = nullptr;
@@ -95,32 +94,33 @@ void leave(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
 
 void linkBlock(TagRecord &tag, BlockHeader *header) {
   BlockHeader *head = tag.blocks;
-  header->newer = nullptr;
+  header->setNewer(nullptr);
   header->older = head;
   if (head != nullptr) {
-    head->newer = header;
+    head->setNewer(header);
   }
   tag.blocks = header;
   tag.freed.forget(addressOf(header));
 }
 
 void unlinkBlock(TagRecord &tag, BlockHeader *header) {
-  if (header->newer == nullptr) {
-    tag.blocks = header->older;
-  } else {
-    header->newer->older = header->older;
-  }
-  if (header->older != nullptr) {
-    header->older->newer = header->newer;
+  BlockHeader *newer = header->newer();
+  BlockHeader *older = header->older;
+  (newer != nullptr ? newer->older : tag.blocks) = older;
+  if (older != nullptr) {
+    older->setNewer(newer);
   }
 }
 
-// True for a block that was freed already. The header is looked at only when
-// the address is not among the latest frees; of a block that is not the head
-// two empty words mean that it belongs to no list.
+// Without marks, of a block that is not the head two empty words mean that it
+// belongs to no list.
+bool isListed(const TagRecord &tag, const BlockHeader *header) {
+  return header->markedNewer != 0 || header->older != nullptr || tag.blocks == header;
+}
+
 bool isFreed(const TagRecord &tag, const BlockHeader *header) {
   return tag.freed.holds(addressOf(header)) ||
-         (header->newer == nullptr && header->older == nullptr && tag.blocks != header);
+         !(zov::kMarksFit ? zov::isMarked(header) : isListed(tag, header));
 }
 
 // What failed, for the message and for the jump out of it.
@@ -147,6 +147,7 @@ void reportFailure(Failure failure) {
     memcpy(recovery, tag.recovery, sizeof recovery);
   }
   leave(tag.mutex);
+  errno = ENOMEM;  // and the message leaves it
   reportFailure(failure);
   if (jumps) {
     zov::jumpTo(recovery);
@@ -166,8 +167,8 @@ BlockHeader *allocate(uint64_t size, bool zero) {
   return static_cast<BlockHeader *>(memory);
 }
 
-// realloc() out of the compiler's sight, which would object to the old address
-// being put on record afterwards.
+// realloc() out of the compiler's sight, which would object to what is done with
+// the old address afterwards.
 [[gnu::noinline]] BlockHeader *reallocate(BlockHeader *header, uint64_t size) {
   return size > kLargestBlock ? nullptr
                               : static_cast<BlockHeader *>(realloc(header, size + kHeaderBytes));
@@ -223,15 +224,11 @@ void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure
 // Puts a block that realloc() moved in the place of the old one, by the
 // neighbours it had.
 void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) {
-  header->newer = links.newer;
-  header->older = links.older;
-  if (links.newer == nullptr) {
-    tag.blocks = header;
-  } else {
-    links.newer->older = header;
-  }
+  *header = links;
+  BlockHeader *newer = links.newer();
+  (newer != nullptr ? newer->older : tag.blocks) = header;
   if (links.older != nullptr) {
-    links.older->newer = header;
+    links.older->setNewer(header);
   }
 }
 
@@ -241,8 +238,7 @@ inline bool detachBlock(TagRecord &tag, BlockHeader *header) {
     return false;
   }
   unlinkBlock(tag, header);
-  header->newer = nullptr;
-  header->older = nullptr;
+  header->clear();
   tag.freed.add(addressOf(header));
   return true;
 }
@@ -270,6 +266,7 @@ void releaseBlocks(TagRecord &tag) {
   tag.blocks = nullptr;
   while (header != nullptr) {
     BlockHeader *older = header->older;
+    header->clear();
     tag.freed.add(addressOf(header));
     free(header);
     header = older;
@@ -435,8 +432,10 @@ void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero, ui
   BlockHeader *old = headerOf(block);
   const BlockHeader links = *old;
   const uintptr_t oldAddress = addressOf(old);
+  old->clear();  // its place is a freed block's if it moves
   BlockHeader *header = reallocate(old, newSize);
   if (header == nullptr) {
+    *old = links;
     return leaveForFailure(record, {sourceName, line});
   }
   relink(record, header, links);

@@ -1,13 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The latest frees of a tag, by address: what lets zov_freeMem() recognise a
-// block that was freed already without reading memory it no longer owns.
+// block that was freed already without reading memory it no longer owns. One
+// address beside the marks of the blocks; nine where there are no marks.
 #ifndef ZOV_CORE_ZOVMEM_FREED_H
 #define ZOV_CORE_ZOVMEM_FREED_H
 
 #include <stdint.h>
 
+#include <type_traits>
+
+#include "core/zovmem_block.h"
+
 namespace zov {
+
+// The last address freed, guarded by the lock of its tag, or 0. It leaves when
+// an allocation brings it back.
+class LatestFree {
+ public:
+  bool holds(uintptr_t address) const { return latest_ == address; }
+
+  void add(uintptr_t address) { latest_ = address; }
+
+  void forget(uintptr_t address) {
+    if (latest_ == address) {
+      latest_ = 0;
+    }
+  }
+
+  // A block moved: its old address is free, its new one is not.
+  void replace(uintptr_t old, uintptr_t current) {
+    if (old != current) {
+      latest_ = old;
+    }
+  }
+
+ private:
+  uintptr_t latest_;
+};
 
 // The last nine addresses freed, guarded by the lock of their tag. Addresses
 // are numbers here, not pointers: what they named is gone.
@@ -43,7 +73,6 @@ class FreedRecord {
     }
   }
 
-  // A block moved: its old address is free, its new one is not.
   void replace(uintptr_t old, uintptr_t current) {
     if (old != current) {
       forget(current);
@@ -107,6 +136,8 @@ class FreedRecord {
   uintptr_t ring_[kSlots];
   uint32_t top_;
 };
+
+using FreedBlocks = std::conditional_t<kMarksFit, LatestFree, FreedRecord>;
 
 }  // namespace zov
 
