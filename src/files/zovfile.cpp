@@ -38,6 +38,7 @@
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_private.h"
+#include "memstore/zovmfile_place.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
 //    system answers a transfer of it with EBADF. A file in memory has none.
@@ -88,17 +89,6 @@ void reportSeek(const char *direction) {
   errno = error;
 }
 
-// The number of the standard stream a path names, or -1.
-int32_t standardStream(const char *path) {
-  if (strcmp(path, "stdout") == 0) {
-    return STDOUT_FILENO;
-  }
-  if (strcmp(path, "stdin") == 0) {
-    return STDIN_FILENO;
-  }
-  return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
-}
-
 // A refusal of the library's own, which says why as the system's do.
 int32_t refuse(int error) {
   errno = error;
@@ -113,7 +103,7 @@ int32_t openFile(FileHandle &file) {
     file.mfile = zov_mfOpen(file.path, file.openFlags);
     return file.mfile == nullptr ? ZOV_ERROR : ZOV_OKAY;
   }
-  const int32_t streamNumber = standardStream(file.path);
+  const int32_t streamNumber = zov::standardStream(file.path);
   if (streamNumber >= 0) {
     file.isStd = 1;
     return zov_flOpenStd(&file.fd, streamNumber);
@@ -276,6 +266,16 @@ void unlockFile(FileHandle &file) {
 
 }  // namespace
 
+int32_t zov::standardStream(const char *path) {
+  if (strcmp(path, "stdout") == 0) {
+    return STDOUT_FILENO;
+  }
+  if (strcmp(path, "stdin") == 0) {
+    return STDIN_FILENO;
+  }
+  return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
+}
+
 ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
   FileHandle *file = newHandle(path, O_RDWR, typeFlags);
   if (file == nullptr) {
@@ -290,8 +290,25 @@ ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
   return file;
 }
 
+ZOV_FILE zov::fileOpenDraft(const char *path, uint32_t typeFlags) {
+  FileHandle *file = newHandle(path, O_RDWR, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  file->mfile = newMemDraft();
+  if (file->mfile == nullptr) {
+    cleanupFile(file);
+    return nullptr;
+  }
+  return file;
+}
+
 int zov::descriptorOf(const FileHandle &file) {
   return nativeOf(file.fd);
+}
+
+ZOV_MFILE zov::memFileOf(const FileHandle &file) {
+  return file.mfile;
 }
 
 extern "C" {

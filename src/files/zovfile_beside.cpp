@@ -38,6 +38,12 @@ mode_t forForeignGroup(mode_t mode) {
   return mode & ~kGroupBits & (~static_cast<mode_t>(07) | groupAsOthers);
 }
 
+// What changing the mode of an own file fails with where the file system has no
+// modes to change.
+bool keepsNoModes(int error) {
+  return error == EPERM || error == ENOSYS || error == EOPNOTSUPP;
+}
+
 }  // namespace
 
 int zov::openNewFile(const char *path) {
@@ -45,9 +51,10 @@ int zov::openNewFile(const char *path) {
 }
 
 bool zov::closesWhole(ZOV_FILE file) {
+  const bool onDisk = memFileOf(*file) == nullptr;
   errno = 0;
   zov_fileClose(file);
-  return errno == 0;
+  return !onDisk || errno == 0;
 }
 
 int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {
@@ -72,7 +79,7 @@ int32_t zov::giveMode(int descriptor, mode_t mode, gid_t group) {
     return ZOV_ERROR;
   }
   const mode_t given = own.st_gid == group ? mode : forForeignGroup(mode);
-  return fchmod(descriptor, given) == 0 ? ZOV_OKAY : ZOV_ERROR;
+  return fchmod(descriptor, given) == 0 || keepsNoModes(errno) ? ZOV_OKAY : ZOV_ERROR;
 }
 
 // umask() tells the bits only by setting others, and between two calls of it

@@ -1,26 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whole files: copy, compare and move, between disk and memory as the type
-// flags of each path say. Both transfers go through two blocks of 1024 bytes,
+// The contents of whole files: copy and compare, between disk and memory as the
+// type flags of each path say. Both go through two blocks of 1024 bytes,
 // allocated for the length of the call.
 //
-// A copy rewrites only the blocks that differ and never empties its destination
-// first: what is equal already is not written again. A move prefers the file
-// system's own rename, which replaces the destination in one step.
+// A copy works on its destination in place: it rewrites only the blocks that
+// differ and never empties it first, so what is equal already is not written
+// again, and what fails leaves part of the source there. A destination that was
+// missing is made for its owner alone, gets its permission bits when it is whole,
+// and goes again when the copy fails.
 //
 // No locks, and nothing jumps: jumps are held off while files are open.
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <strings.h>
 
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
+#include "memstore/zovmfile_place.h"
 
 namespace {
 
 constexpr uint32_t kBlockBytes = 1024;
-constexpr uint32_t kReadOnly = 0;
-constexpr uint32_t kReadWriteCreate = 0x42;
+constexpr mode_t kOwnerBits = 0600;
+constexpr mode_t kSharedBits = 0066;
+constexpr mode_t kNewFileBits = 0666;
 
 // Two files, open, and a block for each.
 struct Pair {
@@ -35,17 +41,31 @@ char *newBlock() {
       zov_getMem(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
 }
 
-bool allocateBlocks(Pair &pair) {
-  pair.firstBlock = newBlock();
+// Works on two open files with a block for each. Without memory for those the
+// status is that one.
+int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
+                   int32_t (*work)(const Pair &)) {
+  Pair pair = {first, second, newBlock(), nullptr};
   pair.secondBlock = pair.firstBlock == nullptr ? nullptr : newBlock();
-  return pair.secondBlock != nullptr;
-}
-
-void closePair(Pair &pair) {
+  const int32_t status = pair.secondBlock == nullptr ? noMemory : work(pair);
   zov_freeMem(pair.secondBlock, ZOV_DEFAULT_TAG);
   zov_freeMem(pair.firstBlock, ZOV_DEFAULT_TAG);
-  zov_fileClose(pair.second);
-  zov_fileClose(pair.first);
+  return status;
+}
+
+// The length of an open file, or -1 when the system does not tell.
+int64_t lengthOf(ZOV_FILE file) {
+  if (zov::memFileOf(*file) != nullptr) {
+    return zov_fileLength(file);
+  }
+  struct stat state;
+  return fstat(zov::descriptorOf(*file), &state) == 0 ? state.st_size : -1;
+}
+
+// True when nothing can be read at an offset, and that is not for a failure.
+bool endsAt(ZOV_FILE file, int64_t offset) {
+  char byte;
+  return zov_fileSeekRead(file, offset, &byte, 1) == 0;
 }
 
 // True when the second file holds, at an offset, the block just read from the
@@ -55,9 +75,14 @@ bool holdsSameBlock(const Pair &pair, int64_t offset, uint32_t lengthBytes) {
          memcmp(pair.firstBlock, pair.secondBlock, lengthBytes) == 0;
 }
 
-int32_t _fileCopy(const Pair &pair) {
-  const int64_t sourceBytes = zov_fileLength(pair.first);
-  const int64_t destinationBytes = zov_fileLength(pair.second);
+// Copies as many bytes as the source has now. A source that says it has none
+// must not have any: files that the system makes up as they are read do not know
+// their length.
+int32_t copyBytes(const Pair &pair, int64_t sourceBytes) {
+  const int64_t destinationBytes = lengthOf(pair.second);
+  if (sourceBytes < 0 || destinationBytes < 0 || (sourceBytes == 0 && !endsAt(pair.first, 0))) {
+    return ZOV_ERROR;
+  }
   for (int64_t offset = 0; offset < sourceBytes;) {
     const uint32_t count = zov_fileSeekRead(pair.first, offset, pair.firstBlock, kBlockBytes);
     if (count == 0 || count == ZOV_IO_FAILED) {
@@ -70,6 +95,16 @@ int32_t _fileCopy(const Pair &pair) {
     offset += count;
   }
   return sourceBytes == destinationBytes ? ZOV_OKAY : zov_fileSetSize(pair.second, sourceBytes);
+}
+
+int32_t _fileCopy(const Pair &pair) {
+  return copyBytes(pair, lengthOf(pair.first));
+}
+
+int32_t _fileCopyWhole(const Pair &pair) {
+  const int64_t sourceBytes = lengthOf(pair.first);
+  const int32_t status = copyBytes(pair, sourceBytes);
+  return status == ZOV_OKAY && !endsAt(pair.first, sourceBytes) ? ZOV_ERROR : status;
 }
 
 int32_t _fileCmp(const Pair &pair) {
@@ -91,49 +126,54 @@ int32_t _fileCmp(const Pair &pair) {
   return zov_fileSeekRead(pair.second, offset, pair.secondBlock, 1) == 0 ? ZOV_OKAY : ZOV_ERROR;
 }
 
-bool bothOnDisk(uint32_t firstFlags, uint32_t secondFlags) {
-  return ((firstFlags | secondFlags) & ZOV_FILE_MEMORY) == 0;
-}
-
-// Renames before the destination is gone, so that an interrupted move loses
-// neither file. Two links of one file are the case in which the system would
-// report success and do nothing.
-bool renameOver(const char *source, uint32_t sourceFlags, const char *destination,
-                uint32_t destinationFlags) {
-  return bothOnDisk(sourceFlags, destinationFlags) && !zov::isSameFile(source, destination) &&
-         zov_fileRenameEx(source, sourceFlags, destination, destinationFlags) == ZOV_OKAY;
-}
-
-// One of two files to be opened.
-struct End {
-  const char *path;
+// Where a copy goes.
+struct Destination {
+  ZOV_FILE file;
+  bool made;            // was missing
+  char path[PATH_MAX];  // of what was made: links on the way are followed
   uint32_t typeFlags;
-  uint32_t openFlags;
 };
 
-// The statuses of what may be missing before the work begins.
-struct Failures {
-  int32_t first;
-  int32_t second;
-  int32_t memory;
-};
+// Makes the file that a path on disk names. Links that lead nowhere yet stay.
+void makeOnDisk(Destination &to) {
+  if (zov::diskMayChange() && zov::followLinks(to.path)) {
+    to.file = zov::fileOpenNew(to.path, to.typeFlags);
+  }
+}
 
-// Works on two files with a block for each.
-int32_t onPair(End first, End second, Failures failures, int32_t (*work)(const Pair &)) {
-  const zov::NoJump noJump;
-  Pair pair = {};
-  pair.first = zov_fileOpen(first.path, first.openFlags, first.typeFlags);
-  if (pair.first == nullptr) {
-    return failures.first;
+// Opens the destination of a copy, which is made if it is missing.
+bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
+  constexpr uint32_t kCreate = O_RDWR | O_CREAT;
+  to.typeFlags = typeFlags;
+  errno = 0;
+  to.file = zov_fileOpen(path, O_RDWR, typeFlags);
+  if (to.file != nullptr || errno != ENOENT || strlen(path) >= sizeof to.path) {
+    return to.file != nullptr;
   }
-  pair.second = zov_fileOpen(second.path, second.openFlags, second.typeFlags);
-  if (pair.second == nullptr) {
-    zov_fileClose(pair.first);
-    return failures.second;
+  strcpy(to.path, path);
+  if (zov::isInMemory(typeFlags)) {
+    to.file = zov_fileOpen(path, kCreate, typeFlags);
+  } else {
+    makeOnDisk(to);
   }
-  const int32_t status = allocateBlocks(pair) ? work(pair) : failures.memory;
-  closePair(pair);
-  return status;
+  to.made = to.file != nullptr;
+  if (!to.made && errno == EEXIST) {
+    to.file = zov_fileOpen(path, O_RDWR, typeFlags);  // somebody else was faster
+  }
+  return to.file != nullptr;
+}
+
+// Copies into an open destination.
+int32_t fillDestination(ZOV_FILE from, const Destination &to) {
+  const int32_t status = withBlocks(from, to.file, ZOV_ERROR, _fileCopy);
+  if (!to.made) {
+    return status;
+  }
+  if (status == ZOV_OKAY && zov::passModeOn(*from, *to.file, nullptr) == ZOV_OKAY) {
+    return ZOV_OKAY;
+  }
+  zov::removeNameOf(*to.file, to.path, to.typeFlags);
+  return status == ZOV_OKAY ? ZOV_ERROR : status;
 }
 
 }  // namespace
@@ -141,6 +181,59 @@ int32_t onPair(End first, End second, Failures failures, int32_t (*work)(const P
 bool zov::isSamePath(const char *first, uint32_t firstFlags, const char *second,
                      uint32_t secondFlags) {
   return ((firstFlags ^ secondFlags) & ZOV_FILE_MEMORY) == 0 && strcasecmp(first, second) == 0;
+}
+
+// The kind is asked before the file is opened, since opening a device may do
+// something and opening a fifo waits; and again of what was opened, as the name
+// may lead elsewhere by then.
+ZOV_FILE zov::openSource(const char *path, uint32_t typeFlags) {
+  if (isInMemory(typeFlags) || standardStream(path) >= 0) {
+    return zov_fileOpen(path, O_RDONLY, typeFlags);
+  }
+  struct stat state;
+  if (stat(path, &state) != 0 || !S_ISREG(state.st_mode)) {
+    return nullptr;
+  }
+  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  if (fstat(descriptorOf(*file), &state) != 0 || !S_ISREG(state.st_mode)) {
+    zov_fileClose(file);
+    return nullptr;
+  }
+  return file;
+}
+
+int32_t zov::copyWhole(ZOV_FILE source, ZOV_FILE destination) {
+  return withBlocks(source, destination, ZOV_ERROR, _fileCopyWhole);
+}
+
+int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced) {
+  if (memFileOf(made) != nullptr) {
+    return ZOV_OKAY;
+  }
+  const int descriptor = descriptorOf(made);
+  struct stat model;
+  if (memFileOf(source) == nullptr) {
+    if (fstat(descriptorOf(source), &model) != 0) {
+      return ZOV_ERROR;
+    }
+  } else if (replaced == nullptr || lstat(replaced, &model) != 0 || !S_ISREG(model.st_mode)) {
+    if (fstat(descriptor, &model) != 0) {
+      return ZOV_ERROR;
+    }
+    model.st_mode = kNewFileBits;
+  }
+  return giveMode(descriptor, kOwnerBits | (model.st_mode & kSharedBits & ~deniedBits()),
+                  model.st_gid);
+}
+
+int32_t zov::removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags) {
+  if (memFileOf(file) != nullptr) {
+    return removeNameOfMemFile(*memFileOf(file), path);
+  }
+  return leadsTo(path, descriptorOf(file)) ? zov_fileRemoveEx(path, typeFlags) : ZOV_ERROR;
 }
 
 extern "C" {
@@ -154,12 +247,25 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
   if (source == nullptr || destination == nullptr) {
     return ZOV_ERROR;
   }
-  if (!bothOnDisk(sourceFlags, destinationFlags) &&
+  if (zov::isInMemory(sourceFlags) &&
       zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
     return ZOV_OKAY;
   }
-  return onPair({source, sourceFlags, kReadOnly}, {destination, destinationFlags, kReadWriteCreate},
-                {ZOV_ERROR, ZOV_ERROR, ZOV_ERROR}, _fileCopy);
+  const zov::NoJump noJump;
+  const ZOV_FILE from = zov::openSource(source, sourceFlags);
+  if (from == nullptr) {
+    return ZOV_ERROR;
+  }
+  int32_t status = ZOV_ERROR;
+  Destination to = {};
+  if (openDestination(to, destination, destinationFlags)) {
+    status = fillDestination(from, to);
+    if (!zov::closesWhole(to.file) && status == ZOV_OKAY) {
+      status = ZOV_ERROR;
+    }
+  }
+  zov_fileClose(from);
+  return status;
 }
 
 int32_t zov_fileCmp(const char *first, const char *second) {
@@ -174,32 +280,18 @@ int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second
   if (zov::isSamePath(first, firstFlags, second, secondFlags)) {
     return ZOV_OKAY;
   }
-  return onPair({first, firstFlags, kReadOnly}, {second, secondFlags, kReadOnly},
-                {ZOV_NOFILE, ZOV_NOFILE2, ZOV_NOMEMORY}, _fileCmp);
-}
-
-int32_t zov_fileMove(const char *source, const char *destination) {
-  return zov_fileMoveEx(source, 0, destination, 0);
-}
-
-int32_t zov_fileMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
-                       uint32_t destinationFlags) {
-  if (source == nullptr || destination == nullptr) {
-    return ZOV_ERROR;
+  const zov::NoJump noJump;
+  const ZOV_FILE one = zov_fileOpen(first, O_RDONLY, firstFlags);
+  if (one == nullptr) {
+    return ZOV_NOFILE;
   }
-  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags) ||
-      (bothOnDisk(sourceFlags, destinationFlags) && zov::isSameEntry(source, destination)) ||
-      renameOver(source, sourceFlags, destination, destinationFlags)) {
-    return ZOV_OKAY;
+  int32_t status = ZOV_NOFILE2;
+  const ZOV_FILE other = zov_fileOpen(second, O_RDONLY, secondFlags);
+  if (other != nullptr) {
+    status = withBlocks(one, other, ZOV_NOMEMORY, _fileCmp);
+    zov_fileClose(other);
   }
-  zov_fileRemoveEx(destination, destinationFlags);
-  if (zov_fileRenameEx(source, sourceFlags, destination, destinationFlags) == ZOV_OKAY) {
-    return ZOV_OKAY;
-  }
-  const int32_t status = zov_fileCopyEx(source, sourceFlags, destination, destinationFlags);
-  if (status == ZOV_OKAY) {
-    zov_fileRemoveEx(source, sourceFlags);
-  }
+  zov_fileClose(one);
   return status;
 }
 }

@@ -7,25 +7,58 @@
 
 #include <sys/stat.h>
 
-#include "zov.h"
+#include "core/zov_private.h"
 
 namespace zov {
-
-// Two paths that are taken for one file without a look at it: they are equal
-// but for case and both on disk or both in memory.
-bool isSamePath(const char *first, uint32_t firstFlags, const char *second, uint32_t secondFlags);
 
 inline bool isInMemory(uint32_t typeFlags) {
   return (typeFlags & ZOV_FILE_MEMORY) != 0;
 }
 
-// Handles (zovfile.cpp). Neither jumps.
+// Whether the process-wide modes let files and directories on disk change.
+inline bool diskMayChange() {
+  return loadFlag(zov_diskless) == 0 && loadFlag(zov_readonly) == 0;
+}
+
+// Handles (zovfile.cpp). Nothing here jumps.
+
+// The number of the standard stream that a path on disk names, or -1.
+int32_t standardStream(const char *path);
 
 // Opens a new file on disk as openNewFile() does. Null with errno.
 ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags);
 
-// The descriptor of a handle on disk, which stays the handle's.
+// Opens a new file in memory that has no name, see newMemDraft(). The path is the
+// name it is meant for. Null with errno.
+ZOV_FILE fileOpenDraft(const char *path, uint32_t typeFlags);
+
+// What a handle stands for: a descriptor, or a file in memory and not null. Both
+// stay the handle's.
 int descriptorOf(const FileHandle &file);
+ZOV_MFILE memFileOf(const FileHandle &file);
+
+// Copies (zovfile_copy.cpp). They allocate with jumps held off by their callers.
+
+// Two paths that are taken for one file without a look at it: they are equal
+// but for case and both on disk or both in memory.
+bool isSamePath(const char *first, uint32_t firstFlags, const char *second, uint32_t secondFlags);
+
+// Opens what is to be copied, to read: a plain file, a file in memory or a
+// standard stream. Anything else is refused before it is opened.
+ZOV_FILE openSource(const char *path, uint32_t typeFlags);
+
+// Copies an open file over another, and makes sure that the source still ends
+// where it ended when the copy began.
+int32_t copyWhole(ZOV_FILE source, ZOV_FILE destination);
+
+// Gives a file that was made to hold the contents of `source` its permission
+// bits: no bit for group or others that the source lacks. A source in memory has
+// none of its own; then the file on disk that is to be replaced counts, if there
+// is one. Nothing to do in memory. ZOV_ERROR with errno.
+int32_t passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced);
+
+// Removes the name of an open file if it still leads there.
+int32_t removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags);
 
 // Files that stand beside others on disk (zovfile_beside.cpp). Nothing here
 // allocates from a tag, takes a lock or looks at the process-wide modes.
@@ -35,8 +68,8 @@ int descriptorOf(const FileHandle &file);
 // or -1 with errno.
 int openNewFile(const char *path);
 
-// Closes a handle on disk. False, with errno, when the system tells only now
-// that bytes were lost.
+// Closes a handle. False, with errno, when the system tells only now that bytes
+// were lost.
 bool closesWhole(ZOV_FILE file);
 
 // Brings the entry that a path names, made or renamed before, to the disk.
@@ -47,8 +80,8 @@ int32_t syncDirectoryOf(const char *path, uint32_t typeFlags);
 
 // Gives an open file the permission bits `mode`, those of a file of the group
 // `group`. Where the file is not of that group nobody gets more by it: group bits
-// go, and so do those for others that the group did not have. ZOV_ERROR with
-// errno.
+// go, and so do those for others that the group did not have. A file system
+// without modes keeps the file as it made it. ZOV_ERROR with errno.
 int32_t giveMode(int descriptor, mode_t mode, gid_t group);
 
 // The bits that the process denies to files it makes; all when they cannot be

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names: remove, rename, validate, directory chains, moving the files of a
-// directory, and names for temporary files. Each path goes to the disk or to
-// the memory file system as its type flags say; the disk is left alone under
-// the read-only and diskless flags.
+// Names: remove, rename, validate, directory chains, and names for temporary
+// files. Each path goes to the disk or to the memory file system as its type
+// flags say; the disk is left alone under the read-only and diskless flags.
 //
-// No locks. Allocations that come while something is open are made with jumps
-// held off; the others hold nothing.
-#include <errno.h>
+// No locks. What allocates holds nothing, and may jump.
 #include <string.h>
 
 #include "core/zov_private.h"
@@ -15,10 +12,6 @@
 #include "os/zovunix_tmpdir.h"
 
 namespace {
-
-bool diskMayChange() {
-  return zov::loadFlag(zov_diskless) == 0 && zov::loadFlag(zov_readonly) == 0;
-}
 
 bool isSeparator(char character) {
   return character == '/' || character == '\\';
@@ -45,64 +38,6 @@ int32_t createChain(char *path) {
   return zov_dirCreate(path);
 }
 
-// A directory with the type flags of the files in it.
-struct Place {
-  const char *directory;
-  uint32_t typeFlags;
-};
-
-char *pathIn(Place place, const char *name) {
-  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.directory, '/', name);
-}
-
-int32_t moveEntry(Place source, Place destination, const char *name) {
-  char *from = pathIn(source, name);
-  char *to = pathIn(destination, name);
-  const int32_t status = from == nullptr || to == nullptr
-                             ? ZOV_NOMEMORY
-                             : zov_fileMoveEx(from, source.typeFlags, to, destination.typeFlags);
-  zov_freeMem(to, ZOV_DEFAULT_TAG);
-  zov_freeMem(from, ZOV_DEFAULT_TAG);
-  return status;
-}
-
-// The status of work under a NoJump that came to an end with `status`, unless
-// it was for want of memory.
-int32_t unlessShort(int32_t status) {
-  return zov::heldShortage == zov::Shortage::kMemory ? ZOV_NOMEMORY : status;
-}
-
-// Moves what a walk through the source names, up to the first failure. A walk
-// gives null at its end and also when it breaks off before: then memory was
-// short, or the system set errno.
-int32_t moveWalked(ZOV_PATH_WALK walk, Place source, Place destination) {
-  for (;;) {
-    int32_t isDirectory = 0;
-    errno = 0;
-    const char *name = zov_pathNext(walk, &isDirectory);
-    if (name == nullptr) {
-      return unlessShort(errno == 0 ? ZOV_OKAY : ZOV_ERROR);
-    }
-    const int32_t status = isDirectory != 0 ? ZOV_OKAY : moveEntry(source, destination, name);
-    if (status != ZOV_OKAY) {
-      return status;
-    }
-  }
-}
-
-// Moves the files of a directory, one level deep. One that cannot be walked has
-// none.
-int32_t moveEntries(Place source, Place destination) {
-  const zov::NoJump noJump;
-  ZOV_PATH_WALK walk = zov_pathOpenEx(source.directory, source.typeFlags, "*");
-  if (walk == nullptr) {
-    return unlessShort(ZOV_OKAY);
-  }
-  const int32_t status = moveWalked(walk, source, destination);
-  zov_pathClose(walk);
-  return status;
-}
-
 }  // namespace
 
 extern "C" {
@@ -118,7 +53,7 @@ int32_t zov_fileRemoveEx(const char *path, uint32_t typeFlags) {
   if (zov::isInMemory(typeFlags)) {
     return zov_mfRemove(path);
   }
-  return diskMayChange() ? zov_flRemove(path) : ZOV_ERROR;
+  return zov::diskMayChange() ? zov_flRemove(path) : ZOV_ERROR;
 }
 
 int32_t zov_fileRename(const char *oldPath, const char *newPath) {
@@ -134,7 +69,7 @@ int32_t zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char 
   if (zov::isInMemory(oldTypeFlags)) {
     return zov_mfRename(oldPath, newPath);
   }
-  return diskMayChange() ? zov_flRename(oldPath, newPath) : ZOV_ERROR;
+  return zov::diskMayChange() ? zov_flRename(oldPath, newPath) : ZOV_ERROR;
 }
 
 int32_t zov_fileValidate(const char *path, int32_t *isDirectory) {
@@ -168,34 +103,6 @@ int32_t zov_dirCreateAll(const char *path) {
   }
   const int32_t status = createChain(copy);
   zov_freeMem(copy, ZOV_DEFAULT_TAG);
-  return status;
-}
-
-int32_t zov_dirMove(const char *source, const char *destination) {
-  return zov_dirMoveEx(source, 0, destination, 0);
-}
-
-int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
-                      uint32_t destinationFlags) {
-  if (source == nullptr || destination == nullptr) {
-    return ZOV_ERROR;
-  }
-  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags) ||
-      zov_fileRenameEx(source, sourceFlags, destination, destinationFlags) == ZOV_OKAY) {
-    return ZOV_OKAY;
-  }
-  int32_t isDirectory = 0;
-  if (!zov::isInMemory(destinationFlags) &&
-      zov_fileValidateEx(destination, destinationFlags, &isDirectory) == 0) {
-    const int32_t status = zov_dirCreateAll(destination);
-    if (!madeOrThere(status)) {
-      return status;
-    }
-  }
-  const int32_t status = moveEntries({source, sourceFlags}, {destination, destinationFlags});
-  if (!zov::isInMemory(sourceFlags) && diskMayChange()) {
-    zov_dirRemove(source);  // stays when it holds directories, or what was not moved
-  }
   return status;
 }
 

@@ -3,12 +3,17 @@
 // Whether two paths mean the same thing on disk: the same file, or the same
 // entry of the same directory. Reads the file system and keeps nothing.
 #include <limits.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "files/zovunix_entry.h"
 
 namespace {
+
+// Links that the system follows from one path.
+constexpr int32_t kMostLinks = 40;
 
 bool isSame(const struct stat &first, const struct stat &second) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
@@ -45,6 +50,25 @@ bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
   return true;
 }
 
+enum class Step : uint8_t { kFollowed, kNoLink, kTooLong };
+
+// Puts in the place of a link's path the path that it holds.
+Step followLink(char (&path)[PATH_MAX]) {
+  char target[PATH_MAX];
+  const ssize_t count = readlink(path, target, sizeof target);
+  if (count < 0) {
+    return Step::kNoLink;
+  }
+  const size_t length = static_cast<size_t>(count);
+  const size_t kept = target[0] == '/' ? 0 : static_cast<size_t>(entryName(path).text - path);
+  if (kept + length >= sizeof path) {
+    return Step::kTooLong;
+  }
+  memcpy(path + kept, target, length);
+  path[kept + length] = '\0';
+  return Step::kFollowed;
+}
+
 bool statParent(const char *path, EntryName name, struct stat *result) {
   char directory[PATH_MAX];
   return copyParent(path, name, directory) && stat(directory, result) == 0;
@@ -63,6 +87,19 @@ bool zov::isSameFile(const char *first, const char *second) {
          isSame(firstFile, secondFile);
 }
 
+bool zov::leadsTo(const char *path, int descriptor) {
+  struct stat named;
+  struct stat opened;
+  return stat(path, &named) == 0 && fstat(descriptor, &opened) == 0 && isSame(named, opened);
+}
+
+bool zov::isSameDirectory(const char *first, const char *second) {
+  struct stat firstFile;
+  struct stat secondFile;
+  return stat(first, &firstFile) == 0 && stat(second, &secondFile) == 0 &&
+         S_ISDIR(firstFile.st_mode) && isSame(firstFile, secondFile);
+}
+
 bool zov::isSameEntry(const char *first, const char *second) {
   const EntryName firstName = entryName(first);
   const EntryName secondName = entryName(second);
@@ -74,4 +111,30 @@ bool zov::isSameEntry(const char *first, const char *second) {
   struct stat secondParent;
   return statParent(first, firstName, &firstParent) &&
          statParent(second, secondName, &secondParent) && isSame(firstParent, secondParent);
+}
+
+bool zov::leadsThrough(const char *link, const char *entry) {
+  char path[PATH_MAX];
+  if (strlen(link) >= sizeof path) {
+    return true;
+  }
+  strcpy(path, link);
+  for (int32_t links = 0; links < kMostLinks; ++links) {
+    const Step step = followLink(path);
+    if (step != Step::kFollowed) {
+      return step == Step::kTooLong;
+    }
+    if (isSameEntry(path, entry)) {
+      return true;
+    }
+  }
+  return false;  // in a circle that the entry is no part of
+}
+
+bool zov::followLinks(char (&path)[PATH_MAX]) {
+  Step step = Step::kFollowed;
+  for (int32_t links = 0; links <= kMostLinks && step == Step::kFollowed; ++links) {
+    step = followLink(path);
+  }
+  return step == Step::kNoLink;
 }

@@ -17,9 +17,25 @@ bool parentOf(const char *path, char (&directory)[PATH_MAX]);
 // one entry, or links of one file.
 bool isSameFile(const char *first, const char *second);
 
+// True when a path, links followed, leads to an open file.
+bool leadsTo(const char *path, int descriptor);
+
+// True when both paths lead to one directory, links followed.
+bool isSameDirectory(const char *first, const char *second);
+
 // True when both paths name the same entry of the same directory, which need
 // not exist. "a" and "./a" do.
 bool isSameEntry(const char *first, const char *second);
+
+// True when a symbolic link leads to what it leads to by way of the entry that
+// the other path names: put in the place of that entry it would lead to itself.
+// Also when that cannot be found out.
+bool leadsThrough(const char *link, const char *entry);
+
+// Puts in the place of a path what it leads to, if it is a symbolic link, links
+// to links followed to their end; that need not exist. False when the links go
+// in a circle or their path is too long.
+bool followLinks(char (&path)[PATH_MAX]);
 
 }  // namespace zov
 

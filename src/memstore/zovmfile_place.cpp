@@ -164,6 +164,24 @@ int32_t zov::moveMemFile(const char *source, const char *destination) {
   return status;
 }
 
+int32_t zov::removeNameOfMemFile(const MemFile &file, const char *path) {
+  const NoJump noJump;
+  Target target(path);
+  if (handleFullPath(target, 0, kTypeFile) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  const bool leadsThere = target.id == segIdOf(*file.seg);
+  if (leadsThere) {
+    removeEntryInSubdir(*target.directory, target.cursor);
+  }
+  zov_segUnlock(target.directory->tree.seg);
+  if (!leadsThere) {
+    return refuse(ENOENT);
+  }
+  segRemoveById(target.id);
+  return ZOV_OKAY;
+}
+
 bool zov::isSameMemEntry(const char *first, const char *second) {
   const NoJump noJump;
   Target one(first);

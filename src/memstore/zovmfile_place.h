@@ -33,6 +33,10 @@ int32_t placeMemDraft(ZOV_MFILE draft, const char *path);
 // the destination is refused or a directory, or memory is short.
 int32_t moveMemFile(const char *source, const char *destination);
 
+// Removes the name of an open file as zov_mfRemove() does, if it still leads to
+// that file. ZOV_ERROR when it does not.
+int32_t removeNameOfMemFile(const MemFile &file, const char *path);
+
 // Whether two paths name the same entry of the same directory, which need not
 // exist. The directories that lead there are made, as by every look-up.
 bool isSameMemEntry(const char *first, const char *second);

@@ -376,6 +376,10 @@ void zov::segRemoveById(uint64_t id) {
   zov_shmCacheRemoveCtx(id);
 }
 
+uint64_t zov::segIdOf(const SegFile &file) {
+  return file.id;
+}
+
 uint64_t zov::segKnownSize(uint64_t id) {
   return shmCacheKnownRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
 }

@@ -12,6 +12,9 @@ namespace zov {
 // it. Also for an id that no file was ever opened by. Cannot fail.
 void segRemoveById(uint64_t id);
 
+// The id of an open file.
+uint64_t segIdOf(const SegFile &file);
+
 // zov_segSizeStat() and zov_segModTime() of a file that the caller keeps from
 // being removed; they take no lock.
 uint64_t segKnownSize(uint64_t id);

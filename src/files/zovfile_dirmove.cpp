@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Moving a directory: by renaming it, or else by moving its files one by one,
+// each as zov_fileMoveEx() does. What would make the move fail as a whole is
+// found out before anything changes.
+//
+// No locks, and nothing jumps: jumps are held off while the walk is open.
+#include <errno.h>
+#include <sys/stat.h>
+
+#include "core/zov_private.h"
+#include "files/zovfile_private.h"
+#include "files/zovunix_entry.h"
+#include "memstore/zovmfile_place.h"
+
+namespace {
+
+// A directory with the type flags of the files in it.
+struct Place {
+  const char *directory;
+  uint32_t typeFlags;
+};
+
+bool isInMemory(Place place) {
+  return zov::isInMemory(place.typeFlags);
+}
+
+// Refused for a reason that is in errno.
+int32_t failure() {
+  return errno == ENOMEM ? ZOV_NOMEMORY : ZOV_ERROR;
+}
+
+char *pathIn(Place place, const char *name) {
+  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.directory, '/', name);
+}
+
+int32_t moveEntry(Place source, Place destination, const char *name) {
+  char *from = pathIn(source, name);
+  char *to = pathIn(destination, name);
+  const int32_t status = from == nullptr || to == nullptr
+                             ? ZOV_NOMEMORY
+                             : zov_fileMoveEx(from, source.typeFlags, to, destination.typeFlags);
+  zov_freeMem(to, ZOV_DEFAULT_TAG);
+  zov_freeMem(from, ZOV_DEFAULT_TAG);
+  return status;
+}
+
+// Moves what a walk through the source names, up to the first failure. A walk
+// gives null at its end, and with errno when it breaks off before.
+int32_t moveWalked(ZOV_PATH_WALK walk, Place source, Place destination) {
+  for (;;) {
+    int32_t isDirectory = 0;
+    errno = 0;
+    const char *name = zov_pathNext(walk, &isDirectory);
+    if (name == nullptr) {
+      return errno == 0 ? ZOV_OKAY : failure();
+    }
+    const int32_t status = isDirectory != 0 ? ZOV_OKAY : moveEntry(source, destination, name);
+    if (status != ZOV_OKAY) {
+      return status;
+    }
+  }
+}
+
+bool isSameDirectory(Place source, Place destination) {
+  if (isInMemory(source) != isInMemory(destination)) {
+    return false;
+  }
+  return isInMemory(source) ? zov::isSameMemDirectory(source.directory, destination.directory)
+                            : zov::isSameDirectory(source.directory, destination.directory);
+}
+
+bool exists(Place place, bool &isDirectory) {
+  int32_t directory = 0;
+  const bool found = zov_fileValidateEx(place.directory, place.typeFlags, &directory) != 0;
+  isDirectory = found && directory != 0;
+  return found;
+}
+
+// True when nothing has the name; not when that cannot be found out.
+bool isMissing(Place place) {
+  errno = 0;
+  if (isInMemory(place)) {
+    bool isDirectory = false;
+    return !exists(place, isDirectory) && errno != ENOMEM;
+  }
+  struct stat state;
+  return lstat(place.directory, &state) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+int32_t renameWhole(Place source, Place destination) {
+  if (isInMemory(source) && isInMemory(destination)) {
+    return zov::moveMemFile(source.directory, destination.directory);
+  }
+  return zov_fileRenameEx(source.directory, source.typeFlags, destination.directory,
+                          destination.typeFlags);
+}
+
+// A destination in memory comes into being with its first file.
+int32_t prepareDestination(Place destination) {
+  bool isDirectory = false;
+  if (isInMemory(destination) || exists(destination, isDirectory)) {
+    return ZOV_OKAY;
+  }
+  const int32_t status = zov_dirCreateAll(destination.directory);
+  if (status != ZOV_OKAY && status != ZOV_EXISTS) {
+    return status;
+  }
+  exists(destination, isDirectory);
+  return isDirectory ? ZOV_OKAY : ZOV_ERROR;  // a link that leads nowhere
+}
+
+// Moves the files, one level deep. A source that is missing has none.
+int32_t moveFiles(Place source, Place destination) {
+  errno = 0;
+  const ZOV_PATH_WALK walk = zov_pathOpenEx(source.directory, source.typeFlags, "*");
+  if (walk == nullptr && !isMissing(source)) {
+    return failure();
+  }
+  int32_t status = prepareDestination(destination);
+  if (status == ZOV_OKAY && walk != nullptr) {
+    status = moveWalked(walk, source, destination);
+  }
+  zov_pathClose(walk);
+  if (status == ZOV_OKAY && !isInMemory(source) && !isSameDirectory(source, destination)) {
+    zov_dirRemove(source.directory);  // stays when it holds directories
+  }
+  return status;
+}
+
+int32_t _dirMove(Place source, Place destination) {
+  const bool onDisk = !isInMemory(source) || !isInMemory(destination);
+  if (onDisk && !zov::diskMayChange()) {
+    return ZOV_ERROR;
+  }
+  if (isSameDirectory(source, destination)) {
+    return ZOV_OKAY;
+  }
+  bool isDirectory = false;
+  if (exists(destination, isDirectory) && !isDirectory) {
+    return ZOV_ERROR;
+  }
+  return renameWhole(source, destination) == ZOV_OKAY ? ZOV_OKAY : moveFiles(source, destination);
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t zov_dirMove(const char *source, const char *destination) {
+  return zov_dirMoveEx(source, 0, destination, 0);
+}
+
+int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                      uint32_t destinationFlags) {
+  if (source == nullptr || destination == nullptr || !zov::started()) {
+    return ZOV_ERROR;
+  }
+  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
+    return ZOV_OKAY;
+  }
+  const zov::NoJump noJump;
+  return _dirMove({source, sourceFlags}, {destination, destinationFlags});
+}
+}
