@@ -132,14 +132,20 @@ ZOV_API extern int32_t zov_inited;
 /** 1 while zov_term() shuts the modules down, else 0. Read only. */
 ZOV_API extern int32_t zov_terminating;
 
-/** Set by zov_rdonly(): the file handles and utilities neither write, create,
- *  remove nor rename files on disk. The zov_fl functions do not look at it, nor
- *  do zov_dirCreate(), zov_dirCreateAll() and zov_dirRemove(). */
+/** Set by zov_rdonly(): the file handles and utilities, and what stands on them,
+ *  neither write, create, remove nor rename files on disk. A handle that was open
+ *  before takes nothing more. A text stream or a log that was goes on taking
+ *  bytes; those, and those it had not sent, are dropped as if they had been
+ *  written: flush before. The zov_fl functions do not look at the flag, nor do
+ *  zov_dirCreate(), zov_dirCreateAll() and zov_dirRemove(). The guide to files
+ *  has a table of all calls. */
 ZOV_API extern int32_t zov_readonly;
 
 /** Set by zov_nodisk(): no disk file is opened, removed or renamed, and no
- *  directory is created, removed or walked. The zov_fl functions do not look at
- *  it. */
+ *  directory is created, removed or walked. What was open before goes on as it
+ *  was, to the disk. The zov_fl functions do not look at the flag, nor do
+ *  zov_fileLengthStat() and zov_pathIsLink(). The guide to files has a table of
+ *  all calls. */
 ZOV_API extern int32_t zov_diskless;
 
 /** 1 when the process runs in the background: console output is silenced. */
@@ -865,12 +871,14 @@ typedef struct DiskWalk *ZOV_DISK_WALK;
 
 /**
  * Opens a file of the system. One call of open(), with permissions 0666 less
- * the process's umask for a file it creates. The zov_fl functions that take a
- * descriptor or a path may all be called at any time, started or not, and
- * leave errno as the system set it; the four transfers clear it first.
+ * the process's umask for a file it creates. The zov_fl functions, but for
+ * those of walks, may all be called at any time, started or not, and leave errno
+ * as the system set it; the four transfers clear it first.
  *
  * @param path       path
- * @param openFlags  the O_ flags of POSIX open()
+ * @param openFlags  the O_ flags of POSIX open(). O_CLOEXEC is added: a program
+ *                   that is executed does not inherit the descriptor, unless
+ *                   fcntl() takes FD_CLOEXEC off it
  * @param unused     ignored
  * @param descriptor where the descriptor goes, to be closed with zov_flClose();
  *                   #ZOV_NO_DESCRIPTOR on failure
@@ -980,7 +988,8 @@ ZOV_API uint32_t zov_flSeekRead(uint64_t descriptor, int64_t offset, void *buffe
  * Waits until everything written through any descriptor of the file is on the
  * disk.
  *
- * @return #ZOV_OKAY or #ZOV_ERROR. After a failure what was written may be
+ * @return #ZOV_OKAY, or #ZOV_ERROR with errno set: for a pipe, a socket or a
+ *         terminal always, with EINVAL. After a failure what was written may be
  *         lost, and a second call that succeeds does not bring it back.
  *
  * Threads: any.
@@ -1009,7 +1018,8 @@ ZOV_API int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
  * Takes the exclusive advisory lock on a whole file, without waiting. The lock
  * belongs to what the descriptor was opened as: another descriptor of the same
  * file is refused, in this process as in any other, while the same descriptor
- * gets it again.
+ * gets it again. A child process that is forked shares it: either can release it
+ * for both. Locks of fcntl() are others.
  *
  * @return #ZOV_OKAY, or #ZOV_ERROR when it is held elsewhere or the call
  *         failed.
@@ -1102,8 +1112,9 @@ ZOV_API int32_t zov_dirRemoveW(const wchar_t *path);
  *
  * @param directory path of the directory
  * @param pattern   which names to return, as for zov_match()
- * @return the walk, to be ended with zov_flPathClose(), or null: no such
- *         directory, or memory is short.
+ * @return the walk, to be ended with zov_flPathClose(); null when the directory
+ *         cannot be opened or memory is short, errno saying why, and when the
+ *         library is not started.
  *
  * Threads: any. Messages, may jump: as zov_getMem() on the default tag.
  */
@@ -1115,10 +1126,12 @@ ZOV_API ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern)
  *
  * @param walk        the walk
  * @param isDirectory gets 1 for a directory, 0 for anything else, which
- *                    includes a link to one; untouched at the end
+ *                    includes a link to one but where the file system does not
+ *                    tell types; untouched at the end
  * @return the name, without the directory's path, in memory of the walk, where
- *         it stays until the next call; null at the end, and when memory is
- *         short.
+ *         it stays until the next call; null at the end, when errno is as it
+ *         was, and when the directory cannot be read on or memory is short, when
+ *         errno says so.
  *
  * Threads: one at a time. Cost: one allocation a name, and a stat() where the
  * file system does not tell types.
@@ -1164,10 +1177,14 @@ ZOV_API void zov_fileTerm(void);
  * @param openFlags the O_ flags of POSIX open(). O_TRUNC brings O_CREAT with it
  * @param typeFlags #ZOV_FILE_MEMORY, #ZOV_FILE_NOSYNC and flags of the
  *                  caller's own; the low 16 bits count
- * @return the handle, to be closed with zov_fileClose(), or null: the library
- *         is not started, memory is short, the system refuses (errno says
- *         why), the read-only flag forbids opening a disk file to write or
- *         create it, or the diskless flag any disk file.
+ * @return the handle, to be closed with zov_fileClose(), or null, and errno
+ *         says why. Beside the reasons of the system: EINVAL for a null path and
+ *         while the library is not started, EROFS for opening a disk file to
+ *         write or create it under the read-only flag, EACCES for any under the
+ *         diskless flag; for a file in memory as zov_mfOpen().
+ *
+ * A disk file's descriptor is not inherited by programs that are executed, see
+ * zov_flOpen().
  *
  * Threads: any. Cost: one allocation and open(), or zov_mfOpen(). Messages: that
  * of a failed allocation.
@@ -1175,8 +1192,8 @@ ZOV_API void zov_fileTerm(void);
 ZOV_API ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags);
 
 /**
- * zov_fileOpen() of a wide path; null also when the path cannot be converted.
- * May jump: as zov_convertToUTF8().
+ * zov_fileOpen() of a wide path; null also when the path cannot be converted,
+ * with EILSEQ. May jump: as zov_convertToUTF8().
  */
 ZOV_API ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags);
 
@@ -1197,7 +1214,8 @@ ZOV_API void zov_fileClose(ZOV_FILE file);
  * @param file   the file
  * @param offset bytes, from where whence says
  * @param whence SEEK_SET, SEEK_CUR or SEEK_END
- * @return #ZOV_OKAY or #ZOV_ERROR.
+ * @return #ZOV_OKAY, or #ZOV_ERROR for a position before the beginning, and in
+ *         memory also for one past the end.
  *
  * Threads: one at a time.
  */
@@ -1278,8 +1296,8 @@ ZOV_API int64_t zov_fileLength(ZOV_FILE file);
  *
  * @param path      path; links are followed
  * @param typeFlags type flags as for zov_fileOpen()
- * @return bytes, or -1 when there is no such file; for one in memory as
- *         zov_mfSizeStat().
+ * @return bytes, or -1 when there is no such file or the path is null; for one
+ *         in memory as zov_mfSizeStat(), and 0 for a null path.
  *
  * Threads: any.
  */
@@ -1300,8 +1318,9 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
 /**
  * Locks a file for the caller. Waits for another thread that holds it through
  * the same handle, but not for another handle or process. A thread may lock a
- * handle again; the first unlock then already lets other processes in. A file
- * in memory has one lock for all its handles, and is waited for.
+ * handle again; the first unlock then already lets other processes in. A child
+ * process that is forked shares the lock and can release it. A file in memory has
+ * one lock for all its handles, and is waited for.
  *
  * @return #ZOV_OKAY, or a status that is not 0, at once, when the file is
  *         locked through another handle or by another process.
@@ -1323,7 +1342,8 @@ ZOV_API void zov_fileUnlock(ZOV_FILE file);
  * file opened with #ZOV_FILE_MEMORY or #ZOV_FILE_NOSYNC, nor under the
  * read-only flag.
  *
- * @return #ZOV_OKAY or #ZOV_ERROR.
+ * @return #ZOV_OKAY, or #ZOV_ERROR as zov_flSync(), so for a standard stream on a
+ *         pipe or a terminal.
  *
  * Threads: any.
  */
@@ -1334,9 +1354,9 @@ ZOV_API int32_t zov_fileSync(ZOV_FILE file);
  *
  * @param path      path; links are followed
  * @param typeFlags type flags as for zov_fileOpen()
- * @return whole seconds since 1970, UTC; -1 when there is no such file, and
- *         for a disk file under the diskless flag; for a file in memory as
- *         zov_mfModTime().
+ * @return whole seconds since 1970, UTC; -1 when there is no such file, for a
+ *         null path, and for a disk file under the diskless flag; for a file in
+ *         memory as zov_mfModTime(), and 0 for a null path.
  *
  * Threads: any.
  */
@@ -1483,8 +1503,10 @@ ZOV_API int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
  *
  * @param path        the path
  * @param typeFlags   its type flags
- * @param isDirectory null: the path must open for reading; else the path must
- *                    exist, and gets 1 for a directory, 0 for anything else
+ * @param isDirectory null: a path on disk must open for reading, which may wait
+ *                    as for zov_flValidate(), and one in memory exist; else the
+ *                    path must exist, and gets 1 for a directory, 0 for anything
+ *                    else
  * @return 1 when usable, 0 when not or, on disk, under the diskless flag.
  *
  * Threads: any.
@@ -1549,7 +1571,9 @@ ZOV_API int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags,
  * @param directory the directory
  * @param typeFlags its type flags
  * @param pattern   names to return, as in zov_match()
- * @return the walk, to be ended with zov_pathClose(), or null.
+ * @return the walk, to be ended with zov_pathClose(); null when the directory
+ *         cannot be opened, memory is short, an argument is null, the library is
+ *         not started, or a directory on disk is meant under the diskless flag.
  *
  * Threads: any. Messages: those of failing allocations. May jump, before the
  * directory is opened.
@@ -1570,8 +1594,9 @@ ZOV_API ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFla
  *
  * @param walk        the walk; null ends at once
  * @param isDirectory place for 1 when the name is a directory's, else 0
- * @return the name, which the walk owns until the next step, or null at the end
- *         and when memory is short.
+ * @return the name, which the walk owns until the next step; null at the end,
+ *         when errno is as it was, and when a directory on disk cannot be read on
+ *         or memory is short, when errno says so.
  *
  * Threads: one at a time. Messages: those of failing allocations.
  */
@@ -1579,9 +1604,14 @@ ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory);
 
 /**
  * zov_pathNext() with a wide name.
- * @return the name, or null at the end, when it cannot be converted, and when
- *         memory is short. The latest name belongs to the walk; each one before
- *         it to the caller, to be released with zov_freeMem() on the default tag.
+ *
+ * @return the name, or null as zov_pathNext(), and with EILSEQ in errno for a
+ *         name that is not UTF-8: the walk can go on behind it. The latest name
+ *         that was returned belongs to the walk, also after a null; each one
+ *         before it to the caller, to be released with zov_freeMem() on the
+ *         default tag.
+ *
+ * Threads and messages: as zov_pathNext().
  */
 ZOV_API wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory);
 
@@ -1591,14 +1621,15 @@ ZOV_API void zov_pathClose(ZOV_PATH_WALK walk);
 
 /**
  * Makes up the path of a temporary file in zov_tmpdir(), or without a directory
- * when there is none. The address and the value of the counter and the process
+ * when there is none or its name is empty. The address and the value of the counter and the process
  * id keep names apart; whether such a file exists is not looked at.
  *
  * @param counter   the caller's counter, which is advanced by 1
  * @param prefix    what the name begins with; null: "temp"
  * @param extension what follows its dot; null: "tmp"
  * @param tag       tag of the path, 0 for the default one
- * @return the path, released with zov_freeMem() on that tag, or null.
+ * @return the path, released with zov_freeMem() on that tag; null when memory is
+ *         short or the library not started.
  *
  * Threads: any, each with a counter of its own. Messages: those of failing
  * allocations. May jump.
@@ -1617,8 +1648,8 @@ ZOV_API char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const
  * Tells the current directory, "/" under the diskless flag.
  *
  * @return the path, without a slash at its end unless it is the root, in
- *         memory of the caller; null when the system does not say (errno says
- *         why) or memory is short.
+ *         memory of the caller; null when the system does not say or memory is
+ *         short (errno says why), and when the library is not started.
  *
  * Threads: any. Cost: one system call and one growth for every 10 bytes of it.
  * Messages, may jump: as zov_getMem() on the default tag.
@@ -1652,10 +1683,11 @@ ZOV_API char *zov_fullpath(const char *path);
  *                  is none; or null
  * @param name      gets what follows the slash, null when nothing does; or null
  *
- * Both are in memory of the caller, and null too when memory is short.
+ * Both are in memory of the caller. One for which memory is short is null too,
+ * and all are when the library is not started.
  *
- * Threads: any. Messages, may jump: as zov_getMem() on the default tag; what
- * was split off before the jump is in its place, the other is null.
+ * Threads: any. Messages, may jump: as zov_getMem() on the default tag; both are
+ * null then.
  */
 ZOV_API void zov_pathSplit(const char *path, char **directory, char **name);
 
@@ -1718,10 +1750,11 @@ ZOV_API void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes
  *                  is not terminated: the caller answers for the room.
  * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
  * @return bytes of the result, the terminator among them, or #ZOV_UTF8_FAILED
- *         for an invalid unit in the strict mode and for a result of 4 GiB.
+ *         for an invalid unit in the strict mode and for a result of 4 GiB less
+ *         a byte, or more.
  *
- * Cost: no allocation; ASCII converts 16 characters at a time, other text four
- * where the processor has a byte shuffle.
+ * Cost: no allocation; on processors that have vectors ASCII converts 16
+ * characters at a time, and other text four where there is a byte shuffle too.
  */
 ZOV_API uint32_t zov_wchar_to_utf8(char *out, const wchar_t *text, uint32_t sizeBytes,
                                    uint32_t errorMode);
@@ -1740,8 +1773,9 @@ ZOV_API uint32_t zov_wchar_to_utf8_len(char *out, uint32_t sizeBytes, const wcha
  *
  * @param text      the wide string; null gives null
  * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
- * @return the string, to be released with zov_freeMem() on the default tag, or
- *         null when an invalid unit was refused or memory is short.
+ * @return the string, to be released with zov_freeMem() on the default tag; null
+ *         when an invalid unit was refused or the result is too long, with EILSEQ
+ *         in errno, or when memory is short.
  *
  * Threads: any, while the library is started.
  * Messages: that of a failed allocation.
@@ -1768,7 +1802,8 @@ ZOV_API char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode);
  *                  room.
  * @param errorMode #ZOV_UTF8_STRICT or #ZOV_UTF8_REPLACE
  * @return characters of the result, the terminator among them, or
- *         #ZOV_UTF8_FAILED as said above and for a result of 2^32 characters.
+ *         #ZOV_UTF8_FAILED as said above and for a result of 2^32 - 1 characters
+ *         or more.
  */
 ZOV_API uint32_t zov_utf8_to_wchar(wchar_t *out, const char *text, uint32_t sizeChars,
                                    uint32_t errorMode);
@@ -1803,7 +1838,7 @@ ZOV_API wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode);
  *
  * Threads: any, while the library is started.
  * Messages: that of a failed allocation.
- * May jump: when memory is short; what was converted by then stays allocated.
+ * May jump: when memory is short; nothing stays allocated then.
  */
 ZOV_API int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out);
 
@@ -3519,7 +3554,8 @@ ZOV_API void zov_osTerm(void);
 ZOV_API uint32_t zov_get_pid(void);
 
 /** @return 1 if there is a process of this id, also one that may not be
- *  signalled, else 0. Threads: any. May be called at any time. */
+ *  signalled, else 0, so for 0 and above INT32_MAX. Threads: any. May be called
+ *  at any time. */
 ZOV_API int32_t zov_check_pid(uint32_t pid);
 
 /**
@@ -3703,9 +3739,11 @@ ZOV_API wchar_t *zov_setlocaleW(int32_t category, const wchar_t *locale);
 /**
  * Looks for a directory for temporary files: that of the environment variable
  * TMPDIR, that of TEMPDIR, "/tmp", the current one; the first that is writable.
+ * An empty variable names no directory.
  *
  * @return a copy of its path, released with zov_freeMem() on the default tag;
- *         null when none is writable or memory is missing.
+ *         null when none is writable, memory is missing or the library is not
+ *         started.
  *
  * Threads: any, while nobody changes the environment. Messages: those of
  * failing allocations. May jump.
@@ -3716,7 +3754,8 @@ ZOV_API char *zov_findOStmpdir(void);
  * Gives the directory of zov_findOStmpdir(), looked for once and kept.
  *
  * @return its path, which the library owns until shut-down; null when none is
- *         writable, when the next call looks again.
+ *         writable, when the next call looks again, and when the library is not
+ *         started.
  *
  * Threads: any; the first call enters the process-wide critical section, so a
  * thread that is inside must not ask. Cost: one atomic load once it is known.
@@ -3726,7 +3765,8 @@ ZOV_API const char *zov_osTmpdir(void);
 
 /**
  * Gives the directory that temporary files go to: the value of the environment
- * variable QEL_TMPDIR as it is, writable or not, else zov_osTmpdir().
+ * variable QEL_TMPDIR as it is, writable or not, and empty too; else
+ * zov_osTmpdir().
  *
  * @param tag tag of the copy, 0 for the default one
  * @return a copy of its path, released with zov_freeMem() on that tag, or null.
@@ -3736,11 +3776,13 @@ ZOV_API const char *zov_osTmpdir(void);
 ZOV_API char *zov_tmpdir(ZOV_TAG tag);
 
 /**
- * Tells whether a file can be made in a directory on disk, by making one of a
- * name that no other thread or process uses, and removing it. No directory is
- * writable under the read-only and diskless flags.
+ * Tells whether a file can be made in a directory on disk, by making one and
+ * removing it. Its name begins with "qel_dirtest_tmp" and holds the ids of
+ * process and thread; what has that name already is left alone, and another
+ * number tried behind it, up to 99. One that cannot be removed again stays. No
+ * directory is writable under the read-only and diskless flags.
  *
- * @param directory the directory; null is not writable
+ * @param directory the directory; null and "" are not writable
  * @return 1 or 0.
  *
  * Threads: any. Messages: as zov_fileOpen().
