@@ -7,7 +7,7 @@
 # The tables are kept beside the grammar, in generated/, and belong into version
 # control: where bison or Python is missing they are used as they are. Otherwise
 # a change of the grammar makes them anew during the build, and the copy beside
-# the grammar follows.
+# the grammar follows. Without the programs and the tables CMake stops.
 find_program(ZOV_TABLES_PROGRAM zov-tables
   HINTS ${CMAKE_CURRENT_LIST_DIR}/../tools ${PACKAGE_PREFIX_DIR}/bin)
 find_package(BISON 3.0 QUIET)
@@ -23,6 +23,10 @@ function(zov_add_grammar target grammar)
   endif()
   set(kept ${folder}/generated/${name}_tables)
   if(NOT (ZOV_TABLES_PROGRAM AND BISON_FOUND AND Python3_FOUND))
+    if(NOT EXISTS ${kept}.c)
+      message(FATAL_ERROR "${grammar} needs zov-tables, bison 3 and Python 3, or tables made "
+        "before, ${kept}.c; install bison 3 and Python 3")
+    endif()
     target_sources(${target} PRIVATE ${kept}.c)
     target_include_directories(${target} PUBLIC ${folder}/generated)
     return()

@@ -2,7 +2,8 @@
  *
  * Statements of expressions, with what a grammar can have: levels of precedence,
  * operators that do not associate, rules that one more token tells apart, empty
- * rules, rules in the middle, and errors inside and at the end of statements.
+ * rules, rules in the middle, a rule that names the end of the input, and errors
+ * inside and at the end of statements.
  *
  * The actions are for bison's own parser, beside which the driver is tested.
  * REDUCE hands over the number of the rule, which counts from 1 there, and where
@@ -23,7 +24,7 @@ static void yyerror(void *run, const char *text) { (void)run; (void)text; }
 %param {void *run}
 %initial-action { yylval = 0; }
 
-%token NUMBER NAME IF
+%token NUMBER NAME IF END 0
 %nonassoc '<'
 %left '+' '-'
 %left '*'
@@ -37,7 +38,8 @@ program: %empty { REDUCE; } | program statement { REDUCE; } ;
 statement:
     expr ';' { REDUCE; } | target '=' expr ';' { REDUCE; }
   | IF '(' expr ')' { REDUCE; } statement { REDUCE; } | '{' program '}' { REDUCE; }
-  | error ';' { REDUCE; } | '[' error ']' { REDUCE; } ;
+  | error ';' { REDUCE; } | '[' error ']' { REDUCE; }
+  | expr END { REDUCE; } ;
 
 target: NAME { REDUCE; } ;
 

@@ -11,6 +11,7 @@ extern "C" {
 
 /* Tokens. Characters stand for themselves. */
 enum {
+  expression_END = 0, /* END */
   expression_NUMBER = 258, /* NUMBER */
   expression_NAME = 259, /* NAME */
   expression_IF = 260, /* IF */
@@ -28,22 +29,23 @@ enum {
   expression_statement_4 = 7, /* statement: '{' program '}' */
   expression_statement_5 = 8, /* statement: error ';' */
   expression_statement_6 = 9, /* statement: '[' error ']' */
-  expression_target_1 = 10, /* target: NAME */
-  expression_expr_1 = 11, /* expr: NUMBER */
-  expression_expr_2 = 12, /* expr: NAME */
-  expression_expr_3 = 13, /* expr: NAME '(' arguments ')' */
-  expression_expr_4 = 14, /* expr: expr '<' expr */
-  expression_expr_5 = 15, /* expr: expr '+' expr */
-  expression_expr_6 = 16, /* expr: expr '-' expr */
-  expression_expr_7 = 17, /* expr: expr '*' expr */
-  expression_expr_8 = 18, /* expr: expr '^' expr */
-  expression_expr_9 = 19, /* expr: '-' expr */
-  expression_expr_10 = 20, /* expr: '(' expr ')' */
-  expression_expr_11 = 21, /* expr: '(' error ')' */
-  expression_arguments_1 = 22, /* arguments: %empty */
-  expression_arguments_2 = 23, /* arguments: list */
-  expression_list_1 = 24, /* list: expr */
-  expression_list_2 = 25, /* list: list ',' expr */
+  expression_statement_7 = 10, /* statement: expr END */
+  expression_target_1 = 11, /* target: NAME */
+  expression_expr_1 = 12, /* expr: NUMBER */
+  expression_expr_2 = 13, /* expr: NAME */
+  expression_expr_3 = 14, /* expr: NAME '(' arguments ')' */
+  expression_expr_4 = 15, /* expr: expr '<' expr */
+  expression_expr_5 = 16, /* expr: expr '+' expr */
+  expression_expr_6 = 17, /* expr: expr '-' expr */
+  expression_expr_7 = 18, /* expr: expr '*' expr */
+  expression_expr_8 = 19, /* expr: expr '^' expr */
+  expression_expr_9 = 20, /* expr: '-' expr */
+  expression_expr_10 = 21, /* expr: '(' expr ')' */
+  expression_expr_11 = 22, /* expr: '(' error ')' */
+  expression_arguments_1 = 23, /* arguments: %empty */
+  expression_arguments_2 = 24, /* arguments: list */
+  expression_list_1 = 25, /* list: expr */
+  expression_list_2 = 26, /* list: list ',' expr */
 };
 
 extern const ZOV_PARSE_TABLES expression_tables;
