@@ -3090,7 +3090,7 @@ ZOV_API int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags);
 
 /**
  * Gets a value or a list of names. A file of which no section is known is read
- * first.
+ * first. A value ends at its first semicolon, one that was set too.
  *
  * A list has a NUL behind each name and one more at its end. The same goes for
  * a value, so that one of L bytes needs a buffer of L + 3. A result that fills
@@ -3109,7 +3109,9 @@ ZOV_API int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags);
  *         and while the library is not started, or #ZOV_INI_NOMEMORY, with out as
  *         it was.
  *
- * Threads: any; one at a time gets or sets, and the others wait.
+ * Threads: any; one at a time gets or sets, and the others wait, also while a
+ * set waits for another process. Not in a signal handler, nor in a child that
+ * was forked while another thread was in this family.
  * Cost: of a known file one lock and three look-ups by hash.
  */
 ZOV_API int32_t zov_iniGetEx(const char *path, const char *section, const char *name, char *out,
@@ -3122,7 +3124,8 @@ ZOV_API int32_t zov_iniGetW(const wchar_t *path, const wchar_t *section, const w
                             wchar_t *out, uint32_t sizeChars);
 /**
  * zov_iniGetEx() with wide texts. The buffer is written on success only. A value
- * that is not UTF-8 gives #ZOV_INI_NOMEMORY.
+ * that is not UTF-8 gives #ZOV_INI_NOMEMORY. Each call allocates four bytes a
+ * character of the buffer, and releases them.
  * @param sizeChars room at out in wide characters. A value is cut to fit and
  *                  terminated; one of more than 4 * sizeChars - 3 bytes of UTF-8
  *                  is #ZOV_INI_TRUNCATED.
@@ -3168,19 +3171,33 @@ ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, con
 /**
  * Sets or deletes a parameter, or deletes a section, of a file that exists.
  *
- * The file is copied with the change to "_temp_.ini" in its directory, the copy
- * is synced (unless flags say #ZOV_FILE_NOSYNC), takes the place of the file and
- * is read. It is a new file, of UTF-8 without a mark, under the path itself
- * where that was a link. A failure leaves the file as it was, unless it
- * came between the removal of the file and the renaming of the copy: the copy is
- * then still there.
+ * The file is copied with the change, the copy is synced, takes the place of the
+ * file in one step, its directory is synced, and it is read; #ZOV_FILE_NOSYNC
+ * leaves out both syncs. At each moment the old file or the new is there, whole.
+ * A failure leaves the file as it was. One exception: a directory that cannot be
+ * synced gives #ZOV_INI_NOTREPLACED with the new file in place.
+ *
+ * The copy is a new file, of UTF-8 without a mark. In memory it has no name until
+ * it has the file's. On disk it has the file's permission, and owner and group
+ * where the process may give them: without the group it has no group bits, and
+ * for others only what the group had too. Access lists and other attributes are
+ * not kept. A symbolic link, or one name of several of a file, is replaced by the
+ * new file; the other names keep the old one.
+ *
+ * On disk the copy is "_temp_.ini" in the file's directory until then, readable
+ * by its owner alone, and keeps sets of other processes in that directory out by
+ * a lock (flock). A set waits up to two seconds for one. What a killed process
+ * left under that name is removed; but a copy of another user, which cannot be
+ * opened, must be removed by hand, and so must any where the file system has no
+ * such locks. What else is there is left alone. Other programs that change the
+ * file are not kept out: what they write while a set is under way may be lost.
  *
  * A set replaces the first line of the first such section whose text before the
  * equal sign is the name, spaces included. Without one it adds a line, in front
  * of the blank lines at the end of the section; without the section it adds an
- * empty line, the section and the line at the end of the file. Lines of the
- * section that begin with white space become empty in front of the place of the
- * change, and go at the end of the file. Deleting a parameter removes all such
+ * empty line, the section and the line at the end of the file. Of lines of the
+ * section that begin with white space the text is lost in front of the place of
+ * the change, and at the end of the file the lines too. Deleting a parameter removes all such
  * lines, and those that begin with white space.
  *
  * @param path    path of the file; not one named "_temp_.ini"
@@ -3189,12 +3206,15 @@ ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, con
  * @param value   its value, written as it is; null deletes the parameter
  * @param flags   the type flags of zov_fopenEx()
  * @return #ZOV_OKAY, also when there was nothing to delete; #ZOV_INI_NOARGUMENT
- *         without a section; #ZOV_INI_NOFILE, also for a null path and while the
- *         library is not started; #ZOV_INI_NOTREPLACED; #ZOV_INI_NOMEMORY.
+ *         without a section; #ZOV_INI_NOTREPLACED when the copy could not be
+ *         written or put in place; #ZOV_INI_NOMEMORY; #ZOV_INI_NOFILE when the
+ *         file cannot be read, is no plain file or begins with the bytes FE FF,
+ *         when the copy cannot be made or another process has it for too long,
+ *         for a null path, on disk under zov_rdonly() and zov_nodisk(), and while
+ *         the library is not started.
  *
- * Threads: as zov_iniGetEx(). Processes are not kept apart, and files of one
- * directory share the name of the copy. Cost: the file is read twice, written
- * once and synced.
+ * Threads: as zov_iniGetEx(). Cost: the file is read twice, written once and
+ * synced, and its directory is synced.
  */
 ZOV_API int32_t zov_iniSetEx(const char *path, const char *section, const char *name,
                              const char *value, uint16_t flags);

@@ -1,20 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// INI files: sets. A set copies the file line by line into "_temp_.ini" beside
-// it, with the change applied on the way, and puts the copy in its place:
+// INI files: sets. A set copies the file line by line, with the change applied
+// on the way, and puts the copy in its place in one step:
 //
-//   read file, write temporary -> sync and check -> remove, rename -> read again
+//   make and lock the copy -> open the file, copy -> check, rename -> read again
 //
-// The file is removed only when every byte of the copy is known to have arrived;
-// until then a failure leaves it as it was and takes the temporary file away.
+// On disk the copy is "_temp_.ini" beside the file, and the lock that keeps sets
+// of other processes out (files/zovfile_lockedcopy.h): the file is opened under
+// it, so what they wrote is there. In memory the copy has no name until it has
+// that of the file. The file is there at each moment, and as it was until every
+// byte of the copy is known to have arrived.
+//
 // Lines are copied by length, so zeros survive. What is not text does not: a
-// byte-order mark is dropped, and UTF-16 becomes UTF-8.
+// byte-order mark is dropped, and UTF-16 becomes UTF-8. A file marked FE FF, whose
+// units would be read in the wrong order, is refused.
 //
-// All is done under iniSem with jumps held off.
-#include <errno.h>
+// All is done under iniSem with jumps held off, waiting for another process too.
+#include <fcntl.h>
 #include <string.h>
 
 #include "config/zovini_private.h"
+#include "files/zovfile_lockedcopy.h"
+#include "files/zovfile_private.h"
+#include "memstore/zovmfile_place.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
@@ -38,7 +46,7 @@ struct Change {
 //    nothing at all.
 struct Rewrite {
   const Change &change;
-  TextStream &out;
+  FileCache &out;
   uint64_t heldBack;
   bool isInTarget;
   bool isDone;
@@ -50,7 +58,7 @@ void write(Rewrite &rewrite, IniText text) {
   if (rewrite.hasFailed || text.length == 0) {
     return;
   }
-  rewrite.hasFailed = fileCacheWrite(rewrite.out.cache, text.bytes, text.length) != text.length;
+  rewrite.hasFailed = fileCacheWrite(rewrite.out, text.bytes, text.length) != text.length;
   rewrite.endsLine = text.bytes[text.length - 1] == '\n';
 }
 
@@ -159,15 +167,15 @@ void takeEnd(Rewrite &rewrite) {
   writePair(rewrite);
 }
 
-// Sends the copy to its file and sees to it that it got there: nothing may be
-// on the way any more when the original is removed.
-bool isWrittenWhole(TextStream &out) {
-  const uint64_t length = out.cache.length;
-  return fileCacheSync(out.cache) == ZOV_OKAY &&
-         zov_fileLength(out.cache.handle) == static_cast<int64_t>(length);
+// Sends the rest of the copy to its file, which is not synced by it, and tells
+// whether the file has all of it.
+bool isWrittenWhole(FileCache &out) {
+  const uint64_t length = out.length;
+  return fileCacheSync(out) == ZOV_OKAY &&
+         zov_fileLength(out.handle) == static_cast<int64_t>(length);
 }
 
-int32_t scanINI(const Change &change, TextStream &in, TextStream &out) {
+int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
   Rewrite rewrite = {change, out, 0, false, false, true, false};
   char *buffer = nullptr;
   uint32_t sizeBytes = 0;
@@ -189,8 +197,7 @@ int32_t scanINI(const Change &change, TextStream &in, TextStream &out) {
   return isDone ? ZOV_OKAY : failureOf(ZOV_INI_NOTREPLACED);
 }
 
-// The bytes of a path that name the directory. In memory either slash separates,
-// and the copy must be where the file is: a rename there stays in its directory.
+// The bytes of a path that name the directory. In memory either slash separates.
 size_t directoryBytesOf(const char *path, uint16_t flags) {
   const bool takesBackslash = (flags & ZOV_FILE_MEMORY) != 0;
   size_t length = strlen(path);
@@ -213,53 +220,132 @@ char *tempPathFor(const char *path, uint16_t flags) {
   return temp;
 }
 
-// False when the system reports the loss of bytes only now, as it may for a file
-// that was not synced.
-bool closeCopy(ZOV_STREAM out) {
-  errno = 0;
-  zov_fclose(out);
-  return errno == 0;
+// Opens the file that is to be changed: on disk a plain one, whose status it
+// tells. Neither waits nor makes anything.
+ZOV_FILE openOriginal(const char *path, uint16_t flags, struct stat &status) {
+  if (!isInMemory(flags) && standardStream(path) >= 0) {
+    return nullptr;
+  }
+  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, flags);
+  if (file == nullptr || isInMemory(flags)) {
+    return file;
+  }
+  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
+    zov_fileClose(file);
+    return nullptr;
+  }
+  return file;
 }
 
-// Makes the changed copy; on failure there is none.
-int32_t makeCopy(const Change &change, const char *path, const char *temp, uint16_t flags) {
-  const ZOV_STREAM in = zov_fopenEx(path, "r", ZOV_ENC_BYTES, flags);
+bool isByteSwapped(const TextStream &in) {
+  return in.bomLength == 2 && memcmp(in.cache.data, "\xFE\xFF", 2) == 0;
+}
+
+// Writes the changed text of a file, which it closes, to a new one.
+int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
+  const ZOV_STREAM in = streamOpenOn(original, "r", ZOV_ENC_BYTES);
   if (in == nullptr) {
-    return failureOf(ZOV_INI_NOFILE);
+    zov_fileClose(original);
+    return ZOV_INI_NOMEMORY;
   }
-  const ZOV_STREAM out = zov_fopenEx(temp, "w", ZOV_ENC_BYTES, flags);
-  if (out == nullptr) {
-    zov_fclose(in);
-    return failureOf(ZOV_INI_NOFILE);
-  }
-  int32_t status = scanINI(change, *in, *out);
-  if (!closeCopy(out) && status == ZOV_OKAY) {
-    status = ZOV_INI_NOTREPLACED;
-  }
+  FileCache out = {};
+  fileCacheOpen(out, copy, false, O_WRONLY);
+  const int32_t status = isByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out);
   zov_fclose(in);
-  if (status != ZOV_OKAY) {
-    zov_fileRemoveEx(temp, flags);
+  return status;
+}
+
+// Fills a copy that has the lock, and gives it the file's place. The file is
+// opened only now: it may have been replaced before the lock was taken.
+int32_t fillAndPlace(const Change &change, const char *path, LockedCopy &copy) {
+  struct stat status;
+  const ZOV_FILE original = openOriginal(path, static_cast<uint16_t>(copy.typeFlags), status);
+  if (original == nullptr) {
+    return failureOf(ZOV_INI_NOFILE);
+  }
+  if (lockedCopyIs(copy, status)) {
+    zov_fileClose(original);
+    return ZOV_INI_NOFILE;
+  }
+  lockedCopyGiveOwner(copy, status);
+  const int32_t copied = copyChanged(change, original, copy.file);
+  if (copied != ZOV_OKAY) {
+    return copied;
+  }
+  return lockedCopyPlace(copy, path, status) == ZOV_OKAY ? ZOV_OKAY : ZOV_INI_NOTREPLACED;
+}
+
+// Whether the file was replaced is told beside the status: it may be when its
+// directory could not be synced.
+int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, uint16_t flags,
+                      bool &isReplaced) {
+  struct stat status;
+  const ZOV_FILE original =
+      loadFlag(zov_readonly) != 0 ? nullptr : openOriginal(path, flags, status);
+  if (original == nullptr) {
+    return failureOf(ZOV_INI_NOFILE);
+  }
+  // While it is open no copy can get its inode number and be taken for it.
+  LockedCopy copy = {temp, flags, nullptr, false};
+  const int32_t made = lockedCopyMake(copy, status);
+  zov_fileClose(original);
+  if (made != ZOV_OKAY) {
+    return failureOf(ZOV_INI_NOFILE);
+  }
+  const int32_t result = fillAndPlace(change, path, copy);
+  isReplaced = copy.isPlaced;
+  lockedCopyEnd(copy);
+  return result;
+}
+
+int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) {
+  struct stat none;
+  const ZOV_FILE original = openOriginal(path, flags, none);
+  if (original == nullptr) {
+    return failureOf(ZOV_INI_NOFILE);
+  }
+  const ZOV_FILE draft = fileOpenDraft(path, flags);
+  if (draft == nullptr) {
+    zov_fileClose(original);
+    return ZOV_INI_NOMEMORY;
+  }
+  int32_t status = copyChanged(change, original, draft);
+  if (status == ZOV_OKAY && placeMemDraft(memFileOf(*draft), path) != ZOV_OKAY) {
+    status = failureOf(ZOV_INI_NOTREPLACED);
+  }
+  zov_fileClose(draft);
+  return status;
+}
+
+// Reads a file that was replaced. An entry that cannot be filled is emptied, so
+// that the next get tries again.
+void readAgain(const char *path, uint16_t flags) {
+  IniFile *file = nullptr;
+  if (CacheINIFile(path, flags, file) == ZOV_OKAY) {
+    return;
+  }
+  file = findINI(path);
+  if (file != nullptr) {
+    emptyINI(*file);
+  }
+}
+
+int32_t rewriteFile(const Change &change, const char *path, const char *temp, uint16_t flags) {
+  bool isReplaced = false;
+  int32_t status = ZOV_OKAY;
+  if (isInMemory(flags)) {
+    status = rewriteInMemory(change, path, flags);
+    isReplaced = status == ZOV_OKAY;
+  } else {
+    status = rewriteOnDisk(change, path, temp, flags, isReplaced);
+  }
+  if (isReplaced) {
+    readAgain(path, flags);
   }
   return status;
 }
 
-int32_t rewriteFile(const Change &change, const char *path, const char *temp, uint16_t flags) {
-  const int32_t status = makeCopy(change, path, temp, flags);
-  if (status != ZOV_OKAY) {
-    return status;
-  }
-  if (zov_fileRemoveEx(path, flags) != ZOV_OKAY ||
-      zov_fileRenameEx(temp, flags, path, flags) != ZOV_OKAY) {
-    return ZOV_INI_NOTREPLACED;
-  }
-  // The change is made; an entry that cannot be filled is empty, and the next
-  // get tries again.
-  IniFile *file = nullptr;
-  CacheINIFile(path, flags, file);
-  return ZOV_OKAY;
-}
-
-// The file itself must not have the name of the copy.
+// The file itself must not have the name of the copy, in memory either.
 bool isTempPath(const char *path, const char *temp, uint16_t flags) {
   return (flags & ZOV_FILE_MEMORY) != 0 ? iniEqual(iniText(path), iniText(temp))
                                         : strcmp(path, temp) == 0;

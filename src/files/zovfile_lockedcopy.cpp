@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Copies that take the place of files on disk, made under one name by any number
+// of processes. The copy is its own lock:
+//
+//   create exclusively -> lock -> check the name -> write -> check -> rename
+//
+// The rule: nobody removes, empties or renames the name without holding the lock
+// (flock) of the file that it leads to. A copy is locked by who made it, until it
+// has its place or is removed; a killed process leaves one that is not locked.
+//
+// Each step keeps the rule:
+//
+// - Creating is exclusive, so it takes nobody's name.
+// - A new copy may be locked, and then removed as a leftover, by another process
+//   before its maker has locked it. So the maker checks the name under the lock.
+//   It leaves alone a copy that it could not lock, or that has lost its name.
+// - A leftover is removed under its lock, when the name leads to it. It may have
+//   been the copy of a process that was just done, and bear another name by now:
+//   so the name is opened once more under the lock.
+// - The copy is renamed, or removed after a failure, by its maker under the lock,
+//   when the name leads to it.
+// - From a check to the removal or the renaming behind it the name cannot come to
+//   lead elsewhere: who would take it from this file needs the lock that is held
+//   here, and creating needs a name that is free.
+// - A leftover is not filled again: who opened it before it was emptied could not
+//   tell it from the copy of a living process.
+//
+// Where the file system has no such locks the exclusive creation alone is the
+// lock. Nobody can tell then whether a copy that is there is in use, so none but
+// its maker touches it.
+//
+// What lies under the name and is not such a copy belongs to somebody: a link, a
+// fifo, a directory, a file with a second name. It is neither opened for
+// writing nor removed.
+//
+// There is no state and no lock of this process. Callers hold jumps off.
+#include "files/zovfile_lockedcopy.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "files/zovfile_private.h"
+
+namespace zov {
+namespace {
+
+constexpr mode_t kPermissionBits = 0777;
+constexpr int64_t kMostWaitMs = 2000;
+constexpr uint32_t kStepMs = 1;
+
+// How an attempt to get the name ended.
+enum class Attempt : uint8_t { kMade, kAgain, kRefused };
+
+enum class Lock : uint8_t {
+  kTaken,
+  kBusy,     // or to be had later, as far as one can tell
+  kUnknown,  // to the file system
+};
+
+int64_t nowMs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+bool isSame(const struct stat &first, const struct stat &second) {
+  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+Lock takeLock(int descriptor) {
+  if (zov_flLock(static_cast<uint64_t>(descriptor)) == ZOV_OKAY) {
+    return Lock::kTaken;
+  }
+  const bool isUnknown =
+      errno == EOPNOTSUPP || errno == ENOLCK || errno == ENOSYS || errno == EINVAL;
+  return isUnknown ? Lock::kUnknown : Lock::kBusy;
+}
+
+// A child that another thread forked has the descriptor too: closing it does not
+// end the lock.
+void endLock(int descriptor) {
+  zov_flUnlock(static_cast<uint64_t>(descriptor));
+}
+
+bool leadsTo(const char *path, int descriptor) {
+  struct stat named;
+  struct stat opened;
+  return lstat(path, &named) == 0 && fstat(descriptor, &opened) == 0 && isSame(named, opened);
+}
+
+// Opens what a name leads to, without waiting for it and without following it.
+int openLeftover(const char *path) {
+  return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
+// Whether the name still leads to an open leftover. It is opened for this, so
+// that a file system of the network asks its server.
+bool opensAgain(const char *path, const struct stat &leftover) {
+  const int opened = openLeftover(path);
+  if (opened < 0) {
+    return false;
+  }
+  struct stat now;
+  const bool isStill = fstat(opened, &now) == 0 && isSame(now, leftover);
+  close(opened);
+  return isStill;
+}
+
+bool mayBeLeftover(const struct stat &found, const struct stat &original) {
+  return S_ISREG(found.st_mode) && found.st_nlink <= 1 && !isSame(found, original);
+}
+
+Attempt removeOpened(const char *path, int descriptor, const struct stat &original) {
+  struct stat found;
+  if (fstat(descriptor, &found) != 0 || !mayBeLeftover(found, original)) {
+    return Attempt::kRefused;
+  }
+  const Lock lock = takeLock(descriptor);
+  if (lock != Lock::kTaken) {
+    return lock == Lock::kBusy ? Attempt::kAgain : Attempt::kRefused;
+  }
+  const bool isRemoved = !opensAgain(path, found) || zov_flRemove(path) == 0;
+  endLock(descriptor);
+  return isRemoved ? Attempt::kAgain : Attempt::kRefused;
+}
+
+Attempt removeLeftover(const char *path, const struct stat &original) {
+  const int opened = openLeftover(path);
+  if (opened < 0) {
+    return errno == ENOENT ? Attempt::kAgain : Attempt::kRefused;
+  }
+  const Attempt attempt = removeOpened(path, opened, original);
+  close(opened);
+  return attempt;
+}
+
+// Makes the copy. One that cannot be locked, or has lost its name, is left to
+// who has it by now.
+Attempt tryMake(LockedCopy &copy, const struct stat &original) {
+  errno = 0;
+  copy.file = fileOpenNew(copy.path, copy.typeFlags | ZOV_FILE_NOSYNC);
+  if (copy.file == nullptr) {
+    return errno == EEXIST ? removeLeftover(copy.path, original) : Attempt::kRefused;
+  }
+  const int descriptor = descriptorOf(*copy.file);
+  if (takeLock(descriptor) != Lock::kBusy && leadsTo(copy.path, descriptor)) {
+    return Attempt::kMade;
+  }
+  endLock(descriptor);
+  zov_fileClose(copy.file);
+  return Attempt::kAgain;
+}
+
+// Whether the system has no lost bytes to tell of. It may tell of them only when
+// a descriptor is closed, and then of those that were not synced.
+bool isSent(int descriptor) {
+  const int second = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  return second >= 0 && close(second) == 0;
+}
+
+int32_t finish(const LockedCopy &copy, const struct stat &original) {
+  const int descriptor = descriptorOf(*copy.file);
+  if (giveMode(descriptor, original.st_mode & kPermissionBits, original.st_gid) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  const bool isUnsynced = (copy.typeFlags & ZOV_FILE_NOSYNC) != 0;
+  if (!isUnsynced && zov_flSync(static_cast<uint64_t>(descriptor)) != ZOV_OKAY) {
+    return ZOV_ERROR;
+  }
+  return isSent(descriptor) && leadsTo(copy.path, descriptor) ? ZOV_OKAY : ZOV_ERROR;
+}
+
+}  // namespace
+
+int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
+  const int64_t last = nowMs() + kMostWaitMs;
+  Attempt attempt = tryMake(copy, original);
+  while (attempt == Attempt::kAgain && nowMs() < last) {
+    zov_sleep(kStepMs);
+    attempt = tryMake(copy, original);
+  }
+  return attempt == Attempt::kMade ? ZOV_OKAY : ZOV_ERROR;
+}
+
+void lockedCopyGiveOwner(const LockedCopy &copy, const struct stat &original) {
+  const int descriptor = descriptorOf(*copy.file);
+  if (fchown(descriptor, original.st_uid, original.st_gid) != 0 &&
+      fchown(descriptor, static_cast<uid_t>(-1), original.st_gid) != 0) {
+    // The permission given in the end is for the group that the copy has.
+    return;
+  }
+}
+
+bool lockedCopyIs(const LockedCopy &copy, const struct stat &file) {
+  struct stat own;
+  return fstat(descriptorOf(*copy.file), &own) == 0 && isSame(own, file);
+}
+
+int32_t lockedCopyPlace(LockedCopy &copy, const char *path, const struct stat &original) {
+  if (finish(copy, original) != ZOV_OKAY || zov_flRename(copy.path, path) != 0) {
+    return ZOV_ERROR;
+  }
+  copy.isPlaced = true;
+  return syncDirectoryOf(path, copy.typeFlags);
+}
+
+void lockedCopyEnd(LockedCopy &copy) {
+  const int descriptor = descriptorOf(*copy.file);
+  if (!copy.isPlaced && leadsTo(copy.path, descriptor)) {
+    zov_flRemove(copy.path);
+  }
+  endLock(descriptor);
+  zov_fileClose(copy.file);
+}
+
+}  // namespace zov
