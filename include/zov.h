@@ -3268,7 +3268,8 @@ typedef struct ZOV_PARSE_TABLES {
  *
  * @param userContext as in the parser's context
  * @param value       place for the token's value; holds the last one
- * @return its number; 0 or less at the end of input.
+ * @return its number; 0 or less at the end of input. The number of the error
+ *         token is taken like any other, where a rule has it.
  */
 typedef int16_t (*ZOV_PARSE_LEXER)(void *userContext, void *value);
 
@@ -3286,8 +3287,10 @@ typedef int16_t (*ZOV_PARSE_LEXER)(void *userContext, void *value);
  */
 typedef int16_t (*ZOV_PARSE_ACTION)(void *userContext, void *lastValue, int32_t rule, void *result);
 
-/** Hears that a parse is abandoned because of a syntax error, after everything
- *  of the parse is released that is not the caller's. */
+/** Hears that a parse is abandoned because no state on the stack takes the error
+ *  token, after everything of the parse is released that is not the caller's.
+ *  It is not called for an error that a rule takes, when the input ends within an
+ *  error, when memory runs out, nor for the status of an action. */
 typedef void (*ZOV_PARSE_ERROR)(void *userContext);
 
 /** What zov_yyparse() works with; it changes none of it. */
@@ -3309,15 +3312,15 @@ typedef struct ZOV_PARSE_CONTEXT {
  * A syntax error drops states until one accepts the error token, and then tokens
  * until one fits. The value of the error token is what the lexer stored last, for
  * the token that did not fit. The error is over after three shifts, or with the next
- * reduction: a rule like `statement: error` that reduces without a token of its
- * own is found again at the same token for ever, so grammars have
- * `statement: error ';'`.
+ * reduction, that of an empty rule too: a rule like `statement: error` that reduces
+ * without a token of its own is found again at the same token for ever, so grammars
+ * have `statement: error ';'`.
  *
  * @param context the grammar, the callbacks and the tag
  * @return 0 when the input was accepted; 1 to 3, accepted within so many shifts
- *         of the end of an error; 3 also when the parse was abandoned, when
- *         the input ended within an error, and when memory ran out; else the
- *         status of an action.
+ *         of the end of an error; 3 also when the parse was abandoned, which
+ *         alone the error callback hears, when the input ended within an error,
+ *         and when memory ran out; else the status of an action.
  *
  * Threads: any, each with its own context or callbacks that allow for it.
  * Cost: a token takes one call of the lexer, a reduction one of the action, and
@@ -3426,12 +3429,13 @@ ZOV_API int32_t zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place);
 ZOV_API int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *place, uint32_t waitMs);
 
 /**
- * Reads a string with length into a buffer, always terminated. Of a longer
+ * Reads a string with length into a buffer, and terminates it. Of a longer
  * string the rest is read and dropped, so that the next item comes next.
  *
  * @param handle the buffer
  * @param buffer where to; holds an empty string for the null string, and when
- *               what fits of the text fails to arrive
+ *               what fits of the text fails to arrive; untouched when the length
+ *               does
  * @param size   room there in bytes, the NUL's included; with 0 nothing is
  *               stored and nothing fits
  * @return a status; #ZOV_BUFF_TRUNCATED when the string did not fit.
@@ -3439,16 +3443,19 @@ ZOV_API int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *plac
 ZOV_API int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer, uint64_t size);
 
 /**
- * Reads a string with length into memory of its own. The length is believed:
- * up to 4 GiB are asked for before any of the text has arrived.
+ * Reads a string with length into memory of its own. Up to 64 KiB are allocated
+ * at once; a longer string grows twofold as its text arrives, so a length alone
+ * costs nothing.
  *
  * @param handle the buffer
  * @param text   place for the string, the caller's, of the default tag; null
  *               for the null string and on failure
- * @return a status; #ZOV_BUFF_NOMEMORY with the text still unread. When the
- *         text fails to arrive its memory stays with the default tag.
+ * @return a status. Behind a failure what the call allocated is released, and the
+ *         length and an unknown part of the text are consumed: the next item
+ *         cannot be found any more.
  *
- * Messages: as zov_getMem(). May jump: yes, with the text still unread.
+ * Messages: as zov_getMem(). May jump: yes, as after #ZOV_BUFF_NOMEMORY. A jump
+ * of a callback's own leaves the memory to the default tag.
  */
 ZOV_API int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text);
 

@@ -14,17 +14,21 @@
 // value taken before a callback failed stay taken, in both directions.
 //
 // There is no lock: a buffer belongs to one thread at a time. Callbacks run with
-// nothing held. Creating a buffer and zov_inputBuffGetString() allocate and may
-// jump; the latter then loses its place in the stream behind the length.
+// nothing held, not even jumps. Creating a buffer and zov_inputBuffGetString()
+// allocate and may jump; the latter then loses its place in the stream, behind the
+// length or further on.
 #include <string.h>
 
 #include <algorithm>
 
-#include "zov.h"
+#include "core/zov_private.h"
 
 namespace {
 
 constexpr uint32_t kCapacity = 5000;
+
+// What is allocated for a string before any of its text has arrived, at most.
+constexpr uint64_t kFirstText = 65536;
 
 // The length that stands for a null string on the wire.
 constexpr uint32_t kNullLength = UINT32_MAX;
@@ -154,6 +158,48 @@ int32_t getText(InputBuffer &input, char *buffer, uint64_t size, uint64_t length
   return status == 0 ? ZOV_BUFF_TRUNCATED : status;
 }
 
+// Grows the block of a string, or releases it, before the jump if there is one.
+char *growText(char *block, uint64_t size) {
+  char *grown = nullptr;
+  zov::workOrJump(
+      ZOV_DEFAULT_TAG,
+      [&] {
+        grown = static_cast<char *>(zov_extendMem(block, size, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE));
+        return grown != nullptr;
+      },
+      [&] { zov_freeMem(block, ZOV_DEFAULT_TAG); });
+  if (grown == nullptr) {
+    zov_freeMem(block, ZOV_DEFAULT_TAG);
+  }
+  return grown;
+}
+
+// Reads a text into a block of its own. The length is the sender's word, so the
+// block doubles only when what it holds has arrived.
+int32_t getTextBlock(InputBuffer &input, uint64_t length, char **text) {
+  uint64_t size = std::min(length + 1, kFirstText);
+  uint64_t arrived = 0;
+  char *block =
+      static_cast<char *>(zov_getMem(size, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  while (block != nullptr) {
+    const uint64_t wanted = std::min(size, length) - arrived;
+    const int32_t status = inputBuffGet(input, block + arrived, wanted);
+    if (status != 0) {
+      zov_freeMem(block, ZOV_DEFAULT_TAG);
+      return status;
+    }
+    arrived += wanted;
+    if (size > length) {
+      block[length] = '\0';
+      *text = block;
+      return 0;
+    }
+    size = std::min(2 * size, length + 1);
+    block = growText(block, size);
+  }
+  return ZOV_BUFF_NOMEMORY;
+}
+
 // On failure the bytes stay, for a later attempt.
 int32_t outBuffFlush(OutputBuffer &output) {
   if (output.used == 0) {
@@ -272,22 +318,8 @@ int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer, uin
 int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text) {
   *text = nullptr;
   uint32_t length = 0;
-  int32_t status = getInteger(*handle, length);
-  if (status != 0 || length == kNullLength) {
-    return status;
-  }
-  char *block = static_cast<char *>(
-      zov_getMem(uint64_t{length} + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
-  if (block == nullptr) {
-    return ZOV_BUFF_NOMEMORY;
-  }
-  status = inputBuffGet(*handle, block, length);
-  if (status != 0) {
-    return status;  // the block stays with the default tag
-  }
-  block[length] = '\0';
-  *text = block;
-  return 0;
+  const int32_t status = getInteger(*handle, length);
+  return status != 0 || length == kNullLength ? status : getTextBlock(*handle, length, text);
 }
 
 int32_t zov_inputBuffGetBytes(ZOV_INPUTBUFF handle, void *destination, uint64_t count) {

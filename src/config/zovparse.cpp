@@ -205,7 +205,7 @@ inline bool reduce(Parser &parser, int32_t rule) {
   if (status != 0) {
     return stop(parser, status);
   }
-  parser.recovery = 0;  // by design
+  parser.recovery = 0;  // any reduction ends recovery, unlike yacc's three shifts
   return enter<kSize>(parser, state < 0 ? tables.action[base] : state, parser.result);
 }
 

@@ -109,7 +109,8 @@ struct Items {
 
   void run() {
     for (int count = 0; count < 500; ++count) {
-      std::string text(random() % (random() % 20 == 0 ? 15000 : 30), '.');
+      const size_t longest = random() % 20 != 0 ? 30 : random() % 10 != 0 ? 15000 : 300000;
+      std::string text(random() % longest, '.');
       std::generate(text.begin(), text.end(), [&] { return 1 + random() % 255; });
       value(zov_outputBuffPutChar, zov_inputBuffGetChar);
       value(zov_outputBuffPutInt16, zov_inputBuffGetInt16);
@@ -212,6 +213,36 @@ TEST_F(Buffers, HostileInputStaysWithinBounds) {
   EXPECT_EQ(zov_outputBuffCreate(writeChannel, nullptr, 0, &output), ZOV_BUFF_NOMEMORY);
   EXPECT_TRUE(zovtest::stopFailing());
   EXPECT_TRUE(text == nullptr && input == nullptr && output == nullptr);
+}
+
+// What a string that does not arrive, or finds no memory on the way, leaves.
+TEST_F(Buffers, StringsThatFailLeaveNothing) {
+  const int64_t before = zovtest::liveBlocks();
+  char *volatile text = nullptr;
+  for (const size_t arrived : {0u, 65535u, 65536u, 70000u}) {
+    channel = Channel{"\xfe\xff\xff\xff" + std::string(arrived, 'x')};
+    EXPECT_EQ(zov_inputBuffGetString(input, const_cast<char **>(&text)), -1);
+    EXPECT_TRUE(text == nullptr && zovtest::liveBlocks() == before) << arrived;
+  }
+  for (volatile bool armed : {false, true}) {
+    jmp_buf recovery;
+    volatile int32_t status = 0;
+    const auto get = [&] {
+      channel = Channel{std::string("\x40\xd\3\0", 4) + std::string(200000, 'x')};
+      zov_inputBuffReset(input);
+      status = -1;  // a jump leaves it so
+      if (setjmp(recovery) == 0) {
+        zov_resetTag(armed ? &recovery : nullptr, ZOV_DEFAULT_TAG);
+        status = zov_inputBuffGetString(input, const_cast<char **>(&text));
+      }
+      zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
+    };
+    zovtest::failEachAllocation(get, [&](bool failed) {
+      EXPECT_EQ(status, !failed ? 0 : armed ? -1 : ZOV_BUFF_NOMEMORY);
+      EXPECT_EQ(zovtest::liveBlocks(), before + !failed);
+      zov_freeMem(text, ZOV_DEFAULT_TAG);
+    });
+  }
 }
 
 }  // namespace
