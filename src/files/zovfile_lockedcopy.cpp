@@ -62,7 +62,7 @@ enum class Lock : uint8_t {
 };
 
 int64_t nowMs() {
-  timespec now;
+  timespec now = {};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
@@ -179,7 +179,7 @@ int32_t finish(const LockedCopy &copy, const struct stat &original) {
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
   const int64_t last = nowMs() + kMostWaitMs;
   Attempt attempt = tryMake(copy, original);
-  while (attempt == Attempt::kAgain && nowMs() < last) {
+  while (attempt == Attempt::kAgain && nowMs() <= last) {
     zov_sleep(kStepMs);
     attempt = tryMake(copy, original);
   }
