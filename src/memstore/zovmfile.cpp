@@ -58,8 +58,9 @@ ZOV_SEG openByPath(const char *path, uint32_t flags) {
   return seg;
 }
 
-// A statistic of the file of a path; 0 when there is none.
-uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id)) {
+// A statistic of the file of a path: what `read` finds by its id, or 0 when there
+// is none. The id may be dead, if the file was removed by it.
+uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id), uint64_t missing) {
   const zov::NoJump noJump;
   Target target(path);
   if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
@@ -67,7 +68,7 @@ uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id)) {
   }
   const uint64_t value = read(target.id);
   zov_segUnlock(target.directory->tree.seg);
-  return value;
+  return value == missing ? 0 : value;
 }
 
 bool isFile(const char *path) {
@@ -182,17 +183,17 @@ int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size) {
   }
   const zov::NoJump noJump;
   zov_segLock(file->seg);
-  const int32_t status = zov_segSetSize(file->seg, size);
+  const int32_t status = zov::segSetSizeOrKeep(file->seg, size);
   zov_segUnlock(file->seg);
   return status;
 }
 
 uint64_t zov_mfSizeStat(const char *path) {
-  return statistic(path, zov::segKnownSize);
+  return statistic(path, zov_segSizeStat, UINT64_MAX);
 }
 
 uint64_t zov_mfModTime(const char *path) {
-  return statistic(path, zov::segKnownModTime);
+  return statistic(path, zov_segModTime, UINT32_MAX);
 }
 
 int32_t zov_mfRemove(const char *path) {

@@ -18,6 +18,7 @@
 // Nothing jumps: what allocates may do so under the file's lock, so jumps are
 // held off from before it is entered.
 #include <assert.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stddef.h>
 #include <string.h>
@@ -29,6 +30,7 @@
 #include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"
 #include "memstore/zovshmcache_private.h"
+#include "memstore/zovshmheap_private.h"
 
 namespace {
 
@@ -49,28 +51,28 @@ struct Piece {
   uint32_t bytes;
 };
 
-constexpr uint32_t kFirstSlots = 1;
-constexpr uint32_t kSlotsStep = 4;
+constexpr uint32_t kSpareSlots = 3;
 
-// So that the number of segments fits the header.
-constexpr uint64_t kHighestSegment = UINT32_MAX - 1;
+// Bytes lie below this offset. It is a bound on what a mistaken offset can cost,
+// not on what memory holds.
+constexpr uint64_t kEndOfBytes = uint64_t{1} << 47;
 
 uint32_t pagesize = 0;
 
 }  // namespace
 
-// 1. segs holds numSegs slots, null where the segment is not open.
-// 2. baseBytes is the header's segSize, which never changes after the first open.
+// baseBytes is the header's segSize, which never changes after the first open.
 struct SegFile {
   ZOV_CACHE_CTX ctx;
   uint64_t id;
   SegHeader *hdr;
-  ZOV_CACHE_REGION *segs;
-  uint32_t numSegs;
+  zov::SlotTable<ZOV_CACHE_REGION> segs;  // the segments that are open
   uint32_t baseBytes;
 };
 
 namespace {
+
+using Slots = zov::SlotTable<ZOV_CACHE_REGION>;
 
 template <typename Integer>
 Integer loadRelaxed(Integer &field) {
@@ -113,29 +115,9 @@ uint64_t calc_segstart(uint32_t baseBytes, uint32_t number) {
   return uint64_t{number - 3 * groupOf(number)} * calc_segsize(baseBytes, number);
 }
 
-ZOV_CACHE_REGION checkSegment(const SegFile &file, uint32_t number) {
-  return number < file.numSegs ? file.segs[number] : nullptr;
-}
-
-// Gives the handle a slot for a segment; false, with the slots as they were,
-// when memory is short.
-bool updateSegArray(SegFile &file, uint32_t number) {
-  if (number < file.numSegs) {
-    return true;
-  }
-  const uint64_t missing = uint64_t{number} + 1 - file.numSegs;
-  const uint64_t slots = file.numSegs + (missing + kSlotsStep - 1) / kSlotsStep * kSlotsStep;
-  if (slots > UINT32_MAX) {
-    return false;
-  }
-  ZOV_CACHE_REGION *segs =
-      zov::growTable(file.segs, file.numSegs, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (segs == nullptr) {
-    return false;
-  }
-  file.segs = segs;
-  file.numSegs = static_cast<uint32_t>(slots);
-  return true;
+// Gives the handle a slot for a segment; null when memory is short.
+ZOV_CACHE_REGION *updateSegArray(SegFile &file, uint32_t number) {
+  return file.segs.reserve(number, kSpareSlots, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 void countSegment(SegFile &file, uint32_t number) {
@@ -171,26 +153,27 @@ ZOV_CACHE_REGION openSegment(SegFile &file, uint32_t number, uint32_t size) {
 // Opens a segment that this handle has not open, or makes it. One that is there
 // but cannot be opened, memory being short, must not be replaced by a new one.
 ZOV_CACHE_REGION openOrCreate(SegFile &file, uint32_t number, uint32_t size) {
-  if (!updateSegArray(file, number)) {
+  ZOV_CACHE_REGION *slot = updateSegArray(file, number);
+  if (slot == nullptr) {
     return nullptr;
   }
   const bool inFile = number < file.hdr->numSegments;
-  ZOV_CACHE_REGION region = inFile ? openSegment(file, number, size) : nullptr;
-  if (region == nullptr && !(inFile && zov::shmCacheHasRegion(file.ctx, number))) {
-    region = createSegment(file, number, size);
+  *slot = inFile ? openSegment(file, number, size) : nullptr;
+  if (*slot == nullptr && !(inFile && zov::shmCacheHasRegion(file.ctx, number))) {
+    *slot = createSegment(file, number, size);
   }
-  file.segs[number] = region;
-  return region;
+  return *slot;
 }
 
 ZOV_CACHE_REGION getSegment(SegFile &file, uint32_t number, uint32_t size) {
-  ZOV_CACHE_REGION region = checkSegment(file, number);
+  ZOV_CACHE_REGION region = file.segs.get(number);
   return region != nullptr ? keepSegment(file, number, region) : openOrCreate(file, number, size);
 }
 
 void releaseSegment(SegFile &file, uint32_t number) {
-  zov_shmCacheClose(file.segs[number]);
-  file.segs[number] = nullptr;
+  ZOV_CACHE_REGION *slot = file.segs.find(number);
+  zov_shmCacheClose(*slot);
+  *slot = nullptr;
 }
 
 // Clears the first bytes of a region that stays although it is cut off.
@@ -202,9 +185,9 @@ void clearRegion(ZOV_CACHE_REGION region, uint64_t bytes) {
   }
 }
 
-// Cuts off the last segment of a file of `size` bytes.
+// Destroys a segment of a file of `size` bytes.
 void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
-  if (checkSegment(file, number) != nullptr) {
+  if (file.segs.get(number) != nullptr) {
     releaseSegment(file, number);
   }
   zov_shmCacheDestroy(file.ctx, number);
@@ -213,6 +196,17 @@ void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
   if (region != nullptr && size > start) {
     clearRegion(region, std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
   }
+}
+
+// Cuts off the segments from `kept` on.
+void cutSegments(SegFile &file, uint32_t kept) {
+  SegHeader &header = *file.hdr;
+  uint32_t number = zov::shmCacheHighestRegion(file.ctx, header.numSegments);
+  for (; number != Slots::kNoNumber && number >= kept;
+       number = zov::shmCacheHighestRegion(file.ctx, number)) {
+    deleteSegment(file, number, header.size);
+  }
+  header.numSegments = std::min(header.numSegments, kept);
 }
 
 // Pins the segment at an offset. False when there is no memory for it.
@@ -232,7 +226,7 @@ bool accessDataInSegment(SegFile &file, uint64_t offset, uint32_t wanted, Piece 
 
 void releaseDataInSegment(SegFile &file, uint64_t offset, const Piece &piece) {
   const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
-  zov_shmCacheReleasePtr(file.segs[number], piece.base);
+  zov_shmCacheReleasePtr(file.segs.get(number), piece.base);
 }
 
 // Calls copy(data, bytes, done) for each piece of a range, until one cannot be
@@ -263,13 +257,14 @@ uint32_t _seekRead(SegFile &file, uint64_t offset, void *buffer, uint32_t length
 }
 
 uint32_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t length) {
-  if (length == 0 || offset > UINT64_MAX - length ||
-      calc_segno(file.baseBytes, offset + length - 1) > kHighestSegment) {
+  if (offset >= kEndOfBytes) {
+    errno = EFBIG;
     return 0;
   }
+  const uint32_t wanted = static_cast<uint32_t>(std::min<uint64_t>(kEndOfBytes - offset, length));
   const char *bytes = static_cast<const char *>(buffer);
   const uint32_t written = forEachPiece(
-      file, offset, length,
+      file, offset, wanted,
       [bytes](char *data, uint32_t size, uint32_t done) { memcpy(data, bytes + done, size); });
   if (written > 0) {
     if (offset + written > file.hdr->size) {
@@ -287,7 +282,7 @@ bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
   const uint32_t segmentBytes = calc_segsize(file.baseBytes, lastKept);
   const uint64_t start = calc_segstart(file.baseBytes, lastKept);
   const uint64_t end = std::min(oldSize, start + segmentBytes);
-  if (size >= end) {
+  if (size >= end || !zov::shmCacheHasRegion(file.ctx, lastKept)) {
     return true;
   }
   Piece piece;
@@ -299,50 +294,45 @@ bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
   return true;
 }
 
-int32_t _setSize(SegFile &file, uint64_t size) {
-  const uint64_t highest = calc_segno(file.baseBytes, size == 0 ? 0 : size - 1);
-  if (highest > kHighestSegment) {
-    return ZOV_ERROR;
-  }
-  const uint32_t lastKept = static_cast<uint32_t>(highest);
-  SegHeader &header = *file.hdr;
-  while (header.numSegments <= lastKept) {
-    const uint32_t next = header.numSegments;
+// Makes the segments that are missing at the end of a file of so many.
+bool makeSegments(SegFile &file, uint32_t count) {
+  while (file.hdr->numSegments < count) {
+    const uint32_t next = file.hdr->numSegments;
     if (getSegment(file, next, calc_segsize(file.baseBytes, next)) == nullptr) {
-      return ZOV_ERROR;
+      return false;
     }
     countSegment(file, next);
   }
-  if (!clearTail(file, lastKept, size)) {
+  return true;
+}
+
+int32_t _setSize(SegFile &file, uint64_t size) {
+  if (size >= kEndOfBytes) {
+    errno = EFBIG;
     return ZOV_ERROR;
   }
-  while (header.numSegments > lastKept + 1) {
-    --header.numSegments;
-    deleteSegment(file, header.numSegments, header.size);
+  const uint32_t lastKept =
+      static_cast<uint32_t>(calc_segno(file.baseBytes, size == 0 ? 0 : size - 1));
+  if (!makeSegments(file, lastKept + 1) || !clearTail(file, lastKept, size)) {
+    errno = ENOMEM;
+    return ZOV_ERROR;
   }
-  storeRelaxed(header.size, size);
+  cutSegments(file, lastKept + 1);
+  storeRelaxed(file.hdr->size, size);
   return ZOV_OKAY;
 }
 
 void freeSegfile(SegFile *file) {
-  zov_freeMem(file->segs, ZOV_DEFAULT_TAG);
+  file->segs.clear(ZOV_DEFAULT_TAG);
   zov_freeMem(file, ZOV_DEFAULT_TAG);
 }
 
 SegFile *allocSegfile(uint64_t id) {
   SegFile *file = static_cast<SegFile *>(
       zov_getMem(sizeof(SegFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  if (file == nullptr) {
-    return nullptr;
+  if (file != nullptr) {
+    file->id = id;
   }
-  file->segs = static_cast<ZOV_CACHE_REGION *>(zov_getMem(
-      kFirstSlots * sizeof(ZOV_CACHE_REGION), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  if (file->segs == nullptr) {
-    freeSegfile(file);
-    return nullptr;
-  }
-  file->id = id;
-  file->numSegs = kFirstSlots;
   return file;
 }
 
@@ -380,12 +370,14 @@ uint64_t zov::segIdOf(const SegFile &file) {
   return file.id;
 }
 
-uint64_t zov::segKnownSize(uint64_t id) {
-  return shmCacheKnownRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
-}
-
-uint64_t zov::segKnownModTime(uint64_t id) {
-  return shmCacheKnownRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
+int32_t zov::segSetSizeOrKeep(ZOV_SEG file, uint64_t size) {
+  const NoJump noJump;
+  const uint32_t segments = file->hdr->numSegments;
+  const int32_t status = _setSize(*file, size);
+  if (status != ZOV_OKAY) {
+    cutSegments(*file, segments);
+  }
+  return status;
 }
 
 extern "C" {
@@ -422,10 +414,9 @@ ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
 
 void zov_segClose(ZOV_SEG file) {
   zov_segLock(file);
-  for (uint32_t number = 0; number < file->numSegs; ++number) {
-    if (file->segs[number] != nullptr) {
-      releaseSegment(*file, number);
-    }
+  uint32_t number = file->segs.highestBelow(UINT32_MAX);
+  for (; number != Slots::kNoNumber; number = file->segs.highestBelow(number)) {
+    releaseSegment(*file, number);
   }
   zov::shmCacheLeave(file->ctx);
   freeSegfile(file);
@@ -461,7 +452,7 @@ int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address) {
 }
 
 void zov_segReleasePtr(ZOV_SEG file, uint32_t number, void *address) {
-  ZOV_CACHE_REGION region = checkSegment(*file, number);
+  ZOV_CACHE_REGION region = file->segs.get(number);
   if (region != nullptr) {
     zov_shmCacheReleasePtr(region, address);
   }
@@ -481,11 +472,11 @@ int32_t zov_segSetSize(ZOV_SEG file, uint64_t size) {
 }
 
 uint64_t zov_segSizeStat(uint64_t id) {
-  return zov::shmCacheRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
+  return zov::shmRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
 }
 
 uint64_t zov_segModTime(uint64_t id) {
-  return zov::shmCacheRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
+  return zov::shmRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
 }
 
 int32_t zov_segLock(ZOV_SEG file) {

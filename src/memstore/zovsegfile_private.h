@@ -15,10 +15,8 @@ void segRemoveById(uint64_t id);
 // The id of an open file.
 uint64_t segIdOf(const SegFile &file);
 
-// zov_segSizeStat() and zov_segModTime() of a file that the caller keeps from
-// being removed; they take no lock.
-uint64_t segKnownSize(uint64_t id);
-uint64_t segKnownModTime(uint64_t id);
+// zov_segSetSize(), but a failure leaves no segment that was not there before.
+int32_t segSetSizeOrKeep(ZOV_SEG file, uint64_t size);
 
 }  // namespace zov
 

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the layers of the memory storage share: a table that finds a record by
-// its 64-bit id, and the growth of tables of pointers. The lock of whoever owns
-// a table guards it.
+// its 64-bit id, and tables of pointers by number. The lock of whoever owns a
+// table guards it.
 #ifndef ZOV_MEMSTORE_ZOVSHM_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSHM_PRIVATE_H
 
 #include <stddef.h>
 #include <string.h>
 
+#include <algorithm>
 #include <iterator>
 
 #include "core/zov_private.h"
@@ -19,7 +20,8 @@ namespace zov {
 // of buckets. A Record has `uint64_t hashId() const`; several may share an id.
 //
 // 1. Starts with buckets of its own and allocates more, from the default tag,
-//    as it fills. Having no memory for that costs speed and nothing else.
+//    as it fills. Having no memory for that costs speed and nothing else, so it is
+//    not reported.
 // 2. All zero is an empty table.
 template <typename Record>
 class IdTable {
@@ -38,6 +40,15 @@ class IdTable {
     return find(id, [](const Record &) { return true; });
   }
 
+  // Calls visit(record) for every record of an id; none may be removed meanwhile.
+  template <typename Visit>
+  void forEach(uint64_t id, Visit visit) {
+    find(id, [&visit](Record &record) {
+      visit(record);
+      return false;
+    });
+  }
+
   // The caller keeps jumps away with a NoJump.
   void insert(Record *record) {
     if (count_ >= size() * 2) {
@@ -54,6 +65,20 @@ class IdTable {
     }
     *place = record->hashNext;
     --count_;
+  }
+
+  // Takes every record out and calls visit(record), which may release it.
+  template <typename Visit>
+  void drain(Visit visit) {
+    for (size_t bucket = 0; bucket < size(); ++bucket) {
+      Record *&first = (more_ == nullptr ? first_ : more_)[bucket];
+      while (first != nullptr) {
+        Record *record = first;
+        first = record->hashNext;
+        visit(record);
+      }
+    }
+    clear();
   }
 
   // Forgets every record and releases the buckets.
@@ -80,9 +105,11 @@ class IdTable {
   void grow() {
     const size_t oldSize = size();
     const size_t newSize = oldSize * 4;
+    const Shortage met = heldShortage;
     Record **buckets = static_cast<Record **>(
         zov_getMem(newSize * sizeof(Record *), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
     if (buckets == nullptr) {
+      heldShortage = met;
       return;
     }
     Record **old = more_ == nullptr ? first_ : more_;
@@ -106,24 +133,148 @@ class IdTable {
 
 // Grows a table of pointers from `count` slots to `newCount`, the new ones null,
 // and gives its new place; null when memory is short, the old table being as it
-// was. A table that grows by far is laid out anew, so that the holes of a sparse
-// file take address space and no memory.
+// was.
 template <typename Pointer>
 Pointer *growTable(Pointer *table, uint64_t count, uint64_t newCount, ZOV_TAG tag,
                    const char *sourceName, uint32_t line) {
-  const uint64_t newBytes = newCount * sizeof(Pointer);
-  if (newCount / 2 < count) {
-    return static_cast<Pointer *>(zov_extendMem(
-        table, newBytes, tag, 1, (newCount - count) * sizeof(Pointer), sourceName, line));
-  }
-  Pointer *grown =
-      static_cast<Pointer *>(zov_getMem(newBytes, tag, ZOV_MEM_ZERO, nullptr, sourceName, line));
-  if (grown != nullptr && count > 0) {
-    memcpy(grown, table, count * sizeof(Pointer));
-    zov_freeMem(table, tag);
-  }
-  return grown;
+  return static_cast<Pointer *>(zov_extendMem(table, newCount * sizeof(Pointer), tag, 1,
+                                              (newCount - count) * sizeof(Pointer), sourceName,
+                                              line));
 }
+
+// Pointers by number, null where there is none, in blocks of kNear slots:
+//
+//   near_[number]                          the first block, which grows up to that
+//   far_->blocks[number / kNear - 1][...]  the others, each made when it is needed
+//
+// So a number costs its block and a place in the list of blocks, however far it
+// is, and a search passes over blocks that are missing. All zero is an empty table.
+// The memory is of one tag, which is named in every call.
+template <typename Pointer>
+class SlotTable {
+ public:
+  static constexpr uint32_t kNoNumber = UINT32_MAX;
+
+  Pointer get(uint32_t number) const {
+    const Pointer *slot = find(number);
+    return slot == nullptr ? nullptr : *slot;
+  }
+
+  // The slot of a number; null when there is none.
+  Pointer *find(uint32_t number) const {
+    if (number < nearSlots_) {
+      return &near_[number];
+    }
+    Pointer *block = number < kNear ? nullptr : blockAt(number / kNear);
+    return block == nullptr ? nullptr : &block[number % kNear];
+  }
+
+  // The slot of a number, made if there is none; in the first block with so many
+  // more behind it. Null, with the table as it was, for kNoNumber and when memory is
+  // short.
+  Pointer *reserve(uint32_t number, uint32_t spare, ZOV_TAG tag, const char *sourceName,
+                   uint32_t line) {
+    Pointer *slot = find(number);
+    if (slot != nullptr || number == kNoNumber) {
+      return slot;
+    }
+    const bool made = number < kNear ? growNear(number, spare, tag, sourceName, line)
+                                     : addBlock(number / kNear, tag, sourceName, line);
+    return made ? find(number) : nullptr;
+  }
+
+  // The highest number below `end` that has a pointer, or kNoNumber.
+  uint32_t highestBelow(uint32_t end) const {
+    const uint32_t blocks = far_ == nullptr ? 1 : far_->count + 1;
+    for (uint32_t block = std::min(end / kNear + 1, blocks); block-- > 0;) {
+      const Pointer *slots = blockAt(block);
+      const uint32_t first = block * kNear;
+      const uint32_t count = slots == nullptr ? 0 : block == 0 ? nearSlots_ : kNear;
+      for (uint32_t slot = std::min(end - first, count); slot-- > 0;) {
+        if (slots[slot] != nullptr) {
+          return first + slot;
+        }
+      }
+    }
+    return kNoNumber;
+  }
+
+  void clear(ZOV_TAG tag) {
+    for (uint32_t block = 0; far_ != nullptr && block < far_->count; ++block) {
+      zov_freeMem(far_->blocks()[block], tag);
+    }
+    zov_freeMem(far_, tag);
+    zov_freeMem(near_, tag);
+    *this = SlotTable();
+  }
+
+ private:
+  static constexpr uint32_t kNear = 4096;
+
+  // The blocks lie behind the record.
+  struct alignas(Pointer *) Far {
+    uint32_t count;
+
+    Pointer **blocks() { return reinterpret_cast<Pointer **>(this + 1); }
+  };
+
+  static uint64_t farBytes(uint64_t count) { return sizeof(Far) + count * sizeof(Pointer *); }
+
+  Pointer *blockAt(uint32_t block) const {
+    if (block == 0) {
+      return near_;
+    }
+    return far_ != nullptr && block - 1 < far_->count ? far_->blocks()[block - 1] : nullptr;
+  }
+
+  bool growNear(uint32_t number, uint32_t spare, ZOV_TAG tag, const char *sourceName,
+                uint32_t line) {
+    const uint32_t slots = std::min(number + 1 + spare, kNear);
+    Pointer *grown = growTable(near_, nearSlots_, slots, tag, sourceName, line);
+    if (grown == nullptr) {
+      return false;
+    }
+    near_ = grown;
+    nearSlots_ = slots;
+    return true;
+  }
+
+  bool addBlock(uint32_t block, ZOV_TAG tag, const char *sourceName, uint32_t line) {
+    if (!listBlocks(block, tag, sourceName, line)) {
+      return false;
+    }
+    Pointer *&slots = far_->blocks()[block - 1];
+    slots = static_cast<Pointer *>(
+        zov_getMem(kNear * sizeof(Pointer), tag, ZOV_MEM_ZERO, nullptr, sourceName, line));
+    return slots != nullptr;
+  }
+
+  // Makes the list of blocks reach to this one. It at least doubles, as a file may
+  // grow by one block at a time.
+  bool listBlocks(uint32_t block, ZOV_TAG tag, const char *sourceName, uint32_t line) {
+    const uint32_t known = far_ == nullptr ? 0 : far_->count;
+    if (block <= known) {
+      return true;
+    }
+    const uint32_t count = std::max(block, known * 2);
+    Far *grown = static_cast<Far *>(
+        zov_getMem(farBytes(count), tag, ZOV_MEM_ZERO, nullptr, sourceName, line));
+    if (grown == nullptr) {
+      return false;
+    }
+    if (known > 0) {
+      memcpy(grown->blocks(), far_->blocks(), known * sizeof(Pointer *));
+    }
+    grown->count = count;
+    zov_freeMem(far_, tag);
+    far_ = grown;
+    return true;
+  }
+
+  Pointer *near_;
+  Far *far_;
+  uint32_t nearSlots_;
+};
 
 }  // namespace zov
 

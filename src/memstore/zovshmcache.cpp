@@ -13,8 +13,12 @@
 // mapCacheMutex guards all of it, across all contexts, and is taken inside a
 // context's own lock. A context that is deleted while in use can be opened by
 // its id once more, beside the first record. The records then share the heap's
-// regions and none of their entries, so a region goes when no record has it
-// open, and the heap context when no record names it.
+// regions and none of their entries. A doom is therefore the same in all entries of
+// a region, a region goes when no record has it open, and the heap context when no
+// record names it.
+//
+// With this heap unmapping costs and frees nothing, so it does no harm that
+// directories pin all their pages, and leave others little or nothing of the limit.
 //
 // Nothing jumps: callers may hold the context's lock, so jumps are held off
 // around every allocation. That also keeps messages back until the locks are
@@ -35,8 +39,7 @@ struct CacheContext {
   CacheContext *next;
   CacheContext *prev;  // null for the head of the list
   ZOV_SHM_CTX shmCtx;
-  ZOV_CACHE_REGION *shms;  // by region number; null where not open
-  uint32_t numShms;        // slots in shms
+  zov::SlotTable<ZOV_CACHE_REGION> shms;  // the regions that are open
   void *root;
   std::atomic<uint64_t> id;
   std::atomic<uint32_t> numUsers;
@@ -63,7 +66,8 @@ struct CacheRegion {
 namespace {
 
 constexpr uint64_t kDeletedId = UINT64_MAX;
-constexpr uint32_t kSpareSlots = 10;
+constexpr uint32_t kSpareSlots = 9;
+constexpr uint32_t kHighestRegion = UINT32_MAX - 10;
 constexpr uint32_t kMaxMapped = 400;
 
 // Rank 8: everything of this module.
@@ -106,7 +110,7 @@ void dropCtx(CacheContext *context) {
     context->next->prev = context->prev;
   }
   contexts.remove(context);
-  zov_freeMem(context->shms, ZOV_DEFAULT_TAG);
+  context->shms.clear(ZOV_DEFAULT_TAG);
   zov_freeMem(context, ZOV_DEFAULT_TAG);
 }
 
@@ -159,42 +163,34 @@ ZOV_SHM_CTX _removeCtx(uint64_t id) {
 
 // The slot of a region, or null when there is no memory for one.
 CacheRegion **_findSHM(CacheContext &context, uint32_t number) {
-  if (number >= context.numShms) {
-    if (number > UINT32_MAX - kSpareSlots) {
-      return nullptr;
-    }
-    const uint32_t slots = number + kSpareSlots;
-    ZOV_CACHE_REGION *shms =
-        zov::growTable(context.shms, context.numShms, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
-    if (shms == nullptr) {
-      return nullptr;
-    }
-    context.shms = shms;
-    context.numShms = slots;
-  }
-  return &context.shms[number];
-}
-
-CacheRegion *openedRegion(const CacheContext &context, uint32_t number) {
-  return number < context.numShms ? context.shms[number] : nullptr;
+  return number > kHighestRegion
+             ? nullptr
+             : context.shms.reserve(number, kSpareSlots, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 // The region as somebody has it open, through any record of the heap context.
 CacheRegion *openedAnywhere(const CacheContext &context, uint32_t number) {
   CacheContext *user = contexts.find(context.hashId(), [number](const CacheContext &candidate) {
-    return openedRegion(candidate, number) != nullptr;
+    return candidate.shms.get(number) != nullptr;
   });
-  return user == nullptr ? nullptr : user->shms[number];
+  return user == nullptr ? nullptr : user->shms.get(number);
 }
 
-// Destroys a region, or leaves that to whoever has it open.
+// Dooms a region for all who have it open, through whatever record, or calls that
+// off.
+void setDoom(const CacheContext &context, uint32_t number, uint32_t doomed) {
+  contexts.forEach(context.hashId(), [number, doomed](CacheContext &user) {
+    CacheRegion *region = user.shms.get(number);
+    if (region != nullptr) {
+      region->destroyOnClose = doomed;
+    }
+  });
+}
+
+// Destroys a region, or leaves that to the last who has it open.
 void destroyRegion(const CacheContext &context, uint32_t number) {
-  CacheRegion *region = openedRegion(context, number);
-  if (region == nullptr) {
-    region = openedAnywhere(context, number);
-  }
-  if (region != nullptr) {
-    region->destroyOnClose = 1;
+  if (openedAnywhere(context, number) != nullptr) {
+    setDoom(context, number, 1);
   } else {
     zov_shmDestroy(context.shmCtx, number);
   }
@@ -208,21 +204,24 @@ ZOV_SHM_REGION createHeapRegion(const CacheContext &context, uint32_t number, ui
              : nullptr;
 }
 
-// Makes the entry of a region in its empty slot, or leaves the slot empty.
+// Makes the entry of a region in its empty slot, or leaves the slot empty. A
+// region that is open through another record is shared, with its doom.
 void fillSlot(CacheRegion **slot, CacheContext *context, uint32_t number, uint64_t start,
               uint32_t size, bool create) {
   CacheRegion *region = newRecord<CacheRegion>(ZOV_HERE);
   if (region == nullptr) {
     return;
   }
-  region->shm = create ? createHeapRegion(*context, number, start, size)
-                       : zov_shmOpen(context->shmCtx, number, start, size);
+  const CacheRegion *opened = openedAnywhere(*context, number);
+  region->shm = create && opened == nullptr ? createHeapRegion(*context, number, start, size)
+                                            : zov_shmOpen(context->shmCtx, number, start, size);
   if (region->shm == nullptr) {
     zov_freeMem(region, ZOV_DEFAULT_TAG);
     return;
   }
   region->ctx = context;
   region->shmNo = number;
+  region->destroyOnClose = opened == nullptr ? 0 : opened->destroyOnClose;
   *slot = region;
 }
 
@@ -238,10 +237,11 @@ CacheRegion *_createSHM(CacheContext *context, uint32_t number, uint64_t start, 
   if (slot == nullptr) {
     return nullptr;
   }
-  if (*slot != nullptr) {
-    (*slot)->destroyOnClose = 0;
-  } else {
+  if (*slot == nullptr) {
     fillSlot(slot, context, number, start, size, true);
+  }
+  if (*slot != nullptr) {
+    setDoom(*context, number, 0);
   }
   return countOpen(*slot);
 }
@@ -326,19 +326,11 @@ void _closeSHM(CacheRegion *region) {
   }
   zov_shmClose(region->shm);
   CacheContext &context = *region->ctx;
-  context.shms[region->shmNo] = nullptr;
+  *context.shms.find(region->shmNo) = nullptr;
   if (region->destroyOnClose != 0) {
     destroyRegion(context, region->shmNo);
   }
   zov_freeMem(region, ZOV_DEFAULT_TAG);
-}
-
-uint64_t wordAt(void *root, size_t offset, uint64_t missing) {
-  if (root == nullptr) {
-    return missing;
-  }
-  uint64_t *place = reinterpret_cast<uint64_t *>(static_cast<char *>(root) + offset);
-  return std::atomic_ref<uint64_t>(*place).load(std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -377,17 +369,11 @@ void zov::shmCacheLeave(ZOV_CACHE_CTX context) {
   shmRelease(removed);
 }
 
-uint64_t zov::shmCacheKnownRootWord(uint64_t id, size_t offset, uint64_t missing) {
-  return wordAt(shmRoot(reinterpret_cast<ZOV_SHM_CTX>(id)), offset, missing);
-}
-
-uint64_t zov::shmCacheRootWord(uint64_t id, size_t offset, uint64_t missing) {
+uint32_t zov::shmCacheHighestRegion(ZOV_CACHE_CTX context, uint32_t end) {
   zov_syncEnterExcl(mapCacheMutex);
-  void *root = nullptr;
-  zov_shmOpenCtx(id, 0, 1, &root);
-  const uint64_t word = wordAt(root, offset, missing);
+  const uint32_t number = shmHighestRegion(context->shmCtx, end);
   zov_syncExitExcl(mapCacheMutex);
-  return word;
+  return number;
 }
 
 extern "C" {

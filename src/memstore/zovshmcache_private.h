@@ -4,8 +4,6 @@
 #ifndef ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
 
-#include <stddef.h>
-
 #include "zov.h"
 
 namespace zov {
@@ -28,14 +26,9 @@ bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number);
 // together with the leaving.
 void shmCacheLeave(ZOV_CACHE_CTX context);
 
-// Reads the 8-byte word at an offset of a context's root block, or gives
-// `missing` when there is no such context or it has no root block. Costs no
-// allocation and does not take the context's lock.
-uint64_t shmCacheRootWord(uint64_t id, size_t offset, uint64_t missing);
-
-// The same for a context that the caller keeps from being removed and that was
-// opened before. Costs no lock and no look-up.
-uint64_t shmCacheKnownRootWord(uint64_t id, size_t offset, uint64_t missing);
+// The highest number below `end` that a region of the heap has, open or not, or
+// all ones. The caller holds the context's lock.
+uint32_t shmCacheHighestRegion(ZOV_CACHE_CTX context, uint32_t end);
 
 }  // namespace zov
 

@@ -5,19 +5,22 @@
 // memory. Every block of a context, its record included, is of the context's own
 // tag, so that releasing the tag releases the context:
 //
-//   list -> ShmContext <-> ShmContext <-> ... (newest first)
-//             tag, lock, root block, regions[0 .. numRegions - 1]
+//   liveContexts: id -> ShmContext
+//             tag, lock, root block, regions by number
 //
 // A context's id is the address of its record, and a region's handle the address
 // of its block. Ids come from callers, so an id is looked up in liveContexts
 // before it is taken for an address.
 //
-// sem guards list and liveContexts. A context's regions are guarded by the
+// sem guards liveContexts. A context's regions are guarded by the
 // mapping cache above, which makes every call on them under its own mutex; the
 // tags are without mutex for that reason. The context's lock is not used here:
 // it belongs to whoever uses the memory. The tags are never armed, so nothing
 // jumps; liveContexts grows with jumps held off.
 #include <fcntl.h>
+#include <malloc.h>
+
+#include <atomic>
 
 #include "memstore/zovshmheap_private.h"
 
@@ -29,13 +32,11 @@
 // 2. lock is 0 exactly while root is null.
 // 3. hashNext belongs to liveContexts.
 struct ShmContext {
-  ShmContext *next;
-  ShmContext *prev;  // null for the head of the list
   ZOV_TAG tag;
-  ZOV_SYNC lock;            // Rank 7: the root block and the bytes of the regions
-  uint32_t numRegions;      // slots in regions
-  void *root;               // the root block, null until the first creating open
-  ZOV_SHM_REGION *regions;  // by number; null where there is none
+  ZOV_SYNC lock;  // Rank 7: the root block and the bytes of the regions
+  void *root;     // the root block, null until the first creating open
+  zov::SlotTable<ZOV_SHM_REGION> regions;
+  uint64_t regionBytes;  // of all regions ever made
   ShmContext *hashNext;
 
   uint64_t hashId() const { return reinterpret_cast<uint64_t>(this); }
@@ -45,9 +46,12 @@ namespace {
 
 constexpr uint32_t kPageSize = 4096;
 
-// Rank 9: list and liveContexts.
+// A context that had more than this is large: libc keeps the memory of blocks of
+// that size once it has seen some freed, until it is told to give it back.
+constexpr uint64_t kLargeBytes = 16 << 20;
+
+// Rank 9: liveContexts.
 ZOV_SYNC sem = ZOV_NO_SYNC;
-ShmContext *list = nullptr;
 zov::IdTable<ShmContext> liveContexts;
 
 uint64_t rootCtx = 0;
@@ -55,11 +59,6 @@ uint64_t rootCtx = 0;
 void link(ShmContext *context) {
   const zov::NoJump noJump;
   zov_syncEnterExcl(sem);
-  context->next = list;
-  if (list != nullptr) {
-    list->prev = context;
-  }
-  list = context;
   liveContexts.insert(context);
   zov_syncExitExcl(sem);
 }
@@ -124,18 +123,35 @@ bool createCtx(ShmContext &context, uint32_t size, void **root) {
   return true;
 }
 
-bool hasRegion(ZOV_SHM_CTX context, uint32_t number) {
-  return context != nullptr && number < context->numRegions;
+// Releases a context that is out of reach. True for a large one.
+bool releaseContext(ShmContext *context) {
+  const bool large = context->regionBytes > kLargeBytes;
+  zov_syncDelete(context->lock);
+  zov_freeTagMemory(context->tag, 1);
+  return large;
 }
 
-void releaseContext(uint64_t id) {
-  zov::shmRelease(zov::shmDetach(id));
+void giveMemoryBack() {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
 }
 
 }  // namespace
 
-void *zov::shmRoot(ZOV_SHM_CTX context) {
-  return context->root;
+uint64_t zov::shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
+  if (sem == ZOV_NO_SYNC) {
+    return missing;
+  }
+  zov_syncEnterExcl(sem);
+  const ShmContext *context = liveContexts.find(id);
+  uint64_t word = missing;
+  if (context != nullptr && context->root != nullptr) {
+    uint64_t *place = reinterpret_cast<uint64_t *>(static_cast<char *>(context->root) + offset);
+    word = std::atomic_ref<uint64_t>(*place).load(std::memory_order_relaxed);
+  }
+  zov_syncExitExcl(sem);
+  return word;
 }
 
 ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
@@ -146,37 +162,23 @@ ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
   ShmContext *context = liveContexts.find(id);
   if (context != nullptr) {
     liveContexts.remove(context);
-    (context->prev != nullptr ? context->prev->next : list) = context->next;
-    if (context->next != nullptr) {
-      context->next->prev = context->prev;
-    }
   }
   zov_syncExitExcl(sem);
   return context;
 }
 
 void zov::shmRelease(ZOV_SHM_CTX context) {
-  if (context != nullptr) {
-    zov_syncDelete(context->lock);
-    zov_freeTagMemory(context->tag, 1);
+  if (context != nullptr && releaseContext(context)) {
+    giveMemoryBack();
   }
 }
 
 bool zov::shmReserve(ZOV_SHM_CTX context, uint32_t number) {
-  if (number < context->numRegions) {
-    return true;
-  }
-  if (number == UINT32_MAX) {
-    return false;
-  }
-  ZOV_SHM_REGION *regions = growTable(context->regions, context->numRegions, uint64_t{number} + 1,
-                                      context->tag, ZOV_HERE);
-  if (regions == nullptr) {
-    return false;
-  }
-  context->regions = regions;
-  context->numRegions = number + 1;
-  return true;
+  return context->regions.reserve(number, 0, context->tag, ZOV_HERE) != nullptr;
+}
+
+uint32_t zov::shmHighestRegion(ZOV_SHM_CTX context, uint32_t end) {
+  return context->regions.highestBelow(end);
 }
 
 extern "C" {
@@ -204,33 +206,35 @@ ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void 
 void zov_shmCloseCtx(ZOV_SHM_CTX) {}
 
 void zov_shmRemoveCtx(ZOV_SHM_CTX context) {
-  releaseContext(reinterpret_cast<uint64_t>(context));
+  zov::shmRelease(zov::shmDetach(reinterpret_cast<uint64_t>(context)));
 }
 
 ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint64_t, uint32_t size) {
   if (context == nullptr || number == UINT32_MAX) {
     return nullptr;
   }
-  if (!zov::shmReserve(context, number)) {
-    context->regions = nullptr;
-    context->numRegions = 0;
+  ZOV_SHM_REGION *slot = context->regions.reserve(number, 0, context->tag, ZOV_HERE);
+  if (slot == nullptr) {
+    context->regions = {};
     return nullptr;
   }
-  context->regions[number] =
+  *slot =
       static_cast<ZOV_SHM_REGION>(zov_getMem(size, context->tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  return context->regions[number];
+  context->regionBytes += *slot == nullptr ? 0 : size;
+  return *slot;
 }
 
 ZOV_SHM_REGION zov_shmOpen(ZOV_SHM_CTX context, uint32_t number, uint64_t, uint32_t) {
-  return hasRegion(context, number) ? context->regions[number] : nullptr;
+  return context == nullptr ? nullptr : context->regions.get(number);
 }
 
 void zov_shmClose(ZOV_SHM_REGION) {}
 
 void zov_shmDestroy(ZOV_SHM_CTX context, uint32_t number) {
-  if (hasRegion(context, number)) {
-    zov_freeMem(context->regions[number], context->tag);
-    context->regions[number] = nullptr;
+  ZOV_SHM_REGION *slot = context == nullptr ? nullptr : context->regions.find(number);
+  if (slot != nullptr) {
+    zov_freeMem(*slot, context->tag);
+    *slot = nullptr;
   }
 }
 
@@ -257,7 +261,6 @@ int32_t zov_shmInit(uint32_t *pageSize) {
   if (sem == ZOV_NO_SYNC) {
     return ZOV_ERROR;
   }
-  list = nullptr;
   liveContexts.clear();
   rootCtx = getContext();
   if (rootCtx == 0) {
@@ -269,10 +272,11 @@ int32_t zov_shmInit(uint32_t *pageSize) {
 }
 
 void zov_shmTerm() {
-  while (list != nullptr) {
-    releaseContext(list->hashId());
+  bool large = false;
+  liveContexts.drain([&large](ShmContext *context) { large = releaseContext(context) || large; });
+  if (large) {
+    giveMemoryBack();
   }
-  liveContexts.clear();
   zov_syncDelete(sem);
   sem = ZOV_NO_SYNC;
   rootCtx = 0;

@@ -4,6 +4,8 @@
 #ifndef ZOV_MEMSTORE_ZOVSHMHEAP_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSHMHEAP_PRIVATE_H
 
+#include <stddef.h>
+
 #include "zov.h"
 
 namespace zov {
@@ -13,8 +15,13 @@ namespace zov {
 // when there is none.
 bool shmReserve(ZOV_SHM_CTX context, uint32_t number);
 
-// The root block of a context that is known to be live, or null.
-void *shmRoot(ZOV_SHM_CTX context);
+// The highest number below `end` that a region has, or all ones.
+uint32_t shmHighestRegion(ZOV_SHM_CTX context, uint32_t end);
+
+// Reads the 8-byte word at an offset of a context's root block, or gives
+// `missing` when there is no such context or it has no root block. Takes the
+// heap's list lock and no other, and allocates nothing.
+uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing);
 
 // zov_shmRemoveCtx() in two steps. The first takes the context out of reach and
 // gives it, or null when there is none of that id; the second releases the

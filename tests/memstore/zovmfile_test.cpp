@@ -140,6 +140,23 @@ TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
   }
 }
 
+// Behind the directory's back, by the id in the first entry of its root node.
+TEST_F(MemoryFiles, RemovalByIdLeavesADeadName) {
+  ASSERT_TRUE(put("/f", "text"));
+  ZOV_SEG root = zov_segOpen(zov_segRootId(), 0);
+  void *node = nullptr;
+  ASSERT_EQ(zov_segGetPtr(root, 1, &node), ZOV_OKAY);
+  uint64_t id = 0;
+  memcpy(&id, static_cast<char *>(node) + 16, sizeof id);
+  zov_segReleasePtr(root, 1, node);
+  zov_segClose(root);
+  zov_segRemove(zov_segOpen(id, 0));
+  EXPECT_EQ(zov_mfSizeStat("/f") + zov_mfModTime("/f"), 0u);
+  EXPECT_EQ(zov_mfOpen("/f", O_CREAT), nullptr);
+  EXPECT_EQ(zov_mfRemove("/f"), ZOV_OKAY);
+  EXPECT_TRUE(put("/f", "text"));
+}
+
 TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
   ZOV_MFILE file = zov_mfOpen("/f", O_CREAT);
   ASSERT_EQ(zov_mfWrite(file, "0123456789", 10), 10u);
@@ -166,6 +183,13 @@ TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
   EXPECT_EQ(zov_mfSeekWrite(file, 6, "x", 1), 1u);
   EXPECT_EQ(get(file), std::string("0123\0\0x", 7));
   EXPECT_NE(zov_mfModTime("/f"), 0u);
+  // A size that cannot be had leaves nothing of itself.
+  const int64_t before = zovtest::liveBlocks();
+  zovtest::failAllocationAfter(9);
+  EXPECT_EQ(zov_mfSetSize(file, 200000), ZOV_ERROR);
+  EXPECT_TRUE(zovtest::stopFailing());
+  EXPECT_LE(zovtest::liveBlocks(), before + 3) << "tables may have grown";
+  EXPECT_EQ(get(file), std::string("0123\0\0x", 7));
   zov_mfClose(file);
 }
 

@@ -203,4 +203,20 @@ TEST_F(Cache, RandomOperationsAgreeWithAModel) {
   }
 }
 
+// Directories pin all their pages, also beyond the limit. Others then find no room,
+// and unmap still no more than they map.
+TEST_F(Cache, AccessStaysConstantBeyondTheLimit) {
+  std::vector<ZOV_CACHE_REGION> regions;
+  for (uint32_t number = 0; number < 1000; ++number) {
+    regions.push_back(zov_shmCacheCreate(context, number, 0, 8));
+    EXPECT_NE(number < 900 ? zov_shmCacheGetPtr(regions.back()) : this, nullptr);
+  }
+  for (uint32_t access = 0; access < 1000; ++access) {
+    ZOV_CACHE_REGION region = regions[900 + access % 100];
+    ASSERT_NE(zov_shmCacheGetPtr(region), nullptr);
+    zov_shmCacheReleasePtr(region, nullptr);
+    ASSERT_EQ(unmapped.size(), access) << "one for each but the first";
+  }
+}
+
 }  // namespace

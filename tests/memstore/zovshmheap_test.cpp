@@ -97,4 +97,15 @@ TEST_F(Heap, NoMemoryForTheTableLosesTheRegions) {
   EXPECT_EQ(zov_shmOpen(context, 0, 0, 64), nullptr);
 }
 
+TEST_F(Heap, AnIndexThatCannotGrowIsNotReported) {
+  const std::string output = zovtest::outputOf([] {
+    for (int number = 0; number < 300; ++number) {
+      zovtest::failAllocationAfter(2);
+      EXPECT_NE(zov_shmNextId(), 0u);
+    }
+  });
+  EXPECT_TRUE(zovtest::stopFailing());
+  EXPECT_EQ(output, "");
+}
+
 }  // namespace
