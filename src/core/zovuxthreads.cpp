@@ -153,6 +153,7 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
   pthread_mutex_unlock(&semTabMutex);
   zov_freeMem(spare, ZOV_DEFAULT_TAG);
   if (slot == nullptr) {
+    errno = ENFILE;
     zov::reportShortage(zov::Shortage::kSyncObjects, sourceName, line);
   }
   return slot;

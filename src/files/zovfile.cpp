@@ -39,6 +39,7 @@
 #include "files/zovfile_private.h"
 #include "files/zovunix_private.h"
 #include "memstore/zovmfile_place.h"
+#include "memstore/zovmfile_transfer.h"
 
 // 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
 //    system answers a transfer of it with EBADF. A file in memory has none.
@@ -178,7 +179,7 @@ void reportInconsistent(const FileHandle &file) {
 
 uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
-    return zov_mfWrite(file.mfile, buffer, lengthBytes);
+    return zov::memWrite(file.mfile, buffer, lengthBytes);
   }
   if (isWriteProtected(file)) {
     return 0;
@@ -192,7 +193,7 @@ uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBy
 
 uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
-    return zov_mfRead(file.mfile, buffer, lengthBytes);
+    return zov::memRead(file.mfile, buffer, lengthBytes);
   }
   const uint32_t count = zov::nativeRead(file.fd, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
@@ -205,8 +206,8 @@ uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffe
                        uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
     return offset == ZOV_OFFSET_CURRENT
-               ? zov_mfWrite(file.mfile, buffer, lengthBytes)
-               : zov_mfSeekWrite(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+               ? zov::memWrite(file.mfile, buffer, lengthBytes)
+               : zov::memSeekWrite(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
   }
   return isWriteProtected(file) ? 0 : zov::nativeSeekWrite(file.fd, offset, buffer, lengthBytes);
 }
@@ -214,8 +215,8 @@ uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffe
 uint32_t fileSeekRead(const FileHandle &file, int64_t offset, void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
     return offset == ZOV_OFFSET_CURRENT
-               ? zov_mfRead(file.mfile, buffer, lengthBytes)
-               : zov_mfSeekRead(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+               ? zov::memRead(file.mfile, buffer, lengthBytes)
+               : zov::memSeekRead(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
   }
   return zov::nativeSeekRead(file.fd, offset, buffer, lengthBytes);
 }

@@ -19,6 +19,7 @@
 
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
+#include "memstore/zovmfile_transfer.h"
 #include "memstore/zovsegfile_private.h"
 
 namespace {
@@ -80,7 +81,40 @@ bool isFile(const char *path) {
   return true;
 }
 
+// Transfers at the position, which moves behind what was moved.
+int64_t readOn(MemFile &file, void *buffer, uint32_t length) {
+  const int64_t moved = zov::segRead(file.seg, file.position, buffer, length);
+  file.position += zov::movedBytes(moved);
+  return moved;
+}
+
+int64_t writeOn(MemFile &file, const void *buffer, uint32_t length) {
+  const int64_t moved = zov::segWrite(file.seg, file.position, buffer, length);
+  file.position += zov::movedBytes(moved);
+  return moved;
+}
+
+uint32_t transferResult(int64_t moved) {
+  return moved < 0 ? ZOV_IO_FAILED : static_cast<uint32_t>(moved);
+}
+
 }  // namespace
+
+uint32_t zov::memRead(ZOV_MFILE file, void *buffer, uint32_t length) {
+  return transferResult(readOn(*file, buffer, length));
+}
+
+uint32_t zov::memWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
+  return transferResult(writeOn(*file, buffer, length));
+}
+
+uint32_t zov::memSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {
+  return transferResult(segRead(file->seg, offset, buffer, length));
+}
+
+uint32_t zov::memSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer, uint32_t length) {
+  return transferResult(segWrite(file->seg, offset, buffer, length));
+}
 
 extern "C" {
 
@@ -137,21 +171,11 @@ int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence) {
 }
 
 uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length) {
-  const uint32_t count =
-      file == nullptr ? 0 : zov_segSeekRead(file->seg, file->position, buffer, length);
-  if (count > 0) {
-    file->position += count;
-  }
-  return count;
+  return file == nullptr ? 0 : zov::movedBytes(readOn(*file, buffer, length));
 }
 
 uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
-  const uint32_t count =
-      file == nullptr ? 0 : zov_segSeekWrite(file->seg, file->position, buffer, length);
-  if (count > 0) {
-    file->position += count;
-  }
-  return count;
+  return file == nullptr ? 0 : zov::movedBytes(writeOn(*file, buffer, length));
 }
 
 uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {

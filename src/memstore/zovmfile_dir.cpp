@@ -139,11 +139,11 @@ int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, u
     return failWith(ENAMETOOLONG);
   }
   if (zov::setName(cursor, entry, key) != ZOV_OKAY) {
-    return failWith(ENOMEM);
+    return ZOV_ERROR;
   }
   if (zov::reserveNodes(cursor, nodes) != ZOV_OKAY) {
     zov::removeName(cursor, entry);
-    return failWith(ENOMEM);
+    return ZOV_ERROR;
   }
   return ZOV_OKAY;
 }
@@ -170,7 +170,6 @@ Directory *zov::openSubdir(uint64_t id) {
   }
   directory = newDirectory(id);
   if (directory == nullptr) {
-    errno = ENOMEM;
     return nullptr;
   }
   Directory *known = publish(directory);
@@ -226,7 +225,7 @@ int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
                                  uint16_t type, uint64_t &id) {
   id = zov_segNextId();
   if (id == 0) {
-    return failWith(ENOMEM);
+    return ZOV_ERROR;
   }
   const int32_t status = addEntryInSubdir(directory, cursor, key, id, type);
   if (status != ZOV_OKAY) {

@@ -93,25 +93,24 @@ void freeChain(const Cursor &cursor, ExtraLink link) {
   }
 }
 
-// Stores the rest of a name, and gives the first entry of its chain. The chain
-// is built from its end, so that each entry is written once.
+// Stores the rest of a name in entries linked from `first` on, in the order in
+// which they are taken. When that fails none is.
 int32_t writeExtraName(const Cursor &cursor, const char *rest, size_t length, ExtraLink &first) {
   first = {};
-  size_t done = (length - 1) / zov::kExtraNameBytes * zov::kExtraNameBytes;
-  for (;; done -= zov::kExtraNameBytes) {
+  ExtraLink *last = &first;
+  for (size_t done = 0; done < length; done += zov::kExtraNameBytes) {
     ExtraLink link;
     if (allocateSubdirExtraEntry(cursor, link) != ZOV_OKAY) {
       freeChain(cursor, first);
       return ZOV_ERROR;
     }
     ExtraEntry &entry = extraAt(cursor, link);
-    entry = {.next = first, .name = {}};
+    entry = {};
     memcpy(entry.name, rest + done, std::min<size_t>(length - done, zov::kExtraNameBytes));
-    first = link;
-    if (done == 0) {
-      return ZOV_OKAY;
-    }
+    *last = link;
+    last = &entry.next;
   }
+  return ZOV_OKAY;
 }
 
 // Compares what follows the first 22 bytes of two names that agree in them.

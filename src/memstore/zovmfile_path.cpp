@@ -199,7 +199,6 @@ zov::NormalPath::NormalPath(const char *path, size_t length) {
     text = long_;
   }
   if (text == nullptr) {
-    errno = ENOMEM;
     return;
   }
   memcpy(text, path, length);

@@ -120,7 +120,6 @@ ZOV_MFILE zov::newMemDraft() {
   MemFile *file = static_cast<MemFile *>(
       zov_getMem(sizeof(MemFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
   if (file == nullptr) {
-    errno = ENOMEM;
     return nullptr;
   }
   file->draftId = zov_segNextId();
@@ -128,7 +127,6 @@ ZOV_MFILE zov::newMemDraft() {
   if (file->seg == nullptr) {
     segRemoveById(file->draftId);
     zov_freeMem(file, ZOV_DEFAULT_TAG);
-    errno = ENOMEM;
     return nullptr;
   }
   return file;

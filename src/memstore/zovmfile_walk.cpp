@@ -69,12 +69,17 @@ bool takeName(MemWalk &walk, const DirEntry &entry) {
   return true;
 }
 
-// Steps to the next name that matches. Null at the end or when memory is short.
+// Steps to the next name that matches. Null at the end, and when memory is short:
+// the cursor has then moved, so that the next step has to look up the last name.
 const DirEntry *pathNext(MemWalk &walk) {
   while (!walk.ended) {
     const DirEntry *entry = nextEntry(walk);
     walk.ended = entry == nullptr;
-    if (walk.ended || !takeName(walk, *entry)) {
+    if (walk.ended) {
+      return nullptr;
+    }
+    if (!takeName(walk, *entry)) {
+      walk.seenChanges = ~walk.directory->changes;
       return nullptr;
     }
     if (zov_match(walk.lastName, walk.pattern) != 0) {

@@ -243,20 +243,29 @@ uint32_t forEachPiece(SegFile &file, uint64_t offset, uint32_t length, Copy copy
   return done;
 }
 
-uint32_t _seekRead(SegFile &file, uint64_t offset, void *buffer, uint32_t length) {
+// Transfers give how many bytes they moved, or kNoMemory when there were some to
+// move and memory for none.
+constexpr int64_t kNoMemory = -1;
+
+int64_t transferred(uint32_t wanted, uint32_t done) {
+  return done == 0 && wanted > 0 ? kNoMemory : done;
+}
+
+int64_t _seekRead(SegFile &file, uint64_t offset, void *buffer, uint32_t length) {
   const uint64_t size = file.hdr->size;
   if (offset >= size) {
     return 0;
   }
   const uint32_t wanted = static_cast<uint32_t>(std::min<uint64_t>(size - offset, length));
   char *bytes = static_cast<char *>(buffer);
-  return forEachPiece(file, offset, wanted,
-                      [bytes](const char *data, uint32_t count, uint32_t done) {
-                        memcpy(bytes + done, data, count);
-                      });
+  const uint32_t read =
+      forEachPiece(file, offset, wanted, [bytes](const char *data, uint32_t count, uint32_t done) {
+        memcpy(bytes + done, data, count);
+      });
+  return transferred(wanted, read);
 }
 
-uint32_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t length) {
+int64_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t length) {
   if (offset >= kEndOfBytes) {
     errno = EFBIG;
     return 0;
@@ -272,7 +281,7 @@ uint32_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t
     }
     storeRelaxed(file.hdr->modTime, static_cast<uint64_t>(zov_timeSecs()));
   }
-  return written;
+  return transferred(wanted, written);
 }
 
 // Clears what the last segment that is kept holds between the new size and the
@@ -314,7 +323,6 @@ int32_t _setSize(SegFile &file, uint64_t size) {
   const uint32_t lastKept =
       static_cast<uint32_t>(calc_segno(file.baseBytes, size == 0 ? 0 : size - 1));
   if (!makeSegments(file, lastKept + 1) || !clearTail(file, lastKept, size)) {
-    errno = ENOMEM;
     return ZOV_ERROR;
   }
   cutSegments(file, lastKept + 1);
@@ -368,6 +376,22 @@ void zov::segRemoveById(uint64_t id) {
 
 uint64_t zov::segIdOf(const SegFile &file) {
   return file.id;
+}
+
+int64_t zov::segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
+  const NoJump noJump;
+  zov_segLock(file);
+  const int64_t moved = _seekRead(*file, offset, buffer, length);
+  zov_segUnlock(file);
+  return moved;
+}
+
+int64_t zov::segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
+  const NoJump noJump;
+  zov_segLock(file);
+  const int64_t moved = _seekWrite(*file, offset, buffer, length);
+  zov_segUnlock(file);
+  return moved;
 }
 
 int32_t zov::segSetSizeOrKeep(ZOV_SEG file, uint64_t size) {
@@ -429,19 +453,11 @@ int32_t zov_segRemove(ZOV_SEG file) {
 }
 
 uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
-  const zov::NoJump noJump;
-  zov_segLock(file);
-  const uint32_t count = _seekRead(*file, offset, buffer, length);
-  zov_segUnlock(file);
-  return count;
+  return zov::movedBytes(zov::segRead(file, offset, buffer, length));
 }
 
 uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
-  const zov::NoJump noJump;
-  zov_segLock(file);
-  const uint32_t count = _seekWrite(*file, offset, buffer, length);
-  zov_segUnlock(file);
-  return count;
+  return zov::movedBytes(zov::segWrite(file, offset, buffer, length));
 }
 
 int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address) {

@@ -15,6 +15,16 @@ void segRemoveById(uint64_t id);
 // The id of an open file.
 uint64_t segIdOf(const SegFile &file);
 
+// zov_segSeekRead() and zov_segSeekWrite(), but -1, with errno ENOMEM, when there
+// was something to move and for want of memory nothing was.
+int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
+int64_t segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length);
+
+// What these give as a count of bytes.
+inline uint32_t movedBytes(int64_t moved) {
+  return moved < 0 ? 0 : static_cast<uint32_t>(moved);
+}
+
 // zov_segSetSize(), but a failure leaves no segment that was not there before.
 int32_t segSetSizeOrKeep(ZOV_SEG file, uint64_t size);
 

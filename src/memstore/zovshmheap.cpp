@@ -17,6 +17,7 @@
 // tags are without mutex for that reason. The context's lock is not used here:
 // it belongs to whoever uses the memory. The tags are never armed, so nothing
 // jumps; liveContexts grows with jumps held off.
+#include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
 
@@ -193,14 +194,14 @@ uint64_t zov_shmNextId() {
 
 ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root) {
   ShmContext *context = findContext(id);
-  if (context == nullptr) {
-    return nullptr;
-  }
-  if (openCtx(*context, rootSize, root)) {
+  if (context != nullptr && openCtx(*context, rootSize, root)) {
     return context;
   }
-  const bool created = (flags & O_CREAT) != 0 && createCtx(*context, rootSize, root);
-  return created ? context : nullptr;
+  if (context == nullptr || (flags & O_CREAT) == 0) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  return createCtx(*context, rootSize, root) ? context : nullptr;
 }
 
 void zov_shmCloseCtx(ZOV_SHM_CTX) {}

@@ -105,15 +105,33 @@ TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
 
 TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
   ASSERT_TRUE(put("/dir/file", "text"));
-  errno = 0;
-  EXPECT_EQ(zov_mfOpen("/dir/none", O_RDWR), nullptr);
-  EXPECT_EQ(errno, ENOENT);
-  for (const char *path :
-       {"name", "", "/", "/dir/", "/dir", "/dir/file/under", "/dir/.", "/dir/.."}) {
-    EXPECT_EQ(zov_mfOpen(path, O_CREAT), nullptr) << path;
-    EXPECT_NE(zov_mfRemove(path), ZOV_OKAY) << path;
-    EXPECT_EQ(zov_mfSizeStat(path), 0u) << path;
+  EXPECT_TRUE(zov_mfOpen("/dir/none", O_RDWR) == nullptr && errno == ENOENT);
+  const std::string tooLong(65536, 'n');
+  const std::pair<std::string, int> rows[] = {
+      {"name", EINVAL},
+      {"", EINVAL},
+      {"/", EISDIR},
+      {"/dir/", EISDIR},
+      {"/dir", EISDIR},
+      {"/dir/.", EISDIR},
+      {"/dir/..", EISDIR},
+      {"/dir/file/under", ENOTDIR},
+      {"/dir/" + tooLong, ENAMETOOLONG},
+      {"/" + tooLong + "/f", ENAMETOOLONG},
+  };
+  for (const auto &[path, error] : rows) {
+    SCOPED_TRACE(path.substr(0, 20));
+    errno = 0;
+    EXPECT_EQ(zov_mfOpen(path.c_str(), O_CREAT), nullptr);
+    EXPECT_EQ(errno, error);
+    EXPECT_NE(zov_mfRemove(path.c_str()), ZOV_OKAY);
+    EXPECT_EQ(zov_mfSizeStat(path.c_str()), 0u);
   }
+  ZOV_SYNC last = 0;
+  while (last != ZOV_NO_SYNC) {
+    last = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  }
+  EXPECT_TRUE(zov_mfOpen("/dir/fresh", O_CREAT) == nullptr && errno == ENFILE);
   EXPECT_EQ(zov_mfRemove("/dir/none"), ZOV_NOTFOUND);
   EXPECT_EQ(zov_mfRemove("/dir"), ZOV_ERROR);
   EXPECT_EQ(zov_mfModTime("/dir/none"), 0u);
@@ -307,6 +325,52 @@ TEST_F(MemoryFiles, ReplacingIsOneStep) {
   stop = true;
   reader.join();
   EXPECT_EQ(list("/a") + list("/b"), "x x ");
+}
+
+// Without memory there is no end of the file, and no end of a walk.
+TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
+  ASSERT_TRUE(put("/w/file", std::string(5000, 'x')));
+  ZOV_MFILE file = zov_mfOpen("/w/file", 0);
+  ZOV_FILE handle = zov_fileOpen("/w/file", O_RDWR, ZOV_FILE_MEMORY);
+  char text[5000];
+  // What is called with no memory gives, with errno for it.
+  const auto starved = [](auto call) {
+    zovtest::failAllocationAfter(0, true);
+    errno = 0;
+    const uint32_t result = call();
+    zovtest::stopFailing();
+    return errno == ENOMEM ? result : 4711;
+  };
+  EXPECT_EQ(starved([&] { return zov_mfRead(file, text, 10); }), 0u);
+  EXPECT_EQ(starved([&] { return zov_mfSeekWrite(file, 70000, text, 10); }), 0u);
+  EXPECT_EQ(starved([&] { return zov_fileRead(handle, text, 10); }), ZOV_IO_FAILED);
+  EXPECT_EQ(starved([&] { return zov_fileWrite(handle, text, 10); }), ZOV_IO_FAILED);
+  EXPECT_EQ(starved([&] { return zov_fileSeekRead(handle, 4097, text, 10); }), ZOV_IO_FAILED);
+  EXPECT_EQ(starved([&] { return zov_fileSeekWrite(handle, 70000, text, 10); }), ZOV_IO_FAILED);
+  EXPECT_EQ(zov_fileRead(handle, text, 10), 10u) << "the position stayed";
+  EXPECT_EQ(starved([&] { return zov_fileSeekRead(handle, 0, text, 5000); }), 4096u);
+  EXPECT_EQ(zov_fileSeekRead(handle, 5000, text, 10), 0u);
+  zov_fileClose(handle);
+  zov_mfClose(file);
+
+  for (size_t length = 100; length < 900; length += 100) {
+    ASSERT_TRUE(put("/w/" + std::string(length, static_cast<char>('a' + length / 100)), ""));
+  }
+  ZOV_MEM_WALK walk = zov_mfPathOpen("/w", "*");
+  std::string names;
+  uint32_t failures = 0;
+  int32_t isDirectory = 0;
+  for (const char *name = ""; name != nullptr;) {
+    failures +=
+        starved([&] { return (name = zov_mfPathNext(walk, &isDirectory)) == nullptr; }) == 1;
+    errno = 0;
+    name = name == nullptr ? zov_mfPathNext(walk, &isDirectory) : name;
+    names += name == nullptr ? "" : std::string(name) + " ";
+  }
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(failures, 8u);
+  EXPECT_EQ(names, list("/w"));
+  zov_mfPathClose(walk);
 }
 
 // The first, second, ... allocation fails, or all from there on. What was
