@@ -34,6 +34,26 @@
  * 9. "Messages" lists what a call may write, through the message path unless
  *    said otherwise. A function without the line writes nothing.
  * 10. Callbacks must not throw.
+ * 11. Signals, and forks of a process with several threads. A handler, and
+ *    until it executes a program or calls _exit() the child of such a fork, may
+ *    call only what neither locks, nor allocates, nor writes a message; any
+ *    other call may wait for ever for what the interrupted thread, or one that
+ *    the child lacks, holds. These calls are: byte order, alignment, matching,
+ *    zov_vsnprintf() and zov_snprintf(), strings, rounding and drawn random
+ *    numbers; conversions of UTF-8 into memory of the caller; all zov_fl
+ *    functions but walks and `W` forms, zov_dirCreate() and zov_dirRemove(); on a
+ *    handle of a disk file transfers, seeking, length, size and sync, where a transfer that
+ *    fails writes its message; getting and putting of typed buffers, with
+ *    callbacks that keep to this, but not zov_inputBuffGetString(); the clocks,
+ *    zov_sleep(), process ids and zov_daemonComplete(). A handler also keeps
+ *    errno, and leaves objects alone that one thread at a time may use.
+ * 12. Forks of a process with one thread. The child may call everything. Its
+ *    memory is a copy: blocks, sync objects and those it is inside, queues, files
+ *    in memory, what streams and redirections hold; nothing in it reaches the
+ *    parent, and what is not flushed before the fork may be written by both.
+ *    Files on disk are shared: a descriptor's position, and the locks of
+ *    zov_fileLock() and zov_flLock(), which either may release. A program that
+ *    is executed inherits no descriptor of the library's.
  *
  * Unless its own comment says otherwise a function does not jump, takes no
  * null pointers, and may be called only between zov_init() and zov_term().
@@ -653,6 +673,9 @@ ZOV_API void zov_zFreePool(ZOV_POOL *pool);
 
 /* ========================================================================
  * core/zovqueue: message queues
+ *
+ * A queue is of one process: a forked child has a copy with the messages in it,
+ * without the threads that read and write it.
  * ======================================================================== */
 
 /** A message queue; null when absent. A message is a 64-bit value and two
@@ -2497,7 +2520,8 @@ ZOV_API char *zov_makeStrVA(const char *sourceName, uint32_t line, ZOV_TAG tag, 
  * the start of the file tells. A stream reads or writes its file from the
  * start to the end through one block of 1024 bytes and never positions it.
  *
- * One at a time: a stream has no lock.
+ * One at a time: a stream has no lock. What it holds at a fork is the child's as
+ * well: flush before, or leave the child by _exit().
  * ======================================================================== */
 
 /** An open text stream. */
@@ -3556,7 +3580,7 @@ ZOV_API extern void *deviceHead;
  *  started. */
 ZOV_API extern ZOV_SYNC deviceSem;
 
-/** What zov_handleInterrupt() calls. Runs in signal context. */
+/** What zov_handleInterrupt() calls. Runs in signal context: convention 11. */
 typedef void (*ZOV_INTERRUPT)(void);
 
 /** The main function of a service. */
