@@ -127,18 +127,6 @@ TEST_P(Route, CopiesComparesAndMoves) {
   }
 }
 
-TEST_P(Route, MovesTheFilesOfADirectory) {
-  ASSERT_EQ(zov_dirCreateAll(at("source").c_str()), ZOV_OKAY);
-  put("source/one", "1");
-  put("source/two", "2");
-  const uint16_t other = flags == 0 ? ZOV_FILE_MEMORY : 0;
-  EXPECT_EQ(zov_dirMoveEx(at("source").c_str(), flags, at("target").c_str(), other), ZOV_OKAY);
-  EXPECT_EQ(list("source", "*"), std::set<std::string>());
-  flags = other;
-  EXPECT_EQ(list("target", "*"), (std::set<std::string>{"one", "two"}));
-  EXPECT_EQ(get("target/two"), "2");
-}
-
 TEST_P(Route, DiffersWhereItIsMeantTo) {
   const bool memory = flags != 0;
   // Missing directories are made.

@@ -71,38 +71,12 @@ TEST_F(FileUtil, CompareTellsHowFilesDiffer) {
 }
 
 TEST_F(FileUtil, MissingSourcesAreRefused) {
-  EXPECT_EQ(zov_fileCopy(at("none").c_str(), at("to").c_str()), ZOV_ERROR);
-  EXPECT_FALSE(fileExists(at("to")));
-  writeFile(at("from"), "text");
-  EXPECT_EQ(zov_fileCopy(at("from").c_str(), at("no/dir").c_str()), ZOV_ERROR);
-  EXPECT_EQ(zov_fileMove(at("none").c_str(), at("to").c_str()), ZOV_ERROR);
   EXPECT_EQ(zov_fileRemove(at("none").c_str()), -1);
   EXPECT_EQ(zov_fileRename(at("none").c_str(), at("to").c_str()), -1);
   EXPECT_EQ(zov_fileRenameEx(at("from").c_str(), 0, "x", ZOV_FILE_MEMORY), ZOV_ERROR);
   EXPECT_EQ(zov_fileCopy(nullptr, "x"), ZOV_ERROR);
   EXPECT_EQ(zov_fileMoveW(L"x", nullptr), ZOV_ERROR);
   EXPECT_EQ(zov_pathOpen(nullptr, "*"), nullptr);
-}
-
-TEST_F(FileUtil, MoveReplacesAndCrossesFileSystems) {
-  for (const bool refuse : {false, true}) {
-    const Fault elsewhere(Call::rename, refuse ? 1 : UINT32_MAX, EXDEV);
-    writeFile(at("from"), "new");
-    writeFile(at("to"), "old and longer");
-    EXPECT_EQ(zov_fileMove(at("from").c_str(), at("to").c_str()), ZOV_OKAY) << refuse;
-    EXPECT_FALSE(fileExists(at("from")));
-    EXPECT_EQ(readFile(at("to")), "new") << refuse;
-  }
-  // Two links of one file: the entry moves, though rename() would do nothing.
-  std::filesystem::create_hard_link(at("to"), at("link"));
-  EXPECT_EQ(zov_fileMove(at("link").c_str(), at("to").c_str()), ZOV_OKAY);
-  EXPECT_FALSE(fileExists(at("link")));
-  // Onto itself, however it is spelt.
-  std::filesystem::create_directory(at("sub"));
-  for (const char *spelling : {"to", "TO", "./to", "sub/../to", ".//to"}) {
-    EXPECT_EQ(zov_fileMove(at("to").c_str(), at(spelling).c_str()), ZOV_OKAY) << spelling;
-    EXPECT_EQ(readFile(at("to")), "new") << spelling;
-  }
 }
 
 TEST_F(FileUtil, DirectoryChainsAreCompleted) {
@@ -120,21 +94,6 @@ TEST_F(FileUtil, DirectoryChainsAreCompleted) {
     EXPECT_TRUE(std::filesystem::is_directory(at(row.made))) << row.path;
   }
   EXPECT_FALSE(fileExists(at("e\\f")));
-}
-
-TEST_F(FileUtil, DirectoryMoveTakesItsFiles) {
-  std::filesystem::create_directories(at("from/sub"));
-  writeFile(at("from/one"), "1");
-  {
-    const Fault elsewhere(Call::rename, 1, EXDEV);
-    EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
-    EXPECT_FALSE(fileExists(at("from/one")));
-    EXPECT_TRUE(std::filesystem::remove(at("from/sub"))) << "directories stay";
-    EXPECT_EQ(zov_dirMove(at("from").c_str(), at("new/to").c_str()), ZOV_OKAY);
-    EXPECT_FALSE(fileExists(at("from"))) << "an empty source goes";
-  }
-  EXPECT_EQ(zov_dirMove(at("new").c_str(), at("renamed").c_str()), ZOV_OKAY);
-  EXPECT_EQ(readFile(at("renamed/to/one")), "1");
 }
 
 TEST_F(FileUtil, FlagsProtectTheDisk) {
@@ -218,33 +177,6 @@ TEST_F(FileUtil, TemporaryNamesAreDistinct) {
   unsetenv("QEL_TMPDIR");
   zov_readonly = 1;  // no directory is writable
   EXPECT_EQ(std::string("pre") + stem + "1002.ext", made("pre", "ext"));
-}
-
-// A walk that breaks off is not at its end: it may leave files behind. Each file
-// is in one of the two directories whatever happens, and in the new one when all
-// went well.
-TEST_F(FileUtil, DirectoryMoveTellsOfABrokenWalk) {
-  std::filesystem::create_directories(at("to/taken"));  // so that no rename will do
-  std::filesystem::create_directory(at("from"));
-  writeFile(at("from/one"), "1");
-  int32_t status = ZOV_OKAY;
-  const auto move = [&] { status = zov_dirMove(at("from").c_str(), at("to").c_str()); };
-  const auto check = [&](bool failed) {
-    EXPECT_EQ(readFile(at("from/one")) + readFile(at("to/one")), "1");
-    EXPECT_TRUE(status != ZOV_OKAY || fileExists(at("to/one")));
-    EXPECT_TRUE(failed || status == ZOV_OKAY);
-    std::filesystem::create_directory(at("from"));
-    writeFile(at("from/one"), "1");
-    std::filesystem::remove(at("to/one"));
-  };
-  for (const auto &[call, error] : {std::pair(Call::readdir, EIO), std::pair(Call::opendir, EACCES),
-                                    std::pair(Call::opendir, EMFILE)}) {
-    const Fault unreadable(call, 1, error, true);
-    move();
-    EXPECT_EQ(status, ZOV_ERROR);
-    check(true);
-  }
-  zovtest::failEachAllocation(move, check);
 }
 
 }  // namespace

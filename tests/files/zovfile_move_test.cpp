@@ -1,0 +1,349 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What copies and moves leave behind, from disk and memory to disk and memory.
+// A state is written as a text, with items for each name that is there, so a
+// draft left behind shows as well:
+//
+//   x=text  a file          x@600  its permissions on disk, where not 644
+//   x>path  a link          x:y    another name of y, in a state to be made
+//   x/      a directory     x|     a fifo; x! a socket and x# a device to be made
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+
+#include <set>
+#include <sstream>
+
+#include "support/faults.h"
+#include "support/route_file.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using zovtest::Call;
+using zovtest::Fault;
+using Items = std::set<std::string>;
+
+// The ways from a source to a destination: near is on one file system, far is to
+// another.
+enum Way : uint32_t { kNear = 1, kFar = 2, kToMemory = 4, kToDisk = 8, kMemory = 16 };
+constexpr uint32_t kOnDisk = kNear | kFar;
+constexpr uint32_t kCopies = kFar | kToMemory;  // from disk
+constexpr uint32_t kHome = kOnDisk | kMemory;   // both ends in one place
+constexpr uint32_t kAll = kHome | kToMemory | kToDisk;
+
+struct Row {
+  int line;
+  decltype(&zov_fileMoveEx) call;
+  const char *source, *destination;  // the states on the two sides
+  const char *from, *to;
+  int32_t status;
+  const char *after;  // the state of both sides, "" when nothing changes
+  uint32_t ways;
+  Call failing = Call::system;
+  uint32_t nth = UINT32_MAX;
+  int error = 0;
+};
+
+int32_t makeItem(const std::string &base, const std::string &item, uint32_t flags) {
+  const size_t end = std::min(item.find_first_of("=@>:|!#"), item.size() - 1);
+  const std::string path = base + item.substr(0, end);
+  const std::string rest = item.substr(end + 1);
+  switch (item[end]) {
+    case '=':
+      return zovtest::putFile(path, rest, flags) ? 0 : -1;
+    case '@':
+      return chmod(path.c_str(), static_cast<mode_t>(std::stoi(rest, nullptr, 8)));
+    case '>':
+      return symlink(rest.c_str(), path.c_str());
+    case ':':
+      return link((base + rest).c_str(), path.c_str());
+    case '/':  // a look-up in memory makes the directory
+      return flags == 0 ? zov_dirCreate(path.c_str())
+                        : zov_fileValidateEx((path + "/x").c_str(), flags, nullptr);
+    case '|':
+      return mkfifo(path.c_str(), 0644);
+    default:
+      return mknod(path.c_str(), item[end] == '!' ? S_IFSOCK : S_IFCHR, makedev(1, 3));
+  }
+}
+
+// Adds the items of a directory, given by its path below the base.
+void addItems(const std::string &base, const std::string &below, uint32_t flags, Items &items) {
+  ZOV_PATH_WALK walk = zov_pathOpenEx((base + below).c_str(), flags, "*");
+  int32_t isDirectory = 0;
+  while (const char *entry = zov_pathNext(walk, &isDirectory)) {
+    const std::string name = below + entry;
+    struct stat state = {};
+    state.st_mode = S_IFREG | 0644;
+    if (flags == 0) {
+      lstat((base + name).c_str(), &state);
+    }
+    if (isDirectory != 0 && entry[strspn(entry, ".")] != '\0') {
+      items.insert(name + "/");
+      addItems(base, name + "/", flags, items);
+    } else if (S_ISLNK(state.st_mode)) {
+      items.insert(name + ">" + std::filesystem::read_symlink(base + name).string());
+    } else if (isDirectory == 0) {
+      items.insert(name +
+                   (S_ISREG(state.st_mode) ? "=" + zovtest::getFile(base + name, flags) : "|"));
+    }
+    if (S_ISREG(state.st_mode) && (state.st_mode & 0777) != 0644) {
+      std::ostringstream mode;
+      mode << name << '@' << std::oct << (state.st_mode & 0777);
+      items.insert(mode.str());
+    }
+  }
+  zov_pathClose(walk);
+}
+
+Items itemsOf(const char *state) {
+  std::istringstream items(state);
+  return {std::istream_iterator<std::string>(items), {}};
+}
+
+// A row on one of its ways, in a directory of its own.
+struct Case {
+  Case(const Row &row_, uint32_t way_) : row(row_), way(way_) {
+    for (const auto &[state, flags] :
+         {std::pair(row.source, fromFlags), {row.destination, toFlags}}) {
+      std::istringstream items(state);
+      for (std::string item; items >> item;) {
+        EXPECT_GE(makeItem(dir / "", item, flags), 0) << item;
+      }
+    }
+  }
+  int32_t run() const {
+    const Fault elsewhere(Call::rename, way == kFar ? 1 : UINT32_MAX, EXDEV);
+    const Fault fault(row.failing, row.nth, row.error);
+    return row.call(from.c_str(), fromFlags, to.c_str(), toFlags);
+  }
+  Items items() const {
+    Items items;
+    addItems(dir / "", "", fromFlags, items);
+    addItems(dir / "", "", toFlags, items);
+    return items;
+  }
+
+  const Row &row;
+  const uint32_t way;
+  const zovtest::TempDir dir;
+  const uint32_t fromFlags = (way & (kToDisk | kMemory)) != 0 ? ZOV_FILE_MEMORY : 0;
+  const uint32_t toFlags = (way & (kToMemory | kMemory)) != 0 ? ZOV_FILE_MEMORY : 0;
+  const std::string from = row.from[0] == '/' ? row.from : dir / row.from;
+  const std::string to = dir / row.to;
+};
+
+class Move : public zovtest::Started {
+ protected:
+  Move() { umask(022); }
+  template <typename Rows>
+  void expectEach(const Rows &rows) {
+    for (const Row &row : rows) {
+      for (uint32_t way = kNear; way <= kMemory; way <<= 1) {
+        if ((row.ways & way) != 0) {
+          SCOPED_TRACE(testing::Message() << "line " << row.line << ", way " << way);
+          const Case one(row, way);
+          const Items expected = *row.after == '\0' ? one.items() : itemsOf(row.after);
+          int32_t status = -1;
+          zovtest::outputOf([&] { status = one.run(); });
+          EXPECT_EQ(status, row.status);
+          EXPECT_EQ(one.items(), expected);
+        }
+      }
+    }
+  }
+};
+
+constexpr auto move = zov_fileMoveEx;
+constexpr auto copy = zov_fileCopyEx;
+constexpr auto dirMove = zov_dirMoveEx;
+
+TEST_F(Move, FilesReplaceFiles) {
+  const Row rows[] = {
+      {__LINE__, move, "x=new", "y=old", "x", "y", ZOV_OKAY, "y=new", kAll},
+      {__LINE__, move, "d/ d/x=new", "e/", "d/x", "e/y", ZOV_OKAY, "d/ e/ e/y=new", kAll},
+      {__LINE__, move, "", "y=old", "x", "y", ZOV_ERROR, "", kAll},
+      {__LINE__, move, "", "y/", "x", "y", ZOV_ERROR, "", kAll},
+      {__LINE__, move, "x=new", "", "x", "no/y", ZOV_ERROR, "", kOnDisk | kToDisk},
+      // One entry, however it is spelt.
+      {__LINE__, move, "d/ x=new", "", "x", "d/../x", ZOV_OKAY, "", kHome},
+      {__LINE__, move, "x=new", "", "x", "./x", ZOV_OKAY, "", kHome},
+      {__LINE__, move, "x=new", "", "x", "/x", ZOV_OKAY, "", kHome},
+      {__LINE__, move, "x=new", "", "x", "X", ZOV_OKAY, "", kHome},
+      {__LINE__, move, "d/ d/x=new", "", "d/x", "d\\.\\../d/X", ZOV_OKAY, "", kMemory},
+      {__LINE__, move, "", "", "x", "./x", ZOV_ERROR, "", kHome},
+      // Links and hard links.
+      {__LINE__, move, "x=new d/ d/l>../x", "", "d/l", "./x", ZOV_ERROR, "", kOnDisk},
+      {__LINE__, move, "x=new m>x l>m", "", "l", "m", ZOV_ERROR, "", kOnDisk},
+      {__LINE__, move, "x=new h:x l>x", "", "l", "h", ZOV_OKAY, "x=new h>x", kNear},
+      {__LINE__, move, "x=new h:x l>x", "", "l", "h", ZOV_OKAY, "x=new h=new", kFar},
+      {__LINE__, move, "x=new l>x", "", "x", "l", ZOV_OKAY, "l=new", kOnDisk},
+      {__LINE__, move, "x=new y:x", "", "x", "y", ZOV_OKAY, "y=new", kOnDisk},
+      {__LINE__, move, "l>gone", "y=old", "l", "y", ZOV_OKAY, "y>gone", kNear},
+      {__LINE__, move, "l>gone", "y=old", "l", "y", ZOV_ERROR, "", kCopies},
+      // What is no plain file.
+      {__LINE__, move, "x|", "y=old", "x", "y", ZOV_OKAY, "y|", kNear},
+      {__LINE__, move, "x|", "y=old", "x", "y", ZOV_ERROR, "", kCopies},
+      {__LINE__, move, "x! l>x", "y=old", "l", "y", ZOV_ERROR, "", kCopies},
+      {__LINE__, move, "", "y=old", "/proc/version", "y", ZOV_ERROR, "", kOnDisk | kToMemory},
+      {__LINE__, move, "x=new", "y|", "x", "y", ZOV_OKAY, "y=new", kOnDisk | kToDisk},
+      {__LINE__, move, "x=new", "y/", "x", "y", ZOV_OKAY, "y=new", kOnDisk | kToDisk},
+      {__LINE__, move, "x=new", "y/", "x", "y", ZOV_ERROR, "", kToMemory | kMemory},
+      {__LINE__, move, "x=new", "y/ y/z=1", "x", "y", ZOV_ERROR, "", kAll},
+      {__LINE__, move, "x/", "y=old", "x", "y", ZOV_ERROR, "", kAll},
+      {__LINE__, move, "x/ x/z=1", "y/", "x", "y", ZOV_OKAY, "y/ y/z=1", kNear},
+      {__LINE__, move, "x/", "y/", "x", "y", ZOV_ERROR, "", kAll & ~kNear},
+      // Permissions.
+      {__LINE__, move, "x=new x@600", "y=old", "x", "y", ZOV_OKAY, "y=new y@600", kOnDisk},
+      {__LINE__, move, "x=new x@775", "", "x", "y", ZOV_OKAY, "y=new", kFar},
+      {__LINE__, move, "x=new", "y=old y@640", "x", "y", ZOV_OKAY, "y=new y@640", kToDisk},
+      // Calls beneath that fail.
+      {__LINE__, move, "x=new", "y/", "x", "y", ZOV_ERROR, "", kFar, Call::rename, 3, EIO},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::fstat, 1, EIO},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::fsync, 1, EIO},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::close, 2, ENOSPC},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a y@600", kFar, Call::fchmod, 1, EPERM},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "x=a y=a", kFar, Call::fsync, 2, EIO},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a", kFar, Call::fsync, 2, EINVAL},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a", kFar, Call::open, 4, EACCES},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "x=a y=a", kFar, Call::remove, 1, EACCES},
+  };
+  expectEach(rows);
+}
+
+TEST_F(Move, CopiesKeepOrMakeTheDestination) {
+  const Row rows[] = {
+      {__LINE__, copy, "x=new", "y=old y@640", "x", "y", ZOV_OKAY, "x=new y=new y@640", kNear},
+      {__LINE__, copy, "x=new x@600", "y>z", "x", "y", ZOV_OKAY, "x=new x@600 y>z z=new z@600",
+       kNear},
+      {__LINE__, copy, "x=new x@666", "", "x", "y", ZOV_OKAY, "x=new x@666 y=new", kNear},
+      {__LINE__, copy, "x=", "y=old", "x", "y", ZOV_OKAY, "x= y=", kAll},
+      {__LINE__, copy, "", "y=old", "/proc/version", "y", ZOV_ERROR, "", kNear | kToMemory},
+      {__LINE__, copy, "", "", "/proc/version", "y", ZOV_ERROR, "", kNear | kToMemory},
+      {__LINE__, copy, "x=a", "y=old", "x", "y", ZOV_ERROR, "", kNear, Call::fstat, 2, EIO},
+      {__LINE__, copy, "", "", "x", "y", ZOV_ERROR, "", kAll},
+      {__LINE__, copy, "x=new", "", "x", "no/y", ZOV_ERROR, "", kNear | kToDisk},
+      {__LINE__, copy, "x|", "y=old", "x", "y", ZOV_ERROR, "", kNear | kToMemory},
+      {__LINE__, copy, "x/ l>x", "", "l", "y", ZOV_ERROR, "", kNear | kToMemory},
+  };
+  expectEach(rows);
+  umask(0);
+  const Row open[] = {
+      {__LINE__, copy, "x=new x@640", "", "x", "y", ZOV_OKAY, "x=new x@640 y=new y@640", kNear},
+      {__LINE__, move, "x=new", "", "x", "y", ZOV_OKAY, "y=new y@666", kToDisk},
+  };
+  expectEach(open);
+  if (getuid() == 0) {
+    const Row device[] = {
+        {__LINE__, copy, "x#", "y=old", "x", "y", ZOV_ERROR, "", kNear | kToMemory},
+        {__LINE__, move, "x#", "y=old", "x", "y", ZOV_ERROR, "", kCopies},
+    };
+    expectEach(device);
+  }
+}
+
+TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
+  const Row rows[] = {
+      {__LINE__, dirMove, "d/ d/x=1", "", "d", "e", ZOV_OKAY, "e/ e/x=1", kAll & ~kToDisk},
+      {__LINE__, dirMove, "d/ d/x=1 d/s/", "e/ e/x=0", "d", "e", ZOV_OKAY, "d/ d/s/ e/ e/x=1",
+       kAll},
+      {__LINE__, dirMove, "d/ d/x=1", "n/", "d", "n/e", ZOV_OKAY, "d/ n/ n/e/ n/e/x=1", kMemory},
+      {__LINE__, dirMove, "d/ d/x=1", "", "d", "/d/", ZOV_OKAY, "", kHome},
+      {__LINE__, dirMove, "d/ d/x=1 q/", "", "d", "q/../d", ZOV_OKAY, "", kHome},
+      {__LINE__, dirMove, "d/ l>d", "", "d", "l", ZOV_OKAY, "", kOnDisk},
+      {__LINE__, dirMove, "d/", "e=old", "d", "e", ZOV_ERROR, "", kAll},
+      {__LINE__, dirMove, "d/ l>d", "e=old", "l", "e", ZOV_ERROR, "", kOnDisk},
+      {__LINE__, dirMove, "d/", "e>gone", "d", "e", ZOV_ERROR, "", kOnDisk},
+      {__LINE__, dirMove, "x=new", "e/", "x", "e", ZOV_ERROR, "", kOnDisk | kToMemory},
+      {__LINE__, dirMove, "", "e/", "d", "e", ZOV_OKAY, "", kAll},
+      {__LINE__, dirMove, "d/ d/x=1", "", "d", "n/e", ZOV_OKAY, "n/ n/e/ n/e/x=1", kFar},
+      {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kCopies, Call::opendir, 1, EACCES},
+      {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kToMemory, Call::readdir, 1, EIO},
+  };
+  expectEach(rows);
+  const Row refused[] = {{__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kAll & ~kMemory}};
+  zov_readonly = 1;
+  expectEach(refused);
+  zov_readonly = 0;
+  const Case early(refused[0], kNear);
+  zov_term();
+  EXPECT_EQ(early.run(), ZOV_ERROR) << "before start-up";
+  ASSERT_EQ(zov_init(), ZOV_OKAY);
+  EXPECT_EQ(early.items(), itemsOf("d/"));
+}
+
+const Row far = {__LINE__, move, "x=new", "y=old", "x", "y", ZOV_OKAY, "y=new", kFar};
+
+// The source changes while it is copied, or is of another group.
+TEST_F(Move, LooksAtTheSource) {
+  const Case grown(far, kFar);
+  const Case replaced(far, kFar);
+  const Case foreign(far, kFar);
+  {
+    const Fault grow(Call::pread, [&](uint32_t use) {
+      std::ofstream(grown.from, std::ios::app) << (use == 2 ? "er" : "");
+    });
+    EXPECT_EQ(grown.run(), ZOV_ERROR);
+  }
+  EXPECT_EQ(grown.items(), itemsOf("x=newer y=old"));
+  {
+    const Fault replace(Call::fsync, [&](uint32_t) {
+      EXPECT_EQ(remove(replaced.from.c_str()), 0);
+      zovtest::writeFile(replaced.from, "other");
+    });
+    EXPECT_EQ(replaced.run(), ZOV_OKAY);
+  }
+  EXPECT_EQ(replaced.items(), itemsOf("x=other y=new"));
+  if (getuid() == 0) {
+    EXPECT_EQ(chown(foreign.from.c_str(), 0, 12345), 0);
+    const Fault syncs(Call::fsync);
+    EXPECT_EQ(foreign.run(), ZOV_OKAY);
+    EXPECT_EQ(foreign.items(), itemsOf("y=new y@604"));
+    EXPECT_EQ(syncs.uses(), 2u) << "the file and its directory";
+  }
+}
+
+// Whichever call beneath a move is the last of its process, or fails: the old
+// file or the new one is whole under its name, and neither is nowhere.
+TEST_F(Move, LosesNothingWhereverItEnds) {
+  int32_t status = ZOV_OKAY;
+  const auto fails = [&](const Case &one, Call call, uint32_t nth) {
+    const Fault fault(call, nth, call == Call::system ? EIO : ENOMEM);
+    status = one.run();
+    return fault.struck();
+  };
+  const auto isKilled = [](const Case &one, uint32_t nth) {
+    const pid_t child = fork();
+    if (child == 0) {
+      const Fault kill(Call::system, [&](uint32_t use) { use == nth ? raise(SIGKILL) : 0; });
+      one.run();
+      _exit(0);
+    }
+    int end = 0;
+    EXPECT_EQ(waitpid(child, &end, 0), child);
+    return WIFSIGNALED(end);
+  };
+  Items whole;
+  for (const char *state : {"x=new y=old", "x=new y=new", "y=new"}) {
+    whole.insert(testing::PrintToString(itemsOf(state)));
+  }
+  for (uint32_t at = 0; at < 15; ++at) {
+    bool ended = true;
+    for (uint32_t nth = 1; ended; ++nth) {
+      const Case one(far, 1u << at / 3);
+      const bool kills = at % 3 == 0 && one.toFlags == 0;  // memory goes with its process
+      SCOPED_TRACE(testing::Message() << "way " << one.way << ", " << at % 3 << ", call " << nth);
+      const Call call = at % 3 == 1 ? Call::allocation : Call::system;
+      zovtest::outputOf([&] { ended = kills ? isKilled(one, nth) : fails(one, call, nth); });
+      Items items = one.items();
+      EXPECT_FALSE(!kills && status == ZOV_OKAY && items.contains("y=old"));
+      std::erase_if(items, [&](const std::string &item) {
+        return item == "y@600" || (kills && item.starts_with(".zov_mv"));
+      });
+      EXPECT_TRUE(whole.contains(testing::PrintToString(items))) << testing::PrintToString(items);
+    }
+  }
+}
+
+}  // namespace
