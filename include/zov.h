@@ -1401,18 +1401,26 @@ ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
 typedef struct PathWalk *ZOV_PATH_WALK;
 
 /**
- * Copies a file over another, block by block of 1024 bytes. Blocks that are
- * equal already are not written; the destination is not emptied first, and cut
- * or grown to the source's length at the end. Two paths that are the same file
- * in memory are left alone.
+ * Copies a file over another, in place and block by block of 1024 bytes. Blocks
+ * that are equal already are not written; the destination is not emptied first,
+ * and cut or grown to the source's length at the end. Two paths that are the same
+ * file in memory are left alone. Nothing is synced.
  *
- * @param source           file to read
+ * A destination on disk keeps its permissions. One that is missing is made, with
+ * those permissions of a new file (0666 less the umask) that the source has for
+ * group and others, as for zov_fileMoveEx().
+ *
+ * @param source           file to read: a plain file, links followed, a file in
+ *                         memory, or "stdin"
  * @param sourceFlags      its type flags
  * @param destination      file to write, created if missing
  * @param destinationFlags its type flags
- * @return #ZOV_OKAY; #ZOV_ERROR when a file cannot be opened, read or written,
- *         or memory is missing; or what setting the size came to. After a
- *         failure the destination may hold part of the source.
+ * @return #ZOV_OKAY; #ZOV_ERROR when a file cannot be opened, read, written or
+ *         closed, or memory is missing; or what setting the size came to. After
+ *         a failure a destination that was there may hold part of the source,
+ *         and one that was missing is gone again. The destination is untouched
+ *         when the source is a directory, fifo, socket or device, which are not
+ *         opened, or has bytes though its length is 0, as files under /proc.
  *
  * Threads: any, on files that nobody else changes. Messages: those of failing
  * transfers and allocations.
@@ -1452,21 +1460,43 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
                                uint32_t secondFlags);
 
 /**
- * Moves a file over another. On one file system the destination is replaced in
- * one step; otherwise it is removed and the source copied, then removed. Paths
- * that are the same, or that name the same entry of the same directory on disk,
- * are left alone.
+ * Moves a file over another. Whatever fails, and whenever the process ends, the
+ * destination holds the old file or all of the new one, and the source is there
+ * until it does.
  *
- * In memory the destination is removed and the source renamed, which keeps it in
- * its directory, see zov_mfRename(); under its old name it is copied, then
- * removed. So a move from one directory in memory to another must keep the name.
+ * On one file system, and in memory, the destination is replaced in one step. A
+ * link is moved as a link, a directory with what is in it; in memory a directory
+ * stays in its directory. Nothing is synced.
+ *
+ * Where renaming fails, and between disk and memory, the file is copied: to a
+ * draft, which then replaces the destination in one step. On disk the draft stands
+ * beside the destination under a name that begins with ".zov_mv", and is synced;
+ * so is the directory before the source is removed, all not under
+ * #ZOV_FILE_NOSYNC. So the disk needs room for both files, and a process that is
+ * killed may leave a draft, for the user to remove. Links are followed; the file
+ * that a link leads to stays. Permissions for group and others are those of the
+ * source that a new file may have (0666 less the umask); those of the group only
+ * if the new file is of the same group, and none where /proc is missing. A file
+ * in memory has no permissions: a new file gets its usual ones, less those that
+ * the file it replaces did not have.
+ *
+ * An empty directory on disk is replaced too. It is removed just before the step
+ * and made again should that fail.
  *
  * @param source           file to move
  * @param sourceFlags      its type flags
  * @param destination      its new path
  * @param destinationFlags its type flags
- * @return #ZOV_OKAY, or the status of the copy, when the destination is gone
- *         and the source as it was.
+ * @return #ZOV_OKAY, also when the source had to be copied and cannot be removed,
+ *         or its name leads to another file by then; and with nothing done when
+ *         the paths are the same or name the same entry of the same directory.
+ *         #ZOV_ERROR with both files as they were: when the source is missing, is
+ *         a link to the destination, is no plain file and would have to be copied,
+ *         or grows meanwhile; when the destination is a directory that cannot be
+ *         replaced, its directory takes no draft, or its path is too long for one;
+ *         under the read-only and diskless flags. #ZOV_ERROR with the new file in
+ *         its place and the source left when the directory cannot be synced;
+ *         EINVAL and EACCES are no failure there.
  *
  * Threads and messages: as zov_fileCopyEx().
  */
@@ -1560,27 +1590,31 @@ ZOV_API int32_t zov_dirCreateAll(const char *path);
 ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
 
 /**
- * Moves a directory: by renaming it, as zov_fileRenameEx() does, or else by
- * moving its files into the destination, which is created if missing. Then
- * directories in it stay where they are, and the source with them; a source on
- * disk left empty is removed, but not under the read-only flag.
+ * Moves a directory: by renaming it, or else by moving its files into the
+ * destination, each as zov_fileMoveEx() does. The destination is created if
+ * missing. Directories in the source stay where they are, and the source with
+ * them; a source on disk left empty is removed. In memory a directory can be
+ * renamed within its directory, to a name that is free.
  *
  * @param source           directory to move
  * @param sourceFlags      its type flags
  * @param destination      its new path
  * @param destinationFlags its type flags
- * @return #ZOV_OKAY, also when there is no source to walk; else the status of
- *         the first file that could not be moved, or of creating the
- *         destination; #ZOV_ERROR when the walk broke off; #ZOV_NOMEMORY.
+ * @return #ZOV_OKAY, also when there is no source, and with nothing done when both
+ *         paths lead to one directory. #ZOV_ERROR with nothing changed when the
+ *         destination is no directory, the source cannot be read, the library is
+ *         not started, or a path is on disk under the read-only or diskless flag.
+ *         Else the status of creating the destination or of the first file that
+ *         could not be moved; #ZOV_ERROR or #ZOV_NOMEMORY when the walk through
+ *         the source broke off. Files moved before that stay moved.
  *
- * Threads and messages: as zov_fileCopyEx(). May jump: while the destination is
- * created.
+ * Threads and messages: as zov_fileCopyEx().
  */
 ZOV_API int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
                               uint32_t destinationFlags);
 /** zov_dirMoveEx() on disk. */
 ZOV_API int32_t zov_dirMove(const char *source, const char *destination);
-/** zov_dirMove() with wide paths; does not jump. */
+/** zov_dirMove() with wide paths. */
 ZOV_API int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination);
 /** zov_dirMoveEx() with wide paths; does not jump. The low 16 bits of the flags
  *  count. */
