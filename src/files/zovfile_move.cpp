@@ -167,7 +167,6 @@ bool isNoPlace(int error) {
 
 // From disk to disk, for a source that is there.
 int32_t moveOnDisk(Place from, Place to, const struct stat &source) {
-  const bool isDirectory = S_ISDIR(source.st_mode);
   if (zov::isSameEntry(from.path, to.path)) {
     return ZOV_OKAY;
   }
@@ -175,7 +174,7 @@ int32_t moveOnDisk(Place from, Place to, const struct stat &source) {
     return ZOV_ERROR;
   }
   if (zov::isSameFile(from.path, to.path)) {
-    return joinNames(from, isDirectory);
+    return joinNames(from, S_ISDIR(source.st_mode));
   }
   if (S_ISLNK(source.st_mode) && zov::leadsThrough(from.path, to.path)) {
     return ZOV_ERROR;
@@ -183,8 +182,8 @@ int32_t moveOnDisk(Place from, Place to, const struct stat &source) {
   if (putInPlace(from.path, to.path) == ZOV_OKAY) {
     return ZOV_OKAY;
   }
-  // A copy of a name that is that of a stream would read the stream.
-  const bool mayCopy = !isDirectory && !isNoPlace(errno) && zov::standardStream(from.path) < 0;
+  // Opened to be copied, the name of a standard stream would be the stream.
+  const bool mayCopy = !isNoPlace(errno) && zov::standardStream(from.path) < 0;
   return mayCopy ? moveByCopy(from, to) : ZOV_ERROR;
 }
 

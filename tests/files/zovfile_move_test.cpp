@@ -228,6 +228,10 @@ TEST_F(Move, CopiesKeepOrMakeTheDestination) {
       {__LINE__, copy, "x/ l>x", "", "l", "y", ZOV_ERROR, "", kNear | kToMemory},
   };
   expectEach(rows);
+  const Case piped(rows[0], kNear);
+  ASSERT_NE(freopen(piped.from.c_str(), "r", stdin), nullptr);
+  EXPECT_EQ(zov_fileCopy("stdin", piped.to.c_str()), ZOV_OKAY);
+  EXPECT_EQ(piped.items(), itemsOf(rows[0].after));
   umask(0);
   const Row open[] = {
       {__LINE__, copy, "x=new x@640", "", "x", "y", ZOV_OKAY, "x=new x@640 y=new y@640", kNear},
@@ -252,6 +256,8 @@ TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
       {__LINE__, dirMove, "d/ d/x=1", "", "d", "/d/", ZOV_OKAY, "", kHome},
       {__LINE__, dirMove, "d/ d/x=1 q/", "", "d", "q/../d", ZOV_OKAY, "", kHome},
       {__LINE__, dirMove, "d/ l>d", "", "d", "l", ZOV_OKAY, "", kOnDisk},
+      {__LINE__, dirMove, "d/ l>d m>d", "", "l", "m", ZOV_OKAY, "", kOnDisk},
+      {__LINE__, dirMove, "d/ l>d", "", "d", "l", ZOV_OKAY, "", kOnDisk, Call::stat, 1, EIO},
       {__LINE__, dirMove, "d/", "e=old", "d", "e", ZOV_ERROR, "", kAll},
       {__LINE__, dirMove, "d/ l>d", "e=old", "l", "e", ZOV_ERROR, "", kOnDisk},
       {__LINE__, dirMove, "d/", "e>gone", "d", "e", ZOV_ERROR, "", kOnDisk},
