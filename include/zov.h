@@ -181,7 +181,9 @@ ZOV_API extern const char *server_name;
  * those before it are taken down again in reverse and the count goes back, so
  * that a later call may try again.
  *
- * @return #ZOV_OKAY, or #ZOV_ERROR when a module failed to start.
+ * @return #ZOV_OKAY, or #ZOV_ERROR when a module failed to start. #ZOV_OKAY of a
+ *         call that starts nothing, because the count was below 0, leaves the
+ *         library down: #zov_inited tells.
  *
  * Threads: any; a second caller waits until a running start-up has finished.
  * Messages: "Out of memory initializing ZOV memory module" when the default
@@ -197,8 +199,10 @@ ZOV_API int32_t zov_init(void);
  * zov_init() then starts nothing.
  *
  * Threads: any, but no other call of the library may be under way while the
- * last user leaves. Messages: those of failing writes, when redirections are
- * closed.
+ * last user leaves. A thread that waits in an event, or for a message of a
+ * queue, keeps this call for as long as it waits: for ever without a limit. So
+ * close the queues and signal the events first. Messages: those of failing
+ * writes, when redirections are closed.
  */
 ZOV_API void zov_term(void);
 
@@ -286,11 +290,14 @@ ZOV_API void zov_memTerm(void);
  *                   while the tag is so armed. Without one it returns null.
  * @param flags      0 or #ZOV_TAG_THREADSAFE. A tag without the flag must be
  *                   confined to one thread; it is faster. When no mutex can be
- *                   made for the flag, the tag is as without.
+ *                   made for the flag, because 131,072 sync objects exist or
+ *                   memory is short, the tag is made without one all the same,
+ *                   and nothing but that call's message tells.
  * @param sourceName caller's source name (unused)
  * @param line       caller's line (unused)
  * @return the tag, to be released with zov_freeTagMemory() and its delete
- *         flag (zov_term() releases what is left), or #ZOV_NO_TAG.
+ *         flag (zov_term() releases what is left), or #ZOV_NO_TAG, also while
+ *         the library is not started.
  *
  * Threads: any. Never jumps. Messages: none of its own; those of
  * zov_syncCreate_check() with the flag.
@@ -313,7 +320,7 @@ ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
  * Arms or disarms the recovery point of a tag, for instance in a new frame.
  *
  * @param recovery a context as in zov_createTagEx(), or null to disarm
- * @param tag      the tag, 0 for the default one
+ * @param tag      the tag, 0 for the default one; #ZOV_NO_TAG is ignored
  *
  * Threads: as the tag allows.
  */
@@ -331,7 +338,9 @@ ZOV_API void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag);
  * @param sourceName caller's source name
  * @param line       caller's line
  * @return the block, to be released with zov_freeMem() or with its tag, or
- *         null.
+ *         null: with ENOMEM in errno when memory is short, also behind a jump;
+ *         without a message or a jump for #ZOV_NO_TAG and while the library is
+ *         not started.
  *
  * Threads: any when the tag is thread-safe, else its own thread.
  * Messages: "Out of memory. Called from %s:%u" with the caller's place.
@@ -383,7 +392,8 @@ ZOV_API void zov_freeMem(void *block, ZOV_TAG tag);
  *
  * @param block      the block; null is ignored
  * @param newTag     the tag that shall own it, 0 for the default one
- * @param currentTag the tag that owns it, 0 for the default one
+ * @param currentTag the tag that owns it, 0 for the default one. Nothing happens
+ *                   when either is #ZOV_NO_TAG.
  *
  * Threads: as both tags allow; their locks are taken one after the other.
  */
@@ -441,10 +451,12 @@ ZOV_API void zov_syncTerm(void);
  * @param sourceName caller's source name
  * @param line       caller's line
  * @return the object, to be released with zov_syncDelete() (zov_term()
- *         releases what is left), or #ZOV_NO_SYNC.
+ *         releases what is left), or #ZOV_NO_SYNC, also while the library is
+ *         not started and when the system refuses the object.
  *
  * Threads: any.
- * Messages: "Invalid semaphore type" for another kind; "Insufficient number of
+ * Messages: "Invalid semaphore type" for another kind, which uses up one of the
+ * objects until zov_term(); "Insufficient number of
  * semaphores, called from %s:%d" with the caller's place when the table is
  * full; the allocation's message when a block of the table cannot be had.
  * May jump: no; running out of memory gives #ZOV_NO_SYNC.
@@ -453,7 +465,8 @@ ZOV_API ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint
 
 /**
  * Destroys a sync object, which nobody may hold or wait on. 0 and
- * #ZOV_NO_SYNC are ignored. Deleting an object twice is not detected.
+ * #ZOV_NO_SYNC are ignored. Deleting an object twice is not detected. Deleting
+ * an event that a thread waits on keeps this call until that thread leaves.
  * Threads: any.
  */
 ZOV_API void zov_syncDelete(ZOV_SYNC handle);
@@ -463,22 +476,23 @@ ZOV_API void zov_syncDelete(ZOV_SYNC handle);
  * inside may enter again; each entry wants an exit.
  *
  * Threads: any. Cost: one uncontended POSIX lock, nothing but a counter when
- * entered again. Messages: "Invalid mutex", for any other handle, which does
- * nothing else.
+ * entered again. Messages: "Invalid mutex", for an event, a deleted mutex, 0 and
+ * #ZOV_NO_SYNC, with which it does nothing else. No other number may be given.
  */
 ZOV_API void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_ACQUIRE(handle);
 
 /**
  * Leaves a mutex; the last exit lets the next thread in. It is not checked
- * that the calling thread is the one inside.
+ * that the calling thread is the one inside: an exit by another one counts.
  *
- * Threads: any. Messages: "Invalid mutex", for any other handle.
+ * Threads: any. Messages: "Invalid mutex", as zov_syncEnterExcl().
  */
 ZOV_API void zov_syncExitExcl(ZOV_SYNC handle) ZOV_RELEASE(handle);
 
 /**
  * Resets an event: later waits block until zov_syncResume().
- * Threads: any; takes no lock. Messages: "Invalid event".
+ * Threads: any; takes no lock. Messages: "Invalid event", for a mutex, a deleted
+ * event, 0 and #ZOV_NO_SYNC. No other number may be given.
  */
 ZOV_API void zov_syncStart(ZOV_SYNC handle);
 
@@ -486,7 +500,7 @@ ZOV_API void zov_syncStart(ZOV_SYNC handle);
  * Signals an event: every present waiter wakes and later waits return at once,
  * until zov_syncStart(). A waiter may go on before this returns, so that a wait
  * does not tell that the event may be deleted.
- * Threads: any. Messages: "Invalid event".
+ * Threads: any. Messages: "Invalid event", as zov_syncStart().
  */
 ZOV_API void zov_syncResume(ZOV_SYNC handle);
 
@@ -498,15 +512,17 @@ ZOV_API void zov_syncResume(ZOV_SYNC handle);
  *               that finds the event reset again starts a new wait of this
  *               length.
  * @return #ZOV_OKAY when signalled, #ZOV_TIMEOUT when the limit ran out,
- *         #ZOV_ERROR for anything that is not an event.
+ *         #ZOV_ERROR for a mutex, a deleted event, 0 and #ZOV_NO_SYNC.
  *
- * Threads: any. Messages: "Invalid event".
+ * Threads: any. Messages: "Invalid event" with #ZOV_ERROR.
  */
 ZOV_API int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs);
 
 /**
  * Waits on the caller's own condition variable, of the real-time clock, for a
- * length of time. Spurious wake-ups return 0 as any other wake-up does.
+ * length of time. Call it in a loop that looks at what is waited for: spurious
+ * wake-ups return 0 as any other does, and so do failures and, at once, a wait
+ * that would end on a full second of the clock.
  *
  * @param condition the condition variable
  * @param mutex     its mutex, held by the caller
@@ -580,11 +596,12 @@ ZOV_API uint32_t zov_threadSetPriority(ZOV_THREAD thread, int32_t level);
 
 /**
  * Ends the calling thread; does not return. Its C++ frames are unwound, so none
- * of them may be noexcept or swallow what passes. May be called at any time.
+ * of them may be noexcept or swallow what passes. The process goes on, also
+ * without its main thread. Threads: any. May be called at any time.
  */
 ZOV_API void zov_threadEnd(void) ZOV_NORETURN;
 
-/** @return the calling thread. May be called at any time. */
+/** @return the calling thread. Threads: any. May be called at any time. */
 ZOV_API ZOV_THREAD zov_threadId(void);
 
 /**
@@ -592,6 +609,8 @@ ZOV_API ZOV_THREAD zov_threadId(void);
  *
  * @param thread not used
  * @return #ZOV_UNSUPPORTED.
+ *
+ * Threads: any. May be called at any time.
  */
 ZOV_API int32_t zov_threadJoin(ZOV_THREAD thread);
 
@@ -649,7 +668,8 @@ ZOV_API void *zov_getMemFromPool(uint64_t size, ZOV_POOL pool, int32_t mode, con
 /**
  * Puts a chunk into a pool for the next taker. A pool keeps 1000 free chunks;
  * what is put in beyond them goes back to the tag. A chunk of another pool is
- * taken in all the same and handed over to this pool's tag.
+ * taken in all the same and handed over to this pool's tag, under the rules of
+ * zov_moveMemTag() for the tags of both.
  *
  * @param chunk what zov_getMemFromPool() returned; null is ignored
  * @param pool  the pool
@@ -709,11 +729,12 @@ ZOV_API int32_t zov_queueInit(int32_t force);
 /**
  * Ends the queue module. What is left undone at zov_term() happens there.
  *
- * @param force low 16 bits non-zero: every queue is deleted, as by
- *              zov_queueDelete(); 0: nothing happens while a queue exists
+ * @param force low 16 bits non-zero: every queue is closed, so that readers
+ *              leave, and then deleted; 0: nothing happens while a queue exists
  *
- * Threads: no other call of this module may be under way, but for those that
- * zov_queueDelete() waits for.
+ * Threads: no other call of this module may be under way, but for one reader in
+ * each queue. A queue in doubt (see zov_queueRead()) keeps this call for ever,
+ * unless it comes from the thread that was told.
  */
 ZOV_API void zov_queueTerm(int32_t force);
 
@@ -721,7 +742,8 @@ ZOV_API void zov_queueTerm(int32_t force);
  * Makes a queue, open and empty.
  *
  * @param name the queue's name, copied, or null for none; need not be unique
- * @return the queue, to be released with zov_queueDelete(), or null.
+ * @return the queue, to be released with zov_queueDelete(), or null. It comes
+ *         with the memory for 40 messages.
  *
  * Threads: any.
  * Messages: those of zov_getMem() and zov_syncCreate_check().
@@ -730,7 +752,9 @@ ZOV_API ZOV_QUEUE zov_queueCreate(const char *name);
 
 /**
  * Deletes a queue with the messages left in it. Waits for the reader that is
- * waiting in it; close the queue first to have that one leave at once.
+ * waiting in it, for ever if that one has no limit; close the queue first to
+ * have it leave at once. Of a queue in doubt (see zov_queueRead()) this never
+ * returns, unless it is called by the thread that was told. Constant time.
  *
  * @param queue the queue; null deletes nothing
  *
@@ -743,7 +767,9 @@ ZOV_API void zov_queueDelete(ZOV_QUEUE queue);
 
 /**
  * Puts a message into a queue, at its end, and wakes the reader that waits for
- * one. A closed queue drops it; so does one that cannot have memory for it.
+ * one. A message that is dropped is told by errno, which is left as it was when
+ * the message is in: ENOMEM for want of memory, EPIPE for a closed queue. A
+ * caller that has to know sets errno to 0 first.
  *
  * @param queue the queue
  * @param data  the message's value
@@ -776,7 +802,8 @@ ZOV_API void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint3
  *         #ZOV_QUEUE_CLOSED. The places are written only with #ZOV_OKAY.
  *
  * Threads: any. Cost: one lock pair when a message is there and nobody waits.
- * Messages: "Invalid queue handle" for a null handle; "unexpected empty queue
+ * Messages: "Invalid queue handle" for a null handle, and for a deleted queue
+ * where it is seen to be one, with which the call goes on; "unexpected empty queue
  * on %s" with the name, when a purge takes the message that a reader was woken
  * for: that reader is given #ZOV_ERROR, and its thread keeps the queue locked,
  * as one whose state is in doubt.
@@ -791,7 +818,8 @@ ZOV_API int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, u
  * @param queue the queue
  * @param key   the key, or #ZOV_QUEUE_EVERY_KEY
  *
- * Threads: any. Messages: "Invalid queue handle" for a null handle.
+ * Threads: any. Cost: in proportion to the messages there, which nobody reads or
+ * writes meanwhile. Messages: "Invalid queue handle" for a null handle.
  */
 ZOV_API void zov_queuePurge(ZOV_QUEUE queue, uint32_t key);
 
@@ -820,7 +848,8 @@ ZOV_API uint32_t zov_queueCount(ZOV_QUEUE queue);
  * Finds a queue by its name.
  *
  * @param name the name, compared byte by byte; null finds nothing
- * @return the newest queue of that name, or null.
+ * @return the newest queue of that name, or null. It still belongs to who made
+ *         it, and may be deleted by that one at any time.
  *
  * Threads: any. Cost: in proportion to the number of queues.
  */

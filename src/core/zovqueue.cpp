@@ -3,7 +3,7 @@
 // Message queues. Each keeps everything it owns, its record, name, cell and
 // message nodes, in a memory tag of its own, so that deleting it is one release:
 //
-//   qList -> [cell] -> [cell] -> null          newest queue first
+//   qList -> [cell] -> [cell] -> null          newest queue first, both ways
 //              |
 //            MessageQueue   head -> [node] -> [node] -> null,   tail = the last
 //                  freeNodes -> [node] -> null              for the next writes
@@ -24,6 +24,7 @@
 //
 // Nothing here jumps: a queue's tag has no recovery point.
 #include <assert.h>
+#include <errno.h>
 #include <string.h>
 #include <time.h>
 
@@ -60,6 +61,7 @@ struct MessageNode {
 struct QueueCell {
   MessageQueue *queue;
   QueueCell *next;
+  QueueCell **link;  // what points at this cell: qList, or next of the cell before
 };
 
 }  // namespace
@@ -70,7 +72,10 @@ struct QueueCell {
 //    mutex sets the other two bits under the list mutex and clears them when it
 //    is served or gives up; the writer that shall wake it clears kReaderAsleep
 //    under the list mutex.
-// 3. The handles, the name and the tag do not change.
+// 3. The handles and the tag do not change, nor does the name until the queue is
+//    deleted. It is taken away then, so that the record is seen to be no queue for
+//    as long as nobody else gets its memory.
+// 4. cell belongs to queueTabMutex, and is null for a queue that is not listed.
 struct MessageQueue {
   const char *name;  // null marks a record that is no queue
   MessageNode *head;
@@ -82,17 +87,18 @@ struct MessageQueue {
   ZOV_SYNC readMutex;     // rank 4: the right to wait
   ZOV_SYNC listMutex;     // rank 5: head, tail, freeNodes, count, the tag
   ZOV_TAG tag;
+  QueueCell *cell;
   std::atomic<uint32_t> wakers;  // threads that are about to signal the event
 };
 
 namespace {
 
-// Rank 3: qList and nQueues. ZOV_NO_SYNC while the module is not running. Read
+// Rank 3: qList, its cells and nQueues. ZOV_NO_SYNC while the module is not running. Read
 // without a lock, written in the process-wide critical section.
 std::atomic<uint64_t> queueTabMutex{ZOV_NO_SYNC};
 
 QueueCell *qList = nullptr;
-int16_t nQueues = 0;
+int32_t nQueues = 0;
 
 ZOV_SYNC tableMutex() {
   return queueTabMutex.load(std::memory_order_acquire);
@@ -107,13 +113,15 @@ bool forced(int32_t force) {
 }
 
 // True when there is a queue to work on. A record without a name is only
-// reported.
+// reported. Leaves errno.
 bool isUsable(const MessageQueue *queue) {
   if (!running()) [[unlikely]] {
     return false;
   }
   if (queue == nullptr || queue->name == nullptr) [[unlikely]] {
+    const int error = errno;
     zov_log("Invalid queue handle");
+    errno = error;
   }
   return queue != nullptr;
 }
@@ -217,7 +225,7 @@ void wakeReader(MessageQueue &queue) {
   queue.wakers.fetch_sub(1, std::memory_order_release);
 }
 
-// Sees to it that there is a free node; false when memory is short.
+// Makes nodes unless there is a free one; false when memory is short.
 [[gnu::noinline]] bool provideNode(MessageQueue &queue) {
   const zov::NoJump noJump;
   zov_syncEnterExcl(queue.listMutex);
@@ -226,14 +234,12 @@ void wakeReader(MessageQueue &queue) {
   return provided;
 }
 
-// Writes a message, or drops it when the queue is closed. False when there is
-// no free node.
+// Writes a message. False when the queue is closed or has no free node.
 bool writeMessage(MessageQueue &queue, Message message, bool inFront) {
   zov_syncEnterExcl(queue.listMutex);
-  const bool open = !isClosed(queue);
-  const bool hasNode = queue.freeNodes != nullptr;
+  const bool written = !isClosed(queue) && queue.freeNodes != nullptr;
   bool wakes = false;
-  if (open && hasNode) {
+  if (written) {
     linkMessage(queue, message, inFront);
     wakes = claimWake(queue);
   }
@@ -241,7 +247,24 @@ bool writeMessage(MessageQueue &queue, Message message, bool inFront) {
   if (wakes) {
     wakeReader(queue);
   }
-  return hasNode || !open;
+  return written;
+}
+
+// Writes a message that found no free node, or drops it and says by errno why.
+[[gnu::cold, gnu::noinline]] void writeOrDrop(MessageQueue &queue, Message message, bool inFront) {
+  const int error = errno;
+  do {
+    if (isClosed(queue)) {
+      errno = EPIPE;
+      return;
+    }
+    if (!provideNode(queue)) {
+      errno = ENOMEM;
+      return;
+    }
+    // Another writer may be the one who gets to use the nodes made here.
+  } while (!writeMessage(queue, message, inFront));
+  errno = error;
 }
 
 // Takes a message if there is one and no reader was there before.
@@ -294,7 +317,7 @@ int32_t awaitArrival(MessageQueue &queue, uint32_t waitMs) ZOV_NO_ANALYSIS {
   return status;
 }
 
-// Sees to it that there is something to fetch, for a caller that holds the read
+// Waits until there is something to fetch, for a caller that holds the read
 // mutex. With ZOV_OKAY it holds the list mutex as well.
 int32_t awaitTurn(MessageQueue &queue, uint32_t waitMs) ZOV_NO_ANALYSIS {
   if (isClosed(queue)) {
@@ -359,25 +382,52 @@ QueueCell *newQueue(ZOV_TAG tag, const char *name) {
     return nullptr;
   }
   MessageQueue *queue = static_cast<MessageQueue *>(queueBlock);
-  if (!createSyncs(*queue)) {
-    return nullptr;
-  }
   queue->name = static_cast<const char *>(nameBlock);
   queue->tag = tag;
+  if (!addNodes(*queue) || !createSyncs(*queue)) {
+    return nullptr;
+  }
   QueueCell *cell = static_cast<QueueCell *>(cellBlock);
   cell->queue = queue;
+  queue->cell = cell;
   return cell;
 }
 
-// Takes a queue off the list; false when it is not there. queueTabMutex is held.
-bool unlinkQueue(const MessageQueue *queue) {
-  for (QueueCell **link = &qList; *link != nullptr; link = &(*link)->next) {
-    if ((*link)->queue == queue) {
-      *link = (*link)->next;
-      return true;
-    }
+// The helpers from here to takeAll() want queueTabMutex held.
+
+void linkQueue(QueueCell *cell) {
+  cell->next = qList;
+  cell->link = &qList;
+  if (qList != nullptr) {
+    qList->link = &cell->next;
   }
-  return false;
+  qList = cell;
+}
+
+// Takes a queue off the list; false when it is not there.
+bool unlinkQueue(MessageQueue &queue) {
+  QueueCell *cell = queue.cell;
+  if (cell == nullptr) {
+    return false;
+  }
+  queue.cell = nullptr;
+  *cell->link = cell->next;
+  if (cell->next != nullptr) {
+    cell->next->link = cell->link;
+  }
+  return true;
+}
+
+// Takes every queue off the list and gives the first cell of the chain that they
+// still are.
+QueueCell *takeAll() {
+  QueueCell *first = qList;
+  for (const QueueCell *cell = first; cell != nullptr; cell = cell->next) {
+    cell->queue->cell = nullptr;
+  }
+  qList = nullptr;
+  nQueues = 0;
+  return first;
 }
 
 // Waits for the reader that is inside, if any, and for whoever woke it: that
@@ -392,6 +442,7 @@ void queueDelete(MessageQueue &queue) {
   while (queue.wakers.load(std::memory_order_acquire) != 0) {
     nanosleep(&kWakerPause, nullptr);
   }
+  queue.name = nullptr;
   zov_freeTagMemory(queue.tag, 1);
   zov_syncExitExcl(listMutex);
   zov_syncExitExcl(readMutex);
@@ -426,9 +477,8 @@ ZOV_QUEUE zov_queueCreate(const char *name) {
   }
   MessageQueue *queue = cell->queue;
   zov_syncEnterExcl(table);
-  cell->next = qList;
-  qList = cell;
-  nQueues = static_cast<int16_t>(nQueues + 1);
+  linkQueue(cell);
+  ++nQueues;
   zov_syncExitExcl(table);
   return queue;
 }
@@ -441,8 +491,8 @@ void zov_queueDelete(ZOV_QUEUE queue) {
   bool listed = false;
   zov_syncEnterExcl(table);
   if (queue != nullptr && queue->name != nullptr) {
-    listed = unlinkQueue(queue);
-    nQueues = static_cast<int16_t>(nQueues - 1);
+    listed = unlinkQueue(*queue);
+    --nQueues;
   }
   const bool tooMany = nQueues < 0;
   zov_syncExitExcl(table);
@@ -461,11 +511,8 @@ void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint32_t key,
   }
   const Message message{data, code, key};
   const bool inFront = (flags & ZOV_QUEUE_FRONT) != 0;
-  while (!writeMessage(*queue, message, inFront)) {
-    // Another writer may be the one who gets to use the nodes made here.
-    if (!provideNode(*queue)) {
-      return;
-    }
+  if (!writeMessage(*queue, message, inFront)) [[unlikely]] {
+    writeOrDrop(*queue, message, inFront);
   }
 }
 
@@ -552,15 +599,15 @@ void zov_queueTerm(int32_t force) {
     return;
   }
   zov_syncEnterExcl(table);
-  QueueCell *cell = qList;
-  const bool ends = forced(force) || cell == nullptr;
-  if (ends) {
-    qList = nullptr;
-    nQueues = 0;
-  }
+  const bool ends = forced(force) || qList == nullptr;
+  QueueCell *cell = ends ? takeAll() : nullptr;
   zov_syncExitExcl(table);
   if (!ends) {
     return;
+  }
+  // Every reader is on its way out before the first queue is waited for.
+  for (const QueueCell *each = cell; each != nullptr; each = each->next) {
+    zov_queueClose(each->queue);
   }
   while (cell != nullptr) {
     QueueCell *next = cell->next;

@@ -159,6 +159,32 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
   return slot;
 }
 
+void putBack(SyncSlot &slot) {
+  SyncBlockEntry &entry = *slot.block;
+  pthread_mutex_lock(&semTabMutex);
+  slot.nextFree = entry.firstFree;
+  entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
+  pthread_mutex_unlock(&semTabMutex);
+}
+
+bool initMutex(SyncSlot &slot) {
+  slot.recursionCount.store(0, std::memory_order_relaxed);
+  new (&slot.owner) std::atomic<ThreadId>(0);
+  return pthread_mutex_init(&slot.mutex, nullptr) == 0;
+}
+
+bool initEvent(SyncSlot &slot) {
+  if (pthread_mutex_init(&slot.eventMutex, nullptr) != 0) {
+    return false;
+  }
+  if (pthread_cond_init(&slot.condition, nullptr) != 0) {
+    pthread_mutex_destroy(&slot.eventMutex);
+    return false;
+  }
+  slot.signalled.store(1, std::memory_order_relaxed);
+  return true;
+}
+
 void destroyObjects(SyncSlot &slot) {
   switch (slot.kind.load(std::memory_order_relaxed)) {
     case ZOV_SYNC_MUTEX:
@@ -204,21 +230,14 @@ ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t lin
   if (slot == nullptr) {
     return ZOV_NO_SYNC;
   }
-  switch (kind) {
-    case ZOV_SYNC_MUTEX:
-      pthread_mutex_init(&slot->mutex, nullptr);
-      slot->recursionCount.store(0, std::memory_order_relaxed);
-      new (&slot->owner) std::atomic<ThreadId>(0);
-      break;
-    case ZOV_SYNC_EVENT:
-      pthread_mutex_init(&slot->eventMutex, nullptr);
-      pthread_cond_init(&slot->condition, nullptr);
-      slot->signalled.store(1, std::memory_order_relaxed);
-      break;
-    default:
-      // The slot is not put back: a wrong kind is a programming error.
-      zov_log("Invalid semaphore type\n");
-      return ZOV_NO_SYNC;
+  if (kind != ZOV_SYNC_MUTEX && kind != ZOV_SYNC_EVENT) {
+    // The slot is not put back: a wrong kind is a programming error.
+    zov_log("Invalid semaphore type\n");
+    return ZOV_NO_SYNC;
+  }
+  if (!(kind == ZOV_SYNC_MUTEX ? initMutex(*slot) : initEvent(*slot))) {
+    putBack(*slot);
+    return ZOV_NO_SYNC;
   }
   slot->kind.store(static_cast<uint16_t>(kind), std::memory_order_relaxed);
   return reinterpret_cast<ZOV_SYNC>(slot);
@@ -231,11 +250,7 @@ void zov_syncDelete(ZOV_SYNC handle) {
   SyncSlot &slot = *slotOf(handle);
   destroyObjects(slot);
   slot.kind.store(0, std::memory_order_relaxed);
-  SyncBlockEntry &entry = *slot.block;
-  pthread_mutex_lock(&semTabMutex);
-  slot.nextFree = entry.firstFree;
-  entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
-  pthread_mutex_unlock(&semTabMutex);
+  putBack(slot);
 }
 
 void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {

@@ -127,8 +127,6 @@ TEST_F(Queue, CloseIsNeverSleptThrough) {
 // A writer sets out to wake a reader, which runs out of time before it gets
 // there, so that the next one is woken in its place and has to sleep on.
 TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
-  write(queue);  // so that there are nodes
-  EXPECT_EQ(read(queue), ZOV_OKAY);
   std::atomic<uint32_t> stage{0};
   const auto stopBeforeEvent = [&](uint32_t lock) {
     if (lock == 2) {
@@ -189,13 +187,45 @@ TEST(QueueInDoubt, StaysLocked) {
 }
 
 TEST_F(Queue, IsFoundByName) {
+  ZOV_QUEUE middle = zov_queueCreate("orders");
   ZOV_QUEUE newer = zov_queueCreate("orders");
   ZOV_QUEUE unnamed = zov_queueCreate(nullptr);
   EXPECT_EQ(zov_queueFind("Orders"), nullptr);
   EXPECT_EQ(zov_queueFind(""), unnamed);
   EXPECT_EQ(zov_queueFind("orders"), newer);
+  zov_queueDelete(middle);
+  EXPECT_EQ(zov_queueFind("orders"), newer);
   zov_queueDelete(newer);
   EXPECT_EQ(zov_queueFind("orders"), queue);
+  zov_queueDelete(queue);
+  EXPECT_EQ(zov_queueFind("orders"), nullptr);
+}
+
+// More than 16 bits count, in the order that would cost a search most.
+TEST_F(Queue, ManyAreDeletedWithoutAWord) {
+  std::vector<ZOV_QUEUE> queues(33000);
+  for (ZOV_QUEUE &each : queues) {
+    each = zov_queueCreate("one of many");
+    ASSERT_NE(each, nullptr);
+  }
+  EXPECT_EQ(outputOf([&] { std::for_each(queues.begin(), queues.end(), zov_queueDelete); }), "");
+  EXPECT_EQ(zov_queueFind("one of many"), nullptr);
+  EXPECT_EQ(zov_queueFind("orders"), queue);
+}
+
+TEST_F(Queue, ForcedEndReleasesTheReaders) {
+  ZOV_QUEUE queues[] = {queue, zov_queueCreate("more"), zov_queueCreate("still more")};
+  std::atomic<uint32_t> waiting{0};
+  const auto tellOfEvent = [&](uint32_t lock) { waiting += lock == 3 ? 1 : 0; };
+  zovtest::onThreads(4, [&](uint32_t id) {
+    if (id < 3) {
+      const auto wait = [&] { return read(queues[id], ZOV_WAIT_FOREVER); };
+      EXPECT_EQ(hooked(tellOfEvent, wait), ZOV_QUEUE_CLOSED);
+    } else {
+      until(waiting, 3);
+      zov_queueTerm(1);
+    }
+  });
 }
 
 // The last two handles are a queue that is not on the list, as if deleted
@@ -211,11 +241,11 @@ TEST_F(Queue, BadHandlesAreReported) {
               EXPECT_EQ(zov_queueCount(nullptr), 0u);
             }),
             invalid + invalid + invalid);
-  const char *name = "deleted";
-  const auto erase = [&] { zov_queueDelete(reinterpret_cast<ZOV_QUEUE>(&name)); };
+  uint64_t record[16] = {reinterpret_cast<uint64_t>("deleted")};
+  const auto erase = [&] { zov_queueDelete(reinterpret_cast<ZOV_QUEUE>(record)); };
   erase();
   EXPECT_EQ(outputOf(erase), "Deleted too many queues");
-  uint64_t record[16] = {};
+  record[0] = 0;
   ZOV_QUEUE nameless = reinterpret_cast<ZOV_QUEUE>(record);
   EXPECT_TRUE(outputOf([&] { write(nameless); }).starts_with(invalid));
   EXPECT_EQ(zov_queueCount(nameless), 1u);
@@ -251,19 +281,27 @@ TEST_F(Queue, LackOfMemoryLeavesNothingBehind) {
                                 EXPECT_EQ(created == nullptr, failed);
                                 zov_queueDelete(created);
                               });
-  zovtest::failAllocationAfter(0);
-  write(queue);
-  EXPECT_TRUE(zovtest::stopFailing());
-  EXPECT_EQ(zov_queueCount(queue), 0u) << "dropped";
-  write(queue);
-  zovtest::failAllocationAfter(0);
-  for (int round = 0; round < 100; ++round) {
+  const auto writtenWith = [](ZOV_QUEUE to) {
+    errno = EDOM;
+    write(to);
+    return errno;
+  };
+  zovtest::failAllocationAfter(0, true);
+  for (uint32_t round = 0; round < 100; ++round) {
+    while (zov_queueCount(queue) < 40) {
+      ASSERT_EQ(writtenWith(queue), EDOM) << "these nodes are there from the start, for good";
+    }
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(writtenWith(queue), ENOMEM); }).substr(0, 13),
+              "Out of memory");
     EXPECT_EQ(read(queue), ZOV_OKAY);
-    write(queue);
-    zov_queuePurge(queue, 3);
-    write(queue);
+    EXPECT_EQ(zov_queueCount(queue), 39u) << "dropped";
+    if (round % 2 != 0) {
+      zov_queuePurge(queue, 3);
+    }
   }
-  EXPECT_FALSE(zovtest::stopFailing()) << "nodes are used again";
+  EXPECT_TRUE(zovtest::stopFailing());
+  zov_queueClose(queue);
+  EXPECT_EQ(writtenWith(queue), EPIPE);
 }
 
 // Every message arrives once, and those of one writer in their order, however

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <set>
 
-#include "support/test.h"
+#include "support/faults.h"
 
 namespace {
 
@@ -88,6 +88,20 @@ TEST_F(Sync, WrongHandlesAreRefused) {
     EXPECT_EQ(outputOf([&] { EXPECT_EQ(zov_syncCreate_check(kind, ZOV_HERE), ZOV_NO_SYNC); }),
               "Invalid semaphore type\n");
   }
+}
+
+TEST_F(Sync, FailsWithWhatItIsMadeOf) {
+  const ZOV_SYNC next = newMutex();
+  zov_syncDelete(next);
+  using zovtest::Call;
+  const std::pair<int32_t, Call> rows[] = {{ZOV_SYNC_MUTEX, Call::pthread_mutex_init},
+                                           {ZOV_SYNC_EVENT, Call::pthread_mutex_init},
+                                           {ZOV_SYNC_EVENT, Call::pthread_cond_init}};
+  for (const auto &[kind, call] : rows) {
+    const zovtest::Fault failing(call, 1, EAGAIN);
+    EXPECT_EQ(zov_syncCreate_check(kind, ZOV_HERE), ZOV_NO_SYNC);
+  }
+  EXPECT_EQ(newEvent(), next) << "the slot is not lost";
 }
 
 TEST_F(Sync, TableFillsUpAndRecycles) {
