@@ -3653,9 +3653,11 @@ typedef int32_t (*ZOV_SERVICE_MAIN)(int32_t argumentCount, char **arguments);
  * Prepares the process: raises the soft limit on open descriptors to the hard
  * one (to 1024 if it is lower and the hard one is unlimited), makes #deviceSem,
  * and ignores SIGPIPE, so that writing to a closed pipe or socket fails instead
- * of ending the process. The process keeps limit and SIGPIPE so when the
- * library ends, and hands them on to the programs that it starts. For
- * zov_init() only.
+ * of ending the process. Each of the descriptors 0 to 2 that is closed gets
+ * /dev/null, opened so that transfers go on failing with EBADF: 0 for writing, 1
+ * and 2 for reading. No file gets these numbers then. Without /dev/null they
+ * stay closed. The process keeps all this when the library ends, and hands it on
+ * to the programs that it starts. For zov_init() only.
  * @return #ZOV_OKAY or #ZOV_ERROR.
  */
 ZOV_API int32_t zov_osInit(void);
@@ -3675,7 +3677,8 @@ ZOV_API int32_t zov_check_pid(uint32_t pid);
 /**
  * Continues the program in a child process that becomes a background server:
  * file-creation mask 0, a session of its own without a terminal, #zov_background
- * set, standard streams on /dev/null. The calling process, the launcher, never
+ * set, standard streams on /dev/null. The working directory and every other
+ * descriptor stay. The calling process, the launcher, never
  * returns. It waits for zov_daemonComplete() and exits with a status for
  * whoever started it:
  *
@@ -3688,7 +3691,8 @@ ZOV_API int32_t zov_check_pid(uint32_t pid);
  * | closes the descriptor and lives on   | 0, two seconds later        |
  *
  * The launcher exits through exit(), so that its exit handlers run, but it does
- * not end the library. What was printed or logged before goes out first.
+ * not end the library. What was printed or logged before goes out first, and what
+ * stdin has read ahead from a file is given back.
  *
  * @param serverName kept in #server_name for the messages; the caller keeps the
  *                   string alive
@@ -3708,18 +3712,20 @@ ZOV_API int32_t zov_daemonStart(const char *serverName, int32_t *out);
 
 /**
  * Reports to the launcher that the server has started, and closes the
- * descriptor. A launcher that is gone by now does not matter.
+ * descriptor. A launcher that is gone by now does not matter, whatever is set
+ * for SIGPIPE.
  *
  * @param descriptor what zov_daemonStart() gave, once
  *
- * Threads: any.
+ * Threads: any. May be called at any time.
  */
 ZOV_API void zov_daemonComplete(int32_t descriptor);
 
 /**
  * Sets what happens on SIGINT, until the next call and also after zov_term().
- * Interrupts that arrive while the callback runs are dropped. System calls that
- * an interrupt breaks into are resumed.
+ * Interrupts that arrive while the callback runs are dropped. Of the system calls
+ * that an interrupt breaks into those go on that SA_RESTART resumes: reads,
+ * writes and waits for locks. Sleeps, poll() and its kind end with EINTR.
  *
  * @param callback called on each interrupt, on a thread that does not block it
  *                 (those of zov_threadBegin() do) and in signal context, where

@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
  * A server that looks around in the foreground, where it can be seen to fail, and
- * then goes into the background. docs/services.md walks through it.
+ * then goes into the background until somebody ends it. docs/services.md walks
+ * through it.
  */
+#define _POSIX_C_SOURCE 200809L /* for sets of signals */
 #include <signal.h>
 #include <zov.h>
 
@@ -28,12 +30,16 @@ static uint32_t nap(uint32_t waitMs) {
   return zov_timeMilliSecs() - start;
 }
 
-static void serve(void) {
-  zov_log("%s serves, process %u\n", server_name, zov_get_pid());
+/* Waits for SIGTERM. It is blocked, so it may come early or late. */
+static void serve(const sigset_t *ending) {
+  int received = 0;
+  sigwait(ending, &received);
+  zov_log("%s ends on signal %d\n", server_name, received);
 }
 
 int main(void) {
   int32_t report = -1;
+  sigset_t ending;
   if (zov_init() != ZOV_OKAY) {
     return 1;
   }
@@ -48,12 +54,16 @@ int main(void) {
     zov_term();
     return 1;
   }
+  sigemptyset(&ending);
+  sigaddset(&ending, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ending, NULL);
   if (zov_log_open("guided.log") != ZOV_OKAY) {
     zov_term();
     return 2; /* the launcher passes it on */
   }
+  zov_log("%s serves, process %u\n", server_name, zov_get_pid());
   zov_daemonComplete(report);
-  serve();
+  serve(&ending);
   zov_term();
   return 0;
 }

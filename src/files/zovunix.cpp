@@ -32,6 +32,7 @@
 
 #include "core/zov_private.h"
 #include "files/zovunix_private.h"
+#include "os/zovunix_standard.h"
 
 // 1. dir is open for as long as the walk exists.
 // 2. path and pattern lie behind the record, in the same block.
@@ -165,7 +166,12 @@ int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes) {
 }
 
 int32_t zov_flLock(uint64_t descriptor) {
-  return flock(zov::nativeOf(descriptor), LOCK_EX | LOCK_NB) == 0 ? ZOV_OKAY : ZOV_ERROR;
+  const int native = zov::nativeOf(descriptor);
+  if (zov::isFilled(native)) {
+    errno = EBADF;
+    return ZOV_ERROR;
+  }
+  return flock(native, LOCK_EX | LOCK_NB) == 0 ? ZOV_OKAY : ZOV_ERROR;
 }
 
 int32_t zov_flUnlock(uint64_t descriptor) {

@@ -147,7 +147,11 @@ bool waitForReport(pid_t server, int reportEnd, const sigset_t &waitMask) {
     followServer(server, reportEnd);
   }
   char report;
-  return read(reportEnd, &report, 1) == 1;
+  ssize_t got;
+  do {
+    got = read(reportEnd, &report, 1);
+  } while (got < 0 && errno == EINTR);
+  return got == 1;
 }
 
 // The launcher from the fork on.
@@ -188,6 +192,29 @@ void silenceStreams(int nullDevice) {
   }
 }
 
+// Writes the report and drops the SIGPIPE that it earns when the launcher is gone
+// already. Only the library's start-up has SIGPIPE ignored, and what the program
+// has set for it is not to be touched. A signal of this kind that waited before
+// stays.
+void writeReport(int descriptor) {
+  sigset_t brokenPipe;
+  sigset_t before;
+  sigset_t waiting;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  sigemptyset(&waiting);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, &before);
+  sigpending(&waiting);
+  constexpr char kReport = 1;
+  while (write(descriptor, &kReport, 1) < 0 && errno == EINTR) {
+  }
+  if (sigismember(&waiting, SIGPIPE) == 0) {
+    constexpr timespec kAtOnce{};
+    sigtimedwait(&brokenPipe, nullptr, &kAtOnce);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 // The server from the fork on.
 void becomeServer(const Channel &channel, const ChildSignals &before) {
   restoreChildSignals(before);
@@ -213,9 +240,11 @@ int32_t zov_daemonStart(const char *serverName, int32_t *out) {
   }
   server_name = serverName;
   // What is still in memory would be lost with the server's streams, or be
-  // written twice.
+  // written twice. What was read ahead from a file is given back once, and not by
+  // each of the two.
   zov_log_flush();
   fflush(nullptr);
+  fflush(stdin);
   ChildSignals before;
   holdChildSignals(before);
   const pid_t server = fork();
@@ -233,10 +262,7 @@ int32_t zov_daemonStart(const char *serverName, int32_t *out) {
 }
 
 void zov_daemonComplete(int32_t descriptor) {
-  // A launcher that is gone already is told nothing; SIGPIPE is ignored.
-  constexpr char kReport = 1;
-  while (write(descriptor, &kReport, 1) < 0 && errno == EINTR) {
-  }
+  writeReport(descriptor);
   close(descriptor);
 }
 }

@@ -3,8 +3,9 @@
 // The operating system's stage of start-up, process identity, the interrupt
 // hook and the service entry points, behind which there is nothing here.
 //
-// Start-up changes two things for the whole process and for good: the limit on
-// open descriptors is raised, and SIGPIPE is ignored. It also sets up a list
+// Start-up changes three things for the whole process and for good: the limit on
+// open descriptors is raised, standard descriptors that are closed are filled, and
+// SIGPIPE is ignored. It also sets up a list
 // head with its mutex, which the library itself never looks at; both belong to
 // the programs built on it.
 //
@@ -19,6 +20,7 @@
 
 #include "core/zov_private.h"
 #include "os/zovunix_limit.h"
+#include "os/zovunix_standard.h"
 
 void *deviceHead = nullptr;
 // Not ranked: the library never takes it. Guards deviceHead.
@@ -59,6 +61,7 @@ extern "C" {
 
 int32_t zov_osInit() {
   raiseDescriptorLimit();
+  zov::fillStandard();
   deviceHead = nullptr;
   deviceSem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   if (deviceSem == ZOV_NO_SYNC) {

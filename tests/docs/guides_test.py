@@ -12,10 +12,14 @@ guide to the parser. In a guide
   the indentation;
 - blocks of input, put together, are what the program reads, and those of
   output what it prints.
+
+The server of the guide to services is ended as the guide says.
 """
 import os
 import pathlib
 import re
+import select
+import signal
 import subprocess
 import sys
 import tempfile
@@ -67,6 +71,19 @@ def holds(source, block):
                for at in range(len(lines) - count + 1))
 
 
+def log_of_server(folder):
+    """Ends the server that a program left behind and gives its log."""
+    log = pathlib.Path(folder, "guided.log")
+    server = os.pidfd_open(int(re.search(r"process (\d+)", log.read_text())[1]))
+    try:
+        signal.pidfd_send_signal(server, signal.SIGTERM)
+        if not select.select([server], [], [], 60)[0]:
+            signal.pidfd_send_signal(server, signal.SIGKILL)
+    finally:
+        os.close(server)
+    return log.read_text()
+
+
 class GuidesTest(unittest.TestCase):
     def setUp(self):
         self.guides = [Guide(path) for path in sorted(DOCS.glob("*.md"))
@@ -102,6 +119,8 @@ class GuidesTest(unittest.TestCase):
                 self.assertEqual(done.stderr.decode(), "")
                 self.assertEqual(done.returncode, 0)
                 self.assertEqual(done.stdout.decode(), guide.text("output"))
+                if guide.name == "services":
+                    self.assertTrue(log_of_server(folder).endswith(" guided ends on signal 15\n"))
 
 
 if __name__ == "__main__":

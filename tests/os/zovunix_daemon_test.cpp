@@ -11,6 +11,7 @@
 
 #include "os/zovunix_limit.h"
 #include "support/faults.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -23,8 +24,32 @@ struct Facts {
   char text[100];
 };
 
-Facts *facts = nullptr;  // shared by all processes of a test
+// Shared by all processes of a test: what tells launcher and server of each other,
+// so that either comes first, and what the server found.
+struct Meeting {
+  std::atomic<pid_t> server;
+  std::atomic<bool> launcherWaits;
+  std::atomic<bool> serverActed;
+  Facts facts;
+};
+
+Meeting *meeting = nullptr;
 pid_t sibling = -1;
+
+void until(bool (*happened)()) {
+  while (!happened()) {
+    sched_yield();
+  }
+}
+
+bool serverActedOrEnded() {
+  siginfo_t end = {};
+  const pid_t server = meeting->server;
+  return meeting->serverActed || (server > 0 &&
+                                  waitid(P_PID, static_cast<id_t>(server), &end,
+                                         WEXITED | WSTOPPED | WNOWAIT | WNOHANG) == 0 &&
+                                  end.si_pid == server);
+}
 
 bool isNull(int descriptor) {
   struct stat found;
@@ -47,12 +72,24 @@ Facts factsOf(int32_t descriptor) {
 }
 
 // The launcher and then the server, which lives on when its function returns.
-[[noreturn]] void launch(void (*prepare)(), void (*serve)(int32_t)) {
+// Before the launcher sleeps the server has done all; or it waits for that.
+[[noreturn]] void launch(void (*prepare)(), void (*serve)(int32_t), bool serverFirst) {
   int32_t descriptor = -1;
+  const Fault sleeps(Call::ppoll, [serverFirst](uint32_t) {
+    meeting->launcherWaits = true;
+    if (serverFirst) {
+      until(serverActedOrEnded);
+    }
+  });
   prepare();
   if (zov_init() == ZOV_OKAY && zov_daemonStart("tested", &descriptor) == ZOV_OKAY) {
-    *facts = factsOf(descriptor);
+    meeting->facts = factsOf(descriptor);
+    meeting->server = getpid();
+    if (!serverFirst) {
+      until([] { return meeting->launcherWaits.load(); });
+    }
     serve(descriptor);
+    meeting->serverActed = true;
     alarm(100);
     pause();
   }
@@ -61,17 +98,20 @@ Facts factsOf(int32_t descriptor) {
 
 // Runs a launcher and gives "status: output". The output ends only when the
 // server has let go of it too. No server survives, a child of the test by then.
-std::string resultOf(void (*prepare)(), void (*serve)(int32_t)) {
+std::string resultOf(void (*prepare)(), void (*serve)(int32_t), bool serverFirst) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  void *shared =
+      mmap(nullptr, sizeof *meeting, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  meeting = new (shared) Meeting{};
   int ends[2];
   EXPECT_EQ(pipe(ends), 0);
   fflush(nullptr);
-  *facts = {};
   const pid_t launcher = fork();
   if (launcher == 0) {
     dup2(ends[1], STDOUT_FILENO);
     dup2(ends[1], STDERR_FILENO);
     close(ends[1]);
-    launch(prepare, serve);
+    launch(prepare, serve, serverFirst);
   }
   close(ends[1]);
   std::string output;
@@ -81,9 +121,10 @@ std::string resultOf(void (*prepare)(), void (*serve)(int32_t)) {
   close(ends[0]);
   int status = -1;
   EXPECT_TRUE(waitpid(launcher, &status, 0) == launcher && WIFEXITED(status));
-  if (facts->pid > 0 && waitpid(facts->pid, nullptr, WNOHANG) == 0) {
-    kill(facts->pid, SIGKILL);
-    waitpid(facts->pid, nullptr, 0);
+  const pid_t server = meeting->server;
+  if (server > 0 && waitpid(server, nullptr, WNOHANG) == 0) {
+    kill(server, SIGKILL);
+    waitpid(server, nullptr, 0);
   }
   return std::to_string(WEXITSTATUS(status)) + ": " + output;
 }
@@ -98,12 +139,20 @@ void blocking() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-// One that sees nothing of its server until that has ended.
-void lateLauncher() {
-  static const Fault late(Call::ppoll, [](uint32_t) {
-    siginfo_t ignored;
-    waitid(P_ALL, 0, &ignored, WEXITED | WNOWAIT);
-  });
+// Whose first read of the report is interrupted.
+void interrupted() {
+  static const Fault reads(Call::read, 1, EINTR);
+  atexit([] { printf("read %u times", reads.uses()); });
+}
+
+int script = -1;
+
+// That takes 20 of 25 bytes and has read them all.
+void readsScript() {
+  char taken[20];
+  lseek(script, 0, SEEK_SET);
+  dup2(script, STDIN_FILENO);
+  EXPECT_EQ(fread(taken, 1, sizeof taken, stdin), sizeof taken);
 }
 
 // And with text without a newline in a buffer that launcher and server share.
@@ -139,7 +188,6 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
     void (*serve)(int32_t);
     std::string result;
     std::string childSignal = "00";
-    int rounds = 20;
   } rows[] = {
       {__LINE__, plain, zov_daemonComplete, kStarted},
       {__LINE__, plain, exits, kAborted},
@@ -147,27 +195,130 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
        "247: tested terminated by internal error or external signal (9).\n"},
       {__LINE__, plain, stops, kStopped},
       {__LINE__, plain, reportsAndExits, kStarted},
-      {__LINE__, lateLauncher, reportsAndExits, kStarted},
       {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), raise(SIGSTOP); }, kStarted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe), _exit(3); }, kAborted},
-      {__LINE__, plain, [](int32_t pipe) { close(pipe); }, kStarted, "00", 2},
+      {__LINE__, plain, [](int32_t pipe) { close(pipe); }, kStarted},
       {__LINE__, withSibling,
        [](int32_t pipe) { kill(sibling, SIGKILL), zov_daemonComplete(pipe); },
        std::string("0: ") + kStarted},
-      {__LINE__, [] { signal(SIGCHLD, SIG_IGN), lateLauncher(); }, exits, kAborted, "10"},
+      {__LINE__, [] { signal(SIGCHLD, SIG_IGN); }, exits, kAborted, "10"},
       {__LINE__, blocking, stops, kStopped, "01"},
       {__LINE__, [] { close(0), close(1), close(2); }, exits, "3: "},
+      {__LINE__, interrupted, zov_daemonComplete, kStarted + std::string("read 2 times")},
+      {__LINE__, readsScript, zov_daemonComplete, kStarted},
   };
-  prctl(PR_SET_CHILD_SUBREAPER, 1);
-  facts = static_cast<Facts *>(
-      mmap(nullptr, sizeof *facts, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  FILE *input = tmpfile();
+  fputs("shared by all who read it", input);
+  fflush(input);
+  script = fileno(input);
   for (const auto &row : rows) {
-    for (int round = 0; round < row.rounds; ++round) {
-      ASSERT_EQ(resultOf(row.prepare, row.serve), row.result) << "row " << row.line;
-      ASSERT_EQ(facts->text, "session 1 background 1 null 1 above 1 0 SIGCHLD " + row.childSignal)
-          << "row " << row.line;
+    for (const bool serverFirst : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "row " << row.line << " server first " << serverFirst);
+      ASSERT_EQ(resultOf(row.prepare, row.serve, serverFirst), row.result);
+      ASSERT_EQ(meeting->facts.text,
+                "session 1 background 1 null 1 above 1 0 SIGCHLD " + row.childSignal);
     }
   }
+  EXPECT_EQ(lseek(script, 0, SEEK_CUR), 20) << "what was not taken is given back once";
+  fclose(input);
+}
+
+// Also where the library is not started, which would have SIGPIPE ignored.
+TEST(Daemon, OutlivesItsLauncher) {
+  const auto endsLauncher = [](int32_t pipe) {
+    const pid_t launcher = getppid();
+    kill(launcher, SIGKILL);
+    while (getppid() == launcher) {
+      sched_yield();
+    }
+    zov_daemonComplete(pipe);
+    sigset_t waiting;
+    _exit(sigpending(&waiting) == 0 && sigismember(&waiting, SIGPIPE) == 0 ? 7 : 8);
+  };
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const pid_t launcher = fork();
+  if (launcher == 0) {
+    int32_t report = -1;
+    zov_daemonStart("tested", &report);
+    const pid_t server = getpid();
+    _exit(write(ends[1], &server, sizeof server) > 0 ? (endsLauncher(report), 0) : 9);
+  }
+  pid_t server = -1;
+  int status = -1;
+  ASSERT_EQ(read(ends[0], &server, sizeof server), static_cast<ssize_t>(sizeof server));
+  EXPECT_TRUE(waitpid(launcher, &status, 0) == launcher && WTERMSIG(status) == SIGKILL);
+  EXPECT_TRUE(waitpid(server, &status, 0) == server && WIFEXITED(status)) << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+int closedMask = 0;  // of the standard descriptors
+std::string database;
+ZOV_FILE openDatabase = nullptr;
+
+bool isClosed(int descriptor) {
+  return ((closedMask >> descriptor) & 1) != 0;
+}
+
+bool isFilledAndUseless(int descriptor) {
+  char byte = 0;
+  const ssize_t moved = descriptor == 0 ? read(descriptor, &byte, 1) : write(descriptor, &byte, 1);
+  const char *names[] = {"stdin", "stdout", "stderr"};
+  ZOV_FILE stream = zov_fileOpen(names[descriptor], descriptor == 0 ? O_RDONLY : O_WRONLY, 0);
+  return moved == -1 && errno == EBADF && isNull(descriptor) && fcntl(descriptor, F_GETFD) == 0 &&
+         zov_fileLock(stream) == ZOV_ERROR;
+}
+
+// Starts the library with standard descriptors closed and opens a file.
+void opensDatabase() {
+  for (int descriptor = 0; descriptor < 3; ++descriptor) {
+    if (isClosed(descriptor)) {
+      close(descriptor);
+    }
+  }
+  zov_init();
+  for (int descriptor = 0; descriptor < 3; ++descriptor) {
+    if (isClosed(descriptor) && !isFilledAndUseless(descriptor)) {
+      _exit(102);
+    }
+  }
+  openDatabase = zov_fileOpen(database.c_str(), O_RDWR | O_CREAT, 0);
+}
+
+void writesDatabase(int32_t pipe) {
+  zov_fileWrite(openDatabase, "kept", 4);
+  zov_daemonComplete(pipe);
+}
+
+TEST(StartUp, FillsClosedStandardDescriptors) {
+  const zovtest::TempDir dir;
+  for (closedMask = 1; closedMask < 8; ++closedMask) {
+    SCOPED_TRACE(closedMask);
+    database = dir / std::to_string(closedMask);
+    const std::string result = resultOf(opensDatabase, writesDatabase, true);
+    EXPECT_EQ(result, !isClosed(1)  ? kStarted
+                      : isClosed(2) ? "0: "
+                                    : "0: Write failed, errno = 9\n");
+    EXPECT_EQ(zovtest::readFile(database), "kept");
+  }
+}
+
+// No such device, and one that gets another number.
+TEST(StartUp, LeavesDescriptorsThatItCannotFill) {
+  const int input = dup(0);
+  const auto startsWithout = [input](auto... fault) {
+    close(0);
+    const Fault opens(Call::open, fault...);
+    EXPECT_EQ(zov_init(), ZOV_OKAY);
+    zov_term();
+    EXPECT_EQ(opens.uses(), 1u);
+    EXPECT_EQ(dup2(input, 0), 0);
+  };
+  const int64_t before = zovtest::openDescriptors();
+  startsWithout(1, ENOENT);
+  startsWithout([input](uint32_t) { dup2(input, 0); });
+  EXPECT_EQ(zovtest::openDescriptors(), before);
 }
 
 TEST(Daemon, FailsInTheForeground) {
