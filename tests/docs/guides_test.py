@@ -75,12 +75,9 @@ def log_of_server(folder):
     """Ends the server that a program left behind and gives its log."""
     log = pathlib.Path(folder, "guided.log")
     server = os.pidfd_open(int(re.search(r"process (\d+)", log.read_text())[1]))
-    try:
-        signal.pidfd_send_signal(server, signal.SIGTERM)
-        if not select.select([server], [], [], 60)[0]:
-            signal.pidfd_send_signal(server, signal.SIGKILL)
-    finally:
-        os.close(server)
+    signal.pidfd_send_signal(server, signal.SIGTERM)
+    select.select([server], [], [], 60)
+    os.close(server)
     return log.read_text()
 
 
