@@ -1251,7 +1251,8 @@ ZOV_API ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t
 
 /**
  * Closes a file; a standard stream stays open beneath its handle. Nobody may
- * hold the handle's lock. errno stays as it was unless the system fails to
+ * hold the handle's lock. For a file in memory it waits for the file's lock, as
+ * zov_mfClose() does. errno stays as it was unless the system fails to
  * close the file, when it says why.
  *
  * Threads: one, when no other call on the handle is under way.
@@ -1280,8 +1281,9 @@ ZOV_API int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence);
  * @param file        the file
  * @param buffer      what to write
  * @param lengthBytes how much of it; 0 does nothing
- * @return the bytes written; 0 for a disk file under the read-only flag;
- *         #ZOV_IO_FAILED on failure, with errno set.
+ * @return the bytes written; 0 for a disk file under the read-only flag, and for a
+ *         file in memory from 2^47 on; #ZOV_IO_FAILED on failure, with errno set:
+ *         in memory `ENOMEM`, when there is memory for none of the bytes.
  *
  * Threads: one at a time. Cost: one system call.
  * Messages: "Write failed, errno = %d", on the process's standard error.
@@ -1295,7 +1297,8 @@ ZOV_API uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengt
  * @param buffer      where the bytes go
  * @param lengthBytes how many to read at most; 0 does nothing
  * @return the bytes read, 0 at the end of the file, or #ZOV_IO_FAILED on
- *         failure, with errno set.
+ *         failure, with errno set: in memory `ENOMEM`, when there are bytes to read
+ *         and memory to reach none of them.
  *
  * Threads: one at a time. Cost: one system call.
  * Messages: "Read failed, errno = %d".
@@ -1313,7 +1316,7 @@ ZOV_API uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes)
  * @param lengthBytes how much of it; 0 does nothing
  * @return as zov_fileWrite().
  *
- * Threads: any, on a disk file with a real offset; else one at a time.
+ * Threads: any with a real offset; else one at a time.
  * Cost: one system call. Messages: "Failed to seek and write, errno = %d".
  */
 ZOV_API uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
@@ -1330,7 +1333,7 @@ ZOV_API uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *bu
  * @param lengthBytes how many to read at most; 0 does nothing
  * @return as zov_fileRead().
  *
- * Threads: any, on a disk file with a real offset; else one at a time.
+ * Threads: any with a real offset; else one at a time.
  * Cost: one system call. Messages: "Failed to seek and read, errno = %d".
  */
 ZOV_API uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer,
@@ -1990,15 +1993,17 @@ ZOV_API uint64_t zov_shmNextId(void);
 
 /**
  * Opens a context. The first open with `O_CREAT` makes its root block, of
- * rootSize zero bytes, and its lock; what later ones pass decides only whether
- * they are told the address.
+ * rootSize zero bytes; what later ones pass decides only whether they are told the
+ * address. Each makes the context's lock if it is away: the mapping cache deletes
+ * it when nobody has the context open through the cache any more.
  *
  * @param id       id of the context; any other number is refused
  * @param flags    open flags, of which `O_CREAT` counts
  * @param rootSize size of the root block in bytes
  * @param root     place for its address, left alone when rootSize is 0; or null
- * @return the handle, or null: no such context, no root block and no `O_CREAT`,
- *         a size of 0 for a new one, memory or sync objects run out.
+ * @return the handle, or null: no such context, or no root block and no `O_CREAT`
+ *         (errno is `ENOENT`), a size of 0 for a new one, memory (`ENOMEM`) or sync
+ *         objects (`ENFILE`) run out.
  *
  * Threads: one at a time on a context.
  * Messages: those of a failing allocation or zov_syncCreate_check().
@@ -2057,12 +2062,13 @@ ZOV_API void zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
 
 /**
  * Enters the lock of a context, a recursive mutex that the layers above hold
- * while they use the context's root block and regions.
+ * while they use the context's root block and regions. Makes it if it is away.
  *
  * @return #ZOV_OKAY, or #ZOV_ERROR for a context that never had a root block
- *         and so has no lock.
+ *         and so has no lock, and when none can be made.
  *
  * Threads: any; waits while another thread is inside.
+ * Messages: those of zov_syncCreate_check().
  */
 ZOV_API int32_t zov_shmLock(ZOV_SHM_CTX context);
 
@@ -2106,7 +2112,8 @@ ZOV_API ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t 
                                           void **root);
 
 /** Leaves a context, of which the caller has closed its regions; the last user
- *  to leave closes it. Threads: any. */
+ *  to leave closes it, and deletes its lock unless somebody holds it or waits for it.
+ *  Threads: any. */
 ZOV_API void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context);
 
 /** Marks a context as deleted: opens by its id do not find it any more. Its
@@ -2128,8 +2135,8 @@ ZOV_API void zov_shmCacheRemoveCtx(uint64_t id);
 
 /**
  * Opens a region, making it with zov_shmCreate() when nobody has it open. If
- * somebody has, start and size do not count, and a destruction that waits for
- * the last close is called off.
+ * somebody has, also by way of a context that is marked as deleted, start and size
+ * do not count, and a destruction that waits for the last close is called off.
  *
  * @return the region, to be closed with zov_shmCacheClose(), or null when memory
  *         is short.
@@ -2161,8 +2168,9 @@ ZOV_API void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number);
 
 /**
  * Pins a region: it stays mapped until the pin is released. At most 400 regions
- * are mapped at once, more only while that many are pinned; room is made by
- * unmapping the one that was released last.
+ * are mapped at once, more only while that many are pinned, as by directories,
+ * which pin all their pages; room is made by unmapping the one that was released
+ * last.
  *
  * @return the region's address, to be given back with zov_shmCacheReleasePtr(),
  *         or null.
@@ -2193,7 +2201,7 @@ ZOV_API uint64_t zov_shmCacheNextId(void);
 /** An open segmented file: a growable array of bytes in memory, named by the id
  *  of its context. It lies in segments that grow with the file: four of the base
  *  size, 4096 bytes, then three each of 4, 16, 64, 256 and 1024 times that, then
- *  any number of 4096 times that.
+ *  4096 times that, up to 2^47 bytes, past which no file reaches.
  *
  *  A file is used in one of two ways, by bytes or by pages; a page is a segment
  *  of the base size, whatever its number. */
@@ -2222,7 +2230,8 @@ ZOV_API uint64_t zov_segNextId(void);
  * @param flags open flags: `O_CREAT` makes the file when it is new, `O_TRUNC`
  *              empties it, for everybody who has it open
  * @return the file, to be closed with zov_segClose() or zov_segRemove(), or
- *         null: an id that names nothing, or memory is short.
+ *         null, with errno set: an id that names nothing (`ENOENT`), memory is short
+ *         (`ENOMEM`), or there are no sync objects left (`ENFILE`).
  *
  * Threads: any; with `O_TRUNC` waits for the file's lock.
  * Messages: those of a failing allocation or zov_syncCreate_check().
@@ -2230,14 +2239,17 @@ ZOV_API uint64_t zov_segNextId(void);
 ZOV_API ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags);
 
 /** Closes a file. If it was removed and nobody else has it open, its memory is
- *  released. Threads: one at a time on a handle. */
+ *  released. Threads: one at a time on a handle; waits for the file's lock, also for
+ *  one that a thread holds by zov_segLock(). Two threads that each hold one file's
+ *  lock and close a handle of the other's wait for ever: hold one file's lock at
+ *  most, or take them in one order. */
 ZOV_API void zov_segClose(ZOV_SEG file);
 
 /**
  * Removes a file and closes this handle. Others who have it open keep it until
- * they close it.
+ * they close it; while there are any, it can be opened again by its id.
  * @return #ZOV_OKAY.
- * Threads: one at a time on a handle.
+ * Threads: one at a time on a handle; waits for the file's lock, see zov_segClose().
  */
 ZOV_API int32_t zov_segRemove(ZOV_SEG file);
 
@@ -2246,9 +2258,9 @@ ZOV_API int32_t zov_segRemove(ZOV_SEG file);
  * its memory then.
  *
  * @return how many were read: fewer than length at the end of the file, or when
- *         memory for such a hole is short.
+ *         memory for such a hole is short (errno is `ENOMEM`).
  *
- * Threads: one at a time on a handle; on a file, one after the other.
+ * Threads: any; on a file, one after the other.
  * Cost: the file's lock, and a lookup, a pin and a copy for each segment.
  * Messages: that of a failing allocation.
  */
@@ -2257,8 +2269,8 @@ ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, ui
 /**
  * Writes bytes; the file grows as it must, also past its end.
  *
- * @return how many were written: fewer than length when memory is short, 0 when
- *         the range ends past what 4,294,967,295 segments hold.
+ * @return how many were written: fewer than length when memory is short (errno is
+ *         `ENOMEM`) or the range goes on past 2^47, 0 when it begins there (`EFBIG`).
  *
  * Threads, cost, messages: as zov_segSeekRead().
  */
@@ -2292,11 +2304,13 @@ ZOV_API uint64_t zov_segSize(ZOV_SEG file);
  * stays.
  *
  * @param file the file, whose lock the caller holds
- * @param size the new size in bytes
- * @return #ZOV_OKAY, or #ZOV_ERROR: memory is short, or the size takes more than
- *         4,294,967,295 segments. The size is then as it was.
+ * @param size the new size in bytes, below 2^47
+ * @return #ZOV_OKAY, or #ZOV_ERROR: memory is short (errno is `ENOMEM`) or the size
+ *         too high (`EFBIG`). The size is then as it was; segments that were made
+ *         stay.
  *
- * Threads: one at a time on a handle. Cost: what it gains is allocated at once.
+ * Threads: one at a time on a handle. Cost: what it gains is allocated at once;
+ * what it loses, a step for each segment that exists.
  * Messages: that of a failing allocation.
  */
 ZOV_API int32_t zov_segSetSize(ZOV_SEG file, uint64_t size);
@@ -2333,7 +2347,8 @@ typedef struct MemWalk *ZOV_MEM_WALK;
  * down. Names are bytes, compared with the ASCII letters' case ignored, and kept
  * as they were given. Of a file's path the directory part is made absolute and
  * normalised, a backslash counting as a slash; the last component is a name as it
- * stands. A path without a slash names no file.
+ * stands, other than "." and "..". A path without a slash names no file. The path of
+ * a directory is normalised but not made absolute: it counts from "/".
  *
  * How they differ from files on disk:
  *
@@ -2342,12 +2357,19 @@ typedef struct MemWalk *ZOV_MEM_WALK;
  *   rename               stays in its directory; the new path's last component
  *                        counts
  *   seeking past the end refused; writing there is not
- *   `O_APPEND`           ignored: the position starts at 0
+ *   `O_APPEND`, `O_EXCL` ignored: the position starts at 0, and an open makes a
+ *                        file or finds one
  *   access modes         ignored: every open file reads and writes
  *   directories          cannot be removed
  *
- * At most some 130,000 files and directories exist at once, each with its sync
- * object; an empty file takes about 700 bytes.
+ * Memory is the limit of how many there are. An empty file takes about 300 bytes, a
+ * directory as much until something is stored in it and some 10 KB from then on. A
+ * sync object is for each file that is open and each directory with something in it.
+ *
+ * A file has one lock for all who have it open: transfers and closing take it, and
+ * zov_mfLock() holds it. Two threads that each hold one file's lock and close a
+ * handle of the other's file, truncate it or use it wait for each other for ever:
+ * hold one file's lock at most, or take them in one order.
  */
 
 /**
@@ -2367,18 +2389,20 @@ ZOV_API int32_t zov_mfTerm(void);
  * @param path  its path
  * @param flags open flags: `O_CREAT` makes a missing file, `O_TRUNC` empties it;
  *              others are ignored
- * @return the file at position 0, to be closed with zov_mfClose(), or null: no
- *         such file (errno is `ENOENT`), a directory, a path that cannot be
- *         resolved, or memory is short.
+ * @return the file at position 0, to be closed with zov_mfClose(), or null, with
+ *         errno set: no such file (`ENOENT`), a directory (`EISDIR`), a file where
+ *         the path needs a directory (`ENOTDIR`), a name of more than 65,535 bytes
+ *         (`ENAMETOOLONG`), a path without a slash (`EINVAL`), memory is short
+ *         (`ENOMEM`), or there are no sync objects left (`ENFILE`).
  *
- * Threads: any. Cost: a look-up for each component of the path, under the lock of
- * one directory at a time.
+ * Threads: any; with `O_TRUNC` waits for the file's lock. Cost: a look-up for each
+ * component of the path, under the lock of one directory at a time.
  * Messages: those of a failing allocation or zov_syncCreate_check().
  */
 ZOV_API ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags);
 
-/** Closes a file; null is ignored. Threads: one at a time on a file, as for all
- *  that follow. */
+/** Closes a file; null is ignored. Threads: one at a time on a handle, as for all
+ *  that follow but positioned transfers; waits for the file's lock. */
 ZOV_API void zov_mfClose(ZOV_MFILE file);
 
 /**
@@ -2402,16 +2426,17 @@ ZOV_API uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length);
 ZOV_API uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
 
 /** Reads at an offset and leaves the position alone.
- *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. */
+ *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. Threads: any. */
 ZOV_API uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);
 
 /** Writes at an offset and leaves the position alone.
- *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. */
+ *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. Threads: any. */
 ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer,
                                  uint32_t length);
 
 /** Enters the lock of a file, recursive and shared by all who have the file
- *  open; transfers take it for their length. @return #ZOV_OKAY. */
+ *  open; waits while another thread is inside, be it for a transfer or a close.
+ *  @return #ZOV_OKAY. */
 ZOV_API int32_t zov_mfLock(ZOV_MFILE file);
 
 /** Leaves the lock of a file. @return #ZOV_OKAY. */
@@ -2420,8 +2445,9 @@ ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file);
 /** @return the size of a file in bytes; 0 for no file. */
 ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);
 
-/** Sets the size of a file, under its lock. @return as zov_segSetSize();
- *  #ZOV_ERROR for no file. Messages: as there. */
+/** Sets the size of a file, under its lock. @return as zov_segSetSize(), but a
+ *  failure leaves no segment that was not there before; #ZOV_ERROR for no file.
+ *  Messages: as there. */
 ZOV_API int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size);
 
 /** @return the size of the file of a path; 0 when there is none. Threads: any.
@@ -2447,8 +2473,8 @@ ZOV_API int32_t zov_mfRemove(const char *path);
  * @param oldPath its path
  * @param newPath the new name: what follows the last slash, or all of it
  * @return #ZOV_OKAY; #ZOV_NOTFOUND for a missing file; #ZOV_ERROR, with nothing
- *         changed, when the new name is taken, empty or longer than 65,535 bytes,
- *         or memory is short.
+ *         changed and errno set, when the new name is taken, empty, ".", "..", holds
+ *         a backslash or is longer than 65,535 bytes, or memory is short.
  *
  * Threads: any. Messages: as zov_mfOpen().
  */
@@ -2472,8 +2498,8 @@ ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
  *
  * @param directory the directory's path
  * @param pattern   what the names must match, as by zov_match()
- * @return the walk, to be ended with zov_mfPathClose(), or null: no such
- *         directory, or memory is short.
+ * @return the walk, to be ended with zov_mfPathClose(), or null, with errno set: no
+ *         such directory, or memory is short.
  *
  * Threads: any. Messages: as zov_mfOpen().
  */
@@ -2485,8 +2511,9 @@ ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
  *
  * @param walk        the walk
  * @param isDirectory gets 1 for a directory, 0 for a file; untouched at the end
- * @return the name, which the walk owns until the next step, or null at the end
- *         and when memory is short.
+ * @return the name, which the walk owns until the next step, or null at the end,
+ *         and when memory is short: errno is then `ENOMEM`, at the end it stays as it
+ *         was, and the step can be repeated.
  *
  * Threads: one at a time on a walk. Messages: that of a failing allocation.
  */

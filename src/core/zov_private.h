@@ -125,6 +125,13 @@ auto makeOrJump(ZOV_TAG tag, Make make) {
   return made;
 }
 
+// Creates a tag without mutex that is never armed, and whose record is short for
+// that: zov_resetTag() is not for it. ZOV_NO_TAG when memory is short.
+ZOV_TAG createPlainTag();
+
+// Whether a thread is inside a mutex.
+bool isEntered(ZOV_SYNC mutex);
+
 // Takes down the memory module together with every sync object, when start-up
 // fails half-way. The objects' table lives in the default tag, so they go
 // first, and the frees that follow must not touch the locks any more.

@@ -26,6 +26,7 @@
 // in for it (zovmem_freed.h).
 #include <assert.h>
 #include <errno.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,6 +49,7 @@ constexpr uint16_t kJump = 2;
 // 1. mutex, of rank 11, is ZOV_NO_SYNC when the tag is not thread-safe; else it
 //    guards the fields below it.
 // 2. next and previous belong to tagTabSem.
+// 3. The record of a tag that can never be armed ends before recovery.
 struct TagRecord {
   TagRecord *next;      // newer tag, null for tagN
   TagRecord *previous;  // older tag, null for tag0
@@ -57,6 +59,8 @@ struct TagRecord {
   uint16_t mode;           // kReturnNull or kJump
   jmp_buf recovery;        // meaningful in mode kJump
 };
+
+constexpr size_t kPlainRecordBytes = offsetof(TagRecord, recovery);
 
 TagRecord *tag0 = nullptr;
 TagRecord *tagN = nullptr;
@@ -309,18 +313,30 @@ void _freeTagMemory(TagRecord *tag, bool deleteIt) {
   }
 }
 
-TagRecord *newRecord(jmp_buf *recovery) {
-  TagRecord *tag = static_cast<TagRecord *>(calloc(1, sizeof(TagRecord)));
-  if (tag == nullptr) {
-    return nullptr;
+// A tag that returns null, or null.
+TagRecord *newRecord(size_t bytes) {
+  TagRecord *tag = static_cast<TagRecord *>(calloc(1, bytes));
+  if (tag != nullptr) {
+    tag->mutex = ZOV_NO_SYNC;
+    tag->mode = kReturnNull;
   }
-  tag->mutex = ZOV_NO_SYNC;
-  tag->mode = kReturnNull;
-  if (recovery != nullptr) {
+  return tag;
+}
+
+TagRecord *newRecord(jmp_buf *recovery) {
+  TagRecord *tag = newRecord(sizeof(TagRecord));
+  if (tag != nullptr && recovery != nullptr) {
     memcpy(tag->recovery, *recovery, sizeof tag->recovery);
     tag->mode = kJump;
   }
   return tag;
+}
+
+ZOV_TAG publish(TagRecord *tag) {
+  enter(tagTabSem);
+  linkTag(tag);
+  leave(tagTabSem);
+  return reinterpret_cast<ZOV_TAG>(tag);
 }
 
 int32_t abandonInit() {
@@ -333,6 +349,11 @@ bool isNoTag(ZOV_TAG tag) {
 }
 
 }  // namespace
+
+ZOV_TAG zov::createPlainTag() {
+  TagRecord *tag = started() ? newRecord(kPlainRecordBytes) : nullptr;
+  return tag == nullptr ? ZOV_NO_TAG : publish(tag);
+}
 
 bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
   if (!started() || isNoTag(tag) || reporting) {
@@ -372,10 +393,7 @@ ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *, uint32_
   if ((flags & ZOV_TAG_THREADSAFE) != 0) {
     tag->mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   }
-  enter(tagTabSem);
-  linkTag(tag);
-  leave(tagTabSem);
-  return reinterpret_cast<ZOV_TAG>(tag);
+  return publish(tag);
 }
 
 void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag) {

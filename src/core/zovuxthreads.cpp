@@ -220,6 +220,11 @@ bool waitSignalled(SyncSlot &slot, uint32_t waitMs) {
 
 }  // namespace
 
+bool zov::isEntered(ZOV_SYNC mutex) {
+  return isKind(mutex, ZOV_SYNC_MUTEX) &&
+         slotOf(mutex)->recursionCount.load(std::memory_order_relaxed) != 0;
+}
+
 extern "C" {
 
 ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t line) {

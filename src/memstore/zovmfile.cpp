@@ -252,7 +252,8 @@ int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
   if (normal.get() == nullptr) {
     return 0;
   }
-  const bool directory = zov::openMemSubdir(normal, 0) != nullptr;
+  uint64_t id = 0;
+  const bool directory = zov::openMemSubdir(normal, 0, id);
   if (!directory && !isFile(path)) {
     return 0;
   }

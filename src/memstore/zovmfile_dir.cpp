@@ -6,11 +6,13 @@
 //
 //   dirTable: id -> Directory -> one handle of the directory's segmented file
 //
+// A directory has an id from when its entry is made, and a Directory, with pages and
+// a lock, from when the first entry is stored in it. Until then it is empty, and
+// nobody has to look further.
+//
 // dirMutex guards the table and nothing in the directories; recentDirectories
-// gives those used lately without it. A directory's tree
-// belongs to the lock of its file. At most one such lock is held at a time, but
-// for a directory that is being made, which nobody else knows, under that of its
-// parent.
+// gives those used lately without it. A directory's tree belongs to the lock of its
+// file.
 //
 // Nothing jumps: callers hold jumps off.
 #include <errno.h>
@@ -43,21 +45,6 @@ std::atomic<Directory *> recentDirectories[1 << kRecentBits];
 
 std::atomic<Directory *> &recentPlace(uint64_t id) {
   return recentDirectories[(id * UINT64_C(0x9E3779B97F4A7C15)) >> (64 - kRecentBits)];
-}
-
-Directory *findDirectory(uint64_t id) {
-  std::atomic<Directory *> &recent = recentPlace(id);
-  Directory *directory = recent.load(std::memory_order_acquire);
-  if (directory != nullptr && directory->id == id) {
-    return directory;
-  }
-  zov_syncEnterExcl(dirMutex);
-  directory = dirTable.find(id);
-  zov_syncExitExcl(dirMutex);
-  if (directory != nullptr) {
-    recent.store(directory, std::memory_order_release);
-  }
-  return directory;
 }
 
 void forgetDirectories() {
@@ -148,23 +135,25 @@ int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, u
   return ZOV_OKAY;
 }
 
-Directory *createSubdirInSubdir(Directory &parent, Cursor &cursor, const NameKey &key) {
-  uint64_t id = 0;
-  if (zov::createEntryInSubdir(parent, cursor, key, zov::kTypeDirectory, id) != ZOV_OKAY) {
-    return nullptr;
+}  // namespace
+
+Directory *zov::findSubdir(uint64_t id) {
+  std::atomic<Directory *> &recent = recentPlace(id);
+  Directory *directory = recent.load(std::memory_order_acquire);
+  if (directory != nullptr && directory->id == id) {
+    return directory;
   }
-  Directory *directory = zov::openSubdir(id);
-  if (directory == nullptr && zov::locate(cursor, key) == ZOV_OKAY) {
-    zov::removeEntryInSubdir(parent, cursor);
-    zov::segRemoveById(id);
+  zov_syncEnterExcl(dirMutex);
+  directory = dirTable.find(id);
+  zov_syncExitExcl(dirMutex);
+  if (directory != nullptr) {
+    recent.store(directory, std::memory_order_release);
   }
   return directory;
 }
 
-}  // namespace
-
 Directory *zov::openSubdir(uint64_t id) {
-  Directory *directory = findDirectory(id);
+  Directory *directory = findSubdir(id);
   if (directory != nullptr) {
     return directory;
   }
@@ -246,7 +235,7 @@ void zov::replaceFileInSubdir(const Cursor &cursor, uint64_t id) {
 }
 
 int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
-  if (isDots(newKey)) {
+  if (!mayBeNewName(newKey)) {
     return failWith(EINVAL);
   }
   Cursor place = cursorOf(directory);
@@ -270,15 +259,12 @@ int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
   return ZOV_OKAY;
 }
 
-Directory *zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags) {
+int32_t zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags,
+                                uint64_t &id) {
   Cursor cursor = cursorOf(parent);
-  uint64_t id = 0;
   const int32_t status = findMemEntityInSubdir(cursor, key, kTypeDirectory, id);
-  if (status == ZOV_OKAY) {
-    return openSubdir(id);
-  }
   const bool create = status == ZOV_NOTFOUND && (flags & O_CREAT) != 0;
-  return create ? createSubdirInSubdir(parent, cursor, key) : nullptr;
+  return create ? createEntryInSubdir(parent, cursor, key, kTypeDirectory, id) : status;
 }
 
 int32_t zov::directoriesInit() {

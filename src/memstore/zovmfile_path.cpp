@@ -106,26 +106,24 @@ size_t trimmedLength(const char *path, size_t length) {
   return length;
 }
 
-// The directory of a file by the part of its path up to the last separator: with
-// that, so that a "." before it vanishes as any other.
-Directory *openParent(const char *path, size_t length) {
+// Finds the directory of a file by the part of its path up to the last separator:
+// with that, so that a "." before it vanishes as any other.
+bool openParent(const char *path, size_t length, uint64_t &id) {
   if (path[0] == '/') {
-    return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT);
+    return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT, id);
   }
   char *relative =
       static_cast<char *>(zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
   if (relative == nullptr) {
-    return nullptr;
+    return false;
   }
   memcpy(relative, path, length);
   char *absolute = zov_fullpath(relative);
   zov_freeMem(relative, ZOV_DEFAULT_TAG);
-  Directory *directory = nullptr;
-  if (absolute != nullptr && absolute[0] == '/') {
-    directory = openParent(absolute, strlen(absolute));
-  }
+  const bool found =
+      absolute != nullptr && absolute[0] == '/' && openParent(absolute, strlen(absolute), id);
   zov_freeMem(absolute, ZOV_DEFAULT_TAG);
-  return directory;
+  return found;
 }
 
 const char *skipSlashes(const char *path, const char *end) {
@@ -150,6 +148,19 @@ int32_t createFile(zov::Target &target) {
                                                   zov::kTypeFile, target.id);
   target.created = status == ZOV_OKAY;
   return status;
+}
+
+// Goes from a directory to the one of that name in it.
+bool stepDown(uint64_t &id, const zov::NameKey &key, uint32_t flags) {
+  Directory *parent = (flags & O_CREAT) != 0 ? zov::openSubdir(id) : zov::findSubdir(id);
+  if (parent == nullptr) {
+    errno = (flags & O_CREAT) != 0 ? errno : ENOENT;
+    return false;
+  }
+  zov_segLock(parent->tree.seg);
+  const int32_t status = zov::openSubdirInSubdir(*parent, key, flags, id);
+  zov_segUnlock(parent->tree.seg);
+  return status == ZOV_OKAY;
 }
 
 const char *lastComponent(const char *path) {
@@ -220,44 +231,54 @@ zov::NormalPath zov::directoryPath(const char *path) {
   return NormalPath(stripped, trimmedLength(stripped, strlen(stripped)));
 }
 
-Directory *zov::openMemSubdir(const NormalPath &path, uint32_t flags) {
-  Directory *directory = path.get() == nullptr ? nullptr : openSubdir(zov_segRootId());
+bool zov::openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
+  id = zov_segRootId();
+  if (path.get() == nullptr || openSubdir(id) == nullptr) {
+    return false;
+  }
   const char *pathEnd = path.get() + path.length();
   const char *name = skipSlashes(path.get(), pathEnd);
-  while (directory != nullptr && name != pathEnd) {
+  while (name != pathEnd) {
     const char *nameEnd = componentEnd(name, pathEnd);
     const char *following = skipSlashes(nameEnd, pathEnd);
-    const bool last = following == pathEnd;
+    const uint32_t wanted = following == pathEnd ? flags : O_CREAT;
     const NameKey key(name, static_cast<size_t>(nameEnd - name));
-    const ZOV_SEG seg = directory->tree.seg;
-    zov_segLock(seg);
-    directory = openSubdirInSubdir(*directory, key, last ? flags : O_CREAT);
-    zov_segUnlock(seg);
+    if (!stepDown(id, key, wanted)) {
+      return false;
+    }
     name = following;
   }
-  return directory;
+  return true;
 }
 
 zov::Target::Target(const char *text)
     : path(zov_pathStripDrive(text)),
       key(lastComponent(path)),
+      directoryId(0),
       directory(nullptr),
       id(0),
       created(false) {}
 
-bool zov::findParent(Target &target) {
+bool zov::findParent(Target &target, bool toStore) {
   const size_t parentLength = static_cast<size_t>(target.key.text - target.path);
   if (parentLength == 0 || target.key.length == 0) {
     errno = parentLength == 0 ? EINVAL : EISDIR;
     return false;
   }
-  target.directory = openParent(target.path, parentLength);
-  return target.directory != nullptr;
+  if (!openParent(target.path, parentLength, target.directoryId)) {
+    return false;
+  }
+  target.directory = toStore ? openSubdir(target.directoryId) : findSubdir(target.directoryId);
+  return target.directory != nullptr || !toStore;
 }
 
 int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
-  if (!findParent(target)) {
+  if (!findParent(target, (flags & O_CREAT) != 0)) {
     return ZOV_ERROR;
+  }
+  if (target.directory == nullptr) {
+    errno = ENOENT;
+    return ZOV_NOTFOUND;
   }
   Directory &directory = *target.directory;
   zov_segLock(directory.tree.seg);

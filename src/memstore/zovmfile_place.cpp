@@ -138,7 +138,7 @@ int32_t zov::placeMemDraft(ZOV_MFILE draft, const char *path) {
   }
   const NoJump noJump;
   Target target(path);
-  if (!findParent(target) || _placeMemDraft(*draft, target) != ZOV_OKAY) {
+  if (!findParent(target, true) || _placeMemDraft(*draft, target) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   draft->draftId = 0;
@@ -150,7 +150,13 @@ int32_t zov::moveMemFile(const char *source, const char *destination) {
   const NoJump noJump;
   Target from(source);
   Target to(destination);
-  if (!findParent(from) || !findParent(to)) {
+  if (!findParent(from, false)) {
+    return ZOV_ERROR;
+  }
+  if (from.directory == nullptr) {
+    return refuse(ENOENT);
+  }
+  if (!findParent(to, true)) {
     return ZOV_ERROR;
   }
   lockBoth(*from.directory, *to.directory);
@@ -184,14 +190,16 @@ bool zov::isSameMemEntry(const char *first, const char *second) {
   const NoJump noJump;
   Target one(first);
   Target other(second);
-  return isSameName(one.key, other.key) && findParent(one) && findParent(other) &&
-         one.directory == other.directory;
+  return isSameName(one.key, other.key) && findParent(one, false) && findParent(other, false) &&
+         one.directoryId == other.directoryId;
 }
 
 bool zov::isSameMemDirectory(const char *first, const char *second) {
   const NoJump noJump;
-  const Directory *one = openMemSubdir(directoryPath(first), 0);
-  return one != nullptr && one == openMemSubdir(directoryPath(second), 0);
+  uint64_t one = 0;
+  uint64_t other = 0;
+  return openMemSubdir(directoryPath(first), 0, one) &&
+         openMemSubdir(directoryPath(second), 0, other) && one == other;
 }
 
 bool zov::mayBeNewMemName(const char *path) {

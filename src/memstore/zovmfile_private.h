@@ -19,8 +19,8 @@ struct MemFile {
 namespace zov {
 
 // A directory, with the one handle of its file that its tree is used through.
-// Made when the directory is first needed and kept to the end, since no
-// directory is ever removed.
+// Made when something is first stored in the directory and kept to the end, since
+// no directory is ever removed.
 //
 // id never changes. The file's lock guards changes and what tree grows by.
 struct Directory {
@@ -35,8 +35,11 @@ struct Directory {
 
 // Directories (zovmfile_dir.cpp).
 
-// The directory of an id, or null when memory is short. Formats it when it is
-// new. Nobody may hold its lock but under that of its parent, while it is made.
+// The directory of an id, or null when nothing was stored in it yet.
+Directory *findSubdir(uint64_t id);
+
+// The directory of an id, for something to be stored in it: formatted if it is new.
+// Null, with errno set, when that fails. The caller holds no directory's lock.
 Directory *openSubdir(uint64_t id);
 
 Cursor cursorOf(Directory &directory);
@@ -72,9 +75,9 @@ void replaceFileInSubdir(const Cursor &cursor, uint64_t id);
 // there already or may not be given.
 int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);
 
-// The directory of that name in this one; with O_CREAT made if it is missing.
-// Null, with errno set, when it is not there or memory is short.
-Directory *openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags);
+// Finds the directory of that name in this one; with O_CREAT makes it if it is
+// missing. Other statuses than ZOV_OKAY set errno.
+int32_t openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags, uint64_t &id);
 
 int32_t directoriesInit();
 void directoriesTerm();
@@ -109,25 +112,27 @@ class NormalPath {
 // normalizePath() has it, and names no directory.
 NormalPath directoryPath(const char *path);
 
-// Opens a directory by its normalised path. The directories above it are made if
-// they are missing, itself with O_CREAT.
-Directory *openMemSubdir(const NormalPath &path, uint32_t flags);
+// Finds a directory by its normalised path. The directories above it are made if
+// they are missing, itself with O_CREAT. False, with errno set, when there is none.
+bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id);
 
 // What a path leads to: a name in a directory, and perhaps an entry.
 struct Target {
   explicit Target(const char *path);
 
   const char *path;
-  NameKey key;  // the last component
-  Directory *directory;
-  Cursor cursor;  // at the entry, unless it was made just now
+  NameKey key;           // the last component
+  uint64_t directoryId;  // of what it stands in
+  Directory *directory;  // the same; null while nothing is stored there
+  Cursor cursor;         // at the entry, unless it was made just now
   uint64_t id;
   bool created;
 };
 
 // Finds the directory that a path's last component stands in, making what is
-// missing, and does not lock it. False, with errno set, when there is none.
-bool findParent(Target &target);
+// missing, and does not lock it; `toStore` says that it is to be formatted if nothing
+// is stored there. False, with errno set, when there is none.
+bool findParent(Target &target, bool toStore);
 
 // Finds the entry a path names, with O_CREAT making a file that is missing, and
 // all directories above it in any case. With ZOV_OKAY the directory is locked

@@ -19,7 +19,8 @@ struct MemWalk {
   const char *pattern;
   char *lastName;  // in a block of nameRoom bytes
   uint64_t nameRoom;
-  zov::Directory *directory;
+  uint64_t directoryId;
+  zov::Directory *directory;  // null as long as nothing was stored there
   zov::Cursor cursor;
   uint64_t seenChanges;
   bool begun;  // lastName holds a name
@@ -28,7 +29,6 @@ struct MemWalk {
 
 namespace {
 
-using zov::Directory;
 using zov::DirEntry;
 
 // The entry behind the one of the last step, whatever its name; null at the end.
@@ -69,6 +69,18 @@ bool takeName(MemWalk &walk, const DirEntry &entry) {
   return true;
 }
 
+// Finds the directory if that has not been done. An empty one ends the walk.
+bool begin(MemWalk &walk) {
+  if (walk.directory == nullptr) {
+    walk.directory = walk.ended ? nullptr : zov::findSubdir(walk.directoryId);
+    walk.ended = walk.directory == nullptr;
+    if (!walk.ended) {
+      walk.cursor = zov::cursorOf(*walk.directory);
+    }
+  }
+  return walk.directory != nullptr;
+}
+
 // Steps to the next name that matches. Null at the end, and when memory is short:
 // the cursor has then moved, so that the next step has to look up the last name.
 const DirEntry *pathNext(MemWalk &walk) {
@@ -95,8 +107,8 @@ extern "C" {
 
 ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
   const zov::NoJump noJump;
-  Directory *opened = zov::openMemSubdir(zov::directoryPath(directory), 0);
-  if (opened == nullptr) {
+  uint64_t id = 0;
+  if (!zov::openMemSubdir(zov::directoryPath(directory), 0, id)) {
     return nullptr;
   }
   const size_t patternBytes = strlen(pattern) + 1;
@@ -106,13 +118,15 @@ ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
     return nullptr;
   }
   walk->pattern = static_cast<char *>(memcpy(walk + 1, pattern, patternBytes));
-  walk->directory = opened;
-  walk->cursor = zov::cursorOf(*opened);
+  walk->directoryId = id;
   return walk;
 }
 
 const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
   const zov::NoJump noJump;
+  if (!begin(*walk)) {
+    return nullptr;
+  }
   zov_segLock(walk->directory->tree.seg);
   const DirEntry *entry = pathNext(*walk);
   const bool found = entry != nullptr;

@@ -161,6 +161,19 @@ ZOV_SHM_CTX _removeCtx(uint64_t id) {
   return nullptr;
 }
 
+// What becomes of a heap context of which a record is gone: it is removed if that
+// is owed, as by _removeCtx(); else nobody may need its lock any more.
+ZOV_SHM_CTX afterRecord(ZOV_SHM_CTX shmCtx, bool owed) {
+  const uint64_t id = reinterpret_cast<uint64_t>(shmCtx);
+  if (owed) {
+    return _removeCtx(id);
+  }
+  if (contexts.find(id) == nullptr) {
+    zov::shmDropLock(shmCtx);
+  }
+  return nullptr;
+}
+
 // The slot of a region, or null when there is no memory for one.
 CacheRegion **_findSHM(CacheContext &context, uint32_t number) {
   return number > kHighestRegion
@@ -355,16 +368,13 @@ bool zov::shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number) {
 
 void zov::shmCacheLeave(ZOV_CACHE_CTX context) {
   const ZOV_SHM_CTX shmCtx = context->shmCtx;
-  ZOV_SHM_CTX removed = nullptr;
   zov_syncEnterExcl(mapCacheMutex);
   const bool deleted = zov_shmCacheIsDeleted(context) != 0;
   const bool last = _closeCtx(context);
   // The context's lock is left before the mutex is, or the context might be
   // removed in between by the last user of another record.
-  zov_shmUnlock(shmCtx);
-  if (last && deleted) {
-    removed = _removeCtx(reinterpret_cast<uint64_t>(shmCtx));
-  }
+  shmLeave(shmCtx);
+  const ZOV_SHM_CTX removed = last ? afterRecord(shmCtx, deleted) : nullptr;
   zov_syncExitExcl(mapCacheMutex);
   shmRelease(removed);
 }
@@ -388,10 +398,9 @@ ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize
 
 void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context) {
   zov_syncEnterExcl(mapCacheMutex);
-  const uint64_t id = context->hashId();
+  const ZOV_SHM_CTX shmCtx = context->shmCtx;
   const bool owed = context->removeOnClose;
-  const bool remove = _closeCtx(context) && owed;
-  const ZOV_SHM_CTX removed = remove ? _removeCtx(id) : nullptr;
+  const ZOV_SHM_CTX removed = _closeCtx(context) ? afterRecord(shmCtx, owed) : nullptr;
   zov_syncExitExcl(mapCacheMutex);
   zov::shmRelease(removed);
 }
@@ -461,11 +470,12 @@ void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *) {
 }
 
 int32_t zov_shmCacheLock(ZOV_CACHE_CTX context) {
-  return zov_shmLock(context->shmCtx);
+  zov::shmEnter(context->shmCtx);
+  return ZOV_OKAY;
 }
 
 void zov_shmCacheUnlock(ZOV_CACHE_CTX context) {
-  zov_shmUnlock(context->shmCtx);
+  zov::shmLeave(context->shmCtx);
 }
 
 uint64_t zov_shmCacheRootId() {

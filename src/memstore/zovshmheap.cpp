@@ -12,11 +12,16 @@
 // of its block. Ids come from callers, so an id is looked up in liveContexts
 // before it is taken for an address.
 //
-// sem guards liveContexts. A context's regions are guarded by the
-// mapping cache above, which makes every call on them under its own mutex; the
-// tags are without mutex for that reason. The context's lock is not used here:
-// it belongs to whoever uses the memory. The tags are never armed, so nothing
-// jumps; liveContexts grows with jumps held off.
+// A context's lock is there from a successful open on, for as long as the mapping
+// cache has it open: the cache drops it then, so that sync objects are for the files
+// that are in use. Who comes without the cache, by zov_shmLock(), has it made again;
+// a lock that somebody holds or waits for stays until it is dropped the next time.
+//
+// sem guards liveContexts, and root and lock while they change. A context's regions
+// are guarded by the mapping cache above, which makes every call on them under its
+// own mutex; the tags are without mutex for that reason. The context's lock is not
+// used here: it belongs to whoever uses the memory. The tags are never armed, so
+// nothing jumps; what allocates under sem does so with jumps held off.
 #include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -30,15 +35,19 @@
 
 // 1. The record lives in its own tag, with the root block, the table and the
 //    regions, and is gone when the tag is released.
-// 2. lock is 0 exactly while root is null.
-// 3. hashNext belongs to liveContexts.
+// 2. lock is 0 while it is away, and always while root is null.
+// 3. lockUsers counts who is inside zov_shmLock() or behind it. A user is counted
+//    before it reads lock, and lock is taken out before the users are looked at: one
+//    of the two sees the other.
+// 4. hashNext belongs to liveContexts.
 struct ShmContext {
   ZOV_TAG tag;
-  ZOV_SYNC lock;  // Rank 7: the root block and the bytes of the regions
-  void *root;     // the root block, null until the first creating open
+  std::atomic<ZOV_SYNC> lock;  // Rank 7: the root block and the bytes of the regions
+  void *root;                  // the root block, null until the first creating open
   zov::SlotTable<ZOV_SHM_REGION> regions;
   uint64_t regionBytes;  // of all regions ever made
   ShmContext *hashNext;
+  std::atomic<uint32_t> lockUsers;
 
   uint64_t hashId() const { return reinterpret_cast<uint64_t>(this); }
 };
@@ -64,19 +73,9 @@ void link(ShmContext *context) {
   zov_syncExitExcl(sem);
 }
 
-ShmContext *findContext(uint64_t id) {
-  if (sem == ZOV_NO_SYNC) {
-    return nullptr;
-  }
-  zov_syncEnterExcl(sem);
-  ShmContext *context = liveContexts.find(id);
-  zov_syncExitExcl(sem);
-  return context;
-}
-
 // Makes a context and gives its id, or 0.
 uint64_t getContext() {
-  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  const ZOV_TAG tag = zov::createPlainTag();
   if (tag == ZOV_NO_TAG) {
     return 0;
   }
@@ -91,43 +90,61 @@ uint64_t getContext() {
   return context->hashId();
 }
 
-void reportRoot(const ShmContext &context, uint32_t size, void **root) {
-  if (size != 0 && root != nullptr) {
-    *root = context.root;
+// Gives a context its lock if it is away. The caller holds sem.
+bool makeLock(ShmContext &context) {
+  if (context.lock.load(std::memory_order_relaxed) != 0) {
+    return true;
   }
-}
-
-// Whether the context has a root block, whose address it then reports.
-bool openCtx(const ShmContext &context, uint32_t size, void **root) {
-  if (context.root == nullptr) {
-    return false;
-  }
-  reportRoot(context, size, root);
-  return true;
-}
-
-// Gives the context its root block and its lock. The lock comes first: a root
-// block shows that both are there.
-bool createCtx(ShmContext &context, uint32_t size, void **root) {
   const ZOV_SYNC lock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   if (lock == ZOV_NO_SYNC) {
     return false;
   }
-  void *block = zov_getMem(size, context.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-  if (block == nullptr) {
-    zov_syncDelete(lock);
+  context.lock.store(lock, std::memory_order_release);
+  return true;
+}
+
+// Gives a context its root block, and its lock before it. The caller holds sem.
+bool createCtx(ShmContext &context, uint32_t size) {
+  if (!makeLock(context)) {
     return false;
   }
-  context.lock = lock;
-  context.root = block;
-  reportRoot(context, size, root);
-  return true;
+  context.root = zov_getMem(size, context.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+  if (context.root == nullptr) {
+    zov_syncDelete(context.lock.exchange(0));
+  }
+  return context.root != nullptr;
+}
+
+// Opens a context whose lock then is there. The caller holds sem.
+bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) {
+  if (context != nullptr && context->root != nullptr) {
+    return makeLock(*context);
+  }
+  if (context == nullptr || (flags & O_CREAT) == 0) {
+    errno = ENOENT;
+    return false;
+  }
+  return createCtx(*context, size);
+}
+
+// The lock of a context for a counted user; 0 when there is none.
+ZOV_SYNC lockForUser(ShmContext &context) {
+  const ZOV_SYNC lock = context.lock.load();
+  if (lock != 0) {
+    return lock;
+  }
+  const zov::NoJump noJump;
+  zov_syncEnterExcl(sem);
+  const bool made = context.root != nullptr && makeLock(context);
+  const ZOV_SYNC current = made ? context.lock.load() : 0;
+  zov_syncExitExcl(sem);
+  return current;
 }
 
 // Releases a context that is out of reach. True for a large one.
 bool releaseContext(ShmContext *context) {
   const bool large = context->regionBytes > kLargeBytes;
-  zov_syncDelete(context->lock);
+  zov_syncDelete(context->lock.load(std::memory_order_relaxed));
   zov_freeTagMemory(context->tag, 1);
   return large;
 }
@@ -153,6 +170,27 @@ uint64_t zov::shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
   }
   zov_syncExitExcl(sem);
   return word;
+}
+
+void zov::shmEnter(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
+  zov_syncEnterExcl(context->lock.load(std::memory_order_acquire));
+}
+
+void zov::shmLeave(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
+  zov_syncExitExcl(context->lock.load(std::memory_order_relaxed));
+}
+
+void zov::shmDropLock(ZOV_SHM_CTX context) {
+  zov_syncEnterExcl(sem);
+  const ZOV_SYNC lock = context->lock.exchange(0);
+  const bool used = context->lockUsers.load() != 0 || isEntered(lock);
+  if (used) {
+    context->lock.store(lock);
+  }
+  zov_syncExitExcl(sem);
+  if (!used) {
+    zov_syncDelete(lock);
+  }
 }
 
 ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
@@ -193,15 +231,19 @@ uint64_t zov_shmNextId() {
 }
 
 ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root) {
-  ShmContext *context = findContext(id);
-  if (context != nullptr && openCtx(*context, rootSize, root)) {
-    return context;
-  }
-  if (context == nullptr || (flags & O_CREAT) == 0) {
-    errno = ENOENT;
+  if (sem == ZOV_NO_SYNC) {
     return nullptr;
   }
-  return createCtx(*context, rootSize, root) ? context : nullptr;
+  const zov::NoJump noJump;
+  zov_syncEnterExcl(sem);
+  ShmContext *context = liveContexts.find(id);
+  if (!openCtx(context, flags, rootSize)) {
+    context = nullptr;
+  } else if (rootSize != 0 && root != nullptr) {
+    *root = context->root;
+  }
+  zov_syncExitExcl(sem);
+  return context;
 }
 
 void zov_shmCloseCtx(ZOV_SHM_CTX) {}
@@ -246,15 +288,19 @@ void *zov_shmGetPtr(ZOV_SHM_REGION region) {
 void zov_shmReleasePtr(ZOV_SHM_REGION, void *) {}
 
 int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  if (context->lock == 0) {
+  context->lockUsers.fetch_add(1);
+  const ZOV_SYNC lock = lockForUser(*context);
+  if (lock == 0) {
+    context->lockUsers.fetch_sub(1);
     return ZOV_ERROR;
   }
-  zov_syncEnterExcl(context->lock);
+  zov_syncEnterExcl(lock);
   return ZOV_OKAY;
 }
 
 void zov_shmUnlock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  zov_syncExitExcl(context->lock);
+  zov::shmLeave(context);
+  context->lockUsers.fetch_sub(1);
 }
 
 int32_t zov_shmInit(uint32_t *pageSize) {

@@ -23,6 +23,15 @@ uint32_t shmHighestRegion(ZOV_SHM_CTX context, uint32_t end);
 // heap's list lock and no other, and allocates nothing.
 uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing);
 
+// zov_shmLock() and zov_shmUnlock() for who has the context open, so that its lock
+// is there and stays.
+void shmEnter(ZOV_SHM_CTX context);
+void shmLeave(ZOV_SHM_CTX context);
+
+// Deletes the lock of a context that nobody has open any more, unless somebody
+// holds it or waits for it all the same. The next open makes another.
+void shmDropLock(ZOV_SHM_CTX context);
+
 // zov_shmRemoveCtx() in two steps. The first takes the context out of reach and
 // gives it, or null when there is none of that id; the second releases the
 // memory, which may take a while and wants no lock. Null is ignored.

@@ -459,10 +459,38 @@ TEST_F(MemoryFiles, ThreadsShareADirectory) {
   }
 }
 
+// A directory that was only looked into is there, and costs a name and an id.
+TEST_F(MemoryFiles, LookingMakesBareDirectories) {
+  ASSERT_TRUE(put("/a/f", "text"));
+  zovtest::Standing before = zovtest::standing();
+  EXPECT_EQ(zov_mfSizeStat("/q/f") + zov_mfSizeStat("/q/f"), 0u);
+  EXPECT_EQ(zovtest::standing().blocks, before.blocks + 2);
+  int32_t isDirectory = 0;
+  EXPECT_EQ(zov_mfValidate("/q", &isDirectory), 1);
+  EXPECT_EQ(isDirectory, 1);
+  EXPECT_EQ(zov_mfOpen("/q/f", 0), nullptr);
+  EXPECT_EQ(zov_mfRemove("/q/f"), ZOV_NOTFOUND);
+  EXPECT_EQ(zov::moveMemFile("/q/f", "/r/f"), ZOV_ERROR);
+  EXPECT_EQ(zov_mfRename("/q", "s"), ZOV_OKAY);
+  ZOV_MEM_WALK walk = zov_mfPathOpen("/s", "*");
+  EXPECT_EQ(list("/") + list("/s"), "a/ s/ ");
+  EXPECT_EQ(zovtest::standing().slots, before.slots);
+  EXPECT_EQ(zov::moveMemFile("/a/f", "/s/f"), ZOV_OKAY);
+  EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "f") << "begun before there was anything";
+  zov_mfPathClose(walk);
+  // A file has a lock while it is open.
+  before = zovtest::standing();
+  for (int number = 0; number < 100; ++number) {
+    ASSERT_TRUE(put("/s/" + std::to_string(number), ""));
+  }
+  EXPECT_EQ(zovtest::standing().slots, before.slots);
+}
+
 // The first use of a directory by several threads formats it once.
 TEST(MemoryFilesStart, ThreadsMeetAtFirstUse) {
   for (int round = 0; round < 50; ++round) {
     ASSERT_EQ(zov_init(), ZOV_OKAY);
+    EXPECT_EQ(zov_mfSizeStat("/d/none"), 0u);
     zovtest::onThreads(4, [](uint32_t index) {
       EXPECT_TRUE(put((index % 2 == 0 ? "/" : "/d/") + std::to_string(index), ""));
     });

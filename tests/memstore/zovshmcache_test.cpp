@@ -65,6 +65,48 @@ TEST_F(Cache, DeletedContextStaysForItsUsers) {
   EXPECT_EQ(open(O_CREAT), nullptr) << "removed with its last user";
 }
 
+// The lock goes with the last record and comes again; who takes it from the heap
+// keeps it meanwhile.
+TEST_F(Cache, LockIsThereWhileSomebodyNeedsIt) {
+  ZOV_SHM_CTX heap = reinterpret_cast<ZOV_SHM_CTX>(id);
+  uint32_t counted = 0;
+  zov_shmCacheCloseCtx(context);
+  zovtest::onThreads(4, [&](uint32_t thread) {
+    for (int round = 0; round < 2000; ++round) {
+      if (thread % 2 == 0) {
+        EXPECT_EQ(zov_shmLock(heap), ZOV_OKAY);
+        ++counted;
+        zov_shmUnlock(heap);
+      } else {
+        ZOV_CACHE_CTX opened = open(0);
+        EXPECT_EQ(zov_shmCacheLock(opened), ZOV_OKAY);
+        ++counted;
+        zov_shmCacheUnlock(opened);
+        zov_shmCacheCloseCtx(opened);
+      }
+    }
+  });
+  EXPECT_EQ(counted, 8000u);
+  EXPECT_EQ(zov_shmLock(heap), ZOV_OKAY);
+  zov_shmCacheCloseCtx(open(0));
+  std::atomic<bool> entered{false};
+  std::thread other([&] {
+    ZOV_CACHE_CTX opened = open(0);
+    zov_shmCacheLock(opened);
+    entered = true;
+    zov_shmCacheUnlock(opened);
+    zov_shmCacheCloseCtx(opened);
+  });
+  while (zov_shmCacheNumUsers(context = open(0)) < 2) {
+    zov_shmCacheCloseCtx(context);
+  }
+  EXPECT_FALSE(entered);
+  zov_shmUnlock(heap);
+  other.join();
+  EXPECT_TRUE(entered);
+  zov_shmCacheCloseCtx(context);
+}
+
 // What the cache must do with one region.
 struct ModelRegion {
   ZOV_CACHE_REGION region = nullptr;
