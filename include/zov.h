@@ -1624,7 +1624,8 @@ ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
 /**
  * Moves a directory: by renaming it, or else by moving its files into the
  * destination, each as zov_fileMoveEx() does. The destination is created if
- * missing. Directories in the source stay where they are, and the source with
+ * missing, on disk with no permission for group and others that a source on disk
+ * lacks. Directories in the source stay where they are, and the source with
  * them; a source on disk left empty is removed. In memory a directory can be
  * renamed within its directory, to a name that is free.
  *

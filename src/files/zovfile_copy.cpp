@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <string.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
@@ -163,17 +164,53 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
   return to.file != nullptr;
 }
 
-// Copies into an open destination.
+// Copies into an open destination. What was made gets its permission bits then.
 int32_t fillDestination(ZOV_FILE from, const Destination &to) {
   const int32_t status = withBlocks(from, to.file, ZOV_ERROR, _fileCopy);
-  if (!to.made) {
-    return status;
+  return status == ZOV_OKAY && to.made ? zov::passModeOn(*from, *to.file, nullptr) : status;
+}
+
+// Closes a destination that was there before.
+int32_t closeKept(const Destination &to, int32_t status) {
+  const bool closed = zov::closesWhole(to.file);
+  return status == ZOV_OKAY && !closed ? ZOV_ERROR : status;
+}
+
+// Closes a destination that was made, and removes it unless it is whole. On disk
+// the system may tell only now of lost bytes, and a second descriptor then shows
+// whether the name still leads to the file.
+int32_t closeMade(const Destination &to, int32_t status) {
+  const bool onDisk = !zov::isInMemory(to.typeFlags);
+  const int second = onDisk ? fcntl(zov::descriptorOf(*to.file), F_DUPFD_CLOEXEC, 0) : -1;
+  const bool isWhole = status == ZOV_OKAY && (second >= 0 || !onDisk);
+  if (!isWhole) {
+    zov::removeNameOf(*to.file, to.path, to.typeFlags);
   }
-  if (status == ZOV_OKAY && zov::passModeOn(*from, *to.file, nullptr) == ZOV_OKAY) {
-    return ZOV_OKAY;
+  const bool closed = zov::closesWhole(to.file);
+  if (isWhole && !closed && zov::leadsTo(to.path, second)) {
+    zov_fileRemoveEx(to.path, to.typeFlags);
   }
-  zov::removeNameOf(*to.file, to.path, to.typeFlags);
-  return status == ZOV_OKAY ? ZOV_ERROR : status;
+  if (second >= 0) {
+    close(second);
+  }
+  return status == ZOV_OKAY && !(isWhole && closed) ? ZOV_ERROR : status;
+}
+
+// What a file made of one in memory gets its bits and group from: the plain file on
+// disk that it replaces, else what any new file has.
+bool modelOfReplaced(const char *replaced, int made, struct stat &model) {
+  if (replaced != nullptr && lstat(replaced, &model) == 0) {
+    if (S_ISREG(model.st_mode)) {
+      return true;
+    }
+  } else if (replaced != nullptr && errno != ENOENT) {
+    return false;
+  }
+  if (fstat(made, &model) != 0) {
+    return false;
+  }
+  model.st_mode = kNewFileBits;
+  return true;
 }
 
 }  // namespace
@@ -215,15 +252,9 @@ int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const 
   }
   const int descriptor = descriptorOf(made);
   struct stat model;
-  if (memFileOf(source) == nullptr) {
-    if (fstat(descriptorOf(source), &model) != 0) {
-      return ZOV_ERROR;
-    }
-  } else if (replaced == nullptr || lstat(replaced, &model) != 0 || !S_ISREG(model.st_mode)) {
-    if (fstat(descriptor, &model) != 0) {
-      return ZOV_ERROR;
-    }
-    model.st_mode = kNewFileBits;
+  if (memFileOf(source) == nullptr ? fstat(descriptorOf(source), &model) != 0
+                                   : !modelOfReplaced(replaced, descriptor, model)) {
+    return ZOV_ERROR;
   }
   return giveMode(descriptor, kOwnerBits | (model.st_mode & kSharedBits & ~deniedBits()),
                   model.st_gid);
@@ -260,9 +291,7 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
   Destination to = {};
   if (openDestination(to, destination, destinationFlags)) {
     status = fillDestination(from, to);
-    if (!zov::closesWhole(to.file) && status == ZOV_OKAY) {
-      status = ZOV_ERROR;
-    }
+    status = to.made ? closeMade(to, status) : closeKept(to, status);
   }
   zov_fileClose(from);
   return status;

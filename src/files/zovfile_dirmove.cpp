@@ -6,7 +6,9 @@
 //
 // No locks, and nothing jumps: jumps are held off while the walk is open.
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
@@ -96,13 +98,45 @@ int32_t renameWhole(Place source, Place destination) {
                           destination.typeFlags);
 }
 
+// Takes from a directory that was made on disk, and is empty, what group and others
+// may do that they may not in the source.
+int32_t narrow(const char *made, const struct stat &source) {
+  const int directory = open(made, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) {
+    return ZOV_ERROR;
+  }
+  struct stat own;
+  const mode_t most = S_ISGID | S_IRWXU | (source.st_mode & (S_IRWXG | S_IRWXO));
+  const bool isGiven = fstat(directory, &own) == 0 &&
+                       zov::giveMode(directory, own.st_mode & most, source.st_gid) == ZOV_OKAY;
+  close(directory);
+  return isGiven ? ZOV_OKAY : ZOV_ERROR;
+}
+
+// Makes a directory on disk, which is not there, for what comes from another, which
+// may be missing too. ZOV_EXISTS is no failure.
+int32_t makeDestination(Place source, const char *path) {
+  struct stat state;
+  const bool hasModel = !isInMemory(source) && stat(source.directory, &state) == 0;
+  if (!isInMemory(source) && !hasModel && !isMissing(source)) {
+    return ZOV_ERROR;
+  }
+  const int32_t status = zov_dirCreateAll(path);
+  const bool made = status == ZOV_OKAY || status == ZOV_EXISTS;
+  if (!made || !hasModel || narrow(path, state) == ZOV_OKAY) {
+    return status;
+  }
+  zov_dirRemove(path);
+  return ZOV_ERROR;
+}
+
 // A destination in memory comes into being with its first file.
-int32_t prepareDestination(Place destination) {
+int32_t prepareDestination(Place source, Place destination) {
   bool isDirectory = false;
   if (isInMemory(destination) || exists(destination, isDirectory)) {
     return ZOV_OKAY;
   }
-  const int32_t status = zov_dirCreateAll(destination.directory);
+  const int32_t status = makeDestination(source, destination.directory);
   if (status != ZOV_OKAY && status != ZOV_EXISTS) {
     return status;
   }
@@ -117,7 +151,7 @@ int32_t moveFiles(Place source, Place destination) {
   if (walk == nullptr && !isMissing(source)) {
     return failure();
   }
-  int32_t status = prepareDestination(destination);
+  int32_t status = prepareDestination(source, destination);
   if (status == ZOV_OKAY && walk != nullptr) {
     status = moveWalked(walk, source, destination);
   }

@@ -153,11 +153,14 @@ int32_t moveByCopy(Place from, Place to) {
   return status;
 }
 
-// Two names of one file, which is not lost when one of them goes; or of one
-// directory, which is in its place.
-int32_t joinNames(Place from, bool isDirectory) {
-  return isDirectory || zov_fileRemoveEx(from.path, from.typeFlags) == ZOV_OKAY ? ZOV_OKAY
-                                                                                : ZOV_ERROR;
+// Two names of what is in its place already. A file with two links is not lost when
+// one of them goes. With one link both names are of one entry, which a mount or a
+// file system with more than one name for a file shows twice; and directories have
+// no other links.
+int32_t joinNames(Place from, const struct stat &source) {
+  const bool hasOther = !S_ISDIR(source.st_mode) && source.st_nlink > 1;
+  return !hasOther || zov_fileRemoveEx(from.path, from.typeFlags) == ZOV_OKAY ? ZOV_OKAY
+                                                                              : ZOV_ERROR;
 }
 
 // True when a failed rename says that a copy could not take the place either.
@@ -174,7 +177,7 @@ int32_t moveOnDisk(Place from, Place to, const struct stat &source) {
     return ZOV_ERROR;
   }
   if (zov::isSameFile(from.path, to.path)) {
-    return joinNames(from, S_ISDIR(source.st_mode));
+    return joinNames(from, source);
   }
   if (S_ISLNK(source.st_mode) && zov::leadsThrough(from.path, to.path)) {
     return ZOV_ERROR;

@@ -4,9 +4,11 @@
 // A state is written as a text, with items for each name that is there, so a
 // draft left behind shows as well:
 //
-//   x=text  a file          x@600  its permissions on disk, where not 644
+//   x=text  a file          x@600  permissions on disk other than 644, or 755
 //   x>path  a link          x:y    another name of y, in a state to be made
 //   x/      a directory     x|     a fifo; x! a socket and x# a device to be made
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -76,19 +78,23 @@ void addItems(const std::string &base, const std::string &below, uint32_t flags,
     const std::string name = below + entry;
     struct stat state = {};
     state.st_mode = S_IFREG | 0644;
+    if (entry[strspn(entry, ".")] == '\0') {
+      continue;
+    }
     if (flags == 0) {
       lstat((base + name).c_str(), &state);
     }
-    if (isDirectory != 0 && entry[strspn(entry, ".")] != '\0') {
+    if (isDirectory != 0) {
       items.insert(name + "/");
       addItems(base, name + "/", flags, items);
     } else if (S_ISLNK(state.st_mode)) {
       items.insert(name + ">" + std::filesystem::read_symlink(base + name).string());
-    } else if (isDirectory == 0) {
+      continue;
+    } else {
       items.insert(name +
                    (S_ISREG(state.st_mode) ? "=" + zovtest::getFile(base + name, flags) : "|"));
     }
-    if (S_ISREG(state.st_mode) && (state.st_mode & 0777) != 0644) {
+    if ((state.st_mode & 0777) != (S_ISDIR(state.st_mode) ? 0755 : 0644)) {
       std::ostringstream mode;
       mode << name << '@' << std::oct << (state.st_mode & 0777);
       items.insert(mode.str());
@@ -199,6 +205,7 @@ TEST_F(Move, FilesReplaceFiles) {
       {__LINE__, move, "x=new x@775", "", "x", "y", ZOV_OKAY, "y=new", kFar},
       {__LINE__, move, "x=new", "y=old y@640", "x", "y", ZOV_OKAY, "y=new y@640", kToDisk},
       // Calls beneath that fail.
+      {__LINE__, move, "x=a", "y=b y@600", "x", "y", ZOV_ERROR, "", kToDisk, Call::lstat, 1, EIO},
       {__LINE__, move, "x=new", "y/", "x", "y", ZOV_ERROR, "", kFar, Call::rename, 3, EIO},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::fstat, 1, EIO},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::fsync, 1, EIO},
@@ -222,6 +229,8 @@ TEST_F(Move, CopiesKeepOrMakeTheDestination) {
       {__LINE__, copy, "", "y=old", "/proc/version", "y", ZOV_ERROR, "", kNear | kToMemory},
       {__LINE__, copy, "", "", "/proc/version", "y", ZOV_ERROR, "", kNear | kToMemory},
       {__LINE__, copy, "x=a", "y=old", "x", "y", ZOV_ERROR, "", kNear, Call::fstat, 2, EIO},
+      {__LINE__, copy, "x=a", "", "x", "y", ZOV_ERROR, "", kNear, Call::close, 2, ENOSPC},
+      {__LINE__, copy, "x=a", "", "x", "y", ZOV_ERROR, "", kNear, Call::fcntl, 1, EMFILE},
       {__LINE__, copy, "", "", "x", "y", ZOV_ERROR, "", kAll},
       {__LINE__, copy, "x=new", "", "x", "no/y", ZOV_ERROR, "", kNear | kToDisk},
       {__LINE__, copy, "x|", "y=old", "x", "y", ZOV_ERROR, "", kNear | kToMemory},
@@ -264,6 +273,8 @@ TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
       {__LINE__, dirMove, "x=new", "e/", "x", "e", ZOV_ERROR, "", kOnDisk | kToMemory},
       {__LINE__, dirMove, "", "e/", "d", "e", ZOV_OKAY, "", kAll},
       {__LINE__, dirMove, "d/ d/x=1", "", "d", "n/e", ZOV_OKAY, "n/ n/e/ n/e/x=1", kFar},
+      {__LINE__, dirMove, "d/ d/x=1 d@700", "", "d", "e/", ZOV_OKAY, "e/ e/x=1 e@700", kOnDisk},
+      {__LINE__, dirMove, "d/ d@700", "", "d", "e", ZOV_ERROR, "", kFar, Call::fchmod, 1, EIO},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kCopies, Call::opendir, 1, EACCES},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kToMemory, Call::readdir, 1, EIO},
   };
@@ -308,6 +319,21 @@ TEST_F(Move, LooksAtTheSource) {
     EXPECT_EQ(foreign.items(), itemsOf("y=new y@604"));
     EXPECT_EQ(syncs.uses(), 2u) << "the file and its directory";
   }
+}
+
+// Two names with one link are one entry, which a mount shows twice.
+TEST_F(Move, LeavesAFileThatTwoMountsShow) {
+  const Case one(far, kNear);
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool mounted = unshare(CLONE_NEWNS) == 0 &&
+                         mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                         mount(one.from.c_str(), one.to.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    _exit(!mounted || (one.run() == ZOV_OKAY && one.items() == itemsOf("x=new y=new")) ? 0 : 1);
+  }
+  int end = 0;
+  EXPECT_EQ(waitpid(child, &end, 0), child);
+  EXPECT_EQ(end, 0);
 }
 
 // Whichever call beneath a move is the last of its process: the old file or the
