@@ -47,6 +47,22 @@ bool isWritingOutput() {
   return outputDepth > 0;
 }
 
+bool formatText(OutputText &text, const char *format, va_list arguments) {
+  const int32_t length = zov_vsnprintf(text.shortText, sizeof text.shortText, format, arguments);
+  text.longText = nullptr;
+  text.length = length < 0 ? 0 : static_cast<size_t>(length);
+  if (text.length < sizeof text.shortText) {
+    return length >= 0;
+  }
+  text.longText = static_cast<char *>(malloc(text.length + 1));
+  if (text.longText == nullptr) {
+    text.length = sizeof text.shortText - 1;
+    return true;
+  }
+  zov_vsnprintf(text.longText, text.length + 1, format, arguments);
+  return true;
+}
+
 void flushConsole(Console console) {
   if (!exists(console.stack)) {
     fflush(console.standIn);
@@ -94,10 +110,22 @@ void freeInfo(ZOV_FILE_INFO *info) {
   zov_freeMem(info, ZOV_DEFAULT_TAG);
 }
 
+// As through a stack, so that a text does not depend on when it is printed.
+ZOV_PRINTF(2, 0)
+int32_t printToLibc(FILE *file, const char *format, va_list arguments) {
+  zov::OutputText text;
+  if (!zov::formatText(text, format, arguments)) {
+    return -1;
+  }
+  const bool isWritten = fwrite(text.bytes(), 1, text.length, file) == text.length;
+  zov::releaseText(text);
+  return isWritten ? static_cast<int32_t>(text.length) : -1;
+}
+
 ZOV_PRINTF(2, 0)
 int32_t _printfV(zov::Console console, const char *format, va_list arguments) {
   if (!zov::exists(console.stack)) {
-    return vfprintf(console.standIn, format, arguments);
+    return printToLibc(console.standIn, format, arguments);
   }
   int32_t written = 0;
   zov::enterOutput(console.stack);

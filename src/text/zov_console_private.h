@@ -6,6 +6,7 @@
 #define ZOV_TEXT_ZOV_CONSOLE_PRIVATE_H
 
 #include <stdio.h>
+#include <stdlib.h>
 
 #include "core/zov_private.h"
 
@@ -44,6 +45,27 @@ bool isWritingOutput();
 // held.
 inline ZOV_STREAM topStream(const ZOV_FILE_STACK &stack) {
   return stack.top == nullptr ? nullptr : stack.top->info->stream;
+}
+
+// Texts below this length need no buffer.
+constexpr size_t kShortTextBytes = 512;
+
+// A text that was formatted without a tag. Without memory for a long one it ends
+// where shortText does.
+struct OutputText {
+  char shortText[kShortTextBytes];
+  char *longText;  // of libc, null for a text that fits above
+  size_t length;   // bytes, zeros among them
+
+  const char *bytes() const { return longText == nullptr ? shortText : longText; }
+};
+
+// Formats a text as zov_vsnprintf() does, to be put away with releaseText().
+// False when it cannot be formatted.
+bool formatText(OutputText &text, const char *format, va_list arguments) ZOV_PRINTF(2, 0);
+
+inline void releaseText(OutputText &text) {
+  free(text.longText);
 }
 
 // Flushes what is on top of a console's stack; the libc stream when that is

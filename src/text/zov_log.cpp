@@ -7,8 +7,9 @@
 //
 // Nothing here allocates from a tag, so that messages about failing memory get
 // through: a short message is formatted on the stack, a long one in a buffer of
-// libc's. A message that comes up while this thread writes output concerns that
-// output; it goes to descriptor 2 by itself, short, and takes no lock.
+// libc's, and cut where there is none. A message that comes up while this thread
+// writes output concerns that output; it goes to descriptor 2 by itself, short,
+// and takes no lock.
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -24,8 +25,6 @@ struct LogChunk {
 
 namespace {
 
-// Messages below this length need no buffer.
-constexpr uint64_t kShortTextBytes = 512;
 constexpr size_t kStampBytes = 30;
 
 // Writes a whole text to a stream and lets it through to the file.
@@ -62,8 +61,9 @@ void formatStamp(char (&stamp)[kStampBytes]) {
   }
 }
 
+// A stamp without a text would have no line end.
 void writeToLog(const char *text) {
-  if (!zov::exists(zov::logStack)) {
+  if (!zov::exists(zov::logStack) || *text == '\0') {
     return;
   }
   zov::enterOutput(zov::logStack);
@@ -91,7 +91,7 @@ int32_t _zov_log_str(bool isError, const char *text) {
 // A message about the output that this thread is writing.
 ZOV_PRINTF(1, 0)
 int32_t writeRaw(const char *format, va_list arguments) {
-  char text[kShortTextBytes];
+  char text[zov::kShortTextBytes];
   if (zov_vsnprintf(text, sizeof text, format, arguments) > 0) {
     // There is nobody left to tell when this fails.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));
@@ -99,30 +99,30 @@ int32_t writeRaw(const char *format, va_list arguments) {
   return 0;
 }
 
+// Nothing of the library is up: the format is libc's, too.
+ZOV_PRINTF(2, 0)
+int32_t printByLibc(FILE *file, const char *format, va_list arguments) {
+  va_list copy;
+  va_copy(copy, arguments);
+  const int32_t written = vfprintf(file, format, copy);
+  va_end(copy);
+  return written;
+}
+
 ZOV_PRINTF(2, 0)
 int32_t _zov_logV(bool isError, const char *format, va_list arguments) {
   if (!zov::started()) {
-    return vfprintf(isError ? stderr : stdout, format, arguments);
+    return printByLibc(isError ? stderr : stdout, format, arguments);
   }
   if (zov::isWritingOutput()) {
     return writeRaw(format, arguments);
   }
-  char shortText[kShortTextBytes];
-  const int32_t length = zov_vsnprintf(shortText, sizeof shortText, format, arguments);
-  if (length < 0) {
+  zov::OutputText message;
+  if (!zov::formatText(message, format, arguments)) {
     return 0;
   }
-  const uint64_t sizeBytes = static_cast<uint64_t>(length) + 1;
-  if (sizeBytes <= sizeof shortText) {
-    return _zov_log_str(isError, shortText);
-  }
-  char *longText = static_cast<char *>(malloc(sizeBytes));
-  if (longText == nullptr) {
-    return 0;
-  }
-  zov_vsnprintf(longText, sizeBytes, format, arguments);
-  const int32_t written = _zov_log_str(isError, longText);
-  free(longText);
+  const int32_t written = _zov_log_str(isError, message.bytes());
+  zov::releaseText(message);
   return written;
 }
 

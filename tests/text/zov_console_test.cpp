@@ -21,6 +21,12 @@ bool isLog(const std::string &text, const std::string &records) {
   return std::regex_match(text, std::regex(std::regex_replace(records, std::regex("@"), kStamp)));
 }
 
+std::string stampOf(int64_t seconds) {
+  char stamp[30];
+  strftime(stamp, sizeof stamp, "[%d-%b-%Y %H:%M:%S]  ", localtime(&seconds));
+  return stamp;
+}
+
 using Console = zovtest::StartedInDir;
 
 TEST_F(Console, PrintsToItsOwnStream) {
@@ -62,6 +68,8 @@ TEST_F(Console, RedirectionsPileUp) {
 }
 
 TEST_F(Console, LogRecordsCarryATimestamp) {
+  setenv("TZ", "ABC-5:30", 1);
+  const int64_t begin = time(nullptr);
   EXPECT_EQ(zov_log_create((dir.path() + "/").c_str(), "log"), ZOV_OKAY);
   zov_background = 1;  // or the console syncs too
   const Fault syncs(Call::fsync);
@@ -77,6 +85,11 @@ TEST_F(Console, LogRecordsCarryATimestamp) {
   EXPECT_EQ(zov_log("%s\n", long_line.c_str()), 0);
   const std::string text = readFile(at("log"));
   EXPECT_TRUE(isLog(text, "@first line\n@second\n@third@x{5000}\n")) << text.substr(0, 300);
+  bool isNow = false;
+  for (int64_t second = begin; second <= time(nullptr); ++second) {
+    isNow = isNow || text.find(stampOf(second)) == 0;
+  }
+  EXPECT_TRUE(isNow) << text.substr(0, 30);
   EXPECT_EQ(zov_log_create("/no/such/place/", "log"), ZOV_OKAY);
 }
 
@@ -95,12 +108,34 @@ TEST_F(Console, ChunksMakeOneRecord) {
   zov_log_chunk_end(chunk, "three\n");
   zov_log_chunk_end(nullptr, "x");
   zov_log_chunk_end(zov_log_chunk_init(), nullptr);
+  zov_log_chunk_end(zov_log_chunk_init(), "%s", "");
+  zov_log("%s", "");
   zov_log_chunk_end(zov_log_chunk_init(), "alone\n");
   const std::string text = readFile(at("log"));
   EXPECT_TRUE(isLog(text, "@one 1, two, three\n@alone\n")) << text;
 }
 
+int32_t printTwice(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int32_t written = zov_printfV(format, arguments) + zov_printfErrV(format, arguments);
+  va_end(arguments);
+  return written;
+}
+
 TEST(ConsoleOutside, MessagesGoToLibc) {
+  const std::string text(600, 'w');
+  for (const char *shown : {"s", text.c_str()}) {
+    std::string errors;
+    const std::string output = outputOf([&] {
+      errors = errorsOf([&] {
+        EXPECT_EQ(printTwice("%5c|%ls|%a%c", 'x', shown, 1.5, 0), 2 * (int(strlen(shown)) + 12));
+      });
+    });
+    EXPECT_EQ(output, std::string("x|") + shown + "|1.500000" + '\0') << "the library's format";
+    EXPECT_EQ(errors, output) << "and the list left as it was";
+  }
+  EXPECT_EQ(errorsOf([] { printTwice("%s%c", "", 0); }), std::string(1, '\0'));
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(zov_log("before %d\n", 1), 9);
               EXPECT_EQ(zov_printf("printed\n"), 8);
@@ -135,11 +170,11 @@ TEST_F(Console, ShortMemoryIsSurvived) {
   const std::string text(3000, 'y');
   EXPECT_EQ(outputOf([&] {
               zovtest::failAllocationAfter(0, true);
-              EXPECT_EQ(zov_log("%s", text.c_str()), 0) << "no buffer, nothing written";
+              EXPECT_EQ(zov_log("%s", text.c_str()), 511) << "what fits without a buffer";
               EXPECT_EQ(zov_log("short\n"), 6);
               zovtest::stopFailing();
             }),
-            "short\n");
+            text.substr(0, 511) + "short\n");
   // The format buffer of a stream cannot grow: the message about it follows
   // when the lock is free.
   const std::string output = outputOf([&] {
@@ -188,18 +223,19 @@ TEST_F(Console, ThreadsDoNotMixTheirRecords) {
   });
   zov_log_close();
   zov_stdout_close();
-  int next[kThreads] = {};
-  const std::string log = readFile(at("log"));
-  const std::regex line(std::string(kStamp) + R"((\d+)/(\d+) z+\n)");
-  size_t covered = 0;
-  for (std::sregex_iterator match(log.begin(), log.end(), line), end; match != end; ++match) {
-    covered += static_cast<size_t>(match->length());
-    EXPECT_EQ(std::stoi((*match)[2]), next[std::stoi((*match)[1])]++);
+  for (const bool isLogFile : {true, false}) {
+    const int times = isLogFile ? 1 : 2;  // the console gets what is printed, too
+    int next[kThreads] = {};
+    const std::string text = readFile(at(isLogFile ? "log" : "out"));
+    const std::regex line(std::string(isLogFile ? kStamp : "") + R"((\d+)/(\d+)( z+)?\n)");
+    size_t covered = 0;
+    for (std::sregex_iterator match(text.begin(), text.end(), line), end; match != end; ++match) {
+      covered += static_cast<size_t>(match->length());
+      EXPECT_EQ(std::stoi((*match)[2]), next[std::stoi((*match)[1])]++ / times);
+    }
+    EXPECT_EQ(covered, text.size());
+    EXPECT_EQ(std::count(std::begin(next), std::end(next), kRecords * times), kThreads);
   }
-  EXPECT_EQ(covered, log.size());
-  EXPECT_EQ(std::count(std::begin(next), std::end(next), kRecords), kThreads);
-  const std::string out = readFile(at("out"));
-  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2 * kThreads * kRecords);
 }
 
 }  // namespace
