@@ -214,6 +214,25 @@ void zovWrite(benchmark::State &state, Put put) {
   setting.count(state);
 }
 
+void LibcPutc(benchmark::State &state) {
+  int (*volatile called)(int, FILE *) = fputc_unlocked;
+  libcWrite(state, [put = called](const char *line, FILE *file) {
+    for (; *line != '\0'; ++line) {
+      put(*line, file);
+    }
+  });
+}
+BENCHMARK(LibcPutc)->Apply(bufferSizes);
+
+void Fputc(benchmark::State &state) {
+  zovWrite(state, [](const char *line, ZOV_STREAM stream) {
+    for (; *line != '\0'; ++line) {
+      zov_fputc(*line, stream);
+    }
+  });
+}
+BENCHMARK(Fputc);
+
 void LibcFputs(benchmark::State &state) {
   libcWrite(state, [](const char *line, FILE *file) { fputs(line, file); });
 }

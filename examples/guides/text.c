@@ -3,6 +3,7 @@
  * Formats text, writes and reads a UTF-16 file, converts names, and redirects
  * output. docs/text.md walks through it.
  */
+#include <errno.h>
 #include <string.h>
 #include <zov.h>
 
@@ -43,6 +44,20 @@ static void readLines(const char *name) {
   zov_freeMem(line, ZOV_DEFAULT_TAG);
 }
 
+/* The error of the first transfer that failed, or 0: the calls do not tell. */
+static int save(const char *name, const char *text) {
+  ZOV_STREAM stream = zov_fopen(name, "w", ZOV_ENC_BYTES);
+  if (stream == NULL) {
+    return errno;
+  }
+  errno = 0;
+  put(stream, text);
+  zov_fflush(stream); /* sent and synced */
+  const int lost = errno;
+  zov_fclose(stream);
+  return lost != 0 ? lost : errno;
+}
+
 /* There and back: the directives for wide text are not for wide text here. */
 static void convert(const char *name) {
   wchar_t wide[8];
@@ -57,6 +72,8 @@ static void convert(const char *name) {
 static int work(void) {
   writeLines("text.txt");
   readLines("text.txt");
+  zov_printf("saved: %s, on a full disk: %s\n", strerror(save("saved.txt", "kept\n")),
+             strerror(save("/dev/full", "lost\n")));
   convert("caf\xE9");
   if (zov_log_open("guide.log") != ZOV_OKAY || zov_stdout_open("report.txt") != ZOV_OKAY) {
     return 1;

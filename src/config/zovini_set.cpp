@@ -170,7 +170,7 @@ void takeEnd(Rewrite &rewrite) {
 // Sends the rest of the copy to its file, which is not synced by it, and tells
 // whether the file has all of it.
 bool isWrittenWhole(FileCache &out) {
-  const uint64_t length = out.length;
+  const uint64_t length = fileCacheLength(out);
   return fileCacheSync(out) == ZOV_OKAY &&
          zov_fileLength(out.handle) == static_cast<int64_t>(length);
 }
@@ -249,7 +249,7 @@ int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
     return ZOV_INI_NOMEMORY;
   }
   FileCache out = {};
-  fileCacheOpen(out, copy, false, O_WRONLY);
+  fileCacheOpen(out, copy, {.canRead = false, .canWrite = true});
   const int32_t status = isByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out);
   zov_fclose(in);
   return status;

@@ -19,6 +19,9 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "core/zov_private.h"
 #include "text/zov_stream_private.h"
 
@@ -46,7 +49,7 @@ constexpr Mark kMarks[] = {
 // What a mode string asks for.
 struct OpenMode {
   uint32_t openFlags = O_RDONLY;
-  bool writing = false;
+  bool writing = false;  // it begins as an output file, with a mark if any
 };
 
 // Reads the letters of a mode; later letters rule over earlier ones. False for
@@ -86,45 +89,64 @@ void writeBOM(TextStream &stream) {
   }
 }
 
-// How many bytes of the mark the file begins with. Asks the file for no more
-// than it takes to tell.
-uint32_t matchedBytes(zov::FileCache &cache, const Mark &mark) {
-  uint32_t count = 0;
-  while (count < mark.lengthBytes && zov::fileCachePeek(cache, count + 1) &&
-         cache.data[count] == mark.bytes[count]) {
-    ++count;
-  }
-  return count;
+bool beginsMark(char byte) {
+  return std::any_of(std::begin(kMarks), std::end(kMarks),
+                     [byte](const Mark &mark) { return mark.bytes[0] == byte; });
 }
 
 // Decides the encoding by the mark of the file and leaves the stream on the
 // first byte behind it. A file of one byte that could have begun a mark tells
-// nothing, and keeps the encoding the caller gave.
+// nothing, and keeps the encoding the caller gave. Each byte of the file is
+// asked for once, and none that is not needed: the input may be a terminal.
 void checkForBOM(TextStream &stream) {
-  bool beginsMark = false;
+  zov::FileCache &cache = stream.cache;
+  const int32_t passed = stream.encoding;
+  stream.encoding = ZOV_ENC_BYTES;
+  if (!zov::fileCachePeek(cache, 1) || !beginsMark(cache.data[0])) {
+    return;
+  }
+  if (!zov::fileCachePeek(cache, 2)) {
+    stream.encoding = passed;
+    return;
+  }
   for (const Mark &mark : kMarks) {
-    const uint32_t matched = matchedBytes(stream.cache, mark);
-    if (matched == mark.lengthBytes) {
+    if (memcmp(cache.data, mark.bytes, 2) == 0 && zov::fileCachePeek(cache, mark.lengthBytes) &&
+        memcmp(cache.data, mark.bytes, mark.lengthBytes) == 0) {
       stream.encoding = mark.encoding;
-      stream.bomLength = static_cast<int32_t>(matched);
-      fileCacheSeek(stream.cache, matched, 0);
+      stream.bomLength = static_cast<int32_t>(mark.lengthBytes);
+      fileCacheSeek(cache, mark.lengthBytes, 0);
       return;
     }
-    beginsMark = beginsMark || matched > 0;
   }
-  const bool tellsNothing = beginsMark && stream.cache.valid == 1;
-  stream.encoding = tellsNothing ? stream.encoding : ZOV_ENC_BYTES;
 }
 
+zov::FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
+  const uint32_t access = mode.openFlags & O_ACCMODE;
+  const bool appends = (mode.openFlags & O_APPEND) != 0;
+  return {.canRead = access != O_WRONLY,
+          .canWrite = access != O_RDONLY,
+          .appends = appends && access == O_WRONLY,
+          .seeksEnd = appends && (options & ZOV_FILE_MEMORY) != 0,
+          .hasEnd = !isStandardName(name)};
+}
+
+// An empty stream, or null with errno.
 TextStream *newStream() {
-  return static_cast<TextStream *>(
-      zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  void *memory = zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+  if (memory == nullptr) {
+    errno = ENOMEM;
+  }
+  return static_cast<TextStream *>(memory);
 }
 
-// Opens what a name stands for under an empty stream, which it releases when
-// that fails. errno tells why.
-TextStream *openFile(TextStream *stream, const char *name, bool isStandard, uint32_t openFlags,
-                     uint32_t options) {
+// A stream over what a name stands for, or null with errno.
+TextStream *openStream(const char *name, uint32_t openFlags, uint32_t options,
+                       const zov::FileUse &use) {
+  if (!zov::started() || name == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  TextStream *stream = newStream();
   if (stream == nullptr) {
     return nullptr;
   }
@@ -135,7 +157,7 @@ TextStream *openFile(TextStream *stream, const char *name, bool isStandard, uint
     errno = openError;
     return nullptr;
   }
-  zov::fileCacheOpen(stream->cache, handle, isStandard, openFlags);
+  zov::fileCacheOpen(stream->cache, handle, use);
   return stream;
 }
 
@@ -157,16 +179,14 @@ ZOV_STREAM zov::streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding
     errno = EINVAL;
     return nullptr;
   }
-  TextStream *stream = nullptr;
-  {
-    const NoJump noJump;
-    stream = newStream();
-  }
+  holdJumps();
+  TextStream *stream = newStream();
+  allowJumps();
   if (stream == nullptr) {
     errno = ENOMEM;
     return nullptr;
   }
-  fileCacheOpen(stream->cache, handle, false, parsed.openFlags);
+  fileCacheOpen(stream->cache, handle, useOf(parsed, nullptr, 0));
   begin(*stream, parsed.writing, encoding);
   return stream;
 }
@@ -180,10 +200,11 @@ ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding) {
 ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uint32_t options) {
   OpenMode parsed;
   if (!parseMode(mode, parsed)) {
+    errno = EINVAL;
     return nullptr;
   }
   TextStream *stream =
-      openFile(newStream(), name, isStandardName(name), parsed.openFlags, options & kOptionBits);
+      openStream(name, parsed.openFlags, options & kOptionBits, useOf(parsed, name, options));
   if (stream != nullptr) {
     begin(*stream, parsed.writing, encoding);
   }
@@ -191,7 +212,8 @@ ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uin
 }
 
 ZOV_STREAM zov_fopen_std(const char *name) {
-  TextStream *stream = openFile(newStream(), name, true, O_RDONLY, 0);
+  const bool isOutput = isStandardName(name);
+  TextStream *stream = openStream(name, O_RDONLY, 0, {.canRead = !isOutput, .canWrite = isOutput});
   if (stream != nullptr) {
     stream->encoding = ZOV_ENC_BYTES;
   }
@@ -200,8 +222,10 @@ ZOV_STREAM zov_fopen_std(const char *name) {
 
 void zov_fclose(ZOV_STREAM stream) {
   zov::fileCacheClose(stream->cache);
+  const int error = errno;
   zov_freeMem(stream->formatBuffer, ZOV_DEFAULT_TAG);
   zov_freeMem(stream, ZOV_DEFAULT_TAG);
+  errno = error;
 }
 
 int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin) {

@@ -9,61 +9,112 @@
 //        goes out next   written over or read next
 //
 // Streams are read from the start or written from the start, so the handle is
-// never positioned. After a seek out of the block the next transfer goes on
-// where the last one left the handle, whatever offset the stream has by then.
-// One consequence serves the callers: pipes and terminals work as files do.
+// never positioned, but to the end of a file in memory that is appended to.
+// After a seek out of the block the next transfer goes on where the last one
+// left the handle, whatever offset the stream has by then. One consequence
+// serves the callers: pipes and terminals work as files do.
 //
 // A stream belongs to one thread at a time and nothing here takes a lock,
 // allocates or jumps.
-#include <fcntl.h>
+#include <errno.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
 
+#include "core/zov_private.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
 namespace {
 
-// Bytes of the block in front of position. A seek may have gone back behind
-// the block or far ahead of it; the block is all there is to send.
+// Bytes of the block that go out: those in front of position; what was written,
+// where a seek has left the block.
 uint32_t bytesToSend(const FileCache &cache) {
-  if (cache.position < cache.base) {
-    return 0;
+  const uint64_t offset = offsetInBlock(cache);
+  return offset <= kBlockBytes ? static_cast<uint32_t>(offset) : cache.written;
+}
+
+// Zeros what lies in the block between the bytes that it holds and position.
+void clearGap(FileCache &cache) {
+  const uint64_t offset = offsetInBlock(cache);
+  const uint32_t held = std::max(cache.written, cache.valid);
+  if (offset <= kBlockBytes && offset > held) {
+    memset(cache.data + held, 0, offset - held);
   }
-  return static_cast<uint32_t>(std::min<uint64_t>(offsetInBlock(cache), kBlockBytes));
+}
+
+// Makes position the start of an empty block. A block that begins before the
+// file takes nothing, wherever a seek goes in it.
+void placeBlock(FileCache &cache) {
+  const bool isInFile = static_cast<int64_t>(cache.position) >= 0;
+  cache.base = cache.position;
+  cache.valid = 0;
+  cache.written = 0;
+  cache.writeLimit = cache.canWrite && isInFile ? kBlockBytes : 0;
 }
 
 // Takes the bytes out of the block that a handle took before it failed, so that
-// the next attempt does not send them twice.
-void dropSent(FileCache &cache, uint32_t sent) {
+// the next attempt does not send them twice. The others still wait, and the
+// block may now reach up to a position that was outside of it.
+void dropSent(FileCache &cache, uint32_t sent, uint32_t wanted) {
   memmove(cache.data, cache.data + sent, kBlockBytes - sent);
   cache.base += sent;
+  cache.written = std::max(cache.written, wanted) - sent;
   cache.valid = 0;
+  clearGap(cache);
 }
 
-// Sends the bytes in front of position. False when the handle failed or took
-// only some of them: they stay for another attempt. A handle that takes nothing
-// and does not fail, as under the read-only flag, lets the writer go on.
+// One transfer to the handle. A file in memory has no mode in which writing goes
+// to its end; its lock keeps others from appending at the same place.
+uint32_t send(FileCache &cache, const char *bytes, uint32_t lengthBytes) {
+  if (!cache.seeksEnd) {
+    return zov_fileWrite(cache.handle, bytes, lengthBytes);
+  }
+  if (zov_fileLock(cache.handle) != ZOV_OKAY) {
+    return ZOV_IO_FAILED;
+  }
+  zov_fileSeek(cache.handle, 0, SEEK_END);
+  const uint32_t sent = zov_fileWrite(cache.handle, bytes, lengthBytes);
+  zov_fileUnlock(cache.handle);
+  return sent;
+}
+
+// Sends so many bytes of the block, the rest again where a transfer was short,
+// and tells how many went out. Those that the read-only flag drops have gone.
+uint32_t sendAll(FileCache &cache, uint32_t wanted) {
+  uint32_t sent = 0;
+  while (sent < wanted) {
+    const uint32_t count = send(cache, cache.data + sent, wanted - sent);
+    if (count == 0 && loadFlag(zov_readonly) != 0) {
+      return wanted;
+    }
+    if (count == 0 || count == ZOV_IO_FAILED) {
+      break;
+    }
+    sent += count;
+  }
+  return sent;
+}
+
+// Sends the bytes that wait. False when the handle failed: those that it did not
+// take stay for another attempt, and errno tells why.
 bool flushModified(FileCache &cache) {
-  if (cache.dirty == 0) {
+  if (cache.written == 0) {
     return true;
   }
+  const int before = errno;
   const uint32_t wanted = bytesToSend(cache);
-  const uint32_t sent = zov_fileWrite(cache.handle, cache.data, wanted);
-  if (sent == ZOV_IO_FAILED) {
-    return false;
-  }
+  cache.length = fileCacheLength(cache);
+  const uint32_t sent = sendAll(cache, wanted);
   if (sent < wanted) {
-    if (sent == 0) {
-      return true;
+    if (sent > 0) {
+      dropSent(cache, sent, wanted);
     }
-    dropSent(cache, sent);
     return false;
   }
-  cache.dirty = 0;
-  cache.valid = 0;
-  cache.base = cache.position;
+  placeBlock(cache);
+  errno = before;
   return true;
 }
 
@@ -72,7 +123,7 @@ bool flushModified(FileCache &cache) {
 // readers at the end the call.
 uint32_t load(FileCache &cache) {
   const bool atEnd = cache.length != 0 && cache.base + cache.valid >= cache.length;
-  if (atEnd || cache.writeOnly != 0) {
+  if (atEnd || !cache.canRead) {
     return 0;
   }
   const uint32_t count =
@@ -90,27 +141,43 @@ bool reposition(FileCache &cache) {
   if (!flushModified(cache)) {
     return false;
   }
-  cache.dirty = 0;
-  cache.valid = 0;
-  cache.base = cache.position;
+  placeBlock(cache);
   load(cache);
   return true;
 }
 
+// What is refused whatever the block holds; errno tells why.
+bool mayWrite(const FileCache &cache) {
+  const bool isInFile = static_cast<int64_t>(cache.position) >= 0;
+  if (cache.canWrite && isInFile) {
+    return true;
+  }
+  errno = isInFile ? EBADF : EINVAL;
+  return false;
+}
+
 }  // namespace
 
-void fileCacheOpen(FileCache &cache, ZOV_FILE handle, bool isStandard, uint32_t openFlags) {
+void fileCacheOpen(FileCache &cache, ZOV_FILE handle, const FileUse &use) {
   cache.handle = handle;
-  cache.writeOnly = (openFlags & O_ACCMODE) == O_WRONLY ? 1 : 0;
-  if (!isStandard) {
+  cache.canRead = use.canRead;
+  cache.canWrite = use.canWrite;
+  cache.seeksEnd = use.seeksEnd;
+  if (use.hasEnd) {
     cache.length = static_cast<uint64_t>(std::max<int64_t>(zov_fileLength(handle), 0));
   }
+  cache.position = use.appends ? cache.length : 0;
+  placeBlock(cache);
 }
 
 void fileCacheClose(FileCache &cache) {
-  flushModified(cache);
+  const int before = errno;
+  const int sendError = flushModified(cache) ? 0 : errno;
+  errno = 0;
   zov_fileClose(cache.handle);
+  const int closeError = errno;
   cache.handle = nullptr;
+  errno = sendError != 0 ? sendError : closeError != 0 ? closeError : before;
 }
 
 uint32_t fileCacheFill(FileCache &cache) {
@@ -150,39 +217,48 @@ uint64_t fileCacheWrite(FileCache &cache, const void *bytes, uint64_t lengthByte
   const char *from = static_cast<const char *>(bytes);
   uint64_t taken = 0;
   while (taken < lengthBytes) {
-    if (offsetInBlock(cache) >= kBlockBytes && !reposition(cache)) {
-      break;
+    uint64_t offset = offsetInBlock(cache);
+    if (offset >= cache.writeLimit) [[unlikely]] {
+      if (!mayWrite(cache) || !reposition(cache)) {
+        break;
+      }
+      offset = 0;
     }
-    const uint64_t offset = offsetInBlock(cache);
     const uint64_t run = std::min(lengthBytes - taken, kBlockBytes - offset);
     memcpy(cache.data + offset, from + taken, run);
-    cache.dirty = 1;
     cache.position += run;
-    cache.length = std::max(cache.length, cache.position);
+    cache.written = std::max(cache.written, static_cast<uint32_t>(offset + run));
     taken += run;
   }
   return taken;
 }
 
+bool fileCacheReserve(FileCache &cache, uint32_t lengthBytes) {
+  const uint64_t offset = offsetInBlock(cache);
+  const bool fits = offset < cache.writeLimit && cache.writeLimit - offset >= lengthBytes;
+  return fits || (mayWrite(cache) && reposition(cache));
+}
+
 int32_t fileCacheSeek(FileCache &cache, int64_t offset, int32_t origin) {
-  const uint64_t distance = static_cast<uint64_t>(offset);
-  switch (origin) {
-    case 0:
-      cache.position = distance;
-      return ZOV_OKAY;
-    case 1:
-      cache.position += distance;
-      return ZOV_OKAY;
-    case 2:
-      cache.position = cache.length + distance;
-      return ZOV_OKAY;
-    default:
-      return ZOV_ERROR;
+  const uint64_t from[] = {0, cache.position, fileCacheLength(cache)};
+  if (origin < 0 || origin > 2) {
+    return ZOV_ERROR;
   }
+  cache.position = from[origin] + static_cast<uint64_t>(offset);
+  clearGap(cache);
+  return ZOV_OKAY;
 }
 
 int32_t fileCacheSync(FileCache &cache) {
-  return flushModified(cache) ? zov_fileSync(cache.handle) : ZOV_ERROR;
+  if (!flushModified(cache)) {
+    return ZOV_ERROR;
+  }
+  const int before = errno;
+  const int32_t status = zov_fileSync(cache.handle);
+  if (status == ZOV_OKAY || errno == EINVAL || errno == EROFS) {
+    errno = before;
+  }
+  return status;
 }
 
 }  // namespace zov

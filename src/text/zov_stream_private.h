@@ -17,32 +17,52 @@ constexpr uint32_t kPushbackValues = 20;
 // 1. The handle is read and written at its own position only, which nothing
 //    but those transfers moves. base, position and length are the stream's own
 //    reckoning: a seek changes position and leaves block and handle alone.
-// 2. position may lie anywhere, before base too. position - base, modulo 2^64,
-//    is the offset into the block; it is inside for reading while below valid,
-//    for writing while below kBlockBytes.
-// 3. While dirty, what lies between base and position goes to the handle before
-//    the block is used for anything else. What lies behind position does not.
-// 4. valid is at most kBlockBytes.
+// 2. position may lie anywhere, before base and before the file too. position -
+//    base, modulo 2^64, is the offset into the block; it is inside for reading
+//    while below valid, for writing while below writeLimit.
+// 3. While written is not 0, bytes wait in the block. Before it is used for
+//    anything else the handle gets what lies between base and position; where
+//    position is outside of the block, what lies in front of written.
+// 4. Up to position the block holds what was read, what was written, or zeros.
+// 5. valid and written are at most kBlockBytes.
 struct FileCache {
-  uint64_t base;      // offset in the file of the first byte of the block
-  uint64_t position;  // offset of the next byte read or written
-  uint64_t length;    // known end of the file; 0 for none: read and see
+  uint64_t base;        // offset in the file of the first byte of the block
+  uint64_t position;    // offset of the next byte read or written
+  uint32_t valid;       // bytes of the block read from the file
+  uint32_t written;     // end in the block of the bytes that wait; 0 for none
+  uint32_t writeLimit;  // kBlockBytes; 0 where writing is refused or base is below 0
+  bool canRead;
+  bool canWrite;
+  bool seeksEnd;    // each transfer to the handle goes to the end of the file
+  uint64_t length;  // known end of the file but for the block; 0: read and see
   ZOV_FILE handle;
-  uint32_t valid;      // bytes of the block read from the file
-  uint32_t dirty;      // 1: the block holds bytes the handle has not got
-  uint32_t writeOnly;  // 1: the handle cannot be read
   char data[kBlockBytes];
+};
+
+// What a stream may do with its handle.
+struct FileUse {
+  bool canRead;
+  bool canWrite;
+  bool appends = false;   // the end of the file is where writing starts
+  bool seeksEnd = false;  // and the handle does not go there by itself
+  bool hasEnd = false;    // the handle is asked for its length
 };
 
 inline uint64_t offsetInBlock(const FileCache &cache) {
   return cache.position - cache.base;
 }
 
-// Puts a zero-filled cache on a handle, which it owns from then on. The end of a
-// standard stream's file is not asked for.
-void fileCacheOpen(FileCache &cache, ZOV_FILE handle, bool isStandard, uint32_t openFlags);
+// The end of the file with what waits in the block; 0 where it is not known.
+inline uint64_t fileCacheLength(const FileCache &cache) {
+  const uint64_t reached = cache.written == 0 ? 0 : cache.base + cache.written;
+  return reached > cache.length ? reached : cache.length;
+}
 
-// Sends what is left to the handle and closes it.
+// Puts a zero-filled cache on a handle, which it owns from then on.
+void fileCacheOpen(FileCache &cache, ZOV_FILE handle, const FileUse &use);
+
+// Sends what is left to the handle and closes it. errno tells what failed first
+// and is as it was when nothing did.
 void fileCacheClose(FileCache &cache);
 
 // Brings the byte at position into the block for reading and tells how many
@@ -59,21 +79,26 @@ bool fileCachePeek(FileCache &cache, uint32_t lengthBytes);
 uint32_t fileCacheRead(FileCache &cache, void *buffer, uint32_t lengthBytes);
 uint64_t fileCacheWrite(FileCache &cache, const void *bytes, uint64_t lengthBytes);
 
+// Makes sure that so many bytes, of a few, can be written without failing.
+bool fileCacheReserve(FileCache &cache, uint32_t lengthBytes);
+
 // Moves position. ZOV_ERROR for an origin other than 0, 1 and 2.
 int32_t fileCacheSeek(FileCache &cache, int64_t offset, int32_t origin);
 
-// Sends what the block holds to the handle and the handle's file to disk.
+// Sends what the block holds to the handle and the handle's file to disk. errno
+// tells what failed and is as it was when nothing did; that a pipe or a terminal
+// cannot be synced is no failure to it.
 int32_t fileCacheSync(FileCache &cache);
 
 inline bool fileCachePutByte(FileCache &cache, char byte) {
   const uint64_t offset = offsetInBlock(cache);
-  if (offset >= kBlockBytes) [[unlikely]] {
+  if (offset >= cache.writeLimit) [[unlikely]] {
     return fileCacheWrite(cache, &byte, 1) == 1;
   }
+  const uint32_t end = static_cast<uint32_t>(offset) + 1;
   cache.data[offset] = byte;
-  cache.dirty = 1;
   ++cache.position;
-  cache.length = cache.length < cache.position ? cache.position : cache.length;
+  cache.written = cache.written < end ? end : cache.written;
   return true;
 }
 

@@ -5,10 +5,9 @@
 // stream's record and writes one or two units in host byte order when the last
 // one arrives.
 //
-// A call that writes a unit says 0, failure, although the unit is written: its
-// success is judged by a count of one byte, and a unit has two. Callers of
-// zov_fputc() on UTF-16 streams know this and ignore the result; calls that
-// write a string stop after the first unit.
+// A byte that completes a character gets the answer 0, failure, although the
+// character is written. Callers of zov_fputc() on UTF-16 streams know this and
+// ignore the result; calls that write a string stop after the first character.
 //
 // Writing takes no lock. Only the formatting calls allocate and may jump, with
 // the stream as it was.
@@ -23,23 +22,25 @@ using zov::fileCacheWrite;
 constexpr uint8_t kFirstLead = 0xC2;  // those below lead overlong forms
 constexpr uint8_t kLastLead = 0xF4;   // those above lead past U+10FFFF
 
-// Writes one unit and judges it by the count of one byte, see above.
-bool putUnit(TextStream &stream, uint32_t value) {
-  const uint16_t unit = static_cast<uint16_t>(value);
-  return fileCacheWrite(stream.cache, &unit, sizeof unit) == 1;
-}
-
+// Writes a character whole or leaves nothing of it. Gives false in both cases,
+// the answer that its last byte gets, see above.
 bool putCodePoint(TextStream &stream, uint32_t codePoint) {
-  if (codePoint <= 0xFFFF) {
-    return putUnit(stream, codePoint);
+  uint16_t units[2] = {static_cast<uint16_t>(codePoint)};
+  uint32_t bytes = sizeof units[0];
+  if (codePoint > 0xFFFF) {
+    units[0] = static_cast<uint16_t>(0xD800u | (((codePoint - 0x10000u) >> 10) & 0x3FFu));
+    units[1] = static_cast<uint16_t>(0xDC00u | (codePoint & 0x3FFu));
+    bytes = sizeof units;
   }
-  putUnit(stream, 0xD800u | (((codePoint - 0x10000u) >> 10) & 0x3FFu));
-  return putUnit(stream, 0xDC00u | (codePoint & 0x3FFu));
+  if (zov::fileCacheReserve(stream.cache, bytes)) {
+    fileCacheWrite(stream.cache, units, bytes);
+  }
+  return false;
 }
 
 bool startSequence(TextStream &stream, uint8_t byte) {
   if (byte < 0x80) {
-    return putUnit(stream, byte);
+    return putCodePoint(stream, byte);
   }
   if (byte < kFirstLead || byte > kLastLead) {
     return false;

@@ -70,8 +70,10 @@ void Fault::use(Verdict &verdict) {
     inHook = false;
   }
   if (number == nth_ || (onwards_ && number > nth_)) {
-    verdict.fails = verdict.fails || limit_ == SIZE_MAX;
-    verdict.error = error_;
+    if (limit_ == SIZE_MAX && !verdict.fails) {
+      verdict.fails = true;
+      verdict.error = error_;
+    }
     verdict.limit = std::min(verdict.limit, limit_);
   }
 }

@@ -32,29 +32,34 @@ struct ScratchFile {
   std::string path = "/proc/self/fd/" + std::to_string(descriptor);
 };
 
-// A stream that moves one byte at a time.
+// A stream that moves one byte at a time. block holds what was read or written
+// from base on.
 struct StreamModel {
   std::string file;
   bool readable, wide;
   uint64_t base = 0, position = 0, length = file.size();
-  size_t at = 0, valid = 0;  // at: where the file itself stands
-  bool dirty = false;
-  std::string block = std::string(1024, '\0');
+  size_t at = 0, valid = 0, written = 0;  // at: where the file itself stands
+  std::string block = "";
   std::vector<int32_t> pushed = {};
 
   void send() {
-    if (std::exchange(dirty, false)) {
-      const size_t count = position < base ? 0 : std::min<size_t>(position - base, 1024);
+    if (written > 0) {
+      const size_t count = position - base <= 1024 ? position - base : written;
+      block.resize(std::max(block.size(), count));
       file.replace(at, count, block, 0, count);
       at += count;
-      base = position;
-      valid = 0;
+      hold("");
     }
+  }
+  void hold(const std::string &read) {
+    base = position;
+    block = read;
+    valid = read.size();
+    written = 0;
   }
   void move() {
     send();
-    base = position;
-    valid = readable && (length == 0 || position < length) ? file.copy(&block[0], 1024, at) : 0;
+    hold(readable && (length == 0 || position < length) ? file.substr(at, 1024) : "");
     at += valid;
   }
   int32_t getByte() {
@@ -63,13 +68,19 @@ struct StreamModel {
     }
     return valid == 0 ? -1 : static_cast<uint8_t>(block[position++ - base]);
   }
-  void putByte(char byte) {
-    if (position - base >= 1024) {
+  bool isBefore(uint64_t offset) const { return offset > INT64_MAX; }
+  bool putByte(char byte) {
+    if (isBefore(position)) {
+      return false;
+    }
+    if (isBefore(base) || position - base >= 1024) {
       move();
     }
-    block[position++ - base] = byte;
-    dirty = true;
+    written = std::max(written, ++position - base);
+    block.resize(std::max(block.size(), position - base));
+    block[position - base - 1] = byte;
     length = std::max(length, position);
+    return true;
   }
   int32_t getUnit() {
     const int32_t low = getByte();
@@ -161,8 +172,7 @@ class StreamWalk {
   void seek() {
     const uint32_t origin = below(3);
     const uint64_t from[] = {model.wide ? 2u : 0u, model.position, model.length};
-    const int32_t wanted = static_cast<int32_t>(below(below(2) == 0 ? 30 : 2500)) - 15;
-    const int32_t offset = std::max(wanted, -static_cast<int32_t>(from[origin]));
+    const int32_t offset = static_cast<int32_t>(below(below(2) == 0 ? 30 : 2500)) - 15;
     check("zov_fseek", zov_fseek(stream, offset, static_cast<int32_t>(origin)) == ZOV_OKAY);
     model.position = from[origin] + static_cast<uint64_t>(int64_t{offset});
   }
@@ -174,8 +184,9 @@ class StreamWalk {
     const int32_t written = length == 1     ? zov_fputc(byte, stream)
                             : byte % 2 == 0 ? zov_fputs(text.c_str(), stream)
                                             : zov_fprintf(stream, "%s", text.c_str());
-    check("writing", written == length);
-    std::for_each(text.begin(), text.end(), [&](char c) { model.putByte(c); });
+    const bool taken =
+        std::all_of(text.begin(), text.end(), [&](char c) { return model.putByte(c); });
+    check("writing", written == (taken ? length : length == 1 ? 0 : -1));
   }
 
   void step() {
