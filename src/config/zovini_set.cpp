@@ -220,23 +220,6 @@ char *tempPathFor(const char *path, uint16_t flags) {
   return temp;
 }
 
-// Opens the file that is to be changed: on disk a plain one, whose status it
-// tells. Neither waits nor makes anything.
-ZOV_FILE openOriginal(const char *path, uint16_t flags, struct stat &status) {
-  if (!isInMemory(flags) && standardStream(path) >= 0) {
-    return nullptr;
-  }
-  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, flags);
-  if (file == nullptr || isInMemory(flags)) {
-    return file;
-  }
-  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
-    zov_fileClose(file);
-    return nullptr;
-  }
-  return file;
-}
-
 bool isByteSwapped(const TextStream &in) {
   return in.bomLength == 2 && memcmp(in.cache.data, "\xFE\xFF", 2) == 0;
 }
@@ -259,7 +242,7 @@ int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
 // opened only now: it may have been replaced before the lock was taken.
 int32_t fillAndPlace(const Change &change, const char *path, LockedCopy &copy) {
   struct stat status;
-  const ZOV_FILE original = openOriginal(path, static_cast<uint16_t>(copy.typeFlags), status);
+  const ZOV_FILE original = openOriginal(path, copy.typeFlags, status);
   if (original == nullptr) {
     return failureOf(ZOV_INI_NOFILE);
   }
@@ -299,8 +282,7 @@ int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, 
 }
 
 int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) {
-  struct stat none;
-  const ZOV_FILE original = openOriginal(path, flags, none);
+  const ZOV_FILE original = zov_fileOpen(path, O_RDONLY, flags);
   if (original == nullptr) {
     return failureOf(ZOV_INI_NOFILE);
   }

@@ -176,6 +176,21 @@ int32_t finish(const LockedCopy &copy, const struct stat &original) {
 
 }  // namespace
 
+ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status) {
+  if (standardStream(path) >= 0) {
+    return nullptr;
+  }
+  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
+    zov_fileClose(file);
+    return nullptr;
+  }
+  return file;
+}
+
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
   const int64_t last = nowMs() + kMostWaitMs;
   Attempt attempt = tryMake(copy, original);

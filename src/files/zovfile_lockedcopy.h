@@ -24,6 +24,10 @@ struct LockedCopy {
 
 // None of these allocates more than a handle, and none jumps.
 
+// Opens a file that is to be replaced to read, and tells its status. Null when it
+// is no plain file; nothing is waited for.
+ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status);
+
 // Makes the copy of an open file, empty and readable by its owner alone. Removes
 // what a killed process left under the name, and waits two seconds for a living
 // one. ZOV_ERROR when that was not enough, or when something is there that no

@@ -307,7 +307,16 @@ TEST_P(IniOnDisk, LeavesAloneWhatIsNoLeftover) {
     EXPECT_TRUE(zovtest::fileExists(name));
     EXPECT_EQ(remove(name.c_str()) + unlink(path.c_str()), 0);
   }
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  put("test.ini", textWith("1"));
+  {
+    const Fault syncing(Call::fsync, [&](uint32_t) {
+      remove(name.c_str());
+      put("_temp_.ini", "planted");
+    });
+    EXPECT_EQ(set("ab", "2"), ZOV_INI_NOTREPLACED);
+  }
+  EXPECT_EQ(file() + copy(), textWith("1") + "planted");
+  EXPECT_EQ(remove(name.c_str()) + unlink(path.c_str()) + mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(set("ab", "2"), ZOV_INI_NOFILE);
 }
 
