@@ -3328,8 +3328,9 @@ ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, con
  * it has the file's. On disk it has the file's permission, and owner and group
  * where the process may give them: without the group it has no group bits, and
  * for others only what the group had too. Access lists and other attributes are
- * not kept. A symbolic link, or one name of several of a file, is replaced by the
- * new file; the other names keep the old one.
+ * not kept, and a file that had a list becomes its owner's alone. A symbolic
+ * link, or one name of several of a file, is replaced by the new file; the other
+ * names keep the old one.
  *
  * On disk the copy is "_temp_.ini" in the file's directory until then, readable
  * by its owner alone, and keeps sets of other processes in that directory out by

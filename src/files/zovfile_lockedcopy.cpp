@@ -40,6 +40,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -49,6 +50,8 @@ namespace zov {
 namespace {
 
 constexpr mode_t kPermissionBits = 0777;
+constexpr mode_t kSharedBits = 0077;
+constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr int64_t kMostWaitMs = 2000;
 constexpr uint32_t kStepMs = 1;
 
@@ -164,6 +167,7 @@ bool isSent(int descriptor) {
 
 int32_t finish(const LockedCopy &copy, const struct stat &original) {
   const int descriptor = descriptorOf(*copy.file);
+  fremovexattr(descriptor, kAccessList);  // its directory may have given it one
   if (giveMode(descriptor, original.st_mode & kPermissionBits, original.st_gid) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
@@ -187,6 +191,10 @@ ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status)
   if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
     zov_fileClose(file);
     return nullptr;
+  }
+  // With a list the group's bits are the most that anybody on it has.
+  if (fgetxattr(descriptorOf(*file), kAccessList, nullptr, 0) > 0) {
+    status.st_mode &= ~kSharedBits;
   }
   return file;
 }

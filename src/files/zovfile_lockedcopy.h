@@ -25,7 +25,8 @@ struct LockedCopy {
 // None of these allocates more than a handle, and none jumps.
 
 // Opens a file that is to be replaced to read, and tells its status. Null when it
-// is no plain file; nothing is waited for.
+// is no plain file; nothing is waited for. The permission in the status is what
+// its replacement may get: of a file with an access list the owner's alone.
 ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status);
 
 // Makes the copy of an open file, empty and readable by its owner alone. Removes

@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 #include "config/zovini_model.h"
 #include "support/faults.h"
@@ -371,6 +372,13 @@ TEST_P(IniOnDisk, NobodyMayReadMoreThanBefore) {
     EXPECT_EQ(set("ab", "2"), ZOV_OKAY);
     EXPECT_EQ(synced.uses(), 2u);
     EXPECT_EQ(modeOf("test.ini"), std::pair(mode, owner));
+  }
+  // An access list that gives the group nothing, though its bits of the mode do.
+  const uint32_t list[] = {2, 0x60001, ~0u, 4, ~0u, 0x60010, ~0u, 0x20, ~0u};
+  if (setxattr(path.c_str(), "system.posix_acl_access", list, sizeof list, 0) == 0) {
+    EXPECT_EQ(set("ab", "2"), ZOV_OKAY);
+    EXPECT_EQ(modeOf("test.ini"), std::pair(mode_t{0600}, owner));
+    EXPECT_EQ(chmod(path.c_str(), 0664), 0);
   }
   umask(mask);
   if (!isRoot) {
