@@ -56,7 +56,7 @@ namespace {
 
 constexpr uint32_t kPageSize = 4096;
 
-// A context that had more than this is large: libc keeps the memory of blocks of
+// A context that had so much or more is large: libc keeps the memory of blocks of
 // that size once it has seen some freed, until it is told to give it back.
 constexpr uint64_t kLargeBytes = 16 << 20;
 
@@ -141,12 +141,14 @@ ZOV_SYNC lockForUser(ShmContext &context) {
   return current;
 }
 
-// Releases a context that is out of reach. True for a large one.
-bool releaseContext(ShmContext *context) {
-  const bool large = context->regionBytes > kLargeBytes;
+bool isLarge(const ShmContext &context) {
+  return context.regionBytes >= kLargeBytes;
+}
+
+// Releases a context that is out of reach.
+void releaseContext(ShmContext *context) {
   zov_syncDelete(context->lock.load(std::memory_order_relaxed));
   zov_freeTagMemory(context->tag, 1);
-  return large;
 }
 
 void giveMemoryBack() {
@@ -207,7 +209,12 @@ ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
 }
 
 void zov::shmRelease(ZOV_SHM_CTX context) {
-  if (context != nullptr && releaseContext(context)) {
+  if (context == nullptr) {
+    return;
+  }
+  const bool large = isLarge(*context);
+  releaseContext(context);
+  if (large) {
     giveMemoryBack();
   }
 }
@@ -319,8 +326,15 @@ int32_t zov_shmInit(uint32_t *pageSize) {
 }
 
 void zov_shmTerm() {
+  // At shut-down the tags are about to go anyway, and faster in their own order.
+  const bool tagsGo = zov::terminating();
   bool large = false;
-  liveContexts.drain([&large](ShmContext *context) { large = releaseContext(context) || large; });
+  liveContexts.drain([tagsGo, &large](ShmContext *context) {
+    if (!tagsGo || isLarge(*context)) {
+      large = isLarge(*context) || large;
+      releaseContext(context);
+    }
+  });
   if (large) {
     giveMemoryBack();
   }

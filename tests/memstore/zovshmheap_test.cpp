@@ -97,6 +97,21 @@ TEST_F(Heap, NoMemoryForTheTableLosesTheRegions) {
   EXPECT_EQ(zov_shmOpen(context, 0, 0, 64), nullptr);
 }
 
+// Without the cache nobody drops a lock; with it nobody drops one that is held.
+TEST_F(Heap, LocksAreForContextsInUse) {
+  const int64_t slots = zovtest::standing().slots;
+  const auto openAndClose = [this] { zov_shmCacheCloseCtx(zov_shmCacheOpenCtx(id, 0, 24, &root)); };
+  EXPECT_EQ(zov_shmLock(context), ZOV_OKAY);
+  openAndClose();
+  EXPECT_EQ(zovtest::standing().slots, slots);
+  zov_shmUnlock(context);
+  openAndClose();
+  EXPECT_EQ(zovtest::standing().slots, slots - 1);
+  EXPECT_EQ(zov_shmLock(context), ZOV_OKAY);
+  zov_shmUnlock(context);
+  EXPECT_EQ(zovtest::standing().slots, slots);
+}
+
 TEST_F(Heap, AnIndexThatCannotGrowIsNotReported) {
   const std::string output = zovtest::outputOf([] {
     for (int number = 0; number < 300; ++number) {
