@@ -286,18 +286,6 @@ TEST_F(Stream, WritesAgreeWithPlainArrays) {
   }
 }
 
-TEST_F(Stream, TheReadOnlyFlagDropsWhatIsWritten) {
-  const ZOV_STREAM stream = open("w", ZOV_ENC_BYTES);
-  EXPECT_EQ(zov_fputs("before", stream), 6);
-  zov_rdonly();
-  errno = 0;
-  EXPECT_EQ(zov_fputs(string(3000, 'x').c_str(), stream), 3000);
-  EXPECT_EQ(zov_fflush(stream), 0);
-  zov_fclose(stream);
-  EXPECT_EQ(errno, 0);
-  EXPECT_EQ(file.contents(), "");
-}
-
 // A handle stays its owner's until a stream is there.
 TEST_F(Stream, OpensOnAHandle) {
   ASSERT_TRUE(file.fill("\xFF\xFEx\0"s));
