@@ -61,9 +61,8 @@ void formatStamp(char (&stamp)[kStampBytes]) {
   }
 }
 
-// A stamp without a text would have no line end.
 void writeToLog(const char *text) {
-  if (!zov::exists(zov::logStack) || *text == '\0') {
+  if (!zov::exists(zov::logStack)) {
     return;
   }
   zov::enterOutput(zov::logStack);
@@ -196,10 +195,11 @@ void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) {
     appendPiece(*chunk, format, arguments);
     va_end(arguments);
   }
-  if (chunk->text != nullptr) {
+  // Of empty pieces there would be a stamp without a line end.
+  if (chunk->length > 0) {
     _zov_log_str(false, chunk->text);
-    free(chunk->text);
   }
+  free(chunk->text);
   free(chunk);
 }
 

@@ -109,7 +109,6 @@ TEST_F(Console, ChunksMakeOneRecord) {
   zov_log_chunk_end(nullptr, "x");
   zov_log_chunk_end(zov_log_chunk_init(), nullptr);
   zov_log_chunk_end(zov_log_chunk_init(), "%s", "");
-  zov_log("%s", "");
   zov_log_chunk_end(zov_log_chunk_init(), "alone\n");
   const std::string text = readFile(at("log"));
   EXPECT_TRUE(isLog(text, "@one 1, two, three\n@alone\n")) << text;
