@@ -306,7 +306,8 @@ int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
 }
 
 void zov_shmUnlock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  zov::shmLeave(context);
+  // The lock may be out for a look at its users, of whom this is one.
+  zov_syncExitExcl(lockForUser(*context));
   context->lockUsers.fetch_sub(1);
 }
 
