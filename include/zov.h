@@ -312,7 +312,8 @@ ZOV_API ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *s
  * @param deleteTag non-zero: the tag is released too and its handle is dead
  *
  * Threads: any when the tag is thread-safe, else its own thread; nobody may
- * use a tag that is being deleted. Cost: one libc call a block.
+ * use a tag that is being deleted. Does nothing while the library is not started.
+ * Cost: one libc call a block.
  */
 ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
 
@@ -322,7 +323,7 @@ ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
  * @param recovery a context as in zov_createTagEx(), or null to disarm
  * @param tag      the tag, 0 for the default one; #ZOV_NO_TAG is ignored
  *
- * Threads: as the tag allows.
+ * Threads: as the tag allows. Does nothing while the library is not started.
  */
 ZOV_API void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag);
 
@@ -362,7 +363,7 @@ ZOV_API void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *
  *                   only with zero
  * @param sourceName caller's source name
  * @param line       caller's line
- * @return the block, or null on failure, when the old block is as it was.
+ * @return the block, or null, as zov_getMem(); the old block is then as it was.
  *
  * Threads, messages, may jump: as zov_getMem().
  */
@@ -378,7 +379,8 @@ ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t 
  * second release does harm. The block that the tag released last is known in any
  * case. On other systems than x86-64 Linux only the latest nine are.
  *
- * @param block the block; null is ignored
+ * @param block the block; null is ignored, and any while the library is not
+ *              started
  * @param tag   the tag that owns it, 0 for the default one
  *
  * Threads: any when the tag is thread-safe, else its own thread.
@@ -393,7 +395,7 @@ ZOV_API void zov_freeMem(void *block, ZOV_TAG tag);
  * @param block      the block; null is ignored
  * @param newTag     the tag that shall own it, 0 for the default one
  * @param currentTag the tag that owns it, 0 for the default one. Nothing happens
- *                   when either is #ZOV_NO_TAG.
+ *                   when either is #ZOV_NO_TAG or the library is not started.
  *
  * Threads: as both tags allow; their locks are taken one after the other.
  */
@@ -458,7 +460,7 @@ ZOV_API void zov_syncTerm(void);
  * Messages: "Invalid semaphore type" for another kind, which uses up one of the
  * objects until zov_term(); "Insufficient number of
  * semaphores, called from %s:%d" with the caller's place when the table is
- * full; the allocation's message when a block of the table cannot be had.
+ * full; the allocation's message when there is no memory for a block of it.
  * May jump: no; running out of memory gives #ZOV_NO_SYNC.
  */
 ZOV_API ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t line);
@@ -483,7 +485,8 @@ ZOV_API void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_ACQUIRE(handle);
 
 /**
  * Leaves a mutex; the last exit lets the next thread in. It is not checked
- * that the calling thread is the one inside: an exit by another one counts.
+ * that the calling thread is the one inside: an exit by another one counts. One
+ * too many does nothing while nobody is inside.
  *
  * Threads: any. Messages: "Invalid mutex", as zov_syncEnterExcl().
  */
@@ -630,8 +633,8 @@ typedef struct MemoryPool *ZOV_POOL;
  * @param tag        the tag, 0 for the default one; a pool for several threads
  *                   wants a thread-safe tag
  * @param fixedSize  non-zero: every chunk is taken to be large enough for every
- *                   request, and the caller sees to it that this is so; 0: a
- *                   free chunk that turns out too small is replaced
+ *                   request, for which the caller answers; 0: a free chunk
+ *                   that turns out too small is replaced
  * @param threadSafe non-zero: the pool has a mutex; when none can be made, the
  *                   pool is as without
  * @return the pool, to be released with zov_zFreePool(), or null.
@@ -768,7 +771,7 @@ ZOV_API void zov_queueDelete(ZOV_QUEUE queue);
 /**
  * Puts a message into a queue, at its end, and wakes the reader that waits for
  * one. A message that is dropped is told by errno, which is left as it was when
- * the message is in: ENOMEM for want of memory, EPIPE for a closed queue. A
+ * the message is in: ENOMEM when memory is short, EPIPE for a closed queue. A
  * caller that has to know sets errno to 0 first.
  *
  * @param queue the queue
@@ -780,7 +783,7 @@ ZOV_API void zov_queueDelete(ZOV_QUEUE queue);
  * Threads: any; never waits for a reader. Cost: one lock pair and a few pointer
  * updates; memory only when the queue is longer than it ever was; a system call
  * only when a reader sleeps.
- * Messages: "Invalid queue handle" for a null handle; "Out of memory. Called
+ * Messages: "Invalid queue handle" as zov_queueRead(); "Out of memory. Called
  * from %s:%u".
  */
 ZOV_API void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint32_t key,
@@ -819,7 +822,7 @@ ZOV_API int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, u
  * @param key   the key, or #ZOV_QUEUE_EVERY_KEY
  *
  * Threads: any. Cost: in proportion to the messages there, which nobody reads or
- * writes meanwhile. Messages: "Invalid queue handle" for a null handle.
+ * writes meanwhile. Messages: "Invalid queue handle" as zov_queueRead().
  */
 ZOV_API void zov_queuePurge(ZOV_QUEUE queue, uint32_t key);
 
@@ -957,6 +960,7 @@ ZOV_API int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber);
  * Closes a descriptor. On Linux it is gone even when the call fails, so the
  * call must not be repeated.
  *
+ * @param descriptor the descriptor
  * @return 0, or -1 with errno set.
  *
  * Threads: any.
@@ -1040,6 +1044,7 @@ ZOV_API uint32_t zov_flSeekRead(uint64_t descriptor, int64_t offset, void *buffe
  * Waits until everything written through any descriptor of the file is on the
  * disk.
  *
+ * @param descriptor the descriptor
  * @return #ZOV_OKAY, or #ZOV_ERROR with errno set: for a pipe, a socket or a
  *         terminal always, with EINVAL. After a failure what was written may be
  *         lost, and a second call that succeeds does not bring it back.
@@ -1050,6 +1055,7 @@ ZOV_API int32_t zov_flSync(uint64_t descriptor);
 
 /**
  * Tells the size of a file.
+ * @param descriptor the descriptor
  * @return bytes; 0 also for what is not an open descriptor.
  * Threads: any.
  */
@@ -1073,6 +1079,7 @@ ZOV_API int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
  * gets it again. A child process that is forked shares it: either can release it
  * for both. Locks of fcntl() are others.
  *
+ * @param descriptor the descriptor
  * @return #ZOV_OKAY, or #ZOV_ERROR when it is held elsewhere or the call
  *         failed.
  *
@@ -1082,6 +1089,7 @@ ZOV_API int32_t zov_flLock(uint64_t descriptor);
 
 /**
  * Releases the lock of zov_flLock(), as closing the descriptor does.
+ * @param descriptor the descriptor
  * @return 0, or -1 with errno set.
  * Threads: any.
  */
@@ -1101,6 +1109,7 @@ ZOV_API int32_t zov_flRename(const char *oldPath, const char *newPath);
 
 /**
  * Removes a file or an empty directory.
+ * @param path path
  * @return 0, or -1 with errno set.
  * Threads: any.
  */
@@ -1121,7 +1130,8 @@ ZOV_API int32_t zov_flValidate(const char *path, int32_t *isDirectory);
 
 /**
  * Tells when a file was last modified.
- * @return whole seconds since 1970, UTC, of what the path leads to, or -1.
+ * @param path path; links are followed
+ * @return whole seconds since 1970, UTC, or -1.
  * Threads: any.
  */
 ZOV_API int64_t zov_flModTime(const char *path);
@@ -1255,6 +1265,8 @@ ZOV_API ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t
  * zov_mfClose() does. errno stays as it was unless the system fails to
  * close the file, when it says why.
  *
+ * @param file the file
+ *
  * Threads: one, when no other call on the handle is under way.
  * Messages: "Inconsistent file state %s", with the path, for a handle that has
  * lost its descriptor.
@@ -1286,7 +1298,8 @@ ZOV_API int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence);
  *         in memory `ENOMEM`, when there is memory for none of the bytes.
  *
  * Threads: one at a time. Cost: one system call.
- * Messages: "Write failed, errno = %d", on the process's standard error.
+ * Messages: "Write failed, errno = %d", on the process's standard error; for a file
+ * in memory that of a failed allocation instead.
  */
 ZOV_API uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes);
 
@@ -1301,7 +1314,8 @@ ZOV_API uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengt
  *         and memory to reach none of them.
  *
  * Threads: one at a time. Cost: one system call.
- * Messages: "Read failed, errno = %d".
+ * Messages: "Read failed, errno = %d"; for a file in memory that of a failed
+ * allocation instead.
  */
 ZOV_API uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes);
 
@@ -1311,13 +1325,15 @@ ZOV_API uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes)
  *
  * @param file        the file
  * @param offset      offset in bytes, or #ZOV_OFFSET_CURRENT to write at the
- *                    current position and move it
+ *                    current position and move it. Any other below 0 fails on
+ *                    disk; in memory it lies past 2^47.
  * @param buffer      what to write
  * @param lengthBytes how much of it; 0 does nothing
  * @return as zov_fileWrite().
  *
  * Threads: any with a real offset; else one at a time.
- * Cost: one system call. Messages: "Failed to seek and write, errno = %d".
+ * Cost: one system call. Messages: "Failed to seek and write, errno = %d"; for a
+ * file in memory that of a failed allocation before it.
  */
 ZOV_API uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
                                    uint32_t lengthBytes);
@@ -1328,19 +1344,22 @@ ZOV_API uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *bu
  *
  * @param file        the file
  * @param offset      offset in bytes, or #ZOV_OFFSET_CURRENT to read at the
- *                    current position and move it
+ *                    current position and move it. Any other below 0 fails on
+ *                    disk; in memory it lies past the end.
  * @param buffer      where the bytes go
  * @param lengthBytes how many to read at most; 0 does nothing
  * @return as zov_fileRead().
  *
  * Threads: any with a real offset; else one at a time.
- * Cost: one system call. Messages: "Failed to seek and read, errno = %d".
+ * Cost: one system call. Messages: "Failed to seek and read, errno = %d"; for a file
+ * in memory that of a failed allocation before it.
  */
 ZOV_API uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer,
                                   uint32_t lengthBytes);
 
 /**
  * Tells the size of an open file.
+ * @param file the file
  * @return bytes; 0 also when the system does not say.
  * Threads: any.
  */
@@ -1377,6 +1396,7 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
  * process that is forked shares the lock and can release it. A file in memory has
  * one lock for all its handles, and is waited for.
  *
+ * @param file the file
  * @return #ZOV_OKAY, or a status that is not 0, at once, when the file is
  *         locked through another handle or by another process.
  *
@@ -1388,6 +1408,7 @@ ZOV_API int32_t zov_fileLock(ZOV_FILE file);
 
 /**
  * Unlocks a file.
+ * @param file the file
  * Threads: the one that locked it.
  */
 ZOV_API void zov_fileUnlock(ZOV_FILE file);
@@ -1397,6 +1418,7 @@ ZOV_API void zov_fileUnlock(ZOV_FILE file);
  * file opened with #ZOV_FILE_MEMORY or #ZOV_FILE_NOSYNC, nor under the
  * read-only flag.
  *
+ * @param file the file
  * @return #ZOV_OKAY, or #ZOV_ERROR as zov_flSync(), so for a standard stream on a
  *         pipe or a terminal.
  *
@@ -1424,8 +1446,8 @@ ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
 /* Every path comes with the type flags of zov_fileOpen(): #ZOV_FILE_MEMORY sends
  * it to the memory file system, else it is a path on disk. The forms without
  * flags take paths on disk. The wide forms convert each path strictly and give
- * #ZOV_ERROR, or null, when one cannot be converted; for want of memory they say
- * so and do not jump. A null path is refused.
+ * #ZOV_ERROR, or null, when one cannot be converted or memory is short, which they
+ * say in a message; they do not jump. A null path is refused.
  * Two paths "are the same" when they are equal but for case and both on disk or
  * both in memory. */
 
@@ -1448,7 +1470,7 @@ typedef struct PathWalk *ZOV_PATH_WALK;
  * @param destination      file to write, created if missing
  * @param destinationFlags its type flags
  * @return #ZOV_OKAY; #ZOV_ERROR when a file cannot be opened, read, written or
- *         closed, or memory is missing; or what setting the size came to. After
+ *         closed, or memory is missing; or the status of setting the size. After
  *         a failure a destination that was there may hold part of the source,
  *         and one that was missing is gone again. The destination is untouched
  *         when the source is a directory, fifo, socket or device, which are not
@@ -1469,7 +1491,7 @@ ZOV_API int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags,
 
 /**
  * Compares the contents of two files. Paths that are the same count as equal
- * without a look at either file.
+ * without a look at either file. Opening a fifo waits.
  *
  * @param first       first file
  * @param firstFlags  its type flags
@@ -1498,7 +1520,8 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  *
  * On one file system, and in memory, the destination is replaced in one step. A
  * link is moved as a link, a directory with what is in it; in memory a directory
- * stays in its directory. Nothing is synced.
+ * stays in its directory. Of two names of one file, hard links, the source goes.
+ * Nothing is synced.
  *
  * Where renaming fails, and between disk and memory, the file is copied: to a
  * draft, which then replaces the destination in one step. On disk the draft stands
@@ -1507,10 +1530,10 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  * #ZOV_FILE_NOSYNC. So the disk needs room for both files, and a process that is
  * killed may leave a draft, for the user to remove. Links are followed; the file
  * that a link leads to stays. Permissions for group and others are those of the
- * source that a new file may have (0666 less the umask); those of the group only
- * if the new file is of the same group, and none where /proc is missing. A file
- * in memory has no permissions: a new file gets its usual ones, less those that
- * the file it replaces did not have.
+ * source that a new file may have (0666 less the umask). If the new file is of
+ * another group, that has none, and others have only what the group had too; where
+ * /proc is missing neither has any. A file in memory has no permissions: a new
+ * file gets its usual ones, less those that the file it replaces did not have.
  *
  * An empty directory on disk is replaced too. It is removed just before the step
  * and made again should that fail.
@@ -1526,7 +1549,9 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  *         a link to the destination, is no plain file and would have to be copied,
  *         or grows meanwhile; when the destination is a directory that cannot be
  *         replaced, its directory takes no draft, or its path is too long for one;
- *         under the read-only and diskless flags. #ZOV_ERROR with the new file in
+ *         under the diskless flag if either is on disk, and under the read-only flag
+ *         if the destination is: from disk to memory the source is copied then and
+ *         stays, with #ZOV_OKAY. #ZOV_ERROR with the new file in
  *         its place and the source left when the directory cannot be synced;
  *         EINVAL and EACCES are no failure there.
  *
@@ -1569,7 +1594,8 @@ ZOV_API int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
  * @param newPath      its new path
  * @param newTypeFlags type flags of that path
  * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
- *         and diskless flags; #ZOV_ERROR from disk to memory or back.
+ *         and diskless flags; in memory as zov_mfRename(); #ZOV_ERROR from disk to
+ *         memory or back.
  *
  * Threads: any.
  */
@@ -1711,8 +1737,8 @@ ZOV_API void zov_pathClose(ZOV_PATH_WALK walk);
 
 /**
  * Makes up the path of a temporary file in zov_tmpdir(), or without a directory
- * when there is none or its name is empty. The address and the value of the counter and the process
- * id keep names apart; whether such a file exists is not looked at.
+ * when there is none or its name is empty. The address and the value of the counter
+ * and the process id keep names apart; whether such a file exists is not looked at.
  *
  * @param counter   the caller's counter, which is advanced by 1
  * @param prefix    what the name begins with; null: "temp"
@@ -1748,6 +1774,7 @@ ZOV_API char *zov_currdir(void);
 
 /**
  * Asks whether a path begins at the root.
+ * @param path path
  * @return 1 or 0.
  * Threads: any. May be called at any time.
  */
@@ -1783,6 +1810,7 @@ ZOV_API void zov_pathSplit(const char *path, char **directory, char **name);
 
 /**
  * Asks whether a path is written as a directory, with a slash at its end.
+ * @param path path, or null
  * @return 1 or 0; #ZOV_PATH_EMPTY for a null or empty path.
  * Threads: any. May be called at any time.
  */
@@ -1790,6 +1818,7 @@ ZOV_API uint32_t zov_pathIsDir(const char *path);
 
 /**
  * Skips the drive of a path. There are none on this platform.
+ * @param path path
  * @return the path itself.
  * Threads: any. May be called at any time.
  */
@@ -1797,6 +1826,7 @@ ZOV_API const char *zov_pathStripDrive(const char *path);
 
 /**
  * Asks whether a path itself is a symbolic link, which may lead nowhere.
+ * @param path path
  * @return 1, or 0 also when there is nothing of that name.
  * Threads: any. May be called at any time.
  */
@@ -1972,10 +2002,12 @@ typedef struct ShmRegion *ZOV_SHM_REGION;
  * start the memory storage; see zov_mfInit().
  * @param pageSize place for the page size, 4096
  * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Threads: none beside it. Messages: those of zov_syncCreate_check().
  */
 ZOV_API int32_t zov_shmInit(uint32_t *pageSize);
 
-/** Releases every context with its memory and ends the heap. */
+/** Releases every context with its memory and ends the heap. For zov_term() only.
+ *  Threads: none beside it. */
 ZOV_API void zov_shmTerm(void);
 
 /** @return the id of the context made at start-up; 0 when the heap is down.
@@ -1988,7 +2020,8 @@ ZOV_API uint64_t zov_shmRootId(void);
  * @return its id, to be released with zov_shmRemoveCtx() (zov_shmTerm()
  *         releases what is left), or 0 when memory is short.
  *
- * Threads: any. Messages: that of a failing allocation.
+ * Threads: any. Messages: that of a failing allocation, but none when there is no
+ * memory for the tag.
  */
 ZOV_API uint64_t zov_shmNextId(void);
 
@@ -2002,16 +2035,16 @@ ZOV_API uint64_t zov_shmNextId(void);
  * @param flags    open flags, of which `O_CREAT` counts
  * @param rootSize size of the root block in bytes
  * @param root     place for its address, left alone when rootSize is 0; or null
- * @return the handle, or null: no such context, or no root block and no `O_CREAT`
- *         (errno is `ENOENT`), a size of 0 for a new one, memory (`ENOMEM`) or sync
- *         objects (`ENFILE`) run out.
+ * @return the handle, which the heap owns and nobody closes, or null: no such
+ *         context, or no root block and no `O_CREAT` (errno is `ENOENT`), a size of 0
+ *         for a new one, memory (`ENOMEM`) or sync objects (`ENFILE`) run out.
  *
  * Threads: one at a time on a context.
  * Messages: those of a failing allocation or zov_syncCreate_check().
  */
 ZOV_API ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root);
 
-/** Does nothing: contexts count no users here. */
+/** Does nothing: contexts count no users here. Threads: any. */
 ZOV_API void zov_shmCloseCtx(ZOV_SHM_CTX context);
 
 /**
@@ -2029,7 +2062,8 @@ ZOV_API void zov_shmRemoveCtx(ZOV_SHM_CTX context);
  * @param number  the region's number, below 4,294,967,295
  * @param start   where it begins in the file it is part of; not used
  * @param size    its size in bytes
- * @return the region, or null when memory is short. If that hits the table of
+ * @return the region, which the context owns until zov_shmDestroy(), or null when
+ *         memory is short. If that hits the table of
  *         regions, every region of the context is out of reach from then on
  *         and the memory stays until the context is released.
  *
@@ -2040,13 +2074,14 @@ ZOV_API ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint6
 
 /**
  * Finds a region. start and size are not used.
- * @return the region, or null when there is none of that number.
+ * @return the region, which the context owns, or null when there is none of that
+ *         number.
  * Threads: one at a time on a context.
  */
 ZOV_API ZOV_SHM_REGION zov_shmOpen(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
                                    uint32_t size);
 
-/** Does nothing: regions count no users here. */
+/** Does nothing: regions count no users here. Threads: any. */
 ZOV_API void zov_shmClose(ZOV_SHM_REGION region);
 
 /**
@@ -2055,10 +2090,11 @@ ZOV_API void zov_shmClose(ZOV_SHM_REGION region);
  */
 ZOV_API void zov_shmDestroy(ZOV_SHM_CTX context, uint32_t number);
 
-/** @return the region's address. It never moves. Threads: any. */
+/** @return the region's address, in memory of the context. It never moves. Threads:
+ *  any. */
 ZOV_API void *zov_shmGetPtr(ZOV_SHM_REGION region);
 
-/** Does nothing: an address costs nothing to keep. */
+/** Does nothing: an address costs nothing to keep. Threads: any. */
 ZOV_API void zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
 
 /**
@@ -2090,10 +2126,12 @@ typedef struct CacheRegion *ZOV_CACHE_REGION;
  * Starts the heap and the mapping cache over it; see zov_mfInit().
  * @param pageSize place for the page size, 4096
  * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Threads: none beside it. Messages: those of zov_syncCreate_check().
  */
 ZOV_API int32_t zov_shmCacheInit(uint32_t *pageSize);
 
-/** Ends the cache and the heap. @return #ZOV_OKAY. */
+/** Ends the cache and the heap. For zov_term() only. @return #ZOV_OKAY. Threads: none
+ *  beside it. */
 ZOV_API int32_t zov_shmCacheTerm(void);
 
 /**
@@ -2135,9 +2173,9 @@ ZOV_API uint32_t zov_shmCacheNumUsers(ZOV_CACHE_CTX context);
 ZOV_API void zov_shmCacheRemoveCtx(uint64_t id);
 
 /**
- * Opens a region, making it with zov_shmCreate() when nobody has it open. If
- * somebody has, also by way of a context that is marked as deleted, start and size
- * do not count, and a destruction that waits for the last close is called off.
+ * Opens a region, making it with zov_shmCreate(), of size bytes, when nobody has it
+ * open. If somebody has, also by way of a context that is marked as deleted, start
+ * and size do not count, and a destruction that waits for the last close is called off.
  *
  * @return the region, to be closed with zov_shmCacheClose(), or null when memory
  *         is short.
@@ -2183,16 +2221,17 @@ ZOV_API void *zov_shmCacheGetPtr(ZOV_CACHE_REGION region);
 /** Releases one pin of a region. Threads: any. Constant time. */
 ZOV_API void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *address);
 
-/** Enters the lock of a context, as zov_shmLock(). @return #ZOV_OKAY. */
+/** Enters the lock of a context, as zov_shmLock(); one that is open has it.
+ *  @return #ZOV_OKAY. Threads: as there. */
 ZOV_API int32_t zov_shmCacheLock(ZOV_CACHE_CTX context);
 
-/** Leaves the lock of a context. */
+/** Leaves the lock of a context. Threads: the one inside. */
 ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context);
 
-/** @return zov_shmRootId(). */
+/** @return zov_shmRootId(). Threads: any. */
 ZOV_API uint64_t zov_shmCacheRootId(void);
 
-/** @return zov_shmNextId(). */
+/** @return zov_shmNextId(). Threads and messages: as there. */
 ZOV_API uint64_t zov_shmCacheNextId(void);
 
 /* ========================================================================
@@ -2211,17 +2250,20 @@ typedef struct SegFile *ZOV_SEG;
 /**
  * Starts the mapping cache and what is beneath it; see zov_mfInit().
  * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Threads: none beside it. Messages: those of zov_syncCreate_check().
  */
 ZOV_API int32_t zov_segInit(void);
 
-/** Ends it, and with it every segmented file. @return #ZOV_OKAY. */
+/** Ends it, and with it every segmented file. For zov_term() only. @return #ZOV_OKAY.
+ *  Threads: none beside it. */
 ZOV_API int32_t zov_segTerm(void);
 
 /** @return the id that names the file of the root directory. Threads: any. */
 ZOV_API uint64_t zov_segRootId(void);
 
 /** @return an id for a new file, or 0; see zov_shmNextId(). A file that is never
- *  opened by it is released with zov_shmCacheRemoveCtx(). Threads: any. */
+ *  opened by it is released with zov_shmCacheRemoveCtx(). Threads: any. Messages:
+ *  as there. */
 ZOV_API uint64_t zov_segNextId(void);
 
 /**
@@ -2255,8 +2297,8 @@ ZOV_API void zov_segClose(ZOV_SEG file);
 ZOV_API int32_t zov_segRemove(ZOV_SEG file);
 
 /**
- * Reads bytes. What lies between the writes of a file reads as zero, and takes
- * its memory then.
+ * Reads length bytes at an offset in bytes. What lies between the writes of a file
+ * reads as zero, and takes its memory then.
  *
  * @return how many were read: fewer than length at the end of the file, or when
  *         memory for such a hole is short (errno is `ENOMEM`).
@@ -2268,7 +2310,8 @@ ZOV_API int32_t zov_segRemove(ZOV_SEG file);
 ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
 
 /**
- * Writes bytes; the file grows as it must, also past its end.
+ * Writes length bytes at an offset in bytes; the file grows as it must, also past its
+ * end.
  *
  * @return how many were written: fewer than length when memory is short (errno is
  *         `ENOMEM`) or the range goes on past 2^47, 0 when it begins there (`EFBIG`).
@@ -2326,10 +2369,10 @@ ZOV_API uint64_t zov_segSizeStat(uint64_t id);
 ZOV_API uint64_t zov_segModTime(uint64_t id);
 
 /** Enters the lock of a file, recursive and shared by all who have the file
- *  open. @return #ZOV_OKAY. */
+ *  open. @return #ZOV_OKAY. Threads: any; waits while another thread is inside. */
 ZOV_API int32_t zov_segLock(ZOV_SEG file);
 
-/** Leaves the lock of a file. */
+/** Leaves the lock of a file. Threads: the one inside. */
 ZOV_API void zov_segUnlock(ZOV_SEG file);
 
 /* ========================================================================
@@ -2402,8 +2445,8 @@ ZOV_API int32_t zov_mfTerm(void);
  */
 ZOV_API ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags);
 
-/** Closes a file; null is ignored. Threads: one at a time on a handle, as for all
- *  that follow but positioned transfers; waits for the file's lock. */
+/** Closes a file; null is ignored. Threads: one at a time on a handle; waits for the
+ *  file's lock. */
 ZOV_API void zov_mfClose(ZOV_MFILE file);
 
 /**
@@ -2415,55 +2458,59 @@ ZOV_API void zov_mfClose(ZOV_MFILE file);
  * @param whence 0 the beginning, 1 the position, 2 the end
  * @return #ZOV_OKAY, or #ZOV_ERROR with the position as it was: past the end, or
  *         no such whence, or no file.
+ *
+ * Threads: one at a time on a handle.
  */
 ZOV_API int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence);
 
-/** Reads at the position, which moves behind what was read.
- *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. */
+/** Reads length bytes at the position, which moves behind what was read.
+ *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. Threads: one at a
+ *  time on a handle. */
 ZOV_API uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length);
 
-/** Writes at the position, which moves behind what was written.
- *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. */
+/** Writes length bytes at the position, which moves behind what was written.
+ *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. Threads: one at a
+ *  time on a handle. */
 ZOV_API uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
 
-/** Reads at an offset and leaves the position alone.
+/** Reads length bytes at an offset in bytes and leaves the position alone.
  *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. Threads: any. */
 ZOV_API uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);
 
-/** Writes at an offset and leaves the position alone.
+/** Writes length bytes at an offset in bytes and leaves the position alone.
  *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. Threads: any. */
 ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer,
                                  uint32_t length);
 
 /** Enters the lock of a file, recursive and shared by all who have the file
  *  open; waits while another thread is inside, be it for a transfer or a close.
- *  @return #ZOV_OKAY. */
+ *  @return #ZOV_OKAY. Threads: any. */
 ZOV_API int32_t zov_mfLock(ZOV_MFILE file);
 
-/** Leaves the lock of a file. @return #ZOV_OKAY. */
+/** Leaves the lock of a file. @return #ZOV_OKAY. Threads: the one inside. */
 ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file);
 
-/** @return the size of a file in bytes; 0 for no file. */
+/** @return the size of a file in bytes; 0 for no file. Threads: any; takes no lock. */
 ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);
 
 /** Sets the size of a file, under its lock. @return as zov_segSetSize(), but a
  *  failure leaves no segment that was not there before; #ZOV_ERROR for no file.
- *  Messages: as there. */
+ *  Threads: one at a time on a handle. Messages: as there. */
 ZOV_API int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size);
 
-/** @return the size of the file of a path; 0 when there is none. Threads: any.
- *  Messages: as zov_mfOpen(). */
+/** @return the size of the file of a path in bytes; 0 when there is none, for a
+ *  directory, and when memory is short. Threads: any. Messages: as zov_mfOpen(). */
 ZOV_API uint64_t zov_mfSizeStat(const char *path);
 
 /** @return when the file of a path was last written to, in seconds since the
- *  epoch; 0 when it never was or there is none. Threads: any. Messages: as
+ *  epoch; 0 when it never was, and as zov_mfSizeStat(). Threads: any. Messages: as
  *  zov_mfOpen(). */
 ZOV_API uint64_t zov_mfModTime(const char *path);
 
 /**
  * Removes a file. Who has it open keeps it; its memory goes with the last close.
- * @return #ZOV_OKAY; #ZOV_NOTFOUND; #ZOV_ERROR for a directory, or a path that
- *         cannot be resolved.
+ * @return #ZOV_OKAY; #ZOV_NOTFOUND; #ZOV_ERROR for a directory, a path that cannot
+ *         be resolved, or when memory is short.
  * Threads: any. Messages: as zov_mfOpen().
  */
 ZOV_API int32_t zov_mfRemove(const char *path);
@@ -2488,7 +2535,8 @@ ZOV_API int32_t zov_mfRename(const char *oldPath, const char *newPath);
  *                    nothing here
  * @param isDirectory place for 1 when it names a directory and 0 when it names a
  *                    file, untouched when neither; or null
- * @return 1 when there is something of that name, else 0.
+ * @return 1 when there is something of that name; 0 when not, and when memory is
+ *         short (errno is `ENOMEM`).
  *
  * Threads: any. Messages: as zov_mfOpen().
  */
@@ -2520,7 +2568,7 @@ ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
  */
 ZOV_API const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory);
 
-/** Ends a walk; null is ignored. */
+/** Ends a walk; null is ignored. Threads: one at a time on a walk. */
 ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
 
 /* ========================================================================
@@ -2548,13 +2596,15 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
  *   of grouping. Separators count against the precision of an integer.
  * - `%#o` counts its prefix among the digits of the precision.
  * - %a and %A are %f and %F.
- * - Floating point is computed in extended precision and rounded half up, with
- *   at most 19 digits behind the point: a higher precision means 19. Of random
- *   doubles, ties apart, the 17th digit is wrong by one in up to 0.6 %, the 16th
- *   in up to 0.07 %. What %.16e prints of a double strtod() reads back as the
- *   same; what %.17g prints too, but between 1e-4 and 1e-3, where nearly half
- *   of the values need more digits than there are. A long double reads back from no
- *   format: its 17th digit is wrong in up to 2.4 %, the 15th in 0.02 %.
+ * - Floating point is computed in extended precision and rounded half up, also
+ *   where fesetround() asks for another way; only the last of many digits may
+ *   differ then. At most 19 digits are behind the point: a higher precision means
+ *   19. Of random doubles, ties apart, the 17th digit is wrong by one in up to
+ *   0.6 %, the 16th in up to 0.07 %. What %.16e prints of a double strtod() reads
+ *   back as the same; what %.17g prints too, but between 1e-4 and 1e-3, where
+ *   nearly half of the values need more digits than there are. A long double reads
+ *   back from no format: its 17th digit is wrong in up to 2.4 %, the 15th in
+ *   0.02 %.
  * - A value to be printed without an exponent fails the call when its integer
  *   part is 18446744073709551615 or more.
  * - Negative zero and NaN print no "-"; %e and %g keep the last three digits of
@@ -2765,7 +2815,8 @@ ZOV_API int32_t zov_fputs(const char *text, ZOV_STREAM stream);
 
 /**
  * Formats as zov_vsnprintf() does and writes the text as zov_fputs() does. The
- * buffer for the text is the stream's, and only grows.
+ * buffer for the text is the stream's, and only grows. The arguments are left as
+ * they were.
  *
  * @return the number of bytes written; 0 for an empty text; -1 when the text
  *         cannot be formatted, memory is short, or a byte was not taken.
@@ -2869,7 +2920,8 @@ typedef struct LogChunk *ZOV_LOG_CHUNK;
  * @return #ZOV_OKAY, to be undone with zov_fileStackTerm(); otherwise
  *         #ZOV_ERROR or #ZOV_NOMEMORY, when nothing is owed.
  *
- * Threads: one at a time. Messages: those of failing allocations.
+ * Threads: one at a time. Messages: those of failing allocations and of
+ * zov_syncCreate_check().
  */
 ZOV_API int32_t zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name);
 
@@ -2950,7 +3002,7 @@ ZOV_API void zov_stderr_close(void);
  *  output. Nothing is logged to a file before the first call. */
 ZOV_API int32_t zov_log_open(const char *name);
 
-/** Takes back the last zov_log_open(). */
+/** Takes back the last zov_log_open(), as zov_stdout_close() does. */
 ZOV_API void zov_log_close(void);
 
 /**
@@ -2973,8 +3025,8 @@ ZOV_API int32_t zov_log_create(const char *directory, const char *file);
  * a text of 512 characters and more is then cut when memory is short.
  *
  * @param format format as in zov_vsnprintf()
- * @return characters written; 0 when output is silent; -1 when the text cannot
- *         be formatted or writing failed.
+ * @return characters that the stream took; 0 when output is silent; -1 when the
+ *         text cannot be formatted or was not taken whole.
  *
  * Threads: any; takes the stack's lock.
  * Cost: one lock pair; the work buffer grows to the longest text and is kept.
@@ -3008,11 +3060,12 @@ ZOV_API void zov_flushErr(void);
  * A message that comes up while this thread writes output (that writing fails)
  * goes to descriptor 2 instead. When the library is not started the text goes
  * to libc's stdout alone, and the format is libc's: %ls then takes a wide
- * string. An empty text makes no record in the log file.
+ * string. Of an empty text the log file gets the time alone, without a line end.
  *
  * @param format format as in zov_vsnprintf()
- * @return characters written to the console; 0 when there was none, or when the
- *         text cannot be formatted, which writes nothing. When memory for a text
+ * @return characters that the console's stream took, also when they could not be
+ *         sent on; 0 when there was none, or when the text cannot be formatted, which
+ *         writes nothing. When memory for a text
  *         of 512 characters and more is missing, its first 511 are written.
  *
  * Threads: any; takes the lock of the console stack, then that of the log
@@ -3058,7 +3111,8 @@ ZOV_API int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_
  * @param chunk  the record; null is ignored
  * @param format a last piece as in zov_log_chunk(), or null
  *
- * Threads: one at a time.
+ * Threads: one at a time on a record; takes the locks that zov_log() takes.
+ * Messages: as zov_log().
  */
 ZOV_API void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_PRINTF(2, 3);
 
@@ -3197,7 +3251,7 @@ ZOV_API int32_t zov_isPurifyRunning(void);
 
 /** Memory is short, or a wide text could not be converted. */
 #define ZOV_INI_NOMEMORY (-904)
-/** The file could not be read, or the copy of it not be opened for writing. */
+/** The file could not be read, or the copy of it not be made. */
 #define ZOV_INI_NOFILE (-905)
 /** The changed copy could not be written, or not take the place of the file. */
 #define ZOV_INI_NOTREPLACED (-919)
@@ -3760,7 +3814,7 @@ ZOV_API int32_t zov_check_pid(uint32_t pid);
  * @param out        receives the descriptor for zov_daemonComplete(), above 2
  *                   and not inherited by other programs; -1 on failure
  * @return #ZOV_OKAY, in the server. #ZOV_ERROR when the pipe, /dev/null or the
- *         process cannot be had; nothing has changed then but #server_name.
+ *         process cannot be made; nothing has changed then but #server_name.
  *
  * Threads: the only one of the process, since a fork keeps no other. May be
  * called before zov_init().
@@ -3818,16 +3872,20 @@ ZOV_API int32_t zov_errPrint(const char *text);
 ZOV_API int32_t zov_serviceStart(const void *name, const void *event, int32_t argumentCount,
                                  char **arguments, ZOV_SERVICE_MAIN mainFunction);
 
-/** Tells a service manager that the service runs; does nothing here. */
+/** Tells a service manager that the service runs; does nothing here. Threads: any.
+ *  May be called at any time. */
 ZOV_API void zov_serviceStarted(void);
 
-/** Tells a service manager that the service is done; does nothing here. */
+/** Tells a service manager that the service is done; does nothing here. Threads: any.
+ *  May be called at any time. */
 ZOV_API void zov_serviceDone(void);
 
-/** Registers a service. @return #ZOV_ERROR: there is no manager here. */
+/** Registers a service. @return #ZOV_ERROR: there is no manager here. Threads: any.
+ *  May be called at any time. */
 ZOV_API int32_t zov_serviceInstall(void);
 
-/** Takes a registration back. @return #ZOV_ERROR: there is no manager here. */
+/** Takes a registration back. @return #ZOV_ERROR: there is no manager here. Threads:
+ *  any. May be called at any time. */
 ZOV_API int32_t zov_serviceUninstall(void);
 
 /* ========================================================================
@@ -3950,7 +4008,8 @@ ZOV_API const char *zov_osTmpdir(void);
  * zov_osTmpdir().
  *
  * @param tag tag of the copy, 0 for the default one
- * @return a copy of its path, released with zov_freeMem() on that tag, or null.
+ * @return a copy of its path, released with zov_freeMem() on that tag; null as
+ *         zov_osTmpdir(), and when memory is short.
  *
  * Threads: as zov_osTmpdir(). Messages: those of failing allocations. May jump.
  */
