@@ -103,6 +103,7 @@ TEST_F(Memory, SecondFreeIsSaidOnly) {
     EXPECT_EQ(freed(block), "") << "its owner's to free";
     EXPECT_EQ(freed(block), kDoubleFree);
   }
+  zov_freeTagMemory(tag, 1);
 }
 
 // What stands in for the marks on other platforms.
@@ -167,11 +168,13 @@ TEST_F(Memory, ArmedTagsJumpWithEveryLockFree) {
     EXPECT_EQ(plain(8, tag), nullptr) << "disarmed";
     zovtest::stopFailing();
   }
+  zov_freeTagMemory(safe, 1);
 }
 
 // Making a sync object must not jump even when the default tag is armed: its
 // caller is in the middle of making something.
 TEST_F(Memory, SyncCreationNeverJumps) {
+  zovtest::leavesThings = true;
   // Takes the slots that start-up left in the last block.
   zovtest::failAllocationAfter(0, true);
   while (zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE) != ZOV_NO_SYNC) {
@@ -301,6 +304,7 @@ TEST_F(Memory, RandomOperationsAgreeWithAModel) {
   fflush(stdout);
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), freedAgain) << "each is said once";
+  zov_freeTagMemory(tags[1], 1);
 }
 
 TEST_F(Memory, ThreadsShareATag) {

@@ -110,6 +110,7 @@ TEST_F(Pool, ShortageIsTheTagsBusiness) {
   }
   zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
   std::thread([&] { zov_putInPool(get(pool, 10), pool); }).join();  // nothing is locked
+  zov_zFreePool(&pool);
 }
 
 // Each thread fills its chunks with its own pattern, and nobody may find

@@ -27,14 +27,20 @@
 namespace zovtest {
 
 // What the process has in hand: open descriptors, and, where the calls beneath
-// the library are replaced, its blocks, sync objects and locks held.
+// the library are replaced, its blocks, its locks held, and its sync objects,
+// among them those that only shut-down destroyed.
 struct Standing {
   int64_t descriptors;
   int64_t blocks;
-  int64_t slots;
   int64_t locks;
+  int64_t syncObjects;
   bool operator==(const Standing &) const = default;
 };
+
+inline std::ostream &operator<<(std::ostream &out, const Standing &now) {
+  return out << now.descriptors << " descriptors, " << now.blocks << " blocks, " << now.locks
+             << " locks, " << now.syncObjects << " sync objects";
+}
 
 inline int64_t openDescriptors() {
   DIR *directory = opendir("/proc/self/fd");
@@ -54,10 +60,23 @@ inline Standing standing() {
 }
 #endif
 
-inline std::ostream &operator<<(std::ostream &out, const Standing &at) {
-  return out << at.descriptors << " descriptors, " << at.blocks << " blocks, " << at.slots
-             << " sync objects, " << at.locks << " locks held";
-}
+// For a test that leaves things to shut-down, or to the end of the process.
+inline bool leavesThings = false;
+
+// No other test may leave more in hand than it found.
+class Watch : public testing::EmptyTestEventListener {
+  void OnTestStart(const testing::TestInfo &) override {
+    leavesThings = false;
+    before_ = standing();
+  }
+  void OnTestEnd(const testing::TestInfo &test) override {
+    if (test.result()->Passed() && !leavesThings) {
+      EXPECT_EQ(standing(), before_) << "something is left";
+    }
+  }
+  Standing before_{};
+};
+inline const bool watched = (testing::UnitTest::GetInstance()->listeners().Append(new Watch), true);
 
 class Started : public testing::Test {
  protected:

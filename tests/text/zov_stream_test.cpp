@@ -327,6 +327,8 @@ TEST_F(Stream, StandardStreams) {
   }
   EXPECT_EQ(zov_fputc('c', input), 0);
   zov_fclose(input);
+  close(ends[0]);
+  close(ends[1]);
   const Fault asked(Call::read);
   EXPECT_EQ(zovtest::outputOf([] {
               const ZOV_STREAM output = zov_fopen_std("stdout");
