@@ -18,8 +18,9 @@ namespace zovtest {
 
 class TempDir {
  public:
-  TempDir() {
-    path_ = (std::filesystem::temp_directory_path() / "zovtest.XXXXXX").string();
+  explicit TempDir(const char *parent = nullptr) {
+    path_ = parent == nullptr ? std::filesystem::temp_directory_path().string() : parent;
+    path_ += "/zovtest.XXXXXX";
     if (mkdtemp(path_.data()) == nullptr) {
       abort();
     }
