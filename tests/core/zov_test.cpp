@@ -10,15 +10,6 @@ bool allocates() {
   return zov_getMem(8, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE) != nullptr;
 }
 
-void allocateMuch() {
-  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  for (int count = 0; count < 100; ++count) {
-    ASSERT_TRUE(allocates());
-    ASSERT_NE(zov_getMem(100, tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE), nullptr);
-    ASSERT_NE(zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE), ZOV_NO_SYNC);
-  }
-}
-
 TEST(Lifecycle, CountsItsUsers) {
   zov_term();
   EXPECT_EQ(zov_inited, -1);
@@ -37,27 +28,6 @@ TEST(Lifecycle, CountsItsUsers) {
   EXPECT_EQ(zov_inited, 0);
   EXPECT_EQ(zov_terminating, 0);
   EXPECT_FALSE(allocates());
-}
-
-// Neither a failing start-up nor a whole life leaves anything behind.
-TEST(Lifecycle, LeavesNothingWhicheverAllocationFails) {
-  zovtest::leavesThings = true;     // sync objects, for shut-down to destroy
-  ASSERT_EQ(zov_init(), ZOV_OKAY);  // lets libc make what it keeps
-  zov_term();
-  int attempts = 0;
-  int32_t status = ZOV_OKAY;
-  zovtest::failEachAllocation([&] { status = zov_init(); },
-                              [&](bool failed) {
-                                ++attempts;
-                                EXPECT_EQ(status, failed ? ZOV_ERROR : ZOV_OKAY);
-                                EXPECT_EQ(zov_inited, failed ? 0 : 1);
-                                EXPECT_EQ(zov_terminating, 0);
-                                if (!failed) {
-                                  allocateMuch();
-                                  zov_term();
-                                }
-                              });
-  EXPECT_GT(attempts, 2) << "start-up allocates in several stages";
 }
 
 TEST(Lifecycle, ConcurrentUsersShareOneStart) {

@@ -72,49 +72,4 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   }
 }
 
-// Each allocation of each call fails, with a recovery point and without: either
-// way out leaves what the call gives back and nothing else.
-TEST_F(Paths, LackOfMemoryLeavesNothingBehind) {
-  ASSERT_EQ(chdir("/usr/share"), 0);
-  static char *made[2];
-  static char **strings;
-  static uint32_t counter;
-  ASSERT_EQ(setenv("QEL_TMPDIR", "/", 1), 0);
-  void (*const calls[])() = {
-      [] { made[0] = zov_currdir(); },
-      [] { made[0] = zov_fullpath("some/where"); },
-      [] { zov_pathSplit("some/where", &made[0], &made[1]); },
-      [] { made[0] = zov_fileCreateTmpName(&counter, nullptr, nullptr, ZOV_DEFAULT_TAG); },
-      [] {
-        wchar_t text[] = L"\xE9";
-        wchar_t *arguments[] = {text, nullptr, text};
-        zov_convertArgvToUTF8(3, arguments, &strings);
-      },
-  };
-  for (const auto call : calls) {
-    for (const bool isArmed : {false, true}) {
-      volatile bool jumped = false;
-      const auto work = [&] {
-        jmp_buf recovery;
-        jumped = setjmp(recovery) != 0;
-        if (!jumped) {
-          zov_resetTag(isArmed ? &recovery : nullptr, ZOV_DEFAULT_TAG);
-          call();
-        }
-        zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-      };
-      zovtest::failEachAllocation(work, [&](bool failed) {
-        EXPECT_EQ(jumped, failed && isArmed);
-        for (int32_t index = 0; strings != nullptr && index < 3; ++index) {
-          zov_freeMem(strings[index], ZOV_DEFAULT_TAG);
-        }
-        zov_freeMem(std::exchange(strings, nullptr), ZOV_DEFAULT_TAG);
-        EXPECT_TRUE(!failed || made[0] == nullptr || made[1] == nullptr);
-        zov_freeMem(std::exchange(made[0], nullptr), ZOV_DEFAULT_TAG);
-        zov_freeMem(std::exchange(made[1], nullptr), ZOV_DEFAULT_TAG);
-      });
-    }
-  }
-}
-
 }  // namespace

@@ -165,7 +165,7 @@ TEST_F(Files, LockQueuesThreadsAndRefusesHandles) {
 
 TEST_F(Files, FirstLockMakesOneMutexForAll) {
   ZOV_FILE file = open();
-  const int64_t before = zovtest::standing().syncObjects;
+  const int64_t before = zovtest::standing().slots;
   std::latch creators{2};
   int entries = 0;
   zovtest::onThreads(2, [&](uint32_t) {
@@ -175,9 +175,9 @@ TEST_F(Files, FirstLockMakesOneMutexForAll) {
     zov_fileUnlock(file);
   });
   EXPECT_EQ(entries, 2);
-  EXPECT_EQ(zovtest::standing().syncObjects, before + 1) << "the one that came too late is gone";
+  EXPECT_EQ(zovtest::standing().slots, before + 1) << "the one that came too late is gone";
   zov_fileClose(file);
-  EXPECT_EQ(zovtest::standing().syncObjects, before);
+  EXPECT_EQ(zovtest::standing().slots, before);
 }
 
 TEST(FileStage, FailureUndoesStartUpAndTermAbandonsHandles) {

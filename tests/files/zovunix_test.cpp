@@ -111,26 +111,4 @@ TEST_F(Native, WalksGiveTheNamesThatMatch) {
       << "a type that has to be asked for is that of the link's target";
 }
 
-// Each allocation of a walk in turn jumps out of it. No descriptor is lost, and
-// the walk can be closed.
-TEST_F(Native, WalksSurviveJumps) {
-  zov_flClose(open(path_));
-  const zovtest::Fault withoutTypes(zovtest::Call::readdir, 1, zovtest::Limit{0}, true);
-  ZOV_DISK_WALK volatile walk = nullptr;
-  const auto walkArmed = [&] {
-    int32_t isDirectory = 0;
-    jmp_buf recovery;
-    if (setjmp(recovery) == 0) {
-      zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
-      walk = zov_flPathOpen(dir.path().c_str(), "file");
-      EXPECT_STREQ(zov_flPathNext(walk, &isDirectory), "file");
-    }
-    zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-  };
-  zovtest::failEachAllocation(walkArmed, [&](bool) {
-    zov_flPathClose(walk);
-    walk = nullptr;
-  });
-}
-
 }  // namespace

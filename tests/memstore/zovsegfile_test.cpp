@@ -124,54 +124,6 @@ TEST_F(Segments, StatisticsByIdNeedNoHandle) {
   }
 }
 
-// Whichever allocation fails, what was written before stays.
-TEST_F(Segments, NoMemoryLosesNothingWritten) {
-  const std::string data(100 * kBase, 'd');
-  uint64_t fresh = 0;
-  ZOV_SEG handle = nullptr;
-  uint32_t written = 0;
-  const auto work = [&] {
-    fresh = zov_segNextId();
-    handle = zov_segOpen(fresh, O_CREAT | O_TRUNC);
-    written = handle == nullptr ? 0 : zov_segSeekWrite(handle, 0, data.data(), 100 * kBase);
-    if (handle != nullptr) {
-      zov_segSeekWrite(handle, 5000 * kBase, "end", 3);
-      setSize(handle, 8000 * kBase);
-    }
-  };
-  zovtest::failEachAllocation(work, [&](bool) {
-    if (handle == nullptr) {
-      return zov_shmCacheRemoveCtx(fresh);
-    }
-    std::string read(data.size(), '\0');
-    ASSERT_EQ(zov_segSeekRead(handle, 0, read.data(), 100 * kBase),
-              std::min<uint64_t>(100 * kBase, zov_segSize(handle)));
-    EXPECT_EQ(read.compare(0, written, data, 0, written), 0);
-    zov_segRemove(handle);
-  });
-}
-
-// A handle that cannot open a segment for want of memory must not make a new one
-// in its place.
-TEST_F(Segments, NoMemoryToReadLosesNothingWritten) {
-  const std::string data(20 * kBase, 'd');
-  ASSERT_EQ(zov_segSeekWrite(file, 0, data.data(), 20 * kBase), 20 * kBase);
-  zov_segClose(file);
-  std::string read(data.size(), '\0');
-  const auto readAll = [&] {
-    read.assign(data.size(), '\0');
-    ZOV_SEG handle = zov_segOpen(id, 0);
-    if (handle != nullptr) {
-      zov_segSeekRead(handle, 0, read.data(), 20 * kBase);
-      zov_segClose(handle);
-    }
-  };
-  zovtest::failEachAllocation(readAll, [&](bool) {
-    readAll();
-    EXPECT_TRUE(read == data);
-  });
-}
-
 // Several handles on one file and the bytes that it must hold. Handles come and
 // go, so that segments are cut off while others have them open; and some remove the
 // file, which the next open finds by its id all the same, as long as others have it.

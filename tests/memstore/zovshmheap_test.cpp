@@ -69,22 +69,6 @@ TEST_F(Heap, RegionsGoByNumber) {
   zov_shmDestroy(nullptr, 0);
 }
 
-TEST_F(Heap, RemovalReleasesAllMemory) {
-  ZOV_SHM_CTX fresh = nullptr;
-  bool done = true;
-  const auto make = [&] {
-    fresh = reinterpret_cast<ZOV_SHM_CTX>(zov_shmNextId());
-    done = zov_shmOpenCtx(reinterpret_cast<uint64_t>(fresh), O_CREAT, 24, nullptr) != nullptr;
-    for (uint32_t number = 0; done && number < 40; number += 1 + number % 3) {
-      done = zov_shmCreate(fresh, number, 0, 10) != nullptr;
-    }
-  };
-  zovtest::failEachAllocation(make, [&](bool failed) {
-    EXPECT_EQ(done, !failed);
-    zov_shmRemoveCtx(fresh);
-  });
-}
-
 TEST_F(Heap, NoMemoryForTheTableLosesTheRegions) {
   ASSERT_NE(zov_shmCreate(context, 0, 0, 64), nullptr);
   zovtest::failAllocationAfter(1);

@@ -296,6 +296,7 @@ TEST(StartUp, LeavesDescriptorsThatItCannotFill) {
   startsWithout(1, ENOENT);
   startsWithout([input](uint32_t) { dup2(input, 0); });
   EXPECT_EQ(zovtest::openDescriptors(), before);
+  close(input);
 }
 
 TEST(Daemon, FailsInTheForeground) {

@@ -23,7 +23,6 @@ thread_local std::optional<Fault> failingAllocation;
 
 std::atomic<int64_t> liveBlockCount{0};
 std::atomic<int64_t> liveSlotCount{0};
-std::atomic<int64_t> forgottenSlotCount{0};  // left to shut-down by whoever made them
 std::atomic<int64_t> heldLockCount{0};
 
 void *counted(void *block) {
@@ -102,7 +101,7 @@ bool stopFailing() {
 std::atomic<uint32_t> locksFoundTaken{0};
 
 Standing standing() {
-  return {openDescriptors(), liveBlockCount, heldLockCount, liveSlotCount + forgottenSlotCount};
+  return {openDescriptors(), liveBlockCount, heldLockCount, liveSlotCount};
 }
 
 }  // namespace zovtest
@@ -112,7 +111,6 @@ using zovtest::counted;
 using zovtest::failed;
 using zovtest::failedNull;
 using zovtest::Fault;
-using zovtest::forgottenSlotCount;
 using zovtest::heldLockCount;
 using zovtest::liveBlockCount;
 using zovtest::liveSlotCount;
@@ -229,10 +227,8 @@ REPLACE(void, zov_syncDelete, (ZOV_SYNC handle), {
   liveSlotCount -= handle + 1 < 2 ? 0 : 1;
   __real_zov_syncDelete(handle);
 })
-// Three objects live as long as the library: two of the memory module's, and the
-// mutex of the files' tag.
 REPLACE(void, zov_syncShutdown, (), {
-  forgottenSlotCount += std::max<int64_t>(liveSlotCount.exchange(0) - 3, 0);
+  liveSlotCount = 0;
   __real_zov_syncShutdown();
 })
 REPLACE(ZOV_TAG, zov_createTagEx, (jmp_buf * recovery, uint32_t flags, const char *by, uint32_t at),

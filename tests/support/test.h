@@ -27,19 +27,19 @@
 namespace zovtest {
 
 // What the process has in hand: open descriptors, and, where the calls beneath
-// the library are replaced, its blocks, its locks held, and its sync objects,
-// among them those that only shut-down destroyed.
+// the library are replaced, its blocks, its locks held, and its sync objects since
+// it was started.
 struct Standing {
   int64_t descriptors;
   int64_t blocks;
   int64_t locks;
-  int64_t syncObjects;
+  int64_t slots;
   bool operator==(const Standing &) const = default;
 };
 
 inline std::ostream &operator<<(std::ostream &out, const Standing &now) {
   return out << now.descriptors << " descriptors, " << now.blocks << " blocks, " << now.locks
-             << " locks, " << now.syncObjects << " sync objects";
+             << " locks, " << now.slots << " sync objects";
 }
 
 inline int64_t openDescriptors() {

@@ -19,6 +19,7 @@ struct Trial {
   const Operation &operation;
   std::string complaints;
   uint32_t points = 0;
+  uint32_t jumps = 0;
 };
 
 enum class Way { kPlain, kOnce, kOnwards, kShort, kJump };
@@ -87,9 +88,11 @@ int32_t armed(Trial &trial) {
   volatile int32_t status = kJumped;
   if (setjmp(recovery) == 0) {
     zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
+    zov_resetTag(&recovery, trial.world.tag);
     status = trial.operation.work(trial.world);
   }
   zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
+  zov_resetTag(nullptr, trial.world.tag);
   return status;
 }
 
@@ -117,7 +120,8 @@ bool allAreSomewhere(const Operation &operation, const std::string &state) {
   const std::string known = " " + operation.before + " " + operation.wanted + " ";
   bool whole = true;
   for (std::string each; whole && old >> each;) {
-    whole = each.back() == '/' || state.find(each.substr(each.find('/'))) != state.npos;
+    whole = each.back() == '/' ||
+            state.find(each.substr(each.rfind('/', each.find('=')) + 1)) != state.npos;
   }
   for (std::string each; whole && now >> each;) {
     whole = known.find(" " + each + " ") != known.npos;
@@ -170,7 +174,7 @@ class Judge {
     Standing now = standing();
     if ((trial_.operation.traits & kKeeps) != 0) {
       now.blocks = before.blocks;
-      now.syncObjects = before.syncObjects;
+      now.slots = before.slots;
     }
     require(now == before, "left in hand: " + testing::PrintToString(now) + ", was " +
                                testing::PrintToString(before));
@@ -201,6 +205,7 @@ int32_t live(Trial &trial, const Point &point) {
   const Standing before = standing();
   const int32_t status = attempt(trial, point, struck);
   judge.statusAndState(status, struck);
+  trial.jumps += status == kJumped ? 1 : 0;
   putAway(trial);
   judge.nothingLost(before);
   if (status != ZOV_OKAY && standing().locks == 0) {
@@ -346,6 +351,9 @@ void sweep(const char *family, const std::vector<Operation> &table) {
         sweepCall(trial, call);
       }
     }
+    const bool jumps = (operation.traits & kJumps) != 0;
+    trial.complaints +=
+        sound && jumps && trial.jumps == 0 ? operation.calls + std::string(" never jumps\n") : "";
     points += trial.points;
     complaints += trial.complaints;
   }

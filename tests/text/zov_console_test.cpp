@@ -184,24 +184,6 @@ TEST_F(Console, ShortMemoryIsSurvived) {
   EXPECT_EQ(output.find("Out of memory. Called from zov_stream"), 0u) << output;
 }
 
-TEST_F(Console, OpeningSurvivesShortMemory) {
-  jmp_buf recovery;
-  if (setjmp(recovery) != 0) {
-    FAIL() << "redirecting never jumps";
-  }
-  zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
-  const std::string name = at("file");
-  int32_t status = ZOV_OKAY;
-  zovtest::failEachAllocation([&] { status = zov_stdout_open(name.c_str()); },
-                              [&](bool failed) {
-                                EXPECT_EQ(status != ZOV_OKAY, failed);
-                                if (status == ZOV_OKAY) {
-                                  zov_stdout_close();
-                                }
-                              });
-  zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-}
-
 // Every record of every thread arrives whole, and those of one thread in order.
 TEST_F(Console, ThreadsDoNotMixTheirRecords) {
   constexpr int kThreads = 4;

@@ -62,6 +62,28 @@ TEST(Sweep, Text) {
   sweep("text", {
     {"zov_fopen zov_fprintf zov_fflush", kJumps | kPartly, [](World &w) { w.put("a", ""); },
      writeText, error, "a=", bytes, closeStream},
+    {"zov_fopenEx zov_vfprintf", kJumps | kPartly, [](World &w) { w.put("a", ""); },
+     [](World &w) {
+       ZOV_STREAM stream = zov_fopenEx(w("a"), "w", ZOV_ENC_BYTES, ZOV_FILE_NOSYNC);
+       w.made = stream;
+       const auto print = [](ZOV_STREAM to, const char *format, ...) {
+         va_list arguments;
+         va_start(arguments, format);
+         const int32_t length = zov_vfprintf(to, format, arguments);
+         va_end(arguments);
+         return length;
+       };
+       errno = 0;
+       const bool printed = stream != nullptr && print(stream, "%s", "text") == 4 && zov_fflush(stream) == 0;
+       closeStream(w);
+       return got(printed && errno == 0);
+     }, error, "a=", "a=text", closeStream},
+    {"zov_fopen_std", kJumps, nothing,
+     [](World &w) {
+       ZOV_STREAM stream = zov_fopen_std("stderr");
+       w.made = stream;
+       return got(stream != nullptr);
+     }, error, "", "", closeStream},
     {"zov_fopen zov_fGetLine", kJumps, putLines, readText, error, "a=one\ntwo\n", "a=one\ntwo\n", closeText},
     {"zov_stdout_open zov_printf", kLitters, nothing,
      [](World &w) {
@@ -75,6 +97,8 @@ TEST(Sweep, Text) {
      }, {ZOV_ERROR, ZOV_NOMEMORY}, "", "a=text 7", nullptr, "a="},
     {"zov_log_open", 0, [](World &) { zov_background = 1; }, [](World &w) { return zov_log_open(w("a")); },
      {ZOV_ERROR, ZOV_NOMEMORY}, "", "a=", closeLog},
+    {"zov_log_create", kJumps, [](World &) { zov_background = 1; },
+     [](World &w) { return zov_log_create(w("."), "/a"); }, error, "", "a=", closeLog, ""},
     {"zov_log_chunk_init zov_log_chunk zov_log_chunk_end", 0, [](World &) { zov_background = 1; },
      [](World &) {
        ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
@@ -156,12 +180,13 @@ TEST(Sweep, Wire) {
        w.made = nullptr;
      }},
     // A hundred open brackets make the stacks grow.
-    {"zov_yyparse", kJumps, nothing,
+    {"zov_yyparse", kJumps | kKeeps, [](World &w) { w.tag = zov_createTagEx(nullptr, 0, ZOV_HERE); },
      [](World &w) {
        ZOV_PARSE_CONTEXT context{};
        context.valueSize = 8;
        context.userContext = &w;
        context.tables = &expression_tables;
+       context.tag = w.tag;
        w.size = 0;
        context.lexer = [](void *world, void *) -> int16_t {
          const uint32_t at = static_cast<World *>(world)->size++;
@@ -170,7 +195,7 @@ TEST(Sweep, Wire) {
        context.action = [](void *, void *, int32_t, void *) -> int16_t { return 0; };
        context.error = [](void *) {};
        return zov_yyparse(&context);
-     }, {ZOV_NOMEMORY}, "", ""},
+     }, {ZOV_NOMEMORY}, "", "", [](World &w) { zov_freeTagMemory(w.tag, 1), w.tag = 0; }},
   });
   // clang-format on
 }
