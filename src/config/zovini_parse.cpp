@@ -144,7 +144,7 @@ int32_t _readIniFile(const char *path, uint16_t flags) {
 }  // namespace
 
 bool isReadWhole(const TextStream &in) {
-  return in.cache.position >= in.cache.length;
+  return !in.cache.readFailed && in.cache.position >= in.cache.length;
 }
 
 int32_t failureOf(int32_t status) {

@@ -129,6 +129,7 @@ uint32_t load(FileCache &cache) {
   const uint32_t count =
       zov_fileRead(cache.handle, cache.data + cache.valid, kBlockBytes - cache.valid);
   if (count == ZOV_IO_FAILED) {
+    cache.readFailed = true;
     return 0;
   }
   cache.valid += count;

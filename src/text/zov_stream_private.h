@@ -34,6 +34,7 @@ struct FileCache {
   bool canRead;
   bool canWrite;
   bool seeksEnd;    // each transfer to the handle goes to the end of the file
+  bool readFailed;  // once; what looked like the end of the input may not be it
   uint64_t length;  // known end of the file but for the block; 0: read and see
   ZOV_FILE handle;
   char data[kBlockBytes];

@@ -248,6 +248,19 @@ TEST_P(Ini, AFailedSetLeavesTheOldFileOrTheNew) {
   }
 }
 
+// A file that cannot be read is not an empty one, whatever its length is said to be.
+TEST_P(IniOnDisk, ASetTellsAFailingReadFromTheEnd) {
+  put("test.ini", textWith("1"));
+  for (uint32_t nth = 1; nth < 20; ++nth) {
+    zovtest::outputOf([&] {
+      const Fault unknown(Call::fstat, nth, EIO);
+      const Fault unread(Call::read, 1, EIO, true);
+      EXPECT_NE(set("ab", "2"), ZOV_OKAY) << nth;
+    });
+    EXPECT_EQ(file(), textWith("1")) << nth;
+  }
+}
+
 // The system ends the process at its first call, its second and so on.
 TEST_P(IniOnDisk, AKilledSetLeavesTheOldFileOrTheNew) {
   int status = -1;
