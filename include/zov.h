@@ -1532,8 +1532,9 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  * that a link leads to stays. Permissions for group and others are those of the
  * source that a new file may have (0666 less the umask). If the new file is of
  * another group, that has none, and others have only what the group had too; where
- * /proc is missing neither has any. A file in memory has no permissions: a new
- * file gets its usual ones, less those that the file it replaces did not have.
+ * /proc is missing, or the source has an access list, neither has any. Lists are
+ * not kept. A file in memory has no permissions: a new file gets its usual ones,
+ * less those that the file it replaces did not have.
  *
  * An empty directory on disk is replaced too. It is removed just before the step
  * and made again should that fail.

@@ -11,6 +11,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "files/zovfile_private.h"
@@ -21,6 +22,8 @@ namespace {
 constexpr mode_t kOwnerOnly = 0600;
 constexpr mode_t kEverybody = 0777;
 constexpr mode_t kGroupBits = 0070;
+constexpr mode_t kSharedBits = 0077;
+constexpr char kAccessList[] = "system.posix_acl_access";
 
 // Syncs an open directory and closes it. The status is that of the sync.
 int32_t syncAndClose(int directory) {
@@ -36,6 +39,13 @@ int32_t syncAndClose(int directory) {
 mode_t forForeignGroup(mode_t mode) {
   const mode_t groupAsOthers = (mode & kGroupBits) >> 3;
   return mode & ~kGroupBits & (~static_cast<mode_t>(07) | groupAsOthers);
+}
+
+// The bits of what asking for its access list came to `asked` for.
+mode_t passable(ssize_t asked, mode_t mode) {
+  const bool hasNone =
+      asked == 0 || (asked < 0 && (errno == ENODATA || errno == EOPNOTSUPP || errno == ENOSYS));
+  return hasNone ? mode : mode & ~kSharedBits;
 }
 
 // What changing the mode of an own file fails with where the file system has no
@@ -73,11 +83,21 @@ int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {
   return syncAndClose(opened);
 }
 
-int32_t zov::giveMode(int descriptor, mode_t mode, gid_t group) {
+mode_t zov::passableMode(int descriptor, mode_t mode) {
+  return passable(fgetxattr(descriptor, kAccessList, nullptr, 0), mode);
+}
+
+mode_t zov::passableMode(const char *path, mode_t mode) {
+  return passable(getxattr(path, kAccessList, nullptr, 0), mode);
+}
+
+int32_t zov::giveMode(int descriptor, mode_t wanted, gid_t group) {
   struct stat own;
   if (fstat(descriptor, &own) != 0) {
     return ZOV_ERROR;
   }
+  fremovexattr(descriptor, kAccessList);  // its directory may have given it one
+  const mode_t mode = passableMode(descriptor, wanted);
   const mode_t given = own.st_gid == group ? mode : forForeignGroup(mode);
   return fchmod(descriptor, given) == 0 || keepsNoModes(errno) ? ZOV_OKAY : ZOV_ERROR;
 }

@@ -196,11 +196,21 @@ int32_t closeMade(const Destination &to, int32_t status) {
   return status == ZOV_OKAY && !(isWhole && closed) ? ZOV_ERROR : status;
 }
 
+// What a file made of one on disk gets its bits and group from.
+bool modelOfSource(int source, struct stat &model) {
+  if (fstat(source, &model) != 0) {
+    return false;
+  }
+  model.st_mode = zov::passableMode(source, model.st_mode);
+  return true;
+}
+
 // What a file made of one in memory gets its bits and group from: the plain file on
 // disk that it replaces, else what any new file has.
 bool modelOfReplaced(const char *replaced, int made, struct stat &model) {
   if (replaced != nullptr && lstat(replaced, &model) == 0) {
     if (S_ISREG(model.st_mode)) {
+      model.st_mode = zov::passableMode(replaced, model.st_mode);
       return true;
     }
   } else if (replaced != nullptr && errno != ENOENT) {
@@ -252,8 +262,9 @@ int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const 
   }
   const int descriptor = descriptorOf(made);
   struct stat model;
-  if (memFileOf(source) == nullptr ? fstat(descriptorOf(source), &model) != 0
-                                   : !modelOfReplaced(replaced, descriptor, model)) {
+  const bool hasModel = memFileOf(source) == nullptr ? modelOfSource(descriptorOf(source), model)
+                                                     : modelOfReplaced(replaced, descriptor, model);
+  if (!hasModel) {
     return ZOV_ERROR;
   }
   return giveMode(descriptor, kOwnerBits | (model.st_mode & kSharedBits & ~deniedBits()),

@@ -121,6 +121,9 @@ int32_t makeDestination(Place source, const char *path) {
   if (!isInMemory(source) && !hasModel && !isMissing(source)) {
     return ZOV_ERROR;
   }
+  if (hasModel) {
+    state.st_mode = zov::passableMode(source.directory, state.st_mode);
+  }
   const int32_t status = zov_dirCreateAll(path);
   const bool made = status == ZOV_OKAY || status == ZOV_EXISTS;
   if (!made || !hasModel || narrow(path, state) == ZOV_OKAY) {

@@ -40,7 +40,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -50,8 +49,6 @@ namespace zov {
 namespace {
 
 constexpr mode_t kPermissionBits = 0777;
-constexpr mode_t kSharedBits = 0077;
-constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr int64_t kMostWaitMs = 2000;
 constexpr uint32_t kStepMs = 1;
 
@@ -167,7 +164,6 @@ bool isSent(int descriptor) {
 
 int32_t finish(const LockedCopy &copy, const struct stat &original) {
   const int descriptor = descriptorOf(*copy.file);
-  fremovexattr(descriptor, kAccessList);  // its directory may have given it one
   if (giveMode(descriptor, original.st_mode & kPermissionBits, original.st_gid) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
@@ -192,10 +188,7 @@ ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status)
     zov_fileClose(file);
     return nullptr;
   }
-  // With a list the group's bits are the most that anybody on it has.
-  if (fgetxattr(descriptorOf(*file), kAccessList, nullptr, 0) > 0) {
-    status.st_mode &= ~kSharedBits;
-  }
+  status.st_mode = passableMode(descriptorOf(*file), status.st_mode);
   return file;
 }
 

@@ -91,7 +91,11 @@ int32_t putInPlace(const char *from, const char *to) {
     return ZOV_OKAY;
   }
   struct stat state;
-  if (errno != EISDIR || lstat(to, &state) != 0 || rmdir(to) != 0) {
+  if (errno != EISDIR || lstat(to, &state) != 0) {
+    return ZOV_ERROR;
+  }
+  state.st_mode = zov::passableMode(to, state.st_mode);
+  if (rmdir(to) != 0) {
     return ZOV_ERROR;
   }
   if (rename(from, to) == 0) {

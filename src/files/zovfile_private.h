@@ -78,11 +78,17 @@ bool closesWhole(ZOV_FILE file);
 // ZOV_FILE_NOSYNC.
 int32_t syncDirectoryOf(const char *path, uint32_t typeFlags);
 
-// Gives an open file the permission bits `mode`, those of a file of the group
-// `group`. Where the file is not of that group nobody gets more by it: group bits
-// go, and so do those for others that the group did not have. A file system
-// without modes keeps the file as it made it. ZOV_ERROR with errno.
-int32_t giveMode(int descriptor, mode_t mode, gid_t group);
+// What of the permission bits of a file or directory another may get in its place:
+// with an access list its owner's alone, since the group's bits are then the most
+// that anybody on the list has.
+mode_t passableMode(int descriptor, mode_t mode);
+mode_t passableMode(const char *path, mode_t mode);
+
+// Gives an open file the permission bits `wanted`, those of a file of the group
+// `group`, and takes away an access list. Where the file is not of that group nobody gets more by
+// it: group bits go, and so do those for others that the group did not have. A file system without
+// modes keeps the file as it made it. ZOV_ERROR with errno.
+int32_t giveMode(int descriptor, mode_t wanted, gid_t group);
 
 // The bits that the process denies to files it makes; all when they cannot be
 // learnt. Changes nothing, so that files other threads make meanwhile get theirs.

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 #include <set>
 #include <sstream>
@@ -318,6 +319,21 @@ TEST_F(Move, LooksAtTheSource) {
     EXPECT_EQ(foreign.run(), ZOV_OKAY);
     EXPECT_EQ(foreign.items(), itemsOf("y=new y@604"));
     EXPECT_EQ(syncs.uses(), 2u) << "the file and its directory";
+  }
+}
+
+// By the mode the group may read a file with an access list, by the list only user
+// 1; and a directory's list would let that user read what is made in it.
+TEST_F(Move, AccessListsGiveNobodyMore) {
+  const uint32_t list[] = {2, 0x60001, ~0u, 0x60002, 1, 4, ~0u, 0x60010, ~0u, 0x20, ~0u};
+  const Case listed(far, kFar);
+  const Case below(far, kFar);
+  if (setxattr(listed.from.c_str(), "system.posix_acl_access", list, sizeof list, 0) == 0) {
+    EXPECT_EQ(listed.run(), ZOV_OKAY);
+    EXPECT_EQ(listed.items(), itemsOf("y=new y@600"));
+    setxattr((below.dir / "").c_str(), "system.posix_acl_default", list, sizeof list, 0);
+    EXPECT_EQ(below.run(), ZOV_OKAY);
+    EXPECT_EQ(getxattr(below.to.c_str(), "system.posix_acl_access", nullptr, 0), -1);
   }
 }
 
