@@ -3098,8 +3098,8 @@ ZOV_API ZOV_LOG_CHUNK zov_log_chunk_init(void);
  *
  * @param chunk  the record; null is ignored
  * @param format format as in zov_vsnprintf(); null is ignored
- * @return characters added, or -1 when the piece cannot be formatted or memory
- *         is missing; the record then stays as it was.
+ * @return characters added, 0 without a record or a format; -1 when the piece
+ *         cannot be formatted or memory is missing: the record then stays as it was.
  *
  * Threads: one at a time.
  */
@@ -3994,8 +3994,8 @@ ZOV_API char *zov_findOStmpdir(void);
  * Gives the directory of zov_findOStmpdir(), looked for once and kept.
  *
  * @return its path, which the library owns until shut-down; null when none is
- *         writable, when the next call looks again, and when the library is not
- *         started.
+ *         writable or memory is short, when the next call looks again, and when the
+ *         library is not started.
  *
  * Threads: any; the first call enters the process-wide critical section, so a
  * thread that is inside must not ask. Cost: one atomic load once it is known.
