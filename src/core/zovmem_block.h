@@ -52,7 +52,7 @@ static_assert(sizeof(BlockHeader) == 16 && sizeof(void *) == sizeof(uint64_t));
 
 // True for the header of a live block. The one place that reads memory which may
 // have been given back, hence out of the sanitizers' sight.
-[[gnu::no_sanitize("address"), gnu::no_sanitize("thread")]] inline bool isMarked(
+[[gnu::no_sanitize_address, gnu::no_sanitize_thread]] inline bool isMarked(
     const BlockHeader *header) {
   return header->markedNewer >> 48 == kMark >> 48;
 }
