@@ -5,35 +5,31 @@
 #ifndef TESTS_TEXT_ZOV_STREAM_WALK_H
 #define TESTS_TEXT_ZOV_STREAM_WALK_H
 
+#include <errno.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/route_file.h"
 #include "zov.h"
 
 namespace zovtest {
 
-// A file in memory with a path.
+// A file of the system's memory, with a path on disk.
 struct ScratchFile {
   ~ScratchFile() { close(descriptor); }
-  bool fill(const std::string &bytes) const {
-    return ftruncate(descriptor, 0) == 0 &&
-           pwrite(descriptor, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
-  }
-  std::string contents() const {
-    std::string bytes(static_cast<size_t>(lseek(descriptor, 0, SEEK_END)), '\0');
-    return pread(descriptor, bytes.data(), bytes.size(), 0) < 0 ? "unreadable" : bytes;
-  }
   int descriptor = memfd_create("scratch", 0);
   std::string path = "/proc/self/fd/" + std::to_string(descriptor);
 };
 
 // A stream that moves one byte at a time. block holds what was read or written
-// from base on.
+// from base on. What a file holds that is only written, `actual`, tells how much
+// of a failing transfer it took.
 struct StreamModel {
   std::string file;
   bool readable, wide;
@@ -42,14 +38,24 @@ struct StreamModel {
   std::string block = "";
   std::vector<int32_t> pushed = {};
 
-  void send() {
-    if (written > 0) {
-      const size_t count = position - base <= 1024 ? position - base : written;
-      block.resize(std::max(block.size(), count));
-      file.replace(at, count, block, 0, count);
-      at += count;
-      hold("");
+  bool send(const std::string *actual = nullptr) {
+    if (written == 0) {
+      return true;
     }
+    const size_t count = position - base <= 1024 ? position - base : written;
+    const size_t went = actual == nullptr ? count : std::min(count, actual->size() - at);
+    block.resize(std::max(block.size(), count));
+    file.replace(at, went, block, 0, went);
+    at += went;
+    if (went < count) {
+      written = (went > 0 ? std::max(written, count) : written) - went;
+      block.erase(0, went);
+      base += went;
+      length = std::max(length, base + written);
+      return false;
+    }
+    hold("");
+    return true;
   }
   void hold(const std::string &read) {
     base = position;
@@ -57,10 +63,13 @@ struct StreamModel {
     valid = read.size();
     written = 0;
   }
-  void move() {
-    send();
+  bool move(const std::string *actual = nullptr) {
+    if (!send(actual)) {
+      return false;
+    }
     hold(readable && (length == 0 || position < length) ? file.substr(at, 1024) : "");
     at += valid;
+    return true;
   }
   int32_t getByte() {
     if (position - base >= valid) {
@@ -69,12 +78,10 @@ struct StreamModel {
     return valid == 0 ? -1 : static_cast<uint8_t>(block[position++ - base]);
   }
   bool isBefore(uint64_t offset) const { return offset > INT64_MAX; }
-  bool putByte(char byte) {
-    if (isBefore(position)) {
+  bool putByte(char byte, const std::string *actual) {
+    const bool isFar = isBefore(base) || position - base >= 1024;
+    if (isBefore(position) || (isFar && !move(actual))) {
       return false;
-    }
-    if (isBefore(base) || position - base >= 1024) {
-      move();
     }
     written = std::max(written, ++position - base);
     block.resize(std::max(block.size(), position - base));
@@ -123,7 +130,11 @@ struct StreamModel {
 
 class StreamWalk {
  public:
-  StreamWalk(const uint8_t *bytes, size_t count) : dice(bytes), left(count) {}
+  // What is written to a file that is not read goes through `around`, which may
+  // make the calls beneath fail.
+  using Around = std::function<void(const std::function<void()> &)>;
+  StreamWalk(const uint8_t *bytes, size_t count, uint32_t flags_ = 0, const Around &around_ = {})
+      : dice(bytes), left(count), flags(flags_), around(around_) {}
 
   // Walks until the bytes are used up. Names the first operation whose outcome
   // the model does not share, null when there was none.
@@ -135,7 +146,7 @@ class StreamWalk {
     zov_fclose(stream);
     zov_freeMem(buffer, ZOV_DEFAULT_TAG);
     model.send();
-    check("zov_fclose", file.contents() == model.file);
+    check("zov_fclose", getFile(path, flags) == model.file);
     return failed;
   }
 
@@ -154,19 +165,21 @@ class StreamWalk {
   }
 
   void open() {
-    const char *modes[] = {"r", "r", "r+", "w", "w+"};
-    const uint32_t choice = below(5);
+    const char *modes[] = {"r", "r", "r+", "w+", "w", "a"};
+    const uint32_t choice = around ? 4 + below(2) : below(6);
     const bool wide = choice == 0;
     std::string bytes = wide ? "\xFF\xFE" : ".";
     for (uint32_t count = below(4000); count > 0; --count) {
       bytes += below(2) == 0 ? "\n\0a\xD8\xDC\xC3"[below(6)] : static_cast<char>(below(256));
     }
-    check("set-up", file.fill(bytes));
-    stream = zov_fopen(file.path.c_str(), modes[choice], wide ? 0 : ZOV_ENC_BYTES);
+    check("set-up", putFile(path, bytes, flags));
+    stream = zov_fopenEx(path.c_str(), modes[choice], wide ? 0 : ZOV_ENC_BYTES, flags);
     writes = choice > 1;
-    model = {choice > 2 ? "" : bytes, choice != 3, wide};
+    model = {choice == 3 || choice == 4 ? "" : bytes, choice < 4, wide};
+    model.at = choice == 5 ? bytes.size() : 0;
+    model.base = model.position = model.at;
     model.getByte();
-    model.position = wide ? 2 : 0;
+    model.position = wide ? 2 : model.base;
   }
 
   void seek() {
@@ -181,12 +194,28 @@ class StreamWalk {
     const char byte = static_cast<char>(below(256));
     const std::string text(byte % 4 == 0 ? 1 : below(byte % 3 == 0 ? 2500 : 50), byte);
     const int32_t length = static_cast<int32_t>(text.size());
-    const int32_t written = length == 1     ? zov_fputc(byte, stream)
-                            : byte % 2 == 0 ? zov_fputs(text.c_str(), stream)
-                                            : zov_fprintf(stream, "%s", text.c_str());
-    const bool taken =
-        std::all_of(text.begin(), text.end(), [&](char c) { return model.putByte(c); });
-    check("writing", written == (taken ? length : length == 1 ? 0 : -1));
+    const auto print = [&] {
+      return length == 1               ? zov_fputc(byte, stream)
+             : byte % 2 == 0 || around ? zov_fputs(text.c_str(), stream)
+                                       : zov_fprintf(stream, "%s", text.c_str());
+    };
+    put("writing", length == 1 ? 0 : -1, length, print, [&](const std::string *actual) {
+      return std::all_of(text.begin(), text.end(),
+                         [&](char c) { return model.putByte(c, actual); });
+    });
+  }
+
+  // Compares a call, which gives `done` or `refused`, with what the model takes.
+  template <typename Call, typename Take>
+  void put(const char *what, int32_t refused, int32_t done, Call call, Take take) {
+    int32_t result = 0;
+    errno = 0;
+    around ? around([&] { result = call(); }) : void(result = call());
+    const bool lost = errno != 0;
+    const std::string actual = around ? getFile(path, flags) : "";
+    const bool taken = take(around ? &actual : nullptr);
+    check(what, result == (taken ? done : refused) && lost != taken);
+    check(what, !around || actual == model.file);
   }
 
   void step() {
@@ -203,9 +232,10 @@ class StreamWalk {
         check("zov_fungetc", zov_fungetc(value, stream) == (model.pushed.size() < 20 ? value : -1));
         return model.pushed.resize(std::min<size_t>(model.pushed.size() + 1, 20), value);
       case 5:
-        check("zov_fflush", zov_fflush(stream) == 0);
-        model.send();
-        return check("zov_fflush", file.contents() == model.file);
+        put(
+            "zov_fflush", 0, 0, [&] { return zov_fflush(stream); },
+            [&](const std::string *actual) { return model.send(actual); });
+        return check("zov_fflush", getFile(path, flags) == model.file);
       case 6:
       case 7:
         return write();
@@ -216,7 +246,10 @@ class StreamWalk {
 
   const uint8_t *dice;
   size_t left;
-  ScratchFile file;
+  const uint32_t flags;
+  const Around around;
+  const ScratchFile file;
+  const std::string path = flags == 0 ? file.path : "/walk";
   ZOV_STREAM stream = nullptr;
   StreamModel model = {};
   bool writes = false;
