@@ -205,41 +205,17 @@ TEST_F(Buffers, HostileInputStaysWithinBounds) {
   EXPECT_STREQ(place, "tex");
   channel.bytes += "yz";
   EXPECT_EQ(zov_inputBuffGetChar(input, place), 0);
-  zovtest::failAllocationAfter(0, true);
   zov_inputBuffReset(input);
   EXPECT_EQ(zov_inputBuffGetChar(input, place), -1) << "the rest was discarded";
-  EXPECT_EQ(zov_inputBuffCreate(readChannel, nullptr, nullptr, 0, &input), ZOV_BUFF_NOMEMORY);
-  EXPECT_EQ(zov_outputBuffCreate(writeChannel, nullptr, 0, &output), ZOV_BUFF_NOMEMORY);
-  EXPECT_TRUE(zovtest::stopFailing());
-  EXPECT_TRUE(input == nullptr && output == nullptr);
 }
 
-// A string that does not arrive, or finds no memory on the way, leaves nothing.
-TEST_F(Buffers, StringsThatFailLeaveNothing) {
+TEST_F(Buffers, StringsThatDoNotArriveLeaveNothing) {
   const int64_t before = zovtest::liveBlocks();
   char *text = nullptr;
   for (const size_t arrived : {0u, 65535u, 65536u, 70000u}) {
     channel = Channel{"\xfe\xff\xff\xff" + std::string(arrived, 'x')};
     EXPECT_EQ(zov_inputBuffGetString(input, &text), -1);
     EXPECT_TRUE(text == nullptr && zovtest::liveBlocks() == before) << arrived;
-  }
-  for (const bool armed : {false, true}) {
-    const auto get = [&] {
-      channel = Channel{std::string("\x40\xd\3\0", 4) + std::string(200000, 'x')};
-      zov_inputBuffReset(input);
-      jmp_buf recovery;
-      volatile int32_t status = ZOV_BUFF_NOMEMORY;
-      if (setjmp(recovery) == 0) {
-        zov_resetTag(armed ? &recovery : nullptr, ZOV_DEFAULT_TAG);
-        status = zov_inputBuffGetString(input, &text);
-      }
-      zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-      EXPECT_EQ(status, text == nullptr ? ZOV_BUFF_NOMEMORY : 0);
-    };
-    zovtest::failEachAllocation(get, [&](bool failed) {
-      EXPECT_EQ(zovtest::liveBlocks(), before + !failed);
-      zov_freeMem(text, ZOV_DEFAULT_TAG);
-    });
   }
 }
 

@@ -3,7 +3,6 @@
 // INI files on disk and in memory: gets and sets by table, random files and
 // edits beside a model, and what fails: system calls, allocations, limits.
 #include <grp.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -59,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(Where, Ini, zovtest::bothRoutes, zovtest::routeName);
 // What only a disk can do, or where the route makes no difference.
 class IniOnDisk : public Ini {
  protected:
-  // What work gives, modulo 256, in a process of its own; -1 when it is killed.
+  // What work gives, modulo 256, in a process of its own.
   static int inChild(const std::function<int()> &work) {
     const pid_t child = fork();
     if (child == 0) {
@@ -258,22 +257,6 @@ TEST_P(IniOnDisk, ASetTellsAFailingReadFromTheEnd) {
       EXPECT_NE(set("ab", "2"), ZOV_OKAY) << nth;
     });
     EXPECT_EQ(file(), textWith("1")) << nth;
-  }
-}
-
-// The system ends the process at its first call, its second and so on.
-TEST_P(IniOnDisk, AKilledSetLeavesTheOldFileOrTheNew) {
-  int status = -1;
-  for (uint32_t nth = 1; status != ZOV_OKAY; ++nth) {
-    SCOPED_TRACE(nth);
-    put("test.ini", textWith("1"));
-    status = inChild([&] {
-      const Fault killing(Call::system, [&](uint32_t use) { use == nth ? raise(SIGKILL) : 0; });
-      return set("ab", "2");
-    });
-    EXPECT_TRUE(file() == textWith("2") || (status == -1 && file() == textWith("1")));
-    EXPECT_EQ(set("ab", "3"), ZOV_OKAY);
-    EXPECT_EQ(file() + copy(), textWith("3") + "(none)");
   }
 }
 

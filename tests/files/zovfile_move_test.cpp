@@ -352,29 +352,4 @@ TEST_F(Move, LeavesAFileThatTwoMountsShow) {
   EXPECT_EQ(end, 0);
 }
 
-// Whichever call beneath a move is the last of its process: the old file or the
-// new one is whole under its name, and neither is nowhere.
-TEST_F(Move, LosesNothingWhereverItEnds) {
-  for (const Way way : {kNear, kFar, kToDisk}) {
-    int end = SIGKILL;
-    for (uint32_t nth = 1; WIFSIGNALED(end); ++nth) {
-      const Case one(far, way);
-      const pid_t child = fork();
-      if (child == 0) {
-        const Fault kill(Call::system, [&](uint32_t use) { use == nth ? raise(SIGKILL) : 0; });
-        one.run();
-        _exit(0);
-      }
-      EXPECT_EQ(waitpid(child, &end, 0), child);
-      Items items = one.items();  // memory stays in this process as it was
-      std::erase_if(items, [&](const std::string &item) {
-        return item.starts_with(".zov_mv") || (way == kToDisk && item == "x=new");
-      });
-      const bool isOld = items == itemsOf(way == kToDisk ? "y=old" : "x=new y=old");
-      EXPECT_TRUE(isOld || items == itemsOf("y=new") || items == itemsOf("x=new y=new"))
-          << "way " << way << ", call " << nth << ": " << testing::PrintToString(items);
-    }
-  }
-}
-
 }  // namespace

@@ -363,46 +363,6 @@ TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
   zov_mfPathClose(walk);
 }
 
-// The first, second, ... allocation fails, or all from there on. What was
-// reported as done is done, no name is lost, and the tree stays usable.
-TEST_F(MemoryFiles, NoMemoryLosesNoName) {
-  const std::string tail(60, 'n');
-  for (const bool all : {false, true}) {
-    bool failed = true;
-    for (uint32_t passing = 0; failed; ++passing) {
-      SCOPED_TRACE(passing);
-      const std::string base = "/r" + std::to_string(passing) + (all ? "a/" : "o/");
-      for (int number = 0; number < 71; ++number) {  // one short of a split
-        ASSERT_TRUE(put(base + "f" + std::to_string(number), ""));
-      }
-      const std::string one = base + "new/one" + tail;
-      const std::string two = base + "two" + tail;
-      const std::string from = base + "before" + tail;
-      const std::string to = base + "after" + tail + tail;
-      ASSERT_TRUE(put(from, "kept"));
-      zovtest::failAllocationAfter(passing, all);
-      const bool putOne = put(one, "1");
-      const bool putTwo = put(two, "2");
-      const int32_t renamed = zov_mfRename(from.c_str(), to.c_str());
-      const int32_t removed = zov_mfRemove((base + "f5").c_str());
-      const int32_t placed = place(base + "f6", "placed");
-      const int32_t moved = zov::moveMemFile((base + "f7").c_str(), (base + "to/f7").c_str());
-      failed = zovtest::stopFailing();
-      EXPECT_EQ(get(one) == "1", putOne);
-      EXPECT_EQ(get(two) == "2", putTwo);
-      EXPECT_EQ(get(renamed == ZOV_OKAY ? to : from), "kept");
-      EXPECT_EQ(zov_mfValidate((base + "f5").c_str(), nullptr), removed == ZOV_OKAY ? 0 : 1);
-      EXPECT_EQ(get(base + "f6"), placed == ZOV_OKAY ? "placed" : "");
-      EXPECT_EQ(get(base + (moved == ZOV_OKAY ? "to/f7" : "f7")), "");
-      EXPECT_EQ(get(base + (moved == ZOV_OKAY ? "f7" : "to/f7")), "(none)");
-      for (int number = 8; number < 71; ++number) {
-        ASSERT_EQ(get(base + "f" + std::to_string(number)), "");
-      }
-      EXPECT_TRUE(put(one, "1"));
-    }
-  }
-}
-
 // Threads in one directory: each with names of its own, which nobody else may
 // disturb, and all with a few names that they fight over.
 TEST_F(MemoryFiles, ThreadsShareADirectory) {

@@ -90,26 +90,6 @@ inline int64_t liveBlocks() {
   return standing().blocks;
 }
 
-// Calls work() with its first allocation failing, then its second, and so on
-// until none was left to fail. Each time check() is told whether one failed, and
-// puts away what work() made. What work() prints is dropped.
-template <typename Work, typename Check>
-void failEachAllocation(Work work, Check check) {
-  const int64_t before = liveBlocks();
-  bool failed = true;
-  for (uint32_t passing = 0; failed && !testing::Test::HasFatalFailure(); ++passing) {
-    SCOPED_TRACE(testing::Message() << "after failing allocation " << passing);
-    ASSERT_LT(passing, 1000u);
-    outputOf([&] {
-      failAllocationAfter(passing);
-      work();
-      failed = stopFailing();
-    });
-    check(failed);
-  }
-  EXPECT_EQ(liveBlocks(), before) << "something is left";
-}
-
 }  // namespace zovtest
 
 #endif

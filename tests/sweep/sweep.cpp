@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sweep/sweep.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <sstream>
 
@@ -12,6 +14,7 @@ namespace zovtest {
 namespace {
 
 constexpr int32_t kJumped = -1000;
+constexpr int32_t kKilled = -1001;
 
 // The operation that is tried, and what was found wrong.
 struct Trial {
@@ -22,7 +25,7 @@ struct Trial {
   uint32_t jumps = 0;
 };
 
-enum class Way { kPlain, kOnce, kOnwards, kShort, kJump };
+enum class Way { kPlain, kOnce, kOnwards, kShort, kJump, kKill };
 
 struct Point {
   Call call;
@@ -96,9 +99,26 @@ int32_t armed(Trial &trial) {
   return status;
 }
 
+// The work in a process of its own, which the call is the last of.
+int32_t killed(Trial &trial, const Point &point) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const Fault end(point.call, [&](uint32_t use) { use == point.nth ? raise(SIGKILL) : 0; });
+    trial.operation.work(trial.world);
+    _exit(0);
+  }
+  int end = 0;
+  waitpid(child, &end, 0);
+  return WIFSIGNALED(end) ? kKilled : ZOV_OKAY;
+}
+
 int32_t attempt(Trial &trial, const Point &point, bool &struck) {
   if (point.way == Way::kPlain) {
     return trial.operation.work(trial.world);
+  }
+  if (point.way == Way::kKill) {
+    struck = true;
+    return killed(trial, point);
   }
   if (point.way == Way::kShort) {
     const Fault cut(point.call, point.nth, Limit{1});
@@ -137,7 +157,7 @@ class Judge {
     if (holds) {
       return;
     }
-    static const char *const ways[] = {"plain", "once", "onwards", "short", "jump"};
+    static const char *const ways[] = {"plain", "once", "onwards", "short", "jump", "kill"};
     trial_.complaints += std::string(trial_.operation.calls) + ", call " +
                          std::to_string(static_cast<int>(point_.call)) + " #" +
                          std::to_string(point_.nth) + " " + ways[static_cast<int>(point_.way)] +
@@ -150,7 +170,8 @@ class Judge {
     const bool litters = (operation.traits & kLitters) != 0;
     // What a name leads to may be past finding out where the same call fails on.
     const std::string state =
-        litters ? operation.wanted : trial_.world.state(point_.way != Way::kOnwards);
+        litters ? operation.wanted
+                : trial_.world.state(point_.way != Way::kOnwards && point_.way != Way::kKill);
     const auto told = " (status " + std::to_string(status) + ", state " + state + ")";
     const bool left =
         struck && ((operation.left != nullptr && state == operation.left) ||
@@ -160,11 +181,13 @@ class Judge {
       return;
     }
     require(struck, "failed though nothing did" + told);
-    require(status == kJumped
+    require(status == kKilled ? true
+            : status == kJumped
                 ? (operation.traits & kJumps) != 0
                 : std::count(operation.failures.begin(), operation.failures.end(), status) == 1,
             "undocumented" + told);
     require(litters || left || state == operation.before ||
+                (status == kKilled && state == operation.wanted) ||
                 (has && state.find(operation.before) == 0) ||
                 ((operation.traits & kPartly) != 0 && operation.wanted.find(state) == 0),
             "failed, and something changed" + told);
@@ -208,7 +231,9 @@ int32_t live(Trial &trial, const Point &point) {
   trial.jumps += status == kJumped ? 1 : 0;
   putAway(trial);
   judge.nothingLost(before);
-  if (status != ZOV_OKAY && standing().locks == 0) {
+  // Who was killed may have been done.
+  const bool mayGoOn = status != kKilled || trial.world.state(false) == operation.before;
+  if (status != ZOV_OKAY && mayGoOn && standing().locks == 0) {
     int32_t again = ZOV_OKAY;
     std::thread([&] { again = operation.work(trial.world); }).join();
     judge.require(again == ZOV_OKAY, "no second try: " + std::to_string(again));
@@ -248,11 +273,17 @@ uint32_t usesOf(Trial &trial, Call call) {
 void sweepCall(Trial &trial, Call call) {
   const uint32_t uses = usesOf(trial, call);
   const uint32_t step = uses / 50 + 1;  // a sample where there are very many
+  const Operation &operation = trial.operation;
+  const bool changesDisk =
+      operation.before != operation.wanted && operation.wanted.find("/m/") == operation.wanted.npos;
   for (uint32_t nth = 1; nth <= uses; nth += step) {
     live(trial, {call, nth, Way::kOnce});
     live(trial, {call, nth, Way::kOnwards});
     if (transfers(call)) {
       live(trial, {call, nth, Way::kShort});
+    }
+    if (call < Call::system && changesDisk) {
+      live(trial, {call, nth, Way::kKill});
     }
     if (call == Call::allocation && (trial.operation.traits & kUnstarted) == 0) {
       live(trial, {call, nth, Way::kJump});

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A table of operations, each tried with every call beneath it failing in turn:
-// the nth use of a call fails, falls short, fails from then on, or, where it is
-// an allocation, jumps to the default tag's recovery point. After each point the
-// status is a documented one, the files are all as before or all as wanted, as
-// the status says, nothing is lost, another thread can do the work, and the
-// library stops and starts again.
+// A table of operations, each tried with every call beneath them failing in turn:
+// the nth use of a call fails, falls short, fails from then on, is the last of its
+// process, or, where it is an allocation, jumps to the default tag's recovery
+// point. After each point the status is a documented one, the files are all as
+// before or all as wanted, as the status says, nothing is lost, another thread can
+// do the work, and the library stops and starts again.
 #ifndef TESTS_SWEEP_SWEEP_H
 #define TESTS_SWEEP_SWEEP_H
 

@@ -311,6 +311,23 @@ TEST(Sweep, Across) {
   // clang-format on
 }
 
+// A directory in memory with a name less than its tree has to be split for.
+const std::string fullNames = [] {
+  std::string names;
+  for (int number = 10; number < 80; ++number) {
+    names += " /m/f" + std::to_string(number) + "=";
+  }
+  return names;
+}();
+const std::string longName = "/m/g" + std::string(60, 'n');
+
+void putFull(World &w) {
+  w.put("/m/a", "one");
+  for (int number = 10; number < 80; ++number) {
+    w.put(("/m/f" + std::to_string(number)).c_str(), "");
+  }
+}
+
 TEST(Sweep, Memory) {
   const auto putA = [](World &w) { w.put("/m/a", "one"); };
   const auto putBoth = [](World &w) { w.put("/m/a", "one"), w.put("/m/b", "and two"); };
@@ -346,6 +363,17 @@ TEST(Sweep, Memory) {
     {"zov_mfRename", kKeeps, putA,
      [](World &) { return zov_mfRename("/m/a", "a name of more than one piece, which is stored in several pieces"); }, error,
      "/m/a=one", "/m/a name of more than one piece, which is stored in several pieces=one"},
+    {"zov_mfOpen", kKeeps, putFull,
+     [](World &) {
+       ZOV_MFILE file = zov_mfOpen(longName.c_str(), O_CREAT);
+       zov_mfClose(file);
+       return got(file != nullptr);
+     }, error, "/m/a=one" + fullNames, "/m/a=one" + fullNames + " " + longName + "="},
+    {"zov_fileMoveEx", kKeeps, [](World &w) { putFull(w), putFile("/n/a", "two", kMem); },
+     [](World &) { return zov_fileMoveEx("/n/a", kMem, longName.c_str(), kMem); }, error, "/m/a=one" + fullNames,
+     "/m/a=one" + fullNames + " " + longName + "=two"},
+    {"zov_fileMoveEx", kKeeps | kInPlace, putFull, [](World &) { return zov_fileMoveEx("/m/a", kMem, "/m/n/a", kMem); },
+     error, "/m/a=one" + fullNames, fullNames.substr(1) + " /m/n/"},
     {"zov_fileRemoveEx", kKeeps, putBoth, [](World &) { return zov_fileRemoveEx("/m/a", kMem); }, {ZOV_ERROR, -1},
      "/m/a=one /m/b=and two", "/m/b=and two"},
     {"zov_mfRemove", kKeeps, putA, [](World &) { return zov_mfRemove("/m/a"); }, error, "/m/a=one", ""},

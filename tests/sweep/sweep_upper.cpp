@@ -154,23 +154,26 @@ TEST(Sweep, Wire) {
   };
   // clang-format off
   sweep("wire", {
+    // A string of more bytes than memory is taken for at once.
     {"zov_inputBuffCreate zov_inputBuffGetString", kJumps, nothing,
      [](World &w) {
-       const ZOV_BUFF_READ read = [](void *, void *to, uint32_t, uint32_t *taken) {
-         memcpy(to, "\0\0\0\4text", 8);
-         *taken = 8;
+       const ZOV_BUFF_READ read = [](void *world, void *to, uint32_t room, uint32_t *taken) {
+         const bool isFirst = static_cast<World *>(world)->size++ == 0;
+         *taken = isFirst ? 4 : room;
+         isFirst ? memcpy(to, "\0\3\xd", 4) : memset(to, 'x', room);
          return int32_t{0};
        };
-       ZOV_INPUTBUFF input = nullptr;
-       int32_t status = zov_inputBuffCreate(read, nullptr, nullptr, 1, &input);
+       w.size = 0;
+       ZOV_INPUTBUFF input = reinterpret_cast<ZOV_INPUTBUFF>(&w);
+       int32_t status = zov_inputBuffCreate(read, nullptr, &w, 1, &input);
        w.made = input;
        status = status != 0 ? status : zov_inputBuffGetString(input, &w.text);
-       return status;
+       return status != 0 ? status : got(true, strlen(w.text) == 0x30d00);
      }, {ZOV_BUFF_NOMEMORY}, "", "", endInput},
     {"zov_outputBuffCreate", kJumps, nothing,
      [](World &w) {
        const ZOV_BUFF_WRITE write = [](void *, const void *, uint32_t) { return int32_t{0}; };
-       ZOV_OUTPUTBUFF output = nullptr;
+       ZOV_OUTPUTBUFF output = reinterpret_cast<ZOV_OUTPUTBUFF>(&w);
        const int32_t status = zov_outputBuffCreate(write, nullptr, 0, &output);
        w.made = output;
        return status != 0 ? status : zov_outputBuffPutInt32(output, 7);
@@ -193,7 +196,7 @@ TEST(Sweep, Wire) {
          return static_cast<int16_t>(at < 120 ? '(' : at == 120 ? expression_NUMBER : at < 241 ? ')' : at == 241 ? ';' : -5);
        };
        context.action = [](void *, void *, int32_t, void *) -> int16_t { return 0; };
-       context.error = [](void *) {};
+       context.error = [](void *) { abort(); };
        return zov_yyparse(&context);
      }, {ZOV_NOMEMORY}, "", "", [](World &w) { zov_freeTagMemory(w.tag, 1), w.tag = 0; }},
   });
