@@ -38,18 +38,11 @@ CALCULATOR = pathlib.Path()
 class Guide:
     def __init__(self, path):
         self.name = path.stem
-        self.blocks = []  # (language, line number, text)
-        language = None
-        for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
-            fence = re.match(r"( *)(```|~~~)(\S*)", line)
-            if fence and language is None:
-                indent, language, start, lines = fence[1], fence[3], number, []
-            elif fence:
-                self.blocks.append((language, start, "".join(lines)))
-                language = None
-            elif language is not None:
-                lines.append(line.removeprefix(indent) + "\n")
-        self.is_open = language is not None
+        page = path.read_text(encoding="utf-8")
+        self.blocks = [  # language, line number, text
+            (found[3], page.count("\n", 0, found.start()) + 1, re.sub(f"(?m)^{found[1]}", "", found[4]))
+            for found in re.finditer(r"^( *)(```|~~~)(\S*)\n(.*?)^\1\2$", page, re.M | re.S)]
+        self.is_open = len(re.findall("(?m)^ *(?:```|~~~)", page)) != 2 * len(self.blocks)
 
     def text(self, language):
         return "".join(text for found, _, text in self.blocks if found == language)
