@@ -48,6 +48,7 @@ struct Ground {
       zov_fclose(node.info->stream);
     }
     zov_fileStackClose(&stack);
+    zov_fileUnlock(handle);
     zov_fileClose(handle);
     zov_flClose(descriptor);
     zov_pathClose(walk);
