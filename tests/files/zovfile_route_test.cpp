@@ -107,27 +107,6 @@ TEST_P(Route, RenamesValidatesAndWalks) {
   EXPECT_EQ(zov_pathOpenEx(at("none").c_str(), flags, "*"), nullptr);
 }
 
-// From every route to every route.
-TEST_P(Route, CopiesComparesAndMoves) {
-  std::string text(30000, 'x');
-  text[20001] = 'y';
-  put("from", text);
-  for (const uint32_t other : {uint32_t{0}, ZOV_FILE_MEMORY}) {
-    const std::string to = at("to") + std::to_string(other);
-    const std::string from = at("from");
-    ASSERT_EQ(zov_fileCopyEx(from.c_str(), flags, to.c_str(), other), ZOV_OKAY);
-    EXPECT_EQ(zov_fileCmpEx(from.c_str(), flags, to.c_str(), other), ZOV_OKAY);
-    ZOV_FILE file = zov_fileOpen(to.c_str(), O_RDWR, other);
-    EXPECT_EQ(zov_fileSeekWrite(file, 20000, "!", 1), 1u);
-    zov_fileClose(file);
-    EXPECT_EQ(zov_fileCmpEx(from.c_str(), flags, to.c_str(), other), ZOV_ERROR);
-    ASSERT_EQ(zov_fileMoveEx(from.c_str(), flags, to.c_str(), other), ZOV_OKAY);
-    EXPECT_EQ(get("from"), "(none)");
-    ASSERT_EQ(zov_fileMoveEx(to.c_str(), other, from.c_str(), flags), ZOV_OKAY);
-    EXPECT_EQ(get("from"), text);
-  }
-}
-
 // One side of a difference: a directory of its own, which is the current one,
 // with the files f and g, which hold "text", and the empty directory e.
 struct Side {

@@ -30,8 +30,11 @@ std::string blocks(const std::string &letters) {
   return text;
 }
 
-// Copies `source` over `destination` and tells how many writes that took.
+// Compares `source` with `destination`, in memory and on disk, and copies it there,
+// which takes so many writes on disk.
 TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
+  const std::string from = at("from");
+  const std::string to = at("to");
   const struct {
     int line;
     std::string source;
@@ -45,27 +48,26 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
       {__LINE__, blocks("abcd") + "tail", blocks("abcd") + "tails", 0},
       {__LINE__, blocks("abcd") + "tail", blocks("abcd") + "tal", 1},
       {__LINE__, blocks("abcd"), blocks("ab") + "c", 2},
+      {__LINE__, blocks(std::string(20, 'a')) + "x", blocks(std::string(20, 'a')) + "y", 1},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.line);
-    writeFile(at("from"), row.source);
-    writeFile(at("to"), row.destination);
-    const Fault writes(Call::pwrite);
-    EXPECT_EQ(zov_fileCopy(at("from").c_str(), at("to").c_str()), ZOV_OKAY);
-    EXPECT_EQ(writes.uses(), row.writes);
-    EXPECT_EQ(readFile(at("to")), row.source);
-    EXPECT_EQ(zov_fileCmp(at("from").c_str(), at("to").c_str()), ZOV_OKAY);
+    for (const uint32_t flags : {0u, 1u, 2u, 3u}) {
+      SCOPED_TRACE(testing::Message() << row.line << ", from " << flags % 2 << " to " << flags / 2);
+      const uint32_t fromFlags = flags % 2 * ZOV_FILE_MEMORY;
+      const uint32_t toFlags = flags / 2 * ZOV_FILE_MEMORY;
+      ASSERT_TRUE(zovtest::putFile(from, row.source, fromFlags));
+      ASSERT_TRUE(zovtest::putFile(to, row.destination, toFlags));
+      EXPECT_EQ(zov_fileCmpEx(from.c_str(), fromFlags, to.c_str(), toFlags),
+                row.source == row.destination ? ZOV_OKAY : ZOV_ERROR);
+      const Fault writes(Call::pwrite);
+      EXPECT_EQ(zov_fileCopyEx(from.c_str(), fromFlags, to.c_str(), toFlags), ZOV_OKAY);
+      EXPECT_EQ(writes.uses(), toFlags == 0 ? row.writes : 0);
+      EXPECT_EQ(zovtest::getFile(to, toFlags), row.source);
+      EXPECT_EQ(zov_fileCmpEx(from.c_str(), fromFlags, to.c_str(), toFlags), ZOV_OKAY);
+    }
   }
-}
-
-TEST_F(FileUtil, CompareTellsHowFilesDiffer) {
-  writeFile(at("one"), blocks("ab") + "x");
-  for (const char *tail : {"", "y", "xx"}) {
-    writeFile(at("two"), blocks("ab") + tail);
-    EXPECT_EQ(zov_fileCmp(at("one").c_str(), at("two").c_str()), ZOV_ERROR) << tail;
-  }
-  EXPECT_EQ(zov_fileCmp(at("none").c_str(), at("two").c_str()), ZOV_NOFILE);
-  EXPECT_EQ(zov_fileCmp(at("one").c_str(), at("none").c_str()), ZOV_NOFILE2);
+  EXPECT_EQ(zov_fileCmp(at("none").c_str(), to.c_str()), ZOV_NOFILE);
+  EXPECT_EQ(zov_fileCmp(from.c_str(), at("none").c_str()), ZOV_NOFILE2);
   EXPECT_EQ(zov_fileCmp(at("NONE").c_str(), at("none").c_str()), ZOV_OKAY)
       << "equal but for case is not looked at";
 }
