@@ -735,8 +735,8 @@ ZOV_API int32_t zov_queueInit(int32_t force);
  * @param force low 16 bits non-zero: every queue is closed, so that readers
  *              leave, and then deleted; 0: nothing happens while a queue exists
  *
- * Threads: no other call of this module may be under way, but for one reader in
- * each queue. A queue in doubt (see zov_queueRead()) keeps this call for ever,
+ * Threads: no other call of this module may be under way, but for readers that
+ * wait in the queues. A queue in doubt (see zov_queueRead()) keeps this call for ever,
  * unless it comes from the thread that was told.
  */
 ZOV_API void zov_queueTerm(int32_t force);
@@ -754,14 +754,14 @@ ZOV_API void zov_queueTerm(int32_t force);
 ZOV_API ZOV_QUEUE zov_queueCreate(const char *name);
 
 /**
- * Deletes a queue with the messages left in it. Waits for the reader that is
- * waiting in it, for ever if that one has no limit; close the queue first to
- * have it leave at once. Of a queue in doubt (see zov_queueRead()) this never
+ * Deletes a queue with the messages left in it. Waits for the readers that are
+ * waiting in it, for ever if one has no limit; close the queue first to have
+ * them leave at once. Of a queue in doubt (see zov_queueRead()) this never
  * returns, unless it is called by the thread that was told. Constant time.
  *
  * @param queue the queue; null deletes nothing
  *
- * Threads: nobody may use the queue any more, but for the one reader above. Who
+ * Threads: nobody may use the queue any more, but for the readers above. Who
  * reads the message that says so, or finds the queue closed, may delete it at
  * once: the write or close behind that need not have returned.
  * Messages: "Deleted too many queues", when deletions outnumber creations.

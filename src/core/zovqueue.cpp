@@ -43,8 +43,8 @@ constexpr uint32_t kReaderAsleep = 4;  // and nobody has set out to wake it
 // to a kilobyte.
 constexpr uint32_t kBlockNodes = 40;
 
-// How long deleting a queue sleeps before it looks again for late wakers.
-constexpr timespec kWakerPause{0, 50'000};
+// How long deleting a queue sleeps before it looks again for readers and wakers.
+constexpr timespec kPause{0, 50'000};
 
 // Passed by value: it fits two registers.
 struct Message {
@@ -88,7 +88,8 @@ struct MessageQueue {
   ZOV_SYNC listMutex;     // rank 5: head, tail, freeNodes, count, the tag
   ZOV_TAG tag;
   QueueCell *cell;
-  std::atomic<uint32_t> wakers;  // threads that are about to signal the event
+  std::atomic<uint32_t> wakers;   // threads that are about to signal the event
+  std::atomic<uint32_t> readers;  // threads that want the read mutex or have it
 };
 
 namespace {
@@ -340,7 +341,7 @@ int32_t awaitTurn(MessageQueue &queue, uint32_t waitMs) ZOV_NO_ANALYSIS {
 // Takes a message in the caller's turn. When what it was woken for was purged by
 // the time it gets there, it says so and keeps both mutexes, the message written
 // under them: the queue is taken to be corrupt.
-int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, Message &message) ZOV_NO_ANALYSIS {
+int32_t readLocked(MessageQueue &queue, uint32_t waitMs, Message &message) ZOV_NO_ANALYSIS {
   zov_syncEnterExcl(queue.readMutex);
   const int32_t status = awaitTurn(queue, waitMs);
   if (status == ZOV_OKAY) {
@@ -352,6 +353,14 @@ int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, Message &message) ZOV_N
     zov_syncExitExcl(queue.listMutex);
   }
   zov_syncExitExcl(queue.readMutex);
+  return status;
+}
+
+// The queue is not touched after the count: it may be deleted then.
+int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, Message &message) {
+  queue.readers.fetch_add(1, std::memory_order_relaxed);
+  const int32_t status = readLocked(queue, waitMs, message);
+  queue.readers.fetch_sub(1, std::memory_order_release);
   return status;
 }
 
@@ -430,18 +439,24 @@ QueueCell *takeAll() {
   return first;
 }
 
-// Waits for the reader that is inside, if any, and for whoever woke it: that
-// takes but a moment, and they may be slow to run when the caller outranks them.
-// The record and its cell go with the tag.
+// Sleeps until a count of threads is 0: they may be slow to run when the caller
+// outranks them.
+void awaitNone(const std::atomic<uint32_t> &threads) {
+  while (threads.load(std::memory_order_acquire) != 0) {
+    nanosleep(&kPause, nullptr);
+  }
+}
+
+// Waits for the readers that are inside, and for whoever woke them. The record
+// and its cell go with the tag.
 void queueDelete(MessageQueue &queue) {
   const ZOV_SYNC arrivalEvent = queue.arrivalEvent;
   const ZOV_SYNC readMutex = queue.readMutex;
   const ZOV_SYNC listMutex = queue.listMutex;
+  awaitNone(queue.readers);
   zov_syncEnterExcl(readMutex);
   zov_syncEnterExcl(listMutex);
-  while (queue.wakers.load(std::memory_order_acquire) != 0) {
-    nanosleep(&kWakerPause, nullptr);
-  }
+  awaitNone(queue.wakers);
   queue.name = nullptr;
   zov_freeTagMemory(queue.tag, 1);
   zov_syncExitExcl(listMutex);

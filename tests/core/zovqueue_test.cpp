@@ -215,15 +215,15 @@ TEST_F(Queue, ManyAreDeletedWithoutAWord) {
 }
 
 TEST_F(Queue, ForcedEndReleasesTheReaders) {
-  ZOV_QUEUE queues[] = {queue, zov_queueCreate("more"), zov_queueCreate("still more")};
+  ZOV_QUEUE queues[] = {queue, zov_queueCreate("more"), queue, queue};
   std::atomic<uint32_t> waiting{0};
-  const auto tellOfEvent = [&](uint32_t lock) { waiting += lock == 3 ? 1 : 0; };
-  zovtest::onThreads(4, [&](uint32_t id) {
-    if (id < 3) {
+  const auto tellOfTurn = [&](uint32_t lock) { waiting += lock == 1 ? 1 : 0; };
+  zovtest::onThreads(5, [&](uint32_t id) {
+    if (id < 4) {
       const auto wait = [&] { return read(queues[id], ZOV_WAIT_FOREVER); };
-      EXPECT_EQ(hooked(tellOfEvent, wait), ZOV_QUEUE_CLOSED);
+      EXPECT_EQ(hooked(tellOfTurn, wait), ZOV_QUEUE_CLOSED);
     } else {
-      until(waiting, 3);
+      until(waiting, 4);
       zov_queueTerm(1);
     }
   });
