@@ -189,7 +189,7 @@ TEST_F(Stream, AgreesWithTheModel) {
     const uint32_t route = round % 2 == 0 ? 0 : ZOV_FILE_MEMORY;
     const auto around = [&](const std::function<void()> &call) {
       const Fault pieces(Call::write, random.below(2) == 0 ? kNever : 1,
-                         zovtest::Limit{1 + random.below(1500)}, true);
+                         zovtest::Limit{1 + random.below(random.below(2) == 0 ? 20 : 1500)}, true);
       const Fault failure(route == 0 ? Call::write : Call::allocation,
                           random.below(4) == 0 ? 1 + random.below(3) : kNever,
                           route == 0 ? ENOSPC : ENOMEM, true);

@@ -169,7 +169,8 @@ class StreamWalk {
     const uint32_t choice = around ? 4 + below(2) : below(6);
     const bool wide = choice == 0;
     std::string bytes = wide ? "\xFF\xFE" : ".";
-    for (uint32_t count = below(4000); count > 0; --count) {
+    bytes.append(choice < 4 ? 0 : below(4000), 'o');
+    for (uint32_t count = choice < 4 ? below(4000) : 0; count > 0; --count) {
       bytes += below(2) == 0 ? "\n\0a\xD8\xDC\xC3"[below(6)] : static_cast<char>(below(256));
     }
     check("set-up", putFile(path, bytes, flags));
@@ -220,8 +221,9 @@ class StreamWalk {
 
   void step() {
     const int32_t value = static_cast<int32_t>(below(256));
-    switch (below(writes ? 8 : 5)) {
+    switch (around ? 5 + below(4) : below(writes ? 8 : 5)) {
       case 0:
+      case 8:
         return seek();
       case 1:
         checkLine("zov_fgets", zov_fgets(piece, value + 2, stream),
