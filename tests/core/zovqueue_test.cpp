@@ -9,6 +9,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <utility>
 
 #include "support/faults.h"
@@ -34,10 +35,15 @@ void write(ZOV_QUEUE queue) {
   zov_queueWrite(queue, 1, 2, 3, 0);
 }
 
-template <typename Work>
-auto hooked(std::function<void(uint32_t)> hook, Work work) {
-  const Fault locks(Call::pthread_mutex_lock, hook);
-  return work();
+// Reads, and does something first at some of the locks that are taken on the way.
+using Acts = std::map<uint32_t, std::function<void()>>;
+int32_t readWhile(const Acts &acts, ZOV_QUEUE queue, uint32_t waitMs = ZOV_WAIT_FOREVER) {
+  const Fault locks(Call::pthread_mutex_lock, [&](uint32_t lock) {
+    if (const auto act = acts.find(lock); act != acts.end()) {
+      act->second();
+    }
+  });
+  return read(queue, waitMs);
 }
 
 class Queue : public zovtest::Started {
@@ -86,15 +92,11 @@ TEST_F(Queue, BehavesAsItsModel) {
 // A second reader comes when the message is there that the first was woken for.
 TEST_F(Queue, ReadersTakeTurns) {
   std::jthread late;
-  const auto overtake = [&](uint32_t lock) {
-    if (lock == 3) {
-      write(queue);
-    } else if (lock == 4) {
-      late = std::jthread([&] { EXPECT_EQ(read(queue, 0), ZOV_ERROR); });
-      until(zovtest::locksFoundTaken, 1);
-    }
+  const auto overtake = [&] {
+    late = std::jthread([&] { EXPECT_EQ(read(queue), ZOV_ERROR); });
+    until(zovtest::locksFoundTaken, 1);
   };
-  EXPECT_EQ(hooked(overtake, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
+  EXPECT_EQ(readWhile({{3, [&] { write(queue); }}, {4, overtake}}, queue), ZOV_OKAY);
 }
 
 TEST_F(Queue, WaitsForAMessageUnlessItIsClosed) {
@@ -114,12 +116,7 @@ TEST_F(Queue, WaitsForAMessageUnlessItIsClosed) {
 TEST_F(Queue, CloseIsNeverSleptThrough) {
   for (uint32_t moment = 1; moment <= 3; ++moment) {
     ZOV_QUEUE closing = zov_queueCreate("closing");
-    const auto close = [&](uint32_t lock) {
-      if (lock == moment) {
-        zov_queueClose(closing);
-      }
-    };
-    EXPECT_EQ(hooked(close, [&] { return read(closing, ZOV_WAIT_FOREVER); }), ZOV_QUEUE_CLOSED);
+    EXPECT_EQ(readWhile({{moment, [&] { zov_queueClose(closing); }}}, closing), ZOV_QUEUE_CLOSED);
     zov_queueDelete(closing);
   }
 }
@@ -128,100 +125,70 @@ TEST_F(Queue, CloseIsNeverSleptThrough) {
 // there, so that the next one is woken in its place and has to sleep on.
 TEST_F(Queue, LateWakeUpIsNotTakenForAMessage) {
   std::atomic<uint32_t> stage{0};
-  const auto stopBeforeEvent = [&](uint32_t lock) {
-    if (lock == 2) {
-      stage = 1;
-      until(stage, 2);
-    }
-  };
   std::thread writer;
-  const auto startWriter = [&](uint32_t lock) {
-    if (lock == 3) {
-      writer = std::thread([&] { hooked(stopBeforeEvent, [&] { return write(queue), 0; }); });
-      until(stage, 1);
-    }
-  };
-  EXPECT_EQ(hooked(startWriter, [&] { return read(queue, 1); }), ZOV_TIMEOUT);
-  EXPECT_EQ(read(queue), ZOV_OKAY);
-  const auto finishWriter = [&](uint32_t lock) {
-    if (lock == 3) {
-      stage = 2;
-      writer.join();
-    } else if (lock == 5) {
+  const auto startWriter = [&] {
+    writer = std::thread([&] {
+      const Fault locks(Call::pthread_mutex_lock, [&](uint32_t lock) {
+        stage = std::max<uint32_t>(stage, lock == 2);
+        until(stage, lock == 2 ? 2 : 0);
+      });
       write(queue);
-    }
+    });
+    until(stage, 1);
   };
-  EXPECT_EQ(hooked(finishWriter, [&] { return read(queue, ZOV_WAIT_FOREVER); }), ZOV_OKAY);
+  EXPECT_EQ(readWhile({{3, startWriter}}, queue, 1), ZOV_TIMEOUT);
+  EXPECT_EQ(read(queue), ZOV_OKAY);
+  const auto finishWriter = [&] { stage = 2, writer.join(); };
+  EXPECT_EQ(readWhile({{3, finishWriter}, {5, [&] { write(queue); }}}, queue), ZOV_OKAY);
   EXPECT_EQ(zov_queueCount(queue), 0u);
 }
 
 // Purges what a reader was woken for before it gets there. The queue stays
 // locked, so this test takes nothing down.
 void putInDoubt() {
-  ASSERT_EQ(zov_init(), ZOV_OKAY);
-  ASSERT_EQ(zov_queueInit(0), ZOV_OKAY);
+  ASSERT_EQ(zov_init() | zov_queueInit(0), ZOV_OKAY);
   ZOV_QUEUE queue = zov_queueCreate("orders");
-  const auto writeAndPurge = [&](uint32_t lock) {
-    if (lock == 3) {
-      write(queue);
-    } else if (lock == 4) {
-      zov_queuePurge(queue, 3);
-    }
-  };
-  EXPECT_EQ(outputOf([&] {
-              EXPECT_EQ(hooked(writeAndPurge, [&] { return read(queue, 1000); }), ZOV_ERROR);
-            }),
+  const Acts acts = {{3, [&] { write(queue); }}, {4, [&] { zov_queuePurge(queue, 3); }}};
+  EXPECT_EQ(outputOf([&] { EXPECT_EQ(readWhile(acts, queue, 1000), ZOV_ERROR); }),
             "unexpected empty queue on orders");
   std::thread(read, queue, 0).detach();
   until(zovtest::locksFoundTaken, 1);
   std::thread(write, queue).detach();
   until(zovtest::locksFoundTaken, 2);
+  _exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
 TEST(QueueInDoubt, StaysLocked) {
-  const auto inAProcessOfItsOwn = [] {
-    putInDoubt();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  };
   zovtest::leavesThings = true;  // the framework does
-  EXPECT_EXIT(inAProcessOfItsOwn(), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(putInDoubt(), testing::ExitedWithCode(0), "");
 }
 
+// Of more than 16 bits count, which are deleted in the order that would cost a
+// search most, without a word.
 TEST_F(Queue, IsFoundByName) {
-  ZOV_QUEUE middle = zov_queueCreate("orders");
-  ZOV_QUEUE newer = zov_queueCreate("orders");
-  ZOV_QUEUE unnamed = zov_queueCreate(nullptr);
   EXPECT_EQ(zov_queueFind("Orders"), nullptr);
+  std::vector<ZOV_QUEUE> queues(33000);
+  std::generate(queues.begin(), queues.end(), [] { return zov_queueCreate("orders"); });
+  ZOV_QUEUE unnamed = zov_queueCreate(nullptr);
   EXPECT_EQ(zov_queueFind(""), unnamed);
-  EXPECT_EQ(zov_queueFind("orders"), newer);
-  zov_queueDelete(middle);
-  EXPECT_EQ(zov_queueFind("orders"), newer);
-  zov_queueDelete(newer);
+  EXPECT_EQ(outputOf([&] {
+              for (ZOV_QUEUE each : queues) {
+                EXPECT_EQ(zov_queueFind("orders"), queues.back());
+                zov_queueDelete(each);
+              }
+            }),
+            "");
   EXPECT_EQ(zov_queueFind("orders"), queue);
   zov_queueDelete(queue);
   EXPECT_EQ(zov_queueFind("orders"), nullptr);
 }
 
-// More than 16 bits count, in the order that would cost a search most.
-TEST_F(Queue, ManyAreDeletedWithoutAWord) {
-  std::vector<ZOV_QUEUE> queues(33000);
-  for (ZOV_QUEUE &each : queues) {
-    each = zov_queueCreate("one of many");
-    ASSERT_NE(each, nullptr);
-  }
-  EXPECT_EQ(outputOf([&] { std::for_each(queues.begin(), queues.end(), zov_queueDelete); }), "");
-  EXPECT_EQ(zov_queueFind("one of many"), nullptr);
-  EXPECT_EQ(zov_queueFind("orders"), queue);
-}
-
 TEST_F(Queue, ForcedEndReleasesTheReaders) {
   ZOV_QUEUE queues[] = {queue, zov_queueCreate("more"), queue, queue};
   std::atomic<uint32_t> waiting{0};
-  const auto tellOfTurn = [&](uint32_t lock) { waiting += lock == 1 ? 1 : 0; };
   zovtest::onThreads(5, [&](uint32_t id) {
     if (id < 4) {
-      const auto wait = [&] { return read(queues[id], ZOV_WAIT_FOREVER); };
-      EXPECT_EQ(hooked(tellOfTurn, wait), ZOV_QUEUE_CLOSED);
+      EXPECT_EQ(readWhile({{1, [&] { ++waiting; }}}, queues[id]), ZOV_QUEUE_CLOSED);
     } else {
       until(waiting, 4);
       zov_queueTerm(1);
@@ -277,27 +244,23 @@ TEST(QueueModule, LivesBetweenInitAndTerm) {
 }
 
 TEST_F(Queue, LackOfMemoryDropsWhatIsNew) {
-  const auto writtenWith = [](ZOV_QUEUE to) {
-    errno = EDOM;
-    write(to);
-    return errno;
-  };
   zovtest::failAllocationAfter(0, true);
+  // A purge gives nodes back as reading does: 40 are there from the start, for good.
   for (uint32_t round = 0; round < 100; ++round) {
+    errno = EDOM;
     while (zov_queueCount(queue) < 40) {
-      ASSERT_EQ(writtenWith(queue), EDOM) << "these nodes are there from the start, for good";
+      write(queue);
     }
-    EXPECT_EQ(outputOf([&] { EXPECT_EQ(writtenWith(queue), ENOMEM); }).substr(0, 13),
-              "Out of memory");
-    EXPECT_EQ(read(queue), ZOV_OKAY);
-    EXPECT_EQ(zov_queueCount(queue), 39u) << "dropped";
-    if (round % 2 != 0) {
-      zov_queuePurge(queue, 3);
-    }
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_TRUE(outputOf([&] { write(queue); }).starts_with("Out of memory"));
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(zov_queueCount(queue), 40u) << "dropped";
+    round % 2 != 0 ? zov_queuePurge(queue, 3) : static_cast<void>(read(queue));
   }
   EXPECT_TRUE(zovtest::stopFailing());
   zov_queueClose(queue);
-  EXPECT_EQ(writtenWith(queue), EPIPE);
+  write(queue);
+  EXPECT_EQ(errno, EPIPE);
 }
 
 // Every message arrives once, and those of one writer in their order, however

@@ -3,6 +3,9 @@
 // Files in memory by path and by handle: how paths resolve, what the calls
 // refuse, walks, what a lack of memory leaves behind, and threads that share a
 // directory.
+#include <iterator>
+#include <sstream>
+
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_private.h"
 #include "support/faults.h"
@@ -181,20 +184,14 @@ TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
     EXPECT_EQ(count, next == '.' ? 0u : 1u);
     return std::to_string(status) + next;
   };
+  const struct {
+    uint64_t offset;
+    int32_t whence;
+  } rows[] = {{3, 0},  {2, 1}, {UINT64_MAX - 1, 1}, {UINT64_MAX, 2}, {10, 0}, {4, 0},
+              {11, 0}, {1, 2}, {UINT64_MAX - 9, 1}, {0, 3},          {0, -1}};
   std::string seen;
-  for (const auto &[offset, whence] :
-       std::initializer_list<std::pair<uint64_t, int32_t>>{{3, 0},
-                                                           {2, 1},
-                                                           {UINT64_MAX - 1, 1},
-                                                           {UINT64_MAX, 2},
-                                                           {10, 0},
-                                                           {4, 0},
-                                                           {11, 0},
-                                                           {1, 2},
-                                                           {UINT64_MAX - 9, 1},
-                                                           {0, 3},
-                                                           {0, -1}}) {
-    seen += seek(offset, whence) + " ";
+  for (const auto &row : rows) {
+    seen += seek(row.offset, row.whence) + " ";
   }
   EXPECT_EQ(seen, "03 06 05 09 0. 04 25 26 27 28 29 ");
   EXPECT_EQ(zov_mfSetSize(file, 4), ZOV_OKAY);
@@ -292,31 +289,6 @@ TEST_F(MemoryFiles, OneFileTakesThePlaceOfAnother) {
   EXPECT_FALSE(zov::isSameMemDirectory("/a", "/b") || zov::isSameMemDirectory("/no", "/no"));
 }
 
-// A name leads to the one file or the other at every moment, for threads that
-// move files onto it from both sides and one that reads.
-TEST_F(MemoryFiles, ReplacingIsOneStep) {
-  ASSERT_TRUE(put("/a/x", "0") && put("/b/x", "0"));
-  std::atomic<uint32_t> seen{0};
-  std::atomic<bool> stop{false};
-  std::thread reader([&] {
-    for (const char *path = "/a/x"; !stop; ++seen, path = path[1] == 'a' ? "/b/x" : "/a/x") {
-      ASSERT_EQ(get(path).size(), 1u) << path;
-      ASSERT_EQ(zov_mfSizeStat(path), 1u) << path;
-    }
-  });
-  zovtest::onThreads(2, [&](uint32_t index) {
-    const std::string own = index == 0 ? "/a/own" : "/b/own";
-    for (int round = 0; round < 500 || seen < 500; ++round) {
-      EXPECT_TRUE(put(own, "m"));
-      EXPECT_EQ(zov::moveMemFile(own.c_str(), round % 2 == 0 ? "/a/x" : "/b/x"), ZOV_OKAY);
-      EXPECT_EQ(place(round % 2 == 0 ? "/b/x" : "/a/x", "p"), ZOV_OKAY);
-    }
-  });
-  stop = true;
-  reader.join();
-  EXPECT_EQ(list("/a") + list("/b"), "x x ");
-}
-
 // Without memory there is no end of the file, and no end of a walk.
 TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
   ASSERT_TRUE(put("/w/file", std::string(5000, 'x')));
@@ -363,52 +335,6 @@ TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
   zov_mfPathClose(walk);
 }
 
-// Threads in one directory: each with names of its own, which nobody else may
-// disturb, and all with a few names that they fight over.
-TEST_F(MemoryFiles, ThreadsShareADirectory) {
-  std::atomic<bool> stop{false};
-  std::thread walker([&] {
-    while (!stop) {
-      std::string last;
-      ZOV_MEM_WALK walk = zov_mfPathOpen("/shared", "*");
-      int32_t isDirectory = 0;
-      while (const char *name = walk == nullptr ? nullptr : zov_mfPathNext(walk, &isDirectory)) {
-        EXPECT_LT(last, name);
-        last = name;
-      }
-      zov_mfPathClose(walk);
-    }
-  });
-  zovtest::onThreads(4, [](uint32_t index) {
-    for (int round = 0; round < 300; ++round) {
-      const std::string name = "/shared/t" + std::to_string(index) + "-" + std::to_string(round);
-      const std::string renamed = name + "-renamed";
-      EXPECT_TRUE(put(name, name));
-      const std::string common = "/shared/common" + std::to_string(round % 3);
-      ZOV_MFILE file = zov_mfOpen(common.c_str(), O_CREAT | (round % 5 == 0 ? O_TRUNC : 0));
-      ASSERT_NE(file, nullptr);
-      zov_mfRemove(common.c_str());
-      EXPECT_EQ(zov_mfSeekWrite(file, 5000, "x", 1), 1u);
-      EXPECT_EQ(zov_mfSetSize(file, 4000), ZOV_OKAY);
-      zov_mfSizeStat(common.c_str());
-      zov_mfRename(common.c_str(), "common9");
-      zov_mfClose(file);
-      zov_mfRemove("/shared/common9");
-      EXPECT_EQ(zov_mfRename(name.c_str(), renamed.c_str()), ZOV_OKAY);
-      EXPECT_EQ(get(renamed), name);
-      if (round % 2 == 0) {
-        EXPECT_EQ(zov_mfRemove(renamed.c_str()), ZOV_OKAY);
-      }
-    }
-  });
-  stop = true;
-  walker.join();
-  for (int round = 0; round < 300; ++round) {
-    const std::string name = "/shared/t3-" + std::to_string(round);
-    ASSERT_EQ(get(name + "-renamed"), round % 2 == 0 ? "(none)" : name);
-  }
-}
-
 // A directory that was only looked into is there, and costs a name and an id.
 TEST_F(MemoryFiles, LookingMakesBareDirectories) {
   ASSERT_TRUE(put("/a/f", "text"));
@@ -436,15 +362,44 @@ TEST_F(MemoryFiles, LookingMakesBareDirectories) {
   EXPECT_EQ(zovtest::standing().slots, before.slots);
 }
 
-// The first use of a directory by several threads formats it once.
-TEST(MemoryFilesStart, ThreadsMeetAtFirstUse) {
-  for (int round = 0; round < 50; ++round) {
+// Threads meet at the first use of two directories, which formats each once. Then
+// each has a name of its own, which nobody else may disturb, and all replace the
+// file of a name that leads to a whole one at every moment, and fight over another.
+TEST(MemoryFilesStart, ThreadsShareDirectories) {
+  for (int life = 0; life < 50; ++life) {
     ASSERT_EQ(zov_init(), ZOV_OKAY);
     EXPECT_EQ(zov_mfSizeStat("/d/none"), 0u);
     zovtest::onThreads(4, [](uint32_t index) {
-      EXPECT_TRUE(put((index % 2 == 0 ? "/" : "/d/") + std::to_string(index), ""));
+      const std::string own = (index % 2 == 0 ? "/" : "/d/") + std::to_string(index);
+      const std::string renamed = own + "-renamed";
+      EXPECT_TRUE(put(own, own));
+      EXPECT_EQ(place("/x", own) | place("/d/x", own), ZOV_OKAY);
+      for (int round = 0; round < 40; ++round) {
+        const char *const places[] = {round % 2 == 0 ? "/x" : "/d/x",
+                                      round % 2 == 0 ? "/d/x" : "/x"};
+        EXPECT_EQ(zov_mfRename(own.c_str(), renamed.c_str()), ZOV_OKAY);
+        EXPECT_EQ(get(renamed), own);
+        EXPECT_EQ(zov::moveMemFile(renamed.c_str(), places[0]), ZOV_OKAY);
+        EXPECT_EQ(place(places[1], own), ZOV_OKAY);
+        for (const char *path : places) {
+          EXPECT_EQ(get(path)[0], '/');
+          EXPECT_NE(zov_mfSizeStat(path), 0u);
+        }
+        EXPECT_TRUE(put(own, own));
+        ZOV_MFILE file = zov_mfOpen("/d/common", O_CREAT | (round % 5 == 0 ? O_TRUNC : 0));
+        ASSERT_NE(file, nullptr);
+        zov_mfRemove("/d/common");
+        EXPECT_EQ(zov_mfSeekWrite(file, 5000, "x", 1), 1u);
+        EXPECT_EQ(zov_mfSetSize(file, 4000), ZOV_OKAY);
+        zov_mfRename("/d/common", "common9");
+        zov_mfClose(file);
+        zov_mfRemove("/d/common9");
+        std::istringstream walk(list("/d"));
+        const std::vector<std::string> names(std::istream_iterator<std::string>(walk), {});
+        EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+      }
     });
-    EXPECT_EQ(list("/") + list("/d"), "0 2 d/ 1 3 ");
+    EXPECT_EQ(list("/") + list("/d"), "0 2 d/ x 1 3 x ");
     zov_term();
   }
 }
