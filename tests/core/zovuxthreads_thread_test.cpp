@@ -89,26 +89,25 @@ TEST(Thread, StartsDetachedWithSignalsBlocked) {
 TEST(Thread, PriorityIsAPlaceInTheRange) {
   constexpr int kUnset = -99;
   const struct {
-    int line;
     Policy policy;
     int32_t level;
     uint32_t status;
     int priority;
   } rows[] = {
-      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
-      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
-      {__LINE__, {{1, 99}, {0, 0}}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
-      {__LINE__, {{-5, 2}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, -1},
-      {__LINE__, {{1, 99}, {0, 0}}, 2, ZOV_ERROR, kUnset},
-      {__LINE__, {{1, -1}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
-      {__LINE__, {{1, 99}, {0, EPERM}}, ZOV_THREAD_HIGH, ZOV_ERROR, 74},
-      {__LINE__, {{1, 99}, {ESRCH, 0}}, 2, ZOV_THREAD_UNREADABLE, kUnset},
+      {{{1, 99}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
+      {{{1, 99}, {0, 0}}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
+      {{{1, 99}, {0, 0}}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
+      {{{-5, 2}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, -1},
+      {{{1, 99}, {0, 0}}, 2, ZOV_ERROR, kUnset},
+      {{{1, -1}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_ERROR, kUnset},
+      {{{1, 99}, {0, EPERM}}, ZOV_THREAD_HIGH, ZOV_ERROR, 74},
+      {{{1, 99}, {ESRCH, 0}}, 2, ZOV_THREAD_UNREADABLE, kUnset},
   };
   for (const auto &row : rows) {
     policy = row.policy;
     prioritySet = kUnset;
-    EXPECT_EQ(zov_threadSetPriority(zov_threadId(), row.level), row.status) << row.line;
-    EXPECT_EQ(prioritySet, row.priority) << row.line;
+    EXPECT_EQ(zov_threadSetPriority(zov_threadId(), row.level), row.status) << &row - rows;
+    EXPECT_EQ(prioritySet, row.priority) << &row - rows;
   }
 }
 

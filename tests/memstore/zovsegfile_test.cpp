@@ -110,18 +110,9 @@ TEST_F(Segments, ReachesFarAndNotBeyondTheLimit) {
   EXPECT_FALSE(segmentExists(1)) << "the cut is in a hole";
 }
 
-TEST_F(Segments, StatisticsByIdNeedNoHandle) {
-  const time_t before = time(nullptr);
-  EXPECT_EQ(zov_segModTime(id), 0u);
-  EXPECT_EQ(zov_segSeekWrite(file, 2 * kBase - 5, "0123456789", 10), 10u);
-  zov_segClose(file);
-  EXPECT_EQ(zov_segSizeStat(id), 2 * kBase + 5);
-  EXPECT_GE(zov_segModTime(id), static_cast<uint64_t>(before));
-  for (uint64_t none : {zov_segNextId(), uint64_t{12345}}) {
-    EXPECT_EQ(zov_segOpen(none, O_RDWR), nullptr);
-    EXPECT_EQ(zov_segModTime(none), 0xFFFFFFFFu);
-    EXPECT_EQ(zov_segSizeStat(none), UINT64_MAX);
-  }
+bool isNone(uint64_t id) {
+  return zov_segOpen(id, O_RDWR) == nullptr && zov_segModTime(id) == 0xFFFFFFFFu &&
+         zov_segSizeStat(id) == UINT64_MAX;
 }
 
 // Several handles on one file and the bytes that it must hold. Handles come and
@@ -130,9 +121,11 @@ TEST_F(Segments, StatisticsByIdNeedNoHandle) {
 class Model {
  public:
   explicit Model(zovtest::Random &random) : random_(random) {
+    EXPECT_TRUE(isNone(id_) && isNone(12345));
     for (ZOV_SEG &handle : handles_) {
       handle = zov_segOpen(id_, O_CREAT);
     }
+    EXPECT_EQ(zov_segModTime(id_), 0u);
   }
 
   ~Model() {
@@ -140,6 +133,7 @@ class Model {
       zov_segRemove(handle);
     }
     EXPECT_EQ(zov_segOpen(id_, O_CREAT), nullptr);
+    EXPECT_TRUE(isNone(id_));
   }
 
   void step() {
@@ -180,6 +174,7 @@ class Model {
     if (!data.empty()) {
       bytes_.resize(std::max(bytes_.size(), start + data.size()));
       bytes_.replace(start, data.size(), data);
+      EXPECT_GE(zov_segModTime(id_), begun_);
     }
   }
 
@@ -193,6 +188,7 @@ class Model {
   }
 
   const uint64_t id_ = zov_segNextId();
+  const uint64_t begun_ = static_cast<uint64_t>(time(nullptr));
   zovtest::Random &random_;
   ZOV_SEG handles_[4];
   std::string bytes_;
