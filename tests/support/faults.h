@@ -39,10 +39,10 @@ struct Limit {
 // Several may live at once, the newest first.
 class Fault {
  public:
-  Fault(Call call, uint32_t nth, int error, bool onwards = false)
-      : Fault(call, nth, error, onwards, SIZE_MAX, {}) {}
+  Fault(Call call, uint32_t nth, int error, bool onwards = false, size_t limit = SIZE_MAX,
+        std::function<void(uint32_t)> before = {});
   Fault(Call call, uint32_t nth, Limit limit, bool onwards = false)
-      : Fault(call, nth, 0, onwards, limit.bytes, {}) {}
+      : Fault(call, nth, 0, onwards, limit.bytes) {}
   explicit Fault(Call call, std::function<void(uint32_t)> before = {})
       : Fault(call, UINT32_MAX, 0, false, SIZE_MAX, std::move(before)) {}
   ~Fault();
@@ -61,8 +61,6 @@ class Fault {
   static Verdict ask(Call call);
 
  private:
-  Fault(Call call, uint32_t nth, int error, bool onwards, size_t limit,
-        std::function<void(uint32_t)> before);
   void use(Verdict &verdict);
 
   Call call_;

@@ -18,35 +18,43 @@
 
 namespace zovtest {
 
-// Where an operation works: "a" is a file of a directory of its own, "o/a" one on
-// another file system, "/m/a" one in memory. Names last as long as the world.
-class World {
- public:
-  const char *operator()(const char *name) { return paths_.at(note(name)).first.c_str(); }
-  const wchar_t *wide(const char *name) { return paths_.at(note(name)).second.c_str(); }
-  void put(const char *name, const std::string &bytes);
-  // "a=bytes" for each file, "b/" for each directory, in order; without the names
-  // that the library makes up, where it may leave them.
-  std::string state(bool withLeftovers = true);
-  void clear();
-  bool hasOtherFileSystem() const;
-
-  // What the work made, for it to look at and for `after` to put away.
-  void *made = nullptr;
-  uint64_t handle = 0;
-  uint64_t handle2 = 0;
-  ZOV_TAG tag = 0;
+// What the work made, for it to look at; all of it is put away behind the work.
+struct Made {
+  ZOV_FILE file = nullptr;
+  ZOV_STREAM stream = nullptr;
+  ZOV_PATH_WALK walk = nullptr;
+  ZOV_INPUTBUFF input = nullptr;
+  ZOV_OUTPUTBUFF output = nullptr;
+  void *other = nullptr;  // for `after`
   char *text = nullptr;
   wchar_t *wideText = nullptr;
+  ZOV_TAG tag = 0;
+  ZOV_SYNC sync[2] = {};
   uint32_t size = 0;
   char room[64] = {};
+};
+
+// Where an operation works: "a" is a file of a directory of its own, "o/a" one on
+// another file system, "/m/a" one in memory. Names last as long as the world.
+class World : public Made {
+ public:
+  const char *operator()(const std::string &name) { return names(name).first.c_str(); }
+  const wchar_t *wide(const std::string &name) { return names(name).second.c_str(); }
+  // A state is "a=bytes" for each file, "b/" for each directory, in order; without
+  // the names that the library makes up, where it may leave them.
+  void put(const std::string &state);
+  std::string state(bool withLeftovers = true);
+  void putAway();
+  void clear();
+
+  uint64_t id = 0;
 
  private:
-  std::string note(const char *name);
+  const std::pair<std::string, std::wstring> &names(const std::string &name);
 
-  const TempDir here_{std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : nullptr};
+  const TempDir here_{"/dev/shm"};
   const TempDir other_;
-  std::map<std::string, std::pair<std::string, std::wstring>> paths_;
+  std::map<std::string, std::pair<std::string, std::wstring>> names_;
   bool inMemory_ = false;
 };
 
@@ -55,21 +63,21 @@ enum : uint32_t {
   kKeeps = 2,       // keeps blocks and sync objects for later: caches, files in memory
   kInPlace = 4,     // a failure may leave the new bytes half-way; what stands in `before` holds
   kPartly = 8,      // a failure may leave part of what was wanted
+  kLate = 64,       // a failure behind the last step may leave all that was wanted
   kUnstarted = 16,  // the library is not started around it
-  kByFile = 64,     // goes file by file: each is whole in one place or in both
   kLitters = 32,    // a probe that cannot be removed stays
 };
 
 struct Operation {
   const char *calls;  // the public functions that the work calls
   uint32_t traits;
-  void (*prepare)(World &);
-  int32_t (*work)(World &);  // ZOV_OKAY when done, and what came of it is right
-  std::vector<int32_t> failures;
   std::string before;
   std::string wanted;
-  void (*after)(World &) = nullptr;  // puts away what was made, as far as it was
-  const char *left = nullptr;        // what stays where it is only the end that fails
+  int32_t (*work)(World &);            // ZOV_OKAY when done, and what came of it is right
+  std::vector<int32_t> failures = {};  // ZOV_ERROR where there are none
+  const char *left = nullptr;          // a pattern of what stays where only the end fails
+  void (*prepare)(World &) = nullptr;  // with the files of `before` there
+  void (*after)(World &) = nullptr;    // puts away what is not of Made, as far as it was made
 };
 
 constexpr int32_t kWrong = 99;  // said to be done, and is not
@@ -79,19 +87,11 @@ inline int32_t got(bool made, bool right = true) {
   return !made ? ZOV_ERROR : right ? ZOV_OKAY : kWrong;
 }
 
-// Judges a string that was handed out. Where the call may jump, none of the test's
-// own must be alive.
-inline int32_t gotText(const World &w, const std::string &expected) {
-  return got(w.text != nullptr, w.text != nullptr && w.text == expected);
-}
-
-inline void nothing(World &) {}
-
-inline void putAwayText(World &w) {
-  zov_freeMem(w.text, ZOV_DEFAULT_TAG);
-  zov_freeMem(w.wideText, ZOV_DEFAULT_TAG);
-  w.text = nullptr;
-  w.wideText = nullptr;
+// Judges a string that was handed out. Where the call may jump, nothing of the
+// test's own that has to be destroyed may be alive.
+inline int32_t gotText(World &w, char *text, const char *expected) {
+  w.text = text;
+  return got(text != nullptr, text != nullptr && strcmp(text, expected) == 0);
 }
 
 // Sweeps a family and prints how many points that were.
