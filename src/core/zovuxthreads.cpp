@@ -323,7 +323,7 @@ int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs) {
 int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
                                  uint32_t waitMs) {
   constexpr int64_t kNsPerSecond = 1'000'000'000;
-  timeval now;
+  timeval now = {};
   gettimeofday(&now, nullptr);
   int64_t seconds = now.tv_sec + waitMs / 1000;
   int64_t nanoseconds = int64_t{waitMs % 1000} * 1'000'000 + int64_t{now.tv_usec} * 1000;

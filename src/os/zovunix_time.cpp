@@ -23,14 +23,14 @@ int64_t zov_seed() {
 }
 
 uint32_t zov_timeMilliSecs() {
-  timeval now;
+  timeval now = {};
   gettimeofday(&now, nullptr);
   // In 32 bits on purpose: the value wraps and serves for differences only.
   return static_cast<uint32_t>(now.tv_sec) * 1000u + static_cast<uint32_t>(now.tv_usec / 1000);
 }
 
 uint64_t zov_timeNanoSecs() {
-  timespec now;
+  timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
@@ -47,7 +47,7 @@ char *zov_timeCtime(int64_t timeSecs) {
 
 void zov_sleep(uint32_t waitMs) {
   constexpr int64_t kNsPerSecond = 1'000'000'000;
-  timespec until;
+  timespec until = {};
   clock_gettime(CLOCK_MONOTONIC, &until);
   const int64_t nanoseconds = until.tv_nsec + int64_t{waitMs % 1000} * 1'000'000;
   until.tv_sec += waitMs / 1000 + nanoseconds / kNsPerSecond;
