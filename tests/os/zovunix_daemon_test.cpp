@@ -293,7 +293,7 @@ TEST(StartUp, LeavesDescriptorsThatItCannotFill) {
     EXPECT_EQ(dup2(input, 0), 0);
   };
   const int64_t before = zovtest::openDescriptors();
-  startsWithout(1, ENOENT);
+  startsWithout(1u, ENOENT);
   startsWithout([input](uint32_t) { dup2(input, 0); });
   EXPECT_EQ(zovtest::openDescriptors(), before);
   close(input);

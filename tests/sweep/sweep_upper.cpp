@@ -13,6 +13,7 @@ namespace {
 
 // Writes a text that takes more than a block, and closes. Whether all of it arrived
 // is told by errno.
+ZOV_PRINTF(3, 4)
 int32_t writeText(World &w, ZOV_STREAM stream, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
