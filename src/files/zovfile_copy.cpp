@@ -148,10 +148,11 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
   to.typeFlags = typeFlags;
   errno = 0;
   to.file = zov_fileOpen(path, O_RDWR, typeFlags);
-  if (to.file != nullptr || errno != ENOENT || strlen(path) >= sizeof to.path) {
+  const size_t length = strlen(path);
+  if (to.file != nullptr || errno != ENOENT || length >= sizeof to.path) {
     return to.file != nullptr;
   }
-  strcpy(to.path, path);
+  memcpy(to.path, path, length + 1);
   if (zov::isInMemory(typeFlags)) {
     to.file = zov_fileOpen(path, kCreate, typeFlags);
   } else {

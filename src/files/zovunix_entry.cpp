@@ -45,7 +45,7 @@ bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
   memcpy(directory, path, length);
   directory[length] = '\0';
   if (length == 0) {
-    strcpy(directory, ".");
+    memcpy(directory, ".", 2);
   }
   return true;
 }
@@ -115,10 +115,11 @@ bool zov::isSameEntry(const char *first, const char *second) {
 
 bool zov::leadsThrough(const char *link, const char *entry) {
   char path[PATH_MAX];
-  if (strlen(link) >= sizeof path) {
+  const size_t length = strlen(link);
+  if (length >= sizeof path) {
     return true;
   }
-  strcpy(path, link);
+  memcpy(path, link, length + 1);
   for (int32_t links = 0; links < kMostLinks; ++links) {
     const Step step = followLink(path);
     if (step != Step::kFollowed) {
