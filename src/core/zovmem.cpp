@@ -49,7 +49,6 @@ constexpr uint16_t kJump = 2;
 // 1. mutex, of rank 11, is ZOV_NO_SYNC when the tag is not thread-safe; else it
 //    guards the fields below it.
 // 2. next and previous belong to tagTabSem.
-// 3. The record of a tag that can never be armed ends before recovery.
 struct TagRecord {
   TagRecord *next;      // newer tag, null for tagN
   TagRecord *previous;  // older tag, null for tag0
@@ -57,10 +56,16 @@ struct TagRecord {
   BlockHeader *blocks;     // newest block, null when the tag owns nothing
   zov::FreedBlocks freed;  // what the marks do not tell
   uint16_t mode;           // kReturnNull or kJump
-  jmp_buf recovery;        // meaningful in mode kJump
 };
 
-constexpr size_t kPlainRecordBytes = offsetof(TagRecord, recovery);
+// Every tag but those that can never be armed, whose records are short for that.
+struct ArmableTag : TagRecord {
+  jmp_buf recovery;  // meaningful in mode kJump
+};
+
+jmp_buf &recoveryIn(TagRecord &tag) {
+  return static_cast<ArmableTag &>(tag).recovery;
+}
 
 TagRecord *tag0 = nullptr;
 TagRecord *tagN = nullptr;
@@ -148,7 +153,7 @@ void reportFailure(Failure failure) {
   const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0 && !reporting;
   jmp_buf recovery;
   if (jumps) {
-    memcpy(recovery, tag.recovery, sizeof recovery);
+    memcpy(recovery, recoveryIn(tag), sizeof recovery);
   }
   leave(tag.mutex);
   errno = ENOMEM;  // and the message leaves it
@@ -324,9 +329,9 @@ TagRecord *newRecord(size_t bytes) {
 }
 
 TagRecord *newRecord(jmp_buf *recovery) {
-  TagRecord *tag = newRecord(sizeof(TagRecord));
+  TagRecord *tag = newRecord(sizeof(ArmableTag));
   if (tag != nullptr && recovery != nullptr) {
-    memcpy(tag->recovery, *recovery, sizeof tag->recovery);
+    memcpy(recoveryIn(*tag), *recovery, sizeof *recovery);
     tag->mode = kJump;
   }
   return tag;
@@ -351,7 +356,7 @@ bool isNoTag(ZOV_TAG tag) {
 }  // namespace
 
 ZOV_TAG zov::createPlainTag() {
-  TagRecord *tag = started() ? newRecord(kPlainRecordBytes) : nullptr;
+  TagRecord *tag = started() ? newRecord(sizeof(TagRecord)) : nullptr;
   return tag == nullptr ? ZOV_NO_TAG : publish(tag);
 }
 
@@ -363,7 +368,7 @@ bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
   enter(record.mutex);
   const bool isArmed = record.mode == kJump;
   if (isArmed) {
-    memcpy(recovery, record.recovery, sizeof record.recovery);
+    memcpy(recovery, recoveryIn(record), sizeof recoveryIn(record));
   }
   leave(record.mutex);
   return isArmed;
@@ -410,7 +415,7 @@ void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag) {
   TagRecord &record = *resolve(tag);
   enter(record.mutex);
   if (recovery != nullptr) {
-    memcpy(record.recovery, *recovery, sizeof record.recovery);
+    memcpy(recoveryIn(record), *recovery, sizeof *recovery);
     record.mode = kJump;
   } else {
     record.mode = kReturnNull;
