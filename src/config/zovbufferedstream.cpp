@@ -21,6 +21,7 @@
 
 #include <algorithm>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 
 namespace {
@@ -179,8 +180,7 @@ char *growText(char *block, uint64_t size) {
 int32_t getTextBlock(InputBuffer &input, uint64_t length, char **text) {
   uint64_t size = std::min(length + 1, kFirstText);
   uint64_t arrived = 0;
-  char *block =
-      static_cast<char *>(zov_getMem(size, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  char *block = zov::makeArray<char>(size, ZOV_DEFAULT_TAG, ZOV_HERE);
   while (block != nullptr) {
     const uint64_t wanted = std::min(size, length) - arrived;
     const int32_t status = inputBuffGet(input, block + arrived, wanted);
@@ -257,8 +257,7 @@ extern "C" {
 int32_t zov_inputBuffCreate(ZOV_BUFF_READ read, ZOV_BUFF_TIMED_READ timedRead, void *context,
                             int32_t swap, ZOV_INPUTBUFF *handle) {
   *handle = nullptr;
-  InputBuffer *input = static_cast<InputBuffer *>(
-      zov_getMem(sizeof(InputBuffer), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  InputBuffer *input = zov::make<InputBuffer>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (input == nullptr) {
     return ZOV_BUFF_NOMEMORY;
   }
@@ -334,8 +333,7 @@ void zov_inputBuffReset(ZOV_INPUTBUFF handle) {
 int32_t zov_outputBuffCreate(ZOV_BUFF_WRITE write, void *context, int32_t swap,
                              ZOV_OUTPUTBUFF *handle) {
   *handle = nullptr;
-  OutputBuffer *output = static_cast<OutputBuffer *>(
-      zov_getMem(sizeof(OutputBuffer), ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  OutputBuffer *output = zov::makeUncleared<OutputBuffer>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (output == nullptr) {
     return ZOV_BUFF_NOMEMORY;
   }

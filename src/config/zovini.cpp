@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "config/zovini_private.h"
+#include "core/zov_make.h"
 
 namespace zov {
 
@@ -56,8 +57,7 @@ bool growByOne(Element *&elements, uint16_t &capacity, uint16_t count) {
 }
 
 char *copyOf(IniText text) {
-  void *block = zov_getMem(text.length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-  char *copy = static_cast<char *>(block);
+  char *copy = zov::makeArray<char>(text.length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (copy != nullptr) {
     copyText(copy, text);
   }

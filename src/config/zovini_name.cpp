@@ -6,11 +6,12 @@
 #include <bit>
 
 #include "config/zovini_name.h"
+#include "core/zov_make.h"
+#include "core/zov_word.h"
 
 namespace zov {
 namespace {
 
-constexpr uint64_t kMix = 0x9E3779B97F4A7C15;
 constexpr size_t kWordBytes = sizeof(uint64_t);
 
 template <typename Word>
@@ -34,19 +35,19 @@ uint64_t tailWord(const char *bytes, size_t length) {
 }
 
 uint64_t mixed(uint64_t hash, uint64_t word) {
-  hash = (hash ^ iniFoldWord(word)) * kMix;
+  hash = spread(hash ^ foldWord(word));
   return hash ^ (hash >> 32);
 }
 
 bool isEqualFolded(const char *first, const char *second, size_t length) {
   for (; length >= kWordBytes; length -= kWordBytes) {
-    if (iniFoldWord(load<uint64_t>(first)) != iniFoldWord(load<uint64_t>(second))) {
+    if (foldWord(load<uint64_t>(first)) != foldWord(load<uint64_t>(second))) {
       return false;
     }
     first += kWordBytes;
     second += kWordBytes;
   }
-  return iniFoldWord(tailWord(first, length)) == iniFoldWord(tailWord(second, length));
+  return foldWord(tailWord(first, length)) == foldWord(tailWord(second, length));
 }
 
 }  // namespace
@@ -69,13 +70,12 @@ uint32_t iniHash(IniText text) {
 bool iniIndexReset(IniIndex &index, uint32_t count) {
   const uint32_t wanted = std::bit_ceil(2 * count);
   if (index.capacity < wanted) {
-    void *block = zov_getMem(uint64_t{wanted} * sizeof(uint32_t), ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN,
-                             nullptr, ZOV_HERE);
-    if (block == nullptr) {
+    uint32_t *slots = makeArray<uint32_t>(wanted, ZOV_DEFAULT_TAG, ZOV_HERE);
+    if (slots == nullptr) {
       return false;
     }
     iniIndexFree(index);
-    index.slots = static_cast<uint32_t *>(block);
+    index.slots = slots;
     index.capacity = wanted;
   }
   memset(index.slots, 0, index.capacity * sizeof(uint32_t));

@@ -21,16 +21,6 @@ inline IniText iniText(const char *text) {
   return {text, strlen(text)};
 }
 
-// The eight letters of a word in lower case, those of A to Z that is.
-constexpr uint64_t iniFoldWord(uint64_t word) {
-  constexpr uint64_t kEach = 0x0101010101010101;
-  const uint64_t low = word & (0x7F * kEach);
-  const uint64_t fromA = low + (0x80 - 'A') * kEach;
-  const uint64_t aboveZ = low + (0x7F - 'Z') * kEach;
-  const uint64_t capital = (fromA ^ aboveZ) & ~word & (0x80 * kEach);
-  return word | (capital >> 2);
-}
-
 bool iniEqual(IniText first, IniText second);
 uint32_t iniHash(IniText text);
 

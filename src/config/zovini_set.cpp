@@ -20,6 +20,7 @@
 #include <string.h>
 
 #include "config/zovini_private.h"
+#include "core/zov_make.h"
 #include "files/zovfile_lockedcopy.h"
 #include "files/zovfile_private.h"
 #include "memstore/zovmfile_place.h"
@@ -211,8 +212,7 @@ size_t directoryBytesOf(const char *path, uint16_t flags) {
 char *tempPathFor(const char *path, uint16_t flags) {
   const size_t directoryBytes = directoryBytesOf(path, flags);
   const size_t bytes = directoryBytes + sizeof kTempName;
-  char *temp =
-      static_cast<char *>(zov_getMem(bytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  char *temp = zov::makeArray<char>(bytes, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (temp != nullptr) {
     memcpy(temp, path, directoryBytes);
     memcpy(temp + directoryBytes, kTempName, sizeof kTempName);

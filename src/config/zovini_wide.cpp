@@ -2,10 +2,11 @@
 //
 // The wide forms of the INI functions. Each converts its texts strictly, calls
 // the narrow form and frees the copies; a text that is missing or cannot be
-// converted is reported as a shortage of memory, so that lists of names are not
-// to be had this way. Jumps are held off for the length of a call, so that no
-// copy is left behind.
+// converted is reported as a shortage of memory, so this way gives no lists of names. Jumps are
+// held off for the length of a call, so that no copy is left behind.
 #include "config/zovini_private.h"
+#include "core/zov_make.h"
+#include "files/zovutf8_private.h"
 
 namespace {
 
@@ -13,22 +14,10 @@ namespace {
 constexpr uint64_t kBytesPerChar = 4;
 
 // Calls with the narrow forms of the texts; -904 without one of them.
-template <typename Call>
-int32_t withTexts(Call call) {
-  return call();
-}
-
 template <typename Call, typename... Texts>
-int32_t withTexts(Call call, const wchar_t *text, Texts... others) {
-  char *bytes = zov_convertToUTF8(text, ZOV_UTF8_STRICT);
-  if (bytes == nullptr) {
-    return ZOV_INI_NOMEMORY;
-  }
-  const int32_t status = withTexts(
-      [&](auto... converted) { return call(static_cast<const char *>(bytes), converted...); },
-      others...);
-  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
-  return status;
+int32_t withTexts(Call call, Texts... texts) {
+  const zov::NoJump noJump;
+  return zov::withUTF8(int32_t{ZOV_INI_NOMEMORY}, call, texts...);
 }
 
 // Moves a result to the caller's buffer, which stays as it is when the result
@@ -48,11 +37,10 @@ int32_t getWide(const char *path, const char *section, const char *name, wchar_t
   if (sizeBytes == 0) {
     return zov::iniGet(path, section, name, &none, 0, flags);
   }
-  void *block = zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-  if (block == nullptr) {
+  char *bytes = zov::makeArray<char>(sizeBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (bytes == nullptr) {
     return ZOV_INI_NOMEMORY;
   }
-  char *bytes = static_cast<char *>(block);
   int32_t status = zov::iniGet(path, section, name, bytes, sizeBytes, flags);
   if (status == ZOV_OKAY) {
     status = widen(bytes, out, sizeChars);
@@ -70,7 +58,6 @@ int32_t zov_readIniFileW(const wchar_t *path) {
 }
 
 int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags) {
-  const zov::NoJump noJump;
   return withTexts(
       [&](const char *pathBytes) -> int32_t {
         zov::IniFile *file = nullptr;
@@ -90,7 +77,6 @@ int32_t zov_iniGetExW(const wchar_t *path, const wchar_t *section, const wchar_t
   if (out == nullptr) {
     return ZOV_INI_NOARGUMENT;
   }
-  const zov::NoJump noJump;
   return withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes) {
         return getWide(pathBytes, sectionBytes, nameBytes, out, sizeChars, flags);
@@ -115,7 +101,6 @@ int32_t zov_iniInt32W(const wchar_t *path, const wchar_t *section, const wchar_t
 
 int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
                         int32_t *value, uint16_t flags) {
-  const zov::NoJump noJump;
   return withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes) {
         return zov_iniInt32Ex(pathBytes, sectionBytes, nameBytes, value, flags);
@@ -130,7 +115,6 @@ int32_t zov_iniSetW(const wchar_t *path, const wchar_t *section, const wchar_t *
 
 int32_t zov_iniSetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
                       const wchar_t *value, uint16_t flags) {
-  const zov::NoJump noJump;
   return withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes,
           const char *valueBytes) {

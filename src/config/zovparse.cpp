@@ -17,6 +17,7 @@
 // caller's tag, which may jump, or to a tag that lives as long as the call.
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "zov.h"
 
 namespace {
@@ -68,24 +69,23 @@ uint64_t bytesOfValues(uint64_t valueSize, uint64_t count) {
   return valueSize > UINT64_MAX / count ? UINT64_MAX : valueSize * count;
 }
 
-void *getZeroed(uint64_t size, ZOV_TAG tag) {
-  return zov_getMem(size, tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+char *makeValues(uint64_t valueSize, uint64_t count, ZOV_TAG tag) {
+  return zov::makeZeroArray<char>(bytesOfValues(valueSize, count), tag, ZOV_HERE);
 }
 
 // Makes empty stacks and the two values beside them.
 inline bool makeStacks(Parser &parser) {
   const uint64_t valueSize = parser.context.valueSize;
-  void *states = getZeroed(kFirstCapacity * sizeof(int16_t), parser.tag);
-  void *values =
-      states == nullptr ? nullptr : getZeroed(bytesOfValues(valueSize, kFirstCapacity), parser.tag);
-  void *two = values == nullptr ? nullptr : getZeroed(bytesOfValues(valueSize, 2), parser.tag);
+  int16_t *states = zov::makeZeroArray<int16_t>(kFirstCapacity, parser.tag, ZOV_HERE);
+  char *values = states == nullptr ? nullptr : makeValues(valueSize, kFirstCapacity, parser.tag);
+  char *two = values == nullptr ? nullptr : makeValues(valueSize, 2, parser.tag);
   if (two == nullptr) {
     return false;
   }
-  parser.states = parser.next = static_cast<int16_t *>(states);
+  parser.states = parser.next = states;
   parser.last = parser.states + kFirstCapacity - 1;
-  parser.values = parser.nextValue = static_cast<char *>(values);
-  parser.lexed = static_cast<char *>(two);
+  parser.values = parser.nextValue = values;
+  parser.lexed = two;
   parser.result = parser.lexed + valueSize;
   return true;
 }

@@ -35,9 +35,12 @@
 #include <atomic>
 #include <new>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_private.h"
+#include "files/zovutf8_private.h"
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_transfer.h"
 
@@ -73,21 +76,18 @@ bool isWriteProtected(const FileHandle &file) {
 }
 
 void reportWrite() {
-  const int error = errno;
-  fprintf(stderr, "Write failed, errno = %d\n", error);
-  errno = error;
+  const zov::KeepErrno kept;
+  fprintf(stderr, "Write failed, errno = %d\n", errno);
 }
 
 void reportRead() {
-  const int error = errno;
-  zov_log("Read failed, errno = %d\n", error);
-  errno = error;
+  const zov::KeepErrno kept;
+  zov_log("Read failed, errno = %d\n", errno);
 }
 
 void reportSeek(const char *direction) {
-  const int error = errno;
-  zov_log("Failed to seek and %s, errno = %d\n", direction, error);
-  errno = error;
+  const zov::KeepErrno kept;
+  zov_log("Failed to seek and %s, errno = %d\n", direction, errno);
 }
 
 // A refusal of the library's own, which says why as the system's do.
@@ -121,28 +121,26 @@ int32_t openFile(FileHandle &file) {
 // Releases a handle whose file is closed or never opened. errno stays as it is,
 // since the caller is about to read what went wrong before.
 void cleanupFile(FileHandle *file) {
-  const int error = errno;
+  const zov::KeepErrno kept;
   zov_syncDelete(file->lockMutex.load(std::memory_order_acquire));
   zov_freeMem(file, fileTag);
-  errno = error;
 }
 
 FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) {
   const size_t pathBytes = strlen(path) + 1;
-  void *block =
-      zov_getMem(sizeof(FileHandle) + pathBytes, fileTag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-  if (block == nullptr) {
+  FileHandle *file = zov::makeUncleared<FileHandle>(fileTag, ZOV_HERE, pathBytes);
+  if (file == nullptr) {
     return nullptr;
   }
-  char *copy = static_cast<char *>(block) + sizeof(FileHandle);
+  char *copy = reinterpret_cast<char *>(file + 1);
   memcpy(copy, path, pathBytes);
-  return new (block) FileHandle{.path = copy,
-                                .fd = ZOV_NO_DESCRIPTOR,
-                                .mfile = nullptr,
-                                .openFlags = openFlags,
-                                .typeFlags = static_cast<uint16_t>(typeFlags),
-                                .isStd = 0,
-                                .lockMutex = ZOV_NO_SYNC};
+  return new (file) FileHandle{.path = copy,
+                               .fd = ZOV_NO_DESCRIPTOR,
+                               .mfile = nullptr,
+                               .openFlags = openFlags,
+                               .typeFlags = static_cast<uint16_t>(typeFlags),
+                               .isStd = 0,
+                               .lockMutex = ZOV_NO_SYNC};
 }
 
 FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
@@ -171,9 +169,8 @@ bool mayOpen(const void *path) {
 
 void reportInconsistent(const FileHandle &file) {
   if (strcmp(file.path, "stdout") != 0) {
-    const int error = errno;
+    const zov::KeepErrno kept;
     zov_log("Inconsistent file state %s\n", file.path);
-    errno = error;
   }
 }
 
@@ -319,15 +316,12 @@ ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) 
 }
 
 ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags) {
-  char *converted = mayOpen(path) ? zov_convertToUTF8(path, ZOV_UTF8_STRICT) : nullptr;
-  if (converted == nullptr) {
+  if (!mayOpen(path)) {
     return nullptr;
   }
-  ZOV_FILE file = _fileOpenMinSize(converted, openFlags, typeFlags);
-  const int error = errno;
-  zov_freeMem(converted, ZOV_DEFAULT_TAG);
-  errno = error;
-  return file;
+  return zov::withUTF8(
+      ZOV_FILE{nullptr},
+      [&](const char *bytes) { return _fileOpenMinSize(bytes, openFlags, typeFlags); }, path);
 }
 
 void zov_fileClose(ZOV_FILE file) {

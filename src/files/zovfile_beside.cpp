@@ -14,6 +14,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "core/zov_word.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 
@@ -28,9 +29,8 @@ constexpr char kAccessList[] = "system.posix_acl_access";
 // Syncs an open directory and closes it. The status is that of the sync.
 int32_t syncAndClose(int directory) {
   const bool synced = fsync(directory) == 0 || errno == EINVAL;
-  const int error = errno;
+  const zov::KeepErrno kept;
   close(directory);
-  errno = error;
   return synced ? ZOV_OKAY : ZOV_ERROR;
 }
 

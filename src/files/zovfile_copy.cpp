@@ -17,6 +17,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
@@ -38,8 +39,7 @@ struct Pair {
 };
 
 char *newBlock() {
-  return static_cast<char *>(
-      zov_getMem(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  return zov::makeArray<char>(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 // Works on two open files with a block for each. Without memory for those the

@@ -25,6 +25,7 @@
 #include <atomic>
 
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"
@@ -101,9 +102,8 @@ int32_t putInPlace(const char *from, const char *to) {
   if (rename(from, to) == 0) {
     return ZOV_OKAY;
   }
-  const int error = errno;
+  const zov::KeepErrno kept;
   restoreDirectory(to, state);
-  errno = error;
   return ZOV_ERROR;
 }
 

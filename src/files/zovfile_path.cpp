@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 
 namespace {
@@ -23,12 +24,11 @@ constexpr char root[] = "/";
 constexpr uint64_t kGrowBytes = 10;
 
 char *copyString(const char *text) {
-  return static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, text, ZOV_HERE));
+  return zov::copyString(text, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 char *copyPrefix(const char *text, size_t length) {
-  char *copy = static_cast<char *>(
-      zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  char *copy = zov::makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (copy != nullptr) {
     memcpy(copy, text, length);
     copy[length] = '\0';

@@ -7,6 +7,7 @@
 // No locks. What allocates holds nothing, and may jump.
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
 #include "os/zovunix_tmpdir.h"
@@ -97,7 +98,7 @@ int32_t zov_dirCreateAll(const char *path) {
       return status;
     }
   }
-  char *copy = static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, path, ZOV_HERE));
+  char *copy = zov::copyString(path, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (copy == nullptr) {
     return ZOV_NOMEMORY;
   }

@@ -8,6 +8,7 @@
 //
 // No locks. Opening may jump with nothing held; the steps of a walk keep an
 // open directory and allocate with jumps held off.
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
 
@@ -48,8 +49,7 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
   if (directory == nullptr || pattern == nullptr) {
     return nullptr;
   }
-  PathWalk *walk = static_cast<PathWalk *>(
-      zov_getMem(sizeof(PathWalk), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  PathWalk *walk = zov::make<PathWalk>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (walk == nullptr) {
     return nullptr;
   }

@@ -5,19 +5,14 @@
 // low 16 bits. Jumps are held off for the length of the call, so that a copy is
 // never left behind.
 #include "core/zov_private.h"
+#include "files/zovutf8_private.h"
 
 namespace {
 
-template <typename Call>
-int32_t withPath(const wchar_t *path, Call call) {
+template <typename Call, typename... Paths>
+int32_t withPaths(Call call, Paths... paths) {
   const zov::NoJump noJump;
-  char *bytes = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
-  if (bytes == nullptr) {
-    return ZOV_ERROR;
-  }
-  const int32_t status = call(bytes);
-  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
-  return status;
+  return zov::withUTF8(int32_t{ZOV_ERROR}, call, paths...);
 }
 
 // The type flags that a wide form passes on.
@@ -29,11 +24,11 @@ using PairCall = int32_t (*)(const char *, uint32_t, const char *, uint32_t);
 
 int32_t withPair(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
                  uint32_t secondFlags, PairCall call) {
-  return withPath(first, [&](const char *firstBytes) {
-    return withPath(second, [&](const char *secondBytes) {
-      return call(firstBytes, lowFlags(firstFlags), secondBytes, lowFlags(secondFlags));
-    });
-  });
+  return withPaths(
+      [&](const char *firstBytes, const char *secondBytes) {
+        return call(firstBytes, lowFlags(firstFlags), secondBytes, lowFlags(secondFlags));
+      },
+      first, second);
 }
 
 }  // namespace
@@ -68,12 +63,12 @@ int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags, const wchar
 }
 
 int32_t zov_fileRemoveW(const wchar_t *path) {
-  return withPath(path, zov_fileRemove);
+  return withPaths(zov_fileRemove, path);
 }
 
 int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags) {
-  return withPath(path,
-                  [&](const char *bytes) { return zov_fileRemoveEx(bytes, lowFlags(typeFlags)); });
+  return withPaths([&](const char *bytes) { return zov_fileRemoveEx(bytes, lowFlags(typeFlags)); },
+                   path);
 }
 
 int32_t zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath) {
@@ -90,13 +85,15 @@ int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory) {
 }
 
 int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int32_t *isDirectory) {
-  return withPath(path, [&](const char *bytes) {
-    return zov_fileValidateEx(bytes, lowFlags(typeFlags), isDirectory);
-  });
+  return withPaths(
+      [&](const char *bytes) {
+        return zov_fileValidateEx(bytes, lowFlags(typeFlags), isDirectory);
+      },
+      path);
 }
 
 int32_t zov_dirCreateAllW(const wchar_t *path) {
-  return withPath(path, zov_dirCreateAll);
+  return withPaths(zov_dirCreateAll, path);
 }
 
 int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination) {
@@ -114,13 +111,12 @@ ZOV_PATH_WALK zov_pathOpenW(const wchar_t *directory, const wchar_t *pattern) {
 
 ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFlags,
                               const wchar_t *pattern) {
-  ZOV_PATH_WALK walk = nullptr;
-  withPath(directory, [&](const char *directoryBytes) {
-    return withPath(pattern, [&](const char *patternBytes) {
-      walk = zov_pathOpenEx(directoryBytes, lowFlags(typeFlags), patternBytes);
-      return int32_t{ZOV_OKAY};
-    });
-  });
-  return walk;
+  const zov::NoJump noJump;
+  return zov::withUTF8(
+      ZOV_PATH_WALK{nullptr},
+      [&](const char *directoryBytes, const char *patternBytes) {
+        return zov_pathOpenEx(directoryBytes, lowFlags(typeFlags), patternBytes);
+      },
+      directory, pattern);
 }
 }

@@ -30,8 +30,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovunix_private.h"
+#include "files/zovutf8_private.h"
 #include "os/zovunix_standard.h"
 
 // 1. dir is open for as long as the walk exists.
@@ -65,8 +67,7 @@ int32_t getFileType(const char *path, int32_t *isDirectory) {
 int32_t getPathType(const DiskWalk &walk, const char *name) {
   const size_t pathLength = strlen(walk.path);
   const size_t nameBytes = strlen(name) + 1;
-  char *full = static_cast<char *>(
-      zov_getMem(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  char *full = zov::makeArray<char>(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (full == nullptr) {
     return 0;
   }
@@ -89,16 +90,6 @@ const dirent *nextMatch(const DiskWalk &walk) {
     entry = readdir(walk.dir);
   }
   return entry;
-}
-
-int32_t callWithUTF8(const wchar_t *path, int32_t (*call)(const char *)) {
-  char *converted = zov_convertToUTF8(path, ZOV_UTF8_STRICT);
-  if (converted == nullptr) {
-    return ZOV_ERROR;
-  }
-  const int32_t status = call(converted);
-  zov_freeMem(converted, ZOV_DEFAULT_TAG);
-  return status;
 }
 
 }  // namespace
@@ -214,7 +205,7 @@ int32_t zov_dirCreate(const char *path) {
 }
 
 int32_t zov_dirCreateW(const wchar_t *path) {
-  return callWithUTF8(path, zov_dirCreate);
+  return zov::withUTF8(int32_t{ZOV_ERROR}, zov_dirCreate, path);
 }
 
 int32_t zov_dirRemove(const char *path) {
@@ -225,15 +216,14 @@ int32_t zov_dirRemove(const char *path) {
 }
 
 int32_t zov_dirRemoveW(const wchar_t *path) {
-  return callWithUTF8(path, zov_dirRemove);
+  return zov::withUTF8(int32_t{ZOV_ERROR}, zov_dirRemove, path);
 }
 
 ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern) {
   const size_t pathBytes = strlen(directory) + 1;
   const size_t patternBytes = strlen(pattern) + 1;
   DiskWalk *walk =
-      static_cast<DiskWalk *>(zov_getMem(sizeof(DiskWalk) + pathBytes + patternBytes,
-                                         ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+      zov::makeUncleared<DiskWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, pathBytes + patternBytes);
   if (walk == nullptr) {
     return nullptr;
   }
@@ -259,8 +249,7 @@ const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory) {
     return nullptr;
   }
   *isDirectory = entryIsDirectory(*walk, *entry);
-  walk->lastName =
-      static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, entry->d_name, ZOV_HERE));
+  walk->lastName = zov::copyString(entry->d_name, ZOV_DEFAULT_TAG, ZOV_HERE);
   return walk->lastName;
 }
 

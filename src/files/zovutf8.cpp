@@ -11,6 +11,7 @@
 #include <string.h>
 #include <wchar.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovutf8_private.h"
 
@@ -27,9 +28,8 @@ void releaseStrings(char **strings, int32_t count) {
 // The copies of wide strings, or null with nothing left behind.
 char **convertAll(int32_t count, wchar_t *const *arguments) {
   // One pointer more than asked for, so that no arguments are an array too.
-  const uint64_t sizeBytes = (static_cast<uint64_t>(count) + 1) * sizeof(char *);
   char **strings =
-      static_cast<char **>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+      zov::makeZeroArray<char *>(static_cast<uint64_t>(count) + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (strings == nullptr) {
     return nullptr;
   }
@@ -67,8 +67,7 @@ char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
     errno = EILSEQ;
     return nullptr;
   }
-  char *converted =
-      static_cast<char *>(zov_getMem(sizeBytes, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  char *converted = zov::makeArray<char>(sizeBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (converted != nullptr) {
     zov::encodeWide(converted, sizeBytes, text, length, errorMode);
   }
@@ -85,8 +84,7 @@ wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
     errno = EILSEQ;
     return nullptr;
   }
-  wchar_t *converted = static_cast<wchar_t *>(
-      zov_getMem(sizeChars * sizeof(wchar_t), ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  wchar_t *converted = zov::makeArray<wchar_t>(sizeChars, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (converted != nullptr) {
     zov::decodeUtf8(converted, sizeChars, text, length, errorMode);
   }

@@ -3,12 +3,13 @@
 // What the parts of the UTF-8 conversion and other modules that speak UTF-8
 // share: the encoding of one code point, the meaning of a lead byte, and the
 // converters with lengths that are not bounded to 32 bits. Everything here
-// works on its arguments alone; nothing allocates or jumps.
+// works on its arguments alone; nothing but withUTF8() allocates or jumps.
 #ifndef ZOV_FILES_ZOVUTF8_PRIVATE_H
 #define ZOV_FILES_ZOVUTF8_PRIVATE_H
 
 #include <stddef.h>
 
+#include "core/zov_word.h"
 #include "zov.h"
 
 namespace zov {
@@ -136,6 +137,28 @@ uint32_t encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t l
                     uint32_t errorMode);
 uint32_t decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
                     uint32_t errorMode);
+
+// Calls with UTF-8 copies of wide texts and releases them; `failure` where one
+// cannot be converted, with errno. The conversion may jump: with several texts
+// the caller holds jumps off, since a copy of the first would be lost.
+template <typename Result, typename Call>
+Result withUTF8(Result, Call call) {
+  return call();
+}
+
+template <typename Result, typename Call, typename... Texts>
+Result withUTF8(Result failure, Call call, const wchar_t *text, Texts... others) {
+  char *bytes = zov_convertToUTF8(text, ZOV_UTF8_STRICT);
+  if (bytes == nullptr) {
+    return failure;
+  }
+  const Result result = withUTF8(
+      failure, [&](auto... copies) { return call(static_cast<const char *>(bytes), copies...); },
+      others...);
+  const KeepErrno kept;
+  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
+  return result;
+}
 
 }  // namespace zov
 

@@ -17,6 +17,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovmfile_transfer.h"
@@ -120,8 +121,7 @@ extern "C" {
 
 ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags) {
   const zov::NoJump noJump;
-  MemFile *file = static_cast<MemFile *>(
-      zov_getMem(sizeof(MemFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  MemFile *file = zov::make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (file == nullptr) {
     return nullptr;
   }

@@ -21,7 +21,9 @@
 
 #include <atomic>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"
@@ -44,7 +46,7 @@ constexpr uint32_t kRecentBits = 6;
 std::atomic<Directory *> recentDirectories[1 << kRecentBits];
 
 std::atomic<Directory *> &recentPlace(uint64_t id) {
-  return recentDirectories[(id * UINT64_C(0x9E3779B97F4A7C15)) >> (64 - kRecentBits)];
+  return recentDirectories[zov::spread(id) >> (64 - kRecentBits)];
 }
 
 void forgetDirectories() {
@@ -92,8 +94,7 @@ void freeDirectory(Directory *directory) {
 }
 
 Directory *newDirectory(uint64_t id) {
-  Directory *directory = static_cast<Directory *>(
-      zov_getMem(sizeof(Directory), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  Directory *directory = zov::make<Directory>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (directory == nullptr) {
     return nullptr;
   }

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
 
@@ -112,8 +113,7 @@ bool openParent(const char *path, size_t length, uint64_t &id) {
   if (path[0] == '/') {
     return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT, id);
   }
-  char *relative =
-      static_cast<char *>(zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  char *relative = zov::makeZeroArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (relative == nullptr) {
     return false;
   }
@@ -205,8 +205,7 @@ zov::NormalPath::NormalPath(const char *path, size_t length) {
   }
   char *text = short_;
   if (length >= sizeof short_) {
-    long_ = static_cast<char *>(
-        zov_getMem(length + 1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+    long_ = zov::makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
     text = long_;
   }
   if (text == nullptr) {

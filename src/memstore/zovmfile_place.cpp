@@ -15,6 +15,7 @@
 #include <errno.h>
 #include <fcntl.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
@@ -117,8 +118,7 @@ int32_t _moveMemFile(Target &source, Target &destination) {
 
 ZOV_MFILE zov::newMemDraft() {
   const NoJump noJump;
-  MemFile *file = static_cast<MemFile *>(
-      zov_getMem(sizeof(MemFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  MemFile *file = zov::make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (file == nullptr) {
     return nullptr;
   }

@@ -26,6 +26,7 @@
 
 #include <bit>
 
+#include "core/zov_word.h"
 #include "zov.h"
 
 namespace zov {
@@ -132,16 +133,6 @@ inline DirHeader &headerOf(const Cursor &cursor) {
 
 inline TreeNode &nodeAt(const Cursor &cursor, uint32_t number) {
   return *pageAt<TreeNode>(cursor, number);
-}
-
-// Eight bytes with 'A' to 'Z' made small. Bytes above 0x7F stay as they are.
-inline uint64_t foldWord(uint64_t word) {
-  constexpr uint64_t kEachByte = UINT64_C(0x0101010101010101);
-  const uint64_t low = word & (0x7F * kEachByte);
-  const uint64_t fromA = low + (0x80 - 'A') * kEachByte;
-  const uint64_t pastZ = low + (0x7F - 'Z') * kEachByte;
-  const uint64_t capital = (fromA & ~pastZ) & ~word & (0x80 * kEachByte);
-  return word | (capital >> 2);
 }
 
 // Eight bytes of a name as a number that compares as they do.

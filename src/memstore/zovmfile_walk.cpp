@@ -9,6 +9,7 @@
 // locked.
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
 
@@ -112,8 +113,7 @@ ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
     return nullptr;
   }
   const size_t patternBytes = strlen(pattern) + 1;
-  MemWalk *walk = static_cast<MemWalk *>(
-      zov_getMem(sizeof(MemWalk) + patternBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  MemWalk *walk = zov::make<MemWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, patternBytes);
   if (walk == nullptr) {
     return nullptr;
   }

@@ -26,7 +26,9 @@
 #include <algorithm>
 #include <atomic>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 #include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"
 #include "memstore/zovshmcache_private.h"
@@ -73,16 +75,8 @@ struct SegFile {
 namespace {
 
 using Slots = zov::SlotTable<ZOV_CACHE_REGION>;
-
-template <typename Integer>
-Integer loadRelaxed(Integer &field) {
-  return std::atomic_ref<Integer>(field).load(std::memory_order_relaxed);
-}
-
-template <typename Integer>
-void storeRelaxed(Integer &field, Integer value) {
-  std::atomic_ref<Integer>(field).store(value, std::memory_order_relaxed);
-}
+using zov::loadRelaxed;
+using zov::storeRelaxed;
 
 // The number of the segment that an offset lies in. Seven groups of segments,
 // each four times the size of the group before; in every group the first three
@@ -336,8 +330,7 @@ void freeSegfile(SegFile *file) {
 }
 
 SegFile *allocSegfile(uint64_t id) {
-  SegFile *file = static_cast<SegFile *>(
-      zov_getMem(sizeof(SegFile), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  SegFile *file = zov::make<SegFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (file != nullptr) {
     file->id = id;
   }

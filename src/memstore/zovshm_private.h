@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 
 namespace zov {
 
@@ -92,7 +94,7 @@ class IdTable {
 
   // Ids are addresses: the low bits tell little.
   Record **bucketOf(uint64_t id) {
-    const uint64_t hash = (id * UINT64_C(0x9E3779B97F4A7C15)) >> 32;
+    const uint64_t hash = spread(id) >> 32;
     return more_ == nullptr ? &first_[hash % std::size(first_)] : &more_[hash & mask_];
   }
 
@@ -106,8 +108,7 @@ class IdTable {
     const size_t oldSize = size();
     const size_t newSize = oldSize * 4;
     const Shortage met = heldShortage;
-    Record **buckets = static_cast<Record **>(
-        zov_getMem(newSize * sizeof(Record *), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+    Record **buckets = zov::makeZeroArray<Record *>(newSize, ZOV_DEFAULT_TAG, ZOV_HERE);
     if (buckets == nullptr) {
       heldShortage = met;
       return;
@@ -244,8 +245,7 @@ class SlotTable {
       return false;
     }
     Pointer *&slots = far_->blocks()[block - 1];
-    slots = static_cast<Pointer *>(
-        zov_getMem(kNear * sizeof(Pointer), tag, ZOV_MEM_ZERO, nullptr, sourceName, line));
+    slots = zov::makeZeroArray<Pointer>(kNear, tag, sourceName, line);
     return slots != nullptr;
   }
 

@@ -27,6 +27,7 @@
 
 #include "memstore/zovshmcache_private.h"
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovshm_private.h"
 #include "memstore/zovshmheap_private.h"
@@ -85,8 +86,7 @@ uint32_t maxMapped = kMaxMapped;
 
 template <typename Record>
 Record *newRecord(const char *sourceName, uint32_t line) {
-  return static_cast<Record *>(
-      zov_getMem(sizeof(Record), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, sourceName, line));
+  return zov::make<Record>(ZOV_DEFAULT_TAG, sourceName, line);
 }
 
 CacheContext *_findCtx(uint64_t id) {

@@ -30,6 +30,7 @@
 
 #include "memstore/zovshmheap_private.h"
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "memstore/zovshm_private.h"
 
@@ -79,8 +80,7 @@ uint64_t getContext() {
   if (tag == ZOV_NO_TAG) {
     return 0;
   }
-  ShmContext *context = static_cast<ShmContext *>(
-      zov_getMem(sizeof(ShmContext), tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  ShmContext *context = zov::make<ShmContext>(tag, ZOV_HERE);
   if (context == nullptr) {
     zov_freeTagMemory(tag, 1);
     return 0;
@@ -108,7 +108,7 @@ bool createCtx(ShmContext &context, uint32_t size) {
   if (!makeLock(context)) {
     return false;
   }
-  context.root = zov_getMem(size, context.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+  context.root = zov::makeZeroArray<char>(size, context.tag, ZOV_HERE);
   if (context.root == nullptr) {
     zov_syncDelete(context.lock.exchange(0));
   }

@@ -11,6 +11,7 @@
 #include <time.h>
 
 #include "core/zov_private.h"
+#include "files/zovutf8_private.h"
 
 extern "C" {
 
@@ -67,12 +68,8 @@ char *zov_getenv(const char *name) {
 }
 
 wchar_t *zov_getenvW(const wchar_t *name) {
-  char *bytes = zov_convertToUTF8(name, ZOV_UTF8_STRICT);
-  if (bytes == nullptr) {
-    return nullptr;
-  }
-  const char *value = getenv(bytes);
-  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
+  const char *none = nullptr;
+  const char *value = zov::withUTF8(none, getenv, name);
   return value == nullptr ? nullptr : zov_convertToWchar(value, ZOV_UTF8_STRICT);
 }
 
@@ -81,15 +78,11 @@ char *zov_setlocale(int32_t category, const char *locale) {
 }
 
 wchar_t *zov_setlocaleW(int32_t category, const wchar_t *locale) {
-  char *bytes = nullptr;
-  if (locale != nullptr) {
-    bytes = zov_convertToUTF8(locale, ZOV_UTF8_STRICT);
-    if (bytes == nullptr) {
-      return nullptr;
-    }
-  }
-  const char *result = setlocale(category, bytes);
-  zov_freeMem(bytes, ZOV_DEFAULT_TAG);
+  const auto set = [category](const char *bytes) -> const char * {
+    return setlocale(category, bytes);
+  };
+  const char *none = nullptr;
+  const char *result = locale == nullptr ? set(nullptr) : zov::withUTF8(none, set, locale);
   return result == nullptr ? nullptr : zov_convertToWchar(result, ZOV_UTF8_STRICT);
 }
 }

@@ -13,6 +13,7 @@
 #include <limits.h>
 #include <stdlib.h>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "os/zovunix_tmpdir.h"
 
@@ -60,7 +61,7 @@ ZOV_FILE openProbe(const char *path, char *end) {
 }
 
 char *copyText(const char *text, ZOV_TAG tag) {
-  return static_cast<char *>(zov_getMem(0, tag, ZOV_MEM_STRDUP, text, ZOV_HERE));
+  return zov::copyString(text, tag, ZOV_HERE);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <stdlib.h>
 #include <strings.h>
 
+#include "core/zov_make.h"
 #include "text/zov_console_private.h"
 
 namespace zov {
@@ -94,7 +95,7 @@ int32_t openInfo(ZOV_FILE_INFO &info, const char *name) {
   if (name == nullptr) {
     return ZOV_OKAY;
   }
-  info.name = static_cast<char *>(zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, name, ZOV_HERE));
+  info.name = zov::copyString(name, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (info.name == nullptr) {
     return ZOV_NOMEMORY;
   }
@@ -153,8 +154,7 @@ extern "C" {
 
 int32_t zov_fileStackOpen(ZOV_FILE_STACK *stack, const char *name) {
   const zov::NoJump noJump;
-  ZOV_FILE_STACK_NODE *node = static_cast<ZOV_FILE_STACK_NODE *>(
-      zov_getMem(sizeof *node, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  ZOV_FILE_STACK_NODE *node = zov::makeUncleared<ZOV_FILE_STACK_NODE>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (node == nullptr) {
     return ZOV_NOMEMORY;
   }
@@ -198,8 +198,7 @@ int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_
   ZOV_FILE_INFO *info = zov_fileStackSearch(stack, name);
   if (info == nullptr) {
     const zov::NoJump noJump;
-    info = static_cast<ZOV_FILE_INFO *>(
-        zov_getMem(sizeof *info, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+    info = zov::make<ZOV_FILE_INFO>(ZOV_DEFAULT_TAG, ZOV_HERE);
     if (info == nullptr) {
       return ZOV_NOMEMORY;
     }

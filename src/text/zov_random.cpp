@@ -8,6 +8,7 @@
 //
 // There is no lock: a generator belongs to one thread at a time. Only
 // zov_randCreate() allocates and may jump; it does so before anything else.
+#include "core/zov_make.h"
 #include "zov.h"
 
 namespace {
@@ -84,8 +85,7 @@ void seedState(RandState &generator, uint32_t seed) {
 extern "C" {
 
 ZOV_RAND zov_randCreate(uint32_t seed) {
-  RandState *generator = static_cast<RandState *>(
-      zov_getMem(sizeof(RandState), ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
+  RandState *generator = zov::makeUncleared<RandState>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (generator == nullptr) {
     return nullptr;
   }

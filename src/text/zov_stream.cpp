@@ -22,7 +22,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "core/zov_make.h"
 #include "core/zov_private.h"
+#include "core/zov_word.h"
 #include "text/zov_stream_private.h"
 
 namespace {
@@ -132,11 +134,11 @@ zov::FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
 
 // An empty stream, or null with errno.
 TextStream *newStream() {
-  void *memory = zov_getMem(sizeof(TextStream), ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-  if (memory == nullptr) {
+  TextStream *stream = zov::make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (stream == nullptr) {
     errno = ENOMEM;
   }
-  return static_cast<TextStream *>(memory);
+  return stream;
 }
 
 // A stream over what a name stands for, or null with errno.
@@ -222,10 +224,9 @@ ZOV_STREAM zov_fopen_std(const char *name) {
 
 void zov_fclose(ZOV_STREAM stream) {
   zov::fileCacheClose(stream->cache);
-  const int error = errno;
+  const zov::KeepErrno kept;
   zov_freeMem(stream->formatBuffer, ZOV_DEFAULT_TAG);
   zov_freeMem(stream, ZOV_DEFAULT_TAG);
-  errno = error;
 }
 
 int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin) {

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 
+#include "core/zov_make.h"
 #include "text/zov_stream_private.h"
 
 namespace {
@@ -197,11 +198,10 @@ zov::LineEnd zov::streamGetLine(TextStream &stream, char **buffer, uint32_t *siz
                                 uint32_t *lengthBytes) {
   *lengthBytes = 0;
   if (*buffer == nullptr) {
-    void *block = zov_getMem(kLineBytes, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-    if (block == nullptr) {
+    *buffer = makeZeroArray<char>(kLineBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+    if (*buffer == nullptr) {
       return LineEnd::kNoMemory;
     }
-    *buffer = static_cast<char *>(block);
     *sizeBytes = kLineBytes;
   }
   if (*sizeBytes == 0) {
