@@ -20,6 +20,7 @@ declare -A PACKAGES=(
   [build]="cmake g++ ninja-build"
   [test]="bison libgtest-dev python3"
   [bench]="libbenchmark-dev libglib2.0-dev libsqlite3-dev libtirpc-dev pkg-config"
+  [counts]="valgrind"
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen"
