@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The storage engine of minidb: records of a key and a value, in the order of the
+// keys, in one file that is a copy-on-write B+tree. This header is all of it that
+// the rest of minidb uses.
+//
+// 1. Results. What can fail returns a Status. kFailed, kConflict, kUnknown and
+//    kRefused come with a sentence for people, without a line end, that problem()
+//    gives to the same thread until its next call that fails. The store prints
+//    nothing itself; libzov reports failing transfers and allocations.
+// 2. Memory. The store allocates from a tag of its own, which nobody arms: no call
+//    jumps. Nothing here allocates from a tag of the caller's; who wants a value
+//    whole brings the memory. A statement may therefore allocate from a tag with a
+//    recovery point between any two calls. After its jump it ends the views and
+//    transactions that it began; cursors and writers own nothing and need no end.
+//    All pages in memory together take the page cache, and 8 MiB for those that
+//    changed and are not committed.
+// 3. Threads. A store is for any number of threads. A view, a transaction, a cursor
+//    or a writer is for one thread at a time. Readers wait for no writer.
+// 4. Isolation. A view shows what was committed when it was opened, whatever is
+//    committed later. A transaction shows that and its own changes. Of two
+//    transactions that change one key, the first that commits wins; the other is
+//    refused as a whole (snapshot isolation: no lost update and no unrepeatable
+//    read, but write skew, as nobody checks what was only read).
+// 5. Durability. kOkay of commit() says that the changes are on the disk. Commits
+//    that wait for one another share one pair of syncs.
+#ifndef MINIDB_STORE_STORE_H
+#define MINIDB_STORE_STORE_H
+
+#include "store/text.h"
+#include "zov.h"
+
+namespace minidb {
+
+constexpr uint32_t kPageBytes = 4096;
+constexpr uint32_t kMaxKeyBytes = 960;
+constexpr uint32_t kMaxValueBytes = 0x7fffffff;
+constexpr uint64_t kMinCacheBytes = 1 << 20;
+constexpr uint64_t kDefaultCacheBytes = 8 << 20;
+constexpr uint32_t kMaxDepth = 16;
+
+enum class Status : uint8_t {
+  kOkay,
+  kMissing,   // no such record, or no further one
+  kConflict,  // somebody else changed a key of the transaction: nothing was kept
+  kRefused,   // what was asked for cannot be: too long, read-only, ... nothing changed
+  kFailed,    // memory, disk or a damaged file: nothing was kept
+  kUnknown    // a sync failed at the very end: the next open tells whether it was kept
+};
+
+// The reason of this thread's latest failure.
+const char *problem();
+
+// --- The store -----------------------------------------------------------
+
+struct Store;
+
+struct Options {
+  const char *path;     // of the data file; for one in memory any name
+  uint32_t typeFlags;   // 0, or ZOV_FILE_MEMORY for a store that ends with closeStore()
+  bool create;          // make a missing or empty file a database, of mode 0600
+  bool readOnly;        // never write, and take no lock: others may have it open
+  uint64_t cacheBytes;  // of the page cache; 0 means kDefaultCacheBytes
+};
+
+// Opens a data file: to write for this process alone, by a lock on the file itself,
+// whatever name or link led there; kRefused when another one has it. kMissing, with a
+// problem, when there is none and `create` is off. Any other file, one of another
+// version or a damaged one is kRefused or kFailed, and left as it is. What an
+// interrupted compaction left beside the file is removed, under the lock. The path's
+// links are resolved once; a relative path may be opened before the process changes
+// its directory.
+Status openStore(const Options &options, Store **store);
+
+// Waits for nobody: every view and transaction has been ended.
+void closeStore(Store *store);
+
+// True when writing to a path would write to a file of the database, by the identity
+// of what the path leads to, not its name; or to the name that compaction uses.
+bool isStoreFile(const Store &store, const char *path);
+
+// Whether changes are refused since a sync failed; the store has to be opened again.
+bool isBroken(const Store &store);
+
+// --- Views ---------------------------------------------------------------
+
+// One state of the database. The fields are the store's own.
+struct View {
+  Store *store;
+  struct DataFile *file;
+  ZOV_FILE scratch;  // pages of a transaction's own, or null
+  uint64_t root;     // page number, 0 for an empty tree
+  uint64_t end;      // pages of the file when it was committed
+  uint64_t number;   // of the commit, counted from 1
+  uint64_t records;
+  uint64_t live;     // pages that the tree uses
+  uint64_t changes;  // counts those of a transaction
+  uint32_t depth;    // pages from the root to a leaf
+};
+
+// Opens the latest committed state. For a read-only store that is what other
+// processes have committed by now. kOkay or kFailed, when there is nothing to close.
+Status openView(Store &store, View &view);
+
+// A zero-filled or closed view is ignored.
+void closeView(View &view);
+
+// --- Reading -------------------------------------------------------------
+
+// Keys from one to another, both included. Null bytes leave an end open. The bytes
+// live as long as what walks through the range.
+struct Range {
+  Text from;
+  Text to;
+};
+
+// A place in a view and a copy of the page there, 4.3 KB in all. It owns nothing. Texts
+// that it gives live until its next call. A cursor over a transaction may be used
+// while that changes: next() goes on behind the key that it stands on.
+struct Cursor {
+  const View *view;
+  Range range;
+  uint64_t changes;
+  uint32_t index;  // of the record in the leaf
+  uint32_t level;  // pages in the path
+  struct {
+    uint64_t number;
+    uint32_t index;
+  } path[kMaxDepth];
+  struct {
+    uint64_t chain;      // next page of the value, 0 when the rest is at hand
+    uint32_t remaining;  // bytes still to be given
+    bool started;
+  } value;
+  alignas(8) uint8_t leaf[kPageBytes];
+  alignas(8) uint8_t piece[kPageBytes];
+};
+
+// Stand on the first record of a range; on the next one; on that of a key. The view
+// outlives the cursor. kOkay, kMissing or kFailed.
+Status seekFirst(Cursor &cursor, const View &view, Range range);
+Status seekNext(Cursor &cursor);
+Status seekKey(Cursor &cursor, const View &view, Text key);
+
+// Of the record that the cursor stands on.
+Text keyOf(const Cursor &cursor);
+uint32_t valueLength(const Cursor &cursor);
+
+// Gives the value piece by piece, from its beginning after each seek, up to 4 KiB at
+// a time; an empty piece behind the last. kOkay or kFailed. While a transaction
+// changes, a value has to be read to its end before the next change.
+Status readValue(Cursor &cursor, Text &piece);
+
+// Counts the records of a range by two descents. kOkay or kFailed.
+Status countRange(const View &view, Range range, uint64_t &count);
+
+// --- Changing ------------------------------------------------------------
+
+struct Transaction;
+
+enum class Mode : uint8_t {
+  kSnapshot,   // refused when a key that it changes was changed since it began
+  kOverwrite,  // never refused: for a statement by itself that changes given keys
+  kExclusive   // keeps other writers waiting from begin to end, which one thread does:
+               // for a statement by itself that changes much or looks first
+};
+
+// Begins a transaction on the latest committed state. kOkay, kRefused for a read-only
+// or broken store, or kFailed.
+Status beginTransaction(Store &store, Mode mode, Transaction **transaction);
+
+// What a transaction sees, until it ends.
+const View &viewOf(const Transaction &transaction);
+
+// Puts a record in place of one with the same key. Keys have 1 to kMaxKeyBytes bytes.
+// kOkay, kRefused for lengths beyond the limits, or kFailed: then the transaction
+// can only be rolled back, and refuses everything else.
+Status putRecord(Transaction &transaction, Text key, Text value);
+
+// Removes a record. kOkay, kMissing or, as above, kRefused and kFailed.
+Status removeRecord(Transaction &transaction, Text key);
+
+// A value on its way in, piece by piece. It owns nothing; one that is not put is
+// forgotten with its transaction.
+struct Writer {
+  Transaction *transaction;
+  uint64_t first;    // page of the chain
+  uint64_t current;  // the last one
+  uint32_t length;   // bytes so far
+  uint8_t piece[kPageBytes];
+};
+
+void startValue(Writer &writer, Transaction &transaction);
+Status appendValue(Writer &writer, Text piece);  // as putRecord()
+Status putValue(Writer &writer, Text key);       // as putRecord()
+
+// Both end the transaction, whatever they return. commit() gives kOkay; kConflict;
+// kFailed; kUnknown, and from then on the store refuses changes; kRefused when it
+// does so already.
+Status commit(Transaction *transaction);
+void rollback(Transaction *transaction);
+
+// --- Care ----------------------------------------------------------------
+
+// Told how far something long has come; false ends it with kRefused, and nothing has
+// changed. A null step goes on always.
+struct Progress {
+  bool (*step)(void *context, uint64_t records);
+  void *context;
+};
+
+// Writes the records packed to a new file beside the old one and puts it in its place
+// in one step, with the old one's owner and permissions. Writers wait; views stay
+// what they are. kRefused while a hard link gives the file a second name, as that
+// would stay with the old file.
+Status compactStore(Store &store, Progress progress);
+
+struct Stats {
+  uint64_t records;
+  uint64_t commits;    // number of the latest one
+  uint64_t pages;      // of the file, metas included
+  uint64_t livePages;  // those that the tree uses; the rest but two is garbage
+  uint32_t depth;
+  uint64_t cachePages;  // that there is room for
+  uint64_t cacheUsed;
+  uint64_t cacheHits;
+  uint64_t pagesRead;  // from the file, checks included
+  uint64_t pagesWritten;
+  uint64_t syncs;
+};
+
+Status readStats(Store &store, Stats &stats);
+
+// Reads every page of a view from the file, past the cache: checksums, numbers, the
+// order of keys, counts, depth, lengths of values, and that just as many pages are in
+// use as were counted. kOkay; kFailed with the first fault as problem().
+Status checkView(const View &view, Progress progress);
+
+}  // namespace minidb
+
+#endif
