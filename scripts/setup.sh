@@ -25,7 +25,7 @@ declare -A PACKAGES=(
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen"
   [package]="dpkg-dev file pkg-config"
-  [ci]="ccache clang-format clang-tidy git shellcheck"
+  [ci]="abigail-tools ccache clang-format clang-tidy git pyflakes3 shellcheck"
 )
 
 say() {
