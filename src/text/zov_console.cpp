@@ -13,8 +13,9 @@
 //
 // Each stack's lock is held for the length of one output and by nothing else:
 // redirections are pushed and popped without it, while nobody writes. No thread
-// holds two of them. What is allocated here is allocated with jumps held off,
-// so that neither a lock nor a half-made entry is left behind.
+// holds two of them. Allocations are made with jumps held off, so that neither a
+// lock nor a half-made entry is left behind.
+#include <assert.h>
 #include <stdlib.h>
 #include <strings.h>
 
@@ -29,59 +30,9 @@ ZOV_FILE_STACK stderrStack = {ZOV_NO_SYNC, nullptr};
 ZOV_FILE_STACK logStack = {ZOV_NO_SYNC, nullptr};
 
 namespace {
+
+// Outputs of this thread that live. A signal's handler may begin one inside another.
 thread_local int32_t outputDepth = 0;
-}
-
-void enterOutput(ZOV_FILE_STACK &stack) ZOV_NO_ANALYSIS {
-  holdJumps();
-  ++outputDepth;
-  zov_syncEnterExcl(stack.lock);
-}
-
-void leaveOutput(ZOV_FILE_STACK &stack) ZOV_NO_ANALYSIS {
-  zov_syncExitExcl(stack.lock);
-  --outputDepth;
-  allowJumps();
-}
-
-bool isWritingOutput() {
-  return outputDepth > 0;
-}
-
-bool formatText(OutputText &text, const char *format, va_list arguments) {
-  const int32_t length = zov_vsnprintf(text.shortText, sizeof text.shortText, format, arguments);
-  text.longText = nullptr;
-  text.length = length < 0 ? 0 : static_cast<size_t>(length);
-  if (text.length < sizeof text.shortText) {
-    return length >= 0;
-  }
-  text.longText = static_cast<char *>(malloc(text.length + 1));
-  if (text.longText == nullptr) {
-    text.length = sizeof text.shortText - 1;
-    return true;
-  }
-  zov_vsnprintf(text.longText, text.length + 1, format, arguments);
-  return true;
-}
-
-void flushConsole(Console console) {
-  if (!exists(console.stack)) {
-    fflush(console.standIn);
-    return;
-  }
-  enterOutput(console.stack);
-  ZOV_STREAM stream = topStream(console.stack);
-  if (stream != nullptr) {
-    zov_fflush(stream);
-  } else {
-    fflush(console.standIn);
-  }
-  leaveOutput(console.stack);
-}
-
-}  // namespace zov
-
-namespace {
 
 bool sameName(const char *first, const char *second) {
   if (first == nullptr || second == nullptr) {
@@ -95,7 +46,7 @@ int32_t openInfo(ZOV_FILE_INFO &info, const char *name) {
   if (name == nullptr) {
     return ZOV_OKAY;
   }
-  info.name = zov::copyString(name, ZOV_DEFAULT_TAG, ZOV_HERE);
+  info.name = copyString(name, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (info.name == nullptr) {
     return ZOV_NOMEMORY;
   }
@@ -111,44 +62,87 @@ void freeInfo(ZOV_FILE_INFO *info) {
   zov_freeMem(info, ZOV_DEFAULT_TAG);
 }
 
-// As through a stack, so that a text does not depend on when it is printed.
+// The same text as through a stack.
 ZOV_PRINTF(2, 0)
 int32_t printToLibc(FILE *file, const char *format, va_list arguments) {
-  zov::OutputText text;
-  if (!zov::formatText(text, format, arguments)) {
-    return -1;
-  }
-  const bool isWritten = fwrite(text.bytes(), 1, text.length, file) == text.length;
-  zov::releaseText(text);
+  const OutputText text(format, arguments);
+  const bool isWritten =
+      text.isFormatted && fwrite(text.bytes(), 1, text.length, file) == text.length;
   return isWritten ? static_cast<int32_t>(text.length) : -1;
 }
 
 ZOV_PRINTF(2, 0)
-int32_t _printfV(zov::Console console, const char *format, va_list arguments) {
-  if (!zov::exists(console.stack)) {
+int32_t _printfV(Console console, const char *format, va_list arguments) {
+  if (!isStarted(console.stack)) {
     return printToLibc(console.standIn, format, arguments);
   }
-  int32_t written = 0;
-  zov::enterOutput(console.stack);
-  ZOV_STREAM stream = zov::topStream(console.stack);
-  if (stream != nullptr) {
-    written = zov_vfprintf(stream, format, arguments);
-  }
-  zov::leaveOutput(console.stack);
-  return written;
+  const Output output(console.stack);
+  return output.stream() == nullptr ? 0 : zov_vfprintf(output.stream(), format, arguments);
 }
 
 int32_t openOn(ZOV_FILE_STACK &stack, const char *name) {
-  return zov::started() ? zov_fileStackOpen(&stack, name) : ZOV_ERROR;
+  return started() ? zov_fileStackOpen(&stack, name) : ZOV_ERROR;
 }
 
 void closeOn(ZOV_FILE_STACK &stack) {
-  if (zov::started()) {
+  if (started()) {
     zov_fileStackClose(&stack);
   }
 }
 
 }  // namespace
+
+Output::Output(ZOV_FILE_STACK &stack) ZOV_NO_ANALYSIS : stack_(stack) {
+  holdJumps();
+  ++outputDepth;
+  zov_syncEnterExcl(stack.lock);
+}
+
+Output::~Output() ZOV_NO_ANALYSIS {
+  zov_syncExitExcl(stack_.lock);
+  assert(outputDepth > 0);
+  --outputDepth;
+  allowJumps();
+}
+
+bool isWritingOutput() {
+  return outputDepth > 0;
+}
+
+OutputText::OutputText(const char *format, va_list arguments) {
+  const int32_t wanted = zov_vsnprintf(shortText, sizeof shortText, format, arguments);
+  isFormatted = wanted >= 0;
+  length = isFormatted ? static_cast<size_t>(wanted) : 0;
+  if (length < sizeof shortText) {
+    return;
+  }
+  longText = static_cast<char *>(malloc(length + 1));
+  if (longText == nullptr) {
+    length = sizeof shortText - 1;
+  } else {
+    zov_vsnprintf(longText, length + 1, format, arguments);
+  }
+}
+
+bool flushStack(ZOV_FILE_STACK &stack) {
+  if (!isStarted(stack)) {
+    return false;
+  }
+  const Output output(stack);
+  if (output.stream() == nullptr) {
+    return false;
+  }
+  zov_fflush(output.stream());
+  return true;
+}
+
+void flushConsole(Console console) {
+  if (!flushStack(console.stack)) {
+    fflush(console.standIn);
+  }
+}
+
+}  // namespace zov
 
 extern "C" {
 
@@ -174,16 +168,17 @@ void zov_fileStackClose(ZOV_FILE_STACK *stack) {
   if (node == nullptr) {
     return;
   }
+  assert(node->info->users > 0);
   stack->top = node->next;
   if (--node->info->users == 0) {
-    freeInfo(node->info);
+    zov::freeInfo(node->info);
   }
   zov_freeMem(node, ZOV_DEFAULT_TAG);
 }
 
 ZOV_FILE_INFO *zov_fileStackSearch(ZOV_FILE_STACK *stack, const char *name) {
   for (ZOV_FILE_STACK_NODE *node = stack->top; node != nullptr; node = node->next) {
-    if (sameName(node->info->name, name)) {
+    if (zov::sameName(node->info->name, name)) {
       return node->info;
     }
   }
@@ -202,9 +197,9 @@ int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_
     if (info == nullptr) {
       return ZOV_NOMEMORY;
     }
-    const int32_t status = openInfo(*info, name);
+    const int32_t status = zov::openInfo(*info, name);
     if (status != ZOV_OKAY) {
-      freeInfo(info);
+      zov::freeInfo(info);
       return status;
     }
   }
@@ -221,27 +216,27 @@ void zov_fileStackRelease(ZOV_FILE_STACK *stack) ZOV_NO_ANALYSIS {
 }
 
 int32_t zov_stdout_open(const char *name) {
-  return openOn(zov::stdoutStack, name);
+  return zov::openOn(zov::stdoutStack, name);
 }
 
 int32_t zov_stderr_open(const char *name) {
-  return openOn(zov::stderrStack, name);
+  return zov::openOn(zov::stderrStack, name);
 }
 
 void zov_stdout_close() {
-  closeOn(zov::stdoutStack);
+  zov::closeOn(zov::stdoutStack);
 }
 
 void zov_stderr_close() {
-  closeOn(zov::stderrStack);
+  zov::closeOn(zov::stderrStack);
 }
 
 int32_t zov_log_open(const char *name) {
-  return openOn(zov::logStack, name);
+  return zov::openOn(zov::logStack, name);
 }
 
 void zov_log_close() {
-  closeOn(zov::logStack);
+  zov::closeOn(zov::logStack);
 }
 
 int32_t zov_log_create(const char *directory, const char *file) {
@@ -249,15 +244,15 @@ int32_t zov_log_create(const char *directory, const char *file) {
   if (name == nullptr) {
     return ZOV_ERROR;
   }
-  // What opening the file came to is not told: a log that cannot be opened
-  // must not keep its program from working.
+  // A failure to open the file is not told: a log that cannot be opened must not
+  // keep its program from working.
   zov_log_open(name);
   zov_freeMem(name, ZOV_DEFAULT_TAG);
   return ZOV_OKAY;
 }
 
 int32_t zov_printfV(const char *format, va_list arguments) {
-  return _printfV(zov::consoleOf(false), format, arguments);
+  return zov::_printfV(zov::consoleOf(false), format, arguments);
 }
 
 int32_t zov_printf(const char *format, ...) {
@@ -269,7 +264,7 @@ int32_t zov_printf(const char *format, ...) {
 }
 
 int32_t zov_printfErrV(const char *format, va_list arguments) {
-  return _printfV(zov::consoleOf(true), format, arguments);
+  return zov::_printfV(zov::consoleOf(true), format, arguments);
 }
 
 int32_t zov_printfErr(const char *format, ...) {

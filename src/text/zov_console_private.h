@@ -28,48 +28,56 @@ inline Console consoleOf(bool isError) {
   return isError ? Console{stderrStack, stderr} : Console{stdoutStack, stdout};
 }
 
-inline bool exists(const ZOV_FILE_STACK &stack) {
+inline bool isStarted(const ZOV_FILE_STACK &stack) {
   return stack.lock != ZOV_NO_SYNC;
 }
 
-// Takes a stack's lock for output. Until leaveOutput() this thread does not
-// jump, and a message it logs (a write that fails, memory that is short) is one
-// about the output itself: it must not take a second stack's lock.
-void enterOutput(ZOV_FILE_STACK &stack);
-void leaveOutput(ZOV_FILE_STACK &stack);
+// Holds a stack's lock for one output. In its scope this thread does not jump,
+// and what it logs (a write that failed, a shortage of memory) concerns that
+// output: such a message takes no stack's lock.
+class Output {
+ public:
+  explicit Output(ZOV_FILE_STACK &stack);
+  ~Output();
+  Output(const Output &) = delete;
+  Output &operator=(const Output &) = delete;
 
-// True between the two on this thread.
+  // Where the output goes, null when the stack is silent.
+  ZOV_STREAM stream() const { return stack_.top == nullptr ? nullptr : stack_.top->info->stream; }
+
+ private:
+  const ZOV_FILE_STACK &stack_;
+};
+
+// True while an Output of this thread lives.
 bool isWritingOutput();
-
-// Where output through a stack goes now, null when it is silent. Its lock is
-// held.
-inline ZOV_STREAM topStream(const ZOV_FILE_STACK &stack) {
-  return stack.top == nullptr ? nullptr : stack.top->info->stream;
-}
 
 // Texts below this length need no buffer.
 constexpr size_t kShortTextBytes = 512;
 
-// A text that was formatted without a tag. Without memory for a long one it ends
-// where shortText does.
-struct OutputText {
-  char shortText[kShortTextBytes];
-  char *longText;  // of libc, null for a text that fits above
-  size_t length;   // bytes, zeros among them
+// A text that is formatted without a tag. Without memory for a long one it ends
+// where shortText does. Nothing may jump while it lives.
+class OutputText {
+ public:
+  OutputText(const char *format, va_list arguments) ZOV_PRINTF(2, 0);
+  ~OutputText() { free(longText); }
+  OutputText(const OutputText &) = delete;
+  OutputText &operator=(const OutputText &) = delete;
 
   const char *bytes() const { return longText == nullptr ? shortText : longText; }
+
+  bool isFormatted;   // false for a format or value that zov_vsnprintf() refuses
+  size_t length = 0;  // bytes, zeros among them
+
+ private:
+  char shortText[kShortTextBytes];
+  char *longText = nullptr;  // of libc, null for a text that fits above
 };
 
-// Formats a text as zov_vsnprintf() does, to be put away with releaseText().
-// False when it cannot be formatted.
-bool formatText(OutputText &text, const char *format, va_list arguments) ZOV_PRINTF(2, 0);
+// Flushes what is on top of a stack. False when that is nothing.
+bool flushStack(ZOV_FILE_STACK &stack);
 
-inline void releaseText(OutputText &text) {
-  free(text.longText);
-}
-
-// Flushes what is on top of a console's stack; the libc stream when that is
-// nothing. Takes the stack's lock.
+// The same for a console, and for the libc stream where that is nothing.
 void flushConsole(Console console);
 
 }  // namespace zov

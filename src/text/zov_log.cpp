@@ -23,6 +23,7 @@ struct LogChunk {
   uint64_t length;  // characters, without the terminator
 };
 
+namespace zov {
 namespace {
 
 constexpr size_t kStampBytes = 30;
@@ -34,18 +35,12 @@ int32_t writeThrough(ZOV_STREAM stream, const char *text) {
   return written < 0 ? 0 : written;
 }
 
-int32_t writeToConsole(zov::Console console, const char *text) {
-  if (!zov::exists(console.stack)) {
+int32_t writeToConsole(Console console, const char *text) {
+  if (!isStarted(console.stack)) {
     return fputs(text, console.standIn) < 0 ? 0 : static_cast<int32_t>(strlen(text));
   }
-  int32_t written = 0;
-  zov::enterOutput(console.stack);
-  ZOV_STREAM stream = zov::topStream(console.stack);
-  if (stream != nullptr) {
-    written = writeThrough(stream, text);
-  }
-  zov::leaveOutput(console.stack);
-  return written;
+  const Output output(console.stack);
+  return output.stream() == nullptr ? 0 : writeThrough(output.stream(), text);
 }
 
 // The local time as [07-Mar-2024 09:15:02]. Where a locale's month does not fit
@@ -62,27 +57,23 @@ void formatStamp(char (&stamp)[kStampBytes]) {
 }
 
 void writeToLog(const char *text) {
-  if (!zov::exists(zov::logStack)) {
+  if (!isStarted(logStack)) {
     return;
   }
-  zov::enterOutput(zov::logStack);
-  ZOV_STREAM stream = zov::topStream(zov::logStack);
-  if (stream != nullptr) {
+  const Output output(logStack);
+  if (output.stream() != nullptr) {
     char stamp[kStampBytes];
     formatStamp(stamp);
-    zov_fputs(stamp, stream);
-    zov_fputs("  ", stream);
-    writeThrough(stream, text);
+    zov_fputs(stamp, output.stream());
+    zov_fputs("  ", output.stream());
+    writeThrough(output.stream(), text);
   }
-  zov::leaveOutput(zov::logStack);
 }
 
-// The single path of every message.
+// Sends a message to the console and to the log.
 int32_t _zov_log_str(bool isError, const char *text) {
-  int32_t written = 0;
-  if (zov::loadFlag(zov_background) == 0) {
-    written = writeToConsole(zov::consoleOf(isError), text);
-  }
+  const bool isSilent = loadFlag(zov_background) != 0;
+  const int32_t written = isSilent ? 0 : writeToConsole(consoleOf(isError), text);
   writeToLog(text);
   return written;
 }
@@ -90,7 +81,7 @@ int32_t _zov_log_str(bool isError, const char *text) {
 // A message about the output that this thread is writing.
 ZOV_PRINTF(1, 0)
 int32_t writeRaw(const char *format, va_list arguments) {
-  char text[zov::kShortTextBytes];
+  char text[kShortTextBytes];
   if (zov_vsnprintf(text, sizeof text, format, arguments) > 0) {
     // There is nobody left to tell when this fails.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));
@@ -110,19 +101,14 @@ int32_t printByLibc(FILE *file, const char *format, va_list arguments) {
 
 ZOV_PRINTF(2, 0)
 int32_t _zov_logV(bool isError, const char *format, va_list arguments) {
-  if (!zov::started()) {
+  if (!started()) {
     return printByLibc(isError ? stderr : stdout, format, arguments);
   }
-  if (zov::isWritingOutput()) {
+  if (isWritingOutput()) {
     return writeRaw(format, arguments);
   }
-  zov::OutputText message;
-  if (!zov::formatText(message, format, arguments)) {
-    return 0;
-  }
-  const int32_t written = _zov_log_str(isError, message.bytes());
-  zov::releaseText(message);
-  return written;
+  const OutputText message(format, arguments);
+  return message.isFormatted ? _zov_log_str(isError, message.bytes()) : 0;
 }
 
 ZOV_PRINTF(2, 0)
@@ -143,29 +129,30 @@ int32_t appendPiece(LogChunk &chunk, const char *format, va_list arguments) {
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
 int32_t zov_logV(const char *format, va_list arguments) {
-  return _zov_logV(false, format, arguments);
+  return zov::_zov_logV(false, format, arguments);
 }
 
 int32_t zov_log(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int32_t written = _zov_logV(false, format, arguments);
+  const int32_t written = zov::_zov_logV(false, format, arguments);
   va_end(arguments);
   return written;
 }
 
 int32_t zov_log_errV(const char *format, va_list arguments) {
-  return _zov_logV(true, format, arguments);
+  return zov::_zov_logV(true, format, arguments);
 }
 
 int32_t zov_log_err(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int32_t written = _zov_logV(true, format, arguments);
+  const int32_t written = zov::_zov_logV(true, format, arguments);
   va_end(arguments);
   return written;
 }
@@ -180,7 +167,7 @@ int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) {
   }
   va_list arguments;
   va_start(arguments, format);
-  const int32_t written = appendPiece(*chunk, format, arguments);
+  const int32_t written = zov::appendPiece(*chunk, format, arguments);
   va_end(arguments);
   return written;
 }
@@ -192,12 +179,12 @@ void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) {
   if (format != nullptr) {
     va_list arguments;
     va_start(arguments, format);
-    appendPiece(*chunk, format, arguments);
+    zov::appendPiece(*chunk, format, arguments);
     va_end(arguments);
   }
   // Of empty pieces there would be a stamp without a line end.
   if (chunk->length > 0) {
-    _zov_log_str(false, chunk->text);
+    zov::_zov_log_str(false, chunk->text);
   }
   free(chunk->text);
   free(chunk);
@@ -208,13 +195,6 @@ void zov_log_flush() {
     zov::flushConsole(zov::consoleOf(false));
     zov::flushConsole(zov::consoleOf(true));
   }
-  if (!zov::exists(zov::logStack)) {
-    return;
-  }
-  zov::enterOutput(zov::logStack);
-  if (zov::topStream(zov::logStack) != nullptr) {
-    zov_fflush(zov::topStream(zov::logStack));
-  }
-  zov::leaveOutput(zov::logStack);
+  zov::flushStack(zov::logStack);
 }
 }
