@@ -25,6 +25,7 @@
 //
 // fileTag is private and never armed, so of the functions here only
 // zov_fileOpenW() may jump, which allocates its copy of the path elsewhere.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -154,6 +155,8 @@ FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t type
     cleanupFile(file);
     return nullptr;
   }
+  assert(isInMemory(typeFlags) == (file->mfile != nullptr));
+  assert(file->mfile == nullptr || file->fd == ZOV_NO_DESCRIPTOR);
   file->openFlags &= ~static_cast<uint32_t>(O_CREAT | O_TRUNC);
   return file;
 }
@@ -275,6 +278,7 @@ int32_t zov::standardStream(const char *path) {
 }
 
 ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
+  assert(!isInMemory(typeFlags));
   FileHandle *file = newHandle(path, O_RDWR, typeFlags);
   if (file == nullptr) {
     return nullptr;
@@ -289,6 +293,7 @@ ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
 }
 
 ZOV_FILE zov::fileOpenDraft(const char *path, uint32_t typeFlags) {
+  assert(isInMemory(typeFlags));
   FileHandle *file = newHandle(path, O_RDWR, typeFlags);
   if (file == nullptr) {
     return nullptr;
@@ -302,6 +307,7 @@ ZOV_FILE zov::fileOpenDraft(const char *path, uint32_t typeFlags) {
 }
 
 int zov::descriptorOf(const FileHandle &file) {
+  assert(file.mfile == nullptr);
   return nativeOf(file.fd);
 }
 
@@ -341,11 +347,15 @@ int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence) {
 }
 
 uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes) {
-  return lengthBytes == 0 ? 0 : fileWrite(*file, buffer, lengthBytes);
+  const uint32_t written = lengthBytes == 0 ? 0 : fileWrite(*file, buffer, lengthBytes);
+  assert(written <= lengthBytes || written == ZOV_IO_FAILED);
+  return written;
 }
 
 uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes) {
-  return lengthBytes == 0 ? 0 : fileRead(*file, buffer, lengthBytes);
+  const uint32_t count = lengthBytes == 0 ? 0 : fileRead(*file, buffer, lengthBytes);
+  assert(count <= lengthBytes || count == ZOV_IO_FAILED);
+  return count;
 }
 
 uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
@@ -354,6 +364,7 @@ uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
     return 0;
   }
   const uint32_t written = fileSeekWrite(*file, offset, buffer, lengthBytes);
+  assert(written <= lengthBytes || written == ZOV_IO_FAILED);
   if (written == ZOV_IO_FAILED) [[unlikely]] {
     reportSeek("write");
   }
@@ -365,6 +376,7 @@ uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t 
     return 0;
   }
   const uint32_t count = fileSeekRead(*file, offset, buffer, lengthBytes);
+  assert(count <= lengthBytes || count == ZOV_IO_FAILED);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportSeek("read");
   }

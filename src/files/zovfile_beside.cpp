@@ -6,6 +6,7 @@
 // synced when it has its name.
 //
 // No locks, no state, no memory from a tag: nothing jumps.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -99,6 +100,7 @@ int32_t zov::giveMode(int descriptor, mode_t wanted, gid_t group) {
   fremovexattr(descriptor, kAccessList);  // its directory may have given it one
   const mode_t mode = passableMode(descriptor, wanted);
   const mode_t given = own.st_gid == group ? mode : forForeignGroup(mode);
+  assert((given & ~wanted) == 0);
   return fchmod(descriptor, given) == 0 || keepsNoModes(errno) ? ZOV_OKAY : ZOV_ERROR;
 }
 

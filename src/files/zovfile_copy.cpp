@@ -11,6 +11,7 @@
 // and goes again when the copy fails.
 //
 // No locks, and nothing jumps: jumps are held off while files are open.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -181,6 +182,7 @@ int32_t closeKept(const Destination &to, int32_t status) {
 // the system may tell only now of lost bytes, and a second descriptor then shows
 // whether the name still leads to the file.
 int32_t closeMade(const Destination &to, int32_t status) {
+  assert(to.made && to.path[0] != '\0');
   const bool onDisk = !zov::isInMemory(to.typeFlags);
   const int second = onDisk ? fcntl(zov::descriptorOf(*to.file), F_DUPFD_CLOEXEC, 0) : -1;
   const bool isWhole = status == ZOV_OKAY && (second >= 0 || !onDisk);
@@ -273,6 +275,7 @@ int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const 
 }
 
 int32_t zov::removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags) {
+  assert(isInMemory(typeFlags) == (memFileOf(file) != nullptr));
   if (memFileOf(file) != nullptr) {
     return removeNameOfMemFile(*memFileOf(file), path);
   }

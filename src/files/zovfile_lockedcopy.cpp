@@ -37,6 +37,7 @@
 // There is no state and no lock of this process. Callers hold jumps off.
 #include "files/zovfile_lockedcopy.h"
 
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -152,6 +153,7 @@ Attempt tryMake(LockedCopy &copy, const struct stat &original) {
   }
   endLock(descriptor);
   zov_fileClose(copy.file);
+  copy.file = nullptr;
   return Attempt::kAgain;
 }
 
@@ -193,12 +195,14 @@ ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status)
 }
 
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
+  assert(copy.file == nullptr && !copy.isPlaced);
   const int64_t last = nowMs() + kMostWaitMs;
   Attempt attempt = tryMake(copy, original);
   while (attempt == Attempt::kAgain && nowMs() <= last) {
     zov_sleep(kStepMs);
     attempt = tryMake(copy, original);
   }
+  assert((attempt == Attempt::kMade) == (copy.file != nullptr));
   return attempt == Attempt::kMade ? ZOV_OKAY : ZOV_ERROR;
 }
 
@@ -217,6 +221,7 @@ bool lockedCopyIs(const LockedCopy &copy, const struct stat &file) {
 }
 
 int32_t lockedCopyPlace(LockedCopy &copy, const char *path, const struct stat &original) {
+  assert(copy.file != nullptr && !copy.isPlaced);
   if (finish(copy, original) != ZOV_OKAY || zov_flRename(copy.path, path) != 0) {
     return ZOV_ERROR;
   }

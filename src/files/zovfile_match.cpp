@@ -15,6 +15,7 @@
 //
 // The character behind a `*` stands for itself even when it is a wildcard; the
 // cut into segments therefore depends on the pattern alone. Holds no state.
+#include <assert.h>
 #include <ctype.h>
 
 #include "zov.h"
@@ -32,6 +33,7 @@ bool equalsBlind(char left, char right) {
 
 // The first character of the name that equals the literal, or null.
 const char *findBlind(const char *name, char literal) {
+  assert(literal != '\0');
   while (*name != '\0' && !equalsBlind(*name, literal)) {
     ++name;
   }

@@ -16,6 +16,7 @@
 //
 // No locks; drafts are told apart by a counter. Nothing jumps: jumps are held off
 // while files are open.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -109,6 +110,7 @@ int32_t putInPlace(const char *from, const char *to) {
 
 // Copies all of the source into a draft and brings it to the disk.
 int32_t fillDraft(ZOV_FILE source, const Draft &draft, Place to) {
+  assert(draft.file != nullptr && draft.path[0] != '\0');
   const bool filled = zov::copyWhole(source, draft.file) == ZOV_OKAY &&
                       zov::passModeOn(*source, *draft.file, to.path) == ZOV_OKAY &&
                       zov_fileSync(draft.file) == ZOV_OKAY;
@@ -133,6 +135,7 @@ int32_t replaceInMemory(ZOV_FILE source, Place to) {
   if (draft == nullptr) {
     return ZOV_ERROR;
   }
+  assert(zov::memFileOf(*draft) != nullptr);
   int32_t status = zov::copyWhole(source, draft);
   if (status == ZOV_OKAY) {
     status = zov::placeMemDraft(zov::memFileOf(*draft), to.path);

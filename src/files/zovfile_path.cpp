@@ -8,6 +8,7 @@
 // Every string returned belongs to the default tag and to the caller. One that
 // is built in several steps is a block that grows, with jumps held off until it
 // is whole or released. No state, no locks.
+#include <assert.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -39,6 +40,7 @@ char *copyPrefix(const char *text, size_t length) {
 // Lengthens a string it takes over by another; null, with the first released,
 // when there is no memory.
 char *append(char *text, const char *tail) {
+  assert(zov::noJumpDepth > 0);
   const size_t length = strlen(text);
   const size_t tailBytes = strlen(tail) + 1;
   char *longer =

@@ -8,6 +8,8 @@
 //
 // No locks. Opening may jump with nothing held; the steps of a walk keep an
 // open directory and allocate with jumps held off.
+#include <assert.h>
+
 #include "core/zov_make.h"
 #include "core/zov_private.h"
 #include "files/zovfile_private.h"
@@ -67,6 +69,7 @@ const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
   if (walk == nullptr) {
     return nullptr;
   }
+  assert(walk->inMemory != 0 ? walk->memory != nullptr : walk->disk != nullptr);
   return walk->inMemory != 0 ? zov_mfPathNext(walk->memory, isDirectory)
                              : zov_flPathNext(walk->disk, isDirectory);
 }

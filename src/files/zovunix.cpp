@@ -21,6 +21,7 @@
 // a jump would leave open. zov_flPathNext() may jump between two names, when
 // the walk is whole and holds none. The W forms may jump out of converting
 // their path. Nothing else here allocates, and there is no state and no lock.
+#include <assert.h>
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -85,6 +86,7 @@ int32_t entryIsDirectory(const DiskWalk &walk, const dirent &entry) {
 }
 
 const dirent *nextMatch(const DiskWalk &walk) {
+  assert(walk.dir != nullptr && walk.lastName == nullptr);
   const dirent *entry = readdir(walk.dir);
   while (entry != nullptr && zov_match(entry->d_name, walk.pattern) == 0) {
     entry = readdir(walk.dir);

@@ -2,6 +2,7 @@
 //
 // Whether two paths mean the same thing on disk: the same file, or the same
 // entry of the same directory. Reads the file system and keeps nothing.
+#include <assert.h>
 #include <limits.h>
 #include <stdint.h>
 #include <string.h>
@@ -34,6 +35,7 @@ EntryName entryName(const char *path) {
   while (begin > 0 && path[begin - 1] != '/') {
     --begin;
   }
+  assert(begin <= end && memchr(path + begin, '/', end - begin) == nullptr);
   return {path + begin, end - begin};
 }
 
@@ -54,6 +56,7 @@ enum class Step : uint8_t { kFollowed, kNoLink, kTooLong };
 
 // Puts in the place of a link's path the path that it holds.
 Step followLink(char (&path)[PATH_MAX]) {
+  assert(memchr(path, '\0', sizeof path) != nullptr);
   char target[PATH_MAX];
   const ssize_t count = readlink(path, target, sizeof target);
   if (count < 0) {

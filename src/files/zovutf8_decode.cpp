@@ -16,6 +16,7 @@
 //
 // When the room is used up the rest is still decoded, to find what is invalid.
 // All state is on the caller's stack. Nothing allocates or jumps.
+#include <assert.h>
 #include <string.h>
 
 #include "files/zovutf8_private.h"
@@ -94,6 +95,7 @@ SinkResult processFirstByte(DecoderState &state, uint8_t byte) {
 }
 
 SinkResult processSubsequentByte(DecoderState &state, uint8_t byte) {
+  assert(state.remaining < state.expected && state.expected <= 4);
   if (!zov::isContinuation(byte)) {
     const uint32_t units = state.expected - state.remaining + 1u;
     state.remaining = 0;
@@ -116,6 +118,7 @@ const uint8_t *takeRun(DecoderState &state, const uint8_t *bytes, const uint8_t 
   wchar_t *place = state.out != nullptr ? state.out + state.count : nullptr;
   const zov::DecodeRun run = zov::decodeRun(bytes, end, place, state.capacity - state.count);
   state.count += run.chars;
+  assert(state.out == nullptr || state.count <= state.capacity);
   return run.bytes;
 }
 

@@ -22,6 +22,7 @@
 // room: a size of 0 promises room for the result and no more. Widening may store
 // more than it takes, so it is done only with enough bytes behind it that become
 // characters of the result themselves.
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
@@ -405,5 +406,6 @@ zov::DecodeRun zov::decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t 
   const uint64_t most = static_cast<uint64_t>(end - bytes);
   const CharStore store{out, out + std::min(room, most)};
   const Progress<CharStore> progress = takeRun(store, bytes, end);
+  assert(progress.bytes <= end && progress.target.next <= store.limit);
   return {progress.bytes, static_cast<uint64_t>(progress.target.next - out)};
 }

@@ -12,6 +12,7 @@
 //
 // Both ways give the same bytes. All state is on the caller's stack. Nothing
 // allocates or jumps.
+#include <assert.h>
 #include <wchar.h>
 
 #include "files/zovutf8_private.h"
@@ -78,6 +79,7 @@ const wchar_t *takeRun(EncoderState &state, const wchar_t *text, const wchar_t *
   char *place = state.out != nullptr ? state.out + state.count : nullptr;
   const zov::EncodeRun run = zov::encodeRun(text, end, place, state.capacity - state.count);
   state.count += run.bytes;
+  assert(state.out == nullptr || state.count <= state.capacity);
   return run.text;
 }
 

@@ -18,6 +18,7 @@
 // room: a size of 0 promises room for the result and no more. Four characters
 // store 16 bytes whatever they take, so they are taken so only with enough
 // characters behind them, which become bytes of the result themselves.
+#include <assert.h>
 #include <stddef.h>
 
 #include <algorithm>
@@ -347,5 +348,6 @@ zov::EncodeRun zov::encodeRun(const wchar_t *text, const wchar_t *end, char *out
   const uint64_t most = 4 * static_cast<uint64_t>(end - text);
   const ByteStore store{out, out + std::min(room, most)};
   const Progress<ByteStore> progress = takeRun(store, text, end);
+  assert(progress.text <= end && progress.target.next <= store.limit);
   return {progress.text, static_cast<uint64_t>(progress.target.next - out)};
 }

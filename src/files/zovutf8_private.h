@@ -7,6 +7,7 @@
 #ifndef ZOV_FILES_ZOVUTF8_PRIVATE_H
 #define ZOV_FILES_ZOVUTF8_PRIVATE_H
 
+#include <assert.h>
 #include <stddef.h>
 
 #include "core/zov_word.h"
@@ -60,6 +61,7 @@ inline void storeSequence(char *out, uint32_t codePoint) {
 
 // Stores the UTF-8 form of a code point, whose length is that of utf8Length().
 inline void storeUtf8(char *out, uint32_t codePoint, uint32_t lengthBytes) {
+  assert(lengthBytes != 0 && lengthBytes == utf8Length(codePoint));
   switch (lengthBytes) {
     case 1:
       return storeSequence<1>(out, codePoint);
@@ -107,6 +109,7 @@ constexpr bool isValidValue(uint32_t value, uint32_t lengthBytes) {
 // and tells its length. Too long a length to tell is a failure.
 template <typename Unit>
 inline uint32_t terminate(Unit *out, uint32_t size, uint64_t count) {
+  assert(out == nullptr || size == 0 || count < size);
   if (out == nullptr) {
     ++count;
   } else if (count < size) {
