@@ -5,6 +5,7 @@
 #ifndef ZOV_CONFIG_ZOVINI_NAME_H
 #define ZOV_CONFIG_ZOVINI_NAME_H
 
+#include <assert.h>
 #include <string.h>
 
 #include "zov.h"

@@ -10,45 +10,30 @@
 //   x=1                 ignored: names have at least two characters
 //
 // The entry is filled in place, so a shortage of memory or a failing read on the
-// way empties it; the next get then reads the file again. Takes no lock and jumps
-// nowhere: who calls holds iniSem where it matters, and jumps off.
-#include <string.h>
-
+// way empties it; the next get then reads the file again. Takes no lock and never
+// jumps: callers hold jumps off and, for gets and sets, iniSem.
+#include "config/zovini_line.h"
 #include "config/zovini_private.h"
-#include "text/zov_stream_private.h"
 
 namespace zov {
 namespace {
 
 constexpr size_t kLeastNameBytes = 2;
 
-bool isWhite(char character) {
-  return character == ' ' || (character >= '\t' && character <= '\r');
-}
-
 bool endsText(char character) {
   return character == ';' || character == '\n' || character == '\r';
 }
 
-// What of a line counts.
+// A line without comment, line end and the white space before them.
 IniText contentOf(IniText line) {
   size_t length = 0;
   while (length < line.length && !endsText(line.bytes[length])) {
     ++length;
   }
-  while (length > 0 && isWhite(line.bytes[length - 1])) {
+  while (length > 0 && iniIsWhite(line.bytes[length - 1])) {
     --length;
   }
   return {line.bytes, length};
-}
-
-// The bytes before the first of a given character; all if there is none.
-IniText before(IniText text, char character) {
-  const void *found = memchr(text.bytes, character, text.length);
-  if (found == nullptr) {
-    return text;
-  }
-  return {text.bytes, static_cast<size_t>(static_cast<const char *>(found) - text.bytes)};
 }
 
 IniText withoutLastSpaces(IniText text) {
@@ -60,61 +45,52 @@ IniText withoutLastSpaces(IniText text) {
 
 IniText withoutFirstSpaces(IniText text) {
   while (text.length > 0 && *text.bytes == ' ') {
-    ++text.bytes;
-    --text.length;
+    text = iniFrom(text, 1);
   }
   return text;
 }
 
-// Where the lines of a file go. section is null before the first header and
+// Takes in the lines of a file. section is null before the first header and
 // behind a header that found no room.
-struct Target {
+struct Reader {
   IniFile &file;
   IniSection *section;
 };
 
 // Each is false without memory only.
 
-bool takeHeader(Target &target, IniText content) {
+bool takeHeader(Reader &reader, IniText content) {
   bool isFull = false;
-  const IniText name = before({content.bytes + 1, content.length - 1}, ']');
-  target.section = addSection(target.file, name, isFull);
-  return target.section != nullptr || isFull;
+  const IniText name = iniBefore(iniFrom(content, 1), ']');
+  reader.section = addSection(reader.file, name, isFull);
+  return reader.section != nullptr || isFull;
 }
 
-bool takeParam(const Target &target, IniText content) {
-  const IniText left = before(content, '=');
+bool takeParam(const Reader &reader, IniText content) {
+  const IniText left = iniBefore(content, '=');
   const IniText name = withoutLastSpaces(left);
   if (left.length == content.length || name.length < kLeastNameBytes) {
     return true;
   }
-  const size_t valueAt = left.length + 1;
-  const IniText right = {content.bytes + valueAt, content.length - valueAt};
-  return addParam(*target.section, name, withoutFirstSpaces(right));
+  const IniText right = iniFrom(content, left.length + 1);
+  return addParam(*reader.section, name, withoutFirstSpaces(right));
 }
 
-bool takeLine(Target &target, IniText line) {
+bool takeLine(Reader &reader, IniText line) {
   const IniText content = contentOf(line);
   if (content.length == 0) {
     return true;
   }
   if (*content.bytes == '[') {
-    return takeHeader(target, content);
+    return takeHeader(reader, content);
   }
-  return target.section == nullptr || takeParam(target, content);
+  return reader.section == nullptr || takeParam(reader, content);
 }
 
-bool takeLines(IniFile &file, ZOV_STREAM stream) {
-  Target target = {file, nullptr};
-  char *buffer = nullptr;
-  uint32_t sizeBytes = 0;
-  uint32_t length = 0;
-  LineEnd end = streamGetLine(*stream, &buffer, &sizeBytes, &length);
-  while (end == LineEnd::kWhole && takeLine(target, {buffer, length})) {
-    end = streamGetLine(*stream, &buffer, &sizeBytes, &length);
-  }
-  zov_freeMem(buffer, ZOV_DEFAULT_TAG);
-  return end == LineEnd::kNothing;
+bool takeLines(IniFile &file, TextStream &stream) {
+  Reader reader = {file, nullptr};
+  const auto take = [&](IniText line) { return takeLine(reader, line); };
+  return iniEachLine(stream, take) == LineEnd::kNothing;
 }
 
 // The entry that a file is read into, empty.
@@ -143,10 +119,6 @@ int32_t _readIniFile(const char *path, uint16_t flags) {
 
 }  // namespace
 
-bool isReadWhole(const TextStream &in) {
-  return !in.cache.readFailed && in.cache.position >= in.cache.length;
-}
-
 int32_t failureOf(int32_t status) {
   return heldShortage == Shortage::kNone ? status : ZOV_INI_NOMEMORY;
 }
@@ -157,8 +129,8 @@ int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) {
     return failureOf(ZOV_INI_NOFILE);
   }
   file = entryFor(path);
-  const bool isTaken = file != nullptr && takeLines(*file, stream);
-  const bool isWhole = isReadWhole(*stream);
+  const bool isTaken = file != nullptr && takeLines(*file, *stream);
+  const bool isWhole = streamReachedEnd(*stream);
   zov_fclose(stream);
   if (isTaken && isWhole) {
     settleINI(*file);

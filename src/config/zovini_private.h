@@ -123,10 +123,6 @@ void settleINI(IniFile &file);
 // when part of the file was read.
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file);
 
-// Whether lines ended with the file: a failing read looks like the end of a line or
-// of the input.
-bool isReadWhole(const TextStream &in);
-
 // The status of what failed: ZOV_INI_NOMEMORY if that was for a shortage.
 int32_t failureOf(int32_t status);
 

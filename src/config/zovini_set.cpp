@@ -19,12 +19,12 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include "config/zovini_line.h"
 #include "config/zovini_private.h"
 #include "core/zov_make.h"
 #include "files/zovfile_lockedcopy.h"
 #include "files/zovfile_private.h"
 #include "memstore/zovmfile_place.h"
-#include "text/zov_stream_private.h"
 
 namespace zov {
 namespace {
@@ -77,32 +77,21 @@ void writeHeldBack(Rewrite &rewrite) {
 }
 
 bool startsWithWhite(IniText line) {
-  const char first = line.length == 0 ? '\n' : *line.bytes;
-  return first == ' ' || (first >= '\t' && first <= '\r');
-}
-
-// A line's text from its first byte, or the one behind a bracket, up to a mark.
-// False without the mark.
-bool textBefore(IniText line, size_t from, char mark, IniText &text) {
-  const void *found = memchr(line.bytes + from, mark, line.length - from);
-  if (found == nullptr) {
-    return false;
-  }
-  const char *begin = line.bytes + from;
-  text = {begin, static_cast<size_t>(static_cast<const char *>(found) - begin)};
-  return true;
+  return line.length == 0 || iniIsWhite(*line.bytes);
 }
 
 bool isTargetHeader(const Change &change, IniText line) {
-  IniText name;
-  return *line.bytes == '[' && textBefore(line, 1, ']', name) && iniEqual(name, change.section);
+  if (*line.bytes != '[') {
+    return false;
+  }
+  const IniText rest = iniFrom(line, 1);
+  const IniText name = iniBefore(rest, ']');
+  return name.length < rest.length && iniEqual(name, change.section);
 }
 
 // Spaces around the equal sign count: the name must stand as it is given.
 bool isTargetParam(const Change &change, IniText line) {
-  IniText name = line;
-  textBefore(line, 0, '=', name);
-  return iniEqual(name, change.name);
+  return iniEqual(iniBefore(line, '='), change.name);
 }
 
 // The header of the next section: whatever is to be added goes in front of it
@@ -168,33 +157,20 @@ void takeEnd(Rewrite &rewrite) {
   writePair(rewrite);
 }
 
-// Sends the rest of the copy to its file, which is not synced by it, and tells
-// whether the file has all of it.
-bool isWrittenWhole(FileCache &out) {
-  const uint64_t length = fileCacheLength(out);
-  return fileCacheSync(out) == ZOV_OKAY &&
-         zov_fileLength(out.handle) == static_cast<int64_t>(length);
-}
-
 int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
   Rewrite rewrite = {change, out, 0, false, false, true, false};
-  char *buffer = nullptr;
-  uint32_t sizeBytes = 0;
-  uint32_t length = 0;
-  LineEnd end = streamGetLine(in, &buffer, &sizeBytes, &length);
-  while (end == LineEnd::kWhole && !rewrite.hasFailed) {
-    takeLine(rewrite, {buffer, length});
-    end = streamGetLine(in, &buffer, &sizeBytes, &length);
-  }
-  zov_freeMem(buffer, ZOV_DEFAULT_TAG);
+  const LineEnd end = iniEachLine(in, [&](IniText line) {
+    takeLine(rewrite, line);
+    return !rewrite.hasFailed;
+  });
   if (end == LineEnd::kNoMemory) {
     return ZOV_INI_NOMEMORY;
   }
-  if (end == LineEnd::kNothing && !isReadWhole(in)) {
+  if (end == LineEnd::kNothing && !streamReachedEnd(in)) {
     return failureOf(ZOV_INI_NOFILE);
   }
   takeEnd(rewrite);
-  const bool isDone = !rewrite.hasFailed && isWrittenWhole(out);
+  const bool isDone = !rewrite.hasFailed && fileCacheSyncWhole(out);
   return isDone ? ZOV_OKAY : failureOf(ZOV_INI_NOTREPLACED);
 }
 
@@ -220,10 +196,6 @@ char *tempPathFor(const char *path, uint16_t flags) {
   return temp;
 }
 
-bool isByteSwapped(const TextStream &in) {
-  return in.bomLength == 2 && memcmp(in.cache.data, "\xFE\xFF", 2) == 0;
-}
-
 // Writes the changed text of a file, which it closes, to a new one.
 int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
   const ZOV_STREAM in = streamOpenOn(original, "r", ZOV_ENC_BYTES);
@@ -233,7 +205,7 @@ int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
   }
   FileCache out = {};
   fileCacheOpen(out, copy, {.canRead = false, .canWrite = true});
-  const int32_t status = isByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out);
+  const int32_t status = streamIsByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out);
   zov_fclose(in);
   return status;
 }

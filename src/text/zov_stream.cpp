@@ -8,7 +8,7 @@
 // The work is split over four sources: this one; zov_stream_cache.cpp, the
 // block over the file handle; zov_stream_read.cpp and zov_stream_write.cpp.
 //
-// What a file begins with decides how it is read. Both orders of the UTF-16
+// The byte-order mark of a file decides how it is read. Both orders of the UTF-16
 // mark, and the pair EF FF, mean UTF-16 in host byte order. UTF-16 files are
 // written with a mark, byte files without.
 //
@@ -27,21 +27,19 @@
 #include "core/zov_word.h"
 #include "text/zov_stream_private.h"
 
+namespace zov {
 namespace {
 
-using zov::fileCacheSeek;
-
 constexpr uint32_t kModeLetters = 3;
-constexpr uint16_t kByteOrderMark = 0xFEFF;
-constexpr uint32_t kOptionBits = 0xFFFF;
+constexpr uint16_t kWrittenMark = 0xFEFF;
 
-struct Mark {
+struct ByteOrderMark {
   const char *bytes;
   uint32_t lengthBytes;
   zov_encoding encoding;
 };
 
-constexpr Mark kMarks[] = {
+constexpr ByteOrderMark kMarks[] = {
     {"\xEF\xBB\xBF", 3, ZOV_ENC_BYTES},
     {"\xEF\xFF", 2, ZOV_ENC_UTF16},
     {"\xFF\xFE", 2, ZOV_ENC_UTF16},
@@ -51,7 +49,7 @@ constexpr Mark kMarks[] = {
 // What a mode string asks for.
 struct OpenMode {
   uint32_t openFlags = O_RDONLY;
-  bool writing = false;  // it begins as an output file, with a mark if any
+  bool isWriting = false;  // the file gets a mark and is not asked for one
 };
 
 // Reads the letters of a mode; later letters rule over earlier ones. False for
@@ -64,11 +62,11 @@ bool parseMode(const char *text, OpenMode &mode) {
         break;
       case 'w':
         mode.openFlags = O_WRONLY | O_CREAT | O_TRUNC;
-        mode.writing = true;
+        mode.isWriting = true;
         break;
       case 'a':
         mode.openFlags = O_WRONLY | O_CREAT | O_APPEND;
-        mode.writing = true;
+        mode.isWriting = true;
         break;
       case '+':
         mode.openFlags = (mode.openFlags | O_RDWR) & ~static_cast<uint32_t>(O_WRONLY);
@@ -86,33 +84,33 @@ bool isStandardName(const char *name) {
 
 void writeBOM(TextStream &stream) {
   if (stream.encoding == ZOV_ENC_UTF16) {
-    fileCacheWrite(stream.cache, &kByteOrderMark, sizeof kByteOrderMark);
-    stream.bomLength = sizeof kByteOrderMark;
+    fileCacheWrite(stream.cache, &kWrittenMark, sizeof kWrittenMark);
+    stream.bomLength = sizeof kWrittenMark;
   }
 }
 
 bool beginsMark(char byte) {
   return std::any_of(std::begin(kMarks), std::end(kMarks),
-                     [byte](const Mark &mark) { return mark.bytes[0] == byte; });
+                     [byte](const ByteOrderMark &mark) { return mark.bytes[0] == byte; });
 }
 
 // Decides the encoding by the mark of the file and leaves the stream on the
-// first byte behind it. A file of one byte that could have begun a mark tells
-// nothing, and keeps the encoding the caller gave. Each byte of the file is
-// asked for once, and none that is not needed: the input may be a terminal.
+// first byte behind it. A file of one byte that could have begun a mark keeps the
+// encoding that the caller gave. Each byte of the file is asked for once, and none
+// that is not needed: the input may be a terminal.
 void checkForBOM(TextStream &stream) {
-  zov::FileCache &cache = stream.cache;
+  FileCache &cache = stream.cache;
   const int32_t passed = stream.encoding;
   stream.encoding = ZOV_ENC_BYTES;
-  if (!zov::fileCachePeek(cache, 1) || !beginsMark(cache.data[0])) {
+  if (!fileCachePeek(cache, 1) || !beginsMark(cache.data[0])) {
     return;
   }
-  if (!zov::fileCachePeek(cache, 2)) {
+  if (!fileCachePeek(cache, 2)) {
     stream.encoding = passed;
     return;
   }
-  for (const Mark &mark : kMarks) {
-    if (memcmp(cache.data, mark.bytes, 2) == 0 && zov::fileCachePeek(cache, mark.lengthBytes) &&
+  for (const ByteOrderMark &mark : kMarks) {
+    if (memcmp(cache.data, mark.bytes, 2) == 0 && fileCachePeek(cache, mark.lengthBytes) &&
         memcmp(cache.data, mark.bytes, mark.lengthBytes) == 0) {
       stream.encoding = mark.encoding;
       stream.bomLength = static_cast<int32_t>(mark.lengthBytes);
@@ -122,7 +120,7 @@ void checkForBOM(TextStream &stream) {
   }
 }
 
-zov::FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
+FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
   const uint32_t access = mode.openFlags & O_ACCMODE;
   const bool appends = (mode.openFlags & O_APPEND) != 0;
   return {.canRead = access != O_WRONLY,
@@ -132,38 +130,28 @@ zov::FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
           .hasEnd = !isStandardName(name)};
 }
 
-// An empty stream, or null with errno.
-TextStream *newStream() {
-  TextStream *stream = zov::make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (stream == nullptr) {
-    errno = ENOMEM;
-  }
-  return stream;
-}
-
-// A stream over what a name stands for, or null with errno.
-TextStream *openStream(const char *name, uint32_t openFlags, uint32_t options,
-                       const zov::FileUse &use) {
-  if (!zov::started() || name == nullptr) {
+// A stream over the file of a name, or null with errno.
+TextStream *openStream(const char *name, uint32_t openFlags, uint32_t options, const FileUse &use) {
+  if (!started() || name == nullptr) {
     errno = EINVAL;
     return nullptr;
   }
-  TextStream *stream = newStream();
+  TextStream *stream = make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (stream == nullptr) {
+    errno = ENOMEM;
     return nullptr;
   }
   const ZOV_FILE handle = zov_fileOpen(name, openFlags | O_CLOEXEC, options);
   if (handle == nullptr) {
-    const int openError = errno;
+    const KeepErrno kept;
     zov_freeMem(stream, ZOV_DEFAULT_TAG);
-    errno = openError;
     return nullptr;
   }
-  zov::fileCacheOpen(stream->cache, handle, use);
+  fileCacheOpen(stream->cache, handle, use);
   return stream;
 }
 
-// Decides the encoding of a stream whose file stands at its start.
+// Sets the encoding of a stream whose file stands at its start.
 void begin(TextStream &stream, bool isWriting, int32_t encoding) {
   stream.encoding = isWriting && encoding == 0 ? ZOV_ENC_BYTES : encoding;
   if (isWriting) {
@@ -175,23 +163,33 @@ void begin(TextStream &stream, bool isWriting, int32_t encoding) {
 
 }  // namespace
 
-ZOV_STREAM zov::streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding) {
+ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding) {
   OpenMode parsed;
   if (!parseMode(mode, parsed)) {
     errno = EINVAL;
     return nullptr;
   }
   holdJumps();
-  TextStream *stream = newStream();
+  TextStream *stream = make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
   allowJumps();
   if (stream == nullptr) {
     errno = ENOMEM;
     return nullptr;
   }
   fileCacheOpen(stream->cache, handle, useOf(parsed, nullptr, 0));
-  begin(*stream, parsed.writing, encoding);
+  begin(*stream, parsed.isWriting, encoding);
   return stream;
 }
+
+bool streamReachedEnd(const TextStream &stream) {
+  return !stream.cache.readFailed && stream.cache.position >= stream.cache.length;
+}
+
+bool streamIsByteSwapped(const TextStream &stream) {
+  return stream.bomLength == 2 && memcmp(stream.cache.data, "\xFE\xFF", 2) == 0;
+}
+
+}  // namespace zov
 
 extern "C" {
 
@@ -200,22 +198,23 @@ ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding) {
 }
 
 ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uint32_t options) {
-  OpenMode parsed;
-  if (!parseMode(mode, parsed)) {
+  zov::OpenMode parsed;
+  if (!zov::parseMode(mode, parsed)) {
     errno = EINVAL;
     return nullptr;
   }
   TextStream *stream =
-      openStream(name, parsed.openFlags, options & kOptionBits, useOf(parsed, name, options));
+      zov::openStream(name, parsed.openFlags, options, zov::useOf(parsed, name, options));
   if (stream != nullptr) {
-    begin(*stream, parsed.writing, encoding);
+    zov::begin(*stream, parsed.isWriting, encoding);
   }
   return stream;
 }
 
 ZOV_STREAM zov_fopen_std(const char *name) {
-  const bool isOutput = isStandardName(name);
-  TextStream *stream = openStream(name, O_RDONLY, 0, {.canRead = !isOutput, .canWrite = isOutput});
+  const bool isOutput = zov::isStandardName(name);
+  TextStream *stream =
+      zov::openStream(name, O_RDONLY, 0, {.canRead = !isOutput, .canWrite = isOutput});
   if (stream != nullptr) {
     stream->encoding = ZOV_ENC_BYTES;
   }
@@ -231,6 +230,6 @@ void zov_fclose(ZOV_STREAM stream) {
 
 int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin) {
   const int64_t mark = origin == 0 ? stream->bomLength : 0;
-  return fileCacheSeek(stream->cache, offset + mark, origin);
+  return zov::fileCacheSeek(stream->cache, offset + mark, origin);
 }
 }

@@ -262,4 +262,10 @@ int32_t fileCacheSync(FileCache &cache) {
   return status;
 }
 
+bool fileCacheSyncWhole(FileCache &cache) {
+  const uint64_t length = fileCacheLength(cache);
+  return fileCacheSync(cache) == ZOV_OKAY &&
+         zov_fileLength(cache.handle) == static_cast<int64_t>(length);
+}
+
 }  // namespace zov

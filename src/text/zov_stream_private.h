@@ -91,6 +91,9 @@ int32_t fileCacheSeek(FileCache &cache, int64_t offset, int32_t origin);
 // cannot be synced is no failure to it.
 int32_t fileCacheSync(FileCache &cache);
 
+// The same, and tells whether the file then is as long as it should be.
+bool fileCacheSyncWhole(FileCache &cache);
+
 inline bool fileCachePutByte(FileCache &cache, char byte) {
   const uint64_t offset = offsetInBlock(cache);
   if (offset >= cache.writeLimit) [[unlikely]] {
@@ -128,6 +131,13 @@ namespace zov {
 // a bad mode or without memory: the handle is then still the caller's. Never
 // jumps.
 ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding);
+
+// Whether the end of the input was that of the file: a failing read looks the same.
+bool streamReachedEnd(const TextStream &stream);
+
+// Whether the file has the mark FE FF, so that its units are read in the wrong
+// order. For a stream that was opened for reading and has not moved yet.
+bool streamIsByteSwapped(const TextStream &stream);
 
 // How the reading of a line ended.
 enum class LineEnd : uint8_t {
