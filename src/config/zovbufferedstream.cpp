@@ -22,7 +22,7 @@
 #include <algorithm>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zovmem_private.h"
 
 namespace {
 

@@ -14,6 +14,7 @@
 // jumps: callers hold jumps off and, for gets and sets, iniSem.
 #include "config/zovini_line.h"
 #include "config/zovini_private.h"
+#include "core/zov_shortage.h"
 
 namespace zov {
 namespace {

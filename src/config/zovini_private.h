@@ -14,7 +14,8 @@
 #define ZOV_CONFIG_ZOVINI_PRIVATE_H
 
 #include "config/zovini_name.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
+#include "core/zovuxthreads_private.h"
 
 namespace zov {
 

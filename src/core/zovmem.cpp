@@ -32,9 +32,12 @@
 #include <string.h>
 #include <wchar.h>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
+#include "core/zov_shortage.h"
 #include "core/zovmem_block.h"
 #include "core/zovmem_freed.h"
+#include "core/zovmem_private.h"
+#include "core/zovuxthreads_private.h"
 
 namespace {
 
@@ -75,7 +78,7 @@ ZOV_SYNC tagTabSem = ZOV_NO_SYNC;
 
 // Raised while an out-of-memory message is on its way: what prints it may run
 // out of memory in turn, and then stays silent.
-thread_local bool reporting = false;
+constinit thread_local bool reporting = false;
 
 TagRecord *resolve(ZOV_TAG tag) {
   return tag == ZOV_DEFAULT_TAG ? tag0 : reinterpret_cast<TagRecord *>(tag);

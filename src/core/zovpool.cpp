@@ -15,7 +15,7 @@
 // the tag's recovery point with nothing left behind.
 #include <string.h>
 
-#include "core/zov_private.h"
+#include "core/zovuxthreads_private.h"
 
 namespace {
 

@@ -30,7 +30,9 @@
 
 #include <atomic>
 
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
+#include "core/zovqueue_private.h"
+#include "core/zovuxthreads_private.h"
 
 namespace {
 

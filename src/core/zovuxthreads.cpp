@@ -25,7 +25,9 @@
 #include <iterator>
 #include <new>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
+#include "core/zov_shortage.h"
+#include "core/zovuxthreads_private.h"
 
 namespace {
 
@@ -71,7 +73,7 @@ SyncBlockEntry sem_table[kTableEntries];
 // Rank 14, innermost: sem_table and the free stacks in it.
 pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
 
-thread_local char threadAnchor;
+constinit thread_local char threadAnchor = 0;
 
 ThreadId currentThread() {
   return reinterpret_cast<ThreadId>(&threadAnchor);

@@ -15,7 +15,7 @@
 
 #include <type_traits>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
 
 namespace {
 

@@ -36,9 +36,10 @@
 #include <atomic>
 #include <new>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
 #include "core/zov_word.h"
+#include "core/zovuxthreads_private.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_private.h"
 #include "files/zovutf8_private.h"
@@ -315,6 +316,19 @@ ZOV_MFILE zov::memFileOf(const FileHandle &file) {
   return file.mfile;
 }
 
+bool zov::closesWhole(ZOV_FILE file) {
+  bool isWhole = true;
+  if (file->mfile != nullptr) {
+    zov_mfClose(file->mfile);
+  } else if (file->fd == ZOV_NO_DESCRIPTOR) {
+    reportInconsistent(*file);
+  } else if (file->isStd == 0) {
+    isWhole = zov_flClose(file->fd) == ZOV_OKAY;
+  }
+  cleanupFile(file);
+  return isWhole;
+}
+
 extern "C" {
 
 ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) {
@@ -331,14 +345,7 @@ ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFla
 }
 
 void zov_fileClose(ZOV_FILE file) {
-  if (file->mfile != nullptr) {
-    zov_mfClose(file->mfile);
-  } else if (file->fd == ZOV_NO_DESCRIPTOR) {
-    reportInconsistent(*file);
-  } else if (file->isStd == 0) {
-    zov_flClose(file->fd);
-  }
-  cleanupFile(file);
+  zov::closesWhole(file);
 }
 
 int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence) {

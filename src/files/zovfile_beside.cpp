@@ -2,8 +2,7 @@
 //
 // What it takes to put a new file in the place of an old one on disk: the new
 // one is made beside it, readable by its owner alone; gets its permission bits
-// once it is whole; is closed with an ear for lost bytes; and its directory is
-// synced when it has its name.
+// once it is whole; and its directory is synced when it has its name.
 //
 // No locks, no state, no memory from a tag: nothing jumps.
 #include <assert.h>
@@ -59,13 +58,6 @@ bool keepsNoModes(int error) {
 
 int zov::openNewFile(const char *path) {
   return open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
-}
-
-bool zov::closesWhole(ZOV_FILE file) {
-  const bool onDisk = memFileOf(*file) == nullptr;
-  errno = 0;
-  zov_fileClose(file);
-  return !onDisk || errno == 0;
 }
 
 int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {

@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"

@@ -10,7 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
+#include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"

@@ -25,7 +25,7 @@
 
 #include <atomic>
 
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "core/zov_word.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"

@@ -14,8 +14,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
+#include "core/zovmem_private.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
 
 namespace zov {
 
@@ -36,6 +36,10 @@ ZOV_FILE fileOpenDraft(const char *path, uint32_t typeFlags);
 // stay the handle's.
 int descriptorOf(const FileHandle &file);
 ZOV_MFILE memFileOf(const FileHandle &file);
+
+// Closes a handle. False, with errno, when the system tells only now that bytes
+// were lost.
+bool closesWhole(ZOV_FILE file);
 
 // Copies (zovfile_copy.cpp). They allocate with jumps held off by their callers.
 
@@ -67,10 +71,6 @@ int32_t removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlag
 // for its owner alone: O_EXCL, O_NOFOLLOW, O_CLOEXEC, mode 0600. A descriptor,
 // or -1 with errno.
 int openNewFile(const char *path);
-
-// Closes a handle. False, with errno, when the system tells only now that bytes
-// were lost.
-bool closesWhole(ZOV_FILE file);
 
 // Brings the entry that a path names, made or renamed before, to the disk.
 // ZOV_ERROR with errno when that fails. Nothing to do for a directory that may

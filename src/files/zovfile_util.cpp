@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names: remove, rename, validate, directory chains, and names for temporary
-// files. Each path goes to the disk or to the memory file system as its type
-// flags say; the disk is left alone under the read-only and diskless flags.
+// Names: remove, rename, validate, and directory chains. Each path goes to the
+// disk or to the memory file system as its type flags say; the disk is left alone
+// under the read-only and diskless flags.
 //
 // No locks. What allocates holds nothing, and may jump.
 #include <string.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
 #include "files/zovfile_private.h"
-#include "os/zovunix_tmpdir.h"
 
 namespace {
 
@@ -105,20 +104,5 @@ int32_t zov_dirCreateAll(const char *path) {
   const int32_t status = createChain(copy);
   zov_freeMem(copy, ZOV_DEFAULT_TAG);
   return status;
-}
-
-char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
-                            ZOV_TAG tag) {
-  const char *name = prefix == nullptr ? "temp" : prefix;
-  const char *suffix = extension == nullptr ? "tmp" : extension;
-  const char *directory = zov::tmpdir();
-  const bool isNamed = directory != nullptr && *directory != '\0';
-  const uint32_t number = (*counter)++;
-  const uint32_t pid = zov_get_pid();
-  void *place = counter;
-  return isNamed ? zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name,
-                                 place, pid, number, suffix)
-                 : zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number,
-                                 suffix);
 }
 }

@@ -10,8 +10,9 @@
 // open directory and allocate with jumps held off.
 #include <assert.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
 
 struct PathWalk {

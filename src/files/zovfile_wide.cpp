@@ -4,7 +4,7 @@
 // strictly, calls the full form, and frees the copies; type flags keep their
 // low 16 bits. Jumps are held off for the length of the call, so that a copy is
 // never left behind.
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "files/zovutf8_private.h"
 
 namespace {

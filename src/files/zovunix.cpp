@@ -31,8 +31,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
 #include "files/zovunix_private.h"
 #include "files/zovutf8_private.h"
 #include "os/zovunix_standard.h"

@@ -12,7 +12,7 @@
 #include <wchar.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zovmem_private.h"
 #include "files/zovutf8_private.h"
 
 namespace {

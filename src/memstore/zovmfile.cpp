@@ -18,7 +18,7 @@
 #include <string.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovmfile_transfer.h"
 #include "memstore/zovsegfile_private.h"

@@ -21,8 +21,8 @@
 
 #include <atomic>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
 #include "core/zov_word.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"

@@ -13,7 +13,6 @@
 #include <string.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
 #include "memstore/zovmfile_private.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include <fcntl.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
 

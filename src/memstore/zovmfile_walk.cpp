@@ -10,7 +10,7 @@
 #include <string.h>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
 
 // 1. lastName is the name of the entry at cursor while the directory's count of

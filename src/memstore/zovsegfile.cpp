@@ -27,7 +27,7 @@
 #include <atomic>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "core/zov_word.h"
 #include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"

@@ -13,7 +13,7 @@
 #include <iterator>
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "core/zov_word.h"
 
 namespace zov {

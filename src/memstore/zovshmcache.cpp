@@ -28,7 +28,7 @@
 #include "memstore/zovshmcache_private.h"
 
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "memstore/zovshm_private.h"
 #include "memstore/zovshmheap_private.h"
 

@@ -30,8 +30,11 @@
 
 #include "memstore/zovshmheap_private.h"
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
+#include "core/zovmem_private.h"
+#include "core/zovuxthreads_private.h"
 #include "memstore/zovshm_private.h"
 
 // 1. The record lives in its own tag, with the root block, the table and the

@@ -33,7 +33,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
 
 namespace {
 

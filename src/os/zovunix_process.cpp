@@ -18,9 +18,9 @@
 
 #include <atomic>
 
-#include "core/zov_private.h"
 #include "os/zovunix_limit.h"
 #include "os/zovunix_standard.h"
+#include "zov.h"
 
 void *deviceHead = nullptr;
 // Not ranked: the library never takes it. Guards deviceHead.

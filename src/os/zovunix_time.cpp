@@ -10,7 +10,6 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include "core/zov_private.h"
 #include "files/zovutf8_private.h"
 
 extern "C" {

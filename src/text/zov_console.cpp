@@ -19,7 +19,10 @@
 #include <stdlib.h>
 #include <strings.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
+#include "core/zov_shortage.h"
+#include "core/zovuxthreads_private.h"
 #include "text/zov_console_private.h"
 
 namespace zov {
@@ -32,7 +35,7 @@ ZOV_FILE_STACK logStack = {ZOV_NO_SYNC, nullptr};
 namespace {
 
 // Outputs of this thread that live. A signal's handler may begin one inside another.
-thread_local int32_t outputDepth = 0;
+constinit thread_local int32_t outputDepth = 0;
 
 bool sameName(const char *first, const char *second) {
   if (first == nullptr || second == nullptr) {

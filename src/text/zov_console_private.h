@@ -8,7 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "core/zov_private.h"
+#include "zov.h"
 
 namespace zov {
 

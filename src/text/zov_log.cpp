@@ -15,6 +15,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "core/zov_flags.h"
 #include "text/zov_console_private.h"
 
 // The pieces of one record, collected. text is null while there are none.

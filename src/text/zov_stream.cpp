@@ -22,8 +22,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "core/zov_word.h"
 #include "text/zov_stream_private.h"
 

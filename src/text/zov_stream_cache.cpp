@@ -22,7 +22,7 @@
 
 #include <algorithm>
 
-#include "core/zov_private.h"
+#include "core/zov_flags.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {

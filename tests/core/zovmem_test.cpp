@@ -6,7 +6,7 @@
 
 #include <deque>
 
-#include "core/zov_private.h"
+#include "core/zov_shortage.h"
 #include "core/zovmem_freed.h"
 #include "support/faults.h"
 

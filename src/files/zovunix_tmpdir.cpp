@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where temporary files go. The administrator's choice, an environment variable
-// of the library's own, wins untested; otherwise it is the first directory of a
-// short list in which a file can be made. That one is looked for once and kept
-// in zov_tmp until shut-down frees it.
+// Where temporary files go, and names for them. The administrator's choice, an
+// environment variable of the library's own, wins untested; otherwise it is the
+// first directory of a short list in which a file can be made. That one is looked
+// for once and kept in zov_tmp until shut-down frees it.
 //
 // zov_tmp is written in the process-wide critical section and read without it,
 // by acquire and release. The search runs inside that section, with jumps held
@@ -13,9 +13,14 @@
 #include <limits.h>
 #include <stdlib.h>
 
+#include "core/zov_flags.h"
 #include "core/zov_make.h"
-#include "core/zov_private.h"
-#include "os/zovunix_tmpdir.h"
+#include "core/zov_shortage.h"
+#include "files/zovunix_tmpdir.h"
+
+namespace zov {
+std::atomic<char *> zov_tmp = nullptr;
+}  // namespace zov
 
 namespace {
 
@@ -126,5 +131,20 @@ int32_t zov_dirWritable(const char *directory) {
   // By the system's own call, so that a flag set meanwhile leaves no probe.
   zov_flRemove(probe);
   return 1;
+}
+
+char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
+                            ZOV_TAG tag) {
+  const char *name = prefix == nullptr ? "temp" : prefix;
+  const char *suffix = extension == nullptr ? "tmp" : extension;
+  const char *directory = zov::tmpdir();
+  const bool isNamed = directory != nullptr && *directory != '\0';
+  const uint32_t number = (*counter)++;
+  const uint32_t pid = zov_get_pid();
+  void *place = counter;
+  return isNamed ? zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name,
+                                 place, pid, number, suffix)
+                 : zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number,
+                                 suffix);
 }
 }

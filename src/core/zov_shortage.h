@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What happens when memory or sync objects run out while a lock of the library
+// is held: nothing jumps, and the message waits until the lock is left. The
+// state is a few words of each thread.
+#ifndef ZOV_CORE_ZOV_SHORTAGE_H
+#define ZOV_CORE_ZOV_SHORTAGE_H
+
+#include "zov.h"
+
+namespace zov {
+
+// What can run out, each with its message.
+enum class Shortage : uint8_t { kNone, kMemory, kSyncObjects };
+
+// Reports a shortage met by whoever the place names. While a NoJump is live the
+// message waits for the outermost one to end: its way may lead through locks
+// that rank below those held, down to a file in memory that the log goes to.
+// Of several in that time the first is reported.
+void reportShortage(Shortage what, const char *sourceName, uint32_t line);
+
+// Raised while this thread holds a lock of the library around something that
+// allocates: a failing allocation then returns null and never jumps past the
+// unlock. Counts, so that it nests.
+extern constinit thread_local int32_t noJumpDepth;
+
+// The kind of the shortage that waits to be reported.
+extern constinit thread_local Shortage heldShortage;
+
+// Reports the shortage that waits.
+void releaseHeldShortage();
+
+// Around a lock, where the two ends stand in functions of their own: before it
+// is entered, and after it is left.
+inline void holdJumps() {
+  ++noJumpDepth;
+}
+
+inline void allowJumps() {
+  if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
+    releaseHeldShortage();
+  }
+}
+
+// The same for a scope. Nothing jumps while one is live, so its destructor
+// always runs.
+class NoJump {
+ public:
+  NoJump() { holdJumps(); }
+  ~NoJump() { allowJumps(); }
+  NoJump(const NoJump &) = delete;
+  NoJump &operator=(const NoJump &) = delete;
+};
+
+}  // namespace zov
+
+#endif
