@@ -21,6 +21,7 @@
 #include <stddef.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <iterator>
 #include <new>
@@ -70,7 +71,11 @@ struct SyncBlockEntry {
 
 SyncBlockEntry sem_table[kTableEntries];
 
-// Rank 14, innermost: sem_table and the free stacks in it.
+// Where a free slot is looked for first: every entry in front of it has a block
+// without one. Spares a create the walk past full blocks.
+SyncBlockEntry *firstWithRoom = sem_table;
+
+// Rank 14, innermost: sem_table, the free stacks in it and firstWithRoom.
 pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
 
 constinit thread_local char threadAnchor = 0;
@@ -119,9 +124,9 @@ SyncSlot *popFreeSlot(SyncBlockEntry &entry) {
 
 // The first entry that has a free slot or no block yet. semTabMutex is held.
 SyncBlockEntry *findEntry() {
-  for (SyncBlockEntry &entry : sem_table) {
-    if (entry.slots == nullptr || entry.firstFree != kEndOfFree) {
-      return &entry;
+  for (; firstWithRoom != std::end(sem_table); ++firstWithRoom) {
+    if (firstWithRoom->slots == nullptr || firstWithRoom->firstFree != kEndOfFree) {
+      return firstWithRoom;
     }
   }
   return nullptr;
@@ -166,6 +171,7 @@ void putBack(SyncSlot &slot) {
   pthread_mutex_lock(&semTabMutex);
   slot.nextFree = entry.firstFree;
   entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
+  firstWithRoom = std::min(firstWithRoom, &entry);
   pthread_mutex_unlock(&semTabMutex);
 }
 
@@ -344,6 +350,7 @@ int32_t zov_syncInit() {
   for (SyncBlockEntry &entry : sem_table) {
     entry = SyncBlockEntry{};
   }
+  firstWithRoom = sem_table;
   return ZOV_OKAY;
 }
 
