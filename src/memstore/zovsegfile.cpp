@@ -132,7 +132,7 @@ ZOV_CACHE_REGION createSegment(SegFile &file, uint32_t number, uint32_t size) {
 // Keeps a region that was doomed when its segment was cut off: creating it once
 // more calls the destruction off.
 ZOV_CACHE_REGION keepSegment(SegFile &file, uint32_t number, ZOV_CACHE_REGION region) {
-  if (region != nullptr && zov::shmCacheIsDoomed(region)) [[unlikely]] {
+  if (region != nullptr && zov::shmCacheIsDestroyPending(region)) [[unlikely]] {
     zov_shmCacheClose(createSegment(file, number, 0));
   }
   return region;

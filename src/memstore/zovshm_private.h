@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the layers of the memory storage share: a table that finds a record by
-// its 64-bit id, and tables of pointers by number. The lock of whoever owns a
-// table guards it.
+// its 64-bit id, and tables of pointers by number. A table is guarded by the lock
+// of the module that owns it.
 #ifndef ZOV_MEMSTORE_ZOVSHM_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSHM_PRIVATE_H
 
+#include <assert.h>
+#include <errno.h>
 #include <stddef.h>
 #include <string.h>
 
@@ -18,12 +20,16 @@
 
 namespace zov {
 
+inline int32_t failWith(int error) {
+  errno = error;
+  return ZOV_ERROR;
+}
+
 // Records by id, chained through their own field `hashNext` from a power of two
 // of buckets. A Record has `uint64_t hashId() const`; several may share an id.
 //
 // 1. Starts with buckets of its own and allocates more, from the default tag,
-//    as it fills. Having no memory for that costs speed and nothing else, so it is
-//    not reported.
+//    as it fills. A shortage then costs only speed, so it is not reported.
 // 2. All zero is an empty table.
 template <typename Record>
 class IdTable {
@@ -51,8 +57,9 @@ class IdTable {
     });
   }
 
-  // The caller keeps jumps away with a NoJump.
+  // The caller holds jumps off.
   void insert(Record *record) {
+    assert(noJumpDepth > 0);
     if (count_ >= size() * 2) {
       grow();
     }
@@ -64,6 +71,7 @@ class IdTable {
     Record **place = bucketOf(record->hashId());
     while (*place != record) {
       place = &(*place)->hashNext;
+      assert(*place != nullptr);
     }
     *place = record->hashNext;
     --count_;
@@ -77,9 +85,11 @@ class IdTable {
       while (first != nullptr) {
         Record *record = first;
         first = record->hashNext;
+        --count_;
         visit(record);
       }
     }
+    assert(count_ == 0);
     clear();
   }
 
@@ -133,8 +143,7 @@ class IdTable {
 };
 
 // Grows a table of pointers from `count` slots to `newCount`, the new ones null,
-// and gives its new place; null when memory is short, the old table being as it
-// was.
+// and returns its new place. Null when memory is short; the old table then stands.
 template <typename Pointer>
 Pointer *growTable(Pointer *table, uint64_t count, uint64_t newCount, ZOV_TAG tag,
                    const char *sourceName, uint32_t line) {
@@ -148,9 +157,9 @@ Pointer *growTable(Pointer *table, uint64_t count, uint64_t newCount, ZOV_TAG ta
 //   near_[number]                          the first block, which grows up to that
 //   far_->blocks[number / kNear - 1][...]  the others, each made when it is needed
 //
-// So a number costs its block and a place in the list of blocks, however far it
-// is, and a search passes over blocks that are missing. All zero is an empty table.
-// The memory is of one tag, which is named in every call.
+// So a number costs its block and a place in the list of blocks, however high it
+// is, and a search skips blocks that are missing. All zero is an empty table. The
+// memory is of one tag, which every call names.
 template <typename Pointer>
 class SlotTable {
  public:
@@ -170,9 +179,9 @@ class SlotTable {
     return block == nullptr ? nullptr : &block[number % kNear];
   }
 
-  // The slot of a number, made if there is none; in the first block with so many
-  // more behind it. Null, with the table as it was, for kNoNumber and when memory is
-  // short.
+  // The slot of a number, made if there is none; in the first block together with
+  // `spare` slots behind it. Null, with the table as it was, for kNoNumber and when
+  // memory is short.
   Pointer *reserve(uint32_t number, uint32_t spare, ZOV_TAG tag, const char *sourceName,
                    uint32_t line) {
     Pointer *slot = find(number);
@@ -230,6 +239,7 @@ class SlotTable {
 
   bool growNear(uint32_t number, uint32_t spare, ZOV_TAG tag, const char *sourceName,
                 uint32_t line) {
+    assert(nearSlots_ <= number && number < kNear);
     const uint32_t slots = std::min(number + 1 + spare, kNear);
     Pointer *grown = growTable(near_, nearSlots_, slots, tag, sourceName, line);
     if (grown == nullptr) {
@@ -244,13 +254,15 @@ class SlotTable {
     if (!listBlocks(block, tag, sourceName, line)) {
       return false;
     }
+    assert(block > 0 && block <= far_->count);
     Pointer *&slots = far_->blocks()[block - 1];
+    assert(slots == nullptr);
     slots = zov::makeZeroArray<Pointer>(kNear, tag, sourceName, line);
     return slots != nullptr;
   }
 
-  // Makes the list of blocks reach to this one. It at least doubles, as a file may
-  // grow by one block at a time.
+  // Makes the list of blocks reach to this one. It at least doubles, since a file
+  // may grow by one block at a time.
   bool listBlocks(uint32_t block, ZOV_TAG tag, const char *sourceName, uint32_t line) {
     const uint32_t known = far_ == nullptr ? 0 : far_->count;
     if (block <= known) {

@@ -8,26 +8,26 @@
 
 namespace zov {
 
-// Whether the region is to be destroyed with its last close. The caller holds
+// Whether the last close of the region destroys it. The caller holds
 // the context's lock.
-bool shmCacheIsDoomed(ZOV_CACHE_REGION region);
+bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region);
 
-// The region of that number if anybody has it open, through this record or
-// another of the same heap context; else null. Counts nothing: the entry stays
-// for as long as the caller holds the context's lock.
+// The region of that number if it is open, through this record or another of the
+// same heap context; else null. Counts no user: the entry stays while the caller
+// holds the context's lock.
 ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number);
 
 // Whether the heap has a region of that number, open or not. The caller holds the
 // context's lock.
 bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number);
 
-// Leaves a context and its lock, which the caller holds; the last user of a
-// deleted context removes it. Whether the caller is that one is decided once,
-// together with the leaving.
+// Closes a context and leaves its lock, which the caller holds; the last user of a
+// deleted context removes it. Both are one step, so that exactly one user is the
+// last.
 void shmCacheLeave(ZOV_CACHE_CTX context);
 
-// The highest number below `end` that a region of the heap has, open or not, or
-// all ones. The caller holds the context's lock.
+// The highest number below `end` of a region of the heap, open or not, or UINT32_MAX
+// when there is none. The caller holds the context's lock.
 uint32_t shmCacheHighestRegion(ZOV_CACHE_CTX context, uint32_t end);
 
 }  // namespace zov

@@ -12,16 +12,17 @@
 // of its block. Ids come from callers, so an id is looked up in liveContexts
 // before it is taken for an address.
 //
-// A context's lock is there from a successful open on, for as long as the mapping
-// cache has it open: the cache drops it then, so that sync objects are for the files
-// that are in use. Who comes without the cache, by zov_shmLock(), has it made again;
-// a lock that somebody holds or waits for stays until it is dropped the next time.
+// A context has its lock from a successful open on, until the mapping cache has
+// closed it and drops the lock: files that nobody uses take no sync object. A thread
+// that calls zov_shmLock() past the cache makes it again. A lock that is held or
+// waited for stays until it is dropped the next time.
 //
 // sem guards liveContexts, and root and lock while they change. A context's regions
 // are guarded by the mapping cache above, which makes every call on them under its
 // own mutex; the tags are without mutex for that reason. The context's lock is not
-// used here: it belongs to whoever uses the memory. The tags are never armed, so
+// used here: it belongs to the users of the memory. The tags are never armed, so
 // nothing jumps; what allocates under sem does so with jumps held off.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -40,10 +41,13 @@
 // 1. The record lives in its own tag, with the root block, the table and the
 //    regions, and is gone when the tag is released.
 // 2. lock is 0 while it is away, and always while root is null.
-// 3. lockUsers counts who is inside zov_shmLock() or behind it. A user is counted
-//    before it reads lock, and lock is taken out before the users are looked at: one
-//    of the two sees the other.
-// 4. hashNext belongs to liveContexts.
+// 3. lockUsers counts the threads that are inside zov_shmLock() or have returned
+//    from it and not left the lock.
+// 4. A thread counts itself there and then reads lock; shmDropLock() takes lock out
+//    and then reads the count. These four are seq_cst, so that one of the two sees
+//    the other. Elsewhere lock is released when it is made and acquired by its user,
+//    and a thread releases its count when it has left the lock.
+// 5. hashNext belongs to liveContexts.
 struct ShmContext {
   ZOV_TAG tag;
   std::atomic<ZOV_SYNC> lock;  // Rank 7: the root block and the bytes of the regions
@@ -56,34 +60,35 @@ struct ShmContext {
   uint64_t hashId() const { return reinterpret_cast<uint64_t>(this); }
 };
 
+namespace zov {
 namespace {
 
 constexpr uint32_t kPageSize = 4096;
 
-// A context that had so much or more is large: libc keeps the memory of blocks of
-// that size once it has seen some freed, until it is told to give it back.
+// A context that had so many bytes is large. libc keeps the memory of large blocks
+// once some were freed, until it is told to give it back.
 constexpr uint64_t kLargeBytes = 16 << 20;
 
 // Rank 9: liveContexts.
 ZOV_SYNC sem = ZOV_NO_SYNC;
-zov::IdTable<ShmContext> liveContexts;
+IdTable<ShmContext> liveContexts;
 
 uint64_t rootCtx = 0;
 
 void link(ShmContext *context) {
-  const zov::NoJump noJump;
+  const NoJump noJump;
   zov_syncEnterExcl(sem);
   liveContexts.insert(context);
   zov_syncExitExcl(sem);
 }
 
-// Makes a context and gives its id, or 0.
+// Makes a context and returns its id, or 0 when memory is short.
 uint64_t getContext() {
-  const ZOV_TAG tag = zov::createPlainTag();
+  const ZOV_TAG tag = createPlainTag();
   if (tag == ZOV_NO_TAG) {
     return 0;
   }
-  ShmContext *context = zov::make<ShmContext>(tag, ZOV_HERE);
+  ShmContext *context = make<ShmContext>(tag, ZOV_HERE);
   if (context == nullptr) {
     zov_freeTagMemory(tag, 1);
     return 0;
@@ -93,7 +98,7 @@ uint64_t getContext() {
   return context->hashId();
 }
 
-// Gives a context its lock if it is away. The caller holds sem.
+// Gives a context its lock if it has none. The caller holds sem.
 bool makeLock(ShmContext &context) {
   if (context.lock.load(std::memory_order_relaxed) != 0) {
     return true;
@@ -106,23 +111,24 @@ bool makeLock(ShmContext &context) {
   return true;
 }
 
-// Gives a context its root block, and its lock before it. The caller holds sem.
+// Gives a context its root block and then its lock, so that none is seen that a
+// shortage takes back. The caller holds sem.
 bool createCtx(ShmContext &context, uint32_t size) {
-  if (!makeLock(context)) {
+  void *root = makeZeroArray<char>(size, context.tag, ZOV_HERE);
+  if (root == nullptr || !makeLock(context)) {
+    zov_freeMem(root, context.tag);
     return false;
   }
-  context.root = zov::makeZeroArray<char>(size, context.tag, ZOV_HERE);
-  if (context.root == nullptr) {
-    zov_syncDelete(context.lock.exchange(0));
-  }
-  return context.root != nullptr;
+  context.root = root;
+  return true;
 }
 
-// Opens a context whose lock then is there. The caller holds sem.
+// Opens a context, which has its lock then. The caller holds sem.
 bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) {
   if (context != nullptr && context->root != nullptr) {
     return makeLock(*context);
   }
+  assert(context == nullptr || context->lock.load(std::memory_order_relaxed) == 0);
   if (context == nullptr || (flags & O_CREAT) == 0) {
     errno = ENOENT;
     return false;
@@ -130,16 +136,17 @@ bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) {
   return createCtx(*context, size);
 }
 
-// The lock of a context for a counted user; 0 when there is none.
+// The lock of a context for a thread that lockUsers counts; 0 when it has none and
+// none can be made.
 ZOV_SYNC lockForUser(ShmContext &context) {
-  const ZOV_SYNC lock = context.lock.load();
+  const ZOV_SYNC lock = context.lock.load(std::memory_order_seq_cst);
   if (lock != 0) {
     return lock;
   }
-  const zov::NoJump noJump;
+  const NoJump noJump;
   zov_syncEnterExcl(sem);
   const bool made = context.root != nullptr && makeLock(context);
-  const ZOV_SYNC current = made ? context.lock.load() : 0;
+  const ZOV_SYNC current = made ? context.lock.load(std::memory_order_relaxed) : 0;
   zov_syncExitExcl(sem);
   return current;
 }
@@ -162,7 +169,7 @@ void giveMemoryBack() {
 
 }  // namespace
 
-uint64_t zov::shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
+uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
   if (sem == ZOV_NO_SYNC) {
     return missing;
   }
@@ -170,27 +177,27 @@ uint64_t zov::shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
   const ShmContext *context = liveContexts.find(id);
   uint64_t word = missing;
   if (context != nullptr && context->root != nullptr) {
-    uint64_t *place = reinterpret_cast<uint64_t *>(static_cast<char *>(context->root) + offset);
-    word = std::atomic_ref<uint64_t>(*place).load(std::memory_order_relaxed);
+    word = loadRelaxed(*reinterpret_cast<uint64_t *>(static_cast<char *>(context->root) + offset));
   }
   zov_syncExitExcl(sem);
   return word;
 }
 
-void zov::shmEnter(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
+void shmEnter(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
   zov_syncEnterExcl(context->lock.load(std::memory_order_acquire));
 }
 
-void zov::shmLeave(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
+void shmLeave(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
   zov_syncExitExcl(context->lock.load(std::memory_order_relaxed));
 }
 
-void zov::shmDropLock(ZOV_SHM_CTX context) {
+void shmDropLock(ZOV_SHM_CTX context) {
   zov_syncEnterExcl(sem);
-  const ZOV_SYNC lock = context->lock.exchange(0);
-  const bool used = context->lockUsers.load() != 0 || isEntered(lock);
+  const ZOV_SYNC lock = context->lock.exchange(0, std::memory_order_seq_cst);
+  assert(lock != 0);
+  const bool used = context->lockUsers.load(std::memory_order_seq_cst) != 0 || isEntered(lock);
   if (used) {
-    context->lock.store(lock);
+    context->lock.store(lock, std::memory_order_release);
   }
   zov_syncExitExcl(sem);
   if (!used) {
@@ -198,7 +205,7 @@ void zov::shmDropLock(ZOV_SHM_CTX context) {
   }
 }
 
-ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
+ZOV_SHM_CTX shmDetach(uint64_t id) {
   if (sem == ZOV_NO_SYNC) {
     return nullptr;
   }
@@ -211,7 +218,7 @@ ZOV_SHM_CTX zov::shmDetach(uint64_t id) {
   return context;
 }
 
-void zov::shmRelease(ZOV_SHM_CTX context) {
+void shmRelease(ZOV_SHM_CTX context) {
   if (context == nullptr) {
     return;
   }
@@ -222,37 +229,39 @@ void zov::shmRelease(ZOV_SHM_CTX context) {
   }
 }
 
-bool zov::shmReserve(ZOV_SHM_CTX context, uint32_t number) {
+bool shmReserve(ZOV_SHM_CTX context, uint32_t number) {
   return context->regions.reserve(number, 0, context->tag, ZOV_HERE) != nullptr;
 }
 
-uint32_t zov::shmHighestRegion(ZOV_SHM_CTX context, uint32_t end) {
+uint32_t shmHighestRegion(ZOV_SHM_CTX context, uint32_t end) {
   return context->regions.highestBelow(end);
 }
+
+}  // namespace zov
 
 extern "C" {
 
 uint64_t zov_shmRootId() {
-  return rootCtx;
+  return zov::rootCtx;
 }
 
 uint64_t zov_shmNextId() {
-  return sem == ZOV_NO_SYNC ? 0 : getContext();
+  return zov::sem == ZOV_NO_SYNC ? 0 : zov::getContext();
 }
 
 ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root) {
-  if (sem == ZOV_NO_SYNC) {
+  if (zov::sem == ZOV_NO_SYNC) {
     return nullptr;
   }
   const zov::NoJump noJump;
-  zov_syncEnterExcl(sem);
-  ShmContext *context = liveContexts.find(id);
-  if (!openCtx(context, flags, rootSize)) {
+  zov_syncEnterExcl(zov::sem);
+  ShmContext *context = zov::liveContexts.find(id);
+  if (!zov::openCtx(context, flags, rootSize)) {
     context = nullptr;
   } else if (rootSize != 0 && root != nullptr) {
     *root = context->root;
   }
-  zov_syncExitExcl(sem);
+  zov_syncExitExcl(zov::sem);
   return context;
 }
 
@@ -271,8 +280,7 @@ ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint64_t, uin
     context->regions = {};
     return nullptr;
   }
-  *slot =
-      static_cast<ZOV_SHM_REGION>(zov_getMem(size, context->tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  *slot = reinterpret_cast<ZOV_SHM_REGION>(zov::makeZeroArray<char>(size, context->tag, ZOV_HERE));
   context->regionBytes += *slot == nullptr ? 0 : size;
   return *slot;
 }
@@ -298,10 +306,10 @@ void *zov_shmGetPtr(ZOV_SHM_REGION region) {
 void zov_shmReleasePtr(ZOV_SHM_REGION, void *) {}
 
 int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  context->lockUsers.fetch_add(1);
-  const ZOV_SYNC lock = lockForUser(*context);
+  context->lockUsers.fetch_add(1, std::memory_order_seq_cst);
+  const ZOV_SYNC lock = zov::lockForUser(*context);
   if (lock == 0) {
-    context->lockUsers.fetch_sub(1);
+    context->lockUsers.fetch_sub(1, std::memory_order_relaxed);
     return ZOV_ERROR;
   }
   zov_syncEnterExcl(lock);
@@ -309,23 +317,25 @@ int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
 }
 
 void zov_shmUnlock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  // The lock may be out for a look at its users, of whom this is one.
-  zov_syncExitExcl(lockForUser(*context));
-  context->lockUsers.fetch_sub(1);
+  // shmDropLock() may have taken the lock out to look at its users, one of them here.
+  zov_syncExitExcl(zov::lockForUser(*context));
+  [[maybe_unused]] const uint32_t users =
+      context->lockUsers.fetch_sub(1, std::memory_order_release);
+  assert(users > 0);
 }
 
 int32_t zov_shmInit(uint32_t *pageSize) {
-  sem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-  if (sem == ZOV_NO_SYNC) {
+  zov::sem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  if (zov::sem == ZOV_NO_SYNC) {
     return ZOV_ERROR;
   }
-  liveContexts.clear();
-  rootCtx = getContext();
-  if (rootCtx == 0) {
+  zov::liveContexts.clear();
+  zov::rootCtx = zov::getContext();
+  if (zov::rootCtx == 0) {
     zov_shmTerm();
     return ZOV_ERROR;
   }
-  *pageSize = kPageSize;
+  *pageSize = zov::kPageSize;
   return ZOV_OKAY;
 }
 
@@ -333,17 +343,17 @@ void zov_shmTerm() {
   // At shut-down the tags are about to go anyway, and faster in their own order.
   const bool tagsGo = zov::terminating();
   bool large = false;
-  liveContexts.drain([tagsGo, &large](ShmContext *context) {
-    if (!tagsGo || isLarge(*context)) {
-      large = isLarge(*context) || large;
-      releaseContext(context);
+  zov::liveContexts.drain([tagsGo, &large](ShmContext *context) {
+    if (!tagsGo || zov::isLarge(*context)) {
+      large = zov::isLarge(*context) || large;
+      zov::releaseContext(context);
     }
   });
   if (large) {
-    giveMemoryBack();
+    zov::giveMemoryBack();
   }
-  zov_syncDelete(sem);
-  sem = ZOV_NO_SYNC;
-  rootCtx = 0;
+  zov_syncDelete(zov::sem);
+  zov::sem = ZOV_NO_SYNC;
+  zov::rootCtx = 0;
 }
 }

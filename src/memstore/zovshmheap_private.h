@@ -12,10 +12,10 @@ namespace zov {
 
 // Makes room in the context's table for a region of that number, so that
 // zov_shmCreate() cannot fail on the table. False, with the table as it was,
-// when there is none.
+// when memory is short.
 bool shmReserve(ZOV_SHM_CTX context, uint32_t number);
 
-// The highest number below `end` that a region has, or all ones.
+// The highest number below `end` of a region, or UINT32_MAX when there is none.
 uint32_t shmHighestRegion(ZOV_SHM_CTX context, uint32_t end);
 
 // Reads the 8-byte word at an offset of a context's root block, or gives
@@ -23,18 +23,18 @@ uint32_t shmHighestRegion(ZOV_SHM_CTX context, uint32_t end);
 // heap's list lock and no other, and allocates nothing.
 uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing);
 
-// zov_shmLock() and zov_shmUnlock() for who has the context open, so that its lock
+// zov_shmLock() and zov_shmUnlock() for a caller that has the context open: its lock
 // is there and stays.
 void shmEnter(ZOV_SHM_CTX context);
 void shmLeave(ZOV_SHM_CTX context);
 
-// Deletes the lock of a context that nobody has open any more, unless somebody
+// Deletes the lock of a context that nobody has open any more, unless a thread
 // holds it or waits for it all the same. The next open makes another.
 void shmDropLock(ZOV_SHM_CTX context);
 
 // zov_shmRemoveCtx() in two steps. The first takes the context out of reach and
-// gives it, or null when there is none of that id; the second releases the
-// memory, which may take a while and wants no lock. Null is ignored.
+// returns it, or null when there is none of that id; the second releases the
+// memory, which may take a while and needs no lock. Null is ignored.
 ZOV_SHM_CTX shmDetach(uint64_t id);
 void shmRelease(ZOV_SHM_CTX context);
 
