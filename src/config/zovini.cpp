@@ -10,10 +10,10 @@
 // Reading a file by name and emptying the cache take no lock: they are for the
 // time when a program has one thread. Nothing in the module jumps; it holds
 // jumps off wherever it allocates, and reports a shortage by its status.
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "config/zovini_private.h"
 #include "core/zov_make.h"
@@ -24,169 +24,157 @@ ZOV_SYNC iniSem = ZOV_NO_SYNC;
 
 namespace {
 
-IniFile *gINIInfo = nullptr;
-uint16_t nMaxINIs = 0;
-uint16_t nNumINIs = 0;
-IniIndex fileIndex = {};  // of the files' paths
+IniList<IniFile> gINIInfo = {};  // of every path that was read
 
-void copyText(char *field, IniText text) {
-  memcpy(field, text.bytes, text.length);
-  field[text.length] = '\0';
+// Copies a text, or what of it fits with a NUL, and gives the length of the copy.
+template <size_t kFieldBytes>
+uint32_t copyCut(char (&field)[kFieldBytes], IniText text) {
+  const size_t length = std::min(text.length, kFieldBytes - 1);
+  memcpy(field, text.bytes, length);
+  field[length] = '\0';
+  return static_cast<uint32_t>(length);
 }
 
-// A text of at most so many bytes that fits a field with its NUL.
-IniText cutTo(IniText text, size_t fieldBytes) {
-  return {text.bytes, std::min(text.length, fieldBytes - 1)};
-}
-
-// Makes room for one more element behind count. False without memory.
+// Adds an element behind the others. Null without memory.
 template <typename Element>
-bool growByOne(Element *&elements, uint16_t &capacity, uint16_t count) {
-  if (count < capacity) {
-    return true;
+Element *append(IniList<Element> &list) {
+  assert(list.count <= list.capacity && !iniIsFull(list));
+  if (list.count == list.capacity) {
+    void *block = zov_extendMem(list.elements, (uint64_t{list.count} + 1) * sizeof(Element),
+                                ZOV_DEFAULT_TAG, 1, sizeof(Element), ZOV_HERE);
+    if (block == nullptr) {
+      return nullptr;
+    }
+    list.elements = static_cast<Element *>(block);
+    ++list.capacity;
   }
-  const uint64_t grown = uint64_t{count} + 1;
-  void *block = zov_extendMem(elements, grown * sizeof(Element), ZOV_DEFAULT_TAG, 1,
-                              sizeof(Element), ZOV_HERE);
-  if (block == nullptr) {
-    return false;
-  }
-  elements = static_cast<Element *>(block);
-  capacity = static_cast<uint16_t>(grown);
-  return true;
+  return &list.elements[list.count++];
+}
+
+// Takes the elements out of a list, which keeps its memory.
+template <typename Element>
+void emptyList(IniList<Element> &list) {
+  list.count = 0;
+  list.index.ready = false;
+}
+
+template <typename Element>
+void freeList(IniList<Element> &list) {
+  zov_freeMem(list.elements, ZOV_DEFAULT_TAG);
+  iniIndexFree(list.index);
+  list = {};
 }
 
 char *copyOf(IniText text) {
-  char *copy = zov::makeArray<char>(text.length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *copy = makeArray<char>(text.length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (copy != nullptr) {
-    copyText(copy, text);
+    memcpy(copy, text.bytes, text.length);
+    copy[text.length] = '\0';
   }
   return copy;
 }
 
 void emptySection(IniSection &section) {
-  for (uint16_t number = 0; number < section.numParams; ++number) {
-    IniParam &param = section.params[number];
-    if (param.isHeapValue != 0) {
-      zov_freeMem(param.value, ZOV_DEFAULT_TAG);
-    }
+  for (const IniParam &param : section.params) {
+    zov_freeMem(param.longValue, ZOV_DEFAULT_TAG);
   }
-  section.numParams = 0;
-  section.index.ready = false;
+  emptyList(section.params);
 }
 
 void freeINI(IniFile &file) {
   emptyINI(file);
-  for (uint16_t number = 0; number < file.maxSections; ++number) {
-    zov_freeMem(file.sections[number].params, ZOV_DEFAULT_TAG);
-    iniIndexFree(file.sections[number].index);
+  for (uint16_t number = 0; number < file.sections.capacity; ++number) {
+    freeList(file.sections.elements[number].params);
   }
-  zov_freeMem(file.sections, ZOV_DEFAULT_TAG);
-  iniIndexFree(file.index);
+  freeList(file.sections);
   zov_freeMem(file.longPath, ZOV_DEFAULT_TAG);
 }
 
 void FreeINIs() {
-  for (uint16_t number = 0; number < nNumINIs; ++number) {
-    freeINI(gINIInfo[number]);
+  for (IniFile &file : gINIInfo) {
+    freeINI(file);
   }
-  zov_freeMem(std::exchange(gINIInfo, nullptr), ZOV_DEFAULT_TAG);
-  iniIndexFree(fileIndex);
-  nMaxINIs = 0;
-  nNumINIs = 0;
+  freeList(gINIInfo);
 }
 
 // Enters the last file into the index, which doubles when half of it is used.
 void indexLastFile() {
-  const auto nameOf = [](uint32_t number) { return iniNameOf(gINIInfo[number]); };
-  if (fileIndex.ready && 2u * nNumINIs <= fileIndex.capacity) {
-    iniIndexAdd(fileIndex, nNumINIs - 1u, nameOf);
+  const uint32_t count = gINIInfo.count;
+  if (gINIInfo.index.ready && 2 * count <= gINIInfo.index.capacity) {
+    iniIndexAdd(gINIInfo, count - 1);
   } else {
-    iniIndexBuild(fileIndex, nNumINIs, nameOf);
+    iniIndexBuild(gINIInfo);
   }
 }
 
 }  // namespace
 
 IniFile *findINI(const char *path) {
-  return iniFind(fileIndex, gINIInfo, nNumINIs, iniText(path));
+  return iniFind(gINIInfo, iniText(path));
 }
 
 IniFile *addINI(const char *path) {
   const IniText text = iniText(path);
-  if (nNumINIs == kIniMostElements || !growByOne(gINIInfo, nMaxINIs, nNumINIs)) {
+  char *longPath = nullptr;
+  if (text.length >= kIniPathBytes && (longPath = copyOf(text)) == nullptr) {
     return nullptr;
   }
-  IniFile &file = gINIInfo[nNumINIs];
-  if (text.length >= kIniPathBytes && (file.longPath = copyOf(text)) == nullptr) {
+  IniFile *file = iniIsFull(gINIInfo) ? nullptr : append(gINIInfo);
+  if (file == nullptr) {
+    zov_freeMem(longPath, ZOV_DEFAULT_TAG);
     return nullptr;
   }
-  copyText(file.path, cutTo(text, kIniPathBytes));
-  file.pathBytes = text.length;
-  ++nNumINIs;
+  copyCut(file->path, text);
+  file->longPath = longPath;
+  file->pathBytes = text.length;
   indexLastFile();
-  return &file;
+  return file;
 }
 
 void emptyINI(IniFile &file) {
-  for (uint16_t number = 0; number < file.numSections; ++number) {
-    emptySection(file.sections[number]);
+  for (IniSection &section : file.sections) {
+    emptySection(section);
   }
-  file.numSections = 0;
-  file.index.ready = false;
+  emptyList(file.sections);
 }
 
-IniSection *addSection(IniFile &file, IniText name, bool &isFull) {
-  isFull = file.numSections == kIniMostElements;
-  if (isFull || !growByOne(file.sections, file.maxSections, file.numSections)) {
-    return nullptr;
+void removeINIFromCache(const char *path) {
+  IniFile *file = findINI(path);
+  if (file != nullptr) {
+    emptyINI(*file);
   }
-  IniSection &section = file.sections[file.numSections++];
-  const IniText kept = cutTo(name, kIniNameBytes);
-  copyText(section.name, kept);
-  section.nameBytes = static_cast<uint32_t>(kept.length);
-  return &section;
+}
+
+IniSection *addSection(IniFile &file, IniText name) {
+  IniSection *section = append(file.sections);
+  if (section != nullptr) {
+    section->nameBytes = copyCut(section->name, name);
+  }
+  return section;
 }
 
 bool addParam(IniSection &section, IniText name, IniText value) {
-  if (section.numParams == kIniMostElements) {
-    return true;
-  }
-  const bool isHeapValue = value.length >= kIniNameBytes;
-  char *copy = isHeapValue ? copyOf(value) : nullptr;
-  if ((isHeapValue && copy == nullptr) ||
-      !growByOne(section.params, section.maxParams, section.numParams)) {
-    zov_freeMem(copy, ZOV_DEFAULT_TAG);
+  char *longValue = nullptr;
+  if (value.length >= kIniNameBytes && (longValue = copyOf(value)) == nullptr) {
     return false;
   }
-  IniParam &param = section.params[section.numParams++];
-  const IniText kept = cutTo(name, kIniNameBytes);
-  copyText(param.name, kept);
-  param.nameBytes = static_cast<uint16_t>(kept.length);
-  if (!isHeapValue) {
-    copyText(param.inlineValue, value);
+  IniParam *param = append(section.params);
+  if (param == nullptr) {
+    zov_freeMem(longValue, ZOV_DEFAULT_TAG);
+    return false;
   }
-  param.value = copy;
-  param.isHeapValue = isHeapValue ? 1 : 0;
-  param.valueBytes = static_cast<uint32_t>(value.length);
+  param->nameBytes = copyCut(param->name, name);
+  copyCut(param->inlineValue, value);
+  param->longValue = longValue;
+  param->valueBytes = static_cast<uint32_t>(value.length);
   return true;
 }
 
-void settleINI(IniFile &file) {
-  for (uint16_t number = 0; number < file.numSections; ++number) {
-    IniSection &section = file.sections[number];
-    IniParam *params = section.params;
-    for (uint16_t param = 0; param < section.numParams; ++param) {
-      if (params[param].isHeapValue == 0) {
-        params[param].value = params[param].inlineValue;
-      }
-    }
-    iniIndexBuild(section.index, section.numParams,
-                  [params](uint32_t at) { return iniNameOf(params[at]); });
+void indexINI(IniFile &file) {
+  for (IniSection &section : file.sections) {
+    iniIndexBuild(section.params);
   }
-  const IniSection *sections = file.sections;
-  iniIndexBuild(file.index, file.numSections,
-                [sections](uint32_t at) { return iniNameOf(sections[at]); });
+  iniIndexBuild(file.sections);
 }
 
 }  // namespace zov

@@ -48,16 +48,19 @@ void putOrCut(Output &output, const char *text, uint64_t length) {
 // What is left counts in 16 bits here: a larger buffer is used up to a multiple
 // of 65,536 bytes from its end, and that does not count as cut.
 void putParamNames(Output &output, const IniSection &section) {
-  for (uint16_t number = 0; number < section.numParams; ++number) {
+  for (const IniParam &param : section.params) {
     const uint64_t left = static_cast<uint16_t>(output.left());
-    const IniText name = iniNameOf(section.params[number]);
+    const IniText name = iniNameOf(param);
     put(output, name.bytes, std::min<uint64_t>(name.length + 1, left));
   }
 }
 
 void putSectionNames(Output &output, const IniFile &file) {
-  for (uint16_t number = 0; number < file.numSections && !output.isCut; ++number) {
-    const IniText name = iniNameOf(file.sections[number]);
+  for (const IniSection &section : file.sections) {
+    if (output.isCut) {
+      return;
+    }
+    const IniText name = iniNameOf(section);
     putOrCut(output, name.bytes, name.length);
   }
 }
@@ -67,7 +70,7 @@ int32_t putAnswer(Output &output, const IniFile &file, const char *section, cons
     putSectionNames(output, file);
     return ZOV_OKAY;
   }
-  const IniSection *found = iniFind(file.index, file.sections, file.numSections, iniText(section));
+  const IniSection *found = iniFind(file.sections, iniText(section));
   if (found == nullptr) {
     return kIniNotFound;
   }
@@ -75,18 +78,18 @@ int32_t putAnswer(Output &output, const IniFile &file, const char *section, cons
     putParamNames(output, *found);
     return ZOV_OKAY;
   }
-  const IniParam *param = iniFind(found->index, found->params, found->numParams, iniText(name));
+  const IniParam *param = iniFind(found->params, iniText(name));
   if (param == nullptr) {
     return kIniNotFound;
   }
-  putOrCut(output, param->value, param->valueBytes);
+  putOrCut(output, param->value(), param->valueBytes);
   return ZOV_OKAY;
 }
 
 // The cached file, read now if nothing of it is known.
 int32_t fileFor(const char *path, uint16_t flags, IniFile *&file) {
   file = findINI(path);
-  if (file != nullptr && file->numSections > 0) {
+  if (file != nullptr && file->sections.count > 0) {
     return ZOV_OKAY;
   }
   return CacheINIFile(path, flags, file);

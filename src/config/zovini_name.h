@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Names as INI files compare them, without regard to ASCII case, and an index
-// that finds the first of many by name. Nothing here locks or jumps.
+// Names as INI files compare them, without regard to ASCII case, and arrays whose
+// elements are found by name. Nothing here locks or jumps.
 #ifndef ZOV_CONFIG_ZOVINI_NAME_H
 #define ZOV_CONFIG_ZOVINI_NAME_H
 
 #include <assert.h>
 #include <string.h>
+
+#include <bit>
 
 #include "zov.h"
 
@@ -40,6 +42,32 @@ struct IniIndex {
   bool ready;
 };
 
+// Makes room for count names and empties the index. False without memory.
+bool iniIndexReset(IniIndex &index, uint32_t count);
+
+void iniIndexFree(IniIndex &index);
+
+// A growing array whose elements have a name, iniNameOf().
+//
+// 1. count <= capacity.
+// 2. The index, when ready, has every name.
+template <typename Element>
+struct IniList {
+  uint16_t capacity;
+  uint16_t count;
+  Element *elements;  // of the default tag
+  IniIndex index;
+
+  Element *begin() const { return elements; }
+  Element *end() const { return elements + count; }
+};
+
+// A slot of an index has no more room for the number of an element.
+template <typename Element>
+bool iniIsFull(const IniList<Element> &list) {
+  return list.count == UINT16_MAX;
+}
+
 constexpr uint32_t kIniScanned = 8;    // names that are searched one by one
 constexpr uint32_t kIniCrowded = 256;  // slots passed before the index is given up
 constexpr uint32_t kIniNone = UINT32_MAX;
@@ -48,63 +76,69 @@ constexpr uint32_t iniIndexTag(uint32_t hash) {
   return hash & 0xFFFF0000u;
 }
 
-// Makes room for count names and empties the index. False without memory.
-bool iniIndexReset(IniIndex &index, uint32_t count);
+// The element that a used slot leads to.
+template <typename Element>
+Element &iniElementAt(const IniList<Element> &list, uint32_t slot) {
+  const uint32_t number = (slot & 0xFFFF) - 1;
+  assert(number < list.count);
+  return list.elements[number];
+}
 
-void iniIndexFree(IniIndex &index);
-
-// Finds the first slot from the hash's place on that is empty or, by NameOf(number),
-// has the name. kIniNone when the index is too crowded for that.
-template <typename NameOf>
-uint32_t iniIndexProbe(const IniIndex &index, uint32_t hash, IniText name, NameOf nameOf) {
-  const uint32_t mask = index.capacity - 1;
+// Finds the first slot from the hash's place on that is empty or has the name.
+// kIniNone when the index is too crowded for that.
+template <typename Element>
+uint32_t iniIndexProbe(const IniList<Element> &list, uint32_t hash, IniText name) {
+  const IniIndex &index = list.index;
+  assert(std::has_single_bit(index.capacity) && index.capacity > list.count);
   for (uint32_t step = 0; step < kIniCrowded; ++step) {
-    const uint32_t place = (hash + step) & mask;
+    const uint32_t place = (hash + step) & (index.capacity - 1);
     const uint32_t slot = index.slots[place];
-    const uint32_t number = (slot & 0xFFFF) - 1;
-    if (slot == 0 || (iniIndexTag(slot) == iniIndexTag(hash) && iniEqual(nameOf(number), name))) {
+    if (slot == 0 || (iniIndexTag(slot) == iniIndexTag(hash) &&
+                      iniEqual(iniNameOf(iniElementAt(list, slot)), name))) {
       return place;
     }
   }
   return kIniNone;
 }
 
-// Enters a name that stands behind all others.
-template <typename NameOf>
-void iniIndexAdd(IniIndex &index, uint32_t number, NameOf nameOf) {
-  const uint32_t hash = iniHash(nameOf(number));
-  const uint32_t place = iniIndexProbe(index, hash, nameOf(number), nameOf);
+// Enters an element whose name stands behind all others in the index.
+template <typename Element>
+void iniIndexAdd(IniList<Element> &list, uint32_t number) {
+  const IniText name = iniNameOf(list.elements[number]);
+  const uint32_t hash = iniHash(name);
+  const uint32_t place = iniIndexProbe(list, hash, name);
   if (place == kIniNone) {
-    index.ready = false;
-  } else if (index.slots[place] == 0) {
-    index.slots[place] = iniIndexTag(hash) | (number + 1);
+    list.index.ready = false;
+  } else if (list.index.slots[place] == 0) {
+    list.index.slots[place] = iniIndexTag(hash) | (number + 1);
   }
 }
 
 // Makes the index of an array anew, if it is long enough to need one.
-template <typename NameOf>
-void iniIndexBuild(IniIndex &index, uint32_t count, NameOf nameOf) {
-  index.ready = count > kIniScanned && iniIndexReset(index, count);
-  for (uint32_t number = 0; index.ready && number < count; ++number) {
-    iniIndexAdd(index, number, nameOf);
+template <typename Element>
+void iniIndexBuild(IniList<Element> &list) {
+  list.index.ready = list.count > kIniScanned && iniIndexReset(list.index, list.count);
+  for (uint32_t number = 0; list.index.ready && number < list.count; ++number) {
+    iniIndexAdd(list, number);
   }
 }
 
-// The number of the first element of that name, or kIniNone.
-template <typename NameOf>
-uint32_t iniIndexFind(const IniIndex &index, uint32_t count, IniText name, NameOf nameOf) {
-  if (index.ready) {
-    const uint32_t place = iniIndexProbe(index, iniHash(name), name, nameOf);
+// The first element of that name, or null.
+template <typename Element>
+Element *iniFind(const IniList<Element> &list, IniText name) {
+  if (list.index.ready) {
+    const uint32_t place = iniIndexProbe(list, iniHash(name), name);
     if (place != kIniNone) {
-      return index.slots[place] == 0 ? kIniNone : (index.slots[place] & 0xFFFF) - 1;
+      const uint32_t slot = list.index.slots[place];
+      return slot == 0 ? nullptr : &iniElementAt(list, slot);
     }
   }
-  for (uint32_t number = 0; number < count; ++number) {
-    if (iniEqual(nameOf(number), name)) {
-      return number;
+  for (Element &element : list) {
+    if (iniEqual(iniNameOf(element), name)) {
+      return &element;
     }
   }
-  return kIniNone;
+  return nullptr;
 }
 
 }  // namespace zov

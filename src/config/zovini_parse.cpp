@@ -61,16 +61,19 @@ struct Reader {
 // Each is false without memory only.
 
 bool takeHeader(Reader &reader, IniText content) {
-  bool isFull = false;
-  const IniText name = iniBefore(iniFrom(content, 1), ']');
-  reader.section = addSection(reader.file, name, isFull);
-  return reader.section != nullptr || isFull;
+  reader.section = nullptr;
+  if (iniIsFull(reader.file.sections)) {
+    return true;
+  }
+  reader.section = addSection(reader.file, iniBefore(iniFrom(content, 1), ']'));
+  return reader.section != nullptr;
 }
 
 bool takeParam(const Reader &reader, IniText content) {
   const IniText left = iniBefore(content, '=');
   const IniText name = withoutLastSpaces(left);
-  if (left.length == content.length || name.length < kLeastNameBytes) {
+  const bool isParam = left.length < content.length && name.length >= kLeastNameBytes;
+  if (!isParam || iniIsFull(reader.section->params)) {
     return true;
   }
   const IniText right = iniFrom(content, left.length + 1);
@@ -105,16 +108,16 @@ IniFile *entryFor(const char *path) {
 }
 
 int32_t _readIniFile(const char *path, uint16_t flags) {
+  if (path == nullptr) {
+    return ZOV_OKAY;
+  }
   const NoJump noJump;
   IniFile *file = nullptr;
-  const int32_t status = path == nullptr ? ZOV_INI_NOFILE : CacheINIFile(path, flags, file);
+  const int32_t status = CacheINIFile(path, flags, file);
   if (status != ZOV_INI_NOFILE) {
     return status;
   }
-  file = path == nullptr ? nullptr : findINI(path);
-  if (file != nullptr) {
-    emptyINI(*file);
-  }
+  removeINIFromCache(path);
   return ZOV_OKAY;
 }
 
@@ -134,7 +137,7 @@ int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) {
   const bool isWhole = streamReachedEnd(*stream);
   zov_fclose(stream);
   if (isTaken && isWhole) {
-    settleINI(*file);
+    indexINI(*file);
     return ZOV_OKAY;
   }
   if (file != nullptr) {

@@ -8,8 +8,9 @@
 //                                          |
 //                                          +-> [ name | value ] ...
 //
-// Every array grows by one element when it is full and never shrinks. A file
-// that is read again fills the same elements, whose own arrays are still there.
+// Every array, an IniList, grows by one element when it has no room and never
+// shrinks. A file that is read again fills the same elements, whose own arrays are
+// still there.
 #ifndef ZOV_CONFIG_ZOVINI_PRIVATE_H
 #define ZOV_CONFIG_ZOVINI_PRIVATE_H
 
@@ -21,40 +22,31 @@ namespace zov {
 
 constexpr size_t kIniNameBytes = 128;  // of a name or an inline value, its NUL among them
 constexpr size_t kIniPathBytes = 256;
-constexpr uint16_t kIniMostElements = UINT16_MAX;
 constexpr int32_t kIniNotFound = ZOV_ERROR;
 
-// 1. name holds nameBytes characters and a NUL behind them.
-// 2. value points at inlineValue or, when isHeapValue is 1, at a block of the
-//    default tag. While the file is being read it is null for inline values,
-//    because the array may still move.
+// name holds nameBytes characters and a NUL behind them; so does the value.
 struct IniParam {
   char name[kIniNameBytes];
   char inlineValue[kIniNameBytes];
-  char *value;
-  uint16_t isHeapValue;
-  uint16_t nameBytes;
-  uint32_t valueBytes;  // without the NUL behind them
+  char *longValue;  // a value that does not fit above; else null
+  uint32_t nameBytes;
+  uint32_t valueBytes;
+
+  const char *value() const { return longValue == nullptr ? inlineValue : longValue; }
 };
 
-// Elements of params from numParams on hold nothing that must be freed.
+// Elements of params from count on hold nothing that must be freed.
 struct IniSection {
   char name[kIniNameBytes];
-  uint16_t maxParams;
-  uint16_t numParams;
   uint32_t nameBytes;
-  IniParam *params;
-  IniIndex index;  // of the parameters' names
+  IniList<IniParam> params;
 };
 
-// Elements of sections from numSections on are sections without parameters
-// whose arrays wait for the next reading.
+// Elements of sections from count on are sections without parameters whose arrays
+// wait for the next reading.
 struct IniFile {
   char path[kIniPathBytes];
-  uint16_t maxSections;
-  uint16_t numSections;
-  IniSection *sections;
-  IniIndex index;  // of the sections' names
+  IniList<IniSection> sections;
   char *longPath;  // a path that does not fit above; else null
   size_t pathBytes;
 };
@@ -69,14 +61,6 @@ inline IniText iniNameOf(const IniParam &param) {
 
 inline IniText iniNameOf(const IniFile &file) {
   return {file.longPath == nullptr ? file.path : file.longPath, file.pathBytes};
-}
-
-// The element of that name that comes first, or null.
-template <typename Element>
-Element *iniFind(const IniIndex &index, Element *elements, uint32_t count, IniText name) {
-  const uint32_t number =
-      iniIndexFind(index, count, name, [elements](uint32_t at) { return iniNameOf(elements[at]); });
-  return number == kIniNone ? nullptr : elements + number;
 }
 
 // Rank 2: guards the cache, and the rewriting of files, during gets and sets.
@@ -104,19 +88,23 @@ class IniLock {
 // The entry of a path, or null.
 IniFile *findINI(const char *path);
 
-// Makes an entry for a path that has none; null without memory or room.
+// Makes an entry for a path that has none. Null without memory, and when there
+// are too many.
 IniFile *addINI(const char *path);
 
-// Takes everything out of an entry but its arrays.
+// Takes everything out of an entry, which keeps its arrays.
 void emptyINI(IniFile &file);
 
-// Each appends an element; null without memory. At the limit of elements
-// nothing is appended either, and isFull is set.
-IniSection *addSection(IniFile &file, IniText name, bool &isFull);
+// The same for the entry of a path, if there is one: the next get reads the file.
+void removeINIFromCache(const char *path);
+
+// Each appends an element to a list that is not full. Null or false without
+// memory.
+IniSection *addSection(IniFile &file, IniText name);
 bool addParam(IniSection &section, IniText name, IniText value);
 
-// Sets value pointers and indexes once the arrays do not move any more.
-void settleINI(IniFile &file);
+// Makes the indexes of an entry that is filled.
+void indexINI(IniFile &file);
 
 // Reads a file into the cache and sets the entry to its one. ZOV_INI_NOFILE when
 // it cannot be opened, with the cache as it was, or not be read to its end;

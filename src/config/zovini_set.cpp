@@ -271,19 +271,6 @@ int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) 
   return status;
 }
 
-// Reads a file that was replaced. An entry that cannot be filled is emptied, so
-// that the next get tries again.
-void readAgain(const char *path, uint16_t flags) {
-  IniFile *file = nullptr;
-  if (CacheINIFile(path, flags, file) == ZOV_OKAY) {
-    return;
-  }
-  file = findINI(path);
-  if (file != nullptr) {
-    emptyINI(*file);
-  }
-}
-
 int32_t rewriteFile(const Change &change, const char *path, const char *temp, uint16_t flags) {
   bool isReplaced = false;
   int32_t status = ZOV_OKAY;
@@ -293,8 +280,9 @@ int32_t rewriteFile(const Change &change, const char *path, const char *temp, ui
   } else {
     status = rewriteOnDisk(change, path, temp, flags, isReplaced);
   }
-  if (isReplaced) {
-    readAgain(path, flags);
+  IniFile *file = nullptr;
+  if (isReplaced && CacheINIFile(path, flags, file) != ZOV_OKAY) {
+    removeINIFromCache(path);
   }
   return status;
 }
