@@ -293,6 +293,18 @@ ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
   return file;
 }
 
+ZOV_FILE zov::fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status) {
+  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags);
+  if (file == nullptr) {
+    return nullptr;
+  }
+  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
+    zov_fileClose(file);
+    return nullptr;
+  }
+  return file;
+}
+
 ZOV_FILE zov::fileOpenDraft(const char *path, uint32_t typeFlags) {
   assert(isInMemory(typeFlags));
   FileHandle *file = newHandle(path, O_RDWR, typeFlags);

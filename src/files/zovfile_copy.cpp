@@ -24,6 +24,7 @@
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"
 
+namespace zov {
 namespace {
 
 constexpr uint32_t kBlockBytes = 1024;
@@ -40,7 +41,7 @@ struct Pair {
 };
 
 char *newBlock() {
-  return zov::makeArray<char>(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+  return makeArray<char>(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 // Works on two open files with a block for each. Without memory for those the
@@ -57,11 +58,11 @@ int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
 
 // The length of an open file, or -1 when the system does not tell.
 int64_t lengthOf(ZOV_FILE file) {
-  if (zov::memFileOf(*file) != nullptr) {
+  if (memFileOf(*file) != nullptr) {
     return zov_fileLength(file);
   }
   struct stat state;
-  return fstat(zov::descriptorOf(*file), &state) == 0 ? state.st_size : -1;
+  return fstat(descriptorOf(*file), &state) == 0 ? state.st_size : -1;
 }
 
 // True when nothing can be read at an offset, and that is not for a failure.
@@ -138,8 +139,8 @@ struct Destination {
 
 // Makes the file that a path on disk names. Links that lead nowhere yet stay.
 void makeOnDisk(Destination &to) {
-  if (zov::diskMayChange() && zov::followLinks(to.path)) {
-    to.file = zov::fileOpenNew(to.path, to.typeFlags);
+  if (diskMayChange() && followLinks(to.path)) {
+    to.file = fileOpenNew(to.path, to.typeFlags);
   }
 }
 
@@ -154,7 +155,7 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
     return to.file != nullptr;
   }
   memcpy(to.path, path, length + 1);
-  if (zov::isInMemory(typeFlags)) {
+  if (isInMemory(typeFlags)) {
     to.file = zov_fileOpen(path, kCreate, typeFlags);
   } else {
     makeOnDisk(to);
@@ -169,12 +170,12 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
 // Copies into an open destination. What was made gets its permission bits then.
 int32_t fillDestination(ZOV_FILE from, const Destination &to) {
   const int32_t status = withBlocks(from, to.file, ZOV_ERROR, _fileCopy);
-  return status == ZOV_OKAY && to.made ? zov::passModeOn(*from, *to.file, nullptr) : status;
+  return status == ZOV_OKAY && to.made ? passModeOn(*from, *to.file, nullptr) : status;
 }
 
 // Closes a destination that was there before.
 int32_t closeKept(const Destination &to, int32_t status) {
-  const bool closed = zov::closesWhole(to.file);
+  const bool closed = closesWhole(to.file);
   return status == ZOV_OKAY && !closed ? ZOV_ERROR : status;
 }
 
@@ -183,14 +184,14 @@ int32_t closeKept(const Destination &to, int32_t status) {
 // whether the name still leads to the file.
 int32_t closeMade(const Destination &to, int32_t status) {
   assert(to.made && to.path[0] != '\0');
-  const bool onDisk = !zov::isInMemory(to.typeFlags);
-  const int second = onDisk ? fcntl(zov::descriptorOf(*to.file), F_DUPFD_CLOEXEC, 0) : -1;
+  const bool onDisk = !isInMemory(to.typeFlags);
+  const int second = onDisk ? fcntl(descriptorOf(*to.file), F_DUPFD_CLOEXEC, 0) : -1;
   const bool isWhole = status == ZOV_OKAY && (second >= 0 || !onDisk);
   if (!isWhole) {
-    zov::removeNameOf(*to.file, to.path, to.typeFlags);
+    removeNameOf(*to.file, to.path, to.typeFlags);
   }
-  const bool closed = zov::closesWhole(to.file);
-  if (isWhole && !closed && zov::leadsTo(to.path, second)) {
+  const bool closed = closesWhole(to.file);
+  if (isWhole && !closed && leadsTo(to.path, second)) {
     zov_fileRemoveEx(to.path, to.typeFlags);
   }
   if (second >= 0) {
@@ -204,7 +205,7 @@ bool modelOfSource(int source, struct stat &model) {
   if (fstat(source, &model) != 0) {
     return false;
   }
-  model.st_mode = zov::passableMode(source, model.st_mode);
+  model.st_mode = passableMode(source, model.st_mode);
   return true;
 }
 
@@ -213,7 +214,7 @@ bool modelOfSource(int source, struct stat &model) {
 bool modelOfReplaced(const char *replaced, int made, struct stat &model) {
   if (replaced != nullptr && lstat(replaced, &model) == 0) {
     if (S_ISREG(model.st_mode)) {
-      model.st_mode = zov::passableMode(replaced, model.st_mode);
+      model.st_mode = passableMode(replaced, model.st_mode);
       return true;
     }
   } else if (replaced != nullptr && errno != ENOENT) {
@@ -228,15 +229,14 @@ bool modelOfReplaced(const char *replaced, int made, struct stat &model) {
 
 }  // namespace
 
-bool zov::isSamePath(const char *first, uint32_t firstFlags, const char *second,
-                     uint32_t secondFlags) {
-  return ((firstFlags ^ secondFlags) & ZOV_FILE_MEMORY) == 0 && strcasecmp(first, second) == 0;
+bool isSamePath(const Place &first, const Place &second) {
+  return isInMemory(first) == isInMemory(second) && strcasecmp(first.path, second.path) == 0;
 }
 
 // The kind is asked before the file is opened, since opening a device may do
 // something and opening a fifo waits; and again of what was opened, as the name
 // may lead elsewhere by then.
-ZOV_FILE zov::openSource(const char *path, uint32_t typeFlags) {
+ZOV_FILE openSource(const char *path, uint32_t typeFlags) {
   if (isInMemory(typeFlags) || standardStream(path) >= 0) {
     return zov_fileOpen(path, O_RDONLY, typeFlags);
   }
@@ -244,22 +244,14 @@ ZOV_FILE zov::openSource(const char *path, uint32_t typeFlags) {
   if (stat(path, &state) != 0 || !S_ISREG(state.st_mode)) {
     return nullptr;
   }
-  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
-  }
-  if (fstat(descriptorOf(*file), &state) != 0 || !S_ISREG(state.st_mode)) {
-    zov_fileClose(file);
-    return nullptr;
-  }
-  return file;
+  return fileOpenPlain(path, typeFlags, state);
 }
 
-int32_t zov::copyWhole(ZOV_FILE source, ZOV_FILE destination) {
+int32_t copyWhole(ZOV_FILE source, ZOV_FILE destination) {
   return withBlocks(source, destination, ZOV_ERROR, _fileCopyWhole);
 }
 
-int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced) {
+int32_t passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced) {
   if (memFileOf(made) != nullptr) {
     return ZOV_OKAY;
   }
@@ -274,13 +266,15 @@ int32_t zov::passModeOn(const FileHandle &source, const FileHandle &made, const 
                   model.st_gid);
 }
 
-int32_t zov::removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags) {
+int32_t removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags) {
   assert(isInMemory(typeFlags) == (memFileOf(file) != nullptr));
   if (memFileOf(file) != nullptr) {
     return removeNameOfMemFile(*memFileOf(file), path);
   }
   return leadsTo(path, descriptorOf(file)) ? zov_fileRemoveEx(path, typeFlags) : ZOV_ERROR;
 }
+
+}  // namespace zov
 
 extern "C" {
 
@@ -294,7 +288,7 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
     return ZOV_ERROR;
   }
   if (zov::isInMemory(sourceFlags) &&
-      zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
+      zov::isSamePath({source, sourceFlags}, {destination, destinationFlags})) {
     return ZOV_OKAY;
   }
   const zov::NoJump noJump;
@@ -303,10 +297,10 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
     return ZOV_ERROR;
   }
   int32_t status = ZOV_ERROR;
-  Destination to = {};
-  if (openDestination(to, destination, destinationFlags)) {
-    status = fillDestination(from, to);
-    status = to.made ? closeMade(to, status) : closeKept(to, status);
+  zov::Destination to = {};
+  if (zov::openDestination(to, destination, destinationFlags)) {
+    status = zov::fillDestination(from, to);
+    status = to.made ? zov::closeMade(to, status) : zov::closeKept(to, status);
   }
   zov_fileClose(from);
   return status;
@@ -321,7 +315,7 @@ int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second
   if (first == nullptr || second == nullptr) {
     return first == nullptr ? ZOV_NOFILE : ZOV_NOFILE2;
   }
-  if (zov::isSamePath(first, firstFlags, second, secondFlags)) {
+  if (zov::isSamePath({first, firstFlags}, {second, secondFlags})) {
     return ZOV_OKAY;
   }
   const zov::NoJump noJump;
@@ -332,7 +326,7 @@ int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second
   int32_t status = ZOV_NOFILE2;
   const ZOV_FILE other = zov_fileOpen(second, O_RDONLY, secondFlags);
   if (other != nullptr) {
-    status = withBlocks(one, other, ZOV_NOMEMORY, _fileCmp);
+    status = zov::withBlocks(one, other, ZOV_NOMEMORY, zov::_fileCmp);
     zov_fileClose(other);
   }
   zov_fileClose(one);

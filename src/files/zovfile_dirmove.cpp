@@ -16,28 +16,19 @@
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"
 
+namespace zov {
 namespace {
-
-// A directory with the type flags of the files in it.
-struct Place {
-  const char *directory;
-  uint32_t typeFlags;
-};
-
-bool isInMemory(Place place) {
-  return zov::isInMemory(place.typeFlags);
-}
 
 // Refused for a reason that is in errno.
 int32_t failure() {
   return errno == ENOMEM ? ZOV_NOMEMORY : ZOV_ERROR;
 }
 
-char *pathIn(Place place, const char *name) {
-  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.directory, '/', name);
+char *pathIn(const Place &place, const char *name) {
+  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.path, '/', name);
 }
 
-int32_t moveEntry(Place source, Place destination, const char *name) {
+int32_t moveEntry(const Place &source, const Place &destination, const char *name) {
   char *from = pathIn(source, name);
   char *to = pathIn(destination, name);
   const int32_t status = from == nullptr || to == nullptr
@@ -50,7 +41,7 @@ int32_t moveEntry(Place source, Place destination, const char *name) {
 
 // Moves what a walk through the source names, up to the first failure. A walk
 // gives null at its end, and with errno when it breaks off before.
-int32_t moveWalked(ZOV_PATH_WALK walk, Place source, Place destination) {
+int32_t moveWalked(ZOV_PATH_WALK walk, const Place &source, const Place &destination) {
   for (;;) {
     int32_t isDirectory = 0;
     errno = 0;
@@ -65,38 +56,37 @@ int32_t moveWalked(ZOV_PATH_WALK walk, Place source, Place destination) {
   }
 }
 
-bool isSameDirectory(Place source, Place destination) {
+bool isSameDirectory(const Place &source, const Place &destination) {
   if (isInMemory(source) != isInMemory(destination)) {
     return false;
   }
-  return isInMemory(source) ? zov::isSameMemDirectory(source.directory, destination.directory)
-                            : zov::isSameDirectory(source.directory, destination.directory);
+  return isInMemory(source) ? isSameMemDirectory(source.path, destination.path)
+                            : zov::isSameDirectory(source.path, destination.path);
 }
 
-bool exists(Place place, bool &isDirectory) {
+bool exists(const Place &place, bool &isDirectory) {
   int32_t directory = 0;
-  const bool found = zov_fileValidateEx(place.directory, place.typeFlags, &directory) != 0;
+  const bool found = zov_fileValidateEx(place.path, place.typeFlags, &directory) != 0;
   isDirectory = found && directory != 0;
   return found;
 }
 
 // True when nothing has the name; not when that cannot be found out.
-bool isMissing(Place place) {
+bool isMissing(const Place &place) {
   errno = 0;
   if (isInMemory(place)) {
     bool isDirectory = false;
     return !exists(place, isDirectory) && errno != ENOMEM;
   }
   struct stat state;
-  return lstat(place.directory, &state) != 0 && (errno == ENOENT || errno == ENOTDIR);
+  return lstat(place.path, &state) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
-int32_t renameWhole(Place source, Place destination) {
+int32_t renameWhole(const Place &source, const Place &destination) {
   if (isInMemory(source) && isInMemory(destination)) {
-    return zov::moveMemFile(source.directory, destination.directory);
+    return moveMemFile(source.path, destination.path);
   }
-  return zov_fileRenameEx(source.directory, source.typeFlags, destination.directory,
-                          destination.typeFlags);
+  return zov_fileRenameEx(source.path, source.typeFlags, destination.path, destination.typeFlags);
 }
 
 // Takes from a directory that was made on disk, and is empty, what group and others
@@ -109,25 +99,24 @@ int32_t narrow(const char *made, const struct stat &source) {
   struct stat own;
   const mode_t most = S_ISGID | S_IRWXU | (source.st_mode & (S_IRWXG | S_IRWXO));
   const bool isGiven = fstat(directory, &own) == 0 &&
-                       zov::giveMode(directory, own.st_mode & most, source.st_gid) == ZOV_OKAY;
+                       giveMode(directory, own.st_mode & most, source.st_gid) == ZOV_OKAY;
   close(directory);
   return isGiven ? ZOV_OKAY : ZOV_ERROR;
 }
 
 // Makes a directory on disk, which is not there, for what comes from another, which
 // may be missing too. ZOV_EXISTS is no failure.
-int32_t makeDestination(Place source, const char *path) {
+int32_t makeDestination(const Place &source, const char *path) {
   struct stat state;
-  const bool hasModel = !isInMemory(source) && stat(source.directory, &state) == 0;
+  const bool hasModel = !isInMemory(source) && stat(source.path, &state) == 0;
   if (!isInMemory(source) && !hasModel && !isMissing(source)) {
     return ZOV_ERROR;
   }
   if (hasModel) {
-    state.st_mode = zov::passableMode(source.directory, state.st_mode);
+    state.st_mode = passableMode(source.path, state.st_mode);
   }
   const int32_t status = zov_dirCreateAll(path);
-  const bool made = status == ZOV_OKAY || status == ZOV_EXISTS;
-  if (!made || !hasModel || narrow(path, state) == ZOV_OKAY) {
+  if (!isMadeOrThere(status) || !hasModel || narrow(path, state) == ZOV_OKAY) {
     return status;
   }
   zov_dirRemove(path);
@@ -135,13 +124,13 @@ int32_t makeDestination(Place source, const char *path) {
 }
 
 // A destination in memory comes into being with its first file.
-int32_t prepareDestination(Place source, Place destination) {
+int32_t prepareDestination(const Place &source, const Place &destination) {
   bool isDirectory = false;
   if (isInMemory(destination) || exists(destination, isDirectory)) {
     return ZOV_OKAY;
   }
-  const int32_t status = makeDestination(source, destination.directory);
-  if (status != ZOV_OKAY && status != ZOV_EXISTS) {
+  const int32_t status = makeDestination(source, destination.path);
+  if (!isMadeOrThere(status)) {
     return status;
   }
   exists(destination, isDirectory);
@@ -149,9 +138,9 @@ int32_t prepareDestination(Place source, Place destination) {
 }
 
 // Moves the files, one level deep. A source that is missing has none.
-int32_t moveFiles(Place source, Place destination) {
+int32_t moveFiles(const Place &source, const Place &destination) {
   errno = 0;
-  const ZOV_PATH_WALK walk = zov_pathOpenEx(source.directory, source.typeFlags, "*");
+  const ZOV_PATH_WALK walk = zov_pathOpenEx(source.path, source.typeFlags, "*");
   if (walk == nullptr && !isMissing(source)) {
     return failure();
   }
@@ -161,14 +150,14 @@ int32_t moveFiles(Place source, Place destination) {
   }
   zov_pathClose(walk);
   if (status == ZOV_OKAY && !isInMemory(source) && !isSameDirectory(source, destination)) {
-    zov_dirRemove(source.directory);  // stays when it holds directories
+    zov_dirRemove(source.path);  // stays when it holds directories
   }
   return status;
 }
 
-int32_t _dirMove(Place source, Place destination) {
+int32_t _dirMove(const Place &source, const Place &destination) {
   const bool onDisk = !isInMemory(source) || !isInMemory(destination);
-  if (onDisk && !zov::diskMayChange()) {
+  if (onDisk && !diskMayChange()) {
     return ZOV_ERROR;
   }
   if (isSameDirectory(source, destination)) {
@@ -183,6 +172,8 @@ int32_t _dirMove(Place source, Place destination) {
 
 }  // namespace
 
+}  // namespace zov
+
 extern "C" {
 
 int32_t zov_dirMove(const char *source, const char *destination) {
@@ -194,10 +185,12 @@ int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *dest
   if (source == nullptr || destination == nullptr || !zov::started()) {
     return ZOV_ERROR;
   }
-  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
+  const zov::Place from = {source, sourceFlags};
+  const zov::Place to = {destination, destinationFlags};
+  if (zov::isSamePath(from, to)) {
     return ZOV_OKAY;
   }
   const zov::NoJump noJump;
-  return _dirMove({source, sourceFlags}, {destination, destinationFlags});
+  return zov::_dirMove(from, to);
 }
 }

@@ -45,6 +45,7 @@
 #include <unistd.h>
 
 #include "files/zovfile_private.h"
+#include "files/zovunix_entry.h"
 
 namespace zov {
 namespace {
@@ -68,10 +69,6 @@ int64_t nowMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-bool isSame(const struct stat &first, const struct stat &second) {
-  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
 Lock takeLock(int descriptor) {
   if (zov_flLock(static_cast<uint64_t>(descriptor)) == ZOV_OKAY) {
     return Lock::kTaken;
@@ -87,7 +84,9 @@ void endLock(int descriptor) {
   zov_flUnlock(static_cast<uint64_t>(descriptor));
 }
 
-bool leadsTo(const char *path, int descriptor) {
+// Whether the entry of a name, links not followed, is an open file. leadsTo()
+// follows them, and a link is nothing that this protocol makes or removes.
+bool isEntryOf(const char *path, int descriptor) {
   struct stat named;
   struct stat opened;
   return lstat(path, &named) == 0 && fstat(descriptor, &opened) == 0 && isSame(named, opened);
@@ -148,7 +147,7 @@ Attempt tryMake(LockedCopy &copy, const struct stat &original) {
     return errno == EEXIST ? removeLeftover(copy.path, original) : Attempt::kRefused;
   }
   const int descriptor = descriptorOf(*copy.file);
-  if (takeLock(descriptor) != Lock::kBusy && leadsTo(copy.path, descriptor)) {
+  if (takeLock(descriptor) != Lock::kBusy && isEntryOf(copy.path, descriptor)) {
     return Attempt::kMade;
   }
   endLock(descriptor);
@@ -173,7 +172,7 @@ int32_t finish(const LockedCopy &copy, const struct stat &original) {
   if (!isUnsynced && zov_flSync(static_cast<uint64_t>(descriptor)) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  return isSent(descriptor) && leadsTo(copy.path, descriptor) ? ZOV_OKAY : ZOV_ERROR;
+  return isSent(descriptor) && isEntryOf(copy.path, descriptor) ? ZOV_OKAY : ZOV_ERROR;
 }
 
 }  // namespace
@@ -182,15 +181,10 @@ ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status)
   if (standardStream(path) >= 0) {
     return nullptr;
   }
-  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
+  const ZOV_FILE file = fileOpenPlain(path, typeFlags, status);
+  if (file != nullptr) {
+    status.st_mode = passableMode(descriptorOf(*file), status.st_mode);
   }
-  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
-    zov_fileClose(file);
-    return nullptr;
-  }
-  status.st_mode = passableMode(descriptorOf(*file), status.st_mode);
   return file;
 }
 
@@ -231,7 +225,7 @@ int32_t lockedCopyPlace(LockedCopy &copy, const char *path, const struct stat &o
 
 void lockedCopyEnd(LockedCopy &copy) {
   const int descriptor = descriptorOf(*copy.file);
-  if (!copy.isPlaced && leadsTo(copy.path, descriptor)) {
+  if (!copy.isPlaced && isEntryOf(copy.path, descriptor)) {
     zov_flRemove(copy.path);
   }
   endLock(descriptor);

@@ -20,6 +20,7 @@
 
 #include "zov.h"
 
+namespace zov {
 namespace {
 
 int upper(char character) {
@@ -46,6 +47,8 @@ bool matchesOne(char character, char pattern) {
 
 }  // namespace
 
+}  // namespace zov
+
 extern "C" {
 
 int32_t zov_match(const char *name, const char *pattern) {
@@ -58,7 +61,7 @@ int32_t zov_match(const char *name, const char *pattern) {
       }
       literal = pattern + 1;
       place = name;
-    } else if (matchesOne(*name, *pattern)) {
+    } else if (zov::matchesOne(*name, *pattern)) {
       ++name;
       ++pattern;
       continue;
@@ -69,7 +72,7 @@ int32_t zov_match(const char *name, const char *pattern) {
     } else {
       ++place;
     }
-    place = findBlind(place, *literal);
+    place = zov::findBlind(place, *literal);
     if (place == nullptr) {
       return 0;
     }

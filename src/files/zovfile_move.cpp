@@ -31,13 +31,8 @@
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"
 
+namespace zov {
 namespace {
-
-// A path with its type flags.
-struct Place {
-  const char *path;
-  uint32_t typeFlags;
-};
 
 // A draft on disk.
 struct Draft {
@@ -50,9 +45,9 @@ constexpr uint32_t kDraftNames = 1000;
 std::atomic<uint32_t> lastDraft{0};
 
 // Makes the draft of a destination beside it. False with errno.
-bool openDraft(Draft &draft, Place to) {
+bool openDraft(Draft &draft, const Place &to) {
   char directory[PATH_MAX];
-  if (!zov::parentOf(to.path, directory)) {
+  if (!parentOf(to.path, directory)) {
     return false;
   }
   for (uint32_t tries = 0; tries < kDraftNames; ++tries) {
@@ -62,7 +57,7 @@ bool openDraft(Draft &draft, Place to) {
     if (length < 0 || static_cast<size_t>(length) >= sizeof draft.path) {
       return false;
     }
-    draft.file = zov::fileOpenNew(draft.path, to.typeFlags);
+    draft.file = fileOpenNew(draft.path, to.typeFlags);
     if (draft.file != nullptr || errno != EEXIST) {
       return draft.file != nullptr;
     }
@@ -83,7 +78,7 @@ void restoreDirectory(const char *path, const struct stat &state) {
   if (fchown(directory, state.st_uid, state.st_gid) != 0) {
     errno = 0;  // then it is ours; giveMode() looks at the group
   }
-  zov::giveMode(directory, state.st_mode & static_cast<mode_t>(~S_IFMT), state.st_gid);
+  giveMode(directory, state.st_mode & static_cast<mode_t>(~S_IFMT), state.st_gid);
   close(directory);
 }
 
@@ -96,65 +91,64 @@ int32_t putInPlace(const char *from, const char *to) {
   if (errno != EISDIR || lstat(to, &state) != 0) {
     return ZOV_ERROR;
   }
-  state.st_mode = zov::passableMode(to, state.st_mode);
+  state.st_mode = passableMode(to, state.st_mode);
   if (rmdir(to) != 0) {
     return ZOV_ERROR;
   }
   if (rename(from, to) == 0) {
     return ZOV_OKAY;
   }
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   restoreDirectory(to, state);
   return ZOV_ERROR;
 }
 
 // Copies all of the source into a draft and brings it to the disk.
-int32_t fillDraft(ZOV_FILE source, const Draft &draft, Place to) {
+int32_t fillDraft(ZOV_FILE source, const Draft &draft, const Place &to) {
   assert(draft.file != nullptr && draft.path[0] != '\0');
-  const bool filled = zov::copyWhole(source, draft.file) == ZOV_OKAY &&
-                      zov::passModeOn(*source, *draft.file, to.path) == ZOV_OKAY &&
+  const bool filled = copyWhole(source, draft.file) == ZOV_OKAY &&
+                      passModeOn(*source, *draft.file, to.path) == ZOV_OKAY &&
                       zov_fileSync(draft.file) == ZOV_OKAY;
-  const bool closed = zov::closesWhole(draft.file);
+  const bool closed = closesWhole(draft.file);
   return filled && closed ? ZOV_OKAY : ZOV_ERROR;
 }
 
-int32_t replaceOnDisk(ZOV_FILE source, Place to) {
+int32_t replaceOnDisk(ZOV_FILE source, const Place &to) {
   Draft draft = {};
-  if (!zov::diskMayChange() || !openDraft(draft, to)) {
+  if (!diskMayChange() || !openDraft(draft, to)) {
     return ZOV_ERROR;
   }
   if (fillDraft(source, draft, to) != ZOV_OKAY || putInPlace(draft.path, to.path) != ZOV_OKAY) {
     unlink(draft.path);
     return ZOV_ERROR;
   }
-  return zov::syncDirectoryOf(to.path, to.typeFlags);
+  return syncDirectoryOf(to.path, to.typeFlags);
 }
 
-int32_t replaceInMemory(ZOV_FILE source, Place to) {
-  const ZOV_FILE draft = zov::fileOpenDraft(to.path, to.typeFlags);
+int32_t replaceInMemory(ZOV_FILE source, const Place &to) {
+  const ZOV_FILE draft = fileOpenDraft(to.path, to.typeFlags);
   if (draft == nullptr) {
     return ZOV_ERROR;
   }
-  assert(zov::memFileOf(*draft) != nullptr);
-  int32_t status = zov::copyWhole(source, draft);
+  assert(memFileOf(*draft) != nullptr);
+  int32_t status = copyWhole(source, draft);
   if (status == ZOV_OKAY) {
-    status = zov::placeMemDraft(zov::memFileOf(*draft), to.path);
+    status = placeMemDraft(memFileOf(*draft), to.path);
   }
   zov_fileClose(draft);
   return status == ZOV_OKAY ? ZOV_OKAY : ZOV_ERROR;
 }
 
 // The source stays open to the end: another file could get its number else.
-int32_t moveByCopy(Place from, Place to) {
-  const zov::NoJump noJump;
-  const ZOV_FILE source = zov::openSource(from.path, from.typeFlags);
+int32_t moveByCopy(const Place &from, const Place &to) {
+  const NoJump noJump;
+  const ZOV_FILE source = openSource(from.path, from.typeFlags);
   if (source == nullptr) {
     return ZOV_ERROR;
   }
-  const int32_t status =
-      zov::isInMemory(to.typeFlags) ? replaceInMemory(source, to) : replaceOnDisk(source, to);
+  const int32_t status = isInMemory(to) ? replaceInMemory(source, to) : replaceOnDisk(source, to);
   if (status == ZOV_OKAY) {
-    zov::removeNameOf(*source, from.path, from.typeFlags);
+    removeNameOf(*source, from.path, from.typeFlags);
   }
   zov_fileClose(source);
   return status;
@@ -164,7 +158,7 @@ int32_t moveByCopy(Place from, Place to) {
 // one of them goes. With one link both names are of one entry, which a mount or a
 // file system with more than one name for a file shows twice; and directories have
 // no other links.
-int32_t joinNames(Place from, const struct stat &source) {
+int32_t joinNames(const Place &from, const struct stat &source) {
   const bool hasOther = !S_ISDIR(source.st_mode) && source.st_nlink > 1;
   return !hasOther || zov_fileRemoveEx(from.path, from.typeFlags) == ZOV_OKAY ? ZOV_OKAY
                                                                               : ZOV_ERROR;
@@ -176,28 +170,42 @@ bool isNoPlace(int error) {
 }
 
 // From disk to disk, for a source that is there.
-int32_t moveOnDisk(Place from, Place to, const struct stat &source) {
-  if (zov::isSameEntry(from.path, to.path)) {
+int32_t moveOnDisk(const Place &from, const Place &to, const struct stat &source) {
+  if (isSameEntry(from.path, to.path)) {
     return ZOV_OKAY;
   }
-  if (!zov::diskMayChange()) {
+  if (!diskMayChange()) {
     return ZOV_ERROR;
   }
-  if (zov::isSameFile(from.path, to.path)) {
+  if (isSameFile(from.path, to.path)) {
     return joinNames(from, source);
   }
-  if (S_ISLNK(source.st_mode) && zov::leadsThrough(from.path, to.path)) {
+  if (S_ISLNK(source.st_mode) && leadsThrough(from.path, to.path)) {
     return ZOV_ERROR;
   }
   if (putInPlace(from.path, to.path) == ZOV_OKAY) {
     return ZOV_OKAY;
   }
   // Opened to be copied, the name of a standard stream would be the stream.
-  const bool mayCopy = !isNoPlace(errno) && zov::standardStream(from.path) < 0;
+  const bool mayCopy = !isNoPlace(errno) && standardStream(from.path) < 0;
   return mayCopy ? moveByCopy(from, to) : ZOV_ERROR;
 }
 
+int32_t _fileMove(const Place &from, const Place &to) {
+  if (isSamePath(from, to)) {
+    return ZOV_OKAY;
+  }
+  if (isInMemory(from) && isInMemory(to)) {
+    return moveMemFile(from.path, to.path) == ZOV_OKAY ? ZOV_OKAY : ZOV_ERROR;
+  }
+  struct stat state;
+  const bool onDisk = !isInMemory(from) && !isInMemory(to) && lstat(from.path, &state) == 0;
+  return onDisk ? moveOnDisk(from, to, state) : moveByCopy(from, to);
+}
+
 }  // namespace
+
+}  // namespace zov
 
 extern "C" {
 
@@ -210,18 +218,6 @@ int32_t zov_fileMoveEx(const char *source, uint32_t sourceFlags, const char *des
   if (source == nullptr || destination == nullptr) {
     return ZOV_ERROR;
   }
-  if (zov::isSamePath(source, sourceFlags, destination, destinationFlags)) {
-    return ZOV_OKAY;
-  }
-  const bool fromMemory = zov::isInMemory(sourceFlags);
-  if (fromMemory && zov::isInMemory(destinationFlags)) {
-    return zov::moveMemFile(source, destination) == ZOV_OKAY ? ZOV_OKAY : ZOV_ERROR;
-  }
-  const Place from = {source, sourceFlags};
-  const Place to = {destination, destinationFlags};
-  struct stat state;
-  const bool moves =
-      !fromMemory && !zov::isInMemory(destinationFlags) && lstat(source, &state) == 0;
-  return moves ? moveOnDisk(from, to, state) : moveByCopy(from, to);
+  return zov::_fileMove({source, sourceFlags}, {destination, destinationFlags});
 }
 }

@@ -19,6 +19,7 @@
 #include "core/zov_shortage.h"
 #include "core/zovmem_private.h"
 
+namespace zov {
 namespace {
 
 constexpr char root[] = "/";
@@ -26,12 +27,12 @@ constexpr char root[] = "/";
 // Bytes by which the buffer for the current directory grows.
 constexpr uint64_t kGrowBytes = 10;
 
-char *copyString(const char *text) {
-  return zov::copyString(text, ZOV_DEFAULT_TAG, ZOV_HERE);
+char *copyText(const char *text) {
+  return copyString(text, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 char *copyPrefix(const char *text, size_t length) {
-  char *copy = zov::makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *copy = makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (copy != nullptr) {
     memcpy(copy, text, length);
     copy[length] = '\0';
@@ -42,7 +43,7 @@ char *copyPrefix(const char *text, size_t length) {
 // Lengthens a string it takes over by another; null, with the first released,
 // when there is no memory.
 char *append(char *text, const char *tail) {
-  assert(zov::noJumpDepth > 0);
+  assert(noJumpDepth > 0);
   const size_t length = strlen(text);
   const size_t tailBytes = strlen(tail) + 1;
   char *longer =
@@ -91,7 +92,7 @@ char *_fullpath(const char *path) {
     return normalize_path(zov_currdir());
   }
   if (zov_pathIsFullyQualified(path) != 0) {
-    return normalize_path(copyString(path));
+    return normalize_path(copyText(path));
   }
   char *directory = normalize_path(zov_currdir());
   return directory == nullptr ? nullptr : normalize_path(append(directory, path));
@@ -99,11 +100,13 @@ char *_fullpath(const char *path) {
 
 }  // namespace
 
+}  // namespace zov
+
 extern "C" {
 
 char *zov_currdir() {
-  return zov::loadFlag(zov_diskless) != 0 ? copyString(root)
-                                          : zov::makeOrJump(ZOV_DEFAULT_TAG, _currdir);
+  return zov::loadFlag(zov_diskless) != 0 ? zov::copyText(zov::root)
+                                          : zov::makeOrJump(ZOV_DEFAULT_TAG, zov::_currdir);
 }
 
 int32_t zov_pathIsFullyQualified(const char *path) {
@@ -111,7 +114,7 @@ int32_t zov_pathIsFullyQualified(const char *path) {
 }
 
 char *zov_fullpath(const char *path) {
-  return zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return _fullpath(path); });
+  return zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return zov::_fullpath(path); });
 }
 
 void zov_pathSplit(const char *path, char **directory, char **name) {
@@ -130,8 +133,8 @@ void zov_pathSplit(const char *path, char **directory, char **name) {
       ZOV_DEFAULT_TAG,
       [&] {
         directoryCopy =
-            wantsDirectory ? copyPrefix(path, static_cast<size_t>(last - path)) : nullptr;
-        nameCopy = wantsName ? copyString(last) : nullptr;
+            wantsDirectory ? zov::copyPrefix(path, static_cast<size_t>(last - path)) : nullptr;
+        nameCopy = wantsName ? zov::copyText(last) : nullptr;
         return (directoryCopy != nullptr) == wantsDirectory && (nameCopy != nullptr) == wantsName;
       },
       [&] {

@@ -11,13 +11,30 @@
 
 namespace zov {
 
+// Type flags are the low 16 bits of what callers pass. No flag lies above them,
+// so nothing drops the other bits.
 inline bool isInMemory(uint32_t typeFlags) {
   return (typeFlags & ZOV_FILE_MEMORY) != 0;
+}
+
+// A path with the type flags of what it names.
+struct Place {
+  const char *path;
+  uint32_t typeFlags;
+};
+
+inline bool isInMemory(const Place &place) {
+  return isInMemory(place.typeFlags);
 }
 
 // Whether the process-wide modes let files and directories on disk change.
 inline bool diskMayChange() {
   return loadFlag(zov_diskless) == 0 && loadFlag(zov_readonly) == 0;
+}
+
+// Whether a call that makes a directory left one there.
+inline bool isMadeOrThere(int32_t status) {
+  return status == ZOV_OKAY || status == ZOV_EXISTS;
 }
 
 // Handles (zovfile.cpp). Nothing here jumps.
@@ -27,6 +44,10 @@ int32_t standardStream(const char *path);
 
 // Opens a new file on disk as openNewFile() does. Null with errno.
 ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags);
+
+// Opens what a path on disk names to read, without waiting for it, and tells its
+// status. Null when it is no plain file.
+ZOV_FILE fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status);
 
 // Opens a new file in memory that has no name, see newMemDraft(). The path is the
 // name it is meant for. Null with errno.
@@ -45,7 +66,7 @@ bool closesWhole(ZOV_FILE file);
 
 // Two paths that are taken for one file without a look at it: they are equal
 // but for case and both on disk or both in memory.
-bool isSamePath(const char *first, uint32_t firstFlags, const char *second, uint32_t secondFlags);
+bool isSamePath(const Place &first, const Place &second);
 
 // Opens what is to be copied, to read: a plain file, a file in memory or a
 // standard stream. Anything else is refused before it is opened.

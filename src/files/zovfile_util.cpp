@@ -17,10 +17,6 @@ bool isSeparator(char character) {
   return character == '/' || character == '\\';
 }
 
-bool madeOrThere(int32_t status) {
-  return status == ZOV_OKAY || status == ZOV_EXISTS;
-}
-
 // Creates every directory that a prefix of the path names, then the path. Turns
 // backslashes into slashes on its way.
 int32_t createChain(char *path) {
@@ -31,7 +27,7 @@ int32_t createChain(char *path) {
     *at = '\0';
     const int32_t status = zov_dirCreate(path);
     *at = '/';
-    if (!madeOrThere(status)) {
+    if (!zov::isMadeOrThere(status)) {
       return status;
     }
   }
@@ -93,7 +89,7 @@ int32_t zov_dirCreateAll(const char *path) {
   // The system would take a backslash for a letter of the name.
   if (strchr(path, '\\') == nullptr) {
     const int32_t status = zov_dirCreate(path);
-    if (madeOrThere(status)) {
+    if (zov::isMadeOrThere(status)) {
       return status;
     }
   }

@@ -16,7 +16,7 @@
 #include "files/zovfile_private.h"
 
 struct PathWalk {
-  uint16_t inMemory;  // ZOV_FILE_MEMORY or 0
+  bool inMemory;
   wchar_t *wideName;  // what zov_pathNextW() returned last, or null
   // By inMemory, and null until the walk is opened.
   union {
@@ -25,15 +25,16 @@ struct PathWalk {
   };
 };
 
+namespace zov {
 namespace {
 
 // Begins the walk beneath; false when there is none.
 bool openWalk(PathWalk &walk, const char *directory, const char *pattern) {
-  if (walk.inMemory != 0) {
+  if (walk.inMemory) {
     walk.memory = zov_mfPathOpen(directory, pattern);
     return walk.memory != nullptr;
   }
-  if (zov::loadFlag(zov_diskless) != 0) {
+  if (loadFlag(zov_diskless) != 0) {
     return false;
   }
   walk.disk = zov_flPathOpen(directory, pattern);
@@ -41,6 +42,8 @@ bool openWalk(PathWalk &walk, const char *directory, const char *pattern) {
 }
 
 }  // namespace
+
+}  // namespace zov
 
 extern "C" {
 
@@ -57,8 +60,8 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
     return nullptr;
   }
   const zov::NoJump noJump;
-  walk->inMemory = static_cast<uint16_t>(typeFlags & ZOV_FILE_MEMORY);
-  if (!openWalk(*walk, directory, pattern)) {
+  walk->inMemory = zov::isInMemory(typeFlags);
+  if (!zov::openWalk(*walk, directory, pattern)) {
     zov_freeMem(walk, ZOV_DEFAULT_TAG);
     return nullptr;
   }
@@ -70,9 +73,9 @@ const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
   if (walk == nullptr) {
     return nullptr;
   }
-  assert(walk->inMemory != 0 ? walk->memory != nullptr : walk->disk != nullptr);
-  return walk->inMemory != 0 ? zov_mfPathNext(walk->memory, isDirectory)
-                             : zov_flPathNext(walk->disk, isDirectory);
+  assert(walk->inMemory ? walk->memory != nullptr : walk->disk != nullptr);
+  return walk->inMemory ? zov_mfPathNext(walk->memory, isDirectory)
+                        : zov_flPathNext(walk->disk, isDirectory);
 }
 
 wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {
@@ -93,7 +96,7 @@ void zov_pathClose(ZOV_PATH_WALK walk) {
     return;
   }
   zov_freeMem(walk->wideName, ZOV_DEFAULT_TAG);
-  if (walk->inMemory != 0) {
+  if (walk->inMemory) {
     zov_mfPathClose(walk->memory);
   } else {
     zov_flPathClose(walk->disk);

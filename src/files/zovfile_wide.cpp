@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The wide forms of the file and directory utilities. Each converts its paths
-// strictly, calls the full form, and frees the copies; type flags keep their
-// low 16 bits. Jumps are held off for the length of the call, so that a copy is
-// never left behind.
+// strictly, calls the full form, and frees the copies. Jumps are held off for the
+// length of the call, so that a copy is never left behind.
 #include "core/zov_shortage.h"
 #include "files/zovutf8_private.h"
 
+namespace zov {
 namespace {
 
 template <typename Call, typename... Paths>
 int32_t withPaths(Call call, Paths... paths) {
-  const zov::NoJump noJump;
-  return zov::withUTF8(int32_t{ZOV_ERROR}, call, paths...);
-}
-
-// The type flags that a wide form passes on.
-uint32_t lowFlags(uint32_t typeFlags) {
-  return typeFlags & 0xFFFFu;
+  const NoJump noJump;
+  return withUTF8(int32_t{ZOV_ERROR}, call, paths...);
 }
 
 using PairCall = int32_t (*)(const char *, uint32_t, const char *, uint32_t);
@@ -26,58 +21,60 @@ int32_t withPair(const wchar_t *first, uint32_t firstFlags, const wchar_t *secon
                  uint32_t secondFlags, PairCall call) {
   return withPaths(
       [&](const char *firstBytes, const char *secondBytes) {
-        return call(firstBytes, lowFlags(firstFlags), secondBytes, lowFlags(secondFlags));
+        return call(firstBytes, firstFlags, secondBytes, secondFlags);
       },
       first, second);
 }
 
 }  // namespace
 
+}  // namespace zov
+
 extern "C" {
 
 int32_t zov_fileCopyW(const wchar_t *source, const wchar_t *destination) {
-  return withPair(source, 0, destination, 0, zov_fileCopyEx);
+  return zov::withPaths(zov_fileCopy, source, destination);
 }
 
 int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
                         uint32_t destinationFlags) {
-  return withPair(source, sourceFlags, destination, destinationFlags, zov_fileCopyEx);
+  return zov::withPair(source, sourceFlags, destination, destinationFlags, zov_fileCopyEx);
 }
 
 int32_t zov_fileCmpW(const wchar_t *first, const wchar_t *second) {
-  return withPair(first, 0, second, 0, zov_fileCmpEx);
+  return zov::withPaths(zov_fileCmp, first, second);
 }
 
 int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
                        uint32_t secondFlags) {
-  return withPair(first, firstFlags, second, secondFlags, zov_fileCmpEx);
+  return zov::withPair(first, firstFlags, second, secondFlags, zov_fileCmpEx);
 }
 
 int32_t zov_fileMoveW(const wchar_t *source, const wchar_t *destination) {
-  return withPair(source, 0, destination, 0, zov_fileMoveEx);
+  return zov::withPaths(zov_fileMove, source, destination);
 }
 
 int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
                         uint32_t destinationFlags) {
-  return withPair(source, sourceFlags, destination, destinationFlags, zov_fileMoveEx);
+  return zov::withPair(source, sourceFlags, destination, destinationFlags, zov_fileMoveEx);
 }
 
 int32_t zov_fileRemoveW(const wchar_t *path) {
-  return withPaths(zov_fileRemove, path);
+  return zov::withPaths(zov_fileRemove, path);
 }
 
 int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags) {
-  return withPaths([&](const char *bytes) { return zov_fileRemoveEx(bytes, lowFlags(typeFlags)); },
-                   path);
+  return zov::withPaths([&](const char *bytes) { return zov_fileRemoveEx(bytes, typeFlags); },
+                        path);
 }
 
 int32_t zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath) {
-  return withPair(oldPath, 0, newPath, 0, zov_fileRenameEx);
+  return zov::withPaths(zov_fileRename, oldPath, newPath);
 }
 
 int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags, const wchar_t *newPath,
                           uint32_t newTypeFlags) {
-  return withPair(oldPath, oldTypeFlags, newPath, newTypeFlags, zov_fileRenameEx);
+  return zov::withPair(oldPath, oldTypeFlags, newPath, newTypeFlags, zov_fileRenameEx);
 }
 
 int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory) {
@@ -85,24 +82,21 @@ int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory) {
 }
 
 int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int32_t *isDirectory) {
-  return withPaths(
-      [&](const char *bytes) {
-        return zov_fileValidateEx(bytes, lowFlags(typeFlags), isDirectory);
-      },
-      path);
+  return zov::withPaths(
+      [&](const char *bytes) { return zov_fileValidateEx(bytes, typeFlags, isDirectory); }, path);
 }
 
 int32_t zov_dirCreateAllW(const wchar_t *path) {
-  return withPaths(zov_dirCreateAll, path);
+  return zov::withPaths(zov_dirCreateAll, path);
 }
 
 int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination) {
-  return withPair(source, 0, destination, 0, zov_dirMoveEx);
+  return zov::withPaths(zov_dirMove, source, destination);
 }
 
 int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags, const wchar_t *destination,
                        uint32_t destinationFlags) {
-  return withPair(source, sourceFlags, destination, destinationFlags, zov_dirMoveEx);
+  return zov::withPair(source, sourceFlags, destination, destinationFlags, zov_dirMoveEx);
 }
 
 ZOV_PATH_WALK zov_pathOpenW(const wchar_t *directory, const wchar_t *pattern) {
@@ -115,7 +109,7 @@ ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFlags,
   return zov::withUTF8(
       ZOV_PATH_WALK{nullptr},
       [&](const char *directoryBytes, const char *patternBytes) {
-        return zov_pathOpenEx(directoryBytes, lowFlags(typeFlags), patternBytes);
+        return zov_pathOpenEx(directoryBytes, typeFlags, patternBytes);
       },
       directory, pattern);
 }

@@ -46,6 +46,7 @@ struct DiskWalk {
   char *lastName;  // owned; null before the first name and after the last
 };
 
+namespace zov {
 namespace {
 
 constexpr mode_t kFileMode = 0666;
@@ -68,7 +69,7 @@ int32_t getFileType(const char *path, int32_t *isDirectory) {
 int32_t getPathType(const DiskWalk &walk, const char *name) {
   const size_t pathLength = strlen(walk.path);
   const size_t nameBytes = strlen(name) + 1;
-  char *full = zov::makeArray<char>(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *full = makeArray<char>(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (full == nullptr) {
     return 0;
   }
@@ -96,10 +97,12 @@ const dirent *nextMatch(const DiskWalk &walk) {
 
 }  // namespace
 
+}  // namespace zov
+
 extern "C" {
 
 int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t, uint64_t *descriptor) {
-  const int opened = open(path, static_cast<int>(openFlags) | O_CLOEXEC, kFileMode);
+  const int opened = open(path, static_cast<int>(openFlags) | O_CLOEXEC, zov::kFileMode);
   if (opened < 0) {
     *descriptor = ZOV_NO_DESCRIPTOR;
     return static_cast<int16_t>(errno);
@@ -109,15 +112,11 @@ int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t, uint64_t *des
 }
 
 int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber) {
-  switch (streamNumber) {
-    case STDIN_FILENO:
-    case STDOUT_FILENO:
-    case STDERR_FILENO:
-      *descriptor = static_cast<uint64_t>(streamNumber);
-      return ZOV_OKAY;
-    default:
-      return ZOV_ERROR;
+  if (streamNumber < STDIN_FILENO || streamNumber > STDERR_FILENO) {
+    return ZOV_ERROR;
   }
+  *descriptor = static_cast<uint64_t>(streamNumber);
+  return ZOV_OKAY;
 }
 
 int32_t zov_flClose(uint64_t descriptor) {
@@ -181,7 +180,7 @@ int32_t zov_flRemove(const char *path) {
 
 int32_t zov_flValidate(const char *path, int32_t *isDirectory) {
   if (isDirectory != nullptr) {
-    return getFileType(path, isDirectory);
+    return zov::getFileType(path, isDirectory);
   }
   const int opened = open(path, O_RDONLY | O_CLOEXEC);
   if (opened < 0) {
@@ -200,7 +199,7 @@ int32_t zov_dirCreate(const char *path) {
   if (zov::loadFlag(zov_diskless) != 0) {
     return ZOV_ERROR;
   }
-  if (mkdir(path, kDirectoryMode) == 0) {
+  if (mkdir(path, zov::kDirectoryMode) == 0) {
     return ZOV_OKAY;
   }
   return errno == EEXIST ? ZOV_EXISTS : ZOV_ERROR;
@@ -246,11 +245,11 @@ ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern) {
 const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory) {
   zov_freeMem(walk->lastName, ZOV_DEFAULT_TAG);
   walk->lastName = nullptr;
-  const dirent *entry = nextMatch(*walk);
+  const dirent *entry = zov::nextMatch(*walk);
   if (entry == nullptr) {
     return nullptr;
   }
-  *isDirectory = entryIsDirectory(*walk, *entry);
+  *isDirectory = zov::entryIsDirectory(*walk, *entry);
   walk->lastName = zov::copyString(entry->d_name, ZOV_DEFAULT_TAG, ZOV_HERE);
   return walk->lastName;
 }

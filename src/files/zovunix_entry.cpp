@@ -11,14 +11,11 @@
 
 #include "files/zovunix_entry.h"
 
+namespace zov {
 namespace {
 
 // Links that the system follows from one path.
 constexpr int32_t kMostLinks = 40;
-
-bool isSame(const struct stat &first, const struct stat &second) {
-  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
 
 // The last component of a path, without the separators behind it.
 struct EntryName {
@@ -79,31 +76,31 @@ bool statParent(const char *path, EntryName name, struct stat *result) {
 
 }  // namespace
 
-bool zov::parentOf(const char *path, char (&directory)[PATH_MAX]) {
+bool parentOf(const char *path, char (&directory)[PATH_MAX]) {
   return copyParent(path, entryName(path), directory);
 }
 
-bool zov::isSameFile(const char *first, const char *second) {
+bool isSameFile(const char *first, const char *second) {
   struct stat firstFile;
   struct stat secondFile;
   return lstat(first, &firstFile) == 0 && lstat(second, &secondFile) == 0 &&
          isSame(firstFile, secondFile);
 }
 
-bool zov::leadsTo(const char *path, int descriptor) {
+bool leadsTo(const char *path, int descriptor) {
   struct stat named;
   struct stat opened;
   return stat(path, &named) == 0 && fstat(descriptor, &opened) == 0 && isSame(named, opened);
 }
 
-bool zov::isSameDirectory(const char *first, const char *second) {
+bool isSameDirectory(const char *first, const char *second) {
   struct stat firstFile;
   struct stat secondFile;
   return stat(first, &firstFile) == 0 && stat(second, &secondFile) == 0 &&
          S_ISDIR(firstFile.st_mode) && isSame(firstFile, secondFile);
 }
 
-bool zov::isSameEntry(const char *first, const char *second) {
+bool isSameEntry(const char *first, const char *second) {
   const EntryName firstName = entryName(first);
   const EntryName secondName = entryName(second);
   if (firstName.length != secondName.length ||
@@ -116,7 +113,7 @@ bool zov::isSameEntry(const char *first, const char *second) {
          statParent(second, secondName, &secondParent) && isSame(firstParent, secondParent);
 }
 
-bool zov::leadsThrough(const char *link, const char *entry) {
+bool leadsThrough(const char *link, const char *entry) {
   char path[PATH_MAX];
   const size_t length = strlen(link);
   if (length >= sizeof path) {
@@ -135,10 +132,12 @@ bool zov::leadsThrough(const char *link, const char *entry) {
   return false;  // in a circle that the entry is no part of
 }
 
-bool zov::followLinks(char (&path)[PATH_MAX]) {
+bool followLinks(char (&path)[PATH_MAX]) {
   Step step = Step::kFollowed;
   for (int32_t links = 0; links <= kMostLinks && step == Step::kFollowed; ++links) {
     step = followLink(path);
   }
   return step == Step::kNoLink;
 }
+
+}  // namespace zov

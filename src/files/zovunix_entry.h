@@ -5,8 +5,13 @@
 #define ZOV_FILES_ZOVUNIX_ENTRY_H
 
 #include <limits.h>
+#include <sys/stat.h>
 
 namespace zov {
+
+inline bool isSame(const struct stat &first, const struct stat &second) {
+  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
 
 // The directory that a path's last component stands in: the path up to it, or
 // "." where there is no more. False for a path that the system would not take

@@ -15,6 +15,7 @@
 #include "core/zovmem_private.h"
 #include "files/zovutf8_private.h"
 
+namespace zov {
 namespace {
 
 // Releases the first strings of an array, from the last back, and the array.
@@ -29,7 +30,7 @@ void releaseStrings(char **strings, int32_t count) {
 char **convertAll(int32_t count, wchar_t *const *arguments) {
   // One pointer more than asked for, so that no arguments are an array too.
   char **strings =
-      zov::makeZeroArray<char *>(static_cast<uint64_t>(count) + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+      makeZeroArray<char *>(static_cast<uint64_t>(count) + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (strings == nullptr) {
     return nullptr;
   }
@@ -44,6 +45,8 @@ char **convertAll(int32_t count, wchar_t *const *arguments) {
 }
 
 }  // namespace
+
+}  // namespace zov
 
 extern "C" {
 
@@ -96,7 +99,7 @@ int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***
   if (count < 0) {
     return ZOV_ERROR;
   }
-  *out = zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return convertAll(count, arguments); });
+  *out = zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return zov::convertAll(count, arguments); });
   return *out == nullptr ? ZOV_ERROR : ZOV_OKAY;
 }
 }

@@ -21,9 +21,8 @@
 
 #include "files/zovutf8_private.h"
 
+namespace zov {
 namespace {
-
-using zov::SinkResult;
 
 // Terminated strings are taken in pieces, which are still in the nearest cache
 // when they are converted after the search for their end.
@@ -43,38 +42,38 @@ struct DecoderState {
 };
 
 SinkResult count_wchar(DecoderState &state, uint32_t codePoint) {
-  if (codePoint == zov::kInvalidUnit && state.mode != ZOV_UTF8_REPLACE) {
-    return zov::kRefused;
+  if (codePoint == kInvalidUnit && state.mode != ZOV_UTF8_REPLACE) {
+    return kRefused;
   }
   ++state.count;
-  return zov::kTaken;
+  return kTaken;
 }
 
 SinkResult emit_wchar(DecoderState &state, uint32_t codePoint) {
-  if (codePoint == zov::kInvalidUnit) {
+  if (codePoint == kInvalidUnit) {
     if (state.mode != ZOV_UTF8_REPLACE) {
-      return zov::kRefused;
+      return kRefused;
     }
-    codePoint = zov::kReplacement;
+    codePoint = kReplacement;
   }
   if (state.count + 1 > state.capacity) {
-    return zov::kNoRoom;
+    return kNoRoom;
   }
   state.out[state.count++] = static_cast<wchar_t>(codePoint);
-  return zov::kTaken;
+  return kTaken;
 }
 
 // Sends a number of invalid units.
 SinkResult handleUTF8Error(DecoderState &state, uint32_t units) {
-  SinkResult result = zov::kTaken;
-  for (; units > 0 && result == zov::kTaken; --units) {
-    result = state.sink(state, zov::kInvalidUnit);
+  SinkResult result = kTaken;
+  for (; units > 0 && result == kTaken; --units) {
+    result = state.sink(state, kInvalidUnit);
   }
   return result;
 }
 
 SinkResult validateUnicodeValue(DecoderState &state) {
-  if (zov::isValidValue(state.value, state.expected)) {
+  if (isValidValue(state.value, state.expected)) {
     return state.sink(state, state.value);
   }
   return handleUTF8Error(state, state.expected);
@@ -84,25 +83,25 @@ SinkResult processFirstByte(DecoderState &state, uint8_t byte) {
   if (byte < 0x80) {
     return state.sink(state, byte);
   }
-  const zov::Utf8Lead lead = zov::utf8Lead(byte);
+  const Utf8Lead lead = utf8Lead(byte);
   if (lead.length == 0) {
     return handleUTF8Error(state, 1);
   }
   state.expected = lead.length;
   state.remaining = static_cast<uint16_t>(lead.length - 1);
   state.value = lead.bits;
-  return zov::kTaken;
+  return kTaken;
 }
 
 SinkResult processSubsequentByte(DecoderState &state, uint8_t byte) {
   assert(state.remaining < state.expected && state.expected <= 4);
-  if (!zov::isContinuation(byte)) {
+  if (!isContinuation(byte)) {
     const uint32_t units = state.expected - state.remaining + 1u;
     state.remaining = 0;
     return handleUTF8Error(state, units);
   }
   state.value = state.value << 6 | (byte & 0x3Fu);
-  return --state.remaining == 0 ? validateUnicodeValue(state) : zov::kTaken;
+  return --state.remaining == 0 ? validateUnicodeValue(state) : kTaken;
 }
 
 SinkResult processNextUTF8Byte(DecoderState &state, uint8_t byte) {
@@ -113,10 +112,10 @@ SinkResult processNextUTF8Byte(DecoderState &state, uint8_t byte) {
 // still decodes, and what comes out is of no interest.
 const uint8_t *takeRun(DecoderState &state, const uint8_t *bytes, const uint8_t *end) {
   if (state.out != nullptr && state.count == state.capacity) {
-    return zov::decodeRun(bytes, end, nullptr, 0).bytes;
+    return decodeRun(bytes, end, nullptr, 0).bytes;
   }
   wchar_t *place = state.out != nullptr ? state.out + state.count : nullptr;
-  const zov::DecodeRun run = zov::decodeRun(bytes, end, place, state.capacity - state.count);
+  const DecodeRun run = decodeRun(bytes, end, place, state.capacity - state.count);
   state.count += run.chars;
   assert(state.out == nullptr || state.count <= state.capacity);
   return run.bytes;
@@ -132,15 +131,10 @@ bool convertPiece(DecoderState &state, const uint8_t *bytes, const uint8_t *end)
     if (bytes == end) {
       return true;
     }
-    if (processNextUTF8Byte(state, *bytes++) == zov::kRefused) {
+    if (processNextUTF8Byte(state, *bytes++) == kRefused) {
       return false;
     }
   }
-}
-
-// A size of 0 leaves the walk without a bound.
-uint32_t capacityOf(uint32_t sizeChars) {
-  return sizeChars - 1;
 }
 
 DecoderState begin(wchar_t *out, uint32_t sizeChars, uint32_t errorMode) {
@@ -156,18 +150,17 @@ DecoderState begin(wchar_t *out, uint32_t sizeChars, uint32_t errorMode) {
 // fit.
 uint32_t finish(DecoderState &state, uint32_t sizeChars) {
   if (state.remaining != 0 &&
-      handleUTF8Error(state, static_cast<uint32_t>(state.expected - state.remaining)) !=
-          zov::kTaken) {
+      handleUTF8Error(state, static_cast<uint32_t>(state.expected - state.remaining)) != kTaken) {
     return ZOV_UTF8_FAILED;
   }
-  return zov::terminate(state.out, sizeChars, state.count);
+  return terminate(state.out, sizeChars, state.count);
 }
 
 }  // namespace
 
 // Text without a fault, which most is, is one run and never needs the machine.
-uint32_t zov::decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
-                         uint32_t errorMode) {
+uint32_t decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
+                    uint32_t errorMode) {
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);
   const uint8_t *end = bytes + lengthBytes;
   const DecodeRun run = decodeRun(bytes, end, out, capacityOf(sizeChars));
@@ -179,23 +172,25 @@ uint32_t zov::decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, siz
   return convertPiece(state, run.bytes, end) ? finish(state, sizeChars) : ZOV_UTF8_FAILED;
 }
 
+}  // namespace zov
+
 extern "C" {
 
 uint32_t zov_utf8_to_wchar(wchar_t *out, const char *text, uint32_t sizeChars, uint32_t errorMode) {
-  size_t length = strnlen(text, kPieceBytes);
-  if (length < kPieceBytes) {
+  size_t length = strnlen(text, zov::kPieceBytes);
+  if (length < zov::kPieceBytes) {
     return zov::decodeUtf8(out, sizeChars, text, length, errorMode);
   }
-  DecoderState state = begin(out, sizeChars, errorMode);
+  zov::DecoderState state = zov::begin(out, sizeChars, errorMode);
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);
   while (length != 0) {
-    if (!convertPiece(state, bytes, bytes + length)) {
+    if (!zov::convertPiece(state, bytes, bytes + length)) {
       return ZOV_UTF8_FAILED;
     }
     bytes += length;
-    length = strnlen(reinterpret_cast<const char *>(bytes), kPieceBytes);
+    length = strnlen(reinterpret_cast<const char *>(bytes), zov::kPieceBytes);
   }
-  return finish(state, sizeChars);
+  return zov::finish(state, sizeChars);
 }
 
 uint32_t zov_utf8_to_wchar_len(wchar_t *out, uint32_t sizeChars, const char *text,

@@ -31,6 +31,7 @@
 #include "files/zovutf8_private.h"
 #include "files/zovutf8_vector.h"
 
+namespace zov {
 namespace {
 
 constexpr size_t kBlockBytes = 16;
@@ -52,12 +53,12 @@ inline uint32_t decodeSequence(const uint8_t *bytes, size_t available, uint32_t 
   // One bit more than a lead byte gives, so that what is above F7 is too large.
   value = bytes[0] & (0xFFu >> kLength);
   for (uint32_t index = 1; index < kLength; ++index) {
-    if (!zov::isContinuation(bytes[index])) {
+    if (!isContinuation(bytes[index])) {
       return 0;
     }
     value = value << 6 | (bytes[index] & 0x3Fu);
   }
-  return zov::isValidValue(value, kLength) ? kLength : 0;
+  return isValidValue(value, kLength) ? kLength : 0;
 }
 
 // The same for any character.
@@ -89,17 +90,17 @@ struct CharStore {
     const __m128i zero = _mm_setzero_si128();
     const __m128i low = _mm_unpacklo_epi8(bytes, zero);
     const __m128i high = _mm_unpackhi_epi8(bytes, zero);
-    zov::store(next, _mm_unpacklo_epi16(low, zero));
-    zov::store(next + 4, _mm_unpackhi_epi16(low, zero));
-    zov::store(next + 8, _mm_unpacklo_epi16(high, zero));
-    zov::store(next + 12, _mm_unpackhi_epi16(high, zero));
+    store(next, _mm_unpacklo_epi16(low, zero));
+    store(next + 4, _mm_unpackhi_epi16(low, zero));
+    store(next + 8, _mm_unpacklo_epi16(high, zero));
+    store(next + 12, _mm_unpackhi_epi16(high, zero));
     next += count;
   }
 
   // Takes six characters from lanes of 16 bits.
   void takeSix(__m128i lanes) {
     const __m128i zero = _mm_setzero_si128();
-    zov::store(next, _mm_unpacklo_epi16(lanes, zero));
+    store(next, _mm_unpacklo_epi16(lanes, zero));
     const __m128i last = _mm_unpackhi_epi16(lanes, zero);
     memcpy(next + 4, &last, 2 * sizeof(wchar_t));
     next += 6;
@@ -107,7 +108,7 @@ struct CharStore {
 
   // Takes four characters from lanes of 32 bits.
   void takeFour(__m128i lanes) {
-    zov::store(next, lanes);
+    store(next, lanes);
     next += 4;
   }
 #else
@@ -142,9 +143,9 @@ struct CharCounter {
   }
 };
 
-template <typename Target>
+template <typename Sink>
 struct Progress {
-  Target target;
+  Sink sink;
   const uint8_t *bytes;
 };
 
@@ -246,35 +247,32 @@ constexpr uint32_t kWorthWidening = 3;
 
 // Takes a step from `bytes`, of which 16 are there. Returns how many bytes it
 // took, or 0.
-template <typename Target>
-ZOV_SHUFFLE inline uint32_t takeStep(Target &target, const uint8_t *bytes, uint32_t ends) {
+template <typename Sink>
+ZOV_SHUFFLE inline uint32_t takeStep(Sink &sink, const uint8_t *bytes, uint32_t ends) {
   const Step step = stepTable.steps[ends];
   if (step.pattern == kNoPattern) {
     return 0;
   }
-  const __m128i lanes =
-      _mm_shuffle_epi8(zov::load(bytes), zov::load(stepTable.shuffles[step.pattern]));
+  const __m128i lanes = _mm_shuffle_epi8(load(bytes), load(stepTable.shuffles[step.pattern]));
   if (step.pattern < kFours.first) {
-    const __m128i valid =
-        _mm_or_si128(zov::within16(lanes, 0, 0x7F), zov::within16(lanes, 0xC280, 0xDFBF));
-    if (zov::topBits(valid) != 0xFFFF) {
+    const __m128i valid = _mm_or_si128(within16(lanes, 0, 0x7F), within16(lanes, 0xC280, 0xDFBF));
+    if (topBits(valid) != 0xFFFF) {
       return 0;
     }
-    target.takeSix(_mm_or_si128(_mm_and_si128(lanes, zov::each16(0x7F)),
-                                _mm_srli_epi16(_mm_and_si128(lanes, zov::each16(0x1F00)), 2)));
+    sink.takeSix(_mm_or_si128(_mm_and_si128(lanes, each16(0x7F)),
+                              _mm_srli_epi16(_mm_and_si128(lanes, each16(0x1F00)), 2)));
     return step.bytes;
   }
-  const __m128i narrow =
-      _mm_or_si128(zov::within32(lanes, 0, 0x7F), zov::within32(lanes, 0xC280, 0xDFBF));
-  const __m128i wide = _mm_or_si128(zov::within32(lanes, 0xE0A080, 0xED9FBF),
-                                    zov::within32(lanes, 0xEE8080, 0xEFBFBD));
-  if (zov::topBits(_mm_or_si128(narrow, wide)) != 0xFFFF) {
+  const __m128i narrow = _mm_or_si128(within32(lanes, 0, 0x7F), within32(lanes, 0xC280, 0xDFBF));
+  const __m128i wide =
+      _mm_or_si128(within32(lanes, 0xE0A080, 0xED9FBF), within32(lanes, 0xEE8080, 0xEFBFBD));
+  if (topBits(_mm_or_si128(narrow, wide)) != 0xFFFF) {
     return 0;
   }
-  const __m128i low = _mm_and_si128(lanes, zov::each32(0x7F));
-  const __m128i middle = _mm_srli_epi32(_mm_and_si128(lanes, zov::each32(0x3F00)), 2);
-  const __m128i high = _mm_srli_epi32(_mm_and_si128(lanes, zov::each32(0xF0000)), 4);
-  target.takeFour(_mm_or_si128(_mm_or_si128(low, middle), high));
+  const __m128i low = _mm_and_si128(lanes, each32(0x7F));
+  const __m128i middle = _mm_srli_epi32(_mm_and_si128(lanes, each32(0x3F00)), 2);
+  const __m128i high = _mm_srli_epi32(_mm_and_si128(lanes, each32(0xF0000)), 4);
+  sink.takeFour(_mm_or_si128(_mm_or_si128(low, middle), high));
   return step.bytes;
 }
 
@@ -282,20 +280,20 @@ ZOV_SHUFFLE inline uint32_t takeStep(Target &target, const uint8_t *bytes, uint3
 // how many bytes they took. With ample bytes and room they cover a span, whose
 // continuation bytes are sought out beforehand: then a step need not wait for
 // the one before it to look at its bytes.
-template <typename Target>
-ZOV_SHUFFLE inline size_t takeSteps(Target &target, const uint8_t *bytes, bool ample) {
+template <typename Sink>
+ZOV_SHUFFLE inline size_t takeSteps(Sink &sink, const uint8_t *bytes, bool ample) {
   const uint32_t spanBytes = ample ? kSpanBytes : kBlockBytes;
   uint64_t continuations = 0;
   for (uint32_t at = 0; at < spanBytes; at += kBlockBytes) {
-    const __m128i isOne = _mm_cmplt_epi8(zov::load(bytes + at), zov::each8(0xC0));
-    continuations |= static_cast<uint64_t>(zov::topBits(isOne)) << at;
+    const __m128i isOne = _mm_cmplt_epi8(load(bytes + at), each8(0xC0));
+    continuations |= static_cast<uint64_t>(topBits(isOne)) << at;
   }
   uint64_t ends = ~continuations >> 1;
   const size_t stop = ample ? kSpanBytes - kStepBits : 1;
   size_t taken = 0;
   uint32_t step = 1;
   while (step != 0 && taken < stop) {
-    step = takeStep(target, bytes + taken, ends & ((1 << kStepBits) - 1));
+    step = takeStep(sink, bytes + taken, ends & ((1 << kStepBits) - 1));
     taken += step;
     ends >>= step;
   }
@@ -304,43 +302,43 @@ ZOV_SHUFFLE inline size_t takeSteps(Target &target, const uint8_t *bytes, bool a
 
 // Takes the ASCII at the start of a block and the character behind it, if that
 // is one. Returns how many bytes it took.
-template <typename Target>
-ZOV_SHUFFLE inline size_t takeMixed(Target &target, const uint8_t *bytes, __m128i block,
+template <typename Sink>
+ZOV_SHUFFLE inline size_t takeMixed(Sink &sink, const uint8_t *bytes, __m128i block,
                                     uint32_t ascii) {
-  target.takeAscii(block, ascii);
+  sink.takeAscii(block, ascii);
   uint32_t value;
   const uint32_t length = decodeOne(bytes + ascii, kBlockBytes, value);
   if (length != 0) {
-    target.takeOne(value);
+    sink.takeOne(value);
   }
   return ascii + length;
 }
 
 // Takes blocks as long as it can.
-template <typename Target>
-ZOV_SHUFFLE Progress<Target> takeBlocks(Target target, const uint8_t *bytes, const uint8_t *end) {
+template <typename Sink>
+ZOV_SHUFFLE Progress<Sink> takeBlocks(Sink sink, const uint8_t *bytes, const uint8_t *end) {
   size_t taken = 1;
   while (taken != 0 && static_cast<size_t>(end - bytes) >= kBlockBytes &&
-         target.room() >= kBlockBytes) {
-    const __m128i block = zov::load(bytes);
-    const uint32_t others = zov::topBits(block);
+         sink.room() >= kBlockBytes) {
+    const __m128i block = load(bytes);
+    const uint32_t others = topBits(block);
     const uint32_t ascii = static_cast<uint32_t>(std::countr_zero(others));
-    const bool ample = static_cast<size_t>(end - bytes) >= kAmple && target.room() >= kAmple;
+    const bool ample = static_cast<size_t>(end - bytes) >= kAmple && sink.room() >= kAmple;
     if (others == 0) {
-      target.takeAscii(block, kBlockBytes);
+      sink.takeAscii(block, kBlockBytes);
       taken = kBlockBytes;
     } else if (ample && (ascii >= kWorthWidening || bytes[ascii] >= 0xF0)) {
-      taken = takeMixed(target, bytes, block, ascii);
+      taken = takeMixed(sink, bytes, block, ascii);
     } else {
-      taken = takeSteps(target, bytes, ample);
+      taken = takeSteps(sink, bytes, ample);
     }
     bytes += taken;
   }
-  return {target, bytes};
+  return {sink, bytes};
 }
 
 bool hasBlocks() {
-  return zov::hasShuffle();
+  return hasShuffle();
 }
 
 #else
@@ -352,14 +350,14 @@ bool isAsciiBlock(const uint8_t *block) {
   return ((words[0] | words[1]) & 0x8080808080808080) == 0;
 }
 
-template <typename Target>
-Progress<Target> takeBlocks(Target target, const uint8_t *bytes, const uint8_t *end) {
-  while (static_cast<size_t>(end - bytes) >= kBlockBytes && target.room() >= kBlockBytes &&
+template <typename Sink>
+Progress<Sink> takeBlocks(Sink sink, const uint8_t *bytes, const uint8_t *end) {
+  while (static_cast<size_t>(end - bytes) >= kBlockBytes && sink.room() >= kBlockBytes &&
          isAsciiBlock(bytes)) {
-    target.takeAscii(bytes, kBlockBytes);
+    sink.takeAscii(bytes, kBlockBytes);
     bytes += kBlockBytes;
   }
-  return {target, bytes};
+  return {sink, bytes};
 }
 
 bool hasBlocks() {
@@ -370,42 +368,43 @@ bool hasBlocks() {
 
 // Takes blocks and, where they end, single characters for a while. A character
 // takes no more room than it has bytes.
-template <typename Target>
-Progress<Target> takeRun(Target target, const uint8_t *bytes, const uint8_t *end) {
+template <typename Sink>
+Progress<Sink> takeRun(Sink sink, const uint8_t *bytes, const uint8_t *end) {
   const bool blocks = hasBlocks();
-  while (bytes != end && target.room() > 0) {
+  while (bytes != end && sink.room() > 0) {
     if (blocks && static_cast<size_t>(end - bytes) >= kBlockBytes) {
-      const Progress<Target> progress = takeBlocks(target, bytes, end);
-      target = progress.target;
+      const Progress<Sink> progress = takeBlocks(sink, bytes, end);
+      sink = progress.sink;
       bytes = progress.bytes;
     }
-    const uint64_t most = std::min(kSingleBytes, target.room());
+    const uint64_t most = std::min(kSingleBytes, sink.room());
     const uint8_t *stop = bytes + std::min(most, static_cast<uint64_t>(end - bytes));
     while (bytes < stop) {
       uint32_t value;
       const uint32_t length = decodeOne(bytes, static_cast<size_t>(end - bytes), value);
       if (length == 0) {
-        return {target, bytes};
+        return {sink, bytes};
       }
-      target.takeOne(value);
+      sink.takeOne(value);
       bytes += length;
     }
   }
-  return {target, bytes};
+  return {sink, bytes};
 }
 
 }  // namespace
 
-zov::DecodeRun zov::decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out,
-                              uint64_t room) {
+DecodeRun decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out, uint64_t room) {
   if (out == nullptr) {
     const Progress<CharCounter> progress = takeRun(CharCounter{0}, bytes, end);
-    return {progress.bytes, progress.target.count};
+    return {progress.bytes, progress.sink.count};
   }
   // What can never be used is left out, so that no pointer is made up.
   const uint64_t most = static_cast<uint64_t>(end - bytes);
   const CharStore store{out, out + std::min(room, most)};
   const Progress<CharStore> progress = takeRun(store, bytes, end);
-  assert(progress.bytes <= end && progress.target.next <= store.limit);
-  return {progress.bytes, static_cast<uint64_t>(progress.target.next - out)};
+  assert(progress.bytes <= end && progress.sink.next <= store.limit);
+  return {progress.bytes, static_cast<uint64_t>(progress.sink.next - out)};
 }
+
+}  // namespace zov

@@ -17,9 +17,8 @@
 
 #include "files/zovutf8_private.h"
 
+namespace zov {
 namespace {
-
-using zov::SinkResult;
 
 // Terminated strings are taken in pieces, which are still in the nearest cache
 // when they are converted after the search for their end.
@@ -38,46 +37,46 @@ struct EncoderState {
 
 // What a unit becomes that may be invalid; kInvalidUnit where it is refused.
 uint32_t replaced(const EncoderState &state, uint32_t codePoint) {
-  if (codePoint <= zov::kLastCodePoint) {
+  if (codePoint <= kLastCodePoint) {
     return codePoint;
   }
-  return state.mode == ZOV_UTF8_REPLACE ? zov::kReplacement : zov::kInvalidUnit;
+  return state.mode == ZOV_UTF8_REPLACE ? kReplacement : kInvalidUnit;
 }
 
 SinkResult count_utf8_codes(EncoderState &state, uint32_t codePoint) {
-  const uint32_t length = zov::utf8Length(replaced(state, codePoint));
+  const uint32_t length = utf8Length(replaced(state, codePoint));
   state.count += length;
-  return length == 0 ? zov::kRefused : zov::kTaken;
+  return length == 0 ? kRefused : kTaken;
 }
 
 SinkResult emit_utf8_codes(EncoderState &state, uint32_t codePoint) {
   codePoint = replaced(state, codePoint);
-  const uint32_t length = zov::utf8Length(codePoint);
+  const uint32_t length = utf8Length(codePoint);
   if (length == 0) {
-    return zov::kRefused;
+    return kRefused;
   }
   if (state.count + length > state.capacity) {
-    return zov::kNoRoom;
+    return kNoRoom;
   }
-  zov::storeUtf8(state.out + state.count, codePoint, length);
+  storeUtf8(state.out + state.count, codePoint, length);
   state.count += length;
-  return zov::kTaken;
+  return kTaken;
 }
 
 // Screens the next character into current. Surrogates are caught here, values
 // that are too large by the sinks.
 SinkResult getNextUnicodeCharacter(EncoderState &state, wchar_t unit) {
   state.current = static_cast<uint32_t>(unit);
-  if (!zov::isSurrogate(state.current)) {
-    return zov::kTaken;
+  if (!isSurrogate(state.current)) {
+    return kTaken;
   }
-  state.current = zov::kInvalidUnit;
-  return state.mode == ZOV_UTF8_REPLACE ? zov::kTaken : zov::kRefused;
+  state.current = kInvalidUnit;
+  return state.mode == ZOV_UTF8_REPLACE ? kTaken : kRefused;
 }
 
 const wchar_t *takeRun(EncoderState &state, const wchar_t *text, const wchar_t *end) {
   char *place = state.out != nullptr ? state.out + state.count : nullptr;
-  const zov::EncodeRun run = zov::encodeRun(text, end, place, state.capacity - state.count);
+  const EncodeRun run = encodeRun(text, end, place, state.capacity - state.count);
   state.count += run.bytes;
   assert(state.out == nullptr || state.count <= state.capacity);
   return run.text;
@@ -87,19 +86,14 @@ const wchar_t *takeRun(EncoderState &state, const wchar_t *text, const wchar_t *
 SinkResult convertPiece(EncoderState &state, const wchar_t *text, const wchar_t *end) {
   while ((text = takeRun(state, text, end)) != end) {
     SinkResult result = getNextUnicodeCharacter(state, *text++);
-    if (result == zov::kTaken) {
+    if (result == kTaken) {
       result = state.sink(state, state.current);
     }
-    if (result != zov::kTaken) {
+    if (result != kTaken) {
       return result;
     }
   }
-  return zov::kTaken;
-}
-
-// A size of 0 leaves the walk without a bound.
-uint32_t capacityOf(uint32_t sizeBytes) {
-  return sizeBytes - 1;
+  return kTaken;
 }
 
 EncoderState begin(char *out, uint32_t sizeBytes, uint32_t errorMode) {
@@ -112,15 +106,14 @@ EncoderState begin(char *out, uint32_t sizeBytes, uint32_t errorMode) {
 }
 
 uint32_t finish(const EncoderState &state, uint32_t sizeBytes, SinkResult result) {
-  return result == zov::kRefused ? ZOV_UTF8_FAILED
-                                 : zov::terminate(state.out, sizeBytes, state.count);
+  return result == kRefused ? ZOV_UTF8_FAILED : terminate(state.out, sizeBytes, state.count);
 }
 
 }  // namespace
 
 // Text without a fault, which most is, is one run and never needs the rules.
-uint32_t zov::encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t lengthChars,
-                         uint32_t errorMode) {
+uint32_t encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t lengthChars,
+                    uint32_t errorMode) {
   const wchar_t *end = text + lengthChars;
   const EncodeRun run = encodeRun(text, end, out, capacityOf(sizeBytes));
   if (run.text == end) {
@@ -132,21 +125,23 @@ uint32_t zov::encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, siz
   return finish(state, sizeBytes, result);
 }
 
+}  // namespace zov
+
 extern "C" {
 
 uint32_t zov_wchar_to_utf8(char *out, const wchar_t *text, uint32_t sizeBytes, uint32_t errorMode) {
-  size_t length = wcsnlen(text, kPieceChars);
-  if (length < kPieceChars) {
+  size_t length = wcsnlen(text, zov::kPieceChars);
+  if (length < zov::kPieceChars) {
     return zov::encodeWide(out, sizeBytes, text, length, errorMode);
   }
-  EncoderState state = begin(out, sizeBytes, errorMode);
-  SinkResult result = zov::kTaken;
+  zov::EncoderState state = zov::begin(out, sizeBytes, errorMode);
+  zov::SinkResult result = zov::kTaken;
   while (result == zov::kTaken && length != 0) {
-    result = convertPiece(state, text, text + length);
+    result = zov::convertPiece(state, text, text + length);
     text += length;
-    length = wcsnlen(text, kPieceChars);
+    length = wcsnlen(text, zov::kPieceChars);
   }
-  return finish(state, sizeBytes, result);
+  return zov::finish(state, sizeBytes, result);
 }
 
 uint32_t zov_wchar_to_utf8_len(char *out, uint32_t sizeBytes, const wchar_t *text,

@@ -26,6 +26,7 @@
 #include "files/zovutf8_private.h"
 #include "files/zovutf8_vector.h"
 
+namespace zov {
 namespace {
 
 constexpr size_t kBlockChars = 16;
@@ -45,7 +46,7 @@ struct Block {
 };
 
 inline Block loadBlock(const wchar_t *text) {
-  return {{zov::load(text), zov::load(text + 4), zov::load(text + 8), zov::load(text + 12)}};
+  return {{load(text), load(text + 4), load(text + 8), load(text + 12)}};
 }
 
 inline __m128i bitsOf(const Block &block) {
@@ -55,8 +56,8 @@ inline __m128i bitsOf(const Block &block) {
 
 // True when no lane has any of the bits of the mask.
 inline bool haveNone(__m128i lanes, uint32_t mask) {
-  const __m128i bits = _mm_and_si128(lanes, zov::each32(mask));
-  return zov::topBits(_mm_cmpeq_epi32(bits, _mm_setzero_si128())) == 0xFFFF;
+  const __m128i bits = _mm_and_si128(lanes, each32(mask));
+  return topBits(_mm_cmpeq_epi32(bits, _mm_setzero_si128())) == 0xFFFF;
 }
 
 inline bool isAsciiBlock(const Block &block) {
@@ -67,10 +68,10 @@ inline bool isAsciiBlock(const Block &block) {
 inline bool isValidBlock(const Block &block) {
   __m128i surrogates = _mm_setzero_si128();
   for (const __m128i lanes : block.lanes) {
-    const __m128i prefix = _mm_and_si128(lanes, zov::each32(0xFFFFF800));
-    surrogates = _mm_or_si128(surrogates, _mm_cmpeq_epi32(prefix, zov::each32(0xD800)));
+    const __m128i prefix = _mm_and_si128(lanes, each32(0xFFFFF800));
+    surrogates = _mm_or_si128(surrogates, _mm_cmpeq_epi32(prefix, each32(0xD800)));
   }
-  return haveNone(bitsOf(block), 0xFFF00000) && zov::topBits(surrogates) == 0;
+  return haveNone(bitsOf(block), 0xFFF00000) && topBits(surrogates) == 0;
 }
 
 // Longer than one, two and three bytes: all ones in each such lane.
@@ -81,8 +82,8 @@ struct Lengths {
 };
 
 inline Lengths lengthsOf(__m128i lanes) {
-  return {_mm_cmpgt_epi32(lanes, zov::each32(0x7F)), _mm_cmpgt_epi32(lanes, zov::each32(0x7FF)),
-          _mm_cmpgt_epi32(lanes, zov::each32(0xFFFF))};
+  return {_mm_cmpgt_epi32(lanes, each32(0x7F)), _mm_cmpgt_epi32(lanes, each32(0x7FF)),
+          _mm_cmpgt_epi32(lanes, each32(0xFFFF))};
 }
 
 struct Packing {
@@ -124,10 +125,10 @@ inline uint32_t laneBits(__m128i mask) {
 // character that has no other keeps its seventh.
 inline __m128i sixBits(__m128i lanes, __m128i overOne) {
   const __m128i first = _mm_srli_epi32(lanes, 18);
-  const __m128i second = _mm_and_si128(_mm_srli_epi32(lanes, 4), zov::each32(0x3F00));
-  const __m128i third = _mm_and_si128(_mm_slli_epi32(lanes, 10), zov::each32(0x3F0000));
-  const __m128i seventh = _mm_andnot_si128(overOne, zov::each32(0x40000000));
-  const __m128i kept = _mm_or_si128(seventh, zov::each32(0x3F000000));
+  const __m128i second = _mm_and_si128(_mm_srli_epi32(lanes, 4), each32(0x3F00));
+  const __m128i third = _mm_and_si128(_mm_slli_epi32(lanes, 10), each32(0x3F0000));
+  const __m128i seventh = _mm_andnot_si128(overOne, each32(0x40000000));
+  const __m128i kept = _mm_or_si128(seventh, each32(0x3F000000));
   const __m128i last = _mm_and_si128(_mm_slli_epi32(lanes, 24), kept);
   return _mm_or_si128(_mm_or_si128(first, second), _mm_or_si128(third, last));
 }
@@ -139,9 +140,8 @@ ZOV_SHUFFLE inline uint32_t encodeFour(char *out, __m128i lanes) {
       _mm_xor_si128(lengths.overOne, _mm_xor_si128(lengths.overTwo, lengths.overThree));
   const uint32_t index = laneBits(lowDigits) | laneBits(lengths.overTwo) << 4;
   const Packing &packing = packTable.packings[index];
-  const __m128i bits =
-      _mm_shuffle_epi8(sixBits(lanes, lengths.overOne), zov::load(packing.shuffle));
-  zov::store(out, _mm_or_si128(bits, zov::load(packing.marks)));
+  const __m128i bits = _mm_shuffle_epi8(sixBits(lanes, lengths.overOne), load(packing.shuffle));
+  store(out, _mm_or_si128(bits, load(packing.marks)));
   return packTable.bytes[index];
 }
 
@@ -162,7 +162,7 @@ struct ByteStore {
     if (!hasRoom(kLength)) {
       return false;
     }
-    zov::storeSequence<kLength>(next, codePoint);
+    storeSequence<kLength>(next, codePoint);
     next += kLength;
     return true;
   }
@@ -171,7 +171,7 @@ struct ByteStore {
   void takeAscii(const Block &block) {
     const __m128i low = _mm_packs_epi32(block.lanes[0], block.lanes[1]);
     const __m128i high = _mm_packs_epi32(block.lanes[2], block.lanes[3]);
-    zov::store(next, _mm_packus_epi16(low, high));
+    store(next, _mm_packus_epi16(low, high));
     next += kBlockChars;
   }
 
@@ -209,7 +209,7 @@ struct ByteCounter {
 #if defined(ZOV_VECTORS)
   // A mask that is set counts as -1.
   void takeBlock(const Block &block) {
-    __m128i sum = zov::each32(4);
+    __m128i sum = each32(4);
     for (const __m128i lanes : block.lanes) {
       const Lengths lengths = lengthsOf(lanes);
       sum = _mm_sub_epi32(
@@ -222,9 +222,9 @@ struct ByteCounter {
 #endif
 };
 
-template <typename Target>
+template <typename Sink>
 struct Progress {
-  Target target;
+  Sink sink;
   const wchar_t *text;
 };
 
@@ -238,16 +238,16 @@ constexpr size_t kBlockBytes = 4 * kBlockChars;
 // was not: text that mixes the two would mislead a branch for each block.
 constexpr uint32_t kOtherBlocks = 8;
 
-template <typename Target>
-ZOV_SHUFFLE inline uint32_t takeOthers(Target &target, const wchar_t *text, const wchar_t *end) {
+template <typename Sink>
+ZOV_SHUFFLE inline uint32_t takeOthers(Sink &sink, const wchar_t *text, const wchar_t *end) {
   uint32_t taken = 0;
-  while (taken < kOtherBlocks && target.hasRoom(kBlockBytes) &&
+  while (taken < kOtherBlocks && sink.hasRoom(kBlockBytes) &&
          static_cast<size_t>(end - text) >= kBlockChars + kOverhangChars) {
     const Block block = loadBlock(text);
     if (!isValidBlock(block)) {
       break;
     }
-    target.takeBlock(block);
+    sink.takeBlock(block);
     text += kBlockChars;
     ++taken;
   }
@@ -255,25 +255,25 @@ ZOV_SHUFFLE inline uint32_t takeOthers(Target &target, const wchar_t *text, cons
 }
 
 // Takes blocks as long as it can.
-template <typename Target>
-ZOV_SHUFFLE Progress<Target> takeBlocks(Target target, const wchar_t *text, const wchar_t *end) {
+template <typename Sink>
+ZOV_SHUFFLE Progress<Sink> takeBlocks(Sink sink, const wchar_t *text, const wchar_t *end) {
   uint32_t taken = 1;
   while (taken != 0 && static_cast<size_t>(end - text) >= kBlockChars &&
-         target.hasRoom(kBlockChars)) {
+         sink.hasRoom(kBlockChars)) {
     const Block block = loadBlock(text);
     if (isAsciiBlock(block)) {
-      target.takeAscii(block);
+      sink.takeAscii(block);
       taken = 1;
     } else {
-      taken = takeOthers(target, text, end);
+      taken = takeOthers(sink, text, end);
     }
     text += taken * kBlockChars;
   }
-  return {target, text};
+  return {sink, text};
 }
 
 bool hasBlocks() {
-  return zov::hasShuffle();
+  return hasShuffle();
 }
 
 #else
@@ -286,14 +286,14 @@ bool isAsciiBlock(const wchar_t *block) {
   return bits < 0x80;
 }
 
-template <typename Target>
-Progress<Target> takeBlocks(Target target, const wchar_t *text, const wchar_t *end) {
-  while (static_cast<size_t>(end - text) >= kBlockChars && target.hasRoom(kBlockChars) &&
+template <typename Sink>
+Progress<Sink> takeBlocks(Sink sink, const wchar_t *text, const wchar_t *end) {
+  while (static_cast<size_t>(end - text) >= kBlockChars && sink.hasRoom(kBlockChars) &&
          isAsciiBlock(text)) {
-    target.takeAscii(text);
+    sink.takeAscii(text);
     text += kBlockChars;
   }
-  return {target, text};
+  return {sink, text};
 }
 
 bool hasBlocks() {
@@ -303,51 +303,53 @@ bool hasBlocks() {
 #endif
 
 // Takes a character, if it is one and fits.
-template <typename Target>
-inline bool takeOne(Target &target, uint32_t unit) {
+template <typename Sink>
+inline bool takeOne(Sink &sink, uint32_t unit) {
   if (unit < 0x80) {
-    return target.template takeOne<1>(unit);
+    return sink.template takeOne<1>(unit);
   }
   if (unit < 0x800) {
-    return target.template takeOne<2>(unit);
+    return sink.template takeOne<2>(unit);
   }
   if (unit < 0x10000) {
-    return !zov::isSurrogate(unit) && target.template takeOne<3>(unit);
+    return !isSurrogate(unit) && sink.template takeOne<3>(unit);
   }
-  return unit <= zov::kLastCodePoint && target.template takeOne<4>(unit);
+  return unit <= kLastCodePoint && sink.template takeOne<4>(unit);
 }
 
 // Takes blocks and, where they end, single characters for a while.
-template <typename Target>
-Progress<Target> takeRun(Target target, const wchar_t *text, const wchar_t *end) {
+template <typename Sink>
+Progress<Sink> takeRun(Sink sink, const wchar_t *text, const wchar_t *end) {
   const bool blocks = hasBlocks();
   while (text != end) {
     if (blocks && static_cast<size_t>(end - text) >= kBlockChars) {
-      const Progress<Target> progress = takeBlocks(target, text, end);
-      target = progress.target;
+      const Progress<Sink> progress = takeBlocks(sink, text, end);
+      sink = progress.sink;
       text = progress.text;
     }
     const wchar_t *stop = text + std::min(kSingleChars, end - text);
     for (; text != stop; ++text) {
-      if (!takeOne(target, static_cast<uint32_t>(*text))) {
-        return {target, text};
+      if (!takeOne(sink, static_cast<uint32_t>(*text))) {
+        return {sink, text};
       }
     }
   }
-  return {target, end};
+  return {sink, end};
 }
 
 }  // namespace
 
-zov::EncodeRun zov::encodeRun(const wchar_t *text, const wchar_t *end, char *out, uint64_t room) {
+EncodeRun encodeRun(const wchar_t *text, const wchar_t *end, char *out, uint64_t room) {
   if (out == nullptr) {
     const Progress<ByteCounter> progress = takeRun(ByteCounter{0}, text, end);
-    return {progress.text, progress.target.count};
+    return {progress.text, progress.sink.count};
   }
   // What can never be used is left out, so that no pointer is made up.
   const uint64_t most = 4 * static_cast<uint64_t>(end - text);
   const ByteStore store{out, out + std::min(room, most)};
   const Progress<ByteStore> progress = takeRun(store, text, end);
-  assert(progress.text <= end && progress.target.next <= store.limit);
-  return {progress.text, static_cast<uint64_t>(progress.target.next - out)};
+  assert(progress.text <= end && progress.sink.next <= store.limit);
+  return {progress.text, static_cast<uint64_t>(progress.sink.next - out)};
 }
+
+}  // namespace zov

@@ -105,6 +105,11 @@ constexpr bool isValidValue(uint32_t value, uint32_t lengthBytes) {
   return utf8Length(value) == lengthBytes && !isSurrogate(value) && value - 0xFFFE > 1;
 }
 
+// Room for a result in front of its terminator. A size of 0 sets no bound.
+constexpr uint32_t capacityOf(uint32_t size) {
+  return size - 1;
+}
+
 // Terminates a result, for which the walk has left room unless the size was 0,
 // and tells its length. Too long a length to tell is a failure.
 template <typename Unit>
