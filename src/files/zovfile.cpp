@@ -4,7 +4,7 @@
 // and files in memory. Every operation looks at its handle and forwards to the
 // layer that holds the file.
 //
-//   ZOV_FILE -> FileHandle { fd, mfile, flags, lockMutex, path } "path\0"
+//   ZOV_FILE -> FileHandle { fd, mfile, lockMutex, path, ... } "path\0"
 //                            |   |
 //                            |   +-> zov_mf* -> the memory file system
 //                            +-> zov_fl* -> the system
@@ -55,14 +55,14 @@ struct FileHandle {
   const char *path;
   uint64_t fd;
   ZOV_MFILE mfile;
-  uint32_t openFlags;  // without those that must take effect only once
-  uint16_t typeFlags;
-  uint16_t isStd;  // 1: a standard stream, whose descriptor stays open
+  bool isStd;       // a standard stream, whose descriptor stays open
+  bool isUnsynced;  // opened with ZOV_FILE_NOSYNC
   // Rank 7: held from zov_fileLock() to zov_fileUnlock(); guards what the
   // callers agree it guards. Made by the first lock.
   std::atomic<uint64_t> lockMutex;
 };
 
+namespace zov {
 namespace {
 
 constexpr uint32_t kWriteFlags = O_WRONLY | O_RDWR | O_CREAT;
@@ -70,25 +70,23 @@ constexpr uint32_t kWriteFlags = O_WRONLY | O_RDWR | O_CREAT;
 // The tag of every handle, from start-up to shut-down.
 ZOV_TAG fileTag = ZOV_NO_TAG;
 
-using zov::isInMemory;
-
 // Disk files are not written under the read-only flag; standard streams are.
 bool isWriteProtected(const FileHandle &file) {
-  return zov::loadFlag(zov_readonly) != 0 && file.isStd == 0;
+  return loadFlag(zov_readonly) != 0 && !file.isStd;
 }
 
 void reportWrite() {
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   fprintf(stderr, "Write failed, errno = %d\n", errno);
 }
 
 void reportRead() {
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   zov_log("Read failed, errno = %d\n", errno);
 }
 
 void reportSeek(const char *direction) {
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   zov_log("Failed to seek and %s, errno = %d\n", direction, errno);
 }
 
@@ -101,36 +99,36 @@ int32_t refuse(int error) {
 // Opens what the handle names; errno says why that failed. Reserved names come
 // before the process-wide flags. A file in memory is no concern of the disk
 // whatever its name.
-int32_t openFile(FileHandle &file) {
-  if (isInMemory(file.typeFlags)) {
-    file.mfile = zov_mfOpen(file.path, file.openFlags);
+int32_t openFile(FileHandle &file, uint32_t openFlags, uint32_t typeFlags) {
+  if (isInMemory(typeFlags)) {
+    file.mfile = zov_mfOpen(file.path, openFlags);
     return file.mfile == nullptr ? ZOV_ERROR : ZOV_OKAY;
   }
-  const int32_t streamNumber = zov::standardStream(file.path);
+  const int32_t streamNumber = standardStream(file.path);
   if (streamNumber >= 0) {
-    file.isStd = 1;
+    file.isStd = true;
     return zov_flOpenStd(&file.fd, streamNumber);
   }
-  if (zov::loadFlag(zov_readonly) != 0 && (file.openFlags & kWriteFlags) != 0) {
+  if (loadFlag(zov_readonly) != 0 && (openFlags & kWriteFlags) != 0) {
     return refuse(EROFS);
   }
-  if (zov::loadFlag(zov_diskless) != 0) {
+  if (loadFlag(zov_diskless) != 0) {
     return refuse(EACCES);
   }
-  return zov_flOpen(file.path, file.openFlags, 0, &file.fd);
+  return zov_flOpen(file.path, openFlags, 0, &file.fd);
 }
 
 // Releases a handle whose file is closed or never opened. errno stays as it is,
 // since the caller is about to read what went wrong before.
 void cleanupFile(FileHandle *file) {
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   zov_syncDelete(file->lockMutex.load(std::memory_order_acquire));
   zov_freeMem(file, fileTag);
 }
 
-FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) {
+FileHandle *newHandle(const char *path, uint32_t typeFlags) {
   const size_t pathBytes = strlen(path) + 1;
-  FileHandle *file = zov::makeUncleared<FileHandle>(fileTag, ZOV_HERE, pathBytes);
+  FileHandle *file = makeUncleared<FileHandle>(fileTag, ZOV_HERE, pathBytes);
   if (file == nullptr) {
     return nullptr;
   }
@@ -139,32 +137,40 @@ FileHandle *newHandle(const char *path, uint32_t openFlags, uint32_t typeFlags) 
   return new (file) FileHandle{.path = copy,
                                .fd = ZOV_NO_DESCRIPTOR,
                                .mfile = nullptr,
-                               .openFlags = openFlags,
-                               .typeFlags = static_cast<uint16_t>(typeFlags),
-                               .isStd = 0,
+                               .isStd = false,
+                               .isUnsynced = (typeFlags & ZOV_FILE_NOSYNC) != 0,
                                .lockMutex = ZOV_NO_SYNC};
 }
 
-FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
-  // Truncating always creates what is missing.
-  const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
-  FileHandle *file = newHandle(path, created, typeFlags);
+// A handle for a path, opened by a function that says whether it could. Null
+// with errno.
+template <typename Open>
+FileHandle *openHandle(const char *path, uint32_t typeFlags, Open open) {
+  FileHandle *file = newHandle(path, typeFlags);
   if (file == nullptr) {
     return nullptr;
   }
-  if (openFile(*file) != ZOV_OKAY) {
+  if (!open(*file)) {
     cleanupFile(file);
     return nullptr;
   }
   assert(isInMemory(typeFlags) == (file->mfile != nullptr));
   assert(file->mfile == nullptr || file->fd == ZOV_NO_DESCRIPTOR);
-  file->openFlags &= ~static_cast<uint32_t>(O_CREAT | O_TRUNC);
   return file;
+}
+
+// Whatever the name says, there is no minimum size here.
+FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
+  // Truncating always creates what is missing.
+  const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
+  return openHandle(path, typeFlags, [&](FileHandle &file) {
+    return openFile(file, created, typeFlags) == ZOV_OKAY;
+  });
 }
 
 // Nothing is opened without a path or before start-up.
 bool mayOpen(const void *path) {
-  if (zov::started() && path != nullptr) {
+  if (started() && path != nullptr) {
     return true;
   }
   errno = EINVAL;
@@ -173,19 +179,19 @@ bool mayOpen(const void *path) {
 
 void reportInconsistent(const FileHandle &file) {
   if (strcmp(file.path, "stdout") != 0) {
-    const zov::KeepErrno kept;
+    const KeepErrno kept;
     zov_log("Inconsistent file state %s\n", file.path);
   }
 }
 
 uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
-    return zov::memWrite(file.mfile, buffer, lengthBytes);
+    return memWrite(file.mfile, buffer, lengthBytes);
   }
   if (isWriteProtected(file)) {
     return 0;
   }
-  const uint32_t written = zov::nativeWrite(file.fd, buffer, lengthBytes);
+  const uint32_t written = nativeWrite(file.fd, buffer, lengthBytes);
   if (written == ZOV_IO_FAILED) [[unlikely]] {
     reportWrite();
   }
@@ -194,9 +200,9 @@ uint32_t fileWrite(const FileHandle &file, const void *buffer, uint32_t lengthBy
 
 uint32_t fileRead(const FileHandle &file, void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
-    return zov::memRead(file.mfile, buffer, lengthBytes);
+    return memRead(file.mfile, buffer, lengthBytes);
   }
-  const uint32_t count = zov::nativeRead(file.fd, buffer, lengthBytes);
+  const uint32_t count = nativeRead(file.fd, buffer, lengthBytes);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
     reportRead();
   }
@@ -207,19 +213,19 @@ uint32_t fileSeekWrite(const FileHandle &file, int64_t offset, const void *buffe
                        uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
     return offset == ZOV_OFFSET_CURRENT
-               ? zov::memWrite(file.mfile, buffer, lengthBytes)
-               : zov::memSeekWrite(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+               ? memWrite(file.mfile, buffer, lengthBytes)
+               : memSeekWrite(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
   }
-  return isWriteProtected(file) ? 0 : zov::nativeSeekWrite(file.fd, offset, buffer, lengthBytes);
+  return isWriteProtected(file) ? 0 : nativeSeekWrite(file.fd, offset, buffer, lengthBytes);
 }
 
 uint32_t fileSeekRead(const FileHandle &file, int64_t offset, void *buffer, uint32_t lengthBytes) {
   if (file.mfile != nullptr) {
     return offset == ZOV_OFFSET_CURRENT
-               ? zov::memRead(file.mfile, buffer, lengthBytes)
-               : zov::memSeekRead(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
+               ? memRead(file.mfile, buffer, lengthBytes)
+               : memSeekRead(file.mfile, static_cast<uint64_t>(offset), buffer, lengthBytes);
   }
-  return zov::nativeSeekRead(file.fd, offset, buffer, lengthBytes);
+  return nativeSeekRead(file.fd, offset, buffer, lengthBytes);
 }
 
 // The mutex of a handle, made if there is none yet. Two threads may make one
@@ -268,7 +274,7 @@ void unlockFile(FileHandle &file) {
 
 }  // namespace
 
-int32_t zov::standardStream(const char *path) {
+int32_t standardStream(const char *path) {
   if (strcmp(path, "stdout") == 0) {
     return STDOUT_FILENO;
   }
@@ -278,22 +284,15 @@ int32_t zov::standardStream(const char *path) {
   return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
 }
 
-ZOV_FILE zov::fileOpenNew(const char *path, uint32_t typeFlags) {
-  assert(!isInMemory(typeFlags));
-  FileHandle *file = newHandle(path, O_RDWR, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
-  }
-  const int opened = openNewFile(path);
-  if (opened < 0) {
-    cleanupFile(file);
-    return nullptr;
-  }
-  file->fd = static_cast<uint64_t>(opened);
-  return file;
+ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags) {
+  return openHandle(path, typeFlags, [&](FileHandle &file) {
+    const int opened = openNewFile(path);
+    file.fd = static_cast<uint64_t>(opened);
+    return opened >= 0;
+  });
 }
 
-ZOV_FILE zov::fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status) {
+ZOV_FILE fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status) {
   const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags);
   if (file == nullptr) {
     return nullptr;
@@ -305,55 +304,48 @@ ZOV_FILE zov::fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &s
   return file;
 }
 
-ZOV_FILE zov::fileOpenDraft(const char *path, uint32_t typeFlags) {
-  assert(isInMemory(typeFlags));
-  FileHandle *file = newHandle(path, O_RDWR, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
-  }
-  file->mfile = newMemDraft();
-  if (file->mfile == nullptr) {
-    cleanupFile(file);
-    return nullptr;
-  }
-  return file;
+ZOV_FILE fileOpenDraft(const char *path, uint32_t typeFlags) {
+  return openHandle(path, typeFlags,
+                    [](FileHandle &file) { return (file.mfile = newMemDraft()) != nullptr; });
 }
 
-int zov::descriptorOf(const FileHandle &file) {
+int descriptorOf(const FileHandle &file) {
   assert(file.mfile == nullptr);
   return nativeOf(file.fd);
 }
 
-ZOV_MFILE zov::memFileOf(const FileHandle &file) {
+ZOV_MFILE memFileOf(const FileHandle &file) {
   return file.mfile;
 }
 
-bool zov::closesWhole(ZOV_FILE file) {
+bool closesWhole(ZOV_FILE file) {
   bool isWhole = true;
   if (file->mfile != nullptr) {
     zov_mfClose(file->mfile);
   } else if (file->fd == ZOV_NO_DESCRIPTOR) {
     reportInconsistent(*file);
-  } else if (file->isStd == 0) {
+  } else if (!file->isStd) {
     isWhole = zov_flClose(file->fd) == ZOV_OKAY;
   }
   cleanupFile(file);
   return isWhole;
 }
 
+}  // namespace zov
+
 extern "C" {
 
 ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags) {
-  return mayOpen(path) ? _fileOpenMinSize(path, openFlags, typeFlags) : nullptr;
+  return zov::mayOpen(path) ? zov::_fileOpenMinSize(path, openFlags, typeFlags) : nullptr;
 }
 
 ZOV_FILE zov_fileOpenW(const wchar_t *path, uint32_t openFlags, uint32_t typeFlags) {
-  if (!mayOpen(path)) {
+  if (!zov::mayOpen(path)) {
     return nullptr;
   }
   return zov::withUTF8(
       ZOV_FILE{nullptr},
-      [&](const char *bytes) { return _fileOpenMinSize(bytes, openFlags, typeFlags); }, path);
+      [&](const char *bytes) { return zov::_fileOpenMinSize(bytes, openFlags, typeFlags); }, path);
 }
 
 void zov_fileClose(ZOV_FILE file) {
@@ -366,13 +358,13 @@ int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence) {
 }
 
 uint32_t zov_fileWrite(ZOV_FILE file, const void *buffer, uint32_t lengthBytes) {
-  const uint32_t written = lengthBytes == 0 ? 0 : fileWrite(*file, buffer, lengthBytes);
+  const uint32_t written = lengthBytes == 0 ? 0 : zov::fileWrite(*file, buffer, lengthBytes);
   assert(written <= lengthBytes || written == ZOV_IO_FAILED);
   return written;
 }
 
 uint32_t zov_fileRead(ZOV_FILE file, void *buffer, uint32_t lengthBytes) {
-  const uint32_t count = lengthBytes == 0 ? 0 : fileRead(*file, buffer, lengthBytes);
+  const uint32_t count = lengthBytes == 0 ? 0 : zov::fileRead(*file, buffer, lengthBytes);
   assert(count <= lengthBytes || count == ZOV_IO_FAILED);
   return count;
 }
@@ -382,10 +374,10 @@ uint32_t zov_fileSeekWrite(ZOV_FILE file, int64_t offset, const void *buffer,
   if (lengthBytes == 0) {
     return 0;
   }
-  const uint32_t written = fileSeekWrite(*file, offset, buffer, lengthBytes);
+  const uint32_t written = zov::fileSeekWrite(*file, offset, buffer, lengthBytes);
   assert(written <= lengthBytes || written == ZOV_IO_FAILED);
   if (written == ZOV_IO_FAILED) [[unlikely]] {
-    reportSeek("write");
+    zov::reportSeek("write");
   }
   return written;
 }
@@ -394,10 +386,10 @@ uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer, uint32_t 
   if (lengthBytes == 0) {
     return 0;
   }
-  const uint32_t count = fileSeekRead(*file, offset, buffer, lengthBytes);
+  const uint32_t count = zov::fileSeekRead(*file, offset, buffer, lengthBytes);
   assert(count <= lengthBytes || count == ZOV_IO_FAILED);
   if (count == ZOV_IO_FAILED) [[unlikely]] {
-    reportSeek("read");
+    zov::reportSeek("read");
   }
   return count;
 }
@@ -408,7 +400,7 @@ int64_t zov_fileLength(ZOV_FILE file) {
 }
 
 int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags) {
-  if (isInMemory(typeFlags)) {
+  if (zov::isInMemory(typeFlags)) {
     return path == nullptr ? 0 : static_cast<int64_t>(zov_mfSizeStat(path));
   }
   struct stat status;
@@ -419,40 +411,40 @@ int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes) {
   if (file->mfile != nullptr) {
     return zov_mfSetSize(file->mfile, static_cast<uint64_t>(sizeBytes));
   }
-  return isWriteProtected(*file) ? -1 : zov_flSetSize(file->fd, sizeBytes);
+  return zov::isWriteProtected(*file) ? -1 : zov_flSetSize(file->fd, sizeBytes);
 }
 
 int32_t zov_fileLock(ZOV_FILE file) {
-  return isInMemory(file->typeFlags) ? zov_mfLock(file->mfile) : lockFile(*file);
+  return file->mfile != nullptr ? zov_mfLock(file->mfile) : zov::lockFile(*file);
 }
 
 void zov_fileUnlock(ZOV_FILE file) {
-  if (isInMemory(file->typeFlags)) {
+  if (file->mfile != nullptr) {
     zov_mfUnlock(file->mfile);
   } else {
-    unlockFile(*file);
+    zov::unlockFile(*file);
   }
 }
 
 int32_t zov_fileSync(ZOV_FILE file) {
-  const bool isUnsynced = (file->typeFlags & (ZOV_FILE_MEMORY | ZOV_FILE_NOSYNC)) != 0;
+  const bool isUnsynced = file->mfile != nullptr || file->isUnsynced;
   return isUnsynced || zov::loadFlag(zov_readonly) != 0 ? ZOV_OKAY : zov_flSync(file->fd);
 }
 
 int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags) {
-  if (isInMemory(typeFlags)) {
+  if (zov::isInMemory(typeFlags)) {
     return path == nullptr ? 0 : static_cast<int64_t>(zov_mfModTime(path));
   }
   return path == nullptr || zov::loadFlag(zov_diskless) != 0 ? -1 : zov_flModTime(path);
 }
 
 int32_t zov_fileInit() {
-  fileTag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  return fileTag == ZOV_NO_TAG ? ZOV_ERROR : ZOV_OKAY;
+  zov::fileTag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  return zov::fileTag == ZOV_NO_TAG ? ZOV_ERROR : ZOV_OKAY;
 }
 
 void zov_fileTerm() {
-  zov_freeTagMemory(fileTag, 1);
-  fileTag = ZOV_NO_TAG;
+  zov_freeTagMemory(zov::fileTag, 1);
+  zov::fileTag = ZOV_NO_TAG;
 }
 }

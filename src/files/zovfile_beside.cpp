@@ -18,6 +18,7 @@
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 
+namespace zov {
 namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
@@ -29,7 +30,7 @@ constexpr char kAccessList[] = "system.posix_acl_access";
 // Syncs an open directory and closes it. The status is that of the sync.
 int32_t syncAndClose(int directory) {
   const bool synced = fsync(directory) == 0 || errno == EINVAL;
-  const zov::KeepErrno kept;
+  const KeepErrno kept;
   close(directory);
   return synced ? ZOV_OKAY : ZOV_ERROR;
 }
@@ -56,11 +57,11 @@ bool keepsNoModes(int error) {
 
 }  // namespace
 
-int zov::openNewFile(const char *path) {
+int openNewFile(const char *path) {
   return open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
 }
 
-int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {
+int32_t syncDirectoryOf(const char *path, uint32_t typeFlags) {
   if ((typeFlags & (ZOV_FILE_MEMORY | ZOV_FILE_NOSYNC)) != 0) {
     return ZOV_OKAY;
   }
@@ -76,15 +77,15 @@ int32_t zov::syncDirectoryOf(const char *path, uint32_t typeFlags) {
   return syncAndClose(opened);
 }
 
-mode_t zov::passableMode(int descriptor, mode_t mode) {
+mode_t passableMode(int descriptor, mode_t mode) {
   return passable(fgetxattr(descriptor, kAccessList, nullptr, 0), mode);
 }
 
-mode_t zov::passableMode(const char *path, mode_t mode) {
+mode_t passableMode(const char *path, mode_t mode) {
   return passable(getxattr(path, kAccessList, nullptr, 0), mode);
 }
 
-int32_t zov::giveMode(int descriptor, mode_t wanted, gid_t group) {
+int32_t giveMode(int descriptor, mode_t wanted, gid_t group) {
   struct stat own;
   if (fstat(descriptor, &own) != 0) {
     return ZOV_ERROR;
@@ -99,7 +100,7 @@ int32_t zov::giveMode(int descriptor, mode_t wanted, gid_t group) {
 // umask() tells the bits only by setting others, and between two calls of it
 // another thread would make files under those. The kernel shows them here, in
 // one of the first lines.
-mode_t zov::deniedBits() {
+mode_t deniedBits() {
   const int status = open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
   if (status < 0) {
     return kEverybody;
@@ -113,3 +114,5 @@ mode_t zov::deniedBits() {
   return line == nullptr ? kEverybody
                          : static_cast<mode_t>(strtoul(line + sizeof key - 1, nullptr, 8));
 }
+
+}  // namespace zov

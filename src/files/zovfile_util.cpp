@@ -11,6 +11,7 @@
 #include "core/zov_make.h"
 #include "files/zovfile_private.h"
 
+namespace zov {
 namespace {
 
 bool isSeparator(char character) {
@@ -27,7 +28,7 @@ int32_t createChain(char *path) {
     *at = '\0';
     const int32_t status = zov_dirCreate(path);
     *at = '/';
-    if (!zov::isMadeOrThere(status)) {
+    if (!isMadeOrThere(status)) {
       return status;
     }
   }
@@ -35,6 +36,8 @@ int32_t createChain(char *path) {
 }
 
 }  // namespace
+
+}  // namespace zov
 
 extern "C" {
 
@@ -97,7 +100,7 @@ int32_t zov_dirCreateAll(const char *path) {
   if (copy == nullptr) {
     return ZOV_NOMEMORY;
   }
-  const int32_t status = createChain(copy);
+  const int32_t status = zov::createChain(copy);
   zov_freeMem(copy, ZOV_DEFAULT_TAG);
   return status;
 }

@@ -24,32 +24,28 @@ inline uint32_t transferred(ssize_t result) {
                                                         : static_cast<uint32_t>(result);
 }
 
-inline uint32_t nativeWrite(uint64_t descriptor, const void *buffer, uint32_t lengthBytes) {
-  errno = 0;
-  return transferred(write(nativeOf(descriptor), buffer, lengthBytes));
-}
-
-inline uint32_t nativeRead(uint64_t descriptor, void *buffer, uint32_t lengthBytes) {
-  errno = 0;
-  return transferred(read(nativeOf(descriptor), buffer, lengthBytes));
-}
-
 inline uint32_t nativeSeekWrite(uint64_t descriptor, int64_t offset, const void *buffer,
                                 uint32_t lengthBytes) {
-  if (offset == ZOV_OFFSET_CURRENT) {
-    return nativeWrite(descriptor, buffer, lengthBytes);
-  }
+  const int native = nativeOf(descriptor);
   errno = 0;
-  return transferred(pwrite(nativeOf(descriptor), buffer, lengthBytes, offset));
+  return transferred(offset == ZOV_OFFSET_CURRENT ? write(native, buffer, lengthBytes)
+                                                  : pwrite(native, buffer, lengthBytes, offset));
 }
 
 inline uint32_t nativeSeekRead(uint64_t descriptor, int64_t offset, void *buffer,
                                uint32_t lengthBytes) {
-  if (offset == ZOV_OFFSET_CURRENT) {
-    return nativeRead(descriptor, buffer, lengthBytes);
-  }
+  const int native = nativeOf(descriptor);
   errno = 0;
-  return transferred(pread(nativeOf(descriptor), buffer, lengthBytes, offset));
+  return transferred(offset == ZOV_OFFSET_CURRENT ? read(native, buffer, lengthBytes)
+                                                  : pread(native, buffer, lengthBytes, offset));
+}
+
+inline uint32_t nativeWrite(uint64_t descriptor, const void *buffer, uint32_t lengthBytes) {
+  return nativeSeekWrite(descriptor, ZOV_OFFSET_CURRENT, buffer, lengthBytes);
+}
+
+inline uint32_t nativeRead(uint64_t descriptor, void *buffer, uint32_t lengthBytes) {
+  return nativeSeekRead(descriptor, ZOV_OFFSET_CURRENT, buffer, lengthBytes);
 }
 
 }  // namespace zov

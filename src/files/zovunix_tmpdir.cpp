@@ -19,8 +19,8 @@
 #include "files/zovunix_tmpdir.h"
 
 namespace zov {
+
 std::atomic<char *> zov_tmp = nullptr;
-}  // namespace zov
 
 namespace {
 
@@ -37,22 +37,15 @@ constexpr uint64_t kLongestProbe = kProbeBytes - kNumberBytes;
 // How many names of a probe may be taken before the directory is given up.
 constexpr uint32_t kProbeNames = 100;
 
-// The value of a variable that names a writable directory, or null.
-const char *writableFrom(const char *variable) {
-  const char *directory = getenv(variable);
-  return directory != nullptr && zov_dirWritable(directory) != 0 ? directory : nullptr;
-}
-
 // The first writable directory that has a name of its own.
 const char *findNamed() {
-  const char *directory = writableFrom("TMPDIR");
-  if (directory == nullptr) {
-    directory = writableFrom("TEMPDIR");
+  for (const char *variable : {"TMPDIR", "TEMPDIR"}) {
+    const char *directory = getenv(variable);
+    if (zov_dirWritable(directory) != 0) {
+      return directory;
+    }
   }
-  if (directory == nullptr && zov_dirWritable("/tmp") != 0) {
-    directory = "/tmp";
-  }
-  return directory;
+  return zov_dirWritable("/tmp") != 0 ? "/tmp" : nullptr;
 }
 
 // Makes the probe of a name, or with a number behind it while the name is taken.
@@ -66,22 +59,24 @@ ZOV_FILE openProbe(const char *path, char *end) {
 }
 
 char *copyText(const char *text, ZOV_TAG tag) {
-  return zov::copyString(text, tag, ZOV_HERE);
+  return copyString(text, tag, ZOV_HERE);
 }
 
 }  // namespace
 
-const char *zov::tmpdir() {
+const char *tmpdir() {
   const char *chosen = getenv("QEL_TMPDIR");
   return chosen != nullptr ? chosen : zov_osTmpdir();
 }
 
+}  // namespace zov
+
 extern "C" {
 
 char *zov_findOStmpdir() {
-  const char *named = findNamed();
+  const char *named = zov::findNamed();
   if (named != nullptr) {
-    return copyText(named, ZOV_DEFAULT_TAG);
+    return zov::copyText(named, ZOV_DEFAULT_TAG);
   }
   char *current = zov_currdir();
   if (zov_dirWritable(current) == 0) {
@@ -109,21 +104,21 @@ const char *zov_osTmpdir() {
 
 char *zov_tmpdir(ZOV_TAG tag) {
   const char *directory = zov::tmpdir();
-  return directory == nullptr ? nullptr : copyText(directory, tag);
+  return directory == nullptr ? nullptr : zov::copyText(directory, tag);
 }
 
 int32_t zov_dirWritable(const char *directory) {
   if (directory == nullptr || *directory == '\0') {
     return 0;
   }
-  char probe[kProbeBytes];
+  char probe[zov::kProbeBytes];
   void *thread = reinterpret_cast<void *>(zov_threadId());
   const int32_t length = zov_snprintf(probe, sizeof probe, "%s%cqel_dirtest_tmp%08X%p", directory,
                                       '/', zov_get_pid(), thread);
-  if (length < 0 || static_cast<uint64_t>(length) >= kLongestProbe) {
+  if (length < 0 || static_cast<uint64_t>(length) >= zov::kLongestProbe) {
     return 0;
   }
-  ZOV_FILE file = openProbe(probe, probe + length);
+  ZOV_FILE file = zov::openProbe(probe, probe + length);
   if (file == nullptr) {
     return 0;
   }
@@ -139,12 +134,8 @@ char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *e
   const char *suffix = extension == nullptr ? "tmp" : extension;
   const char *directory = zov::tmpdir();
   const bool isNamed = directory != nullptr && *directory != '\0';
-  const uint32_t number = (*counter)++;
-  const uint32_t pid = zov_get_pid();
-  void *place = counter;
-  return isNamed ? zov_makeStrVA(ZOV_HERE, tag, "%s%c%s_%p_%010u_%03u.%s", directory, '/', name,
-                                 place, pid, number, suffix)
-                 : zov_makeStrVA(ZOV_HERE, tag, "%s_%p_%010u_%03u.%s", name, place, pid, number,
-                                 suffix);
+  return zov_makeStrVA(ZOV_HERE, tag, "%s%s%s_%p_%010u_%03u.%s", isNamed ? directory : "",
+                       isNamed ? "/" : "", name, static_cast<void *>(counter), zov_get_pid(),
+                       (*counter)++, suffix);
 }
 }

@@ -18,6 +18,23 @@
 namespace zov {
 namespace {
 
+// Converts a text into a block of its own, by one of the two directions. Null
+// with errno EILSEQ for an invalid one.
+template <typename To, typename From>
+To *convert(uint32_t (*direction)(To *, uint32_t, const From *, size_t, uint32_t), const From *text,
+            size_t length, uint32_t errorMode) {
+  const uint32_t size = direction(nullptr, 0, text, length, errorMode);
+  if (size == ZOV_UTF8_FAILED) {
+    errno = EILSEQ;
+    return nullptr;
+  }
+  To *converted = makeArray<To>(size, ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (converted != nullptr) {
+    direction(converted, size, text, length, errorMode);
+  }
+  return converted;
+}
+
 // Releases the first strings of an array, from the last back, and the array.
 void releaseStrings(char **strings, int32_t count) {
   while (count > 0) {
@@ -61,37 +78,11 @@ void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes) {
 }
 
 char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
-  if (text == nullptr) {
-    return nullptr;
-  }
-  const size_t length = wcslen(text);
-  const uint32_t sizeBytes = zov::encodeWide(nullptr, 0, text, length, errorMode);
-  if (sizeBytes == ZOV_UTF8_FAILED) {
-    errno = EILSEQ;
-    return nullptr;
-  }
-  char *converted = zov::makeArray<char>(sizeBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (converted != nullptr) {
-    zov::encodeWide(converted, sizeBytes, text, length, errorMode);
-  }
-  return converted;
+  return text == nullptr ? nullptr : zov::convert(zov::encodeWide, text, wcslen(text), errorMode);
 }
 
 wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
-  if (text == nullptr) {
-    return nullptr;
-  }
-  const size_t length = strlen(text);
-  const uint32_t sizeChars = zov::decodeUtf8(nullptr, 0, text, length, errorMode);
-  if (sizeChars == ZOV_UTF8_FAILED) {
-    errno = EILSEQ;
-    return nullptr;
-  }
-  wchar_t *converted = zov::makeArray<wchar_t>(sizeChars, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (converted != nullptr) {
-    zov::decodeUtf8(converted, sizeChars, text, length, errorMode);
-  }
-  return converted;
+  return text == nullptr ? nullptr : zov::convert(zov::decodeUtf8, text, strlen(text), errorMode);
 }
 
 int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out) {
