@@ -138,6 +138,10 @@ TEST(ConsoleOutside, MessagesGoToLibc) {
   EXPECT_EQ(errorsOf([] { printTwice("%s%c", "", 0); }), std::string(1, '\0'));
   EXPECT_EQ(outputOf([] {
               EXPECT_EQ(zov_log("before %d\n", 1), 9);
+              char writable[] = "%n";
+              int32_t length = -1;
+              int32_t (*const log)(const char *, ...) = zov_log;
+              EXPECT_EQ(log(writable, &length) + length, 0) << "libc's checks stay out";
               EXPECT_EQ(zov_printf("printed\n"), 8);
               zov_flush();
               zov_log_flush();
