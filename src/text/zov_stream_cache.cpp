@@ -8,14 +8,14 @@
 //      |---------------|------------------|
 //        goes out next   written over or read next
 //
-// Streams are read from the start or written from the start, so the handle is
-// never positioned, but to the end of a file in memory that is appended to.
-// After a seek out of the block the next transfer goes on where the last one
-// left the handle, whatever offset the stream has by then. One consequence
-// serves the callers: pipes and terminals work as files do.
+// Streams are read or written from the start, so the handle is positioned only to
+// the end of a file in memory that is appended to. After a seek out of the block
+// the next transfer goes on where the last one left the handle, whatever offset the
+// stream has by then. So pipes and terminals work as files do.
 //
 // A stream belongs to one thread at a time and nothing here takes a lock,
 // allocates or jumps.
+#include <assert.h>
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -28,17 +28,18 @@
 namespace zov {
 namespace {
 
-// Bytes of the block that go out: those in front of position; what was written,
-// where a seek has left the block.
+// Bytes of the block to send: those in front of position; those in front of
+// written, where a seek has left the block.
 uint32_t bytesToSend(const FileCache &cache) {
   const uint64_t offset = offsetInBlock(cache);
   return offset <= kBlockBytes ? static_cast<uint32_t>(offset) : cache.written;
 }
 
-// Zeros what lies in the block between the bytes that it holds and position.
+// Zeros the block from the bytes that it holds up to position.
 void clearGap(FileCache &cache) {
   const uint64_t offset = offsetInBlock(cache);
   const uint32_t held = std::max(cache.written, cache.valid);
+  assert(held <= kBlockBytes);
   if (offset <= kBlockBytes && offset > held) {
     memset(cache.data + held, 0, offset - held);
   }
@@ -54,10 +55,11 @@ void placeBlock(FileCache &cache) {
   cache.writeLimit = cache.canWrite && isInFile ? kBlockBytes : 0;
 }
 
-// Takes the bytes out of the block that a handle took before it failed, so that
+// Takes the bytes out of the block that the handle took before it failed, so that
 // the next attempt does not send them twice. The others still wait, and the
 // block may now reach up to a position that was outside of it.
 void dropSent(FileCache &cache, uint32_t sent, uint32_t wanted) {
+  assert(sent < wanted && wanted <= kBlockBytes);
   memmove(cache.data, cache.data + sent, kBlockBytes - sent);
   cache.base += sent;
   cache.written = std::max(cache.written, wanted) - sent;
@@ -65,8 +67,8 @@ void dropSent(FileCache &cache, uint32_t sent, uint32_t wanted) {
   clearGap(cache);
 }
 
-// One transfer to the handle. A file in memory has no mode in which writing goes
-// to its end; its lock keeps others from appending at the same place.
+// One transfer to the handle. A file in memory knows no append mode, so the handle
+// is moved to its end; the file's lock keeps others from appending at that place.
 uint32_t send(FileCache &cache, const char *bytes, uint32_t lengthBytes) {
   if (!cache.seeksEnd) {
     return zov_fileWrite(cache.handle, bytes, lengthBytes);
@@ -81,7 +83,7 @@ uint32_t send(FileCache &cache, const char *bytes, uint32_t lengthBytes) {
 }
 
 // Sends so many bytes of the block, the rest again where a transfer was short,
-// and tells how many went out. Those that the read-only flag drops have gone.
+// and tells how many the handle took. Bytes that the read-only flag drops count.
 uint32_t sendAll(FileCache &cache, uint32_t wanted) {
   uint32_t sent = 0;
   while (sent < wanted) {
@@ -97,8 +99,8 @@ uint32_t sendAll(FileCache &cache, uint32_t wanted) {
   return sent;
 }
 
-// Sends the bytes that wait. False when the handle failed: those that it did not
-// take stay for another attempt, and errno tells why.
+// Sends the bytes that wait. False, with errno, when the handle failed: those that
+// it did not take stay for another attempt.
 bool flushModified(FileCache &cache) {
   if (cache.written == 0) {
     return true;
@@ -133,6 +135,7 @@ uint32_t load(FileCache &cache) {
     return 0;
   }
   cache.valid += count;
+  assert(cache.valid <= kBlockBytes);
   return count;
 }
 
@@ -147,7 +150,7 @@ bool reposition(FileCache &cache) {
   return true;
 }
 
-// What is refused whatever the block holds; errno tells why.
+// False, with errno, where the mode of the stream or its position forbids writing.
 bool mayWrite(const FileCache &cache) {
   const bool isInFile = static_cast<int64_t>(cache.position) >= 0;
   if (cache.canWrite && isInFile) {
@@ -193,6 +196,7 @@ uint32_t fileCacheFill(FileCache &cache) {
 }
 
 bool fileCachePeek(FileCache &cache, uint32_t lengthBytes) {
+  assert(cache.position == cache.base && lengthBytes <= kBlockBytes);
   while (cache.valid < lengthBytes && load(cache) > 0) {
   }
   return cache.valid >= lengthBytes;
@@ -230,11 +234,13 @@ uint64_t fileCacheWrite(FileCache &cache, const void *bytes, uint64_t lengthByte
     cache.position += run;
     cache.written = std::max(cache.written, static_cast<uint32_t>(offset + run));
     taken += run;
+    assert(cache.written <= kBlockBytes);
   }
   return taken;
 }
 
 bool fileCacheReserve(FileCache &cache, uint32_t lengthBytes) {
+  assert(lengthBytes <= kBlockBytes);
   const uint64_t offset = offsetInBlock(cache);
   const bool fits = offset < cache.writeLimit && cache.writeLimit - offset >= lengthBytes;
   return fits || (mayWrite(cache) && reposition(cache));

@@ -15,14 +15,14 @@ constexpr uint32_t kPushbackValues = 20;
 // The one block between a stream and its file handle.
 //
 // 1. The handle is read and written at its own position only, which nothing
-//    but those transfers moves. base, position and length are the stream's own
-//    reckoning: a seek changes position and leaves block and handle alone.
+//    but those transfers moves. base, position and length are counted by the
+//    stream: a seek changes position and leaves block and handle alone.
 // 2. position may lie anywhere, before base and before the file too. position -
-//    base, modulo 2^64, is the offset into the block; it is inside for reading
+//    base, modulo 2^64, is the offset into the block. It is inside for reading
 //    while below valid, for writing while below writeLimit.
 // 3. While written is not 0, bytes wait in the block. Before it is used for
-//    anything else the handle gets what lies between base and position; where
-//    position is outside of the block, what lies in front of written.
+//    anything else the handle gets the bytes between base and position; where
+//    position is outside of the block, those in front of written.
 // 4. Up to position the block holds what was read, what was written, or zeros.
 // 5. valid and written are at most kBlockBytes.
 struct FileCache {
@@ -34,8 +34,8 @@ struct FileCache {
   bool canRead;
   bool canWrite;
   bool seeksEnd;    // each transfer to the handle goes to the end of the file
-  bool readFailed;  // once; what looked like the end of the input may not be it
-  uint64_t length;  // known end of the file but for the block; 0: read and see
+  bool readFailed;  // once: the end of the input may not be that of the file
+  uint64_t length;  // end of the file without the block; 0 while it is not known
   ZOV_FILE handle;
   char data[kBlockBytes];
 };
@@ -44,8 +44,8 @@ struct FileCache {
 struct FileUse {
   bool canRead;
   bool canWrite;
-  bool appends = false;   // the end of the file is where writing starts
-  bool seeksEnd = false;  // and the handle does not go there by itself
+  bool appends = false;   // writing starts at the end of the file
+  bool seeksEnd = false;  // the handle does not go there by itself
   bool hasEnd = false;    // the handle is asked for its length
 };
 
@@ -62,17 +62,17 @@ inline uint64_t fileCacheLength(const FileCache &cache) {
 // Puts a zero-filled cache on a handle, which it owns from then on.
 void fileCacheOpen(FileCache &cache, ZOV_FILE handle, const FileUse &use);
 
-// Sends what is left to the handle and closes it. errno tells what failed first
-// and is as it was when nothing did.
+// Sends the bytes that wait and closes the handle. errno tells what failed first
+// and stays when nothing did.
 void fileCacheClose(FileCache &cache);
 
-// Brings the byte at position into the block for reading and tells how many
-// bytes can be taken from there on; 0 at the end of the file or on failure.
+// Brings the byte at position into the block and tells how many bytes can be read
+// from there on; 0 at the end of the file or on failure.
 uint32_t fileCacheFill(FileCache &cache);
 
-// Tells whether a stream that has not moved yet has so many bytes, reading on
-// behind those in the block as long as it has fewer. Leaves the block in place:
-// what was looked at can still be read.
+// Whether a stream that has not moved yet has so many bytes, at most a block of
+// them. Reads on behind those in the block while it has fewer, and leaves them to
+// be read.
 bool fileCachePeek(FileCache &cache, uint32_t lengthBytes);
 
 // Each gives the number of bytes moved, fewer than asked for at the end of the
@@ -80,15 +80,16 @@ bool fileCachePeek(FileCache &cache, uint32_t lengthBytes);
 uint32_t fileCacheRead(FileCache &cache, void *buffer, uint32_t lengthBytes);
 uint64_t fileCacheWrite(FileCache &cache, const void *bytes, uint64_t lengthBytes);
 
-// Makes sure that so many bytes, of a few, can be written without failing.
+// Makes sure that so many bytes, at most a block of them, can be written without
+// failing.
 bool fileCacheReserve(FileCache &cache, uint32_t lengthBytes);
 
 // Moves position. ZOV_ERROR for an origin other than 0, 1 and 2.
 int32_t fileCacheSeek(FileCache &cache, int64_t offset, int32_t origin);
 
-// Sends what the block holds to the handle and the handle's file to disk. errno
-// tells what failed and is as it was when nothing did; that a pipe or a terminal
-// cannot be synced is no failure to it.
+// Sends the bytes that wait and syncs the handle's file. errno tells what failed
+// and stays when nothing did; a pipe or a terminal, which cannot be synced, changes
+// the status and not errno.
 int32_t fileCacheSync(FileCache &cache);
 
 // The same, and tells whether the file then is as long as it should be.
@@ -108,28 +109,26 @@ inline bool fileCachePutByte(FileCache &cache, char byte) {
 
 }  // namespace zov
 
-// An open stream, one block of the default tag together with its cache block:
-// a failing allocation that jumps cannot leave half a stream behind. What the
-// byte calls look at comes first, up to the block's data in one cache line.
+// An open stream, one block of the default tag together with its cache block: an
+// allocation that jumps cannot leave half a stream behind. The fields of the byte
+// calls come first, in one cache line.
 struct TextStream {
   int32_t encoding;        // of zov_encoding, or what the caller of zov_fopen() said
   uint32_t pushbackCount;  // values in use
   zov::FileCache cache;
-  int32_t swap;       // 1: UTF-16 units are read byte-swapped; no mark sets it
-  int32_t bomLength;  // bytes of the mark at the start of the file: 0, 2 or 3
+  int32_t bomLength;                        // bytes of the byte-order mark of the file: 0, 2 or 3
   uint32_t pushback[zov::kPushbackValues];  // a stack, its top at pushbackCount - 1
   char *formatBuffer;                       // of the default tag, null until it is needed
   uint32_t formatCapacity;                  // its size in bytes
   uint32_t pendingCode;                     // UTF-16 output: code point put together so far
-  int32_t pendingBytes;                     // UTF-16 output: continuation bytes it still wants
+  int32_t pendingBytes;                     // UTF-16 output: continuation bytes to come
 };
 
 namespace zov {
 
-// zov_fopen() on a file that is open already and stands at its start; the mode
-// must fit how it was opened. The stream owns the handle. Null, with errno, for
-// a bad mode or without memory: the handle is then still the caller's. Never
-// jumps.
+// zov_fopen() on a handle that is open and stands at its start; the mode must fit
+// how it was opened. The stream owns the handle. Null, with errno, for a bad mode
+// or without memory: the handle is then still the caller's. Never jumps.
 ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding);
 
 // Whether the end of the input was that of the file: a failing read looks the same.

@@ -9,8 +9,9 @@
 // Byte streams are read in runs straight out of the cache block. A stream whose
 // encoding is neither of the two yields zeros without reading and never ends.
 //
-// Reading takes no lock. Only zov_fGetLine() allocates and may jump; what the
-// caller's pointers say is true at that moment.
+// Reading takes no lock. Only zov_fGetLine() allocates and may jump; the caller's
+// block and its size are then as they were before that allocation.
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
@@ -18,13 +19,12 @@
 #include "core/zov_make.h"
 #include "text/zov_stream_private.h"
 
+namespace zov {
 namespace {
-
-using zov::FileCache;
 
 constexpr int32_t kEndOfInput = -1;
 
-// What an unpaired low surrogate reads as.
+// An unpaired low surrogate reads as this.
 constexpr int32_t kStandIn = '.';
 
 // Lines are read into blocks that start and grow by this much.
@@ -42,28 +42,30 @@ bool readsRuns(const TextStream &stream) {
 }
 
 int32_t takeByte(FileCache &cache) {
-  const char byte = cache.data[zov::offsetInBlock(cache)];
+  assert(offsetInBlock(cache) < cache.valid);
+  const char byte = cache.data[offsetInBlock(cache)];
   ++cache.position;
   return static_cast<uint8_t>(byte);
 }
 
-// Half a unit at the end of the file is not one.
+// False at the end of the file, and for half a unit before it.
 bool readUnit(FileCache &cache, uint16_t &unit) {
-  const uint64_t offset = zov::offsetInBlock(cache);
+  const uint64_t offset = offsetInBlock(cache);
   if (offset < cache.valid && cache.valid - offset >= sizeof unit) [[likely]] {
     memcpy(&unit, cache.data + offset, sizeof unit);
     cache.position += sizeof unit;
     return true;
   }
-  return zov::fileCacheRead(cache, &unit, sizeof unit) == sizeof unit;
+  return fileCacheRead(cache, &unit, sizeof unit) == sizeof unit;
 }
 
 // Gives the first byte of a character's UTF-8 form and pushes the others back,
-// last one first. The stack is empty, so they fit.
+// last one first.
 int32_t firstOfEncoded(TextStream &stream, uint32_t codePoint) {
   char bytes[4];
   uint32_t count = 0;
   zov_utf8_codes(codePoint, bytes, &count);
+  assert(stream.pushbackCount == 0 && count <= kPushbackValues);
   while (count > 1) {
     stream.pushback[stream.pushbackCount++] = static_cast<uint8_t>(bytes[--count]);
   }
@@ -75,9 +77,6 @@ int32_t nextDecoded(TextStream &stream) {
   if (!readUnit(stream.cache, unit)) {
     return kEndOfInput;
   }
-  if (stream.swap != 0) {
-    unit = zov_swaporder16(unit);
-  }
   if (unit < 0x80) {
     return unit;
   }
@@ -87,7 +86,7 @@ int32_t nextDecoded(TextStream &stream) {
   if ((unit & 0xFC00) != 0xD800) {
     return firstOfEncoded(stream, unit);
   }
-  // Any unit passes for the low half, in the order it is stored in.
+  // Any unit passes for the low half.
   uint16_t low = 0;
   if (!readUnit(stream.cache, low)) {
     return kEndOfInput;
@@ -95,14 +94,15 @@ int32_t nextDecoded(TextStream &stream) {
   return firstOfEncoded(stream, 0x10000u + ((unit & 0x3FFu) << 10) + (low & 0x3FFu));
 }
 
-// What nextByte() does when the byte does not lie ready in the block.
+// nextByte() where the block does not have the byte ready.
 [[gnu::noinline]] int32_t nextByteSlow(TextStream &stream) {
+  assert(stream.pushbackCount <= kPushbackValues);
   if (stream.pushbackCount > 0) {
     return static_cast<int32_t>(stream.pushback[--stream.pushbackCount]);
   }
   switch (stream.encoding) {
     case ZOV_ENC_BYTES:
-      return zov::fileCacheFill(stream.cache) > 0 ? takeByte(stream.cache) : kEndOfInput;
+      return fileCacheFill(stream.cache) > 0 ? takeByte(stream.cache) : kEndOfInput;
     case ZOV_ENC_UTF16:
       return nextDecoded(stream);
     default:
@@ -112,7 +112,7 @@ int32_t nextDecoded(TextStream &stream) {
 
 inline int32_t nextByte(TextStream &stream) {
   FileCache &cache = stream.cache;
-  if (readsRuns(stream) && zov::offsetInBlock(cache) < cache.valid) [[likely]] {
+  if (readsRuns(stream) && offsetInBlock(cache) < cache.valid) [[likely]] {
     return takeByte(cache);
   }
   return nextByteSlow(stream);
@@ -121,11 +121,11 @@ inline int32_t nextByte(TextStream &stream) {
 // Copies up to and with the next newline out of the block. Stops short at the
 // block's end; a count of 0 is the end of the input.
 LinePiece copyRun(FileCache &cache, char *out, uint32_t room) {
-  const uint32_t limit = std::min(room, zov::fileCacheFill(cache));
+  const uint32_t limit = std::min(room, fileCacheFill(cache));
   if (limit == 0) {
     return {0, false};
   }
-  const char *from = cache.data + zov::offsetInBlock(cache);
+  const char *from = cache.data + offsetInBlock(cache);
   const void *newline = memchr(from, '\n', limit);
   const uint32_t count = newline == nullptr
                              ? limit
@@ -157,7 +157,7 @@ LinePiece readPiece(TextStream &stream, char *out, uint32_t room) {
   return piece;
 }
 
-// Grows a line's block. On failure block and size stay as they are.
+// Grows a line's block. False without memory: block and size stay as they are.
 bool growLine(char **buffer, uint32_t *sizeBytes) {
   if (*sizeBytes > UINT32_MAX - kLineBytes) {
     return false;
@@ -172,30 +172,31 @@ bool growLine(char **buffer, uint32_t *sizeBytes) {
   return true;
 }
 
-// Reads into a block that is there already.
-zov::LineEnd getLine(TextStream &stream, char **buffer, uint32_t *sizeBytes, uint32_t &used) {
+// Reads a line into a block that exists.
+LineEnd getLine(TextStream &stream, char **buffer, uint32_t *sizeBytes, uint32_t &used) {
   used = 0;
   for (;;) {
+    assert(used < *sizeBytes);
     const uint32_t room = *sizeBytes - 1 - used;
     const LinePiece piece = readPiece(stream, *buffer + used, room);
     if (piece.count == 0 && room > 0) {
-      return used > 0 ? zov::LineEnd::kWhole : zov::LineEnd::kNothing;
+      return used > 0 ? LineEnd::kWhole : LineEnd::kNothing;
     }
     used += piece.count;
     (*buffer)[used] = '\0';
     if (piece.hasNewline) {
-      return zov::LineEnd::kWhole;
+      return LineEnd::kWhole;
     }
     if (!growLine(buffer, sizeBytes)) {
-      return zov::LineEnd::kNoMemory;
+      return LineEnd::kNoMemory;
     }
   }
 }
 
 }  // namespace
 
-zov::LineEnd zov::streamGetLine(TextStream &stream, char **buffer, uint32_t *sizeBytes,
-                                uint32_t *lengthBytes) {
+LineEnd streamGetLine(TextStream &stream, char **buffer, uint32_t *sizeBytes,
+                      uint32_t *lengthBytes) {
   *lengthBytes = 0;
   if (*buffer == nullptr) {
     *buffer = makeZeroArray<char>(kLineBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
@@ -211,15 +212,17 @@ zov::LineEnd zov::streamGetLine(TextStream &stream, char **buffer, uint32_t *siz
   return ends ? getLine(stream, buffer, sizeBytes, *lengthBytes) : LineEnd::kNothing;
 }
 
+}  // namespace zov
+
 extern "C" {
 
 int32_t zov_fgetc(ZOV_STREAM stream) {
-  return nextByte(*stream);
+  return zov::nextByte(*stream);
 }
 
 int32_t zov_fungetc(int32_t value, ZOV_STREAM stream) {
   if (stream->pushbackCount >= zov::kPushbackValues) {
-    return kEndOfInput;
+    return zov::kEndOfInput;
   }
   stream->pushback[stream->pushbackCount++] = static_cast<uint32_t>(value);
   return value;
@@ -230,7 +233,7 @@ char *zov_fgets(char *buffer, int32_t sizeBytes, ZOV_STREAM stream) {
     return nullptr;
   }
   const uint32_t room = static_cast<uint32_t>(sizeBytes) - 1;
-  const LinePiece piece = readPiece(*stream, buffer, room);
+  const zov::LinePiece piece = zov::readPiece(*stream, buffer, room);
   if (piece.count == 0 && room > 0) {
     return nullptr;
   }

@@ -11,13 +11,13 @@
 //
 // Writing takes no lock. Only the formatting calls allocate and may jump, with
 // the stream as it was.
+#include <assert.h>
 #include <string.h>
 
 #include "text/zov_stream_private.h"
 
+namespace zov {
 namespace {
-
-using zov::fileCacheWrite;
 
 constexpr uint8_t kFirstLead = 0xC2;  // those below lead overlong forms
 constexpr uint8_t kLastLead = 0xF4;   // those above lead past U+10FFFF
@@ -25,6 +25,7 @@ constexpr uint8_t kLastLead = 0xF4;   // those above lead past U+10FFFF
 // Writes a character whole or leaves nothing of it. Gives false in both cases,
 // the answer that its last byte gets, see above.
 bool putCodePoint(TextStream &stream, uint32_t codePoint) {
+  assert(stream.pendingBytes == 0);
   uint16_t units[2] = {static_cast<uint16_t>(codePoint)};
   uint32_t bytes = sizeof units[0];
   if (codePoint > 0xFFFF) {
@@ -32,7 +33,7 @@ bool putCodePoint(TextStream &stream, uint32_t codePoint) {
     units[1] = static_cast<uint16_t>(0xDC00u | (codePoint & 0x3FFu));
     bytes = sizeof units;
   }
-  if (zov::fileCacheReserve(stream.cache, bytes)) {
+  if (fileCacheReserve(stream.cache, bytes)) {
     fileCacheWrite(stream.cache, units, bytes);
   }
   return false;
@@ -50,9 +51,9 @@ bool startSequence(TextStream &stream, uint8_t byte) {
   return true;
 }
 
-// A byte that does not continue the sequence is refused and the sequence goes
-// on waiting.
+// Refuses a byte that does not continue the sequence, which goes on waiting.
 bool continueSequence(TextStream &stream, uint8_t byte) {
+  assert(stream.pendingBytes >= 1 && stream.pendingBytes <= 3);
   if ((byte & 0xC0) != 0x80) {
     return false;
   }
@@ -63,7 +64,7 @@ bool continueSequence(TextStream &stream, uint8_t byte) {
 
 bool _zov_fputc(TextStream &stream, char character) {
   if (stream.encoding == ZOV_ENC_BYTES) [[likely]] {
-    return zov::fileCachePutByte(stream.cache, character);
+    return fileCachePutByte(stream.cache, character);
   }
   if (stream.encoding != ZOV_ENC_UTF16) {
     return false;
@@ -72,7 +73,7 @@ bool _zov_fputc(TextStream &stream, char character) {
   return stream.pendingBytes == 0 ? startSequence(stream, byte) : continueSequence(stream, byte);
 }
 
-// Writes characters as if one by one, up to the first that fails.
+// Writes bytes as if one by one, up to the first that fails.
 bool putAll(TextStream &stream, const char *text, uint64_t length) {
   if (stream.encoding == ZOV_ENC_BYTES) {
     return fileCacheWrite(stream.cache, text, length) == length;
@@ -85,7 +86,8 @@ bool putAll(TextStream &stream, const char *text, uint64_t length) {
   return true;
 }
 
-// Makes room for lengthBytes characters and their terminator.
+// Grows the format buffer, where it is shorter than a text of that length and its
+// NUL. False without memory.
 bool checkSize(TextStream &stream, uint32_t lengthBytes) {
   const uint32_t wanted = lengthBytes + 1;
   if (stream.formatCapacity >= wanted) {
@@ -100,8 +102,8 @@ bool checkSize(TextStream &stream, uint32_t lengthBytes) {
   return true;
 }
 
-// Formats into the stream's buffer. The first pass measures and, the buffer
-// having grown to what is usual, mostly is the only one.
+// Formats into the stream's buffer. A text that does not fit is measured, and
+// formatted again into a buffer that has grown.
 ZOV_PRINTF(2, 0)
 int32_t formatInto(TextStream &stream, const char *text, va_list arguments) {
   const int32_t length = zov_vsnprintf(stream.formatBuffer, stream.formatCapacity, text, arguments);
@@ -115,24 +117,25 @@ int32_t formatInto(TextStream &stream, const char *text, va_list arguments) {
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
 int32_t zov_fputc(int32_t character, ZOV_STREAM stream) {
-  return _zov_fputc(*stream, static_cast<char>(character)) ? 1 : 0;
+  return zov::_zov_fputc(*stream, static_cast<char>(character)) ? 1 : 0;
 }
 
 int32_t zov_fputs(const char *text, ZOV_STREAM stream) {
   const uint64_t length = strlen(text);
-  return putAll(*stream, text, length) ? static_cast<int32_t>(length) : -1;
+  return zov::putAll(*stream, text, length) ? static_cast<int32_t>(length) : -1;
 }
 
 int32_t zov_vfprintf(ZOV_STREAM stream, const char *format, va_list arguments) {
-  const int32_t length = formatInto(*stream, format, arguments);
+  const int32_t length = zov::formatInto(*stream, format, arguments);
   if (length < 1) {
     return length;
   }
-  return putAll(*stream, stream->formatBuffer, static_cast<uint64_t>(length)) ? length : -1;
+  return zov::putAll(*stream, stream->formatBuffer, static_cast<uint64_t>(length)) ? length : -1;
 }
 
 int32_t zov_fprintf(ZOV_STREAM stream, const char *format, ...) {

@@ -10,11 +10,12 @@
 
 #include "zov.h"
 
+namespace zov {
 namespace {
 
-// Replaces every byte that has the class by its entry of the conversion table.
-// Works on libc's tables themselves: they are looked up once for the string and
-// not once for each byte, and they can be indexed by negative characters.
+// Replaces every byte of the class by its entry of the conversion table. Uses
+// libc's tables, which are looked up once for the string and not for each byte,
+// and may be indexed by negative characters.
 char *convertCase(char *text, unsigned short classMask, const int32_t *conversion) {
   const unsigned short *classes = *__ctype_b_loc();
   for (char *place = text; *place != '\0'; ++place) {
@@ -37,23 +38,24 @@ wchar_t *convertCase(wchar_t *text, int (*hasClass)(wint_t), wint_t (*convert)(w
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
 char *strupr(char *text) {
-  return text == nullptr ? nullptr : convertCase(text, _ISlower, *__ctype_toupper_loc());
+  return text == nullptr ? nullptr : zov::convertCase(text, _ISlower, *__ctype_toupper_loc());
 }
 
 char *strlwr(char *text) {
-  return text == nullptr ? nullptr : convertCase(text, _ISupper, *__ctype_tolower_loc());
+  return text == nullptr ? nullptr : zov::convertCase(text, _ISupper, *__ctype_tolower_loc());
 }
 
 wchar_t *wcsupr(wchar_t *text) {
-  return text == nullptr ? nullptr : convertCase(text, iswlower, towupper);
+  return text == nullptr ? nullptr : zov::convertCase(text, iswlower, towupper);
 }
 
 wchar_t *wcslwr(wchar_t *text) {
-  return text == nullptr ? nullptr : convertCase(text, iswupper, towlower);
+  return text == nullptr ? nullptr : zov::convertCase(text, iswupper, towlower);
 }
 
 char *zov_strncpyZ(char *destination, const char *source, uint64_t size) {
