@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Transfers of files in memory as the layer of file handles has them: want of memory
-// is a failure there, and not the end of the file.
+// Transfers of files in memory for the layer of file handles, where a shortage of
+// memory is a failure and not the end of the file.
 #ifndef ZOV_MEMSTORE_ZOVMFILE_TRANSFER_H
 #define ZOV_MEMSTORE_ZOVMFILE_TRANSFER_H
 
@@ -10,7 +10,7 @@
 namespace zov {
 
 // zov_mfRead() and its kin, but ZOV_IO_FAILED, with errno ENOMEM, when there was
-// something to move and for want of memory nothing was.
+// something to move and a shortage of memory let nothing be moved.
 uint32_t memRead(ZOV_MFILE file, void *buffer, uint32_t length);
 uint32_t memWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
 uint32_t memSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Segmented files: growable arrays of bytes in the regions of one heap context
-// each. The context's root block is the file's header, shared by all who have
-// the file open; a handle holds the segments that it has touched:
+// each. The context's root block is the file's header, shared by all handles of
+// the file; a handle holds the segments that it has touched:
 //
 //   SegFile.segs[n] -> cache region n -> bytes [calc_segstart(n), + calc_segsize(n))
 //
@@ -10,10 +10,10 @@
 // handle belongs to one thread at a time. Under it the cache takes its own
 // mutex. size and modTime are atomics besides, read without the lock.
 //
-// Bytes at and past the size are zero, wherever there is memory for them: what
-// is cut off is cleared if it stays. A segment that is cut off while another
-// handle has it open is doomed to go with its last close; whoever needs it again
-// calls that off. Holes are segments that do not exist yet.
+// Bytes at and past the size are zero: what is cut off is cleared if it stays. A
+// segment that is cut off while another handle has it open is destroyed with its
+// last close, unless a handle needs it again before. Holes are segments that do not
+// exist yet.
 //
 // Nothing jumps: what allocates may do so under the file's lock, so jumps are
 // held off from before it is entered.
@@ -24,7 +24,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <atomic>
 
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
@@ -34,20 +33,37 @@
 #include "memstore/zovshmcache_private.h"
 #include "memstore/zovshmheap_private.h"
 
-namespace {
+namespace zov {
 
-// The root block of a file. Its layout is that of everybody who has the file
-// open, and of who reads it by the context's id.
+// The root block of a file. The heap reads words of it too, by their offset.
 struct SegHeader {
   uint64_t modTime;      // of the last write, in seconds; 0 until then
-  uint32_t numSegments;  // one more than the highest number made and not cut off
+  uint32_t numSegments;  // one above the highest number made and not cut off
   uint32_t segSize;      // base segment size in bytes, 0 until the first open
   uint64_t size;         // bytes in the file
 };
 static_assert(sizeof(SegHeader) == 24 && offsetof(SegHeader, size) == 16);
 
-// A piece of a file within one segment, which is pinned at base.
+}  // namespace zov
+
+// baseBytes repeats the header's segSize, which never changes after the first open:
+// transfers compute with it and need not load the header.
+struct SegFile {
+  ZOV_CACHE_CTX ctx;
+  uint64_t id;
+  zov::SegHeader *hdr;
+  zov::SlotTable<ZOV_CACHE_REGION> segs;  // the segments that are open
+  uint32_t baseBytes;
+};
+
+namespace zov {
+namespace {
+
+using Slots = SlotTable<ZOV_CACHE_REGION>;
+
+// A piece of a file within one segment, whose region is pinned at base.
 struct Piece {
+  ZOV_CACHE_REGION region;
   void *base;
   char *data;
   uint32_t bytes;
@@ -55,32 +71,15 @@ struct Piece {
 
 constexpr uint32_t kSpareSlots = 3;
 
-// Bytes lie below this offset. It is a bound on what a mistaken offset can cost,
-// not on what memory holds.
+// Bytes lie below this offset. It bounds what a mistaken offset can cost.
 constexpr uint64_t kEndOfBytes = uint64_t{1} << 47;
 
 uint32_t pagesize = 0;
 
-}  // namespace
-
-// baseBytes is the header's segSize, which never changes after the first open.
-struct SegFile {
-  ZOV_CACHE_CTX ctx;
-  uint64_t id;
-  SegHeader *hdr;
-  zov::SlotTable<ZOV_CACHE_REGION> segs;  // the segments that are open
-  uint32_t baseBytes;
-};
-
-namespace {
-
-using Slots = zov::SlotTable<ZOV_CACHE_REGION>;
-using zov::loadRelaxed;
-using zov::storeRelaxed;
-
-// The number of the segment that an offset lies in. Seven groups of segments,
-// each four times the size of the group before; in every group the first three
-// quarters of the file up to its end come before it.
+// The number of the segment that an offset lies in. With base size B, group 0 has
+// four segments of B bytes; group g, 1 to 5, has three of 4^g * B; group 6 the rest.
+// A segment of group g > 0 begins at a multiple of its size, in groups 1 to 5 at 1,
+// 2 or 3 times it; so its number is offset / size + 3g.
 uint64_t calc_segno(uint32_t baseBytes, uint64_t offset) {
   const uint64_t base = baseBytes;
   if (offset < 4 * base) {
@@ -96,7 +95,7 @@ uint64_t calc_segno(uint32_t baseBytes, uint64_t offset) {
   return offset / segment + before;
 }
 
-// How many times the base size a segment has, as a power of four.
+// The group of a segment, whose size is 4^group times the base size.
 uint32_t groupOf(uint32_t number) {
   return number < 4 ? 0 : std::min((number - 1) / 3, 6u);
 }
@@ -109,7 +108,7 @@ uint64_t calc_segstart(uint32_t baseBytes, uint32_t number) {
   return uint64_t{number - 3 * groupOf(number)} * calc_segsize(baseBytes, number);
 }
 
-// Gives the handle a slot for a segment; null when memory is short.
+// The handle's slot for a segment, made if there is none; null when memory is short.
 ZOV_CACHE_REGION *updateSegArray(SegFile &file, uint32_t number) {
   return file.segs.reserve(number, kSpareSlots, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
@@ -129,10 +128,10 @@ ZOV_CACHE_REGION createSegment(SegFile &file, uint32_t number, uint32_t size) {
   return region;
 }
 
-// Keeps a region that was doomed when its segment was cut off: creating it once
-// more calls the destruction off.
+// Keeps a region whose segment was cut off from its pending destruction: creating it
+// once more calls that off.
 ZOV_CACHE_REGION keepSegment(SegFile &file, uint32_t number, ZOV_CACHE_REGION region) {
-  if (region != nullptr && zov::shmCacheIsDestroyPending(region)) [[unlikely]] {
+  if (region != nullptr && shmCacheIsDestroyPending(region)) [[unlikely]] {
     zov_shmCacheClose(createSegment(file, number, 0));
   }
   return region;
@@ -144,8 +143,8 @@ ZOV_CACHE_REGION openSegment(SegFile &file, uint32_t number, uint32_t size) {
   return keepSegment(file, number, region);
 }
 
-// Opens a segment that this handle has not open, or makes it. One that is there
-// but cannot be opened, memory being short, must not be replaced by a new one.
+// Opens a segment that this handle has not open, or makes it. One that exists but
+// cannot be opened, because memory is short, must not be replaced by a new one.
 ZOV_CACHE_REGION openOrCreate(SegFile &file, uint32_t number, uint32_t size) {
   ZOV_CACHE_REGION *slot = updateSegArray(file, number);
   if (slot == nullptr) {
@@ -153,7 +152,7 @@ ZOV_CACHE_REGION openOrCreate(SegFile &file, uint32_t number, uint32_t size) {
   }
   const bool inFile = number < file.hdr->numSegments;
   *slot = inFile ? openSegment(file, number, size) : nullptr;
-  if (*slot == nullptr && !(inFile && zov::shmCacheHasRegion(file.ctx, number))) {
+  if (*slot == nullptr && !(inFile && shmCacheHasRegion(file.ctx, number))) {
     *slot = createSegment(file, number, size);
   }
   return *slot;
@@ -166,6 +165,7 @@ ZOV_CACHE_REGION getSegment(SegFile &file, uint32_t number, uint32_t size) {
 
 void releaseSegment(SegFile &file, uint32_t number) {
   ZOV_CACHE_REGION *slot = file.segs.find(number);
+  assert(slot != nullptr && *slot != nullptr);
   zov_shmCacheClose(*slot);
   *slot = nullptr;
 }
@@ -185,7 +185,7 @@ void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
     releaseSegment(file, number);
   }
   zov_shmCacheDestroy(file.ctx, number);
-  ZOV_CACHE_REGION region = zov::shmCacheOpened(file.ctx, number);
+  ZOV_CACHE_REGION region = shmCacheOpened(file.ctx, number);
   const uint64_t start = calc_segstart(file.baseBytes, number);
   if (region != nullptr && size > start) {
     clearRegion(region, std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
@@ -195,50 +195,51 @@ void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
 // Cuts off the segments from `kept` on.
 void cutSegments(SegFile &file, uint32_t kept) {
   SegHeader &header = *file.hdr;
-  uint32_t number = zov::shmCacheHighestRegion(file.ctx, header.numSegments);
+  uint32_t number = shmCacheHighestRegion(file.ctx, header.numSegments);
   for (; number != Slots::kNoNumber && number >= kept;
-       number = zov::shmCacheHighestRegion(file.ctx, number)) {
+       number = shmCacheHighestRegion(file.ctx, number)) {
     deleteSegment(file, number, header.size);
   }
   header.numSegments = std::min(header.numSegments, kept);
 }
 
-// Pins the segment at an offset. False when there is no memory for it.
+// Pins the segment at an offset, making it if it is missing. False when memory is
+// short.
 bool accessDataInSegment(SegFile &file, uint64_t offset, uint32_t wanted, Piece &piece) {
   const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
   const uint32_t size = calc_segsize(file.baseBytes, number);
-  ZOV_CACHE_REGION region = getSegment(file, number, size);
-  piece.base = region == nullptr ? nullptr : zov_shmCacheGetPtr(region);
+  piece.region = getSegment(file, number, size);
+  piece.base = piece.region == nullptr ? nullptr : zov_shmCacheGetPtr(piece.region);
   if (piece.base == nullptr) {
     return false;
   }
   const uint32_t position = static_cast<uint32_t>(offset - calc_segstart(file.baseBytes, number));
+  assert(position < size && wanted > 0);
   piece.data = static_cast<char *>(piece.base) + position;
   piece.bytes = std::min(size - position, wanted);
   return true;
 }
 
-void releaseDataInSegment(SegFile &file, uint64_t offset, const Piece &piece) {
-  const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
-  zov_shmCacheReleasePtr(file.segs.get(number), piece.base);
+void releaseDataInSegment(const Piece &piece) {
+  zov_shmCacheReleasePtr(piece.region, piece.base);
 }
 
-// Calls copy(data, bytes, done) for each piece of a range, until one cannot be
-// had; tells how many bytes that were.
+// Calls copy(data, bytes, done) for each piece of a range until the end or until
+// memory is short, and returns the number of bytes so far.
 template <typename Copy>
 uint32_t forEachPiece(SegFile &file, uint64_t offset, uint32_t length, Copy copy) {
   uint32_t done = 0;
   Piece piece;
   while (done < length && accessDataInSegment(file, offset + done, length - done, piece)) {
     copy(piece.data, piece.bytes, done);
-    releaseDataInSegment(file, offset + done, piece);
+    releaseDataInSegment(piece);
     done += piece.bytes;
   }
   return done;
 }
 
-// Transfers give how many bytes they moved, or kNoMemory when there were some to
-// move and memory for none.
+// Transfers return the number of bytes they moved, or kNoMemory when there were some
+// to move and a shortage let none be moved.
 constexpr int64_t kNoMemory = -1;
 
 int64_t transferred(uint32_t wanted, uint32_t done) {
@@ -278,14 +279,14 @@ int64_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t 
   return transferred(wanted, written);
 }
 
-// Clears what the last segment that is kept holds between the new size and the
-// old one.
+// Clears the bytes of the last kept segment that lie between the new size and the
+// old one. False when it cannot be pinned.
 bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
   const uint64_t oldSize = file.hdr->size;
   const uint32_t segmentBytes = calc_segsize(file.baseBytes, lastKept);
   const uint64_t start = calc_segstart(file.baseBytes, lastKept);
   const uint64_t end = std::min(oldSize, start + segmentBytes);
-  if (size >= end || !zov::shmCacheHasRegion(file.ctx, lastKept)) {
+  if (size >= end || !shmCacheHasRegion(file.ctx, lastKept)) {
     return true;
   }
   Piece piece;
@@ -293,11 +294,11 @@ bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
     return false;
   }
   memset(piece.data, 0, piece.bytes);
-  releaseDataInSegment(file, size, piece);
+  releaseDataInSegment(piece);
   return true;
 }
 
-// Makes the segments that are missing at the end of a file of so many.
+// Makes segments behind the last one until there are `count` of them.
 bool makeSegments(SegFile &file, uint32_t count) {
   while (file.hdr->numSegments < count) {
     const uint32_t next = file.hdr->numSegments;
@@ -311,8 +312,7 @@ bool makeSegments(SegFile &file, uint32_t count) {
 
 int32_t _setSize(SegFile &file, uint64_t size) {
   if (size >= kEndOfBytes) {
-    errno = EFBIG;
-    return ZOV_ERROR;
+    return failWith(EFBIG);
   }
   const uint32_t lastKept =
       static_cast<uint32_t>(calc_segno(file.baseBytes, size == 0 ? 0 : size - 1));
@@ -320,6 +320,7 @@ int32_t _setSize(SegFile &file, uint64_t size) {
     return ZOV_ERROR;
   }
   cutSegments(file, lastKept + 1);
+  assert(file.hdr->numSegments == lastKept + 1);
   storeRelaxed(file.hdr->size, size);
   return ZOV_OKAY;
 }
@@ -330,23 +331,20 @@ void freeSegfile(SegFile *file) {
 }
 
 SegFile *allocSegfile(uint64_t id) {
-  SegFile *file = zov::make<SegFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  SegFile *file = make<SegFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (file != nullptr) {
     file->id = id;
   }
   return file;
 }
 
-// The base segment size, which the first open decides. Opens may meet here, but
-// all would set the same.
+// The base segment size, which the first open decides. Several threads may be here
+// at once, but all store the same.
 uint32_t settleBaseSize(SegHeader &header) {
-  const std::atomic_ref<uint32_t> segSize(header.segSize);
-  const uint32_t settled = segSize.load(std::memory_order_relaxed);
-  if (settled != 0) {
-    return settled;
+  if (loadRelaxed(header.segSize) == 0) {
+    storeRelaxed(header.segSize, pagesize);
   }
-  segSize.store(pagesize, std::memory_order_relaxed);
-  return pagesize;
+  return loadRelaxed(header.segSize);
 }
 
 // Connects a new handle to its file. False when there is no such file.
@@ -363,15 +361,15 @@ bool openFile(SegFile &file, uint32_t flags) {
 
 }  // namespace
 
-void zov::segRemoveById(uint64_t id) {
+void segRemoveById(uint64_t id) {
   zov_shmCacheRemoveCtx(id);
 }
 
-uint64_t zov::segIdOf(const SegFile &file) {
+uint64_t segIdOf(const SegFile &file) {
   return file.id;
 }
 
-int64_t zov::segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
+int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
   const NoJump noJump;
   zov_segLock(file);
   const int64_t moved = _seekRead(*file, offset, buffer, length);
@@ -379,7 +377,7 @@ int64_t zov::segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t lengt
   return moved;
 }
 
-int64_t zov::segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
+int64_t segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
   const NoJump noJump;
   zov_segLock(file);
   const int64_t moved = _seekWrite(*file, offset, buffer, length);
@@ -387,15 +385,18 @@ int64_t zov::segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_
   return moved;
 }
 
-int32_t zov::segSetSizeOrKeep(ZOV_SEG file, uint64_t size) {
+int32_t segSetSizeOrKeep(ZOV_SEG file, uint64_t size) {
   const NoJump noJump;
   const uint32_t segments = file->hdr->numSegments;
   const int32_t status = _setSize(*file, size);
   if (status != ZOV_OKAY) {
     cutSegments(*file, segments);
+    assert(file->hdr->numSegments == segments);
   }
   return status;
 }
+
+}  // namespace zov
 
 extern "C" {
 
@@ -409,17 +410,17 @@ uint64_t zov_segNextId() {
 
 ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
   const zov::NoJump noJump;
-  SegFile *file = allocSegfile(id);
+  SegFile *file = zov::allocSegfile(id);
   if (file == nullptr) {
     return nullptr;
   }
-  if (!openFile(*file, flags)) {
-    freeSegfile(file);
+  if (!zov::openFile(*file, flags)) {
+    zov::freeSegfile(file);
     return nullptr;
   }
   if ((flags & O_TRUNC) != 0) {
     zov_segLock(file);
-    const int32_t status = _setSize(*file, 0);
+    const int32_t status = zov::_setSize(*file, 0);
     zov_segUnlock(file);
     if (status != ZOV_OKAY) {
       zov_segClose(file);
@@ -432,11 +433,11 @@ ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
 void zov_segClose(ZOV_SEG file) {
   zov_segLock(file);
   uint32_t number = file->segs.highestBelow(UINT32_MAX);
-  for (; number != Slots::kNoNumber; number = file->segs.highestBelow(number)) {
-    releaseSegment(*file, number);
+  for (; number != zov::Slots::kNoNumber; number = file->segs.highestBelow(number)) {
+    zov::releaseSegment(*file, number);
   }
   zov::shmCacheLeave(file->ctx);
-  freeSegfile(file);
+  zov::freeSegfile(file);
 }
 
 int32_t zov_segRemove(ZOV_SEG file) {
@@ -455,7 +456,7 @@ uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uin
 
 int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address) {
   const zov::NoJump noJump;
-  ZOV_CACHE_REGION region = getSegment(*file, number, file->baseBytes);
+  ZOV_CACHE_REGION region = zov::getSegment(*file, number, file->baseBytes);
   *address = region == nullptr ? nullptr : zov_shmCacheGetPtr(region);
   return *address == nullptr ? ZOV_ERROR : ZOV_OKAY;
 }
@@ -472,20 +473,20 @@ uint32_t zov_segSegSize(ZOV_SEG file) {
 }
 
 uint64_t zov_segSize(ZOV_SEG file) {
-  return loadRelaxed(file->hdr->size);
+  return zov::loadRelaxed(file->hdr->size);
 }
 
 int32_t zov_segSetSize(ZOV_SEG file, uint64_t size) {
   const zov::NoJump noJump;
-  return _setSize(*file, size);
+  return zov::_setSize(*file, size);
 }
 
 uint64_t zov_segSizeStat(uint64_t id) {
-  return zov::shmRootWord(id, offsetof(SegHeader, size), UINT64_MAX);
+  return zov::shmRootWord(id, offsetof(zov::SegHeader, size), UINT64_MAX);
 }
 
 uint64_t zov_segModTime(uint64_t id) {
-  return zov::shmRootWord(id, offsetof(SegHeader, modTime), UINT32_MAX);
+  return zov::shmRootWord(id, offsetof(zov::SegHeader, modTime), UINT32_MAX);
 }
 
 int32_t zov_segLock(ZOV_SEG file) {
@@ -497,7 +498,7 @@ void zov_segUnlock(ZOV_SEG file) {
 }
 
 int32_t zov_segInit() {
-  return zov_shmCacheInit(&pagesize);
+  return zov_shmCacheInit(&zov::pagesize);
 }
 
 int32_t zov_segTerm() {

@@ -8,19 +8,19 @@
 
 namespace zov {
 
-// Removes the file of an id: at once, or when the last who has it open closes
-// it. Also for an id that no file was ever opened by. Cannot fail.
+// Removes the file of an id: at once, or with its last close. Also takes an id
+// that no file was ever opened by. Cannot fail.
 void segRemoveById(uint64_t id);
 
 // The id of an open file.
 uint64_t segIdOf(const SegFile &file);
 
 // zov_segSeekRead() and zov_segSeekWrite(), but -1, with errno ENOMEM, when there
-// was something to move and for want of memory nothing was.
+// was something to move and a shortage of memory let nothing be moved.
 int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
 int64_t segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length);
 
-// What these give as a count of bytes.
+// The number of bytes that one of these moved.
 inline uint32_t movedBytes(int64_t moved) {
   return moved < 0 ? 0 : static_cast<uint32_t>(moved);
 }
