@@ -5,11 +5,10 @@
 //
 //   path -> Directory, locked -> entry -> id -> MemFile { position, seg }
 //
-// An id leads to its file only while the entry that holds it is there, so a file
-// is opened, and its statistics are read, under the lock of its directory; who
-// removes it takes the entry out first. A file's own lock may be held for long by
-// its users, so it is never waited for under a directory's: truncating waits
-// until that is left.
+// An id leads to its file only while the entry that holds it exists. So a file is
+// opened, and its statistics are read, under the lock of its directory; a removal
+// takes the entry out first. Users may hold a file's own lock for long, so no thread
+// waits for it under a directory's: a file is truncated after that is left.
 //
 // No locks of its own. Nothing jumps: jumps are held off before a directory is
 // locked.
@@ -23,16 +22,15 @@
 #include "memstore/zovmfile_transfer.h"
 #include "memstore/zovsegfile_private.h"
 
+namespace zov {
 namespace {
 
-using zov::Target;
-
-// Takes back the entry of a file that could be named and not opened.
-void undoCreate(const Target &target) {
-  zov::Cursor cursor = zov::cursorOf(*target.directory);
-  if (zov::locate(cursor, target.key) == ZOV_OKAY) {
-    zov::removeEntryInSubdir(*target.directory, cursor);
-    zov::segRemoveById(target.id);
+// Takes back the entry of a new file that could not be opened.
+void undoCreate(const Lookup &lookup) {
+  Cursor cursor = cursorOf(*lookup.directory);
+  if (locate(cursor, lookup.key) == ZOV_OKAY) {
+    removeEntryInSubdir(*lookup.directory, cursor);
+    segRemoveById(lookup.id);
   }
 }
 
@@ -44,15 +42,15 @@ int32_t truncate(ZOV_SEG seg) {
 }
 
 ZOV_SEG openByPath(const char *path, uint32_t flags) {
-  Target target(path);
-  if (zov::handleFullPath(target, flags, zov::kTypeFile) != ZOV_OKAY) {
+  Lookup lookup(path);
+  if (handleFullPath(lookup, flags, kTypeFile) != ZOV_OKAY) {
     return nullptr;
   }
-  const ZOV_SEG seg = zov_segOpen(target.id, flags & ~static_cast<uint32_t>(O_TRUNC));
-  if (seg == nullptr && target.created) {
-    undoCreate(target);
+  const ZOV_SEG seg = zov_segOpen(lookup.id, flags & ~static_cast<uint32_t>(O_TRUNC));
+  if (seg == nullptr && lookup.created) {
+    undoCreate(lookup);
   }
-  zov_segUnlock(target.directory->tree.seg);
+  zov_segUnlock(lookup.directory->tree.seg);
   if (seg != nullptr && (flags & O_TRUNC) != 0 && truncate(seg) != ZOV_OKAY) {
     zov_segClose(seg);
     return nullptr;
@@ -60,38 +58,38 @@ ZOV_SEG openByPath(const char *path, uint32_t flags) {
   return seg;
 }
 
-// A statistic of the file of a path: what `read` finds by its id, or 0 when there
-// is none. The id may be dead, if the file was removed by it.
+// A statistic of the file of a path, which `read` finds by its id; 0 when there is
+// none, or when the file was removed by its id and `read` finds `missing`.
 uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id), uint64_t missing) {
-  const zov::NoJump noJump;
-  Target target(path);
-  if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
+  const NoJump noJump;
+  Lookup lookup(path);
+  if (handleFullPath(lookup, 0, kTypeFile) != ZOV_OKAY) {
     return 0;
   }
-  const uint64_t value = read(target.id);
-  zov_segUnlock(target.directory->tree.seg);
+  const uint64_t value = read(lookup.id);
+  zov_segUnlock(lookup.directory->tree.seg);
   return value == missing ? 0 : value;
 }
 
 bool isFile(const char *path) {
-  Target target(path);
-  if (zov::handleFullPath(target, 0, zov::kTypeFile) != ZOV_OKAY) {
+  Lookup lookup(path);
+  if (handleFullPath(lookup, 0, kTypeFile) != ZOV_OKAY) {
     return false;
   }
-  zov_segUnlock(target.directory->tree.seg);
+  zov_segUnlock(lookup.directory->tree.seg);
   return true;
 }
 
-// Transfers at the position, which moves behind what was moved.
-int64_t readOn(MemFile &file, void *buffer, uint32_t length) {
-  const int64_t moved = zov::segRead(file.seg, file.position, buffer, length);
-  file.position += zov::movedBytes(moved);
+// Transfers at the position, which moves behind the bytes that were moved.
+int64_t readAtPosition(MemFile &file, void *buffer, uint32_t length) {
+  const int64_t moved = segRead(file.seg, file.position, buffer, length);
+  file.position += movedBytes(moved);
   return moved;
 }
 
-int64_t writeOn(MemFile &file, const void *buffer, uint32_t length) {
-  const int64_t moved = zov::segWrite(file.seg, file.position, buffer, length);
-  file.position += zov::movedBytes(moved);
+int64_t writeAtPosition(MemFile &file, const void *buffer, uint32_t length) {
+  const int64_t moved = segWrite(file.seg, file.position, buffer, length);
+  file.position += movedBytes(moved);
   return moved;
 }
 
@@ -101,21 +99,23 @@ uint32_t transferResult(int64_t moved) {
 
 }  // namespace
 
-uint32_t zov::memRead(ZOV_MFILE file, void *buffer, uint32_t length) {
-  return transferResult(readOn(*file, buffer, length));
+uint32_t memRead(ZOV_MFILE file, void *buffer, uint32_t length) {
+  return transferResult(readAtPosition(*file, buffer, length));
 }
 
-uint32_t zov::memWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
-  return transferResult(writeOn(*file, buffer, length));
+uint32_t memWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
+  return transferResult(writeAtPosition(*file, buffer, length));
 }
 
-uint32_t zov::memSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {
+uint32_t memSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {
   return transferResult(segRead(file->seg, offset, buffer, length));
 }
 
-uint32_t zov::memSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer, uint32_t length) {
+uint32_t memSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer, uint32_t length) {
   return transferResult(segWrite(file->seg, offset, buffer, length));
 }
+
+}  // namespace zov
 
 extern "C" {
 
@@ -125,7 +125,7 @@ ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags) {
   if (file == nullptr) {
     return nullptr;
   }
-  file->seg = openByPath(path, flags);
+  file->seg = zov::openByPath(path, flags);
   if (file->seg == nullptr) {
     zov_freeMem(file, ZOV_DEFAULT_TAG);
     return nullptr;
@@ -137,10 +137,10 @@ void zov_mfClose(ZOV_MFILE file) {
   if (file == nullptr) {
     return;
   }
-  if (file->draftId == 0) {
-    zov_segClose(file->seg);
-  } else {
+  if (file->isDraft) {
     zov_segRemove(file->seg);
+  } else {
+    zov_segClose(file->seg);
   }
   zov_freeMem(file, ZOV_DEFAULT_TAG);
 }
@@ -171,11 +171,11 @@ int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence) {
 }
 
 uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length) {
-  return file == nullptr ? 0 : zov::movedBytes(readOn(*file, buffer, length));
+  return file == nullptr ? 0 : zov::movedBytes(zov::readAtPosition(*file, buffer, length));
 }
 
 uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length) {
-  return file == nullptr ? 0 : zov::movedBytes(writeOn(*file, buffer, length));
+  return file == nullptr ? 0 : zov::movedBytes(zov::writeAtPosition(*file, buffer, length));
 }
 
 uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length) {
@@ -213,36 +213,36 @@ int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size) {
 }
 
 uint64_t zov_mfSizeStat(const char *path) {
-  return statistic(path, zov_segSizeStat, UINT64_MAX);
+  return zov::statistic(path, zov_segSizeStat, UINT64_MAX);
 }
 
 uint64_t zov_mfModTime(const char *path) {
-  return statistic(path, zov_segModTime, UINT32_MAX);
+  return zov::statistic(path, zov_segModTime, UINT32_MAX);
 }
 
 int32_t zov_mfRemove(const char *path) {
   const zov::NoJump noJump;
-  Target target(path);
-  const int32_t status = zov::handleFullPath(target, 0, zov::kTypeFile);
+  zov::Lookup lookup(path);
+  const int32_t status = zov::handleFullPath(lookup, 0, zov::kTypeFile);
   if (status != ZOV_OKAY) {
     return status;
   }
-  zov::removeEntryInSubdir(*target.directory, target.cursor);
-  zov_segUnlock(target.directory->tree.seg);
-  zov::segRemoveById(target.id);
+  zov::removeEntryInSubdir(*lookup.directory, lookup.cursor);
+  zov_segUnlock(lookup.directory->tree.seg);
+  zov::segRemoveById(lookup.id);
   return ZOV_OKAY;
 }
 
 int32_t zov_mfRename(const char *oldPath, const char *newPath) {
   const zov::NoJump noJump;
-  const Target renamed(newPath);
-  Target target(oldPath);
-  int32_t status = zov::handleFullPath(target, 0, zov::kTypeAny);
+  const zov::Lookup renamed(newPath);
+  zov::Lookup lookup(oldPath);
+  int32_t status = zov::handleFullPath(lookup, 0, zov::kTypeAny);
   if (status != ZOV_OKAY) {
     return status;
   }
-  status = zov::renameEntryInSubdir(*target.directory, target.cursor, renamed.key);
-  zov_segUnlock(target.directory->tree.seg);
+  status = zov::renameEntryInSubdir(*lookup.directory, lookup.cursor, renamed.key);
+  zov_segUnlock(lookup.directory->tree.seg);
   return status;
 }
 
@@ -254,7 +254,7 @@ int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
   }
   uint64_t id = 0;
   const bool directory = zov::openMemSubdir(normal, 0, id);
-  if (!directory && !isFile(path)) {
+  if (!directory && !zov::isFile(path)) {
     return 0;
   }
   if (isDirectory != nullptr) {

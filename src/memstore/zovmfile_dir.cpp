@@ -2,17 +2,16 @@
 //
 // Directories of the memory file system: their entries, made, renamed and
 // removed so that nothing is lost when memory runs out, and the table of those
-// that have been used.
+// in use.
 //
 //   dirTable: id -> Directory -> one handle of the directory's segmented file
 //
-// A directory has an id from when its entry is made, and a Directory, with pages and
-// a lock, from when the first entry is stored in it. Until then it is empty, and
-// nobody has to look further.
+// A directory gets its id with its entry, and a Directory, with pages and a lock,
+// when the first entry is stored in it. Until then it is empty.
 //
 // dirMutex guards the table and nothing in the directories; recentDirectories
-// gives those used lately without it. A directory's tree belongs to the lock of its
-// file.
+// finds those used lately without it. A directory's tree is guarded by the lock of
+// its file.
 //
 // Nothing jumps: callers hold jumps off.
 #include <errno.h>
@@ -28,73 +27,65 @@
 #include "memstore/zovsegfile_private.h"
 #include "memstore/zovshm_private.h"
 
+namespace zov {
 namespace {
 
-using zov::Cursor;
-using zov::Directory;
-using zov::DirEntry;
-using zov::NameKey;
-
-// Rank 10: dirTable and allDirectories. Taken under a directory's lock.
+// Rank 10: dirTable. Taken under a directory's lock.
 ZOV_SYNC dirMutex = ZOV_NO_SYNC;
-zov::IdTable<Directory> dirTable;
-Directory *allDirectories = nullptr;
+IdTable<Directory> dirTable;
 
-// Directories by the hash of their id, each in the place of another that was
-// used before it.
+// Directories by the hash of their id; a look-up puts the one it finds in the place
+// of another. Released and acquired, for the fields that newDirectory() set.
 constexpr uint32_t kRecentBits = 6;
 std::atomic<Directory *> recentDirectories[1 << kRecentBits];
 
 std::atomic<Directory *> &recentPlace(uint64_t id) {
-  return recentDirectories[zov::spread(id) >> (64 - kRecentBits)];
+  return recentDirectories[spread(id) >> (64 - kRecentBits)];
 }
 
 void forgetDirectories() {
-  allDirectories = nullptr;
   dirTable.clear();
   for (std::atomic<Directory *> &recent : recentDirectories) {
     recent.store(nullptr, std::memory_order_relaxed);
   }
 }
 
-// Puts a directory into the table unless another thread was faster. Gives the
-// one that is in there.
+// Puts a directory into the table unless another thread was faster. Returns the one
+// in the table.
 Directory *publish(Directory *directory) {
   zov_syncEnterExcl(dirMutex);
   Directory *known = dirTable.find(directory->id);
   if (known == nullptr) {
     known = directory;
-    directory->next = allDirectories;
-    allDirectories = directory;
     dirTable.insert(directory);
   }
   zov_syncExitExcl(dirMutex);
   return known;
 }
 
-// Formats a directory that is empty, and pins the pages that every one has. The
-// caller holds its lock. A failed format leaves it empty.
-bool prepareTree(zov::Tree &tree) {
+// Formats a directory that is empty, and pins the pages that every directory has.
+// The caller holds its lock. A failed format leaves it empty.
+bool prepareTree(Tree &tree) {
   const ZOV_SEG seg = tree.seg;
-  if (zov_segSize(seg) == 0 && zov::initializeSubdir(seg) != ZOV_OKAY) {
+  if (zov_segSize(seg) == 0 && initializeSubdir(seg) != ZOV_OKAY) {
     if (zov_segSize(seg) != 0) {
       zov_segSetSize(seg, 0);
     }
     return false;
   }
-  return zov::pinPages(tree, zov::kRootNode + 1) == ZOV_OKAY;
+  return pinPages(tree, kRootNode + 1) == ZOV_OKAY;
 }
 
 void freeDirectory(Directory *directory) {
   if (directory->tree.seg != nullptr) {
-    zov::unpinPages(directory->tree);
+    unpinPages(directory->tree);
     zov_segClose(directory->tree.seg);
   }
   zov_freeMem(directory, ZOV_DEFAULT_TAG);
 }
 
 Directory *newDirectory(uint64_t id) {
-  Directory *directory = zov::make<Directory>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  Directory *directory = make<Directory>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (directory == nullptr) {
     return nullptr;
   }
@@ -115,22 +106,17 @@ Directory *newDirectory(uint64_t id) {
   return directory;
 }
 
-int32_t failWith(int error) {
-  errno = error;
-  return ZOV_ERROR;
-}
-
-// Stores what an entry needs outside its node, and reserves so many nodes for
-// the insertion.
-int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
-  if (key.length > zov::kLongestName) {
+// Stores an entry's name and reserves so many nodes, after which the insertion cannot
+// fail. A failure takes nothing.
+int32_t prepareEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, uint32_t nodes) {
+  if (key.length > kLongestName) {
     return failWith(ENAMETOOLONG);
   }
-  if (zov::setName(cursor, entry, key) != ZOV_OKAY) {
+  if (setName(cursor, entry, key) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  if (zov::reserveNodes(cursor, nodes) != ZOV_OKAY) {
-    zov::removeName(cursor, entry);
+  if (reserveNodes(cursor, nodes) != ZOV_OKAY) {
+    removeName(cursor, entry);
     return ZOV_ERROR;
   }
   return ZOV_OKAY;
@@ -138,7 +124,7 @@ int32_t secureEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, u
 
 }  // namespace
 
-Directory *zov::findSubdir(uint64_t id) {
+Directory *findSubdir(uint64_t id) {
   std::atomic<Directory *> &recent = recentPlace(id);
   Directory *directory = recent.load(std::memory_order_acquire);
   if (directory != nullptr && directory->id == id) {
@@ -153,7 +139,7 @@ Directory *zov::findSubdir(uint64_t id) {
   return directory;
 }
 
-Directory *zov::openSubdir(uint64_t id) {
+Directory *openSubdir(uint64_t id) {
   Directory *directory = findSubdir(id);
   if (directory != nullptr) {
     return directory;
@@ -169,15 +155,14 @@ Directory *zov::openSubdir(uint64_t id) {
   return known;
 }
 
-Cursor zov::cursorOf(Directory &directory) {
+Cursor cursorOf(Directory &directory) {
   Cursor cursor;
   cursor.tree = &directory.tree;
   cursor.depth = -1;
   return cursor;
 }
 
-int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type,
-                                   uint64_t &id) {
+int32_t findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type, uint64_t &id) {
   if (locate(cursor, key) != ZOV_OKAY) {
     errno = ENOENT;
     return ZOV_NOTFOUND;
@@ -190,20 +175,20 @@ int32_t zov::findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t 
   return ZOV_OKAY;
 }
 
-bool zov::isDots(const NameKey &key) {
+bool isDots(const NameKey &key) {
   return key.length <= 2 && memcmp(key.text, "..", key.length) == 0;
 }
 
-bool zov::mayBeNewName(const NameKey &key) {
+bool mayBeNewName(const NameKey &key) {
   return !isDots(key) && memchr(key.text, '\\', key.length) == nullptr;
 }
 
-int32_t zov::addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
-                              uint16_t type) {
+int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
+                         uint16_t type) {
   DirEntry entry = {};
   entry.fileId = id;
   entry.type = type;
-  if (secureEntry(cursor, entry, key, nodesToInsert(cursor)) != ZOV_OKAY) {
+  if (prepareEntry(cursor, entry, key, nodesToInsert(cursor)) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   ++directory.changes;
@@ -211,8 +196,8 @@ int32_t zov::addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKe
   return ZOV_OKAY;
 }
 
-int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key,
-                                 uint16_t type, uint64_t &id) {
+int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint16_t type,
+                            uint64_t &id) {
   id = zov_segNextId();
   if (id == 0) {
     return ZOV_ERROR;
@@ -224,18 +209,19 @@ int32_t zov::createEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
   return status;
 }
 
-void zov::removeEntryInSubdir(Directory &directory, Cursor &cursor) {
+void removeEntryInSubdir(Directory &directory, Cursor &cursor) {
   removeName(cursor, readEntryInSubdir(cursor));
   ++directory.changes;
   compress_node(cursor);
 }
 
-void zov::replaceFileInSubdir(const Cursor &cursor, uint64_t id) {
+void replaceFileInSubdir(const Cursor &cursor, uint64_t id) {
+  assert(readEntryInSubdir(cursor).type == kTypeFile);
   const PathElement &place = cursor.path[cursor.depth];
   nodeAt(cursor, place.node).slots()[place.slot].entry.fileId = id;
 }
 
-int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
+int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey) {
   if (!mayBeNewName(newKey)) {
     return failWith(EINVAL);
   }
@@ -247,11 +233,11 @@ int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
   DirEntry entry = {};
   entry.fileId = old.fileId;
   entry.type = old.type;
-  // What the new name needs is had before the old one goes. The removal may
-  // change which nodes are full, so there is a node for every level, and one
-  // more, as a root that is split takes two.
+  // The new name gets all it needs before the old one is removed. The removal can
+  // fill other nodes, so one node a level is reserved, and one more because
+  // splitting the root takes two.
   const uint32_t nodes = static_cast<uint32_t>(place.depth + 2);
-  if (secureEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
+  if (prepareEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   removeEntryInSubdir(directory, cursor);
@@ -260,29 +246,27 @@ int32_t zov::renameEntryInSubdir(Directory &directory, Cursor &cursor, const Nam
   return ZOV_OKAY;
 }
 
-int32_t zov::openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags,
-                                uint64_t &id) {
+int32_t openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags, uint64_t &id) {
   Cursor cursor = cursorOf(parent);
   const int32_t status = findMemEntityInSubdir(cursor, key, kTypeDirectory, id);
   const bool create = status == ZOV_NOTFOUND && (flags & O_CREAT) != 0;
   return create ? createEntryInSubdir(parent, cursor, key, kTypeDirectory, id) : status;
 }
 
-int32_t zov::directoriesInit() {
+int32_t directoriesInit() {
   dirMutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   forgetDirectories();
   return dirMutex == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
 }
 
-// At shut-down the memory goes with its tags, and closing the files would be
-// work for nothing.
-void zov::directoriesTerm() {
-  while (!terminating() && allDirectories != nullptr) {
-    Directory *directory = allDirectories;
-    allDirectories = directory->next;
-    freeDirectory(directory);
+// At shut-down the memory goes with its tags, so nothing need be closed.
+void directoriesTerm() {
+  if (!terminating()) {
+    dirTable.drain(freeDirectory);
   }
   forgetDirectories();
   zov_syncDelete(dirMutex);
   dirMutex = ZOV_NO_SYNC;
 }
+
+}  // namespace zov

@@ -15,14 +15,8 @@
 
 #include "memstore/zovmfile_tree.h"
 
+namespace zov {
 namespace {
-
-using zov::Cursor;
-using zov::DirEntry;
-using zov::ExtraEntry;
-using zov::ExtraLink;
-using zov::NameKey;
-using zov::orderedWord;
 
 int32_t sign(uint64_t left, uint64_t right) {
   return (left > right) - (left < right);
@@ -45,21 +39,22 @@ int32_t compareFolded(const char *left, const char *right, size_t count) {
 }
 
 ExtraEntry &extraAt(const Cursor &cursor, ExtraLink link) {
-  return zov::pageAt<ExtraEntry>(cursor, link.node)[link.index];
+  assert(link.node > kRootNode && link.index < cursor.tree->nodeBytes / sizeof(ExtraEntry));
+  return pageAt<ExtraEntry>(cursor, link.node)[link.index];
 }
 
 bool isNone(ExtraLink link) {
   return link.node == 0;
 }
 
-// Puts the entries of a new node on the free list, in their order.
+// Takes a node for extra entries and puts them on the free list, in their order.
 int32_t allocateSubdirExtraNode(const Cursor &cursor) {
-  if (zov::reserveNodes(cursor, 1) != ZOV_OKAY) {
+  if (reserveNodes(cursor, 1) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  const uint32_t number = zov::allocSubdirNode(cursor);
-  ExtraEntry *entries = zov::pageAt<ExtraEntry>(cursor, number);
-  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  const uint32_t number = allocSubdirNode(cursor);
+  ExtraEntry *entries = pageAt<ExtraEntry>(cursor, number);
+  ExtraLink &freeExtra = headerOf(cursor).freeExtra;
   const size_t last = cursor.tree->nodeBytes / sizeof(ExtraEntry) - 1;
   for (size_t index = 0; index < last; ++index) {
     entries[index].next = {number, static_cast<uint16_t>(index + 1), 0};
@@ -70,7 +65,7 @@ int32_t allocateSubdirExtraNode(const Cursor &cursor) {
 }
 
 int32_t allocateSubdirExtraEntry(const Cursor &cursor, ExtraLink &taken) {
-  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  ExtraLink &freeExtra = headerOf(cursor).freeExtra;
   if (isNone(freeExtra) && allocateSubdirExtraNode(cursor) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
@@ -80,7 +75,7 @@ int32_t allocateSubdirExtraEntry(const Cursor &cursor, ExtraLink &taken) {
 }
 
 void freeSubdirExtraEntry(const Cursor &cursor, ExtraLink link) {
-  ExtraLink &freeExtra = zov::headerOf(cursor).freeExtra;
+  ExtraLink &freeExtra = headerOf(cursor).freeExtra;
   extraAt(cursor, link).next = freeExtra;
   freeExtra = link;
 }
@@ -94,11 +89,11 @@ void freeChain(const Cursor &cursor, ExtraLink link) {
 }
 
 // Stores the rest of a name in entries linked from `first` on, in the order in
-// which they are taken. When that fails none is.
+// which they are taken. A failure takes none.
 int32_t writeExtraName(const Cursor &cursor, const char *rest, size_t length, ExtraLink &first) {
   first = {};
   ExtraLink *last = &first;
-  for (size_t done = 0; done < length; done += zov::kExtraNameBytes) {
+  for (size_t done = 0; done < length; done += kExtraNameBytes) {
     ExtraLink link;
     if (allocateSubdirExtraEntry(cursor, link) != ZOV_OKAY) {
       freeChain(cursor, first);
@@ -106,21 +101,21 @@ int32_t writeExtraName(const Cursor &cursor, const char *rest, size_t length, Ex
     }
     ExtraEntry &entry = extraAt(cursor, link);
     entry = {};
-    memcpy(entry.name, rest + done, std::min<size_t>(length - done, zov::kExtraNameBytes));
+    memcpy(entry.name, rest + done, std::min<size_t>(length - done, kExtraNameBytes));
     *last = link;
     last = &entry.next;
   }
   return ZOV_OKAY;
 }
 
-// Compares what follows the first 22 bytes of two names that agree in them.
+// Compares two names that agree in their first 22 bytes and go on behind them.
 int32_t compareExtraName(const Cursor &cursor, const NameKey &key, const DirEntry &entry) {
-  const char *rest = key.text + zov::kEntryNameBytes;
-  size_t keyLeft = key.length - zov::kEntryNameBytes;
-  size_t entryLeft = entry.nameLen - zov::kEntryNameBytes;
+  const char *rest = key.text + kEntryNameBytes;
+  size_t keyLeft = key.length - kEntryNameBytes;
+  size_t entryLeft = entry.nameLen - kEntryNameBytes;
   for (ExtraLink link = entry.extra; keyLeft > 0 && entryLeft > 0;) {
     const ExtraEntry &extra = extraAt(cursor, link);
-    const size_t count = std::min<size_t>({keyLeft, entryLeft, zov::kExtraNameBytes});
+    const size_t count = std::min<size_t>({keyLeft, entryLeft, kExtraNameBytes});
     const int32_t order = compareFolded(rest, extra.name, count);
     if (order != 0) {
       return order;
@@ -135,11 +130,12 @@ int32_t compareExtraName(const Cursor &cursor, const NameKey &key, const DirEntr
 
 }  // namespace
 
-zov::NameKey::NameKey(const char *name, size_t bytes) : text(name), length(bytes), first{} {
+NameKey::NameKey(const char *name, size_t bytes) : text(name), length(bytes), first{} {
   memcpy(first, name, std::min<size_t>(length, kEntryNameBytes));
 }
 
-int32_t zov::setName(const Cursor &cursor, DirEntry &entry, const NameKey &key) {
+int32_t setName(const Cursor &cursor, DirEntry &entry, const NameKey &key) {
+  assert(key.length <= kLongestName);
   memcpy(entry.name, key.text, std::min<size_t>(key.length, kEntryNameBytes));
   entry.nameLen = static_cast<uint16_t>(key.length);
   if (key.length <= kEntryNameBytes) {
@@ -149,11 +145,11 @@ int32_t zov::setName(const Cursor &cursor, DirEntry &entry, const NameKey &key) 
                         entry.extra);
 }
 
-void zov::removeName(const Cursor &cursor, const DirEntry &entry) {
+void removeName(const Cursor &cursor, const DirEntry &entry) {
   freeChain(cursor, entry.extra);
 }
 
-void zov::getName(const Cursor &cursor, const DirEntry &entry, char *name) {
+void getName(const Cursor &cursor, const DirEntry &entry, char *name) {
   const size_t length = entry.nameLen;
   size_t done = std::min<size_t>(length, kEntryNameBytes);
   memcpy(name, entry.name, done);
@@ -167,7 +163,7 @@ void zov::getName(const Cursor &cursor, const DirEntry &entry, char *name) {
   name[length] = '\0';
 }
 
-int32_t zov::compareName(const Cursor &cursor, const NameKey &key, const DirEntry &entry) {
+int32_t compareName(const Cursor &cursor, const NameKey &key, const DirEntry &entry) {
   // The last word reaches two bytes past the name, which are zero in every
   // entry.
   for (size_t at = 0; at < sizeof key.first; at += sizeof(uint64_t)) {
@@ -184,6 +180,8 @@ int32_t zov::compareName(const Cursor &cursor, const NameKey &key, const DirEntr
   return keyGoesOn - entryGoesOn;
 }
 
-bool zov::isSameName(const NameKey &first, const NameKey &second) {
+bool isSameName(const NameKey &first, const NameKey &second) {
   return first.length == second.length && compareFolded(first.text, second.text, first.length) == 0;
 }
+
+}  // namespace zov

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The nodes of a directory's tree as pages: formatting, the table of the pinned
-// pages, the free list, and the reservation that lets an insertion run without
-// failing half-way. Nodes are never given back to the segmented file; a directory
-// keeps what it grew to.
+// pages, the free list, and the reservation of nodes, which keeps an insertion from
+// failing half-way. Nodes are never given back to the segmented file: a directory
+// does not shrink.
 //
 // No locks of its own, no jumps; see zovmfile_tree.h.
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include "memstore/zovmfile_tree.h"
 #include "memstore/zovshm_private.h"
 
+namespace zov {
 namespace {
 
 constexpr uint32_t kPieceBytes = 512;
@@ -19,13 +20,13 @@ bool writeAll(ZOV_SEG seg, uint64_t offset, const void *bytes, uint32_t count) {
   return zov_segSeekWrite(seg, offset, bytes, count) == count;
 }
 
-// Gives the table of the pages slots for those below `end`.
-bool makeSlots(zov::Tree &tree, uint32_t end) {
+// Grows the table of the pages to hold those below `end`.
+bool makeSlots(Tree &tree, uint32_t end) {
   if (end <= tree.pageSlots) {
     return true;
   }
   const uint32_t slots = std::max(end, tree.pageSlots + tree.pageSlots / 2);
-  void **pages = zov::growTable(tree.pages, tree.pageSlots, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
+  void **pages = growTable(tree.pages, tree.pageSlots, slots, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (pages == nullptr) {
     return false;
   }
@@ -36,7 +37,7 @@ bool makeSlots(zov::Tree &tree, uint32_t end) {
 
 }  // namespace
 
-int32_t zov::initializeSubdir(ZOV_SEG seg) {
+int32_t initializeSubdir(ZOV_SEG seg) {
   static const char zeros[kPieceBytes] = {};
   const uint64_t end = uint64_t{2} * zov_segSegSize(seg);
   for (uint64_t offset = 0; offset < end; offset += kPieceBytes) {
@@ -49,7 +50,7 @@ int32_t zov::initializeSubdir(ZOV_SEG seg) {
   return writeAll(seg, 0, &header, sizeof header) ? ZOV_OKAY : ZOV_ERROR;
 }
 
-int32_t zov::pinPages(Tree &tree, uint32_t end) {
+int32_t pinPages(Tree &tree, uint32_t end) {
   if (!makeSlots(tree, end)) {
     return ZOV_ERROR;
   }
@@ -61,16 +62,17 @@ int32_t zov::pinPages(Tree &tree, uint32_t end) {
   return ZOV_OKAY;
 }
 
-void zov::unpinPages(Tree &tree) {
+void unpinPages(Tree &tree) {
   for (uint32_t number = 0; number < tree.numPages; ++number) {
     zov_segReleasePtr(tree.seg, number, tree.pages[number]);
   }
   zov_freeMem(tree.pages, ZOV_DEFAULT_TAG);
 }
 
-uint32_t zov::allocSubdirNode(const Cursor &cursor) {
+uint32_t allocSubdirNode(const Cursor &cursor) {
   DirHeader &header = headerOf(cursor);
   if (header.freeNode == 0) {
+    assert(header.nextNode < cursor.tree->numPages);
     return header.nextNode++;
   }
   const uint32_t number = header.freeNode;
@@ -78,16 +80,19 @@ uint32_t zov::allocSubdirNode(const Cursor &cursor) {
   return number;
 }
 
-void zov::deleteSubdirNode(const Cursor &cursor, uint32_t number) {
+void deleteSubdirNode(const Cursor &cursor, uint32_t number) {
   DirHeader &header = headerOf(cursor);
+  assert(number > kRootNode && number < header.nextNode);
   pageAt<FreeNode>(cursor, number)->next = header.freeNode;
   header.freeNode = number;
 }
 
-int32_t zov::reserveNodes(const Cursor &cursor, uint32_t wanted) {
+int32_t reserveNodes(const Cursor &cursor, uint32_t wanted) {
   const DirHeader &header = headerOf(cursor);
   for (uint32_t number = header.freeNode; wanted > 0 && number != 0; --wanted) {
     number = pageAt<FreeNode>(cursor, number)->next;
   }
   return pinPages(*cursor.tree, header.nextNode + wanted);
 }
+
+}  // namespace zov

@@ -4,29 +4,30 @@
 // root to the directory that they name. On the way a directory is locked for the
 // look-up of the next one and no longer.
 //
-// Only the directory part of a file's path is normalised; its last component is
-// a name as it stands, but "." and "..", which are no names of files.
+// Only the directory part of a file's path is normalised. Its last component is the
+// name as it stands; "." and ".." name no file.
 //
 // Nothing jumps: callers hold jumps off.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 
 #include "core/zov_make.h"
+#include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
 
+namespace zov {
 namespace {
-
-using zov::Directory;
 
 bool isSeparator(char byte) {
   return byte == '/' || byte == '\\';
 }
 
-// What stands between the last separator and where the scan is.
+// The bytes between the last separator and the scan.
 enum class Component : uint8_t {
-  kStart,   // nothing, at the beginning of the path
-  kEmpty,   // nothing, behind a separator
+  kStart,   // none, at the beginning of the path
+  kEmpty,   // none, behind a separator
   kDot,     // "."
   kDotDot,  // ".."
   kName     // anything else
@@ -74,9 +75,8 @@ bool endComponent(const char *path, size_t &length, Component state, bool last) 
       length -= last ? 0 : 1;
       return true;
     case Component::kDot:
-      if (!last) {
-        length -= 2;
-      }
+      assert(length >= 2 || last);
+      length -= last ? 0 : 2;
       return true;
     case Component::kDotDot:
       return handle_dot_dot(path, length);
@@ -85,7 +85,7 @@ bool endComponent(const char *path, size_t &length, Component state, bool last) 
   }
 }
 
-// Whether a path is its own normal form. A component that begins with a dot is
+// Whether a path is in normal form. One with a component that begins with a dot is
 // left to normalizePath().
 bool isNormal(const char *path, size_t length) {
   bool begun = false;  // a component; a path may begin with one or a separator
@@ -106,13 +106,13 @@ size_t trimmedLength(const char *path, size_t length) {
   return length;
 }
 
-// Finds the directory of a file by the part of its path up to the last separator:
-// with that, so that a "." before it vanishes as any other.
+// Finds the directory of a file by the part of its path that ends with the last
+// separator. With the separator, so that a "." before it is resolved like any other.
 bool openParent(const char *path, size_t length, uint64_t &id) {
   if (path[0] == '/') {
-    return zov::openMemSubdir(zov::NormalPath(path, length), O_CREAT, id);
+    return openMemSubdir(NormalPath(path, length), O_CREAT, id);
   }
-  char *relative = zov::makeZeroArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *relative = makeZeroArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (relative == nullptr) {
     return false;
   }
@@ -138,26 +138,25 @@ const char *componentEnd(const char *path, const char *end) {
 }
 
 // Makes the entry of a file that was looked up and not found.
-int32_t createFile(zov::Target &target) {
-  if (zov::isDots(target.key)) {
-    errno = EISDIR;
-    return ZOV_ERROR;
+int32_t createFile(Lookup &lookup) {
+  if (isDots(lookup.key)) {
+    return failWith(EISDIR);
   }
-  const int32_t status = zov::createEntryInSubdir(*target.directory, target.cursor, target.key,
-                                                  zov::kTypeFile, target.id);
-  target.created = status == ZOV_OKAY;
+  const int32_t status =
+      createEntryInSubdir(*lookup.directory, lookup.cursor, lookup.key, kTypeFile, lookup.id);
+  lookup.created = status == ZOV_OKAY;
   return status;
 }
 
 // Goes from a directory to the one of that name in it.
-bool stepDown(uint64_t &id, const zov::NameKey &key, uint32_t flags) {
-  Directory *parent = (flags & O_CREAT) != 0 ? zov::openSubdir(id) : zov::findSubdir(id);
+bool stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
+  Directory *parent = (flags & O_CREAT) != 0 ? openSubdir(id) : findSubdir(id);
   if (parent == nullptr) {
     errno = (flags & O_CREAT) != 0 ? errno : ENOENT;
     return false;
   }
   zov_segLock(parent->tree.seg);
-  const int32_t status = zov::openSubdirInSubdir(*parent, key, flags, id);
+  const int32_t status = openSubdirInSubdir(*parent, key, flags, id);
   zov_segUnlock(parent->tree.seg);
   return status == ZOV_OKAY;
 }
@@ -169,7 +168,7 @@ const char *lastComponent(const char *path) {
 
 }  // namespace
 
-bool zov::normalizePath(char *path) {
+bool normalizePath(char *path) {
   Component state = Component::kStart;
   size_t length = 0;  // of the path so far, written over its own beginning
   for (const char *next = path; *next != '\0'; ++next) {
@@ -178,8 +177,8 @@ bool zov::normalizePath(char *path) {
       state = *next == '.' ? afterDot(state) : Component::kName;
       continue;
     }
-    // A "./" that a path begins with vanishes whole, and separators behind it
-    // with it, or the path would become absolute.
+    // A "./" at the beginning goes with all separators behind it, or the path would
+    // become absolute.
     const bool vanishes =
         (state == Component::kDot && length == 1) || (state == Component::kEmpty && length == 0);
     if (vanishes) {
@@ -196,7 +195,8 @@ bool zov::normalizePath(char *path) {
   return resolved;
 }
 
-zov::NormalPath::NormalPath(const char *path, size_t length) {
+NormalPath::NormalPath(const char *path, size_t length) {
+  assert(noJumpDepth > 0);
   if (isNormal(path, length)) {
     text_ = path;
     length_ = trimmedLength(path, length);
@@ -204,7 +204,7 @@ zov::NormalPath::NormalPath(const char *path, size_t length) {
   }
   char *text = short_;
   if (length >= sizeof short_) {
-    long_ = zov::makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+    long_ = makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
     text = long_;
   }
   if (text == nullptr) {
@@ -220,16 +220,16 @@ zov::NormalPath::NormalPath(const char *path, size_t length) {
   length_ = trimmedLength(text, strlen(text));
 }
 
-zov::NormalPath::~NormalPath() {
+NormalPath::~NormalPath() {
   zov_freeMem(long_, ZOV_DEFAULT_TAG);
 }
 
-zov::NormalPath zov::directoryPath(const char *path) {
+NormalPath directoryPath(const char *path) {
   const char *stripped = zov_pathStripDrive(path);
   return NormalPath(stripped, trimmedLength(stripped, strlen(stripped)));
 }
 
-bool zov::openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
+bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
   id = zov_segRootId();
   if (path.get() == nullptr || openSubdir(id) == nullptr) {
     return false;
@@ -249,7 +249,7 @@ bool zov::openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
   return true;
 }
 
-zov::Target::Target(const char *text)
+Lookup::Lookup(const char *text)
     : path(zov_pathStripDrive(text)),
       key(lastComponent(path)),
       directoryId(0),
@@ -257,36 +257,38 @@ zov::Target::Target(const char *text)
       id(0),
       created(false) {}
 
-bool zov::findParent(Target &target, bool toStore) {
-  const size_t parentLength = static_cast<size_t>(target.key.text - target.path);
-  if (parentLength == 0 || target.key.length == 0) {
+bool findParent(Lookup &lookup, bool toStore) {
+  const size_t parentLength = static_cast<size_t>(lookup.key.text - lookup.path);
+  if (parentLength == 0 || lookup.key.length == 0) {
     errno = parentLength == 0 ? EINVAL : EISDIR;
     return false;
   }
-  if (!openParent(target.path, parentLength, target.directoryId)) {
+  if (!openParent(lookup.path, parentLength, lookup.directoryId)) {
     return false;
   }
-  target.directory = toStore ? openSubdir(target.directoryId) : findSubdir(target.directoryId);
-  return target.directory != nullptr || !toStore;
+  lookup.directory = toStore ? openSubdir(lookup.directoryId) : findSubdir(lookup.directoryId);
+  return lookup.directory != nullptr || !toStore;
 }
 
-int32_t zov::handleFullPath(Target &target, uint32_t flags, uint16_t type) {
-  if (!findParent(target, (flags & O_CREAT) != 0)) {
+int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type) {
+  if (!findParent(lookup, (flags & O_CREAT) != 0)) {
     return ZOV_ERROR;
   }
-  if (target.directory == nullptr) {
+  if (lookup.directory == nullptr) {
     errno = ENOENT;
     return ZOV_NOTFOUND;
   }
-  Directory &directory = *target.directory;
+  Directory &directory = *lookup.directory;
   zov_segLock(directory.tree.seg);
-  target.cursor = cursorOf(directory);
-  int32_t status = findMemEntityInSubdir(target.cursor, target.key, type, target.id);
+  lookup.cursor = cursorOf(directory);
+  int32_t status = findMemEntityInSubdir(lookup.cursor, lookup.key, type, lookup.id);
   if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {
-    status = createFile(target);
+    status = createFile(lookup);
   }
   if (status != ZOV_OKAY) {
     zov_segUnlock(directory.tree.seg);
   }
   return status;
 }
+
+}  // namespace zov

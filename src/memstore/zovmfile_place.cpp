@@ -5,13 +5,14 @@
 //
 // An entry leads to its file by an id, so one store under the directory's lock
 // changes the file of a name. A name that is missing is made with the id in it.
-// What may fail comes before that; the file that lost its name goes after the
-// locks are left.
+// All that can fail comes before that; the file that lost its name is removed after
+// the locks are left.
 //
 // A move holds the locks of both directories, in the order of their ids. No locks
 // of its own. Nothing jumps: jumps are held off before a directory is locked.
 #include "memstore/zovmfile_place.h"
 
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 
@@ -20,17 +21,11 @@
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
 
+namespace zov {
 namespace {
 
-using zov::Directory;
-using zov::Target;
-
-int32_t refuse(int error) {
-  errno = error;
-  return ZOV_ERROR;
-}
-
 void lockBoth(Directory &first, Directory &second) {
+  assert((first.id == second.id) == (&first == &second));
   const bool inOrder = first.id < second.id;
   zov_segLock((inOrder ? first : second).tree.seg);
   if (&first != &second) {
@@ -45,116 +40,117 @@ void unlockBoth(Directory &first, Directory &second) {
   }
 }
 
-// Looks a target up in its directory, which is locked; its cursor is then at the
-// entry, or at the place of a new one.
-int32_t look(Target &target, uint16_t type) {
-  target.cursor = zov::cursorOf(*target.directory);
-  return zov::findMemEntityInSubdir(target.cursor, target.key, type, target.id);
+// Looks the name up in its directory, which is locked. The cursor is then at the
+// entry, or where a new one belongs.
+int32_t findEntry(Lookup &lookup, uint16_t type) {
+  lookup.cursor = cursorOf(*lookup.directory);
+  return findMemEntityInSubdir(lookup.cursor, lookup.key, type, lookup.id);
 }
 
-// Makes the name of a target lead to a file. `target` was looked up, with that
-// status, as a file. What it led to before is its id afterwards, or 0.
-int32_t putInPlace(Target &target, int32_t status, uint64_t id) {
+// Makes a name lead to a file. findEntry() gave that status for it as a file. Its id
+// is then that of the file it led to before, or 0.
+int32_t putInPlace(Lookup &lookup, int32_t status, uint64_t id) {
   if (status == ZOV_OKAY) {
-    zov::replaceFileInSubdir(target.cursor, id);
+    replaceFileInSubdir(lookup.cursor, id);
     return ZOV_OKAY;
   }
-  target.id = 0;
+  lookup.id = 0;
   if (status != ZOV_NOTFOUND) {
     return ZOV_ERROR;
   }
-  if (!zov::mayBeNewName(target.key)) {
-    return refuse(EINVAL);
+  if (!mayBeNewName(lookup.key)) {
+    return failWith(EINVAL);
   }
-  return zov::addEntryInSubdir(*target.directory, target.cursor, target.key, id, zov::kTypeFile);
+  return addEntryInSubdir(*lookup.directory, lookup.cursor, lookup.key, id, kTypeFile);
 }
 
-void removeReplaced(const Target &target) {
-  if (target.id != 0) {
-    zov::segRemoveById(target.id);
+void removeReplaced(const Lookup &lookup) {
+  if (lookup.id != 0) {
+    segRemoveById(lookup.id);
   }
 }
 
-int32_t _placeMemDraft(MemFile &draft, Target &target) {
-  const ZOV_SEG seg = target.directory->tree.seg;
+int32_t _placeMemDraft(const MemFile &draft, Lookup &lookup) {
+  const ZOV_SEG seg = lookup.directory->tree.seg;
   zov_segLock(seg);
-  const int32_t status = putInPlace(target, look(target, zov::kTypeFile), draft.draftId);
+  const int32_t status = putInPlace(lookup, findEntry(lookup, kTypeFile), segIdOf(*draft.seg));
   zov_segUnlock(seg);
   return status;
 }
 
-// The move, with both directories locked. What the destination led to before is
-// its id afterwards, or 0.
-int32_t _moveMemFile(Target &source, Target &destination) {
+// The move, with both directories locked. The id of the destination is then that of
+// the file it led to before, or 0.
+int32_t _moveMemFile(Lookup &source, Lookup &destination) {
   Directory &from = *source.directory;
-  if (look(source, zov::kTypeAny) != ZOV_OKAY) {
+  if (findEntry(source, kTypeAny) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  const bool isFile = zov::readEntryInSubdir(source.cursor).type == zov::kTypeFile;
-  const int32_t status = look(destination, zov::kTypeFile);
+  const bool isFile = readEntryInSubdir(source.cursor).type == kTypeFile;
+  const int32_t status = findEntry(destination, kTypeFile);
   const bool sameDirectory = &from == destination.directory;
-  if (sameDirectory && zov::isSameName(source.key, destination.key)) {
+  if (sameDirectory && isSameName(source.key, destination.key)) {
     destination.id = 0;
     return ZOV_OKAY;
   }
-  if (!zov::mayBeNewName(destination.key)) {
-    return refuse(EINVAL);
+  if (!mayBeNewName(destination.key)) {
+    return failWith(EINVAL);
   }
   if (sameDirectory && status == ZOV_NOTFOUND) {
     destination.id = 0;
-    return zov::renameEntryInSubdir(from, source.cursor, destination.key);
+    return renameEntryInSubdir(from, source.cursor, destination.key);
   }
   if (!isFile) {
-    return refuse(EISDIR);
+    return failWith(EISDIR);
   }
   if (putInPlace(destination, status, source.id) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  zov::removeEntryInSubdir(from, source.cursor);
+  removeEntryInSubdir(from, source.cursor);
   return ZOV_OKAY;
 }
 
 }  // namespace
 
-ZOV_MFILE zov::newMemDraft() {
+ZOV_MFILE newMemDraft() {
   const NoJump noJump;
-  MemFile *file = zov::make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  MemFile *file = make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (file == nullptr) {
     return nullptr;
   }
-  file->draftId = zov_segNextId();
-  file->seg = file->draftId == 0 ? nullptr : zov_segOpen(file->draftId, O_CREAT);
+  const uint64_t id = zov_segNextId();
+  file->isDraft = true;
+  file->seg = id == 0 ? nullptr : zov_segOpen(id, O_CREAT);
   if (file->seg == nullptr) {
-    segRemoveById(file->draftId);
+    segRemoveById(id);
     zov_freeMem(file, ZOV_DEFAULT_TAG);
     return nullptr;
   }
   return file;
 }
 
-int32_t zov::placeMemDraft(ZOV_MFILE draft, const char *path) {
-  if (draft->draftId == 0) {
-    return refuse(EINVAL);
+int32_t placeMemDraft(ZOV_MFILE draft, const char *path) {
+  if (!draft->isDraft) {
+    return failWith(EINVAL);
   }
   const NoJump noJump;
-  Target target(path);
-  if (!findParent(target, true) || _placeMemDraft(*draft, target) != ZOV_OKAY) {
+  Lookup lookup(path);
+  if (!findParent(lookup, true) || _placeMemDraft(*draft, lookup) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  draft->draftId = 0;
-  removeReplaced(target);
+  draft->isDraft = false;
+  removeReplaced(lookup);
   return ZOV_OKAY;
 }
 
-int32_t zov::moveMemFile(const char *source, const char *destination) {
+int32_t moveMemFile(const char *source, const char *destination) {
   const NoJump noJump;
-  Target from(source);
-  Target to(destination);
+  Lookup from(source);
+  Lookup to(destination);
   if (!findParent(from, false)) {
     return ZOV_ERROR;
   }
   if (from.directory == nullptr) {
-    return refuse(ENOENT);
+    return failWith(ENOENT);
   }
   if (!findParent(to, true)) {
     return ZOV_ERROR;
@@ -168,33 +164,33 @@ int32_t zov::moveMemFile(const char *source, const char *destination) {
   return status;
 }
 
-int32_t zov::removeNameOfMemFile(const MemFile &file, const char *path) {
+int32_t removeNameOfMemFile(const MemFile &file, const char *path) {
   const NoJump noJump;
-  Target target(path);
-  if (handleFullPath(target, 0, kTypeFile) != ZOV_OKAY) {
+  Lookup lookup(path);
+  if (handleFullPath(lookup, 0, kTypeFile) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
-  const bool leadsThere = target.id == segIdOf(*file.seg);
+  const bool leadsThere = lookup.id == segIdOf(*file.seg);
   if (leadsThere) {
-    removeEntryInSubdir(*target.directory, target.cursor);
+    removeEntryInSubdir(*lookup.directory, lookup.cursor);
   }
-  zov_segUnlock(target.directory->tree.seg);
+  zov_segUnlock(lookup.directory->tree.seg);
   if (!leadsThere) {
-    return refuse(ENOENT);
+    return failWith(ENOENT);
   }
-  segRemoveById(target.id);
+  segRemoveById(lookup.id);
   return ZOV_OKAY;
 }
 
-bool zov::isSameMemEntry(const char *first, const char *second) {
+bool isSameMemEntry(const char *first, const char *second) {
   const NoJump noJump;
-  Target one(first);
-  Target other(second);
+  Lookup one(first);
+  Lookup other(second);
   return isSameName(one.key, other.key) && findParent(one, false) && findParent(other, false) &&
          one.directoryId == other.directoryId;
 }
 
-bool zov::isSameMemDirectory(const char *first, const char *second) {
+bool isSameMemDirectory(const char *first, const char *second) {
   const NoJump noJump;
   uint64_t one = 0;
   uint64_t other = 0;
@@ -202,6 +198,8 @@ bool zov::isSameMemDirectory(const char *first, const char *second) {
          openMemSubdir(directoryPath(second), 0, other) && one == other;
 }
 
-bool zov::mayBeNewMemName(const char *path) {
-  return mayBeNewName(Target(path).key);
+bool mayBeNewMemName(const char *path) {
+  return mayBeNewName(Lookup(path).key);
 }
+
+}  // namespace zov

@@ -8,26 +8,27 @@
 #define ZOV_MEMSTORE_ZOVMFILE_PRIVATE_H
 
 #include "memstore/zovmfile_tree.h"
+#include "memstore/zovshm_private.h"
 
 // An open file.
 struct MemFile {
   uint64_t position;  // where zov_mfRead() and zov_mfWrite() go on
   ZOV_SEG seg;
-  uint64_t draftId;  // the id of a file that has no name yet; else 0
+  bool isDraft;  // the file has no name yet
 };
 
 namespace zov {
 
-// A directory, with the one handle of its file that its tree is used through.
-// Made when something is first stored in the directory and kept to the end, since
-// no directory is ever removed.
+// A directory, with its tree over the one handle of its file that is used. Made when
+// something is first stored in the directory and kept to the end, since no directory
+// is ever removed.
 //
-// id never changes. The file's lock guards changes and what tree grows by.
+// id never changes and is read without a lock. The file's lock guards changes and
+// tree.
 struct Directory {
   uint64_t id;
   Tree tree;
-  uint64_t changes;  // counts what moves entries, and so spoils cursors
-  Directory *next;   // in the list of all
+  uint64_t changes;  // counts insertions and removals; a Cursor is valid while it stays
   Directory *hashNext;
 
   uint64_t hashId() const { return id; }
@@ -35,25 +36,24 @@ struct Directory {
 
 // Directories (zovmfile_dir.cpp).
 
-// The directory of an id, or null when nothing was stored in it yet.
+// The directory of an id, or null while nothing was stored in it.
 Directory *findSubdir(uint64_t id);
 
-// The directory of an id, for something to be stored in it: formatted if it is new.
+// The directory of an id, formatted if it is new, for something to be stored in it.
 // Null, with errno set, when that fails. The caller holds no directory's lock.
 Directory *openSubdir(uint64_t id);
 
 Cursor cursorOf(Directory &directory);
 
-// Looks a name up: ZOV_OKAY with its id, ZOV_NOTFOUND with errno ENOENT and the
-// cursor at its place, or ZOV_ERROR when the type is another, with errno ENOTDIR
-// or EISDIR.
+// Looks a name up: ZOV_OKAY with its id; ZOV_NOTFOUND with errno ENOENT and the
+// cursor where it belongs; or, when it is of another type, ZOV_ERROR with errno
+// ENOTDIR or EISDIR.
 int32_t findMemEntityInSubdir(Cursor &cursor, const NameKey &key, uint16_t type, uint64_t &id);
 
-// Whether a name is none: empty, "." or "..".
+// Whether a component of a path names no entry: it is empty, "." or "..".
 bool isDots(const NameKey &key);
 
-// Whether a name may be given to what has another: it is one, and holds no
-// backslash.
+// Whether an entry may be renamed to this: it is a name, and holds no backslash.
 bool mayBeNewName(const NameKey &key);
 
 // Adds an entry at the cursor, which a failed look-up left. ZOV_ERROR, with
@@ -71,8 +71,8 @@ void removeEntryInSubdir(Directory &directory, Cursor &cursor);
 // Makes the entry at the cursor lead to another file. Cannot fail.
 void replaceFileInSubdir(const Cursor &cursor, uint64_t id);
 
-// Renames the entry at the cursor. ZOV_ERROR, with errno set, when the new name is
-// there already or may not be given.
+// Renames the entry at the cursor. ZOV_ERROR, with errno set, when the new name exists
+// or is refused.
 int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);
 
 // Finds the directory of that name in this one; with O_CREAT makes it if it is
@@ -88,8 +88,9 @@ void directoriesTerm();
 // out of a relative path. A "/." at the end stays as it is.
 bool normalizePath(char *path);
 
-// A path that is normalised and then has no separator at its end: the caller's
-// own bytes if they are, else a copy. Copies of usual length need no allocation.
+// A path in its normal form, without separators at its end. Refers to the caller's
+// bytes if they have that form, else holds a copy. Copies of usual length need no
+// allocation; the others are why jumps are held off while one lives.
 class NormalPath {
  public:
   NormalPath(const char *path, size_t length);
@@ -116,28 +117,28 @@ NormalPath directoryPath(const char *path);
 // they are missing, itself with O_CREAT. False, with errno set, when there is none.
 bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id);
 
-// What a path leads to: a name in a directory, and perhaps an entry.
-struct Target {
-  explicit Target(const char *path);
+// The look-up of a path: a name in a directory, and perhaps an entry.
+struct Lookup {
+  explicit Lookup(const char *path);
 
   const char *path;
   NameKey key;           // the last component
-  uint64_t directoryId;  // of what it stands in
+  uint64_t directoryId;  // of the directory that holds the name
   Directory *directory;  // the same; null while nothing is stored there
-  Cursor cursor;         // at the entry, unless it was made just now
-  uint64_t id;
-  bool created;
+  Cursor cursor;         // at the entry, unless it was created
+  uint64_t id;           // of the file or directory that the entry leads to
+  bool created;          // by this look-up
 };
 
-// Finds the directory that a path's last component stands in, making what is
-// missing, and does not lock it; `toStore` says that it is to be formatted if nothing
-// is stored there. False, with errno set, when there is none.
-bool findParent(Target &target, bool toStore);
+// Finds the directory that holds the last component of the path, and makes it and
+// those above it if they are missing. With `toStore` it is formatted if nothing is
+// stored there. Does not lock it. False, with errno set, when there is none.
+bool findParent(Lookup &lookup, bool toStore);
 
-// Finds the entry a path names, with O_CREAT making a file that is missing, and
-// all directories above it in any case. With ZOV_OKAY the directory is locked
-// and the caller unlocks it; with any other status it is not.
-int32_t handleFullPath(Target &target, uint32_t flags, uint16_t type);
+// Finds the entry of the path. Makes the directories above it if they are missing,
+// and with O_CREAT the file too. With ZOV_OKAY the directory is locked and the caller
+// unlocks it; with any other status it is not.
+int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type);
 
 }  // namespace zov
 

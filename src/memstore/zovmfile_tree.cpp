@@ -2,7 +2,7 @@
 //
 // Search, insertion, removal and enumeration in the tree of a directory. The
 // cursor's path is the stack of every operation: insertion splits full nodes on
-// the way up it, removal combines poor ones.
+// the way up, removal combines underfull ones.
 //
 // Counts: a node is split when an insertion brings it to its capacity, 72 with
 // nodes of 4096 bytes, and combined with a sibling when a removal leaves it with
@@ -22,20 +22,11 @@
 #include <algorithm>
 #include <bit>
 
+namespace zov {
 namespace {
 
-using zov::Cursor;
-using zov::DirEntry;
-using zov::kRootNode;
-using zov::NameKey;
-using zov::nodeAt;
-using zov::orderedWord;
-using zov::PathElement;
-using zov::TreeNode;
-using zov::TreeSlot;
-
-// What a node has to hold besides its entries and their left children: the count
-// and the last child.
+// Bytes of a node besides its entries and their left children: the count and the
+// last child.
 constexpr uint32_t kNodeOverhead = 12;
 constexpr uint32_t kSlotBytes = sizeof(TreeSlot);
 
@@ -48,13 +39,15 @@ uint32_t fewestOf(const Cursor &cursor) {
 }
 
 PathElement &top(Cursor &cursor) {
+  assert(cursor.depth >= 0);
   return cursor.path[cursor.depth];
 }
 
-// Moves the top of the path by `step` levels.
+// Moves the top of the path by `step` levels. Fetches no node: below the old top the
+// element is the caller's to set.
 void getPathNode(Cursor &cursor, int32_t step) {
   cursor.depth += step;
-  assert(cursor.depth < zov::kMaxDepth);
+  assert(cursor.depth >= -1 && cursor.depth < kMaxDepth);
 }
 
 void push(Cursor &cursor, uint32_t node, uint16_t slot) {
@@ -70,6 +63,7 @@ void copySlots(TreeSlot *to, const TreeSlot *from, uint32_t entries) {
 // Makes room for an entry. The child left of it stays, the one right of it is
 // the caller's to set.
 void open_slots(TreeNode &node, uint32_t slot) {
+  assert(slot <= node.count);
   TreeSlot *slots = node.slots();
   memmove(&slots[slot + 1].entry, &slots[slot].entry, (node.count - slot) * sizeof(TreeSlot));
   ++node.count;
@@ -77,15 +71,16 @@ void open_slots(TreeNode &node, uint32_t slot) {
 
 // Drops an entry and the child left of it.
 void close_slots(TreeNode &node, uint32_t slot) {
+  assert(slot < node.count);
   TreeSlot *slots = node.slots();
   copySlots(&slots[slot], &slots[slot + 1], node.count - slot - 1);
   --node.count;
 }
 
 // The first slot whose name is not below a word, by the eight bytes from `at`
-// on. Looks at every eighth name and then at those before the first that is not
-// below: no step waits for the name of the one before, which in a large
-// directory comes from afar, and no branch depends on a name.
+// on. Looks at every eighth name, and then at those before the first that is not
+// below. The loads are independent, so their cache misses overlap, and no branch
+// depends on a name.
 uint32_t skipLower(const TreeSlot *slots, uint32_t count, uint64_t word, uint32_t at) {
   constexpr uint32_t kStride = 8;
   const auto below = [=](uint32_t slot) { return orderedWord(slots[slot].entry.name + at) < word; };
@@ -101,8 +96,8 @@ uint32_t skipLower(const TreeSlot *slots, uint32_t count, uint64_t word, uint32_
   return first;
 }
 
-// How many first bytes all names between those of two entries share with them,
-// of the 16 that are looked at.
+// The number of first bytes, at most 16, that the names of two entries share, and
+// with them all names between.
 uint32_t sharedBytes(const DirEntry &low, const DirEntry &high) {
   constexpr uint32_t kWordBytes = sizeof(uint64_t);
   for (uint32_t at = 0; at < 2 * kWordBytes; at += kWordBytes) {
@@ -116,7 +111,7 @@ uint32_t sharedBytes(const DirEntry &low, const DirEntry &high) {
 
 // Search in a node that is not empty and whose names agree with the key in their
 // first `shared` bytes. ZOV_OKAY with the slot of the name, or ZOV_NOTFOUND with
-// the one it would take.
+// the slot where it belongs.
 int32_t node_search(const Cursor &cursor, const TreeNode &node, const NameKey &key, uint32_t shared,
                     uint16_t &slot) {
   const TreeSlot *slots = node.slots();
@@ -126,10 +121,10 @@ int32_t node_search(const Cursor &cursor, const TreeNode &node, const NameKey &k
   if (low > high || orderedWord(slots[low].entry.name + shared) != word) {
     high = low - 1;  // the names from low on are above the key
   }
-  // Mostly one name is left, the key's own. It is a binary search for names that
-  // differ further behind.
+  // Mostly one name is left, the key's own. Several are left when names differ only
+  // further behind.
   for (int32_t middle = low; low <= high; middle = (low + high) / 2) {
-    const int32_t order = zov::compareName(cursor, key, slots[middle].entry);
+    const int32_t order = compareName(cursor, key, slots[middle].entry);
     if (order == 0) {
       slot = static_cast<uint16_t>(middle);
       return ZOV_OKAY;
@@ -144,16 +139,17 @@ int32_t node_search(const Cursor &cursor, const TreeNode &node, const NameKey &k
   return ZOV_NOTFOUND;
 }
 
-// An entry on its way into the tree, with the subtree right of it.
-struct Rising {
+// An entry to be inserted one level up, with the subtree right of it.
+struct Promoted {
   DirEntry entry;
   uint32_t rightChild;
 };
 
-// Splits a full node below the root: the upper half moves to a new node, and the
-// middle entry rises.
-Rising split_node(const Cursor &cursor, TreeNode &node) {
-  const uint32_t number = zov::allocSubdirNode(cursor);
+// Splits a full node: the upper half moves to a new node, and the middle entry is
+// promoted.
+Promoted split_node(const Cursor &cursor, TreeNode &node) {
+  assert(node.count == capacityOf(cursor));
+  const uint32_t number = allocSubdirNode(cursor);
   TreeNode &upper = nodeAt(cursor, number);
   const uint32_t middle = node.count / 2;
   upper.count = static_cast<uint16_t>(node.count - middle - 1);
@@ -164,15 +160,15 @@ Rising split_node(const Cursor &cursor, TreeNode &node) {
 
 // Splits the full root, which keeps its number: both halves move to new nodes.
 void split_root(const Cursor &cursor, TreeNode &root) {
-  const uint32_t lowerNumber = zov::allocSubdirNode(cursor);
-  const Rising rising = split_node(cursor, root);
+  const uint32_t lowerNumber = allocSubdirNode(cursor);
+  const Promoted promoted = split_node(cursor, root);
   TreeNode &lower = nodeAt(cursor, lowerNumber);
   lower.count = root.count;
   copySlots(lower.slots(), root.slots(), root.count);
   TreeSlot *slots = root.slots();
   slots[0].child = lowerNumber;
-  slots[0].entry = rising.entry;
-  slots[1].child = rising.rightChild;
+  slots[0].entry = promoted.entry;
+  slots[1].child = promoted.rightChild;
   root.count = 1;
 }
 
@@ -211,9 +207,9 @@ struct Siblings {
   TreeNode &right;
 };
 
-// Merges two siblings that fit into one node. Into their parent, if that is the
-// root and has no others: the tree loses a level. Else into the right one; the
-// separator and the left child are the caller's to drop. True in the first case.
+// Merges two siblings that fit into one node. The root takes them if it has no other
+// children, so the tree loses a level, and the result is true. Else the right one
+// takes both, and the caller drops the separator and the left child.
 bool merge_nodes(const Cursor &cursor, const Siblings &siblings) {
   TreeNode &left = siblings.left;
   TreeNode &right = siblings.right;
@@ -221,24 +217,25 @@ bool merge_nodes(const Cursor &cursor, const Siblings &siblings) {
   const DirEntry separator = slots[siblings.separator].entry;
   const uint32_t leftNumber = slots[siblings.separator].child;
   const uint16_t count = static_cast<uint16_t>(left.count + right.count + 1);
+  assert(count < capacityOf(cursor));
   const bool intoRoot = cursor.depth == 1 && siblings.parent.count == 1;
   if (intoRoot) {
     const uint32_t rightNumber = slots[1].child;
     copySlots(&slots[left.count + 1], right.slots(), right.count);
     prependSlots(slots, left, separator);
     siblings.parent.count = count;
-    zov::deleteSubdirNode(cursor, rightNumber);
+    deleteSubdirNode(cursor, rightNumber);
   } else {
     copySlots(&right.slots()[left.count + 1], right.slots(), right.count);
     prependSlots(right.slots(), left, separator);
     right.count = count;
   }
-  zov::deleteSubdirNode(cursor, leftNumber);
+  deleteSubdirNode(cursor, leftNumber);
   return intoRoot;
 }
 
-// Combines the node at the top of the path, which is poor, with a sibling. True
-// when the parent has now a slot to drop, at which the path then ends.
+// Combines the underfull node at the top of the path with a sibling. True when the
+// parent has a slot to drop for that, at which the path then ends.
 bool combine_nodes(Cursor &cursor) {
   PathElement &above = cursor.path[cursor.depth - 1];
   TreeNode &parent = nodeAt(cursor, above.node);
@@ -259,15 +256,16 @@ bool combine_nodes(Cursor &cursor) {
   return true;
 }
 
-// Drops the slot at the end of the path, and what follows from that further up.
+// Drops the slot at the end of the path, and combines the nodes from there up that
+// become underfull.
 void shrink_node(Cursor &cursor) {
-  bool poor = true;
+  bool underfull = true;
   do {
     const PathElement place = top(cursor);
     TreeNode &node = nodeAt(cursor, place.node);
     close_slots(node, place.slot);
-    poor = place.node != kRootNode && node.count < fewestOf(cursor);
-  } while (poor && combine_nodes(cursor));
+    underfull = place.node != kRootNode && node.count < fewestOf(cursor);
+  } while (underfull && combine_nodes(cursor));
 }
 
 // Descends from a node along its first children, to the first entry there.
@@ -275,12 +273,12 @@ const DirEntry &getLeftMost(Cursor &cursor, uint32_t number) {
   for (; number != 0; number = nodeAt(cursor, number).slots()[0].child) {
     push(cursor, number, 0);
   }
-  return zov::readEntryInSubdir(cursor);
+  return readEntryInSubdir(cursor);
 }
 
 }  // namespace
 
-int32_t zov::locate(Cursor &cursor, const NameKey &key) {
+int32_t locate(Cursor &cursor, const NameKey &key) {
   cursor.depth = -1;
   uint32_t shared = 0;
   for (uint32_t number = kRootNode; number != 0;) {
@@ -302,12 +300,14 @@ int32_t zov::locate(Cursor &cursor, const NameKey &key) {
   return ZOV_NOTFOUND;
 }
 
-const zov::DirEntry &zov::readEntryInSubdir(const Cursor &cursor) {
+const DirEntry &readEntryInSubdir(const Cursor &cursor) {
+  assert(cursor.depth >= 0);
   const PathElement &place = cursor.path[cursor.depth];
+  assert(place.slot < nodeAt(cursor, place.node).count);
   return nodeAt(cursor, place.node).slots()[place.slot].entry;
 }
 
-uint32_t zov::nodesToInsert(const Cursor &cursor) {
+uint32_t nodesToInsert(const Cursor &cursor) {
   uint32_t nodes = 0;
   for (int32_t depth = cursor.depth; depth >= 0; --depth) {
     if (nodeAt(cursor, cursor.path[depth].node).count + 1u < capacityOf(cursor)) {
@@ -318,15 +318,15 @@ uint32_t zov::nodesToInsert(const Cursor &cursor) {
   return nodes;
 }
 
-// expand_node() of every level that the entry, or what rises from it, comes to.
-void zov::insertEntry(Cursor &cursor, const DirEntry &entry) {
-  Rising rising = {entry, 0};
+void insertEntry(Cursor &cursor, const DirEntry &entry) {
+  Promoted promoted = {entry, 0};
   for (;; getPathNode(cursor, -1)) {
     const PathElement place = top(cursor);
     TreeNode &node = nodeAt(cursor, place.node);
+    assert(node.count < capacityOf(cursor));
     open_slots(node, place.slot);
-    node.slots()[place.slot].entry = rising.entry;
-    node.slots()[place.slot + 1].child = rising.rightChild;
+    node.slots()[place.slot].entry = promoted.entry;
+    node.slots()[place.slot + 1].child = promoted.rightChild;
     if (node.count < capacityOf(cursor)) {
       return;
     }
@@ -334,17 +334,17 @@ void zov::insertEntry(Cursor &cursor, const DirEntry &entry) {
       split_root(cursor, node);
       return;
     }
-    rising = split_node(cursor, node);
+    promoted = split_node(cursor, node);
   }
 }
 
-void zov::compress_node(Cursor &cursor) {
+void compress_node(Cursor &cursor) {
   PathElement &place = top(cursor);
   TreeSlot *slots = nodeAt(cursor, place.node).slots();
   const uint32_t right = slots[place.slot + 1].child;
   if (right != 0) {
-    // The next entry in order, the first of a leaf, takes the place of this one
-    // and is the one to drop.
+    // The next entry in order, the first of a leaf, takes the place of this one;
+    // its own slot is the one to drop.
     DirEntry &removed = slots[place.slot].entry;
     ++place.slot;
     removed = getLeftMost(cursor, right);
@@ -352,12 +352,12 @@ void zov::compress_node(Cursor &cursor) {
   shrink_node(cursor);
 }
 
-const zov::DirEntry *zov::firstName(Cursor &cursor) {
+const DirEntry *firstName(Cursor &cursor) {
   cursor.depth = -1;
   return nodeAt(cursor, kRootNode).count == 0 ? nullptr : &getLeftMost(cursor, kRootNode);
 }
 
-const zov::DirEntry *zov::nextName(Cursor &cursor, bool advance) {
+const DirEntry *nextName(Cursor &cursor, bool advance) {
   if (cursor.depth < 0) {
     return nullptr;
   }
@@ -378,3 +378,5 @@ const zov::DirEntry *zov::nextName(Cursor &cursor, bool advance) {
   }
   return nullptr;
 }
+
+}  // namespace zov

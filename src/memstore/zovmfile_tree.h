@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The tree that a directory of the memory file system is: its format in the
-// pages of the directory's segmented file, and the operations on it.
+// A directory of the memory file system as a tree: its format in the pages of the
+// directory's segmented file, and the operations on it.
 //
 //   page 0: DirHeader            the free lists
 //   page 1: TreeNode             the root, for ever
@@ -14,9 +14,9 @@
 // chain of extra entries.
 //
 // Everything here runs under the directory's lock and with jumps held off, and
-// through the one handle that the directory is ever changed by. Every page stays
-// pinned through that handle, so that none has to be waited for or can fail to be
-// had; what an operation needs anew is made before it changes anything.
+// through the one handle that changes the directory. Every page stays pinned through
+// that handle, so access to a page cannot fail. An operation reserves the nodes it
+// needs before it changes anything.
 #ifndef ZOV_MEMSTORE_ZOVMFILE_TREE_H
 #define ZOV_MEMSTORE_ZOVMFILE_TREE_H
 
@@ -39,12 +39,12 @@ constexpr uint32_t kEntryNameBytes = 22;
 constexpr uint32_t kExtraNameBytes = 24;
 constexpr size_t kLongestName = UINT16_MAX;
 
-// Types of an entry, and what asks for either.
+// Types of an entry, and the one of a look-up for either.
 constexpr uint16_t kTypeFile = 0;
 constexpr uint16_t kTypeDirectory = 1;
 constexpr uint16_t kTypeAny = UINT16_MAX;
 
-// Where an extra entry is; all zero means none.
+// The place of an extra entry; all zero means none.
 struct ExtraLink {
   uint32_t node;
   uint16_t index;
@@ -71,8 +71,8 @@ struct DirEntry {
   char zero[6];
 };
 
-// The subtree left of an entry, and the entry. In the slot behind the last entry
-// only the subtree counts.
+// The subtree left of an entry, and the entry. The slot behind the last entry holds
+// a subtree only.
 struct TreeSlot {
   uint32_t child;
   uint32_t unused;
@@ -100,7 +100,7 @@ struct PathElement {
   uint16_t slot;
 };
 
-// More levels than any tree has: nodes below the root keep some 34 entries, and
+// More levels than any tree has: nodes below the root keep 35 entries or more, and
 // their numbers have 32 bits.
 constexpr int32_t kMaxDepth = 16;
 
@@ -108,13 +108,13 @@ constexpr int32_t kMaxDepth = 16;
 // ever handed out and perhaps some that are reserved.
 struct Tree {
   ZOV_SEG seg;
-  uint32_t nodeBytes;  // B, the size of a node
+  uint32_t nodeBytes;  // B, the size of a node; seg's segment size, repeated for speed
   uint32_t numPages;
   uint32_t pageSlots;  // in pages
   void **pages;
 };
 
-// A place in a tree and the way to it.
+// A place in a tree and the path to it from the root.
 struct Cursor {
   Tree *tree;
   int32_t depth;  // of the last element of path; -1 for none
@@ -143,37 +143,40 @@ inline uint64_t orderedWord(const char *bytes) {
   return std::endian::native == std::endian::little ? __builtin_bswap64(word) : word;
 }
 
-// A name that is looked for.
+// A name as look-ups take it.
 struct NameKey {
   explicit NameKey(const char *name) : NameKey(name, strlen(name)) {}
   NameKey(const char *name, size_t length);
 
   const char *text;  // not ended by a NUL
   size_t length;
-  char first[24];  // what stands in an entry, and zeros, as in an entry
+  char first[24];  // its bytes in an entry, and zeros behind them
 };
 
 // Nodes (zovmfile_node.cpp). Statuses are ZOV_OKAY or ZOV_ERROR.
 
 int32_t initializeSubdir(ZOV_SEG seg);
 
-// Makes and pins the pages below `end` that are not yet, and undoes all pins.
+// Makes and pins the missing pages below `end`. When that fails those before stay.
 int32_t pinPages(Tree &tree, uint32_t end);
+
+// Undoes all pins and frees the table of the pages.
 void unpinPages(Tree &tree);
 
 // Takes a reserved node. Its contents are undefined.
 uint32_t allocSubdirNode(const Cursor &cursor);
 void deleteSubdirNode(const Cursor &cursor, uint32_t number);
 
-// Sees to it that so many nodes can be taken.
+// Makes pages until so many nodes can be taken.
 int32_t reserveNodes(const Cursor &cursor, uint32_t wanted);
 
 // Names (zovmfile_name.cpp).
 
-// Stores a name in an entry; when that fails nothing is taken.
+// Stores a name of at most kLongestName bytes in an entry. A failure takes no extra
+// entry.
 int32_t setName(const Cursor &cursor, DirEntry &entry, const NameKey &key);
 
-// Gives back what a name has beyond its entry.
+// Gives back the extra entries of a name.
 void removeName(const Cursor &cursor, const DirEntry &entry);
 
 // Writes nameLen bytes and a NUL.
@@ -188,20 +191,22 @@ bool isSameName(const NameKey &first, const NameKey &second);
 // The tree (zovmfile_tree.cpp).
 
 // Finds a name. ZOV_OKAY with the cursor at its entry, or ZOV_NOTFOUND with the
-// cursor at its place in a leaf.
+// cursor at the slot of a leaf where it belongs.
 int32_t locate(Cursor &cursor, const NameKey &key);
 
+// The entry at the cursor.
 const DirEntry &readEntryInSubdir(const Cursor &cursor);
 
-// Inserts an entry at the cursor, which locate() left at ZOV_NOTFOUND. The nodes
-// it may need are reserved: nodesToInsert() of them.
+// Inserts an entry at the cursor, which locate() left with ZOV_NOTFOUND. The caller
+// has reserved the nodes that this takes: nodesToInsert() of them.
 void insertEntry(Cursor &cursor, const DirEntry &entry);
 uint32_t nodesToInsert(const Cursor &cursor);
 
-// Removes the entry at the cursor, leaving its name's extra entries alone.
+// Removes the entry at the cursor and combines the nodes that this leaves underfull.
+// The extra entries of the name stay.
 void compress_node(Cursor &cursor);
 
-// Steps in name order: the entry, with the cursor at it, or null when there is
+// Step in name order: the entry, with the cursor at it, or null when there is
 // none. Without advance the cursor's own entry is the next one.
 const DirEntry *firstName(Cursor &cursor);
 const DirEntry *nextName(Cursor &cursor, bool advance);

@@ -2,11 +2,12 @@
 //
 // Walks through a directory in memory, in the order of its names. The directory
 // is locked for one step at a time and may change in between. If it has not, the
-// cursor of the last step still stands; else the name of the last step is looked
-// up again, and the walk goes on behind it, or behind its place.
+// cursor of the last step is still valid; else the name of the last step is looked
+// up again, and the walk goes on behind the place where it is or would be.
 //
 // No locks of its own. Nothing jumps: jumps are held off before the directory is
 // locked.
+#include <assert.h>
 #include <string.h>
 
 #include "core/zov_make.h"
@@ -18,30 +19,28 @@
 // 2. pattern lies behind the record, in the same block.
 struct MemWalk {
   const char *pattern;
-  char *lastName;  // in a block of nameRoom bytes
+  char *lastName;  // in a block of nameRoom bytes; null before the first step
   uint64_t nameRoom;
   uint64_t directoryId;
   zov::Directory *directory;  // null as long as nothing was stored there
   zov::Cursor cursor;
   uint64_t seenChanges;
-  bool begun;  // lastName holds a name
   bool ended;
 };
 
+namespace zov {
 namespace {
 
-using zov::DirEntry;
-
-// The entry behind the one of the last step, whatever its name; null at the end.
+// The entry behind that of the last step, whatever its name; null at the end.
 const DirEntry *nextEntry(MemWalk &walk) {
-  if (!walk.begun) {
-    return zov::firstName(walk.cursor);
+  if (walk.lastName == nullptr) {
+    return firstName(walk.cursor);
   }
   if (walk.seenChanges == walk.directory->changes) {
-    return zov::nextName(walk.cursor, true);
+    return nextName(walk.cursor, true);
   }
-  const bool stillThere = zov::locate(walk.cursor, zov::NameKey(walk.lastName)) == ZOV_OKAY;
-  return zov::nextName(walk.cursor, stillThere);
+  const bool stillThere = locate(walk.cursor, NameKey(walk.lastName)) == ZOV_OKAY;
+  return nextName(walk.cursor, stillThere);
 }
 
 bool makeRoom(MemWalk &walk, uint64_t bytes) {
@@ -59,31 +58,31 @@ bool makeRoom(MemWalk &walk, uint64_t bytes) {
   return true;
 }
 
-// Takes an entry's name for that of this step.
+// Makes an entry that of the last step.
 bool takeName(MemWalk &walk, const DirEntry &entry) {
   if (!makeRoom(walk, uint64_t{entry.nameLen} + 1)) {
     return false;
   }
-  zov::getName(walk.cursor, entry, walk.lastName);
-  walk.begun = true;
+  assert(entry.nameLen < walk.nameRoom);
+  getName(walk.cursor, entry, walk.lastName);
   walk.seenChanges = walk.directory->changes;
   return true;
 }
 
-// Finds the directory if that has not been done. An empty one ends the walk.
+// Finds the directory if no step did so before. An empty one ends the walk.
 bool begin(MemWalk &walk) {
   if (walk.directory == nullptr) {
-    walk.directory = walk.ended ? nullptr : zov::findSubdir(walk.directoryId);
+    walk.directory = walk.ended ? nullptr : findSubdir(walk.directoryId);
     walk.ended = walk.directory == nullptr;
     if (!walk.ended) {
-      walk.cursor = zov::cursorOf(*walk.directory);
+      walk.cursor = cursorOf(*walk.directory);
     }
   }
   return walk.directory != nullptr;
 }
 
-// Steps to the next name that matches. Null at the end, and when memory is short:
-// the cursor has then moved, so that the next step has to look up the last name.
+// Steps to the next name that matches. Null at the end and when memory is short;
+// then the cursor has moved and the next step looks the last name up.
 const DirEntry *pathNext(MemWalk &walk) {
   while (!walk.ended) {
     const DirEntry *entry = nextEntry(walk);
@@ -103,6 +102,8 @@ const DirEntry *pathNext(MemWalk &walk) {
 }
 
 }  // namespace
+
+}  // namespace zov
 
 extern "C" {
 
@@ -124,11 +125,11 @@ ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
 
 const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
   const zov::NoJump noJump;
-  if (!begin(*walk)) {
+  if (!zov::begin(*walk)) {
     return nullptr;
   }
   zov_segLock(walk->directory->tree.seg);
-  const DirEntry *entry = pathNext(*walk);
+  const zov::DirEntry *entry = zov::pathNext(*walk);
   const bool found = entry != nullptr;
   if (found) {
     *isDirectory = entry->type == zov::kTypeDirectory ? 1 : 0;
