@@ -87,11 +87,11 @@ bool isBroken(const Store &store);
 // One state of the database. The fields are the store's own.
 struct View {
   Store *store;
-  struct DataFile *file;
-  ZOV_FILE scratch;  // pages of a transaction's own, or null
-  uint64_t root;     // page number, 0 for an empty tree
-  uint64_t end;      // pages of the file when it was committed
-  uint64_t number;   // of the commit, counted from 1
+  struct PageFile *file;
+  struct PageFile *scratch;  // pages of a transaction's own, or null
+  uint64_t root;             // page number, 0 for an empty tree
+  uint64_t end;              // pages of the file when it was committed
+  uint64_t number;           // of the commit, counted from 1
   uint64_t records;
   uint64_t live;     // pages that the tree uses
   uint64_t changes;  // counts those of a transaction
@@ -114,24 +114,25 @@ struct Range {
   Text to;
 };
 
-// A place in a view and a copy of the page there, 4.3 KB in all. It owns nothing. Texts
+// The way from the root to a record.
+struct Path {
+  uint64_t number[kMaxDepth];  // of the pages, the root's first
+  uint32_t index[kMaxDepth];   // in each of them
+  uint64_t rank;               // records to the left
+  bool found;
+  bool rightmost;  // the leaf is the last one
+};
+
+// A place in a view and a copy of the page there, 8.6 KB in all. It owns nothing. Texts
 // that it gives live until its next call. A cursor over a transaction may be used
-// while that changes: next() goes on behind the key that it stands on.
+// while that changes: seekNext() goes on behind the key that it stands on.
 struct Cursor {
   const View *view;
   Range range;
-  uint64_t changes;
-  uint32_t index;  // of the record in the leaf
-  uint32_t level;  // pages in the path
-  struct {
-    uint64_t number;
-    uint32_t index;
-  } path[kMaxDepth];
-  struct {
-    uint64_t chain;      // next page of the value, 0 when the rest is at hand
-    uint32_t remaining;  // bytes still to be given
-    bool started;
-  } value;
+  Path path;
+  uint64_t changes;    // of the view when the leaf was copied
+  uint64_t chain;      // next page of the value, 0 when the leaf holds it
+  uint32_t remaining;  // bytes of the value still to be given
   alignas(8) uint8_t leaf[kPageBytes];
   alignas(8) uint8_t piece[kPageBytes];
 };

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the sources of the store share: files of pages, the store and its transactions.
+//
+// Locks, in the order in which they are taken: a store's writeLock, its stateLock, a
+// shard's lock of the cache.
+#ifndef MINIDB_STORE_INTERNAL_H
+#define MINIDB_STORE_INTERNAL_H
+
+#include "store/cache.h"
+
+namespace minidb {
+
+// --- Problems ------------------------------------------------------------
+
+constexpr uint32_t kProblemBytes = 256;
+
+// Set this thread's problem, and give false and the status.
+bool fail(const char *format, ...) ZOV_PRINTF(1, 2);
+Status failed(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
+
+// --- Files of pages ------------------------------------------------------
+
+struct Identity {
+  uint64_t device;
+  uint64_t inode;
+};
+
+// The data file, or one in memory for a transaction's pages.
+struct PageFile {
+  ZOV_FILE handle;
+  uint64_t descriptor;  // carries the lock of a file on disk and keeps its inode
+  Identity identity;
+  char *path;
+  uint64_t end;                 // first page that nobody took; stateLock
+  std::atomic<uint32_t> users;  // the store and the views
+};
+
+bool readAll(ZOV_FILE file, int64_t offset, void *bytes, uint32_t length);
+bool writeAll(ZOV_FILE file, int64_t offset, const void *bytes, uint32_t length);
+
+// A file in memory without a name; null when memory is missing.
+ZOV_FILE openMemory();
+
+// Opens the file of a path on disk, locked unless it is read-only. New files have mode
+// 0600. kMissing when there is none.
+Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **file);
+Status openMemoryFile(Store &store, const char *path, PageFile **file);
+void closePageFile(Store &store, PageFile *file);  // with its last user
+
+// Reads the newer meta that is right. kMissing for a file without a byte.
+Status readMetas(Store &store, PageFile &file, View &view);
+bool writeMeta(Store &store, const View &view);
+bool syncFile(Store &store, const View &view);
+
+// What a path leads to; false when there is nothing or that cannot be told.
+bool identify(const char *path, Identity &identity);
+inline bool same(Identity first, Identity second) {
+  return first.device == second.device && first.inode == second.inode;
+}
+
+// Syncs the directory that a file is in.
+bool syncDirectory(const char *path);
+
+// The name of the file that replaces the one of a path, in memory of the store.
+char *replacementPath(Store &store, const char *path);
+
+// --- The store -----------------------------------------------------------
+
+constexpr uint32_t kScratchPages = (8 << 20) / kPageBytes;
+constexpr uint64_t kFirstPage = 2;  // behind the metas
+
+struct Store {
+  ZOV_TAG tag;
+  uint32_t typeFlags;
+  bool readOnly;
+  std::atomic<bool> broken;
+  ZOV_SYNC writeLock;    // held by who commits, compacts or has the store alone
+  ZOV_SYNC stateLock;    // guards what follows, and the ends of page files
+  View newest;           // what is committed; a user of its file
+  Transaction *waiting;  // those that want to be committed, the latest first
+  std::atomic<uint32_t> scratchPages;
+  std::atomic<uint64_t> syncs;
+  Cache cache;
+};
+
+// Replaces the file of the newest view by a new one with the records of a view.
+// writeLock.
+Status rebuild(Store &store, const View &source, Progress progress);
+
+// --- Transactions --------------------------------------------------------
+
+// Keys that a transaction changed, in the order of the changes.
+struct KeyLog {
+  ZOV_OUTPUTBUFF buffer;  // null for an exclusive transaction
+  ZOV_FILE file;          // in memory; opened when the buffer is full
+  int64_t length;
+  bool tooLong;  // some are missing
+};
+
+// 1. Own pages are those of the scratch file and those from base.end on: no other
+//    page that `view` reaches is as new. Only they are changed.
+// 2. Pages get their place in the data file when the transaction is committed, or at
+//    once when the scratch pages of all transactions have run out.
+struct Transaction {
+  Store *store;
+  Mode mode;
+  bool failed;
+  bool spilled;  // has taken pages of the data file
+  View base;
+  View view;
+  PageFile scratch;
+  uint32_t scratchPages;
+  uint64_t spillStart;  // first of the pages taken in one piece up to runEnd
+  uint64_t runNext;     // of them those from here on are still unused
+  uint64_t runEnd;
+  KeyLog log;
+  Transaction *next;  // that waits
+  bool done;
+  Status result;
+  char reason[kProblemBytes];
+};
+
+inline bool isOwn(const Transaction &transaction, uint64_t number) {
+  return (number & kScratchBit) != 0 || number >= transaction.base.end;
+}
+
+// Begins one on a view, whose file it becomes a user of.
+Status beginOn(Store &store, const View &view, Mode mode, Transaction **transaction);
+
+// Gives its pages their places, writes and syncs them, then the meta. writeLock.
+Status writeTransaction(Transaction &transaction);
+
+// Makes a transaction's view the newest. writeLock.
+void publish(Transaction &transaction);
+
+// Ends a transaction but for the lock of an exclusive one.
+void endTransaction(Transaction *transaction);
+
+// Puts the record that a cursor stands on.
+Status copyRecord(Transaction &transaction, Cursor &cursor);
+
+// Number for a new page, and a pinned new page.
+uint64_t takeNumber(Transaction &transaction);
+uint64_t takePlace(Transaction &transaction);  // in the data file
+Frame *newPage(Transaction &transaction, Kind kind, uint32_t level, uint64_t number);
+
+// Notes that a key is about to be changed.
+bool logKey(Transaction &transaction, Text key);
+
+// --- The tree ------------------------------------------------------------
+
+// Pins a page of the tree, level 0 being that of leaves; null as pinPage().
+Frame *pinNode(const View &view, uint64_t number, uint32_t level);
+Frame *pinChain(const View &view, uint64_t number);
+
+// Pins the leaf that a key belongs to and tells the way. The tree is not empty.
+Frame *descend(const View &view, Text key, Path &path, bool ranked);
+
+}  // namespace minidb
+
+#endif
