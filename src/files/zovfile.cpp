@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // File handles: one kind of handle for disk files, the three standard streams
-// and files in memory. Every operation looks at its handle and forwards to the
-// layer that holds the file.
+// and files in memory. Every operation calls the layer that holds the file.
 //
 //   ZOV_FILE -> FileHandle { fd, mfile, lockMutex, path, ... } "path\0"
 //                            |   |
@@ -10,8 +9,7 @@
 //                            +-> zov_fl* -> the system
 //
 // A handle is one block of fileTag with its path behind the record, so that
-// opening allocates once, before there is a descriptor to lose. The descriptor
-// stays open from open to close.
+// opening allocates once, before there is a descriptor to lose.
 //
 // The process-wide flags are enforced here: under the read-only flag disk files
 // are not opened for writing, written, resized or synced, and under the
@@ -20,11 +18,11 @@
 //
 // lockMutex makes threads of this process queue up for a handle on disk; the
 // system's file lock, taken under it, keeps other handles and processes out. A
-// file in memory has a lock of its own. Nothing else locks here: transfers cost
-// one call of the layer beneath, a few tests and no more.
+// file in memory has a lock of its own. Transfers take neither: one costs a few
+// tests and a call of the layer beneath.
 //
-// fileTag is private and never armed, so of the functions here only
-// zov_fileOpenW() may jump, which allocates its copy of the path elsewhere.
+// fileTag is private and never armed. Only zov_fileOpenW() may jump: its copy of
+// the path is in the default tag.
 #include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -46,9 +44,9 @@
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_transfer.h"
 
-// 1. fd is ZOV_NO_DESCRIPTOR when no descriptor belongs to the handle; the
-//    system answers a transfer of it with EBADF. A file in memory has none.
-// 2. mfile is set exactly while the handle is of a file in memory.
+// 1. mfile is set exactly when the handle is of a file in memory.
+// 2. fd is ZOV_NO_DESCRIPTOR for a file in memory, and where the system refused
+//    to open without an error number. Transfers of the latter fail with EBADF.
 // 3. path lies behind the record, in the same block.
 // 4. lockMutex changes once, from ZOV_NO_SYNC to the mutex.
 struct FileHandle {
@@ -90,15 +88,14 @@ void reportSeek(const char *direction) {
   zov_log("Failed to seek and %s, errno = %d\n", direction, errno);
 }
 
-// A refusal of the library's own, which says why as the system's do.
+// Refuses as the system does, with errno.
 int32_t refuse(int error) {
   errno = error;
   return ZOV_ERROR;
 }
 
-// Opens what the handle names; errno says why that failed. Reserved names come
-// before the process-wide flags. A file in memory is no concern of the disk
-// whatever its name.
+// Opens what the handle names. A failure sets errno. Names of standard streams
+// are looked for before the process-wide flags, and on disk only.
 int32_t openFile(FileHandle &file, uint32_t openFlags, uint32_t typeFlags) {
   if (isInMemory(typeFlags)) {
     file.mfile = zov_mfOpen(file.path, openFlags);
@@ -118,8 +115,8 @@ int32_t openFile(FileHandle &file, uint32_t openFlags, uint32_t typeFlags) {
   return zov_flOpen(file.path, openFlags, 0, &file.fd);
 }
 
-// Releases a handle whose file is closed or never opened. errno stays as it is,
-// since the caller is about to read what went wrong before.
+// Releases a handle whose file is closed or never opened. errno still says what
+// failed before.
 void cleanupFile(FileHandle *file) {
   const KeepErrno kept;
   zov_syncDelete(file->lockMutex.load(std::memory_order_acquire));
@@ -142,8 +139,8 @@ FileHandle *newHandle(const char *path, uint32_t typeFlags) {
                                .lockMutex = ZOV_NO_SYNC};
 }
 
-// A handle for a path, opened by a function that says whether it could. Null
-// with errno.
+// Makes a handle for a path and calls `open`, which returns false with errno when
+// it cannot open the file. Null then.
 template <typename Open>
 FileHandle *openHandle(const char *path, uint32_t typeFlags, Open open) {
   FileHandle *file = newHandle(path, typeFlags);
@@ -252,9 +249,9 @@ void leaveIfAny(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
   }
 }
 
-// Takes the mutex, waiting for threads of this process, then the file's lock,
-// waiting for nobody. On success both stay held. Where no mutex can be made the
-// file's lock alone has to do.
+// Takes the mutex, which waits for threads of this process, then the file's lock,
+// which waits for nobody. On success both stay held. Without a mutex the file's
+// lock is taken alone.
 int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
   const ZOV_SYNC mutex = ensureLockMutex(file);
   if (mutex != ZOV_NO_SYNC) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What it takes to put a new file in the place of an old one on disk: the new
-// one is made beside it, readable by its owner alone; gets its permission bits
-// once it is whole; and its directory is synced when it has its name.
+// Replacing a file on disk: the new one is made beside it, readable by its owner
+// alone; gets its permission bits once it is whole; and its directory is synced
+// when it has its name.
 //
 // No locks, no state, no memory from a tag: nothing jumps.
 #include <assert.h>
@@ -35,22 +35,22 @@ int32_t syncAndClose(int directory) {
   return synced ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// The bits that remain for a file of another group than the one they were for.
-// Members of that group now count among the others.
+// The bits that remain where a file is of another group: members of the first
+// group now count as others.
 mode_t forForeignGroup(mode_t mode) {
   const mode_t groupAsOthers = (mode & kGroupBits) >> 3;
   return mode & ~kGroupBits & (~static_cast<mode_t>(07) | groupAsOthers);
 }
 
-// The bits of what asking for its access list came to `asked` for.
+// See passableMode(). `asked` is the result of asking for the access list.
 mode_t passable(ssize_t asked, mode_t mode) {
   const bool hasNone =
       asked == 0 || (asked < 0 && (errno == ENODATA || errno == EOPNOTSUPP || errno == ENOSYS));
   return hasNone ? mode : mode & ~kSharedBits;
 }
 
-// What changing the mode of an own file fails with where the file system has no
-// modes to change.
+// True for an error of fchmod() on an own file that says: this file system has no
+// modes.
 bool keepsNoModes(int error) {
   return error == EPERM || error == ENOSYS || error == EOPNOTSUPP;
 }
@@ -90,16 +90,15 @@ int32_t giveMode(int descriptor, mode_t wanted, gid_t group) {
   if (fstat(descriptor, &own) != 0) {
     return ZOV_ERROR;
   }
-  fremovexattr(descriptor, kAccessList);  // its directory may have given it one
+  fremovexattr(descriptor, kAccessList);  // inherited from the directory, if any
   const mode_t mode = passableMode(descriptor, wanted);
   const mode_t given = own.st_gid == group ? mode : forForeignGroup(mode);
   assert((given & ~wanted) == 0);
   return fchmod(descriptor, given) == 0 || keepsNoModes(errno) ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// umask() tells the bits only by setting others, and between two calls of it
-// another thread would make files under those. The kernel shows them here, in
-// one of the first lines.
+// umask() returns the bits only by setting others, under which another thread
+// could make files. The kernel shows them in one of the first lines here.
 mode_t deniedBits() {
   const int status = open("/proc/thread-self/status", O_RDONLY | O_CLOEXEC);
   if (status < 0) {

@@ -4,11 +4,10 @@
 // type flags of each path say. Both go through two blocks of 1024 bytes,
 // allocated for the length of the call.
 //
-// A copy works on its destination in place: it rewrites only the blocks that
-// differ and never empties it first, so what is equal already is not written
-// again, and what fails leaves part of the source there. A destination that was
-// missing is made for its owner alone, gets its permission bits when it is whole,
-// and goes again when the copy fails.
+// A copy works on its destination in place: it writes only the blocks that differ
+// and never empties the file first. A copy that fails leaves part of the source
+// there. A destination that was missing is made for its owner alone, gets its
+// permission bits when it is whole, and is removed when the copy fails.
 //
 // No locks, and nothing jumps: jumps are held off while files are open.
 #include <assert.h>
@@ -44,8 +43,8 @@ char *newBlock() {
   return makeArray<char>(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
-// Works on two open files with a block for each. Without memory for those the
-// status is that one.
+// Calls `work` with two open files and a block for each; `noMemory` without memory
+// for the blocks.
 int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
                    int32_t (*work)(const Pair &)) {
   Pair pair = {first, second, newBlock(), nullptr};
@@ -56,7 +55,7 @@ int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
   return status;
 }
 
-// The length of an open file, or -1 when the system does not tell.
+// The length of an open file, or -1 on failure.
 int64_t lengthOf(ZOV_FILE file) {
   if (memFileOf(*file) != nullptr) {
     return zov_fileLength(file);
@@ -65,7 +64,7 @@ int64_t lengthOf(ZOV_FILE file) {
   return fstat(descriptorOf(*file), &state) == 0 ? state.st_size : -1;
 }
 
-// True when nothing can be read at an offset, and that is not for a failure.
+// True when a read at an offset gives nothing, without failing.
 bool endsAt(ZOV_FILE file, int64_t offset) {
   char byte;
   return zov_fileSeekRead(file, offset, &byte, 1) == 0;
@@ -78,9 +77,8 @@ bool holdsSameBlock(const Pair &pair, int64_t offset, uint32_t lengthBytes) {
          memcmp(pair.firstBlock, pair.secondBlock, lengthBytes) == 0;
 }
 
-// Copies as many bytes as the source has now. A source that says it has none
-// must not have any: files that the system makes up as they are read do not know
-// their length.
+// Copies as many bytes as the source has now. A source of length 0 must hold
+// nothing: files of /proc hold more than their length says.
 int32_t copyBytes(const Pair &pair, int64_t sourceBytes) {
   const int64_t destinationBytes = lengthOf(pair.second);
   if (sourceBytes < 0 || destinationBytes < 0 || (sourceBytes == 0 && !endsAt(pair.first, 0))) {
@@ -132,8 +130,8 @@ int32_t _fileCmp(const Pair &pair) {
 // Where a copy goes.
 struct Destination {
   ZOV_FILE file;
-  bool made;            // was missing
-  char path[PATH_MAX];  // of what was made: links on the way are followed
+  bool made;            // it was missing
+  char path[PATH_MAX];  // of the file made, links followed
   uint32_t typeFlags;
 };
 
@@ -162,12 +160,13 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
   }
   to.made = to.file != nullptr;
   if (!to.made && errno == EEXIST) {
-    to.file = zov_fileOpen(path, O_RDWR, typeFlags);  // somebody else was faster
+    to.file = zov_fileOpen(path, O_RDWR, typeFlags);  // another thread was faster
   }
   return to.file != nullptr;
 }
 
-// Copies into an open destination. What was made gets its permission bits then.
+// Copies into an open destination, and gives one that was made its permission
+// bits.
 int32_t fillDestination(ZOV_FILE from, const Destination &to) {
   const int32_t status = withBlocks(from, to.file, ZOV_ERROR, _fileCopy);
   return status == ZOV_OKAY && to.made ? passModeOn(*from, *to.file, nullptr) : status;
@@ -180,7 +179,7 @@ int32_t closeKept(const Destination &to, int32_t status) {
 }
 
 // Closes a destination that was made, and removes it unless it is whole. On disk
-// the system may tell only now of lost bytes, and a second descriptor then shows
+// the close may be what reports lost bytes; a second descriptor shows after it
 // whether the name still leads to the file.
 int32_t closeMade(const Destination &to, int32_t status) {
   assert(to.made && to.path[0] != '\0');
@@ -188,7 +187,7 @@ int32_t closeMade(const Destination &to, int32_t status) {
   const int second = onDisk ? fcntl(descriptorOf(*to.file), F_DUPFD_CLOEXEC, 0) : -1;
   const bool isWhole = status == ZOV_OKAY && (second >= 0 || !onDisk);
   if (!isWhole) {
-    removeNameOf(*to.file, to.path, to.typeFlags);
+    removeNameOf(*to.file, to.path);
   }
   const bool closed = closesWhole(to.file);
   if (isWhole && !closed && leadsTo(to.path, second)) {
@@ -200,7 +199,7 @@ int32_t closeMade(const Destination &to, int32_t status) {
   return status == ZOV_OKAY && !(isWhole && closed) ? ZOV_ERROR : status;
 }
 
-// What a file made of one on disk gets its bits and group from.
+// The status that gives bits and group to a copy of a file on disk.
 bool modelOfSource(int source, struct stat &model) {
   if (fstat(source, &model) != 0) {
     return false;
@@ -209,8 +208,8 @@ bool modelOfSource(int source, struct stat &model) {
   return true;
 }
 
-// What a file made of one in memory gets its bits and group from: the plain file on
-// disk that it replaces, else what any new file has.
+// The same for a copy of a file in memory: that of the plain file it replaces on
+// disk, else that of any new file.
 bool modelOfReplaced(const char *replaced, int made, struct stat &model) {
   if (replaced != nullptr && lstat(replaced, &model) == 0) {
     if (S_ISREG(model.st_mode)) {
@@ -233,9 +232,9 @@ bool isSamePath(const Place &first, const Place &second) {
   return isInMemory(first) == isInMemory(second) && strcasecmp(first.path, second.path) == 0;
 }
 
-// The kind is asked before the file is opened, since opening a device may do
-// something and opening a fifo waits; and again of what was opened, as the name
-// may lead elsewhere by then.
+// The kind is asked before the file is opened, since opening a device may have an
+// effect and opening a fifo waits; and again afterwards, since the name may have
+// come to lead elsewhere.
 ZOV_FILE openSource(const char *path, uint32_t typeFlags) {
   if (isInMemory(typeFlags) || standardStream(path) >= 0) {
     return zov_fileOpen(path, O_RDONLY, typeFlags);
@@ -266,12 +265,11 @@ int32_t passModeOn(const FileHandle &source, const FileHandle &made, const char 
                   model.st_gid);
 }
 
-int32_t removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags) {
-  assert(isInMemory(typeFlags) == (memFileOf(file) != nullptr));
+int32_t removeNameOf(const FileHandle &file, const char *path) {
   if (memFileOf(file) != nullptr) {
     return removeNameOfMemFile(*memFileOf(file), path);
   }
-  return leadsTo(path, descriptorOf(file)) ? zov_fileRemoveEx(path, typeFlags) : ZOV_ERROR;
+  return leadsTo(path, descriptorOf(file)) ? zov_fileRemove(path) : ZOV_ERROR;
 }
 
 }  // namespace zov

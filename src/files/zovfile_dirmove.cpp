@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Moving a directory: by renaming it, or else by moving its files one by one,
-// each as zov_fileMoveEx() does. What would make the move fail as a whole is
-// found out before anything changes.
+// Moving a directory: by renaming it, or else by moving its files one by one with
+// zov_fileMoveEx(). What makes the whole move fail is checked before anything
+// changes.
 //
 // No locks, and nothing jumps: jumps are held off while the walk is open.
 #include <errno.h>
@@ -19,7 +19,7 @@
 namespace zov {
 namespace {
 
-// Refused for a reason that is in errno.
+// The status for a failure whose reason is in errno.
 int32_t failure() {
   return errno == ENOMEM ? ZOV_NOMEMORY : ZOV_ERROR;
 }
@@ -39,8 +39,8 @@ int32_t moveEntry(const Place &source, const Place &destination, const char *nam
   return status;
 }
 
-// Moves what a walk through the source names, up to the first failure. A walk
-// gives null at its end, and with errno when it breaks off before.
+// Moves the files that a walk through the source names, up to the first failure.
+// A walk gives null at its end, and null with errno when it fails.
 int32_t moveWalked(ZOV_PATH_WALK walk, const Place &source, const Place &destination) {
   for (;;) {
     int32_t isDirectory = 0;
@@ -71,7 +71,7 @@ bool exists(const Place &place, bool &isDirectory) {
   return found;
 }
 
-// True when nothing has the name; not when that cannot be found out.
+// True when nothing has the name; false also when the system does not tell.
 bool isMissing(const Place &place) {
   errno = 0;
   if (isInMemory(place)) {
@@ -89,8 +89,8 @@ int32_t renameWhole(const Place &source, const Place &destination) {
   return zov_fileRenameEx(source.path, source.typeFlags, destination.path, destination.typeFlags);
 }
 
-// Takes from a directory that was made on disk, and is empty, what group and others
-// may do that they may not in the source.
+// Takes from a directory just made on disk the bits of group and others that the
+// source does not have.
 int32_t narrow(const char *made, const struct stat &source) {
   const int directory = open(made, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) {
@@ -104,8 +104,8 @@ int32_t narrow(const char *made, const struct stat &source) {
   return isGiven ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// Makes a directory on disk, which is not there, for what comes from another, which
-// may be missing too. ZOV_EXISTS is no failure.
+// Makes a directory on disk for the files of another, which may be missing.
+// ZOV_EXISTS is no failure: another thread was faster.
 int32_t makeDestination(const Place &source, const char *path) {
   struct stat state;
   const bool hasModel = !isInMemory(source) && stat(source.path, &state) == 0;
@@ -123,7 +123,7 @@ int32_t makeDestination(const Place &source, const char *path) {
   return ZOV_ERROR;
 }
 
-// A destination in memory comes into being with its first file.
+// A destination in memory is made with its first file.
 int32_t prepareDestination(const Place &source, const Place &destination) {
   bool isDirectory = false;
   if (isInMemory(destination) || exists(destination, isDirectory)) {
@@ -137,7 +137,7 @@ int32_t prepareDestination(const Place &source, const Place &destination) {
   return isDirectory ? ZOV_OKAY : ZOV_ERROR;  // a link that leads nowhere
 }
 
-// Moves the files, one level deep. A source that is missing has none.
+// Moves the files, one level deep. A missing source has none.
 int32_t moveFiles(const Place &source, const Place &destination) {
   errno = 0;
   const ZOV_PATH_WALK walk = zov_pathOpenEx(source.path, source.typeFlags, "*");

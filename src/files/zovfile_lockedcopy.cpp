@@ -1,40 +1,40 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Copies that take the place of files on disk, made under one name by any number
-// of processes. The copy is its own lock:
+// Copies that replace files on disk, made under one name by any number of
+// processes. The copy is its own lock:
 //
 //   create exclusively -> lock -> check the name -> write -> check -> rename
 //
-// The rule: nobody removes, empties or renames the name without holding the lock
-// (flock) of the file that it leads to. A copy is locked by who made it, until it
-// has its place or is removed; a killed process leaves one that is not locked.
+// The rule: a process removes, empties or renames the name only while it holds the
+// lock (flock) of the file that the name leads to. The process that made a copy
+// holds its lock until the copy is placed or removed; one that is killed leaves a
+// copy without a lock, a leftover.
 //
 // Each step keeps the rule:
 //
-// - Creating is exclusive, so it takes nobody's name.
-// - A new copy may be locked, and then removed as a leftover, by another process
-//   before its maker has locked it. So the maker checks the name under the lock.
-//   It leaves alone a copy that it could not lock, or that has lost its name.
-// - A leftover is removed under its lock, when the name leads to it. It may have
-//   been the copy of a process that was just done, and bear another name by now:
-//   so the name is opened once more under the lock.
-// - The copy is renamed, or removed after a failure, by its maker under the lock,
-//   when the name leads to it.
-// - From a check to the removal or the renaming behind it the name cannot come to
-//   lead elsewhere: who would take it from this file needs the lock that is held
-//   here, and creating needs a name that is free.
-// - A leftover is not filled again: who opened it before it was emptied could not
-//   tell it from the copy of a living process.
+// - Creating is exclusive, so it takes no other file's name.
+// - Another process may lock a new copy, and remove it as a leftover, before its
+//   maker has locked it. So the maker checks the name under the lock, and leaves
+//   alone a copy that it could not lock or that has lost its name.
+// - A leftover is removed under its lock, when the name leads to it. It may be the
+//   copy of a process that has just placed it, so the name is opened once more
+//   under the lock.
+// - The maker renames the copy, or removes it after a failure, under the lock, when
+//   the name leads to it.
+// - Between such a check and the removal or renaming the name goes on leading to
+//   the file: a process that would take it needs the lock, and creating needs a
+//   free name.
+// - A leftover is not filled again: a process that opened it before it was emptied
+//   could not tell it from a copy in use.
 //
-// Where the file system has no such locks the exclusive creation alone is the
-// lock. Nobody can tell then whether a copy that is there is in use, so none but
-// its maker touches it.
+// On a file system without such locks the exclusive creation alone is the lock.
+// Nothing tells then whether a copy is in use, so only its maker touches it.
 //
-// What lies under the name and is not such a copy belongs to somebody: a link, a
-// fifo, a directory, a file with a second name. It is neither opened for
-// writing nor removed.
+// A link, a fifo, a directory or a file with a second name under the name is no
+// such copy. It is neither opened for writing nor removed.
 //
-// There is no state and no lock of this process. Callers hold jumps off.
+// This process keeps no state and takes no lock of its own here. Callers hold jumps
+// off.
 #include "files/zovfile_lockedcopy.h"
 
 #include <assert.h>
@@ -59,8 +59,8 @@ enum class Attempt : uint8_t { kMade, kAgain, kRefused };
 
 enum class Lock : uint8_t {
   kTaken,
-  kBusy,     // or to be had later, as far as one can tell
-  kUnknown,  // to the file system
+  kBusy,     // held elsewhere, or failed for a reason that may pass
+  kUnknown,  // the file system has no locks
 };
 
 int64_t nowMs() {
@@ -78,8 +78,8 @@ Lock takeLock(int descriptor) {
   return isUnknown ? Lock::kUnknown : Lock::kBusy;
 }
 
-// A child that another thread forked has the descriptor too: closing it does not
-// end the lock.
+// A child that another thread forked shares the lock, so closing the descriptor
+// does not end it.
 void endLock(int descriptor) {
   zov_flUnlock(static_cast<uint64_t>(descriptor));
 }
@@ -92,13 +92,13 @@ bool isEntryOf(const char *path, int descriptor) {
   return lstat(path, &named) == 0 && fstat(descriptor, &opened) == 0 && isSame(named, opened);
 }
 
-// Opens what a name leads to, without waiting for it and without following it.
+// Opens what a name leads to, without waiting and without following links.
 int openLeftover(const char *path) {
   return open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
-// Whether the name still leads to an open leftover. It is opened for this, so
-// that a file system of the network asks its server.
+// Whether the name still leads to an open leftover. Opening it makes a network
+// file system ask its server.
 bool opensAgain(const char *path, const struct stat &leftover) {
   const int opened = openLeftover(path);
   if (opened < 0) {
@@ -138,8 +138,8 @@ Attempt removeLeftover(const char *path, const struct stat &original) {
   return attempt;
 }
 
-// Makes the copy. One that cannot be locked, or has lost its name, is left to
-// who has it by now.
+// Makes the copy. One that cannot be locked, or has lost its name, is left to the
+// process that has it.
 Attempt tryMake(LockedCopy &copy, const struct stat &original) {
   errno = 0;
   copy.file = fileOpenNew(copy.path, copy.typeFlags | ZOV_FILE_NOSYNC);
@@ -156,8 +156,8 @@ Attempt tryMake(LockedCopy &copy, const struct stat &original) {
   return Attempt::kAgain;
 }
 
-// Whether the system has no lost bytes to tell of. It may tell of them only when
-// a descriptor is closed, and then of those that were not synced.
+// Whether the system reports no lost bytes. Of bytes that were not synced it may
+// report them only when a descriptor is closed.
 bool isSent(int descriptor) {
   const int second = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
   return second >= 0 && close(second) == 0;
@@ -204,8 +204,7 @@ void lockedCopyGiveOwner(const LockedCopy &copy, const struct stat &original) {
   const int descriptor = descriptorOf(*copy.file);
   if (fchown(descriptor, original.st_uid, original.st_gid) != 0 &&
       fchown(descriptor, static_cast<uid_t>(-1), original.st_gid) != 0) {
-    // The permission given in the end is for the group that the copy has.
-    return;
+    return;  // giveMode() looks at the group that the copy has
   }
 }
 

@@ -5,13 +5,12 @@
 //
 //   pattern   ab?*.i?i*x      segments   "ab?"   ".i?i"   "x"
 //
-// The first segment stands at the start of the name, each later one at the
-// first place behind its predecessor where it fits. A segment never has to be
-// moved on a second time: whatever the rest of the pattern matches behind a
-// later place, it matches behind the first one too. Only the last segment,
-// which must also end with the name, is moved until it does. So one saved place
-// is enough, the stack stays flat and the work is bounded by the product of the
-// two lengths, whatever the pattern.
+// The first segment stands at the start of the name, each later one at the first
+// place behind its predecessor where it fits. No later place need be tried:
+// whatever the rest of the pattern matches behind it, it matches behind the first
+// too. Only the last segment, which must end with the name, is moved until it
+// does. So one saved place is enough, nothing recurses, and the product of the two
+// lengths bounds the work, whatever the pattern.
 //
 // The character behind a `*` stands for itself even when it is a wildcard; the
 // cut into segments therefore depends on the pattern alone. Holds no state.
@@ -27,22 +26,22 @@ int upper(char character) {
   return toupper(static_cast<unsigned char>(character));
 }
 
-// The case table is asked only where the bytes differ.
-bool equalsBlind(char left, char right) {
+// Equal but for case. The case table is read only where the bytes differ.
+bool equalsFolded(char left, char right) {
   return left == right || upper(left) == upper(right);
 }
 
-// The first character of the name that equals the literal, or null.
-const char *findBlind(const char *name, char literal) {
+// The first character of the name that equals the literal but for case, or null.
+const char *findFolded(const char *name, char literal) {
   assert(literal != '\0');
-  while (*name != '\0' && !equalsBlind(*name, literal)) {
+  while (*name != '\0' && !equalsFolded(*name, literal)) {
     ++name;
   }
   return *name != '\0' ? name : nullptr;
 }
 
 bool matchesOne(char character, char pattern) {
-  return character != '\0' && (pattern == '?' || equalsBlind(character, pattern));
+  return character != '\0' && (pattern == '?' || equalsFolded(character, pattern));
 }
 
 }  // namespace
@@ -72,7 +71,7 @@ int32_t zov_match(const char *name, const char *pattern) {
     } else {
       ++place;
     }
-    place = zov::findBlind(place, *literal);
+    place = zov::findFolded(place, *literal);
     if (place == nullptr) {
       return 0;
     }

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Moving a file over another. Up to the one step that replaces the destination
-// both files stand whole, and after it the new one does:
+// Moving a file over another. One step replaces the destination; before it both
+// files are whole, and after it the new one is:
 //
 //   one file system  rename()
 //   in memory        moveMemFile()
-//   any other        a draft of the destination, which is made beside it on disk
-//                    and has no name in memory, gets all of the source; then it
-//                    takes the destination's place, and the source goes
+//   any other        a draft, which stands beside the destination on disk and has
+//                    no name in memory, gets all of the source; then it takes the
+//                    destination's place, and the source is removed
 //
 // A draft on disk is the owner's alone until it is whole. It is synced and closed
-// before it takes its place, and its directory is synced before the source goes,
-// so that a crash at any time leaves one of the two. A process that is killed
-// leaves its draft behind; nobody looks for those.
+// before it takes its place, and its directory is synced before the source is
+// removed, so that a crash leaves one of the two. A process that is killed leaves
+// its draft behind; nothing removes it.
 //
 // No locks; drafts are told apart by a counter. Nothing jumps: jumps are held off
 // while files are open.
@@ -40,8 +40,11 @@ struct Draft {
   char path[PATH_MAX];
 };
 
-// Names that processes of the same number left behind are passed over.
+// How many names are tried. Those that killed processes of the same number left
+// behind are taken.
 constexpr uint32_t kDraftNames = 1000;
+
+// Numbers drafts; orders nothing, so accesses are relaxed.
 std::atomic<uint32_t> lastDraft{0};
 
 // Makes the draft of a destination beside it. False with errno.
@@ -65,8 +68,8 @@ bool openDraft(Draft &draft, const Place &to) {
   return false;
 }
 
-// Makes a directory again that was removed, with the owner, where that is
-// allowed, and the permissions it had.
+// Makes a removed directory again, with its permissions and, where that is
+// allowed, its owner.
 void restoreDirectory(const char *path, const struct stat &state) {
   if (mkdir(path, S_IRWXU) != 0) {
     return;
@@ -76,13 +79,13 @@ void restoreDirectory(const char *path, const struct stat &state) {
     return;
   }
   if (fchown(directory, state.st_uid, state.st_gid) != 0) {
-    errno = 0;  // then it is ours; giveMode() looks at the group
+    errno = 0;  // it stays this user's; giveMode() looks at the group
   }
   giveMode(directory, state.st_mode & static_cast<mode_t>(~S_IFMT), state.st_gid);
   close(directory);
 }
 
-// Renames, also over an empty directory. A failure leaves both, with errno.
+// Renames, also over an empty directory. A failure sets errno and changes nothing.
 int32_t putInPlace(const char *from, const char *to) {
   if (rename(from, to) == 0) {
     return ZOV_OKAY;
@@ -103,7 +106,7 @@ int32_t putInPlace(const char *from, const char *to) {
   return ZOV_ERROR;
 }
 
-// Copies all of the source into a draft and brings it to the disk.
+// Copies all of the source into a draft, and syncs and closes it.
 int32_t fillDraft(ZOV_FILE source, const Draft &draft, const Place &to) {
   assert(draft.file != nullptr && draft.path[0] != '\0');
   const bool filled = copyWhole(source, draft.file) == ZOV_OKAY &&
@@ -139,7 +142,8 @@ int32_t replaceInMemory(ZOV_FILE source, const Place &to) {
   return status == ZOV_OKAY ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// The source stays open to the end: another file could get its number else.
+// The source stays open until its name is removed: its inode number could pass to
+// another file otherwise.
 int32_t moveByCopy(const Place &from, const Place &to) {
   const NoJump noJump;
   const ZOV_FILE source = openSource(from.path, from.typeFlags);
@@ -148,28 +152,27 @@ int32_t moveByCopy(const Place &from, const Place &to) {
   }
   const int32_t status = isInMemory(to) ? replaceInMemory(source, to) : replaceOnDisk(source, to);
   if (status == ZOV_OKAY) {
-    removeNameOf(*source, from.path, from.typeFlags);
+    removeNameOf(*source, from.path);
   }
   zov_fileClose(source);
   return status;
 }
 
-// Two names of what is in its place already. A file with two links is not lost when
-// one of them goes. With one link both names are of one entry, which a mount or a
-// file system with more than one name for a file shows twice; and directories have
-// no other links.
+// Moves one name of a file to another name of it: of two links the first is
+// removed. With one link both names are of one entry, which a mount or a file
+// system shows twice, and removing it would lose the file; nor has a directory
+// another link.
 int32_t joinNames(const Place &from, const struct stat &source) {
   const bool hasOther = !S_ISDIR(source.st_mode) && source.st_nlink > 1;
-  return !hasOther || zov_fileRemoveEx(from.path, from.typeFlags) == ZOV_OKAY ? ZOV_OKAY
-                                                                              : ZOV_ERROR;
+  return !hasOther || zov_fileRemove(from.path) == ZOV_OKAY ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// True when a failed rename says that a copy could not take the place either.
+// True for an error of rename() that a copy would meet too.
 bool isNoPlace(int error) {
   return error == EISDIR || error == ENOTEMPTY || error == EEXIST;
 }
 
-// From disk to disk, for a source that is there.
+// From disk to disk, for a source that exists.
 int32_t moveOnDisk(const Place &from, const Place &to, const struct stat &source) {
   if (isSameEntry(from.path, to.path)) {
     return ZOV_OKAY;

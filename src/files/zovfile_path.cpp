@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Paths as strings. The only separator is a slash, and a path that begins with
-// one is fully qualified. Nothing resolves dots or folds slashes: a path that
-// comes out names what the path that went in named. zov_currdir() and
-// zov_pathIsLink() alone ask the system.
+// one is fully qualified. Nothing resolves dots or folds slashes, so a result
+// names what the argument named. Only zov_currdir() and zov_pathIsLink() ask the
+// system.
 //
-// Every string returned belongs to the default tag and to the caller. One that
-// is built in several steps is a block that grows, with jumps held off until it
-// is whole or released. No state, no locks.
+// Strings returned are the caller's, in the default tag. One that is built in
+// several steps is a block that grows, with jumps held off until it is whole or
+// released. No state, no locks.
 #include <assert.h>
 #include <errno.h>
 #include <string.h>
@@ -40,8 +40,8 @@ char *copyPrefix(const char *text, size_t length) {
   return copy;
 }
 
-// Lengthens a string it takes over by another; null, with the first released,
-// when there is no memory.
+// Appends to a string that it owns from then on. Null, with the string released,
+// when memory is short. Callers hold jumps off.
 char *append(char *text, const char *tail) {
   assert(noJumpDepth > 0);
   const size_t length = strlen(text);
@@ -56,7 +56,7 @@ char *append(char *text, const char *tail) {
   return longer;
 }
 
-// Makes a path it takes over end in a slash. Null gives null.
+// The same for the slash that a directory's path ends in. Null gives null.
 char *normalize_path(char *path) {
   return path == nullptr || zov_pathIsDir(path) == 1 ? path : append(path, root);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the files of the file handle module share, and what other modules use to
-// put a new file in the place of an old one on disk.
+// What the sources of file handles share, and what other modules use to replace a
+// file on disk.
 #ifndef ZOV_FILES_ZOVFILE_PRIVATE_H
 #define ZOV_FILES_ZOVFILE_PRIVATE_H
 
@@ -62,10 +62,10 @@ ZOV_MFILE memFileOf(const FileHandle &file);
 // were lost.
 bool closesWhole(ZOV_FILE file);
 
-// Copies (zovfile_copy.cpp). They allocate with jumps held off by their callers.
+// Copies (zovfile_copy.cpp). Callers hold jumps off.
 
-// Two paths that are taken for one file without a look at it: they are equal
-// but for case and both on disk or both in memory.
+// Whether two paths are taken for one file without a look at it: they are equal
+// but for case, and both on disk or both in memory.
 bool isSamePath(const Place &first, const Place &second);
 
 // Opens what is to be copied, to read: a plain file, a file in memory or a
@@ -78,41 +78,41 @@ int32_t copyWhole(ZOV_FILE source, ZOV_FILE destination);
 
 // Gives a file that was made to hold the contents of `source` its permission
 // bits: no bit for group or others that the source lacks. A source in memory has
-// none of its own; then the file on disk that is to be replaced counts, if there
-// is one. Nothing to do in memory. ZOV_ERROR with errno.
+// no bits; those of the file to be replaced count then, if there is one. Does
+// nothing for a file made in memory. ZOV_ERROR with errno.
 int32_t passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced);
 
 // Removes the name of an open file if it still leads there.
-int32_t removeNameOf(const FileHandle &file, const char *path, uint32_t typeFlags);
+int32_t removeNameOf(const FileHandle &file, const char *path);
 
-// Files that stand beside others on disk (zovfile_beside.cpp). Nothing here
-// allocates from a tag, takes a lock or looks at the process-wide modes.
+// Files made beside others on disk (zovfile_beside.cpp). Nothing here allocates
+// from a tag, takes a lock or reads the process-wide modes.
 
 // Opens a file that must not exist yet for reading and writing, with permission
 // for its owner alone: O_EXCL, O_NOFOLLOW, O_CLOEXEC, mode 0600. A descriptor,
 // or -1 with errno.
 int openNewFile(const char *path);
 
-// Brings the entry that a path names, made or renamed before, to the disk.
-// ZOV_ERROR with errno when that fails. Nothing to do for a directory that may
-// not be read (EACCES), on a file system that syncs none (EINVAL), and under
+// Syncs the directory of a path whose entry was made or renamed. ZOV_ERROR with
+// errno when that fails. ZOV_OKAY, without a sync, for a directory that may not be
+// read (EACCES), on a file system that syncs none (EINVAL), and under
 // ZOV_FILE_NOSYNC.
 int32_t syncDirectoryOf(const char *path, uint32_t typeFlags);
 
-// What of the permission bits of a file or directory another may get in its place:
-// with an access list its owner's alone, since the group's bits are then the most
-// that anybody on the list has.
+// The permission bits that a file or directory passes to what replaces it: with an
+// access list the owner's alone, since the group's bits are then the most that
+// anybody on the list has.
 mode_t passableMode(int descriptor, mode_t mode);
 mode_t passableMode(const char *path, mode_t mode);
 
-// Gives an open file the permission bits `wanted`, those of a file of the group
-// `group`, and takes away an access list. Where the file is not of that group nobody gets more by
-// it: group bits go, and so do those for others that the group did not have. A file system without
-// modes keeps the file as it made it. ZOV_ERROR with errno.
+// Gives an open file the permission bits `wanted`, which were those of a file of
+// `group`, and removes its access list. A file of another group gets no group
+// bits, and of the bits for others only those that the group had. On a file system
+// without modes the file stays as it was made. ZOV_ERROR with errno.
 int32_t giveMode(int descriptor, mode_t wanted, gid_t group);
 
-// The bits that the process denies to files it makes; all when they cannot be
-// learnt. Changes nothing, so that files other threads make meanwhile get theirs.
+// The bits that the process denies to files it makes; all when the kernel does not
+// show them. Leaves them as they are, for files that other threads make meanwhile.
 mode_t deniedBits();
 
 }  // namespace zov

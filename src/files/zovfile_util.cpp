@@ -18,8 +18,8 @@ bool isSeparator(char character) {
   return character == '/' || character == '\\';
 }
 
-// Creates every directory that a prefix of the path names, then the path. Turns
-// backslashes into slashes on its way.
+// Creates every directory that a prefix of the path names, then the path itself,
+// and turns its backslashes into slashes.
 int32_t createChain(char *path) {
   for (char *at = path; *at != '\0'; ++at) {
     if (at == path || !isSeparator(*at)) {
@@ -89,7 +89,7 @@ int32_t zov_dirCreateAll(const char *path) {
   if (path == nullptr || zov::loadFlag(zov_diskless) != 0) {
     return ZOV_ERROR;
   }
-  // The system would take a backslash for a letter of the name.
+  // To the system a backslash is a letter of the name.
   if (strchr(path, '\\') == nullptr) {
     const int32_t status = zov_dirCreate(path);
     if (zov::isMadeOrThere(status)) {

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Walks over the names of a directory, on disk or in memory, that match a
-// pattern. The walk belongs to its caller from open to close; names belong to
-// the walk until the next one. Of wide names the walk keeps the latest: those
-// before it are the caller's. A step that gives none, at the end or because it
-// failed, changes no owner.
+// pattern. The caller owns the walk from open to close. The walk owns a name until
+// the next one, and of wide names the latest: the caller owns those before. A step
+// that gives none, at the end or on failure, changes no owner.
 //
 // No locks. Opening may jump with nothing held; the steps of a walk keep an
 // open directory and allocate with jumps held off.
@@ -28,7 +27,7 @@ struct PathWalk {
 namespace zov {
 namespace {
 
-// Begins the walk beneath; false when there is none.
+// Begins the walk on disk or in memory. False on failure.
 bool openWalk(PathWalk &walk, const char *directory, const char *pattern) {
   if (walk.inMemory) {
     walk.memory = zov_mfPathOpen(directory, pattern);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The wide forms of the file and directory utilities. Each converts its paths
-// strictly, calls the full form, and frees the copies. Jumps are held off for the
-// length of the call, so that a copy is never left behind.
+// strictly, calls the narrow form, and frees the copies. Jumps are held off for
+// the length of the call, so that no copy is lost.
 #include "core/zov_shortage.h"
 #include "files/zovutf8_private.h"
 

@@ -1,26 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The native file primitives: each is one POSIX call, put into the library's
-// conventions for handles and results. A descriptor is the system's own number
-// held in 64 bits, all-ones when there is none. No other program inherits one:
-// all are closed when the process executes another.
+// The native file primitives: each is one POSIX call, with the library's
+// conventions for handles and results. A descriptor is the system's number in 64
+// bits, all-ones when there is none. Every one is closed when the process executes
+// another program.
 //
 //   uint64_t descriptor  ->  int  ->  open, read, pwrite, fsync, flock, ...
 //
-// A transfer makes exactly one system call. Interrupted and short transfers go
-// back to the caller as they are, because only the caller knows what a partial
-// record is worth to it.
+// A transfer makes exactly one system call. An interrupted or short one is
+// returned as it is, since only the caller knows whether a part is of use.
 //
-// A walk through a directory is one block of the default tag, which holds the
-// strings it was opened with too, and beside it the name it last returned:
+// A walk through a directory is one block of the default tag, with its strings
+// behind the record, and a second block for the name that it last returned:
 //
 //   DiskWalk { dir, path, pattern, lastName } "path\0" "pattern\0"
 //                                      +----> "name"
 //
-// so that opening one allocates once, before there is a directory stream that
-// a jump would leave open. zov_flPathNext() may jump between two names, when
-// the walk is whole and holds none. The W forms may jump out of converting
-// their path. Nothing else here allocates, and there is no state and no lock.
+// so that opening one allocates once, before there is a directory stream that a
+// jump would leave open. zov_flPathNext() may jump between two names, when the walk
+// is whole and holds none. The W forms may jump while they convert their path.
+// Nothing else here allocates. No state, no locks.
 #include <assert.h>
 #include <dirent.h>
 #include <errno.h>
@@ -63,9 +62,8 @@ int32_t getFileType(const char *path, int32_t *isDirectory) {
   return exists ? 1 : 0;
 }
 
-// Whether a name in a walk's directory is that of a directory, 1 or 0. For file
-// systems that do not say it with the name; 0 also when there is no memory to
-// ask with.
+// 1 if a name in a walk's directory is of a directory, else 0; for file systems
+// whose entries do not say it. 0 also when memory is short.
 int32_t getPathType(const DiskWalk &walk, const char *name) {
   const size_t pathLength = strlen(walk.path);
   const size_t nameBytes = strlen(name) + 1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whether two paths mean the same thing on disk: the same file, or the same
-// entry of the same directory. Reads the file system and keeps nothing.
+// Whether two paths mean the same file, directory or entry on disk. Reads the file
+// system and keeps nothing.
 #include <assert.h>
 #include <limits.h>
 #include <stdint.h>
@@ -51,7 +51,7 @@ bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
 
 enum class Step : uint8_t { kFollowed, kNoLink, kTooLong };
 
-// Puts in the place of a link's path the path that it holds.
+// Replaces the path of a link by the path that it holds.
 Step followLink(char (&path)[PATH_MAX]) {
   assert(memchr(path, '\0', sizeof path) != nullptr);
   char target[PATH_MAX];
@@ -129,7 +129,7 @@ bool leadsThrough(const char *link, const char *entry) {
       return true;
     }
   }
-  return false;  // in a circle that the entry is no part of
+  return false;  // a circle without the entry
 }
 
 bool followLinks(char (&path)[PATH_MAX]) {

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Where temporary files go, and names for them. The administrator's choice, an
-// environment variable of the library's own, wins untested; otherwise it is the
-// first directory of a short list in which a file can be made. That one is looked
-// for once and kept in zov_tmp until shut-down frees it.
+// Where temporary files go, and names for them. An environment variable of the
+// library's own decides, untested; without it the first directory of a short list
+// in which a file can be made. The search runs once; its result stays in zov_tmp
+// until shut-down frees it.
 //
 // zov_tmp is written in the process-wide critical section and read without it,
 // by acquire and release. The search runs inside that section, with jumps held
-// off; so no init or term may ask for the directory.
+// off. So no stage of start-up or shut-down may ask for the directory.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -24,20 +24,20 @@ std::atomic<char *> zov_tmp = nullptr;
 
 namespace {
 
-// A probe is a new file: nothing that is there is opened or followed.
+// A probe is a new file: no file that exists is opened, no link followed.
 constexpr uint32_t kProbeFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW;
 
-// A directory as long as the system takes, and the probe's own name behind it.
+// The longest directory that the system takes, and the probe's name behind it.
 constexpr uint64_t kProbeBytes = PATH_MAX + 64;
 
-// Room for a number behind the name, and for the rest.
+// Room for a number behind the name, and for all in front of it.
 constexpr uint64_t kNumberBytes = 8;
 constexpr uint64_t kLongestProbe = kProbeBytes - kNumberBytes;
 
 // How many names of a probe may be taken before the directory is given up.
 constexpr uint32_t kProbeNames = 100;
 
-// The first writable directory that has a name of its own.
+// The first writable directory of the list but the current one, or null.
 const char *findNamed() {
   for (const char *variable : {"TMPDIR", "TEMPDIR"}) {
     const char *directory = getenv(variable);
@@ -48,7 +48,7 @@ const char *findNamed() {
   return zov_dirWritable("/tmp") != 0 ? "/tmp" : nullptr;
 }
 
-// Makes the probe of a name, or with a number behind it while the name is taken.
+// Makes the probe, with a number from `end` on while its name is taken.
 ZOV_FILE openProbe(const char *path, char *end) {
   ZOV_FILE file = zov_fileOpen(path, kProbeFlags, 0);
   for (uint32_t number = 1; file == nullptr && errno == EEXIST && number < kProbeNames; ++number) {
@@ -123,7 +123,7 @@ int32_t zov_dirWritable(const char *directory) {
     return 0;
   }
   zov_fileClose(file);
-  // By the system's own call, so that a flag set meanwhile leaves no probe.
+  // zov_fileRemove() would leave the probe under a flag set meanwhile.
   zov_flRemove(probe);
   return 1;
 }

@@ -13,7 +13,7 @@ namespace zov {
 // null before. Set in the process-wide critical section, freed at shut-down.
 extern std::atomic<char *> zov_tmp;
 
-// What zov_tmpdir() copies: a string of the environment or of the library, or
+// The string that zov_tmpdir() copies: of the environment or of the library, or
 // null. Never jumps.
 const char *tmpdir();
 

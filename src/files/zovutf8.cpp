@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UTF-8 strings in memory of their own, for callers that do not bring a
-// buffer: measured first, then converted into a block of exactly that size.
-// What is handed out belongs to the default tag. The two directions of the
-// conversion are in zovutf8_encode.cpp and zovutf8_decode.cpp.
+// Conversions into memory of their own, for callers without a buffer: a text is
+// measured first, then converted into a block of that size in the default tag. The
+// two directions are in zovutf8_encode.cpp and zovutf8_decode.cpp.
 //
 // Every function here but zov_utf8_codes() may jump where it allocates. Nothing
-// is held then: zov_convertArgvToUTF8() releases what it has made before.
+// is held then: zov_convertArgvToUTF8() releases its strings before.
 #include <errno.h>
 #include <string.h>
 #include <wchar.h>
@@ -35,7 +34,7 @@ To *convert(uint32_t (*direction)(To *, uint32_t, const From *, size_t, uint32_t
   return converted;
 }
 
-// Releases the first strings of an array, from the last back, and the array.
+// Releases the first strings of an array, and the array.
 void releaseStrings(char **strings, int32_t count) {
   while (count > 0) {
     zov_freeMem(strings[--count], ZOV_DEFAULT_TAG);
@@ -45,7 +44,7 @@ void releaseStrings(char **strings, int32_t count) {
 
 // The copies of wide strings, or null with nothing left behind.
 char **convertAll(int32_t count, wchar_t *const *arguments) {
-  // One pointer more than asked for, so that no arguments are an array too.
+  // One pointer more than asked for, so that no arguments make an array too.
   char **strings =
       makeZeroArray<char *>(static_cast<uint64_t>(count) + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (strings == nullptr) {

@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// UTF-8 to wide characters. The rules are those of a machine fed with single
-// bytes, whose sink counts or stores what comes out:
+// UTF-8 to wide characters. A machine that takes single bytes has all the rules;
+// its sink counts or stores the characters:
 //
 //   between characters  -- lead byte of 2 to 4 -->  in a sequence
 //   between characters  <-- last continuation byte, or any other byte --
 //
-// A byte that breaks a sequence goes down with it: it is not looked at again
-// as the start of a character, and counts as one more invalid unit.
+// A byte that breaks a sequence is counted as part of the invalid sequence and not
+// looked at again as a lead byte.
 //
-// Whenever the machine is between characters a run takes over, a tight loop over
-// whole valid characters, which is in zovutf8_decode_run.cpp. It stops in front
-// of the first character that it does not know or that does not fit. Both ways
-// give the same characters.
+// Between characters a run takes over: a tight loop over whole characters, in
+// zovutf8_decode_run.cpp. It stops before the first character that is invalid or
+// does not fit, and leaves it to the machine. Both give the same characters.
 //
-// When the room is used up the rest is still decoded, to find what is invalid.
-// All state is on the caller's stack. Nothing allocates or jumps.
+// When the room is used up the rest is still decoded, to find invalid bytes. All
+// state is on the caller's stack. Nothing allocates or jumps.
 #include <assert.h>
 #include <string.h>
 
@@ -24,12 +23,12 @@
 namespace zov {
 namespace {
 
-// Terminated strings are taken in pieces, which are still in the nearest cache
-// when they are converted after the search for their end.
+// Terminated strings are converted in pieces, which are still in the nearest cache
+// after the search for their end.
 constexpr size_t kPieceBytes = 16384;
 
 // 1. With out, count is at most capacity.
-// 2. count has 64 bits so that a result too long for 32 is seen, not wrapped.
+// 2. count has 64 bits, so that a result too long for 32 is noticed.
 struct DecoderState {
   wchar_t *out;        // null: count only
   uint32_t capacity;   // characters of room, without the terminator's during the walk
@@ -108,8 +107,8 @@ SinkResult processNextUTF8Byte(DecoderState &state, uint8_t byte) {
   return state.remaining == 0 ? processFirstByte(state, byte) : processSubsequentByte(state, byte);
 }
 
-// Takes a run from the state, which is between characters. Without room the run
-// still decodes, and what comes out is of no interest.
+// Takes a run, between characters. Without room the run only looks for the next
+// invalid byte.
 const uint8_t *takeRun(DecoderState &state, const uint8_t *bytes, const uint8_t *end) {
   if (state.out != nullptr && state.count == state.capacity) {
     return decodeRun(bytes, end, nullptr, 0).bytes;
@@ -121,8 +120,8 @@ const uint8_t *takeRun(DecoderState &state, const uint8_t *bytes, const uint8_t 
   return run.bytes;
 }
 
-// Converts a piece of the text, at whose end a sequence may stay open. False
-// when an invalid unit was refused.
+// Converts a piece of the text; a sequence may stay open at its end. False when an
+// invalid unit was refused.
 bool convertPiece(DecoderState &state, const uint8_t *bytes, const uint8_t *end) {
   for (;;) {
     if (state.remaining == 0) {
@@ -146,7 +145,7 @@ DecoderState begin(wchar_t *out, uint32_t sizeChars, uint32_t errorMode) {
   return state;
 }
 
-// Ends the input, of which a sequence may be open still. Units for it must all
+// Ends the input. A sequence that is still open is invalid, and its units must all
 // fit.
 uint32_t finish(DecoderState &state, uint32_t sizeChars) {
   if (state.remaining != 0 &&
@@ -158,7 +157,7 @@ uint32_t finish(DecoderState &state, uint32_t sizeChars) {
 
 }  // namespace
 
-// Text without a fault, which most is, is one run and never needs the machine.
+// Valid text that fits, which most is, is one run and never needs the machine.
 uint32_t decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
                     uint32_t errorMode) {
   const uint8_t *bytes = reinterpret_cast<const uint8_t *>(text);

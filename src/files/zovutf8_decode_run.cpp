@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The fast part of the UTF-8 decoder: runs of whole, valid characters. A run
-// stops in front of whatever it does not like and leaves the judgement on it to
-// the machine in zovutf8_decode.cpp.
+// stops before the first character that is invalid or does not fit, and leaves it
+// to the machine in zovutf8_decode.cpp.
 //
 // Characters are taken in blocks where that is possible, otherwise singly:
 //
@@ -10,18 +10,18 @@
 //   ASCII, then a character     the ASCII widened, the character decoded
 //   other characters            in steps, by patterns (below)
 //
-// A step looks at which of the next bytes end a character. These 12 bits name
-// in a table the lengths of the characters that follow, as a pattern: six
-// characters of up to two bytes or four of up to three. A byte shuffle brings
-// the bytes of each character into a lane of its own, as a number whose most
-// significant byte is the lead byte. The continuation bytes are known to be
-// such by then, so a character is valid when this number lies in one of a few
-// ranges. Nothing in a step depends on a branch that text could mislead.
+// A step looks at which of the next 12 bytes end a character. These 12 bits are
+// the index in a table of patterns, the lengths of the characters: six characters
+// of up to two bytes or four of up to three. A byte shuffle moves the bytes of
+// each character into a lane of its own, as a number whose most significant byte
+// is the lead byte. Which bytes continue a character is known by then, so one is
+// valid when its number is in one of a few ranges. A step branches only on
+// the kind of its pattern and on invalid characters.
 //
-// Nothing is stored behind the end of the result, not even where there would be
-// room: a size of 0 promises room for the result and no more. Widening may store
-// more than it takes, so it is done only with enough bytes behind it that become
-// characters of the result themselves.
+// Nothing is stored behind the end of the result, not even where there is room: a
+// size of 0 promises room for the result only. Widening may store more than it
+// takes, so it wants enough bytes behind it that become characters of the result
+// themselves.
 #include <assert.h>
 #include <string.h>
 
@@ -36,7 +36,7 @@ namespace {
 
 constexpr size_t kBlockBytes = 16;
 
-// How many bytes are taken singly before blocks are tried again.
+// How many bytes are decoded singly before blocks are tried again.
 #if defined(ZOV_VECTORS)
 constexpr uint64_t kSingleBytes = 16;
 #else
@@ -74,8 +74,8 @@ inline uint32_t decodeOne(const uint8_t *bytes, size_t available, uint32_t &valu
                       : decodeSequence<4>(bytes, available, value);
 }
 
-// The two ends of a run, one that stores and one that counts, are passed by
-// value: what is stored could alias one that lies in memory.
+// The two sinks of a run, one that stores and one that counts. They are passed by
+// value: a store could alias one in memory.
 
 struct CharStore {
   wchar_t *next;
@@ -151,7 +151,7 @@ struct Progress {
 
 #if defined(ZOV_VECTORS)
 
-// What the patterns of a kind have in common.
+// What all patterns of a kind share.
 struct PatternKind {
   uint32_t chars;
   uint32_t longest;    // bytes of its longest character
@@ -164,7 +164,7 @@ constexpr PatternKind kFours = {4, 3, 4, 64};  // 3^4 patterns
 constexpr uint32_t kPatterns = 64 + 81;
 constexpr uint32_t kNoPattern = 255;
 
-constexpr uint32_t kStepBits = 12;  // what the longest pattern takes, in bytes
+constexpr uint32_t kStepBits = 12;  // bytes of the longest pattern
 
 struct Step {
   uint8_t pattern;
@@ -176,8 +176,8 @@ struct StepTable {
   uint8_t shuffles[kPatterns][16];
 };
 
-// The pattern of characters of the given lengths, as far as it is of the kind.
-// The lengths less one are the digits of its index.
+// The pattern of characters of the given lengths, or none of the kind. The lengths
+// less one are the digits of its index.
 constexpr Step patternOf(const PatternKind &kind, const uint32_t *lengths) {
   uint32_t index = 0;
   uint32_t bytes = 0;
@@ -236,12 +236,12 @@ constexpr StepTable stepTable = makeTable();
 
 constexpr uint32_t kSpanBytes = 64;
 
-// With this many bytes and as much room steps are taken in spans, the last of
-// which looks at 16 bytes like any other, and widening may store 16 characters
-// whatever it takes: four bytes behind it become one of them at least.
+// With this many bytes and as much room steps run in spans. The last step of one
+// looks at 16 bytes like any other, and widening may store 16 characters whatever
+// it takes: each four bytes behind it become at least one of them.
 constexpr size_t kAmple = kSpanBytes + kBlockBytes;
 
-// From how many on ASCII in front of another character is widened rather than
+// From this many bytes on, ASCII before another character is widened instead of
 // taken in a step with it.
 constexpr uint32_t kWorthWidening = 3;
 
@@ -278,8 +278,8 @@ ZOV_SHUFFLE inline uint32_t takeStep(Sink &sink, const uint8_t *bytes, uint32_t 
 
 // Takes steps from `bytes`, of which 16 are there, until one fails, and returns
 // how many bytes they took. With ample bytes and room they cover a span, whose
-// continuation bytes are sought out beforehand: then a step need not wait for
-// the one before it to look at its bytes.
+// continuation bytes are found first: a step then looks at its bytes without
+// waiting for the step before it.
 template <typename Sink>
 ZOV_SHUFFLE inline size_t takeSteps(Sink &sink, const uint8_t *bytes, bool ample) {
   const uint32_t spanBytes = ample ? kSpanBytes : kBlockBytes;
@@ -399,7 +399,8 @@ DecodeRun decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out, uint
     const Progress<CharCounter> progress = takeRun(CharCounter{0}, bytes, end);
     return {progress.bytes, progress.sink.count};
   }
-  // What can never be used is left out, so that no pointer is made up.
+  // Bounded by what the text can need: room is near 2^32 for a size of 0, and
+  // out + room could overflow.
   const uint64_t most = static_cast<uint64_t>(end - bytes);
   const CharStore store{out, out + std::min(room, most)};
   const Progress<CharStore> progress = takeRun(store, bytes, end);

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Wide characters to UTF-8. The rules are those of a walk that screens each
-// character and hands it to a sink, which counts or stores it. The walk leaves
-// all it can to runs, tight loops over valid characters that fit, which are in
-// zovutf8_encode_run.cpp. A run stops in front of the first character that is
-// none or does not fit; that one goes the way of the rules, and a new run
-// begins behind it:
+// Wide characters to UTF-8. A walk that screens each character and passes it to a
+// sink, which counts or stores it, has all the rules. Most characters it leaves to
+// runs, tight loops in zovutf8_encode_run.cpp. A run stops before the first
+// character that is invalid or does not fit; the walk takes this one, and a new
+// run begins behind it:
 //
 //   text   c c c c c c c c c | surrogate | c c c c c c c ...
 //          ------ run -------   screen     ---- run ----
@@ -20,12 +19,12 @@
 namespace zov {
 namespace {
 
-// Terminated strings are taken in pieces, which are still in the nearest cache
-// when they are converted after the search for their end.
+// Terminated strings are converted in pieces, which are still in the nearest cache
+// after the search for their end.
 constexpr size_t kPieceChars = 4096;
 
 // 1. With out, count is at most capacity.
-// 2. count has 64 bits so that a result too long for 32 is seen, not wrapped.
+// 2. count has 64 bits, so that a result too long for 32 is noticed.
 struct EncoderState {
   char *out;          // null: count only
   uint32_t capacity;  // bytes of room, without the terminator's during the walk
@@ -35,7 +34,8 @@ struct EncoderState {
   SinkResult (*sink)(EncoderState &state, uint32_t codePoint);
 };
 
-// What a unit becomes that may be invalid; kInvalidUnit where it is refused.
+// The code point to encode: the unit, '?' for an invalid one in replace mode, or
+// kInvalidUnit.
 uint32_t replaced(const EncoderState &state, uint32_t codePoint) {
   if (codePoint <= kLastCodePoint) {
     return codePoint;
@@ -63,8 +63,8 @@ SinkResult emit_utf8_codes(EncoderState &state, uint32_t codePoint) {
   return kTaken;
 }
 
-// Screens the next character into current. Surrogates are caught here, values
-// that are too large by the sinks.
+// Screens the next character into current. Surrogates are found here, values that
+// are too large by the sinks.
 SinkResult getNextUnicodeCharacter(EncoderState &state, wchar_t unit) {
   state.current = static_cast<uint32_t>(unit);
   if (!isSurrogate(state.current)) {
@@ -111,7 +111,7 @@ uint32_t finish(const EncoderState &state, uint32_t sizeBytes, SinkResult result
 
 }  // namespace
 
-// Text without a fault, which most is, is one run and never needs the rules.
+// Valid text that fits, which most is, is one run and never needs the walk.
 uint32_t encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t lengthChars,
                     uint32_t errorMode) {
   const wchar_t *end = text + lengthChars;

@@ -1,23 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The fast part of the UTF-8 encoder: runs of valid characters that fit. A run
-// stops in front of whatever it does not like and leaves the judgement on it to
-// the rules in zovutf8_encode.cpp.
+// The fast part of the UTF-8 encoder: runs of valid characters. A run stops before
+// the first character that is invalid or does not fit, and leaves it to the walk
+// in zovutf8_encode.cpp.
 //
 // Characters are taken 16 at a time where that is possible, otherwise singly.
 // ASCII is narrowed at once. Other characters are encoded four at a time: each
-// is cut into bytes of six bits in a lane of its own, and a table gives, by the
-// lengths of the four, the byte shuffle that brings together the bytes that
-// count, and the marks that make lead and continuation bytes of them:
+// is cut into bytes of six bits in a lane of its own. A table gives, by the lengths
+// of the four, the byte shuffle that packs the bytes in use, and the marks that
+// make lead and continuation bytes of them:
 //
 //   A, e acute, euro, z   00 00 01 41   00 00 03 29   00 02 02 2C   00 00 01 7A
 //   shuffled              41 03 29 02 02 2C 7A
 //   marked                41 C3 A9 E2 82 AC 7A
 //
-// Nothing is stored behind the end of the result, not even where there would be
-// room: a size of 0 promises room for the result and no more. Four characters
-// store 16 bytes whatever they take, so they are taken so only with enough
-// characters behind them, which become bytes of the result themselves.
+// Nothing is stored behind the end of the result, not even where there is room: a
+// size of 0 promises room for the result only. Four characters store 16 bytes
+// whatever they take, so they want enough characters behind them, which become
+// bytes of the result themselves.
 #include <assert.h>
 #include <stddef.h>
 
@@ -31,7 +31,7 @@ namespace {
 
 constexpr size_t kBlockChars = 16;
 
-// How many characters are taken singly before blocks are tried again.
+// How many characters are encoded singly before blocks are tried again.
 #if defined(ZOV_VECTORS)
 constexpr ptrdiff_t kSingleChars = 16;
 #else
@@ -64,7 +64,7 @@ inline bool isAsciiBlock(const Block &block) {
   return haveNone(bitsOf(block), ~0x7Fu);
 }
 
-// False for the last plane too, which shares a bit with what is too large.
+// False for the last plane too, which shares a bit with values that are too large.
 inline bool isValidBlock(const Block &block) {
   __m128i surrogates = _mm_setzero_si128();
   for (const __m128i lanes : block.lanes) {
@@ -88,7 +88,7 @@ inline Lengths lengthsOf(__m128i lanes) {
 
 struct Packing {
   uint8_t shuffle[16];  // the last bytes of each lane, as many as it has
-  uint8_t marks[16];    // what makes them lead and continuation bytes
+  uint8_t marks[16];    // the upper bits of lead and continuation bytes
 };
 
 // By the lengths of four characters, less one, as binary numbers: bit n of the
@@ -147,8 +147,8 @@ ZOV_SHUFFLE inline uint32_t encodeFour(char *out, __m128i lanes) {
 
 #endif
 
-// The two ends of a run, one that stores and one that counts, are passed by
-// value: what is stored could alias one that lies in memory.
+// The two sinks of a run, one that stores and one that counts. They are passed by
+// value: a store could alias one in memory.
 
 struct ByteStore {
   char *next;
@@ -234,8 +234,8 @@ struct Progress {
 constexpr size_t kOverhangChars = 12;
 constexpr size_t kBlockBytes = 4 * kBlockChars;
 
-// How many blocks are taken without looking out for ASCII once there was one that
-// was not: text that mixes the two would mislead a branch for each block.
+// How many blocks are taken without a look for ASCII after one that has other
+// characters: in text that mixes the two that branch would be mispredicted often.
 constexpr uint32_t kOtherBlocks = 8;
 
 template <typename Sink>
@@ -302,7 +302,7 @@ bool hasBlocks() {
 
 #endif
 
-// Takes a character, if it is one and fits.
+// Takes a character that is valid and fits; false for any other.
 template <typename Sink>
 inline bool takeOne(Sink &sink, uint32_t unit) {
   if (unit < 0x80) {
@@ -344,7 +344,8 @@ EncodeRun encodeRun(const wchar_t *text, const wchar_t *end, char *out, uint64_t
     const Progress<ByteCounter> progress = takeRun(ByteCounter{0}, text, end);
     return {progress.text, progress.sink.count};
   }
-  // What can never be used is left out, so that no pointer is made up.
+  // Bounded by what the text can need: room is near 2^32 for a size of 0, and
+  // out + room could overflow.
   const uint64_t most = 4 * static_cast<uint64_t>(end - text);
   const ByteStore store{out, out + std::min(room, most)};
   const Progress<ByteStore> progress = takeRun(store, text, end);

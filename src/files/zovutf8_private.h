@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the parts of the UTF-8 conversion and other modules that speak UTF-8
-// share: the encoding of one code point, the meaning of a lead byte, and the
-// converters with lengths that are not bounded to 32 bits. Everything here
-// works on its arguments alone; nothing but withUTF8() allocates or jumps.
+// What the parts of the UTF-8 conversion share with other modules: the encoding of
+// one code point, the meaning of a lead byte, and the converters for lengths of 64
+// bits. All work on their arguments alone; only withUTF8() allocates and may jump.
 #ifndef ZOV_FILES_ZOVUTF8_PRIVATE_H
 #define ZOV_FILES_ZOVUTF8_PRIVATE_H
 
@@ -18,11 +17,11 @@ namespace zov {
 constexpr uint32_t kLastCodePoint = 0x10FFFF;
 constexpr uint32_t kReplacement = '?';
 
-// What a sink is given for input that is no character.
+// A sink gets this for input that is no character.
 constexpr uint32_t kInvalidUnit = UINT32_MAX;
 
-// What a sink did with a code point. Sinks exist in pairs, one that counts and
-// one that stores, so that a call without a buffer measures.
+// What a sink did with a code point. Sinks come in pairs, one that counts and one
+// that stores: a call without a buffer measures.
 enum SinkResult : int32_t {
   kTaken = 0,
   kNoRoom = 1,   // nothing was stored
@@ -47,8 +46,8 @@ constexpr uint32_t utf8Length(uint32_t codePoint) {
   return codePoint <= kLastCodePoint ? 4 : 0;
 }
 
-// Stores a code point in a sequence of a fixed length, which the compiler then
-// needs no loop for.
+// Stores a code point in a sequence of a fixed length, for which the compiler
+// unrolls the loop.
 template <uint32_t kLength>
 inline void storeSequence(char *out, uint32_t codePoint) {
   constexpr uint32_t leadBits = kLength == 1 ? 0 : 0xF00 >> kLength & 0xFF;
@@ -59,7 +58,7 @@ inline void storeSequence(char *out, uint32_t codePoint) {
   out[0] = static_cast<char>(leadBits | codePoint);
 }
 
-// Stores the UTF-8 form of a code point, whose length is that of utf8Length().
+// Stores the UTF-8 form of a code point. The length is that of utf8Length().
 inline void storeUtf8(char *out, uint32_t codePoint, uint32_t lengthBytes) {
   assert(lengthBytes != 0 && lengthBytes == utf8Length(codePoint));
   switch (lengthBytes) {
@@ -98,9 +97,9 @@ constexpr bool isContinuation(uint8_t byte) {
   return (byte & 0xC0) == 0x80;
 }
 
-// Judges the value of a whole sequence. The two last values of the basic plane
-// are refused although the encoder lets them through; other non-characters
-// pass in both directions.
+// Whether a whole sequence may have a value. The last two of the basic plane are
+// refused although the encoder accepts them; other non-characters pass in both
+// directions.
 constexpr bool isValidValue(uint32_t value, uint32_t lengthBytes) {
   return utf8Length(value) == lengthBytes && !isSurrogate(value) && value - 0xFFFE > 1;
 }
@@ -110,8 +109,9 @@ constexpr uint32_t capacityOf(uint32_t size) {
   return size - 1;
 }
 
-// Terminates a result, for which the walk has left room unless the size was 0,
-// and tells its length. Too long a length to tell is a failure.
+// Terminates a result, for which the walk has left room unless the size is 0, and
+// returns its length with the terminator. One that 32 bits cannot tell is a
+// failure.
 template <typename Unit>
 inline uint32_t terminate(Unit *out, uint32_t size, uint64_t count) {
   assert(out == nullptr || size == 0 || count < size);
@@ -123,7 +123,7 @@ inline uint32_t terminate(Unit *out, uint32_t size, uint64_t count) {
   return count < ZOV_UTF8_FAILED ? static_cast<uint32_t>(count) : ZOV_UTF8_FAILED;
 }
 
-// How far a run got, and how many characters or bytes came out of it.
+// Where a run stopped, and how many characters or bytes it gave.
 struct DecodeRun {
   const uint8_t *bytes;
   uint64_t chars;
@@ -134,9 +134,9 @@ struct EncodeRun {
   uint64_t bytes;
 };
 
-// The fast part of either direction: converts whole valid characters up to the
-// end or to the first that is none or does not fit. Without `out` there is no
-// bound.
+// The fast part of either direction: converts whole characters up to the end, or
+// stops before the first that is invalid or does not fit. Without `out` it counts,
+// and `room` sets no bound.
 DecodeRun decodeRun(const uint8_t *bytes, const uint8_t *end, wchar_t *out, uint64_t room);
 EncodeRun encodeRun(const wchar_t *text, const wchar_t *end, char *out, uint64_t room);
 
@@ -146,9 +146,9 @@ uint32_t encodeWide(char *out, uint32_t sizeBytes, const wchar_t *text, size_t l
 uint32_t decodeUtf8(wchar_t *out, uint32_t sizeChars, const char *text, size_t lengthBytes,
                     uint32_t errorMode);
 
-// Calls with UTF-8 copies of wide texts and releases them; `failure` where one
-// cannot be converted, with errno. The conversion may jump: with several texts
-// the caller holds jumps off, since a copy of the first would be lost.
+// Calls with UTF-8 copies of wide texts and releases them. Returns `failure`, with
+// errno, when one cannot be converted. The conversion may jump: with several texts
+// the caller holds jumps off, or the copy of the first would be lost.
 template <typename Result, typename Call>
 Result withUTF8(Result, Call call) {
   return call();

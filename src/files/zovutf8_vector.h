@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Vectors of 16 bytes for the conversion loops, on processors that have them.
-// Every x86-64 processor has all that is used here but the byte shuffle, which
-// came a little later: the loops that want it ask hasShuffle() first, and carry
-// ZOV_SHUFFLE themselves. Elsewhere ZOV_VECTORS is not defined and the loops do
-// without. Values in lanes are in the order of memory, lowest first.
+// Every x86-64 processor has all of these but the byte shuffle: loops that use it
+// ask hasShuffle() first, and carry ZOV_SHUFFLE themselves. Elsewhere ZOV_VECTORS
+// is not defined and the loops do without. Lanes are in the order of memory,
+// lowest first.
 #ifndef ZOV_FILES_ZOVUTF8_VECTOR_H
 #define ZOV_FILES_ZOVUTF8_VECTOR_H
 
