@@ -34,6 +34,7 @@ namespace {
 
 constexpr uint32_t kTableEntries = 128;
 constexpr uint32_t kBlockSlots = 1024;
+constexpr size_t kCacheLine = 64;
 constexpr uint16_t kEndOfFree = 65535;
 constexpr uint16_t kInUse = 65534;
 
@@ -47,25 +48,30 @@ using ThreadId = uintptr_t;
 //    handed out.
 // 2. Of a mutex, recursionCount and owner are written by the thread inside, or
 //    by whoever leaves in its place.
-struct SyncSlot {
+// 3. A slot shares no cache line with another: threads that each have a mutex of
+//    their own would wait for that line in turns. All of a mutex is in the first.
+struct alignas(kCacheLine) SyncSlot {
   union {
     pthread_mutex_t mutex;     // kind 1
     pthread_cond_t condition;  // kind 2
   };
   std::atomic<int32_t> recursionCount;
+  std::atomic<uint16_t> kind;
+  uint16_t nextFree;
   union {
     std::atomic<ThreadId> owner;  // kind 1
     pthread_mutex_t eventMutex;   // kind 2, rank 13: guards signalled while it is set
   };
   std::atomic<int32_t> signalled;
-  std::atomic<uint16_t> kind;
-  uint16_t nextFree;
   SyncBlockEntry *block;
 };
+
+static_assert(offsetof(SyncSlot, owner) + sizeof(ThreadId) <= kCacheLine);
 
 // Blocks are allocated zero-filled, which is a free slot of kind 0.
 struct SyncBlockEntry {
   SyncSlot *slots;
+  void *memory;  // the slots begin at its first cache line
   uint16_t firstFree;
 };
 
@@ -98,20 +104,27 @@ bool isKind(ZOV_SYNC handle, uint16_t kind) {
   return !isAbsent(handle) && slotOf(handle)->kind.load(std::memory_order_relaxed) == kind;
 }
 
-SyncSlot *newBlock() {
+void *newBlock() {
   const zov::NoJump noJump;
-  return static_cast<SyncSlot *>(
-      zov_getMem(sizeof(SyncSlot) * kBlockSlots, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  return zov_getMem(sizeof(SyncSlot) * kBlockSlots + kCacheLine, ZOV_DEFAULT_TAG, ZOV_MEM_ZERO,
+                    nullptr, ZOV_HERE);
+}
+
+SyncSlot *slotsIn(void *memory) {
+  const uintptr_t behind = reinterpret_cast<uintptr_t>(memory) + kCacheLine - 1;
+  return reinterpret_cast<SyncSlot *>(behind - behind % kCacheLine);
 }
 
 // Links a new block's slots into a free stack in index order.
-void attachBlock(SyncBlockEntry &entry, SyncSlot *slots) {
+void attachBlock(SyncBlockEntry &entry, void *memory) {
+  SyncSlot *slots = slotsIn(memory);
   for (uint32_t index = 0; index < kBlockSlots; ++index) {
     slots[index].nextFree = static_cast<uint16_t>(index + 1);
     slots[index].block = &entry;
   }
   slots[kBlockSlots - 1].nextFree = kEndOfFree;
   entry.slots = slots;
+  entry.memory = memory;
   entry.firstFree = 0;
 }
 
@@ -136,7 +149,7 @@ SyncBlockEntry *findEntry() {
 // the lock released, because allocating enters the default tag's own mutex;
 // whoever finds on return that another thread was faster drops its block.
 SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
-  SyncSlot *spare = nullptr;
+  void *spare = nullptr;
   SyncSlot *slot = nullptr;
   pthread_mutex_lock(&semTabMutex);
   SyncBlockEntry *entry = findEntry();
@@ -364,7 +377,7 @@ void zov_syncShutdown() {
         destroyObjects(entry.slots[index]);
       }
     }
-    zov_freeMem(entry.slots, ZOV_DEFAULT_TAG);
+    zov_freeMem(entry.memory, ZOV_DEFAULT_TAG);
   }
 }
 
