@@ -40,12 +40,9 @@ template <typename Element>
 Element *append(IniList<Element> &list) {
   assert(list.count <= list.capacity && !iniIsFull(list));
   if (list.count == list.capacity) {
-    void *block = zov_extendMem(list.elements, (uint64_t{list.count} + 1) * sizeof(Element),
-                                ZOV_DEFAULT_TAG, 1, sizeof(Element), ZOV_HERE);
-    if (block == nullptr) {
+    if (!growArray(list.elements, list.capacity + 1u, 1, ZOV_DEFAULT_TAG, ZOV_HERE)) {
       return nullptr;
     }
-    list.elements = static_cast<Element *>(block);
     ++list.capacity;
   }
   return &list.elements[list.count++];

@@ -4,12 +4,12 @@
 // while its entry has no sections; otherwise the answer comes from memory, at
 // the cost of one lock and a look-up of the path, the section and the name.
 //
-// Results are put together byte by byte as a list of texts with a NUL behind
-// each and one more behind the last. The last NUL of a single value is thus its
-// second, and room for it is asked for as well: callers size their buffers with
-// two bytes to spare.
+// An answer is a list of texts with a NUL behind each and one more behind the last.
+// So a single value has two, and needs room for both: callers size their buffers
+// with two bytes to spare.
 //
 // All is done under iniSem with jumps held off.
+#include <assert.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -24,50 +24,51 @@ namespace {
 constexpr uint64_t kIntegerBytes = 20;
 
 // The caller's buffer without the byte for the last NUL.
-struct Output {
+struct Answer {
   char *out;
   uint64_t room;    // bytes
-  uint64_t copied;  // of them in use
+  uint64_t copied;  // bytes, at most room
   bool isCut;
 
   uint64_t left() const { return room - copied; }
 };
 
-void put(Output &output, const char *bytes, uint64_t length) {
-  memcpy(output.out + output.copied, bytes, length);
-  output.copied += length;
+void put(Answer &answer, const char *bytes, uint64_t length) {
+  assert(length <= answer.left());
+  memcpy(answer.out + answer.copied, bytes, length);
+  answer.copied += length;
 }
 
-// Copies a text and its NUL, or what of them fits.
-void putOrCut(Output &output, const char *text, uint64_t length) {
+// Copies a text and its NUL, as far as they fit.
+void putOrCut(Answer &answer, const char *text, uint64_t length) {
   const uint64_t wanted = length + 1;
-  output.isCut = wanted > output.left();
-  put(output, text, std::min(wanted, output.left()));
+  answer.isCut = wanted > answer.left();
+  put(answer, text, std::min(wanted, answer.left()));
 }
 
-// What is left counts in 16 bits here: a larger buffer is used up to a multiple
-// of 65,536 bytes from its end, and that does not count as cut.
-void putParamNames(Output &output, const IniSection &section) {
+// The room left counts in 16 bits here: a larger buffer is filled up to a multiple
+// of 65,536 bytes from its end, which does not count as cut.
+void putParamNames(Answer &answer, const IniSection &section) {
   for (const IniParam &param : section.params) {
-    const uint64_t left = static_cast<uint16_t>(output.left());
+    const uint64_t left = static_cast<uint16_t>(answer.left());
     const IniText name = iniNameOf(param);
-    put(output, name.bytes, std::min<uint64_t>(name.length + 1, left));
+    put(answer, name.bytes, std::min<uint64_t>(name.length + 1, left));
   }
 }
 
-void putSectionNames(Output &output, const IniFile &file) {
+void putSectionNames(Answer &answer, const IniFile &file) {
   for (const IniSection &section : file.sections) {
-    if (output.isCut) {
+    if (answer.isCut) {
       return;
     }
     const IniText name = iniNameOf(section);
-    putOrCut(output, name.bytes, name.length);
+    putOrCut(answer, name.bytes, name.length);
   }
 }
 
-int32_t putAnswer(Output &output, const IniFile &file, const char *section, const char *name) {
+int32_t putAnswer(Answer &answer, const IniFile &file, const char *section, const char *name) {
   if (section == nullptr) {
-    putSectionNames(output, file);
+    putSectionNames(answer, file);
     return ZOV_OKAY;
   }
   const IniSection *found = iniFind(file.sections, iniText(section));
@@ -75,18 +76,18 @@ int32_t putAnswer(Output &output, const IniFile &file, const char *section, cons
     return kIniNotFound;
   }
   if (name == nullptr) {
-    putParamNames(output, *found);
+    putParamNames(answer, *found);
     return ZOV_OKAY;
   }
   const IniParam *param = iniFind(found->params, iniText(name));
   if (param == nullptr) {
     return kIniNotFound;
   }
-  putOrCut(output, param->value(), param->valueBytes);
+  putOrCut(answer, param->value(), param->valueBytes);
   return ZOV_OKAY;
 }
 
-// The cached file, read now if nothing of it is known.
+// The entry of a path. The file is read when there is none, or an empty one.
 int32_t fileFor(const char *path, uint16_t flags, IniFile *&file) {
   file = findINI(path);
   if (file != nullptr && file->sections.count > 0) {
@@ -106,16 +107,16 @@ int32_t _iniGet(const char *path, const char *section, const char *name, char *o
     return ZOV_INI_TRUNCATED;
   }
   out[0] = '\0';
-  Output output = {out, sizeBytes - 1, 0, false};
-  status = putAnswer(output, *file, section, name);
+  Answer answer = {out, sizeBytes - 1, 0, false};
+  status = putAnswer(answer, *file, section, name);
   if (status != ZOV_OKAY) {
     return status;
   }
-  if (output.left() == 0) {
+  if (answer.left() == 0) {
     return ZOV_INI_TRUNCATED;
   }
-  out[output.copied] = '\0';
-  return output.isCut ? ZOV_INI_TRUNCATED : ZOV_OKAY;
+  out[answer.copied] = '\0';
+  return answer.isCut ? ZOV_INI_TRUNCATED : ZOV_OKAY;
 }
 
 }  // namespace

@@ -5,17 +5,18 @@
 //
 //   make and lock the copy -> open the file, copy -> check, rename -> read again
 //
-// On disk the copy is "_temp_.ini" beside the file, and the lock that keeps sets
-// of other processes out (files/zovfile_lockedcopy.h): the file is opened under
-// it, so what they wrote is there. In memory the copy has no name until it has
-// that of the file. The file is there at each moment, and as it was until every
-// byte of the copy is known to have arrived.
+// On disk the copy is "_temp_.ini" beside the file, and is the lock that keeps sets
+// of other processes out (files/zovfile_lockedcopy.h). The file is opened under it,
+// so it has what they wrote. In memory the copy has no name until it takes that of
+// the file. The file exists at each moment, and stays as it was until the copy is
+// known to have every byte.
 //
-// Lines are copied by length, so zeros survive. What is not text does not: a
-// byte-order mark is dropped, and UTF-16 becomes UTF-8. A file marked FE FF, whose
-// units would be read in the wrong order, is refused.
+// Lines are copied by length, so zeros survive. The encoding does not: a byte-order
+// mark is dropped, and UTF-16 becomes UTF-8. A file marked FE FF, whose units would
+// be read in the wrong order, is refused.
 //
-// All is done under iniSem with jumps held off, waiting for another process too.
+// All is done under iniSem with jumps held off, the wait for another process too.
+#include <assert.h>
 #include <fcntl.h>
 #include <string.h>
 
@@ -42,9 +43,9 @@ struct Change {
 
 // A copy under way.
 //
-// 1. heldBack lines were read and are not written, in the target section only.
-// 2. endsLine tells whether what was written ends with a line end; so does
-//    nothing at all.
+// 1. heldBack lines were read and are not written; there are none outside of the
+//    target section.
+// 2. endsLine: the text written so far ends with a line end, or is empty.
 struct Rewrite {
   const Change &change;
   FileCache &out;
@@ -52,7 +53,7 @@ struct Rewrite {
   bool isInTarget;
   bool isDone;
   bool endsLine;
-  bool hasFailed;  // a byte was not taken; nothing is written any more
+  bool hasFailed;  // the copy did not take a byte; nothing is written any more
 };
 
 void write(Rewrite &rewrite, IniText text) {
@@ -94,8 +95,8 @@ bool isTargetParam(const Change &change, IniText line) {
   return iniEqual(iniBefore(line, '='), change.name);
 }
 
-// The header of the next section: whatever is to be added goes in front of it
-// and of the blank lines above it.
+// Takes the header of the next section. A new pair stands before it and the blank
+// lines above it.
 void leaveTarget(Rewrite &rewrite, IniText line) {
   rewrite.isDone = true;
   if (rewrite.change.mode == Mode::kSet) {
@@ -125,6 +126,7 @@ void takeTargetLine(Rewrite &rewrite, IniText line) {
 }
 
 void takeLine(Rewrite &rewrite, IniText line) {
+  assert(rewrite.heldBack == 0 || (rewrite.isInTarget && !rewrite.isDone));
   const bool deletesSection = rewrite.change.mode == Mode::kDeleteSection;
   if (rewrite.isDone) {
     write(rewrite, line);
@@ -141,8 +143,8 @@ void takeLine(Rewrite &rewrite, IniText line) {
   }
 }
 
-// Adds what found no place: at the end of the section if the file ends with it,
-// else in a new section. Blank lines held back go.
+// Adds a pair that found no place: at the end of the section if the file ends with
+// it, else in a new section. Blank lines held back are dropped.
 void takeEnd(Rewrite &rewrite) {
   if (rewrite.isDone || rewrite.change.mode != Mode::kSet) {
     return;
@@ -175,25 +177,19 @@ int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
 }
 
 // The bytes of a path that name the directory. In memory either slash separates.
-size_t directoryBytesOf(const char *path, uint16_t flags) {
+int32_t directoryBytesOf(const char *path, uint16_t flags) {
   const bool takesBackslash = (flags & ZOV_FILE_MEMORY) != 0;
   size_t length = strlen(path);
   while (length > 0 && path[length - 1] != '/' && !(takesBackslash && path[length - 1] == '\\')) {
     --length;
   }
-  return length;
+  return static_cast<int32_t>(length);
 }
 
 // Where the copy of a file goes, or null without memory.
 char *tempPathFor(const char *path, uint16_t flags) {
-  const size_t directoryBytes = directoryBytesOf(path, flags);
-  const size_t bytes = directoryBytes + sizeof kTempName;
-  char *temp = zov::makeArray<char>(bytes, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (temp != nullptr) {
-    memcpy(temp, path, directoryBytes);
-    memcpy(temp + directoryBytes, kTempName, sizeof kTempName);
-  }
-  return temp;
+  return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%.*s%s", directoryBytesOf(path, flags), path,
+                       kTempName);
 }
 
 // Writes the changed text of a file, which it closes, to a new one.
@@ -230,8 +226,7 @@ int32_t fillAndPlace(const Change &change, const char *path, LockedCopy &copy) {
   return lockedCopyPlace(copy, path, status) == ZOV_OKAY ? ZOV_OKAY : ZOV_INI_NOTREPLACED;
 }
 
-// Whether the file was replaced is told beside the status: it may be when its
-// directory could not be synced.
+// isReplaced may be true beside a failure: when the directory could not be synced.
 int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, uint16_t flags,
                       bool &isReplaced) {
   struct stat status;
@@ -240,7 +235,7 @@ int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, 
   if (original == nullptr) {
     return failureOf(ZOV_INI_NOFILE);
   }
-  // While it is open no copy can get its inode number and be taken for it.
+  // While the file is open no copy can get its inode number and be taken for it.
   LockedCopy copy = {temp, flags, nullptr, false};
   const int32_t made = lockedCopyMake(copy, status);
   zov_fileClose(original);
@@ -287,23 +282,20 @@ int32_t rewriteFile(const Change &change, const char *path, const char *temp, ui
   return status;
 }
 
-// The file itself must not have the name of the copy, in memory either.
+// Whether a path is that of the copy, which no set may change.
 bool isTempPath(const char *path, const char *temp, uint16_t flags) {
   return (flags & ZOV_FILE_MEMORY) != 0 ? iniEqual(iniText(path), iniText(temp))
                                         : strcmp(path, temp) == 0;
 }
 
 Change changeFor(const char *section, const char *name, const char *value) {
-  Change change = {Mode::kDeleteSection, iniText(section), {}, {}};
-  if (name != nullptr) {
-    change.mode = Mode::kDeleteParam;
-    change.name = iniText(name);
+  if (name == nullptr) {
+    return {Mode::kDeleteSection, iniText(section), {}, {}};
   }
-  if (name != nullptr && value != nullptr) {
-    change.mode = Mode::kSet;
-    change.value = iniText(value);
+  if (value == nullptr) {
+    return {Mode::kDeleteParam, iniText(section), iniText(name), {}};
   }
-  return change;
+  return {Mode::kSet, iniText(section), iniText(name), iniText(value)};
 }
 
 }  // namespace

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A driver for LALR(1) tables in the layout of the classic yacc. It pushes down
-// states and values on two stacks of its own and asks the caller for tokens and
-// for the meaning of rules:
+// A driver for LALR(1) tables in the layout of the classic yacc. It keeps states
+// and values on two stacks and asks the caller for tokens and for the meaning of
+// rules:
 //
 //   states   0 | 4 | 17 | 9 |          the newest is the state the parser is in
-//   values   - | v | v  | v |          the values of what led there: the lexer's
-//                             next     after a shift, else the rule's result
+//   values   - | v | v  | v |          the value of the symbol that entered each:
+//                             next     the lexer's after a shift, else the rule's
 //
 // The tables share cells: a cell found by base + token, or base + state, holds a
-// state, and belongs to whoever asked only when that state is entered by what was
-// asked for. check has, for each state, the token (or minus the non-terminal) by
-// which it is entered.
+// state, which counts only when the symbol looked for enters it. check has, for
+// each state, the token (or minus the non-terminal) that enters it.
 //
 // All state lives in the call, so parses are independent. The stacks belong to the
 // caller's tag, which may jump, or to a tag that lives as long as the call.
+#include <assert.h>
 #include <string.h>
 
 #include "core/zov_make.h"
@@ -30,26 +30,27 @@ constexpr int32_t kSeeExceptions = 65534;
 
 constexpr int32_t kSyntaxError = 0;
 
-// In a pair of the exception table: opens the section of a state.
+// First in a pair of the exception table: the section of a state begins.
 constexpr int32_t kSection = -1;
 
 constexpr int32_t kEndOfInput = 0;
 constexpr int32_t kNoToken = -1;
 
-// The recovery counter after an error, the number of shifts that end recovery.
+// The recovery counter after an error: so many shifts end recovery.
 constexpr int32_t kRecovering = 3;
 
 constexpr int32_t kFirstCapacity = 100;
-constexpr int32_t kGrowth = 50;
+constexpr uint32_t kGrowth = 50;
 
 // 1. states <= next <= last; the entry at next exists, and can be read.
-// 2. token is kNoToken or at least 0.
-// 3. 0 <= recovery <= kRecovering.
+// 2. nextValue stands in values where next does in states. It is kept, as last is,
+//    to spare each step the arithmetic.
+// 3. token is kNoToken or at least 0.
+// 4. 0 <= recovery <= kRecovering.
 struct Parser {
   const ZOV_PARSE_CONTEXT &context;
   const ZOV_PARSE_TABLES &tables;
   ZOV_TAG tag;
-  int32_t capacity = kFirstCapacity;
   int16_t *states = nullptr;
   int16_t *next = nullptr;
   int16_t *last = nullptr;  // the last entry there is room for
@@ -61,10 +62,10 @@ struct Parser {
   int32_t token = kNoToken;  // the look-ahead
   int32_t recovery = 0;
   int32_t status = 0;
-  bool abandoned = false;  // no state was left that takes the error token
+  bool isAbandoned = false;  // no state was left that takes the error token
 };
 
-// An impossible size is left to the tag to refuse, in its own way.
+// A size that overflows becomes one that the tag refuses.
 uint64_t bytesOfValues(uint64_t valueSize, uint64_t count) {
   return valueSize > UINT64_MAX / count ? UINT64_MAX : valueSize * count;
 }
@@ -90,31 +91,25 @@ inline bool makeStacks(Parser &parser) {
   return true;
 }
 
+// Grows stacks that are full.
 inline bool growStacks(Parser &parser) {
+  assert(parser.next == parser.last);
   const uint64_t valueSize = parser.context.valueSize;
-  const int64_t depth = parser.next - parser.states;
-  const uint64_t capacity = static_cast<uint64_t>(parser.capacity) + kGrowth;
-  void *states = zov_extendMem(parser.states, capacity * sizeof(int16_t), parser.tag, 1,
-                               kGrowth * sizeof(int16_t), ZOV_HERE);
-  if (states == nullptr) {
+  const uint64_t depth = static_cast<uint64_t>(parser.next - parser.states);
+  const uint64_t capacity = depth + 1 + kGrowth;
+  if (!zov::growArray(parser.states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
+      !zov::growArray(parser.values, bytesOfValues(valueSize, capacity),
+                      bytesOfValues(valueSize, kGrowth), parser.tag, ZOV_HERE)) {
     return false;
   }
-  void *values = zov_extendMem(parser.values, bytesOfValues(valueSize, capacity), parser.tag, 1,
-                               bytesOfValues(valueSize, kGrowth), ZOV_HERE);
-  if (values == nullptr) {
-    return false;
-  }
-  parser.capacity += kGrowth;
-  parser.states = static_cast<int16_t *>(states);
   parser.next = parser.states + depth;
   parser.last = parser.states + capacity - 1;
-  parser.values = static_cast<char *>(values);
-  parser.nextValue = parser.values + static_cast<uint64_t>(depth) * valueSize;
+  parser.nextValue = parser.values + depth * valueSize;
   return true;
 }
 
-// The steps below come once for each common size of a value, which is then known
-// to the compiler, and once, with 0, for all others.
+// The steps below are made once for each common size of a value, which the compiler
+// then knows, and once, with 0, for all others.
 template <uint64_t kSize>
 inline uint64_t sizeOfValue(const Parser &parser) {
   return kSize != 0 ? kSize : parser.context.valueSize;
@@ -125,13 +120,16 @@ inline bool stop(Parser &parser, int32_t status) {
   return false;
 }
 
-// Enters a state. The steps return what this does: whether the parse goes on.
+// Enters a state. Tells, as all steps do, whether the parse goes on.
 template <uint64_t kSize>
 inline bool enter(Parser &parser, int32_t state, const char *value) {
+  assert(parser.states <= parser.next && parser.next <= parser.last);
   if (parser.next == parser.last && !growStacks(parser)) [[unlikely]] {
     return stop(parser, ZOV_NOMEMORY);
   }
   const uint64_t size = sizeOfValue<kSize>(parser);
+  assert(parser.nextValue ==
+         parser.values + static_cast<uint64_t>(parser.next - parser.states) * size);
   parser.state = state;
   *parser.next++ = static_cast<int16_t>(state);
   memcpy(parser.nextValue, value, size);
@@ -168,6 +166,7 @@ inline int32_t stateToShift(Parser &parser) {
 
 template <uint64_t kSize>
 inline bool shift(Parser &parser, int32_t state) {
+  assert(parser.recovery >= 0 && parser.recovery <= kRecovering);
   parser.token = kNoToken;
   parser.recovery -= parser.recovery > 0 ? 1 : 0;
   return enter<kSize>(parser, state, parser.lexed);
@@ -185,15 +184,16 @@ inline int32_t exceptionRule(const ZOV_PARSE_TABLES &tables, int32_t state, int3
   return pair[1];
 }
 
-// Pops the right-hand side of a rule, runs its action and enters the state behind
-// its left side. The popped values stay where they are until then; the first of
-// them is the result unless the action stores another.
+// Pops the right-hand side of a rule, runs its action and enters the state that its
+// left side leads to. The popped values stay in place until then; the first of them
+// is the result unless the action stores another.
 template <uint64_t kSize>
 inline bool reduce(Parser &parser, int32_t rule) {
   const ZOV_PARSE_TABLES &tables = parser.tables;
   const uint64_t size = sizeOfValue<kSize>(parser);
   const int32_t length = tables.ruleLength[rule];
   const int32_t nonTerminal = tables.ruleLeft[rule];
+  assert(parser.next - parser.states > length);
   char *lastValue = parser.nextValue - size;
   parser.next -= length;
   parser.nextValue -= static_cast<uint64_t>(length) * size;
@@ -205,7 +205,9 @@ inline bool reduce(Parser &parser, int32_t rule) {
   if (status != 0) {
     return stop(parser, status);
   }
-  parser.recovery = 0;  // any reduction ends recovery, unlike yacc's three shifts
+  // Any reduction ends recovery, unlike yacc's three shifts; zov_yyparse() documents
+  // the consequences.
+  parser.recovery = 0;
   return enter<kSize>(parser, state < 0 ? tables.action[base] : state, parser.result);
 }
 
@@ -224,7 +226,7 @@ inline bool shiftError(Parser &parser) {
     --parser.next;
     parser.nextValue -= sizeOfValue<kSize>(parser);
   }
-  parser.abandoned = true;
+  parser.isAbandoned = true;
   return stop(parser, kRecovering);
 }
 
@@ -261,7 +263,7 @@ inline bool step(Parser &parser) {
 
 struct Outcome {
   int32_t status;
-  bool abandoned;
+  bool isAbandoned;
 };
 
 template <uint64_t kSize>
@@ -274,7 +276,7 @@ Outcome parseTokens(const ZOV_PARSE_CONTEXT &context, ZOV_TAG tag) {
   while (running) {
     running = step<kSize>(parser);
   }
-  return {parser.status, parser.abandoned};
+  return {parser.status, parser.isAbandoned};
 }
 
 Outcome _yyparse(const ZOV_PARSE_CONTEXT &context, ZOV_TAG tag) {
@@ -299,7 +301,7 @@ extern "C" int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context) {
   if (ownTag) {
     zov_freeTagMemory(tag, 1);
   }
-  if (outcome.abandoned && context->error != nullptr) {
+  if (outcome.isAbandoned && context->error != nullptr) {
     context->error(context->userContext);
   }
   return outcome.status;

@@ -159,16 +159,11 @@ LinePiece readPiece(TextStream &stream, char *out, uint32_t room) {
 
 // Grows a line's block. False without memory: block and size stay as they are.
 bool growLine(char **buffer, uint32_t *sizeBytes) {
-  if (*sizeBytes > UINT32_MAX - kLineBytes) {
+  if (*sizeBytes > UINT32_MAX - kLineBytes ||
+      !growArray(*buffer, *sizeBytes + kLineBytes, 0, ZOV_DEFAULT_TAG, ZOV_HERE)) {
     return false;
   }
-  const uint32_t grown = *sizeBytes + kLineBytes;
-  void *block = zov_extendMem(*buffer, grown, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE);
-  if (block == nullptr) {
-    return false;
-  }
-  *buffer = static_cast<char *>(block);
-  *sizeBytes = grown;
+  *sizeBytes += kLineBytes;
   return true;
 }
 

@@ -14,6 +14,7 @@
 #include <assert.h>
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
@@ -93,13 +94,9 @@ bool checkSize(TextStream &stream, uint32_t lengthBytes) {
   if (stream.formatCapacity >= wanted) {
     return true;
   }
-  void *block = zov_extendMem(stream.formatBuffer, wanted, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE);
-  if (block == nullptr) {
-    return false;
-  }
-  stream.formatBuffer = static_cast<char *>(block);
-  stream.formatCapacity = wanted;
-  return true;
+  const bool isGrown = growArray(stream.formatBuffer, wanted, 0, ZOV_DEFAULT_TAG, ZOV_HERE);
+  stream.formatCapacity = isGrown ? wanted : stream.formatCapacity;
+  return isGrown;
 }
 
 // Formats into the stream's buffer. A text that does not fit is measured, and

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The formatter: one engine behind every formatted text of the library, so that
-// a text comes out the same whatever libc is underneath. Its grammar is a
-// reduced one and its results differ from libc's on purpose in places; the
-// public header lists where.
+// a text is the same under every libc. Its grammar is a reduced one and its results
+// differ from libc's on purpose in places; the public header lists them.
 //
 //   format --parse--> FmtSpec, one a directive --convert--> FmtOutput
 //
@@ -11,25 +10,24 @@
 // and floating point have a file each. A FmtOutput lives for one call and a
 // FmtSpec for one directive, both on the stack of that call: the engine
 // allocates nothing, takes no lock and keeps no state, so it may be used
-// anywhere and at any time. Only zov_makeStrV() allocates, and may jump; it
-// holds nothing when it does.
+// anywhere and at any time. Only zov_makeStrV() allocates and may jump, while it
+// holds nothing.
 //
-// A directive fails the whole call when a number in it is too large, or when a
-// value is; what was printed before it stays.
+// A directive fails the whole call when a number in it is too large, or when its
+// value is; the text before it stays.
 #include <stdarg.h>
 #include <string.h>
 
+#include "core/zov_make.h"
 #include "text/zov_vsnprintf_private.h"
-#include "zov.h"
 
 namespace zov {
-
 namespace {
 
 // Bytes of text that are scanned one by one.
 constexpr int32_t kShortText = 16;
 
-// Bytes of text, with the terminator, that zov_makeStrV() produces only once.
+// Texts up to so many bytes, the terminator's included, zov_makeStrV() formats once.
 constexpr uint64_t kMadeText = 256;
 
 // Terminates what was printed and tells its length.
@@ -70,7 +68,7 @@ void parse_flags(FmtSpec &spec) {
   }
 }
 
-// Reads digits, if any, behind what number holds. False when they overflow.
+// Appends the digits that follow, if any, to number. False when they overflow.
 bool parseNumber(FmtSpec &spec, int32_t &number) {
   for (; *spec.cursor >= '0' && *spec.cursor <= '9'; ++spec.cursor) {
     const int32_t digit = *spec.cursor - '0';
@@ -148,8 +146,8 @@ void parse_modifier(FmtSpec &spec) {
   ++spec.cursor;
 }
 
-// Reads no more of the text than the precision lets through: it need not be
-// terminated then.
+// Reads no more of the text than the precision allows: with one the text need not
+// be terminated.
 void format_str(FmtSpec &spec, const char *text) {
   FmtOutput &output = *spec.output;
   const bool limited = spec.precision >= 0;
@@ -313,8 +311,8 @@ const char *handle_fmt(FmtOutput &output, const char *cursor) {
   return parse_type(spec) ? spec.cursor : nullptr;
 }
 
-// Prints the text up to the next directive or the end and returns where that
-// is. Most such texts are short, for which a loop beats the call.
+// Prints the text up to the next directive or the end, which it returns. Most such
+// texts are short, for which a loop beats the call.
 const char *emitText(FmtOutput &output, const char *text) {
   const char *end = text;
   while (*end != '%' && *end != '\0') {
@@ -345,7 +343,6 @@ int32_t _format(FmtOutput &output, char *buffer, uint64_t sizeBytes, const char 
 }
 
 }  // namespace
-
 }  // namespace zov
 
 extern "C" {
@@ -358,7 +355,7 @@ int32_t zov_vsnprintf(char *buffer, uint64_t sizeBytes, const char *format, va_l
   return length;
 }
 
-// Starts the list where the engine consumes it: a list just written is slow to
+// Starts the list where the engine consumes it, as a list just written is slow to
 // copy.
 int32_t zov_snprintf(char *buffer, uint64_t sizeBytes, const char *format, ...) {
   zov::FmtOutput output;
@@ -377,8 +374,7 @@ char *zov_makeStrV(const char *sourceName, uint32_t line, ZOV_TAG tag, const cha
     return nullptr;
   }
   const uint64_t sizeBytes = static_cast<uint64_t>(length) + 1;
-  void *memory = zov_getMem(sizeBytes, tag, ZOV_MEM_PLAIN, nullptr, sourceName, line);
-  char *made = static_cast<char *>(memory);
+  char *made = zov::makeArray<char>(sizeBytes, tag, sourceName, line);
   if (made == nullptr) {
     return nullptr;
   }

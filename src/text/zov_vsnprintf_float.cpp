@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The formatter's floating-point numbers. A number is split into two 64-bit
-// integers, what stands before the decimal point and what stands behind it
-// scaled by a power of ten, and both are printed as integers:
+// integers, the part before the decimal point and the part behind it, scaled by a
+// power of ten, and both are printed as integers:
 //
 //   leading spaces | sign | zero fill | integer digits and separators | point |
 //   zeros | fraction digits | exponent | trailing spaces
 //
 // All arithmetic is in extended precision (80 bits). The split gives at most 19
 // digits behind the point and refuses an integer part of 64 bits and more. It
-// rounds half up, and the power a number is divided by for the exponent is the
-// product of that many multiplications by ten, or divisions, with the rounding
-// of each: digits beyond the 17th are those of this arithmetic and not of the
-// exact value.
+// rounds half up. The power that a number is divided by for its exponent is made
+// by that many multiplications by ten, or divisions, with the rounding of each:
+// digits beyond the 17th are those of this arithmetic and not of the exact value.
 #include <float.h>
 
 #include <array>
@@ -22,7 +21,6 @@
 #include "text/zov_vsnprintf_private.h"
 
 namespace zov {
-
 namespace {
 
 constexpr int32_t kDefaultPrecision = 6;
@@ -32,14 +30,14 @@ constexpr int32_t kMaxPrecision = 19;
 static_assert(LDBL_MANT_DIG == 64, "long double is the processor's extended precision");
 
 // A finite magnitude as mantissa * 2^-shift, the mantissa's highest bit being
-// set. Zero and what is nearly zero have a shift above 128 and any mantissa; a
-// shift below 0 means 2^64 and above.
+// set. Zero and values near it have a shift above 128 and any mantissa; a shift
+// below 0 means 2^64 and above.
 struct Magnitude {
   uint64_t mantissa;
   int32_t shift;
 };
 
-// 10^exponent, as the walk from 1 arrives at it.
+// 10^exponent, as the walk from 1 makes it.
 struct Decade {
   int32_t exponent;
   long double power;
@@ -50,7 +48,7 @@ struct FloatLayout {
   char sign = 0;  // '-', '+', ' ' or 0
   bool useExponent = false;
   bool stripZeros = false;     // no zeros at the end of the fraction
-  const char *word = nullptr;  // what stands for a value that is no number
+  const char *word = nullptr;  // printed for a value that is no number
   Magnitude magnitude;
   Magnitude scaled;  // the magnitude divided by 10^exponent
   int32_t exponent = 0;
@@ -64,10 +62,9 @@ struct FloatLayout {
   char exponentText[5];
 };
 
-// Every sixteenth value of the two walks of get_exponent(): how far a walk goes
-// is then looked up coarsely and walked only for the rest. They are made by the
-// same steps with the same rounding, so a walk from one of them arrives where a
-// walk from 1 does.
+// Every sixteenth value of the two walks of get_exponent(): a walk starts from the
+// nearest of them. They are made by the same steps with the same rounding, so a
+// walk from one of them ends where a walk from 1 does.
 constexpr int32_t kStride = 16;
 using Waypoints = std::array<long double, 4928 / kStride + 1>;
 
@@ -104,11 +101,7 @@ Magnitude magnitudeOf(const long double &value) {
 }
 
 void calc_float_sign(const FmtSpec &spec, bool negative, FloatLayout &layout) {
-  if (negative) {
-    layout.sign = '-';
-  } else if (spec.has(FMT_PLUS | FMT_SPACE)) {
-    layout.sign = spec.has(FMT_PLUS) ? '+' : ' ';
-  }
+  layout.sign = signOf(spec, negative);
 }
 
 const char *get_nan_str(const FmtSpec &spec) {
@@ -126,7 +119,7 @@ void calcPad(const FmtSpec &spec, int64_t total, FloatLayout &layout) {
   }
 }
 
-// Lays out what is no number. False for a number.
+// Lays out a value that is no number. False for a number.
 template <typename Float>
 bool check_nan_and_inf(FmtSpec &spec, Float value, FloatLayout &layout) {
   if (value != value) {
@@ -226,6 +219,7 @@ bool calc_float_parts(FmtSpec &spec, FloatLayout &layout) {
   if (spec.precision > kMaxPrecision) {
     spec.precision = kMaxPrecision;
   }
+  assert(spec.precision >= 0);
   Magnitude bits = layout.useExponent ? layout.scaled : layout.magnitude;
   if (!cast(bits, layout.integerPart)) {
     return false;
@@ -296,20 +290,14 @@ void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
           layout);
 }
 
-void emitSign(FmtOutput &output, const FloatLayout &layout) {
-  if (layout.sign != 0) {
-    emit(output, layout.sign);
-  }
-}
-
 void output_float(FmtSpec &spec, const FloatLayout &layout) {
   FmtOutput &output = *spec.output;
   if (spec.has(FMT_ZERO) && layout.pad > 0) {
-    emitSign(output, layout);
+    emitSign(output, layout.sign);
     emitn(output, layout.pad, '0');
   } else {
     emitn(output, layout.pad, ' ');
-    emitSign(output, layout);
+    emitSign(output, layout.sign);
   }
   if (layout.word != nullptr) {
     emitstr(output, layout.word, static_cast<uint64_t>(layout.integerDigits));
@@ -337,7 +325,7 @@ bool formatFinite(FmtSpec &spec, FloatLayout &layout) {
   return true;
 }
 
-// Doubles are extended only to be divided: their bits say the rest.
+// Doubles are extended only to be divided; all else is told by their bits.
 template <typename Float>
 bool format_float(FmtSpec &spec, Float value) {
   FloatLayout layout;

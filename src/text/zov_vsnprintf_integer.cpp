@@ -10,16 +10,15 @@
 // Digits are counted before they are produced and then written, two at a time
 // from the last one, straight to where they belong.
 //
-// Separators count against the precision, and then again in the total. A
-// grouped number with a precision therefore comes out with less zero fill than
-// the precision asks for, and with less padding than the width asks for.
+// Separators count against the precision, and then again in the total. A grouped
+// number with a precision therefore has less zero fill than the precision asks for,
+// and less padding than the width asks for.
 #include <bit>
 
 #include "text/zov_vsnprintf_locale.h"
 #include "text/zov_vsnprintf_private.h"
 
 namespace zov {
-
 namespace {
 
 // Counts are bytes.
@@ -29,7 +28,7 @@ struct IntLayout {
   uint64_t prefixLength = 0;
   uint64_t magnitude = 0;
   int32_t digits = 0;
-  int64_t separators = 0;  // of all separators together
+  int64_t separators = 0;  // all of them together
   int64_t zeroFill = 0;
   int64_t spaces = 0;  // below 0: that many trailing ones
 };
@@ -51,19 +50,14 @@ void convertDecimal(uint64_t value, char *text, int32_t count) {
 
 void calc_int_sign(const FmtSpec &spec, int64_t value, IntLayout &layout) {
   layout.magnitude = static_cast<uint64_t>(value);
-  if (spec.has(FMT_UNSIGNED)) {
-    return;
-  }
-  if (value < 0) {
-    layout.magnitude = 0 - layout.magnitude;
-    layout.sign = '-';
-  } else if (spec.has(FMT_PLUS | FMT_SPACE)) {
-    layout.sign = spec.has(FMT_PLUS) ? '+' : ' ';
+  if (!spec.has(FMT_UNSIGNED)) {
+    layout.sign = signOf(spec, value < 0);
+    layout.magnitude = value < 0 ? 0 - layout.magnitude : layout.magnitude;
   }
 }
 
-// Octal's "0" is one of the digits the precision asks for; with a precision of
-// 0 that leaves -1, which is none at all.
+// Octal's "0" is one of the digits that the precision asks for. A precision of 0
+// becomes -1, as if none were given.
 void calcPrefix(FmtSpec &spec, IntLayout &layout) {
   if (layout.magnitude == 0) {
     return;
@@ -107,9 +101,7 @@ void calc_int_format(FmtSpec &spec, IntLayout &layout) {
 void output_int(FmtSpec &spec, const IntLayout &layout) {
   FmtOutput &output = *spec.output;
   emitn(output, layout.spaces, ' ');
-  if (layout.sign != 0) {
-    emit(output, layout.sign);
-  }
+  emitSign(output, layout.sign);
   emitstr(output, layout.prefix, layout.prefixLength);
   emitn(output, layout.zeroFill, '0');
   emitDigits(spec, layout.magnitude, layout.digits, layout.separators != 0);
@@ -132,6 +124,7 @@ void emitGrouped(FmtSpec &spec, const char *digits, int32_t count) {
 }  // namespace
 
 int32_t countDigits(uint64_t value, int32_t base) {
+  assert(base == 8 || base == 10 || base == 16);
   const int32_t bits = static_cast<int32_t>(std::bit_width(value | 1));
   if (base != 10) {
     return base == 16 ? (bits + 3) / 4 : (bits + 2) / 3;
@@ -156,6 +149,7 @@ void convert(uint64_t value, char *text, int32_t count, int32_t base, bool upper
 }
 
 void emitDigits(FmtSpec &spec, uint64_t value, int32_t count, bool grouped) {
+  assert(count >= 0 && count <= kDigits);
   FmtOutput &output = *spec.output;
   const bool upper = spec.has(FMT_UPPER);
   const uint64_t length = static_cast<uint64_t>(count);
@@ -177,9 +171,7 @@ void format_int(FmtSpec &spec, int64_t value) {
   IntLayout layout;
   calc_int_sign(spec, value, layout);
   if (spec.isPlain()) {
-    if (layout.sign != 0) {
-      emit(*spec.output, layout.sign);
-    }
+    emitSign(*spec.output, layout.sign);
     emitDigits(spec, layout.magnitude, countDigits(layout.magnitude, spec.base), false);
     return;
   }

@@ -4,10 +4,9 @@
 // thousands separator, each of which may be several bytes long, and the
 // separator empty, as it is in the "C" locale.
 //
-// localeconv() is called without a lock. It has one record for the whole
-// process, which it fills with the same pointers every time unless threads run
-// under different locales of their own. A directive calls it once, and only
-// when it prints one of the two.
+// localeconv() is called without a lock. It has one record for the whole process
+// and fills it with the same pointers every time, unless threads have locales of
+// their own. A directive calls it once, and only when it prints one of the two.
 #ifndef ZOV_TEXT_ZOV_VSNPRINTF_LOCALE_H
 #define ZOV_TEXT_ZOV_VSNPRINTF_LOCALE_H
 
@@ -32,7 +31,7 @@ inline const char *thousandsSeparator(FmtSpec &spec) {
   return text != nullptr ? text : ",";
 }
 
-// The length of a text that has one byte as a rule.
+// The length of a text that mostly has one byte.
 inline uint64_t lengthOf(const char *text) {
   return text[0] != '\0' && text[1] == '\0' ? 1 : strlen(text);
 }
@@ -52,8 +51,8 @@ inline int64_t getnumdec(FmtSpec &spec) {
   return static_cast<int64_t>(lengthOf(decimalPoint(spec)));
 }
 
-// Bytes of all separators of that many digits. No digits at all take one
-// separator less than none.
+// Bytes of all separators of that many digits. For 0 digits the result is minus one
+// separator; kept, since the padding depends on it.
 inline int64_t getnumsep(FmtSpec &spec, int32_t digits) {
   return ((digits + 2) / 3 - 1) * static_cast<int64_t>(lengthOf(thousandsSeparator(spec)));
 }

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the files of the formatter share: the sink every character goes
-// through, one parsed directive, and the conversions that print one.
+// The parts that the files of the formatter share: the sink of every character,
+// one parsed directive, and the conversions that print one.
 //
 // Everything here lives on the stack of the call that formats. Nothing
 // allocates, locks, jumps or keeps state between calls.
 #ifndef ZOV_TEXT_ZOV_VSNPRINTF_PRIVATE_H
 #define ZOV_TEXT_ZOV_VSNPRINTF_PRIVATE_H
 
+#include <assert.h>
 #include <locale.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -55,10 +56,10 @@ enum FmtModifier : int32_t {
   kModMax = 8,         // j
 };
 
-// Where the characters of one call go.
+// The sink of one call's characters.
 //
-// 1. buffer[0 .. min(position, size - 1)) holds what was produced so far;
-//    position goes on counting when the buffer is full.
+// 1. buffer[0 .. min(position, size - 1)) holds the characters produced so far;
+//    position counts on when the buffer is full.
 // 2. size is 0 when buffer is null.
 struct FmtOutput {
   char *buffer;
@@ -80,7 +81,7 @@ struct FmtSpec {
 
   bool has(uint16_t any) const { return (flags & any) != 0; }
 
-  // Nothing but the sign and the digits of a number is to be printed.
+  // A number has only its sign and its digits to be printed.
   bool isPlain() const {
     return width == 0 && precision < 0 && !has(FMT_ALT | FMT_GROUP | FMT_PTR);
   }
@@ -98,8 +99,8 @@ inline void emit(FmtOutput &output, char character) {
   ++output.position;
 }
 
-// memcpy() for what is mostly a few bytes: both ends are copied in one piece
-// each and meet or overlap in the middle, without a call or a loop.
+// memcpy() for mostly a few bytes: both ends are copied in one piece each and meet
+// or overlap in the middle, without a call or a loop.
 inline void copyShort(char *to, const char *from, uint64_t count) {
   if (count > 16) {
     memcpy(to, from, count);
@@ -125,8 +126,8 @@ inline void emitstr(FmtOutput &output, const char *text, uint64_t length) {
   output.position += length;
 }
 
-// Emits a run of one character, none for a count below 1. What does not fit
-// is counted in one step.
+// Emits a run of one character, none for a count below 1. Characters that do not
+// fit are counted in one step.
 inline void emitn(FmtOutput &output, int64_t count, char character) {
   if (count <= 0) {
     return;
@@ -140,6 +141,20 @@ inline void emitn(FmtOutput &output, int64_t count, char character) {
   output.position += length;
 }
 
+// The sign that a number gets: '-', '+', ' ' or 0 for none.
+inline char signOf(const FmtSpec &spec, bool isNegative) {
+  if (isNegative || !spec.has(FMT_PLUS | FMT_SPACE)) {
+    return isNegative ? '-' : '\0';
+  }
+  return spec.has(FMT_PLUS) ? '+' : ' ';
+}
+
+inline void emitSign(FmtOutput &output, char sign) {
+  if (sign != 0) {
+    emit(output, sign);
+  }
+}
+
 // How many digits a value has, at least 1.
 int32_t countDigits(uint64_t value, int32_t base);
 
@@ -147,9 +162,8 @@ int32_t countDigits(uint64_t value, int32_t base);
 // one.
 void convert(uint64_t value, char *text, int32_t count, int32_t base, bool upper);
 
-// Prints digits as convert() writes them in the directive's base, with the
-// locale's separator wherever a non-zero multiple of three is still to come if
-// grouped.
+// Prints digits as convert() writes them in the directive's base; if grouped, with
+// the locale's separator before every third digit from the end.
 void emitDigits(FmtSpec &spec, uint64_t value, int32_t count, bool grouped);
 
 // Prints an integer; value is sign-extended unless FMT_UNSIGNED is set.
