@@ -38,17 +38,19 @@ void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
 }  // namespace
 
 void zov::reportShortage(Shortage what, const char *sourceName, uint32_t line) {
+  if (heldShortage != Shortage::kNone) {
+    return;
+  }
+  heldShortage = what;
+  heldSourceName = sourceName;
+  heldLine = line;
   if (noJumpDepth == 0) {
-    logShortage(what, sourceName, line);
-  } else if (heldShortage == Shortage::kNone) {
-    heldShortage = what;
-    heldSourceName = sourceName;
-    heldLine = line;
+    releaseHeldShortage();
   }
 }
 
 void zov::releaseHeldShortage() {
-  // Raised and still held, so that what writes the message neither jumps nor
+  // Raised and still held, so that nothing that writes the message jumps or
   // reports a shortage of its own.
   ++noJumpDepth;
   logShortage(heldShortage, heldSourceName, heldLine);

@@ -16,7 +16,8 @@ enum class Shortage : uint8_t { kNone, kMemory, kSyncObjects };
 // Reports a shortage met by whoever the place names. While a NoJump is live the
 // message waits for the outermost one to end: its way may lead through locks
 // that rank below those held, down to a file in memory that the log goes to.
-// Of several in that time the first is reported.
+// Of several in that time the first is reported, and none that is met by what
+// writes the message.
 void reportShortage(Shortage what, const char *sourceName, uint32_t line);
 
 // Raised while this thread holds a lock of the library around something that

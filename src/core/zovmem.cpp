@@ -76,10 +76,6 @@ TagRecord *tagN = nullptr;
 // Rank 12: the list of tags.
 ZOV_SYNC tagTabSem = ZOV_NO_SYNC;
 
-// Raised while an out-of-memory message is on its way: what prints it may run
-// out of memory in turn, and then stays silent.
-constinit thread_local bool reporting = false;
-
 TagRecord *resolve(ZOV_TAG tag) {
   return tag == ZOV_DEFAULT_TAG ? tag0 : reinterpret_cast<TagRecord *>(tag);
 }
@@ -141,26 +137,17 @@ struct Failure {
   uint32_t line;
 };
 
-void reportFailure(Failure failure) {
-  if (reporting) {
-    return;
-  }
-  reporting = true;
-  zov::reportShortage(zov::Shortage::kMemory, failure.sourceName, failure.line);
-  reporting = false;
-}
-
 // Reports a failed allocation from a tag whose mutex the caller holds, and
 // leaves it. Jumps from a copy, since the tag is anybody's again by then.
 [[gnu::cold, gnu::noinline]] void *leaveForFailure(TagRecord &tag, Failure failure) {
-  const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0 && !reporting;
+  const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0;
   jmp_buf recovery;
   if (jumps) {
     memcpy(recovery, recoveryIn(tag), sizeof recovery);
   }
   leave(tag.mutex);
   errno = ENOMEM;  // and the message leaves it
-  reportFailure(failure);
+  zov::reportShortage(zov::Shortage::kMemory, failure.sourceName, failure.line);
   if (jumps) {
     zov::jumpTo(recovery);
   }
@@ -364,7 +351,7 @@ ZOV_TAG zov::createPlainTag() {
 }
 
 bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
-  if (!started() || isNoTag(tag) || reporting) {
+  if (!started() || isNoTag(tag)) {
     return false;
   }
   TagRecord &record = *resolve(tag);

@@ -21,16 +21,16 @@ bool recoveryOf(ZOV_TAG tag, jmp_buf recovery);
 [[noreturn]] void jumpTo(jmp_buf recovery);
 
 // How a call fails that holds something while it allocates from a tag. The work
-// runs with jumps held off, and says whether it got what it wants. If it did not
-// because memory is short, the call fails through the tag as one allocation
-// does: the message goes out and, where the tag is armed, undo() releases what
-// the work has left and the jump comes last. Both are lambdas that refer to the
-// caller's variables and own nothing.
+// runs with jumps held off, and is false if it failed because memory is short.
+// The call then fails through the tag as one allocation does: the message goes
+// out and, where the tag is armed, undo() releases what the work has left and the
+// jump comes last. Both are lambdas that refer to the caller's variables and own
+// nothing.
 template <typename Work, typename Undo>
 void workOrJump(ZOV_TAG tag, Work work, Undo undo) {
   jmp_buf recovery;
   holdJumps();
-  const bool isShort = !work() && heldShortage == Shortage::kMemory;
+  const bool isShort = !work();
   const bool jumps = isShort && noJumpDepth == 1 && recoveryOf(tag, recovery);
   if (jumps) {
     undo();
@@ -41,12 +41,17 @@ void workOrJump(ZOV_TAG tag, Work work, Undo undo) {
   }
 }
 
-// The same for work that makes one block, or null with nothing left behind.
+// The same for work that makes one block, or null with nothing left behind. It is
+// handed a flag, to be set where that is because memory is short.
 template <typename Make>
 auto makeOrJump(ZOV_TAG tag, Make make) {
-  decltype(make()) made = nullptr;
-  workOrJump(
-      tag, [&] { return (made = make()) != nullptr; }, [] {});
+  bool isShort = false;
+  decltype(make(isShort)) made = nullptr;
+  const auto work = [&] {
+    made = make(isShort);
+    return !isShort;
+  };
+  workOrJump(tag, work, [] {});
   return made;
 }
 

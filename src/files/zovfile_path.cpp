@@ -65,7 +65,9 @@ bool namesCurrentDirectory(const char *path) {
   return path == nullptr || *path == '\0' || strcmp(path, ".") == 0 || strcmp(path, "./") == 0;
 }
 
-char *_currdir() {
+// The current directory; null, with isShort set, without memory, and where the
+// system does not tell.
+char *_currdir(bool &isShort) {
   char *buffer = nullptr;
   uint64_t sizeBytes = 0;
   while (true) {
@@ -73,6 +75,7 @@ char *_currdir() {
     char *larger =
         static_cast<char *>(zov_extendMem(buffer, sizeBytes, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE));
     if (larger == nullptr) {
+      isShort = true;
       break;
     }
     buffer = larger;
@@ -87,15 +90,33 @@ char *_currdir() {
   return nullptr;
 }
 
-char *_fullpath(const char *path) {
-  if (namesCurrentDirectory(path)) {
-    return normalize_path(zov_currdir());
+// The current directory, or what stands for it where the disk is not to be touched.
+char *currentDirectory(bool &isShort) {
+  if (loadFlag(zov_diskless) == 0) {
+    return _currdir(isShort);
   }
-  if (zov_pathIsFullyQualified(path) != 0) {
-    return normalize_path(copyText(path));
+  char *copy = copyText(root);
+  isShort = copy == nullptr;
+  return copy;
+}
+
+char *_fullpath(const char *path, bool &isShort) {
+  char *full = nullptr;
+  if (!namesCurrentDirectory(path) && zov_pathIsFullyQualified(path) != 0) {
+    full = copyText(path);
+  } else {
+    full = currentDirectory(isShort);
+    if (full == nullptr) {
+      return nullptr;
+    }
+    full = normalize_path(full);
+    if (full != nullptr && !namesCurrentDirectory(path)) {
+      full = append(full, path);
+    }
   }
-  char *directory = normalize_path(zov_currdir());
-  return directory == nullptr ? nullptr : normalize_path(append(directory, path));
+  full = normalize_path(full);
+  isShort = full == nullptr;
+  return full;
 }
 
 }  // namespace
@@ -105,8 +126,7 @@ char *_fullpath(const char *path) {
 extern "C" {
 
 char *zov_currdir() {
-  return zov::loadFlag(zov_diskless) != 0 ? zov::copyText(zov::root)
-                                          : zov::makeOrJump(ZOV_DEFAULT_TAG, zov::_currdir);
+  return zov::makeOrJump(ZOV_DEFAULT_TAG, zov::currentDirectory);
 }
 
 int32_t zov_pathIsFullyQualified(const char *path) {
@@ -114,7 +134,8 @@ int32_t zov_pathIsFullyQualified(const char *path) {
 }
 
 char *zov_fullpath(const char *path) {
-  return zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return zov::_fullpath(path); });
+  return zov::makeOrJump(ZOV_DEFAULT_TAG,
+                         [&](bool &isShort) { return zov::_fullpath(path, isShort); });
 }
 
 void zov_pathSplit(const char *path, char **directory, char **name) {

@@ -18,17 +18,18 @@ namespace zov {
 namespace {
 
 // Converts a text into a block of its own, by one of the two directions. Null
-// with errno EILSEQ for an invalid one.
+// with errno EILSEQ for an invalid one, and with isShort set without memory.
 template <typename To, typename From>
 To *convert(uint32_t (*direction)(To *, uint32_t, const From *, size_t, uint32_t), const From *text,
-            size_t length, uint32_t errorMode) {
+            size_t length, uint32_t errorMode, bool &isShort) {
   const uint32_t size = direction(nullptr, 0, text, length, errorMode);
   if (size == ZOV_UTF8_FAILED) {
     errno = EILSEQ;
     return nullptr;
   }
   To *converted = makeArray<To>(size, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (converted != nullptr) {
+  isShort = converted == nullptr;
+  if (!isShort) {
     direction(converted, size, text, length, errorMode);
   }
   return converted;
@@ -43,16 +44,21 @@ void releaseStrings(char **strings, int32_t count) {
 }
 
 // The copies of wide strings, or null with nothing left behind.
-char **convertAll(int32_t count, wchar_t *const *arguments) {
+char **convertAll(int32_t count, wchar_t *const *arguments, bool &isShort) {
   // One pointer more than asked for, so that no arguments make an array too.
   char **strings =
       makeZeroArray<char *>(static_cast<uint64_t>(count) + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (strings == nullptr) {
+  isShort = strings == nullptr;
+  if (isShort) {
     return nullptr;
   }
   for (int32_t index = 0; index < count; ++index) {
-    strings[index] = zov_convertToUTF8(arguments[index], ZOV_UTF8_STRICT);
-    if (strings[index] == nullptr && arguments[index] != nullptr) {
+    const wchar_t *text = arguments[index];
+    if (text == nullptr) {
+      continue;
+    }
+    strings[index] = convert(encodeWide, text, wcslen(text), ZOV_UTF8_STRICT, isShort);
+    if (strings[index] == nullptr) {
       releaseStrings(strings, index);
       return nullptr;
     }
@@ -77,11 +83,15 @@ void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes) {
 }
 
 char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
-  return text == nullptr ? nullptr : zov::convert(zov::encodeWide, text, wcslen(text), errorMode);
+  bool isShort = false;
+  return text == nullptr ? nullptr
+                         : zov::convert(zov::encodeWide, text, wcslen(text), errorMode, isShort);
 }
 
 wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
-  return text == nullptr ? nullptr : zov::convert(zov::decodeUtf8, text, strlen(text), errorMode);
+  bool isShort = false;
+  return text == nullptr ? nullptr
+                         : zov::convert(zov::decodeUtf8, text, strlen(text), errorMode, isShort);
 }
 
 int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out) {
@@ -89,7 +99,8 @@ int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***
   if (count < 0) {
     return ZOV_ERROR;
   }
-  *out = zov::makeOrJump(ZOV_DEFAULT_TAG, [&] { return zov::convertAll(count, arguments); });
+  *out = zov::makeOrJump(ZOV_DEFAULT_TAG,
+                         [&](bool &isShort) { return zov::convertAll(count, arguments, isShort); });
   return *out == nullptr ? ZOV_ERROR : ZOV_OKAY;
 }
 }
