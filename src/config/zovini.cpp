@@ -16,6 +16,7 @@
 #include <algorithm>
 
 #include "config/zovini_private.h"
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 
 namespace zov {
@@ -180,7 +181,7 @@ extern "C" {
 
 int32_t zov_iniInit() {
   if (zov::iniSem == ZOV_NO_SYNC) {
-    zov::iniSem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+    zov::iniSem = zov::createMutex(zov::LockKind::kIni, ZOV_HERE);
   }
   return zov::iniSem == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
 }

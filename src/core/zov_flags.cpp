@@ -6,7 +6,7 @@
 // term may enter it. Nothing here allocates or jumps.
 #include "core/zov_flags.h"
 
-#include <pthread.h>
+#include "core/zov_lock.h"
 
 int32_t zov_inited = 0;
 int32_t zov_terminating = 0;
@@ -18,7 +18,7 @@ const char *server_name = "unknown";
 namespace {
 
 // Rank 1: start-up, shut-down, and what else must happen once per process.
-pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
+zov::PosixMutex<zov::LockKind::kGlobal> globalMutex = {PTHREAD_MUTEX_INITIALIZER};
 
 }  // namespace
 
@@ -32,11 +32,12 @@ void zov_nodisk() {
   zov::storeFlag(zov_diskless, 1);
 }
 
-int32_t zov_enterCritSec() {
-  return pthread_mutex_lock(&globalMutex);
+// The caller's, up to zov_exitCritSec().
+int32_t zov_enterCritSec() ZOV_NO_ANALYSIS {
+  return globalMutex.enter();
 }
 
-int32_t zov_exitCritSec() {
-  return pthread_mutex_unlock(&globalMutex);
+int32_t zov_exitCritSec() ZOV_NO_ANALYSIS {
+  return globalMutex.leave();
 }
 }

@@ -33,6 +33,7 @@
 #include <wchar.h>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_shortage.h"
 #include "core/zovmem_block.h"
 #include "core/zovmem_freed.h"
@@ -88,16 +89,23 @@ BlockHeader *headerOf(void *block) {
   return static_cast<BlockHeader *>(block) - 1;
 }
 
-void enter(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
+// Enters and leaves a tag's mutex or tagTabSem: where there is none, and while the
+// library terminates, nothing. The analysis takes it for held all the same.
+void enterIfAny(ZOV_SYNC mutex) ZOV_ACQUIRE(mutex) ZOV_NO_ANALYSIS {
   if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
-    zov_syncEnterExcl(mutex);
+    zov::enterDirectly(mutex);
   }
 }
 
-void leave(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
+void leaveIfAny(ZOV_SYNC mutex) ZOV_RELEASE(mutex) ZOV_NO_ANALYSIS {
   if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
-    zov_syncExitExcl(mutex);
+    zov::leaveDirectly(mutex);
   }
+}
+
+// A tag without mutex is one thread's at a time, which is as good as a lock.
+void assumeUnshared([[maybe_unused]] const TagRecord &tag) ZOV_ASSERT_HELD(tag.mutex) {
+  assert(tag.mutex == ZOV_NO_SYNC);
 }
 
 void linkBlock(TagRecord &tag, BlockHeader *header) {
@@ -139,13 +147,14 @@ struct Failure {
 
 // Reports a failed allocation from a tag whose mutex the caller holds, and
 // leaves it. Jumps from a copy, since the tag is anybody's again by then.
-[[gnu::cold, gnu::noinline]] void *leaveForFailure(TagRecord &tag, Failure failure) {
+[[gnu::cold, gnu::noinline]] void *leaveForFailure(TagRecord &tag, Failure failure)
+    ZOV_RELEASE(tag.mutex) {
   const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0;
   jmp_buf recovery;
   if (jumps) {
     memcpy(recovery, recoveryIn(tag), sizeof recovery);
   }
-  leave(tag.mutex);
+  leaveIfAny(tag.mutex);
   errno = ENOMEM;  // and the message leaves it
   zov::reportShortage(zov::Shortage::kMemory, failure.sourceName, failure.line);
   if (jumps) {
@@ -173,10 +182,11 @@ BlockHeader *allocate(uint64_t size, bool zero) {
                               : static_cast<BlockHeader *>(realloc(header, size + kHeaderBytes));
 }
 
-// Allocates a block for a tag whose mutex is held, as far as it has one; on
-// failure the mutex is left.
-inline void *allocateBlock(TagRecord &tag, uint64_t size, bool zero, Failure failure) {
-  BlockHeader *header = allocate(size, zero);
+// Allocates a block for a tag without mutex. Inlined, as callers choose such a tag
+// for many small blocks.
+inline void *getUnlocked(TagRecord &tag, uint64_t size, Failure failure) {
+  assumeUnshared(tag);
+  BlockHeader *header = allocate(size, false);
   if (header == nullptr) [[unlikely]] {
     return leaveForFailure(tag, failure);
   }
@@ -185,12 +195,14 @@ inline void *allocateBlock(TagRecord &tag, uint64_t size, bool zero, Failure fai
 }
 
 [[gnu::noinline]] void *_getMem(TagRecord &tag, uint64_t size, bool zero, Failure failure) {
-  enter(tag.mutex);
-  void *block = allocateBlock(tag, size, zero, failure);
-  if (block != nullptr) {
-    leave(tag.mutex);
+  enterIfAny(tag.mutex);
+  BlockHeader *header = allocate(size, zero);
+  if (header == nullptr) [[unlikely]] {
+    return leaveForFailure(tag, failure);
   }
-  return block;
+  linkBlock(tag, header);
+  leaveIfAny(tag.mutex);
+  return afterHeader(header);
 }
 
 void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure) {
@@ -249,12 +261,12 @@ inline bool detachBlock(TagRecord &tag, BlockHeader *header) {
 
 [[gnu::noinline]] void freeLocked(TagRecord &tag, BlockHeader *header) {
   const ZOV_SYNC mutex = tag.mutex;
-  enter(mutex);
+  enterIfAny(mutex);
   const bool detached = detachBlock(tag, header);
   if (detached) {
     free(header);
   }
-  leave(mutex);
+  leaveIfAny(mutex);
   if (!detached) {
     reportDoubleFree();
   }
@@ -283,28 +295,28 @@ void linkTag(TagRecord *tag) {
   tagN = tag;
 }
 
-// Releases a tag whose mutex the caller holds. The record goes before its
-// mutex, so the handle is taken out first.
-void deleteTag(TagRecord *tag) {
+// Releases a tag whose mutex the caller holds. Not analysed, as the record goes
+// before its mutex and the handle is copied first.
+void deleteTag(TagRecord *tag) ZOV_RELEASE(tag->mutex) ZOV_NO_ANALYSIS {
   const ZOV_SYNC mutex = tag->mutex;
   const ZOV_SYNC table = tagTabSem;
-  enter(table);
+  enterIfAny(table);
   unlinkTag(tag);
   free(tag);
-  leave(mutex);
+  leaveIfAny(mutex);
   if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
     zov_syncDelete(mutex);
   }
-  leave(table);
+  leaveIfAny(table);
 }
 
 void _freeTagMemory(TagRecord *tag, bool deleteIt) {
-  enter(tag->mutex);
+  enterIfAny(tag->mutex);
   releaseBlocks(*tag);
   if (deleteIt) {
     deleteTag(tag);
   } else {
-    leave(tag->mutex);
+    leaveIfAny(tag->mutex);
   }
 }
 
@@ -328,9 +340,9 @@ TagRecord *newRecord(jmp_buf *recovery) {
 }
 
 ZOV_TAG publish(TagRecord *tag) {
-  enter(tagTabSem);
+  enterIfAny(tagTabSem);
   linkTag(tag);
-  leave(tagTabSem);
+  leaveIfAny(tagTabSem);
   return reinterpret_cast<ZOV_TAG>(tag);
 }
 
@@ -355,12 +367,12 @@ bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
     return false;
   }
   TagRecord &record = *resolve(tag);
-  enter(record.mutex);
+  enterIfAny(record.mutex);
   const bool isArmed = record.mode == kJump;
   if (isArmed) {
     memcpy(recovery, recoveryIn(record), sizeof recoveryIn(record));
   }
-  leave(record.mutex);
+  leaveIfAny(record.mutex);
   return isArmed;
 }
 
@@ -386,7 +398,7 @@ ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *, uint32_
     return ZOV_NO_TAG;
   }
   if ((flags & ZOV_TAG_THREADSAFE) != 0) {
-    tag->mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+    tag->mutex = zov::createMutex(zov::LockKind::kTag, ZOV_HERE);
   }
   return publish(tag);
 }
@@ -403,14 +415,14 @@ void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag) {
     return;
   }
   TagRecord &record = *resolve(tag);
-  enter(record.mutex);
+  enterIfAny(record.mutex);
   if (recovery != nullptr) {
     memcpy(recoveryIn(record), *recovery, sizeof *recovery);
     record.mode = kJump;
   } else {
     record.mode = kReturnNull;
   }
-  leave(record.mutex);
+  leaveIfAny(record.mutex);
 }
 
 void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
@@ -418,6 +430,7 @@ void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
   if (!zov::started() || isNoTag(tag)) [[unlikely]] {
     return nullptr;
   }
+  zov::checkAllocation();
   TagRecord &record = *resolve(tag);
   if (mode != ZOV_MEM_PLAIN) {
     return getFilledMem(record, size, mode, source, {sourceName, line});
@@ -425,9 +438,7 @@ void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *source,
   if (size == 0) {
     return nullptr;
   }
-  // The path of a tag without mutex is laid out in a line: it is what callers
-  // who make many small blocks choose.
-  return record.mutex == ZOV_NO_SYNC ? allocateBlock(record, size, false, {sourceName, line})
+  return record.mutex == ZOV_NO_SYNC ? getUnlocked(record, size, {sourceName, line})
                                      : _getMem(record, size, false, {sourceName, line});
 }
 
@@ -440,8 +451,9 @@ void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero, ui
     const uint32_t mode = zero != 0 ? ZOV_MEM_ZERO : ZOV_MEM_PLAIN;
     return zov_getMem(newSize, tag, mode, nullptr, sourceName, line);
   }
+  zov::checkAllocation();
   TagRecord &record = *resolve(tag);
-  enter(record.mutex);
+  enterIfAny(record.mutex);
   BlockHeader *old = headerOf(block);
   const BlockHeader links = *old;
   const uintptr_t oldAddress = addressOf(old);
@@ -453,7 +465,7 @@ void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero, ui
   }
   relink(record, header, links);
   record.freed.replace(oldAddress, addressOf(header));
-  leave(record.mutex);
+  leaveIfAny(record.mutex);
   if (zero != 0) {
     const uint64_t cleared = grownBytes < newSize ? grownBytes : newSize;
     memset(static_cast<char *>(afterHeader(header)) + (newSize - cleared), 0, cleared);
@@ -484,12 +496,12 @@ void zov_moveMemTag(void *block, ZOV_TAG newTag, ZOV_TAG currentTag) {
   TagRecord &from = *resolve(currentTag);
   TagRecord &to = *resolve(newTag);
   BlockHeader *header = headerOf(block);
-  enter(from.mutex);
+  enterIfAny(from.mutex);
   unlinkBlock(from, header);
-  leave(from.mutex);
-  enter(to.mutex);
+  leaveIfAny(from.mutex);
+  enterIfAny(to.mutex);
   linkBlock(to, header);
-  leave(to.mutex);
+  leaveIfAny(to.mutex);
 }
 
 int32_t zov_memCmp(const void *first, const void *second, uint64_t length) {
@@ -506,12 +518,12 @@ int32_t zov_memInit() {
   // The tag is published first: the mutexes are allocated from it.
   tag0 = tag;
   tagN = tag;
-  const ZOV_SYNC mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  const ZOV_SYNC mutex = zov::createMutex(zov::LockKind::kTag, ZOV_HERE);
   if (mutex == ZOV_NO_SYNC) {
     return abandonInit();
   }
   tag->mutex = mutex;
-  tagTabSem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  tagTabSem = zov::createMutex(zov::LockKind::kTagTable, ZOV_HERE);
   return tagTabSem == ZOV_NO_SYNC ? abandonInit() : ZOV_OKAY;
 }
 

@@ -13,9 +13,10 @@
 // mutex released, always: its own lock is then not held longer than it needs,
 // and an allocation may jump from zov_allocPool() and zov_getMemFromPool() to
 // the tag's recovery point with nothing left behind.
+#include <assert.h>
 #include <string.h>
 
-#include "core/zovuxthreads_private.h"
+#include "core/zov_lock.h"
 
 namespace {
 
@@ -54,39 +55,52 @@ Chunk *chunkOf(void *payload) {
   return static_cast<Chunk *>(payload) - 1;
 }
 
-void enter(const MemoryPool &pool) ZOV_NO_ANALYSIS {
-  if (pool.mutex != ZOV_NO_SYNC) {
-    zov_syncEnterExcl(pool.mutex);
-  }
+// A pool without mutex is one thread's at a time, which is as good as a lock.
+void assumeUnshared([[maybe_unused]] const MemoryPool &pool) ZOV_ASSERT_HELD(pool.mutex) {
+  assert(pool.mutex == ZOV_NO_SYNC);
 }
 
-void leave(const MemoryPool &pool) ZOV_NO_ANALYSIS {
-  if (pool.mutex != ZOV_NO_SYNC) {
-    zov_syncExitExcl(pool.mutex);
-  }
-}
-
-Chunk *popChunk(MemoryPool &pool) {
-  enter(pool);
+Chunk *_popChunk(MemoryPool &pool) ZOV_REQUIRES(pool.mutex) {
   Chunk *chunk = pool.freeChunks;
+  assert((chunk == nullptr) == (pool.freeCount == 0));
   if (chunk != nullptr) {
     pool.freeChunks = chunk->next;
     --pool.freeCount;
   }
-  leave(pool);
   return chunk;
+}
+
+Chunk *popChunk(MemoryPool &pool) {
+  if (pool.mutex == ZOV_NO_SYNC) {
+    assumeUnshared(pool);
+    return _popChunk(pool);
+  }
+  zov::enterDirectly(pool.mutex);
+  Chunk *chunk = _popChunk(pool);
+  zov::leaveDirectly(pool.mutex);
+  return chunk;
+}
+
+bool _pushChunk(MemoryPool &pool, Chunk *chunk) ZOV_REQUIRES(pool.mutex) {
+  assert(pool.freeCount <= kMaxFree);
+  if (pool.freeCount == kMaxFree) {
+    return false;
+  }
+  chunk->next = pool.freeChunks;
+  pool.freeChunks = chunk;
+  ++pool.freeCount;
+  return true;
 }
 
 // False when the pool is full.
 bool pushChunk(MemoryPool &pool, Chunk *chunk) {
-  enter(pool);
-  const bool fits = pool.freeCount < kMaxFree;
-  if (fits) {
-    chunk->next = pool.freeChunks;
-    pool.freeChunks = chunk;
-    ++pool.freeCount;
+  if (pool.mutex == ZOV_NO_SYNC) {
+    assumeUnshared(pool);
+    return _pushChunk(pool, chunk);
   }
-  leave(pool);
+  zov::enterDirectly(pool.mutex);
+  const bool fits = _pushChunk(pool, chunk);
+  zov::leaveDirectly(pool.mutex);
   return fits;
 }
 
@@ -124,7 +138,7 @@ ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe) {
   MemoryPool *pool = static_cast<MemoryPool *>(block);
   pool->freeChunks = nullptr;
   pool->tag = tag;
-  pool->mutex = threadSafe != 0 ? zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE) : ZOV_NO_SYNC;
+  pool->mutex = threadSafe != 0 ? zov::createMutex(zov::LockKind::kPool, ZOV_HERE) : ZOV_NO_SYNC;
   pool->freeCount = 0;
   pool->fixedSize = fixedSize;
   return pool;
@@ -169,16 +183,10 @@ void zov_zFreePool(ZOV_POOL *pool) {
   if (record == nullptr) {
     return;
   }
-  // Whoever still leaves the mutex does so before the pool goes.
-  enter(*record);
-  Chunk *chunk = record->freeChunks;
-  leave(*record);
   const ZOV_TAG tag = record->tag;
   const ZOV_SYNC mutex = record->mutex;
-  while (chunk != nullptr) {
-    Chunk *next = chunk->next;
+  while (Chunk *chunk = popChunk(*record)) {
     zov_freeMem(chunk, tag);
-    chunk = next;
   }
   zov_freeMem(record, tag);
   zov_syncDelete(mutex);

@@ -30,6 +30,7 @@
 
 #include <atomic>
 
+#include "core/zov_lock.h"
 #include "core/zov_shortage.h"
 #include "core/zovqueue_private.h"
 #include "core/zovuxthreads_private.h"
@@ -348,6 +349,8 @@ int32_t readLocked(MessageQueue &queue, uint32_t waitMs, Message &message) ZOV_N
   const int32_t status = awaitTurn(queue, waitMs);
   if (status == ZOV_OKAY) {
     if (queue.head == nullptr) {
+      zov::forgetLock(queue.listMutex);
+      zov::forgetLock(queue.readMutex);
       zov_log("unexpected empty queue on %s", queue.name);
       return ZOV_ERROR;
     }
@@ -366,16 +369,18 @@ int32_t readInTurn(MessageQueue &queue, uint32_t waitMs, Message &message) {
   return status;
 }
 
-bool createSync(ZOV_SYNC &handle, int32_t kind) {
-  handle = zov_syncCreate_check(kind, ZOV_HERE);
+bool createMutex(ZOV_SYNC &handle, zov::LockKind kind) {
+  handle = zov::createMutex(kind, ZOV_HERE);
   return handle != ZOV_NO_SYNC;
 }
 
 // The handles that could not be made stay as they are, which is absent: deleting
 // them does nothing.
 bool createSyncs(MessageQueue &queue) {
-  if (createSync(queue.arrivalEvent, ZOV_SYNC_EVENT) &&
-      createSync(queue.readMutex, ZOV_SYNC_MUTEX) && createSync(queue.listMutex, ZOV_SYNC_MUTEX)) {
+  queue.arrivalEvent = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
+  if (queue.arrivalEvent != ZOV_NO_SYNC &&
+      createMutex(queue.readMutex, zov::LockKind::kQueueReader) &&
+      createMutex(queue.listMutex, zov::LockKind::kQueueList)) {
     return true;
   }
   zov_syncDelete(queue.arrivalEvent);
@@ -603,7 +608,8 @@ int32_t zov_queueInit(int32_t force) {
   const zov::NoJump noJump;
   zov_enterCritSec();
   if (!running()) {
-    queueTabMutex.store(zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE), std::memory_order_release);
+    queueTabMutex.store(zov::createMutex(zov::LockKind::kQueueTable, ZOV_HERE),
+                        std::memory_order_release);
   }
   const int32_t status = running() ? ZOV_OKAY : ZOV_ERROR;
   zov_exitCritSec();

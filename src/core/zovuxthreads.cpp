@@ -27,6 +27,7 @@
 #include <new>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_shortage.h"
 #include "core/zovuxthreads_private.h"
 
@@ -44,6 +45,8 @@ struct SyncBlockEntry;
 // no call to read. Zero is nobody.
 using ThreadId = uintptr_t;
 
+using EventMutex = zov::PosixMutex<zov::LockKind::kEvent>;
+
 // 1. kind is 0 while the slot is free; nextFree is kInUse exactly while it is
 //    handed out.
 // 2. Of a mutex, recursionCount and owner are written by the thread inside, or
@@ -60,9 +63,12 @@ struct alignas(kCacheLine) SyncSlot {
   uint16_t nextFree;
   union {
     std::atomic<ThreadId> owner;  // kind 1
-    pthread_mutex_t eventMutex;   // kind 2, rank 13: guards signalled while it is set
+    EventMutex eventMutex;        // kind 2, rank 13: guards signalled while it is set
   };
   std::atomic<int32_t> signalled;
+#ifndef NDEBUG
+  zov::LockKind lockKind;  // kind 1
+#endif
   SyncBlockEntry *block;
 };
 
@@ -82,7 +88,7 @@ SyncBlockEntry sem_table[kTableEntries];
 SyncBlockEntry *firstWithRoom = sem_table;
 
 // Rank 14, innermost: sem_table, the free stacks in it and firstWithRoom.
-pthread_mutex_t semTabMutex = PTHREAD_MUTEX_INITIALIZER;
+zov::PosixMutex<zov::LockKind::kSyncTable> semTabMutex = {PTHREAD_MUTEX_INITIALIZER};
 
 constinit thread_local char threadAnchor = 0;
 
@@ -93,6 +99,10 @@ ThreadId currentThread() {
 SyncSlot *slotOf(ZOV_SYNC handle) {
   // reinterpret_cast is how an integer handle becomes its slot.
   return reinterpret_cast<SyncSlot *>(handle);
+}
+
+ZOV_SYNC handleOf(SyncSlot &slot) {
+  return reinterpret_cast<ZOV_SYNC>(&slot);
 }
 
 // 0 and ZOV_NO_SYNC, the handles that stand for no object at all.
@@ -151,7 +161,7 @@ SyncBlockEntry *findEntry() {
 SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
   void *spare = nullptr;
   SyncSlot *slot = nullptr;
-  pthread_mutex_lock(&semTabMutex);
+  semTabMutex.enter();
   SyncBlockEntry *entry = findEntry();
   while (entry != nullptr && entry->slots == nullptr) {
     if (spare != nullptr) {
@@ -159,18 +169,18 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
       spare = nullptr;
       break;
     }
-    pthread_mutex_unlock(&semTabMutex);
+    semTabMutex.leave();
     spare = newBlock();
     if (spare == nullptr) {
       return nullptr;
     }
-    pthread_mutex_lock(&semTabMutex);
+    semTabMutex.enter();
     entry = findEntry();
   }
   if (entry != nullptr) {
     slot = popFreeSlot(*entry);
   }
-  pthread_mutex_unlock(&semTabMutex);
+  semTabMutex.leave();
   zov_freeMem(spare, ZOV_DEFAULT_TAG);
   if (slot == nullptr) {
     errno = ENFILE;
@@ -181,25 +191,26 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
 
 void putBack(SyncSlot &slot) {
   SyncBlockEntry &entry = *slot.block;
-  pthread_mutex_lock(&semTabMutex);
+  semTabMutex.enter();
   slot.nextFree = entry.firstFree;
   entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
   firstWithRoom = std::min(firstWithRoom, &entry);
-  pthread_mutex_unlock(&semTabMutex);
+  semTabMutex.leave();
 }
 
 bool initMutex(SyncSlot &slot) {
   slot.recursionCount.store(0, std::memory_order_relaxed);
   new (&slot.owner) std::atomic<ThreadId>(0);
+  zov::setLockKind(handleOf(slot), zov::LockKind::kUnranked);
   return pthread_mutex_init(&slot.mutex, nullptr) == 0;
 }
 
 bool initEvent(SyncSlot &slot) {
-  if (pthread_mutex_init(&slot.eventMutex, nullptr) != 0) {
+  if (pthread_mutex_init(&slot.eventMutex.posix, nullptr) != 0) {
     return false;
   }
   if (pthread_cond_init(&slot.condition, nullptr) != 0) {
-    pthread_mutex_destroy(&slot.eventMutex);
+    pthread_mutex_destroy(&slot.eventMutex.posix);
     return false;
   }
   slot.signalled.store(1, std::memory_order_relaxed);
@@ -212,7 +223,7 @@ void destroyObjects(SyncSlot &slot) {
       pthread_mutex_destroy(&slot.mutex);
       break;
     case ZOV_SYNC_EVENT:
-      pthread_mutex_destroy(&slot.eventMutex);
+      pthread_mutex_destroy(&slot.eventMutex.posix);
       pthread_cond_destroy(&slot.condition);
       break;
     default:
@@ -222,24 +233,44 @@ void destroyObjects(SyncSlot &slot) {
 
 // Apart from its caller, so that entering again needs no stack frame.
 [[gnu::noinline]] void lockMutex(SyncSlot &slot) {
+  zov::checkLock(handleOf(slot));
   pthread_mutex_lock(&slot.mutex);
+  zov::recordLock(handleOf(slot));
   slot.owner.store(currentThread(), std::memory_order_relaxed);
   slot.recursionCount.store(1, std::memory_order_relaxed);
 }
 
 // Waits for the event whose mutex is held; false when the time ran out.
-bool waitSignalled(SyncSlot &slot, uint32_t waitMs) {
-  while (slot.signalled.load(std::memory_order_acquire) == 0) {
-    if (waitMs == ZOV_WAIT_FOREVER) {
-      pthread_cond_wait(&slot.condition, &slot.eventMutex);
-    } else if (zov_posix_cond_timedwait(&slot.condition, &slot.eventMutex, waitMs) != 0) {
-      return false;
-    }
+bool waitSignalled(SyncSlot &slot, uint32_t waitMs) ZOV_REQUIRES(slot.eventMutex) {
+  const auto sleep = [&slot, waitMs](pthread_mutex_t *mutex) {
+    return waitMs == ZOV_WAIT_FOREVER ? pthread_cond_wait(&slot.condition, mutex)
+                                      : zov_posix_cond_timedwait(&slot.condition, mutex, waitMs);
+  };
+  bool timedOut = false;
+  while (!timedOut && slot.signalled.load(std::memory_order_acquire) == 0) {
+    timedOut = slot.eventMutex.sleep(sleep) != 0 && waitMs != ZOV_WAIT_FOREVER;
   }
-  return true;
+  return !timedOut;
 }
 
 }  // namespace
+
+// enterDirectly() takes a handle for its slot's POSIX mutex.
+static_assert(offsetof(SyncSlot, mutex) == 0);
+
+#ifndef NDEBUG
+void zov::setLockKind(ZOV_SYNC mutex, LockKind kind) {
+  slotOf(mutex)->lockKind = kind;
+}
+
+void zov::checkLock(ZOV_SYNC mutex) {
+  checkLock(slotOf(mutex)->lockKind);
+}
+
+void zov::recordLock(ZOV_SYNC mutex) {
+  recordLock(slotOf(mutex), slotOf(mutex)->lockKind);
+}
+#endif
 
 bool zov::isEntered(ZOV_SYNC mutex) {
   return isKind(mutex, ZOV_SYNC_MUTEX) &&
@@ -266,7 +297,7 @@ ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint32_t lin
     return ZOV_NO_SYNC;
   }
   slot->kind.store(static_cast<uint16_t>(kind), std::memory_order_relaxed);
-  return reinterpret_cast<ZOV_SYNC>(slot);
+  return handleOf(*slot);
 }
 
 void zov_syncDelete(ZOV_SYNC handle) {
@@ -305,6 +336,7 @@ void zov_syncExitExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
   slot.recursionCount.store(count, std::memory_order_relaxed);
   if (count < 1) {
     slot.owner.store(0, std::memory_order_relaxed);
+    zov::forgetLock(handle);
     pthread_mutex_unlock(&slot.mutex);
   }
 }
@@ -323,10 +355,10 @@ void zov_syncResume(ZOV_SYNC handle) {
     return;
   }
   SyncSlot &slot = *slotOf(handle);
-  pthread_mutex_lock(&slot.eventMutex);
+  slot.eventMutex.enter();
   slot.signalled.store(1, std::memory_order_seq_cst);
   pthread_cond_broadcast(&slot.condition);
-  pthread_mutex_unlock(&slot.eventMutex);
+  slot.eventMutex.leave();
 }
 
 int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs) {
@@ -335,9 +367,9 @@ int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs) {
     return ZOV_ERROR;
   }
   SyncSlot &slot = *slotOf(handle);
-  pthread_mutex_lock(&slot.eventMutex);
+  slot.eventMutex.enter();
   const bool signalled = waitSignalled(slot, waitMs);
-  pthread_mutex_unlock(&slot.eventMutex);
+  slot.eventMutex.leave();
   return signalled ? ZOV_OKAY : ZOV_TIMEOUT;
 }
 

@@ -4,15 +4,7 @@
 #ifndef ZOV_CORE_ZOVUXTHREADS_PRIVATE_H
 #define ZOV_CORE_ZOVUXTHREADS_PRIVATE_H
 
-#include "zov.h"
-
-// Takes a function out of the analysis of lock annotations, for locks that are
-// taken on a condition.
-#if defined(__clang__)
-#define ZOV_NO_ANALYSIS __attribute__((no_thread_safety_analysis))
-#else
-#define ZOV_NO_ANALYSIS
-#endif
+#include "core/zov_lock.h"
 
 namespace zov {
 

@@ -35,6 +35,7 @@
 #include <new>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 #include "core/zov_word.h"
 #include "core/zovuxthreads_private.h"
@@ -232,7 +233,7 @@ ZOV_SYNC ensureLockMutex(FileHandle &file) {
   if (current != ZOV_NO_SYNC) {
     return current;
   }
-  const ZOV_SYNC created = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  const ZOV_SYNC created = zov::createMutex(zov::LockKind::kFile, ZOV_HERE);
   if (created == ZOV_NO_SYNC) {
     return file.lockMutex.load(std::memory_order_acquire);
   }
@@ -261,6 +262,7 @@ int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
   if (status != ZOV_OKAY) {
     leaveIfAny(mutex);
   }
+  zov::forgetLock(mutex);  // it is the caller's
   return status;
 }
 

@@ -35,7 +35,7 @@ void undoCreate(const Lookup &lookup) {
 }
 
 int32_t truncate(ZOV_SEG seg) {
-  zov_segLock(seg);
+  zov::segLock(seg);
   const int32_t status = zov_segSize(seg) == 0 ? ZOV_OKAY : zov_segSetSize(seg, 0);
   zov_segUnlock(seg);
   return status;
@@ -206,7 +206,7 @@ int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size) {
     return ZOV_ERROR;
   }
   const zov::NoJump noJump;
-  zov_segLock(file->seg);
+  zov::segLock(file->seg);
   const int32_t status = zov::segSetSizeOrKeep(file->seg, size);
   zov_segUnlock(file->seg);
   return status;

@@ -21,6 +21,7 @@
 #include <atomic>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 #include "core/zov_word.h"
 #include "memstore/zovmfile_private.h"
@@ -96,7 +97,7 @@ Directory *newDirectory(uint64_t id) {
     return nullptr;
   }
   directory->tree.nodeBytes = zov_segSegSize(directory->tree.seg);
-  zov_segLock(directory->tree.seg);
+  zov::segLock(directory->tree.seg);
   const bool prepared = prepareTree(directory->tree);
   zov_segUnlock(directory->tree.seg);
   if (!prepared) {
@@ -254,7 +255,7 @@ int32_t openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags
 }
 
 int32_t directoriesInit() {
-  dirMutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  dirMutex = createMutex(LockKind::kDirectories, ZOV_HERE);
   forgetDirectories();
   return dirMutex == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
 }

@@ -16,6 +16,7 @@
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
+#include "memstore/zovsegfile_private.h"
 
 namespace zov {
 namespace {
@@ -155,7 +156,7 @@ bool stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
     errno = (flags & O_CREAT) != 0 ? errno : ENOENT;
     return false;
   }
-  zov_segLock(parent->tree.seg);
+  zov::segLock(parent->tree.seg);
   const int32_t status = openSubdirInSubdir(*parent, key, flags, id);
   zov_segUnlock(parent->tree.seg);
   return status == ZOV_OKAY;
@@ -279,7 +280,7 @@ int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type) {
     return ZOV_NOTFOUND;
   }
   Directory &directory = *lookup.directory;
-  zov_segLock(directory.tree.seg);
+  zov::segLock(directory.tree.seg);
   lookup.cursor = cursorOf(directory);
   int32_t status = findMemEntityInSubdir(lookup.cursor, lookup.key, type, lookup.id);
   if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {

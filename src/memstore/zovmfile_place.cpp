@@ -27,9 +27,9 @@ namespace {
 void lockBoth(Directory &first, Directory &second) {
   assert((first.id == second.id) == (&first == &second));
   const bool inOrder = first.id < second.id;
-  zov_segLock((inOrder ? first : second).tree.seg);
+  zov::segLock((inOrder ? first : second).tree.seg);
   if (&first != &second) {
-    zov_segLock((inOrder ? second : first).tree.seg);
+    zov::segLock((inOrder ? second : first).tree.seg);
   }
 }
 
@@ -72,7 +72,7 @@ void removeReplaced(const Lookup &lookup) {
 
 int32_t _placeMemDraft(const MemFile &draft, Lookup &lookup) {
   const ZOV_SEG seg = lookup.directory->tree.seg;
-  zov_segLock(seg);
+  zov::segLock(seg);
   const int32_t status = putInPlace(lookup, findEntry(lookup, kTypeFile), segIdOf(*draft.seg));
   zov_segUnlock(seg);
   return status;

@@ -13,6 +13,7 @@
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
+#include "memstore/zovsegfile_private.h"
 
 // 1. lastName is the name of the entry at cursor while the directory's count of
 //    changes is seenChanges.
@@ -128,7 +129,7 @@ const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
   if (!zov::begin(*walk)) {
     return nullptr;
   }
-  zov_segLock(walk->directory->tree.seg);
+  zov::segLock(walk->directory->tree.seg);
   const zov::DirEntry *entry = zov::pathNext(*walk);
   const bool found = entry != nullptr;
   if (found) {

@@ -369,9 +369,13 @@ uint64_t segIdOf(const SegFile &file) {
   return file.id;
 }
 
+void segLock(ZOV_SEG file) {
+  shmCacheEnter(file->ctx);
+}
+
 int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
   const NoJump noJump;
-  zov_segLock(file);
+  zov::segLock(file);
   const int64_t moved = _seekRead(*file, offset, buffer, length);
   zov_segUnlock(file);
   return moved;
@@ -379,7 +383,7 @@ int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
 
 int64_t segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
   const NoJump noJump;
-  zov_segLock(file);
+  zov::segLock(file);
   const int64_t moved = _seekWrite(*file, offset, buffer, length);
   zov_segUnlock(file);
   return moved;
@@ -419,7 +423,7 @@ ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
     return nullptr;
   }
   if ((flags & O_TRUNC) != 0) {
-    zov_segLock(file);
+    zov::segLock(file);
     const int32_t status = zov::_setSize(*file, 0);
     zov_segUnlock(file);
     if (status != ZOV_OKAY) {
@@ -431,7 +435,7 @@ ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
 }
 
 void zov_segClose(ZOV_SEG file) {
-  zov_segLock(file);
+  zov::segLock(file);
   uint32_t number = file->segs.highestBelow(UINT32_MAX);
   for (; number != zov::Slots::kNoNumber; number = file->segs.highestBelow(number)) {
     zov::releaseSegment(*file, number);

@@ -15,6 +15,9 @@ void segRemoveById(uint64_t id);
 // The id of an open file.
 uint64_t segIdOf(const SegFile &file);
 
+// zov_segLock() for the length of one operation of the library.
+void segLock(ZOV_SEG file);
+
 // zov_segSeekRead() and zov_segSeekWrite(), but -1, with errno ENOMEM, when there
 // was something to move and a shortage of memory let nothing be moved.
 int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);

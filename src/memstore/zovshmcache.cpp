@@ -27,6 +27,7 @@
 
 #include "memstore/zovshmcache_private.h"
 
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "memstore/zovshm_private.h"
@@ -324,6 +325,10 @@ void _closeSHM(CacheRegion *region) {
 
 }  // namespace
 
+void shmCacheEnter(ZOV_CACHE_CTX context) {
+  shmEnter(context->shmCtx);
+}
+
 bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region) {
   return region->destroyOnClose;
 }
@@ -449,7 +454,7 @@ void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *) {
 }
 
 int32_t zov_shmCacheLock(ZOV_CACHE_CTX context) {
-  zov::shmEnter(context->shmCtx);
+  zov::shmEnterForCaller(context->shmCtx);
   return ZOV_OKAY;
 }
 
@@ -470,7 +475,7 @@ int32_t zov_shmCacheInit(uint32_t *pageSize) {
   if (status != ZOV_OKAY) {
     return status;
   }
-  zov::mapCacheMutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  zov::mapCacheMutex = zov::createMutex(zov::LockKind::kMapCache, ZOV_HERE);
   if (zov::mapCacheMutex == ZOV_NO_SYNC) {
     zov_shmTerm();
     return ZOV_ERROR;

@@ -21,6 +21,9 @@ ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number);
 // context's lock.
 bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number);
 
+// zov_shmCacheLock() for the length of one operation of the library.
+void shmCacheEnter(ZOV_CACHE_CTX context);
+
 // Closes a context and leaves its lock, which the caller holds; the last user of a
 // deleted context removes it. Both are one step, so that exactly one user is the
 // last.

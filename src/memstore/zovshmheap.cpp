@@ -32,6 +32,7 @@
 #include "memstore/zovshmheap_private.h"
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "core/zovmem_private.h"
@@ -103,7 +104,7 @@ bool makeLock(ShmContext &context) {
   if (context.lock.load(std::memory_order_relaxed) != 0) {
     return true;
   }
-  const ZOV_SYNC lock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  const ZOV_SYNC lock = zov::createMutex(zov::LockKind::kFile, ZOV_HERE);
   if (lock == ZOV_NO_SYNC) {
     return false;
   }
@@ -185,6 +186,11 @@ uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
 
 void shmEnter(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
   zov_syncEnterExcl(context->lock.load(std::memory_order_acquire));
+}
+
+void shmEnterForCaller(ZOV_SHM_CTX context) {
+  shmEnter(context);
+  forgetLock(context->lock.load(std::memory_order_relaxed));
 }
 
 void shmLeave(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
@@ -313,6 +319,7 @@ int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
     return ZOV_ERROR;
   }
   zov_syncEnterExcl(lock);
+  zov::forgetLock(lock);  // it is the caller's
   return ZOV_OKAY;
 }
 
@@ -325,7 +332,7 @@ void zov_shmUnlock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
 }
 
 int32_t zov_shmInit(uint32_t *pageSize) {
-  zov::sem = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  zov::sem = zov::createMutex(zov::LockKind::kHeap, ZOV_HERE);
   if (zov::sem == ZOV_NO_SYNC) {
     return ZOV_ERROR;
   }

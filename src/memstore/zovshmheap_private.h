@@ -25,7 +25,10 @@ uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing);
 
 // zov_shmLock() and zov_shmUnlock() for a caller that has the context open: its lock
 // is there and stays.
+// shmEnter() is for the length of one operation of the library, shmEnterForCaller()
+// for a lock that is handed to the library's caller.
 void shmEnter(ZOV_SHM_CTX context);
+void shmEnterForCaller(ZOV_SHM_CTX context);
 void shmLeave(ZOV_SHM_CTX context);
 
 // Deletes the lock of a context that nobody has open any more, unless a thread

@@ -20,6 +20,7 @@
 #include <strings.h>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "core/zovuxthreads_private.h"
@@ -212,6 +213,7 @@ int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_
 
 void zov_fileStackLock(ZOV_FILE_STACK *stack) ZOV_NO_ANALYSIS {
   zov_syncEnterExcl(stack->lock);
+  zov::forgetLock(stack->lock);  // it is the caller's
 }
 
 void zov_fileStackRelease(ZOV_FILE_STACK *stack) ZOV_NO_ANALYSIS {
@@ -288,7 +290,7 @@ void zov_flushErr() {
 
 int32_t zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name) {
   stack->top = nullptr;
-  stack->lock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  stack->lock = zov::createMutex(zov::LockKind::kOutputStack, ZOV_HERE);
   if (stack->lock == ZOV_NO_SYNC) {
     return ZOV_ERROR;
   }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <set>
 
+#include "core/zov_lock.h"
 #include "support/faults.h"
 
 namespace {
@@ -83,6 +84,30 @@ TEST_F(Sync, WrongHandlesAreRefused) {
               "Invalid semaphore type\n");
   }
 }
+
+#ifndef NDEBUG
+TEST_F(Sync, AnAssertingBuildStopsAtALockAgainstTheRanks) {
+  zovtest::leavesThings = true;  // the framework does
+  const ZOV_SYNC outer = zov::createMutex(zov::LockKind::kIni, ZOV_HERE);
+  const ZOV_SYNC inner = zov::createMutex(zov::LockKind::kHeap, ZOV_HERE);
+  const ZOV_SYNC plain = newMutex();
+  for (const ZOV_SYNC mutex : {plain, outer, inner, outer, plain}) {
+    zov_syncEnterExcl(mutex);  // outwards in, once more, and one without rank
+  }
+  zov_syncExitExcl(outer);
+  zov_syncExitExcl(outer);
+  EXPECT_DEATH(zov_syncEnterExcl(outer),
+               "iniSem \\(rank 2\\) is taken while the heap's sem \\(rank 9\\) is held");
+  EXPECT_DEATH(zov_enterCritSec(), "globalMutex \\(rank 1\\) .* the heap's sem \\(rank 9\\)");
+  EXPECT_DEATH(zov_getMem(1, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE),
+               "memory .* without a NoJump while the heap's sem");
+  zov::forgetLock(inner);  // as for a caller that keeps it
+  for (const ZOV_SYNC mutex : {outer, outer, inner, plain, plain}) {
+    mutex == outer ? zov_syncEnterExcl(mutex) : zov_syncExitExcl(mutex);
+  }
+  zov_syncExitExcl(outer), zov_syncExitExcl(outer);
+}
+#endif
 
 TEST_F(Sync, TableFillsUpAndRecycles) {
   const ZOV_SYNC freed = newMutex();
