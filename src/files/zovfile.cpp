@@ -227,7 +227,8 @@ uint32_t fileSeekRead(const FileHandle &file, int64_t offset, void *buffer, uint
 }
 
 // The mutex of a handle, made if there is none yet. Two threads may make one
-// each; the first to store its own wins. ZOV_NO_SYNC when none can be made.
+// each; the first to store its own wins. ZOV_NO_SYNC when none can be made. Stores
+// release and loads acquire: a thread that reads a mutex finds it made.
 ZOV_SYNC ensureLockMutex(FileHandle &file) {
   uint64_t current = file.lockMutex.load(std::memory_order_acquire);
   if (current != ZOV_NO_SYNC) {

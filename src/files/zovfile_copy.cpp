@@ -47,6 +47,7 @@ char *newBlock() {
 // for the blocks.
 int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
                    int32_t (*work)(const Pair &)) {
+  assert(noJumpDepth > 0);
   Pair pair = {first, second, newBlock(), nullptr};
   pair.secondBlock = pair.firstBlock == nullptr ? nullptr : newBlock();
   const int32_t status = pair.secondBlock == nullptr ? noMemory : work(pair);

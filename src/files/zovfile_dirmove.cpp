@@ -5,6 +5,7 @@
 // changes.
 //
 // No locks, and nothing jumps: jumps are held off while the walk is open.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -42,6 +43,7 @@ int32_t moveEntry(const Place &source, const Place &destination, const char *nam
 // Moves the files that a walk through the source names, up to the first failure.
 // A walk gives null at its end, and null with errno when it fails.
 int32_t moveWalked(ZOV_PATH_WALK walk, const Place &source, const Place &destination) {
+  assert(noJumpDepth > 0);
   for (;;) {
     int32_t isDirectory = 0;
     errno = 0;

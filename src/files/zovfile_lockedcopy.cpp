@@ -44,6 +44,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 
@@ -189,6 +190,7 @@ ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status)
 }
 
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
+  assert(noJumpDepth > 0);
   assert(copy.file == nullptr && !copy.isPlaced);
   const int64_t last = nowMs() + kMostWaitMs;
   Attempt attempt = tryMake(copy, original);
