@@ -10,13 +10,14 @@
 //            0                                used         capacity
 //
 // A value that lies whole in the buffer is copied straight out of it or into it;
-// one that straddles goes through the loops that refill and flush. Bytes of a
-// value taken before a callback failed stay taken, in both directions.
+// one across its end takes the loops that refill and flush. Bytes of a value taken
+// before a callback failed stay taken, in both directions.
 //
 // There is no lock: a buffer belongs to one thread at a time. Callbacks run with
-// nothing held, not even jumps. Creating a buffer and zov_inputBuffGetString()
-// allocate and may jump; the latter then loses its place in the stream, behind the
-// length or further on.
+// no lock held and jumps allowed. Creating a buffer and zov_inputBuffGetString()
+// allocate and may jump; the latter then leaves the stream behind the length or
+// further on.
+#include <assert.h>
 #include <string.h>
 
 #include <algorithm>
@@ -24,20 +25,22 @@
 #include "core/zov_make.h"
 #include "core/zovmem_private.h"
 
+namespace zov {
 namespace {
 
 constexpr uint32_t kCapacity = 5000;
 
-// What is allocated for a string before any of its text has arrived, at most.
+// The most that is allocated for a string before any of its text has arrived.
 constexpr uint64_t kFirstText = 65536;
 
-// The length that stands for a null string on the wire.
+// The length of a null string on the wire.
 constexpr uint32_t kNullLength = UINT32_MAX;
 
-// What one direct write carries at most: the callback counts in 32 bits.
+// The most that one direct write carries: the callback counts in 32 bits.
 constexpr uint64_t kLargestWrite = UINT32_MAX;
 
 }  // namespace
+}  // namespace zov
 
 // 1. position <= filled <= kCapacity.
 // 2. Both are 0 after a failed refill: what was buffered had been handed out.
@@ -48,7 +51,7 @@ struct InputBuffer {
   uint32_t filled;    // bytes delivered by the last callback
   uint32_t position;  // next byte to hand out
   bool swap;
-  char buffer[kCapacity];
+  char buffer[zov::kCapacity];
 };
 
 // used <= kCapacity.
@@ -57,12 +60,13 @@ struct OutputBuffer {
   void *context;
   uint32_t used;
   bool swap;
-  char buffer[kCapacity];
+  char buffer[zov::kCapacity];
 };
 
+namespace zov {
 namespace {
 
-// What zov_swaporder16() and its like do, without the call.
+// zov_swaporder16() and its like without the call.
 uint16_t swapped(uint16_t value) {
   return __builtin_bswap16(value);
 }
@@ -73,9 +77,9 @@ uint64_t swapped(uint64_t value) {
   return __builtin_bswap64(value);
 }
 
-// Gets the next bytes from the channel. The channel counts in a variable of this
-// frame, so that one which fails half-way or claims more than the buffer holds
-// leaves the record in order.
+// Gets the next bytes from the channel, which counts in a variable of this frame: a
+// channel that fails half-way, or claims more than the buffer holds, leaves the
+// record in order.
 int32_t refill(InputBuffer &input, uint32_t waitMs) {
   uint32_t delivered = 0;
   const int32_t status =
@@ -87,12 +91,13 @@ int32_t refill(InputBuffer &input, uint32_t waitMs) {
   return status;
 }
 
-// Reads bytes, or drops them when there is no destination. Keeps asking a channel
-// that delivers nothing: the callbacks alone know what end and time-out are.
+// Reads bytes, or drops them when there is no destination. Asks a channel that
+// delivers nothing again: only the callbacks know an end or a time-out.
 [[gnu::noinline]] int32_t inputBuffGetTimeout(InputBuffer &input, void *destination, uint64_t count,
                                               uint32_t waitMs) {
   char *place = static_cast<char *>(destination);
   while (count > 0) {
+    assert(input.position <= input.filled && input.filled <= kCapacity);
     if (input.position == input.filled) {
       const int32_t status = refill(input, waitMs);
       if (status != 0) {
@@ -118,6 +123,7 @@ int32_t inputBuffGet(InputBuffer &input, void *destination, uint64_t count) {
 template <typename Integer>
 inline int32_t getInteger(InputBuffer &input, Integer &place, uint32_t waitMs = 0) {
   Integer value;
+  assert(input.position <= input.filled && input.filled <= kCapacity);
   if (input.filled - input.position >= sizeof value) [[likely]] {
     memcpy(&value, input.buffer + input.position, sizeof value);
     input.position += static_cast<uint32_t>(sizeof value);
@@ -131,8 +137,8 @@ inline int32_t getInteger(InputBuffer &input, Integer &place, uint32_t waitMs = 
   return 0;
 }
 
-// As getInteger(), into a value of the same size. A swapped float goes through
-// integers all the way, since a signalling pattern might not survive as a number.
+// As getInteger(), into a value of the same size. A float is swapped as an integer,
+// since a signalling pattern might not survive as a number.
 template <typename Integer, typename Value>
 inline int32_t getValue(InputBuffer &input, Value *place, uint32_t waitMs = 0) {
   static_assert(sizeof(Integer) == sizeof(Value));
@@ -144,8 +150,8 @@ inline int32_t getValue(InputBuffer &input, Value *place, uint32_t waitMs = 0) {
   return status;
 }
 
-// Reads a text of which size - 1 bytes fit. One byte of room, at least, is the
-// NUL's; without it nothing fits, not even an empty text.
+// Reads a text of which size - 1 bytes fit, in front of a NUL. With a size of 0
+// nothing fits, not even an empty text.
 int32_t getText(InputBuffer &input, char *buffer, uint64_t size, uint64_t length) {
   const uint64_t kept = size == 0 ? 0 : std::min(size - 1, length);
   int32_t status = inputBuffGet(input, buffer, kept);
@@ -159,10 +165,11 @@ int32_t getText(InputBuffer &input, char *buffer, uint64_t size, uint64_t length
   return status == 0 ? ZOV_BUFF_TRUNCATED : status;
 }
 
-// Grows the block of a string, or releases it, before the jump if there is one.
+// Grows the block of a string. Without memory the block is released, before the jump
+// if there is one.
 char *growText(char *block, uint64_t size) {
   char *grown = nullptr;
-  zov::workOrJump(
+  workOrJump(
       ZOV_DEFAULT_TAG,
       [&] {
         grown = static_cast<char *>(zov_extendMem(block, size, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE));
@@ -176,11 +183,11 @@ char *growText(char *block, uint64_t size) {
 }
 
 // Reads a text into a block of its own. The length is the sender's word, so the
-// block doubles only when what it holds has arrived.
+// block doubles only when it is full.
 int32_t getTextBlock(InputBuffer &input, uint64_t length, char **text) {
   uint64_t size = std::min(length + 1, kFirstText);
   uint64_t arrived = 0;
-  char *block = zov::makeArray<char>(size, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *block = makeArray<char>(size, ZOV_DEFAULT_TAG, ZOV_HERE);
   while (block != nullptr) {
     const uint64_t wanted = std::min(size, length) - arrived;
     const int32_t status = inputBuffGet(input, block + arrived, wanted);
@@ -200,7 +207,7 @@ int32_t getTextBlock(InputBuffer &input, uint64_t length, char **text) {
   return ZOV_BUFF_NOMEMORY;
 }
 
-// On failure the bytes stay, for a later attempt.
+// On failure the bytes wait for another attempt.
 int32_t outBuffFlush(OutputBuffer &output) {
   if (output.used == 0) {
     return 0;
@@ -212,10 +219,11 @@ int32_t outBuffFlush(OutputBuffer &output) {
   return status;
 }
 
-// Writes bytes; a full buffer is sent when the next byte comes, not before.
+// Writes bytes. A full buffer is sent when the next byte comes, not before.
 [[gnu::noinline]] int32_t outBuffPut(OutputBuffer &output, const void *source, uint64_t count) {
   const char *place = static_cast<const char *>(source);
   while (count > 0) {
+    assert(output.used <= kCapacity);
     if (output.used == kCapacity) {
       const int32_t status = outBuffFlush(output);
       if (status != 0) {
@@ -234,6 +242,7 @@ int32_t outBuffFlush(OutputBuffer &output) {
 template <typename Integer>
 inline int32_t putInteger(OutputBuffer &output, Integer value) {
   const Integer sent = output.swap ? swapped(value) : value;
+  assert(output.used <= kCapacity);
   if (kCapacity - output.used < sizeof sent) [[unlikely]] {
     return outBuffPut(output, &sent, sizeof sent);
   }
@@ -251,6 +260,7 @@ inline int32_t putValue(OutputBuffer &output, Value value) {
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
@@ -275,54 +285,55 @@ void zov_inputBuffDestroy(ZOV_INPUTBUFF handle) {
 
 int32_t zov_inputBuffGetChar(ZOV_INPUTBUFF handle, char *place) {
   if (handle->position == handle->filled) {
-    return inputBuffGet(*handle, place, 1);
+    return zov::inputBuffGet(*handle, place, 1);
   }
   *place = handle->buffer[handle->position++];
   return 0;
 }
 
 int32_t zov_inputBuffGetInt16(ZOV_INPUTBUFF handle, int16_t *place) {
-  return getValue<uint16_t>(*handle, place);
+  return zov::getValue<uint16_t>(*handle, place);
 }
 
 int32_t zov_inputBuffGetInt32(ZOV_INPUTBUFF handle, int32_t *place) {
-  return getValue<uint32_t>(*handle, place);
+  return zov::getValue<uint32_t>(*handle, place);
 }
 
 int32_t zov_inputBuffGetInt64(ZOV_INPUTBUFF handle, int64_t *place) {
-  return getValue<uint64_t>(*handle, place);
+  return zov::getValue<uint64_t>(*handle, place);
 }
 
 int32_t zov_inputBuffGetFloat32(ZOV_INPUTBUFF handle, float *place) {
-  return getValue<uint32_t>(*handle, place);
+  return zov::getValue<uint32_t>(*handle, place);
 }
 
 int32_t zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place) {
-  return getValue<uint64_t>(*handle, place);
+  return zov::getValue<uint64_t>(*handle, place);
 }
 
 int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *place, uint32_t waitMs) {
-  return getValue<uint32_t>(*handle, place, waitMs);
+  return zov::getValue<uint32_t>(*handle, place, waitMs);
 }
 
 int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer, uint64_t size) {
   uint32_t length = 0;
-  const int32_t status = getInteger(*handle, length);
+  const int32_t status = zov::getInteger(*handle, length);
   if (status != 0) {
     return status;
   }
-  return getText(*handle, buffer, size, length == kNullLength ? 0 : length);
+  return zov::getText(*handle, buffer, size, length == zov::kNullLength ? 0 : length);
 }
 
 int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text) {
   *text = nullptr;
   uint32_t length = 0;
-  const int32_t status = getInteger(*handle, length);
-  return status != 0 || length == kNullLength ? status : getTextBlock(*handle, length, text);
+  const int32_t status = zov::getInteger(*handle, length);
+  return status != 0 || length == zov::kNullLength ? status
+                                                   : zov::getTextBlock(*handle, length, text);
 }
 
 int32_t zov_inputBuffGetBytes(ZOV_INPUTBUFF handle, void *destination, uint64_t count) {
-  return inputBuffGet(*handle, destination, count);
+  return zov::inputBuffGet(*handle, destination, count);
 }
 
 void zov_inputBuffReset(ZOV_INPUTBUFF handle) {
@@ -351,61 +362,61 @@ void zov_outputBuffDestroy(ZOV_OUTPUTBUFF handle) {
 
 int32_t zov_outputBuffPutChar(ZOV_OUTPUTBUFF handle, int32_t value) {
   const char byte = static_cast<char>(value);
-  return outBuffPut(*handle, &byte, 1);
+  return zov::outBuffPut(*handle, &byte, 1);
 }
 
 int32_t zov_outputBuffPutInt16(ZOV_OUTPUTBUFF handle, int16_t value) {
-  return putValue<uint16_t>(*handle, value);
+  return zov::putValue<uint16_t>(*handle, value);
 }
 
 int32_t zov_outputBuffPutInt32(ZOV_OUTPUTBUFF handle, int32_t value) {
-  return putValue<uint32_t>(*handle, value);
+  return zov::putValue<uint32_t>(*handle, value);
 }
 
 int32_t zov_outputBuffPutInt64(ZOV_OUTPUTBUFF handle, int64_t value) {
-  return putValue<uint64_t>(*handle, value);
+  return zov::putValue<uint64_t>(*handle, value);
 }
 
 int32_t zov_outputBuffPutFloat32(ZOV_OUTPUTBUFF handle, float value) {
-  return putValue<uint32_t>(*handle, value);
+  return zov::putValue<uint32_t>(*handle, value);
 }
 
 int32_t zov_outputBuffPutFloat64(ZOV_OUTPUTBUFF handle, double value) {
-  return putValue<uint64_t>(*handle, value);
+  return zov::putValue<uint64_t>(*handle, value);
 }
 
 int32_t zov_outputBuffPutString(ZOV_OUTPUTBUFF handle, const char *text) {
-  return outBuffPut(*handle, text, strlen(text));
+  return zov::outBuffPut(*handle, text, strlen(text));
 }
 
 int32_t zov_outputBuffPutStringWithLength(ZOV_OUTPUTBUFF handle, const char *text) {
   if (text == nullptr) {
-    return putInteger(*handle, kNullLength);
+    return zov::putInteger(*handle, zov::kNullLength);
   }
   const uint64_t length = strlen(text);
-  if (length >= kNullLength) {
+  if (length >= zov::kNullLength) {
     return ZOV_BUFF_TRUNCATED;
   }
-  const int32_t status = putInteger(*handle, static_cast<uint32_t>(length));
-  return status == 0 ? outBuffPut(*handle, text, length) : status;
+  const int32_t status = zov::putInteger(*handle, static_cast<uint32_t>(length));
+  return status == 0 ? zov::outBuffPut(*handle, text, length) : status;
 }
 
 int32_t zov_outputBuffPutBytes(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count) {
-  return outBuffPut(*handle, data, count);
+  return zov::outBuffPut(*handle, data, count);
 }
 
 int32_t zov_outputBuffFlush(ZOV_OUTPUTBUFF handle) {
-  return outBuffFlush(*handle);
+  return zov::outBuffFlush(*handle);
 }
 
 int32_t zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count) {
   if (count == 0) {
     return 0;
   }
-  int32_t status = outBuffFlush(*handle);
+  int32_t status = zov::outBuffFlush(*handle);
   const char *place = static_cast<const char *>(data);
   while (status == 0 && count > 0) {
-    const uint64_t sent = std::min(count, kLargestWrite);
+    const uint64_t sent = std::min(count, zov::kLargestWrite);
     status = handle->write(handle->context, place, static_cast<uint32_t>(sent));
     place += sent;
     count -= sent;

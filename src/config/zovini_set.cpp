@@ -178,9 +178,9 @@ int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
 
 // The bytes of a path that name the directory. In memory either slash separates.
 int32_t directoryBytesOf(const char *path, uint16_t flags) {
-  const bool takesBackslash = (flags & ZOV_FILE_MEMORY) != 0;
   size_t length = strlen(path);
-  while (length > 0 && path[length - 1] != '/' && !(takesBackslash && path[length - 1] == '\\')) {
+  while (length > 0 && path[length - 1] != '/' &&
+         !(isInMemory(flags) && path[length - 1] == '\\')) {
     --length;
   }
   return static_cast<int32_t>(length);
@@ -284,8 +284,7 @@ int32_t rewriteFile(const Change &change, const char *path, const char *temp, ui
 
 // Whether a path is that of the copy, which no set may change.
 bool isTempPath(const char *path, const char *temp, uint16_t flags) {
-  return (flags & ZOV_FILE_MEMORY) != 0 ? iniEqual(iniText(path), iniText(temp))
-                                        : strcmp(path, temp) == 0;
+  return isInMemory(flags) ? iniEqual(iniText(path), iniText(temp)) : strcmp(path, temp) == 0;
 }
 
 Change changeFor(const char *section, const char *name, const char *value) {

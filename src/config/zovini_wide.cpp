@@ -1,26 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The wide forms of the INI functions. Each converts its texts strictly, calls
-// the narrow form and frees the copies; a text that is missing or cannot be
-// converted is reported as a shortage of memory, so this way gives no lists of names. Jumps are
-// held off for the length of a call, so that no copy is left behind.
+// The wide forms of the INI functions. Each converts its texts strictly, calls the
+// narrow form and frees the copies. A text that is missing or cannot be converted
+// has the status of a shortage of memory, so wide forms give no lists of names.
+// Jumps are held off for the length of a call, so that no copy is left behind.
 #include "config/zovini_private.h"
 #include "core/zov_make.h"
 #include "files/zovutf8_private.h"
 
+namespace zov {
 namespace {
 
 // Bytes of UTF-8 that a wide character may need.
 constexpr uint64_t kBytesPerChar = 4;
 
-// Calls with the narrow forms of the texts; -904 without one of them.
+// Calls with the narrow forms of the texts; ZOV_INI_NOMEMORY without one of them.
 template <typename Call, typename... Texts>
 int32_t withTexts(Call call, Texts... texts) {
-  const zov::NoJump noJump;
-  return zov::withUTF8(int32_t{ZOV_INI_NOMEMORY}, call, texts...);
+  const NoJump noJump;
+  return withUTF8(int32_t{ZOV_INI_NOMEMORY}, call, texts...);
 }
 
-// Moves a result to the caller's buffer, which stays as it is when the result
+// Converts a result into the caller's buffer, which stays as it is when the result
 // is not UTF-8.
 int32_t widen(const char *bytes, wchar_t *out, uint32_t sizeChars) {
   if (zov_utf8_to_wchar(nullptr, bytes, sizeChars, ZOV_UTF8_STRICT) == ZOV_UTF8_FAILED) {
@@ -35,13 +36,13 @@ int32_t getWide(const char *path, const char *section, const char *name, wchar_t
   const uint64_t sizeBytes = kBytesPerChar * sizeChars;
   char none = '\0';
   if (sizeBytes == 0) {
-    return zov::iniGet(path, section, name, &none, 0, flags);
+    return iniGet(path, section, name, &none, 0, flags);
   }
-  char *bytes = zov::makeArray<char>(sizeBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+  char *bytes = makeArray<char>(sizeBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (bytes == nullptr) {
     return ZOV_INI_NOMEMORY;
   }
-  int32_t status = zov::iniGet(path, section, name, bytes, sizeBytes, flags);
+  int32_t status = iniGet(path, section, name, bytes, sizeBytes, flags);
   if (status == ZOV_OKAY) {
     status = widen(bytes, out, sizeChars);
   }
@@ -50,6 +51,7 @@ int32_t getWide(const char *path, const char *section, const char *name, wchar_t
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
@@ -58,7 +60,7 @@ int32_t zov_readIniFileW(const wchar_t *path) {
 }
 
 int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags) {
-  return withTexts(
+  return zov::withTexts(
       [&](const char *pathBytes) -> int32_t {
         zov::IniFile *file = nullptr;
         const int32_t status = zov::CacheINIFile(pathBytes, flags, file);
@@ -77,9 +79,9 @@ int32_t zov_iniGetExW(const wchar_t *path, const wchar_t *section, const wchar_t
   if (out == nullptr) {
     return ZOV_INI_NOARGUMENT;
   }
-  return withTexts(
+  return zov::withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes) {
-        return getWide(pathBytes, sectionBytes, nameBytes, out, sizeChars, flags);
+        return zov::getWide(pathBytes, sectionBytes, nameBytes, out, sizeChars, flags);
       },
       path, section, name);
 }
@@ -101,7 +103,7 @@ int32_t zov_iniInt32W(const wchar_t *path, const wchar_t *section, const wchar_t
 
 int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
                         int32_t *value, uint16_t flags) {
-  return withTexts(
+  return zov::withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes) {
         return zov_iniInt32Ex(pathBytes, sectionBytes, nameBytes, value, flags);
       },
@@ -115,7 +117,7 @@ int32_t zov_iniSetW(const wchar_t *path, const wchar_t *section, const wchar_t *
 
 int32_t zov_iniSetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
                       const wchar_t *value, uint16_t flags) {
-  return withTexts(
+  return zov::withTexts(
       [&](const char *pathBytes, const char *sectionBytes, const char *nameBytes,
           const char *valueBytes) {
         return zov_iniSetEx(pathBytes, sectionBytes, nameBytes, valueBytes, flags);

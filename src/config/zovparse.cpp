@@ -20,6 +20,7 @@
 #include "core/zov_make.h"
 #include "zov.h"
 
+namespace zov {
 namespace {
 
 // At or below it an entry of the base table allows no shift.
@@ -71,13 +72,13 @@ uint64_t bytesOfValues(uint64_t valueSize, uint64_t count) {
 }
 
 char *makeValues(uint64_t valueSize, uint64_t count, ZOV_TAG tag) {
-  return zov::makeZeroArray<char>(bytesOfValues(valueSize, count), tag, ZOV_HERE);
+  return makeZeroArray<char>(bytesOfValues(valueSize, count), tag, ZOV_HERE);
 }
 
 // Makes empty stacks and the two values beside them.
 inline bool makeStacks(Parser &parser) {
   const uint64_t valueSize = parser.context.valueSize;
-  int16_t *states = zov::makeZeroArray<int16_t>(kFirstCapacity, parser.tag, ZOV_HERE);
+  int16_t *states = makeZeroArray<int16_t>(kFirstCapacity, parser.tag, ZOV_HERE);
   char *values = states == nullptr ? nullptr : makeValues(valueSize, kFirstCapacity, parser.tag);
   char *two = values == nullptr ? nullptr : makeValues(valueSize, 2, parser.tag);
   if (two == nullptr) {
@@ -97,9 +98,9 @@ inline bool growStacks(Parser &parser) {
   const uint64_t valueSize = parser.context.valueSize;
   const uint64_t depth = static_cast<uint64_t>(parser.next - parser.states);
   const uint64_t capacity = depth + 1 + kGrowth;
-  if (!zov::growArray(parser.states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
-      !zov::growArray(parser.values, bytesOfValues(valueSize, capacity),
-                      bytesOfValues(valueSize, kGrowth), parser.tag, ZOV_HERE)) {
+  if (!growArray(parser.states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
+      !growArray(parser.values, bytesOfValues(valueSize, capacity),
+                 bytesOfValues(valueSize, kGrowth), parser.tag, ZOV_HERE)) {
     return false;
   }
   parser.next = parser.states + depth;
@@ -293,11 +294,12 @@ Outcome _yyparse(const ZOV_PARSE_CONTEXT &context, ZOV_TAG tag) {
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context) {
   const bool ownTag = context->tag == ZOV_DEFAULT_TAG;
   const ZOV_TAG tag = ownTag ? zov_createTagEx(nullptr, 0, ZOV_HERE) : context->tag;
-  const Outcome outcome = _yyparse(*context, tag);
+  const zov::Outcome outcome = zov::_yyparse(*context, tag);
   if (ownTag) {
     zov_freeTagMemory(tag, 1);
   }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The start of a server in the background. The process that a shell started,
-// the launcher, forks; its child becomes the server while the launcher waits,
-// and whatever the start-up comes to is the launcher's exit status:
+// the launcher, forks; its child becomes the server while the launcher waits, and
+// ends with a status that tells how the start-up ended:
 //
 //   launcher --fork--> server
 //      |                  |  new session, standard streams on /dev/null
@@ -10,19 +10,17 @@
 //      | <---one byte-----|  zov_daemonComplete()
 //   exit 0                |  serves
 //
-// The byte comes over a pipe that both have from before the fork. A server that
-// ends without it is noticed by SIGCHLD, and the launcher ends with a status
-// that says how.
+// The byte comes over a pipe that both have from before the fork. SIGCHLD tells the
+// launcher of a server that ends without it.
 //
 // SIGCHLD is blocked from before the fork and let in only while the launcher
 // sleeps in ppoll(), so that an end however early interrupts that sleep. The
-// handler has nothing else to do: what needs printing and exiting is not done in
-// signal context. Since a server may report and end at once, the launcher looks
-// at the pipe after it has learned of the end: what was reported is in it by
-// then, and counts.
+// handler does nothing else: the launcher prints and exits outside of it. A server
+// may report and end at once, so the launcher looks at the pipe after it has
+// learned of the end: a report is in it by then, and counts.
 //
-// No state of the module's own, no locks, no allocations from a tag; nothing
-// jumps.
+// There is no state, lock or allocation from a tag; nothing jumps.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -35,25 +33,26 @@
 
 #include "core/zov_flags.h"
 
+namespace zov {
 namespace {
 
 constexpr int kStoppedStatus = 99;
 constexpr int kLostStatus = 255;
 
-// How long the end of a server that let go of the pipe may take to show, and
-// how often it is looked for.
+// How long the launcher looks for the end of a server that has closed the pipe, and
+// how often.
 constexpr uint32_t kDyingMs = 2000;
 constexpr uint32_t kLookMs = 10;
 
-// What launcher and server have in common. Every descriptor is above the
-// standard three, also in a process that was started without those.
+// Shared by launcher and server. Every descriptor is above the standard three, also
+// in a process that was started without those.
 struct Channel {
   int readEnd;
   int writeEnd;
   int nullDevice;
 };
 
-// What the caller had set for SIGCHLD.
+// The caller's settings for SIGCHLD.
 struct ChildSignals {
   sigset_t mask;
   struct sigaction action;
@@ -91,8 +90,8 @@ bool openChannel(Channel &channel) {
   return true;
 }
 
-// Where a caller ignores SIGCHLD its children leave no status behind, hence the
-// default action.
+// Sets the default action: where a caller ignores SIGCHLD its children leave no
+// status behind.
 void holdChildSignals(ChildSignals &before) {
   sigset_t held;
   sigemptyset(&held);
@@ -113,8 +112,8 @@ bool hasReported(int reportEnd) {
   return poll(&report, 1, 0) == 1 && (report.revents & POLLIN) != 0;
 }
 
-// Ends the launcher the way its server ended. Goes through libc: the message
-// path is the program's to set up, which it may not have done.
+// Ends the launcher the way its server ended. Prints through libc, as the program
+// may not have set up the message path.
 [[noreturn]] void endAsServer(int status) {
   if (WIFEXITED(status)) {
     fprintf(stderr, "%s startup aborted with a status of %d.", server_name, WEXITSTATUS(status));
@@ -139,8 +138,8 @@ void followServer(pid_t server, int reportEnd) {
 
 void zov_sigchld_handler(int) {}
 
-// Waits until the server reports or nobody is left who could; false for the
-// latter. The mask lets SIGCHLD in, which may be about other children too.
+// Waits until the server reports. False when no process is left that could. The mask
+// lets SIGCHLD in, which may tell of other children too.
 bool waitForReport(pid_t server, int reportEnd, const sigset_t &waitMask) {
   pollfd waited = {reportEnd, POLLIN, 0};
   while (ppoll(&waited, 1, nullptr, &waitMask) < 0) {
@@ -164,7 +163,7 @@ bool waitForReport(pid_t server, int reportEnd, const sigset_t &waitMask) {
   sigset_t waitMask = before.mask;
   sigdelset(&waitMask, SIGCHLD);
   if (!waitForReport(server, channel.readEnd, waitMask)) {
-    // The pipe of a process that ends is closed before its end shows.
+    // A process that ends closes the pipe before SIGCHLD tells of its end.
     for (uint32_t waitedMs = 0; waitedMs < kDyingMs; waitedMs += kLookMs) {
       zov_sleep(kLookMs);
       followServer(server, channel.readEnd);
@@ -175,9 +174,8 @@ bool waitForReport(pid_t server, int reportEnd, const sigset_t &waitMask) {
   exit(0);
 }
 
-// Closes the standard streams. Streams and descriptors stay usable and lead
-// nowhere; otherwise the next files opened would get these numbers and with
-// them what is printed by chance.
+// Leads the standard streams and descriptors to nowhere. If they were closed, the
+// next files opened would get their numbers, and with them stray output.
 void silenceStreams(int nullDevice) {
   struct Standard {
     FILE *stream;
@@ -192,9 +190,8 @@ void silenceStreams(int nullDevice) {
   }
 }
 
-// Writes the report and drops the SIGPIPE that it earns when the launcher is gone
-// already. Only the library's start-up has SIGPIPE ignored, and what the program
-// has set for it is not to be touched. A signal of this kind that waited before
+// Writes the report and drops the SIGPIPE that it causes when the launcher has ended.
+// The program's own setting for SIGPIPE is not touched, and one that waited before
 // stays.
 void writeReport(int descriptor) {
   sigset_t brokenPipe;
@@ -217,52 +214,54 @@ void writeReport(int descriptor) {
 
 // The server from the fork on.
 void becomeServer(const Channel &channel, const ChildSignals &before) {
+  assert(channel.nullDevice > STDERR_FILENO && channel.writeEnd > STDERR_FILENO);
   restoreChildSignals(before);
   umask(0);
   if (setsid() < 0) {
     _exit(kLostStatus);
   }
-  zov::storeFlag(zov_background, 1);
+  storeFlag(zov_background, 1);
   silenceStreams(channel.nullDevice);
   close(channel.nullDevice);
   close(channel.readEnd);
 }
 
 }  // namespace
+}  // namespace zov
 
 extern "C" {
 
 int32_t zov_daemonStart(const char *serverName, int32_t *out) {
   *out = -1;
-  Channel channel;
-  if (!openChannel(channel)) {
+  zov::Channel channel;
+  if (!zov::openChannel(channel)) {
     return ZOV_ERROR;
   }
   server_name = serverName;
-  // What is still in memory would be lost with the server's streams, or be
-  // written twice. What was read ahead from a file is given back once, and not by
-  // each of the two.
+  // Output still in memory would be lost with the server's streams, or be written
+  // twice. Input that was read ahead is given back to the file once, and not by each
+  // of the two.
   zov_log_flush();
   fflush(nullptr);
   fflush(stdin);
-  ChildSignals before;
-  holdChildSignals(before);
+  zov::ChildSignals before;
+  zov::holdChildSignals(before);
   const pid_t server = fork();
   if (server < 0) {
-    restoreChildSignals(before);
-    closeChannel(channel);
+    zov::restoreChildSignals(before);
+    zov::closeChannel(channel);
     return ZOV_ERROR;
   }
   if (server > 0) {
-    awaitServer(server, channel, before);
+    zov::awaitServer(server, channel, before);
   }
-  becomeServer(channel, before);
+  zov::becomeServer(channel, before);
   *out = channel.writeEnd;
   return ZOV_OKAY;
 }
 
 void zov_daemonComplete(int32_t descriptor) {
-  writeReport(descriptor);
+  zov::writeReport(descriptor);
   close(descriptor);
 }
 }

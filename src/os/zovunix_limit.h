@@ -8,8 +8,8 @@
 
 namespace zov {
 
-// What a limit on descriptors becomes at start-up: all that the hard limit
-// allows, and a fixed number where it allows everything. Never lower than it is.
+// The limit on descriptors from start-up on: all that the hard limit allows, or a
+// fixed number where that is without limit. Never lower than before.
 constexpr rlimit raisedLimit(rlimit limit) {
   constexpr rlim_t kEnoughDescriptors = 1024;
   const rlim_t target = limit.rlim_max == RLIM_INFINITY ? kEnoughDescriptors : limit.rlim_max;

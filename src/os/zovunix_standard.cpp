@@ -10,22 +10,23 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+namespace zov {
 namespace {
 
-// The way in which nobody uses a standard descriptor.
+// The access mode that no program uses on a standard descriptor.
 int wrongMode(int descriptor) {
   return descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
 }
 
 }  // namespace
 
-void zov::fillStandard() {
+void fillStandard() {
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (fcntl(descriptor, F_GETFD, 0) >= 0 || errno != EBADF) {
       continue;
     }
-    // The lowest number that is free is this one, unless another thread is faster
-    // or the one before could not be filled.
+    // The lowest free number is this one, unless another thread is faster or the
+    // number before could not be filled.
     const int opened = open("/dev/null", wrongMode(descriptor), 0);
     if (opened >= 0 && opened != descriptor) {
       close(opened);
@@ -33,7 +34,7 @@ void zov::fillStandard() {
   }
 }
 
-bool zov::isFilled(int descriptor) {
+bool isFilled(int descriptor) {
   if (descriptor < STDIN_FILENO || descriptor > STDERR_FILENO) {
     return false;
   }
@@ -41,3 +42,5 @@ bool zov::isFilled(int descriptor) {
   return (fcntl(descriptor, F_GETFL, 0) & O_ACCMODE) == wrongMode(descriptor) &&
          fstat(descriptor, &found) == 0 && S_ISCHR(found.st_mode) && found.st_rdev == makedev(1, 3);
 }
+
+}  // namespace zov

@@ -7,12 +7,11 @@
 
 namespace zov {
 
-// Puts /dev/null on each standard descriptor that is closed, so that no file
-// opened later gets its number and with it what is printed, or is replaced when
-// the standard streams are. It is opened the wrong way round: transfers fail as
-// on a closed descriptor. Programs that are executed inherit it, as they would
-// any standard descriptor, and are spared the same. Where there is no /dev/null
-// the descriptor stays closed.
+// Puts /dev/null on each standard descriptor that is closed. Else a file opened
+// later would get its number, and with it all that is printed, and would be closed
+// when the standard streams are replaced. It is opened in the wrong mode: transfers
+// fail as on a closed descriptor. Programs that are executed inherit it. Where there
+// is no /dev/null the descriptor stays closed.
 void fillStandard();
 
 // True for a standard descriptor as fillStandard() leaves it.

@@ -13,25 +13,18 @@
 #include "core/zov_make.h"
 #include "zov.h"
 
-namespace zov {
-namespace {
-
-constexpr uint32_t kStateWords = 624;
-constexpr uint32_t kShiftWords = 397;
-
-}  // namespace
-}  // namespace zov
-
 // The name behind the public handle.
 struct RandState {
   const uint32_t *next;  // next word to hand out, within state or at end
   const uint32_t *end;   // of state: kept, since a draw compares with it
-  uint32_t state[zov::kStateWords];
+  uint32_t state[624];
 };
 
 namespace zov {
 namespace {
 
+constexpr uint32_t kStateWords = sizeof RandState::state / sizeof(uint32_t);
+constexpr uint32_t kShiftWords = 397;
 constexpr uint32_t kDefaultSeed = 0x8DF1337C;
 
 // The next value of a word: its top bit and the low bits of the word behind it,
