@@ -1,22 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// INI files: the cache. Files are parsed once and answered from memory; the
-// entry of a path stays until the cache is emptied as a whole. The work is split
-// over five sources: this one; zovini_parse.cpp reads a file into the cache,
-// zovini_get.cpp answers from it, zovini_set.cpp rewrites files, zovini_wide.cpp
-// takes wide strings. zovini_name.* compares and finds names.
+// INI files: the cache. A file is parsed once and then answered from memory; the
+// entry of a path stays until the cache is emptied as a whole. Of the other sources
+// zovini_parse.cpp reads a file into the cache, zovini_get.cpp answers from it,
+// zovini_set.cpp rewrites files, and zovini_wide.cpp takes wide strings.
+// zovini_name.* compares and finds names, zovini_line.h cuts files into lines.
 //
 // iniSem guards the cache during gets and sets, file input and output included.
 // Reading a file by name and emptying the cache take no lock: they are for the
 // time when a program has one thread. Nothing in the module jumps; it holds
-// jumps off wherever it allocates, and reports a shortage by its status.
+// jumps off wherever it allocates, and a shortage is a status.
 #include <assert.h>
 #include <string.h>
 
 #include <algorithm>
 
 #include "config/zovini_private.h"
-#include "core/zov_lock.h"
 #include "core/zov_make.h"
 
 namespace zov {
@@ -25,9 +24,10 @@ ZOV_SYNC iniSem = ZOV_NO_SYNC;
 
 namespace {
 
-IniList<IniFile> gINIInfo = {};  // of every path that was read
+// An entry for every path that was read.
+IniList<IniFile> gINIInfo ZOV_GUARDED_BY(iniSem) = {};
 
-// Copies a text, or what of it fits with a NUL, and gives the length of the copy.
+// Copies a text, cut to fit with its NUL, and gives the length of the copy.
 template <size_t kFieldBytes>
 uint32_t copyCut(char (&field)[kFieldBytes], IniText text) {
   const size_t length = std::min(text.length, kFieldBytes - 1);
@@ -49,7 +49,7 @@ Element *append(IniList<Element> &list) {
   return &list.elements[list.count++];
 }
 
-// Takes the elements out of a list, which keeps its memory.
+// Empties a list, which keeps its memory.
 template <typename Element>
 void emptyList(IniList<Element> &list) {
   list.count = 0;
@@ -89,6 +89,7 @@ void freeINI(IniFile &file) {
 }
 
 void FreeINIs() {
+  assumeAlone();
   for (IniFile &file : gINIInfo) {
     freeINI(file);
   }
@@ -96,7 +97,7 @@ void FreeINIs() {
 }
 
 // Enters the last file into the index, which doubles when half of it is used.
-void indexLastFile() {
+void indexLastFile() ZOV_REQUIRES(iniSem) {
   const uint32_t count = gINIInfo.count;
   if (gINIInfo.index.ready && 2 * count <= gINIInfo.index.capacity) {
     iniIndexAdd(gINIInfo, count - 1);

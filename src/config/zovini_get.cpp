@@ -20,7 +20,7 @@
 namespace zov {
 namespace {
 
-// Room that iniInt32 gives a value.
+// Room for the value of an integer.
 constexpr uint64_t kIntegerBytes = 20;
 
 // The caller's buffer without the byte for the last NUL.
@@ -88,7 +88,7 @@ int32_t putAnswer(Answer &answer, const IniFile &file, const char *section, cons
 }
 
 // The entry of a path. The file is read when there is none, or an empty one.
-int32_t fileFor(const char *path, uint16_t flags, IniFile *&file) {
+int32_t fileFor(const char *path, uint16_t flags, IniFile *&file) ZOV_REQUIRES(iniSem) {
   file = findINI(path);
   if (file != nullptr && file->sections.count > 0) {
     return ZOV_OKAY;
@@ -97,7 +97,7 @@ int32_t fileFor(const char *path, uint16_t flags, IniFile *&file) {
 }
 
 int32_t _iniGet(const char *path, const char *section, const char *name, char *out,
-                uint64_t sizeBytes, uint16_t flags) {
+                uint64_t sizeBytes, uint16_t flags) ZOV_REQUIRES(iniSem) {
   IniFile *file = nullptr;
   int32_t status = fileFor(path, flags, file);
   if (status != ZOV_OKAY) {
@@ -129,7 +129,8 @@ int32_t iniGet(const char *path, const char *section, const char *name, char *ou
   if (path == nullptr || iniSem == ZOV_NO_SYNC) {
     return ZOV_INI_NOFILE;
   }
-  const IniLock lock;
+  const NoJump noJump;
+  const MutexLock lock(iniSem);
   return _iniGet(path, section, name, out, sizeBytes, flags);
 }
 

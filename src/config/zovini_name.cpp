@@ -21,8 +21,8 @@ uint64_t load(const char *bytes) {
   return word;
 }
 
-// Fewer than eight bytes as one word. Some occur in it twice; texts of one
-// length give equal words if they are equal.
+// Fewer than eight bytes as one word, in which some occur twice. Texts of one length
+// give equal words exactly when they are equal.
 uint64_t tailWord(const char *bytes, size_t length) {
   if (length >= 4) {
     return load<uint32_t>(bytes) | (load<uint32_t>(bytes + length - 4) << 32);

@@ -27,9 +27,9 @@ inline IniText iniText(const char *text) {
 bool iniEqual(IniText first, IniText second);
 uint32_t iniHash(IniText text);
 
-// Where to find the first of several names in an array, by hash. Open
-// addressing; a slot holds the number of an element plus 1 in its lower half, 0
-// for none, and part of the hash in its upper half.
+// Finds the first of several names in an array by hash. Open addressing: a slot holds
+// the number of an element plus 1 in its lower half, 0 for none, and part of the hash
+// in its upper half.
 //
 // 1. capacity is 0 or a power of two above the number of names, so that a
 //    search ends at an empty slot.
@@ -62,7 +62,7 @@ struct IniList {
   Element *end() const { return elements + count; }
 };
 
-// A slot of an index has no more room for the number of an element.
+// At the limit: a slot has no room for the number of another element.
 template <typename Element>
 bool iniIsFull(const IniList<Element> &list) {
   return list.count == UINT16_MAX;
@@ -114,7 +114,7 @@ void iniIndexAdd(IniList<Element> &list, uint32_t number) {
   }
 }
 
-// Makes the index of an array anew, if it is long enough to need one.
+// Makes the index of a list anew, if it is long enough to need one.
 template <typename Element>
 void iniIndexBuild(IniList<Element> &list) {
   list.index.ready = list.count > kIniScanned && iniIndexReset(list.index, list.count);

@@ -14,7 +14,6 @@
 // jumps: callers hold jumps off and, for gets and sets, iniSem.
 #include "config/zovini_line.h"
 #include "config/zovini_private.h"
-#include "core/zov_shortage.h"
 
 namespace zov {
 namespace {
@@ -51,14 +50,14 @@ IniText withoutFirstSpaces(IniText text) {
   return text;
 }
 
-// Takes in the lines of a file. section is null before the first header and
-// behind a header that found no room.
+// A reading under way. section is null before the first header, and behind a header
+// beyond the limit of sections.
 struct Reader {
   IniFile &file;
   IniSection *section;
 };
 
-// Each is false without memory only.
+// These are false only without memory.
 
 bool takeHeader(Reader &reader, IniText content) {
   reader.section = nullptr;
@@ -97,8 +96,8 @@ bool takeLines(IniFile &file, TextStream &stream) {
   return iniEachLine(stream, take) == LineEnd::kNothing;
 }
 
-// The entry that a file is read into, empty.
-IniFile *entryFor(const char *path) {
+// The entry that a file is read into, emptied. Null without memory.
+IniFile *entryFor(const char *path) ZOV_REQUIRES(iniSem) {
   IniFile *file = findINI(path);
   if (file == nullptr) {
     return addINI(path);
@@ -111,6 +110,7 @@ int32_t _readIniFile(const char *path, uint16_t flags) {
   if (path == nullptr) {
     return ZOV_OKAY;
   }
+  assumeAlone();
   const NoJump noJump;
   IniFile *file = nullptr;
   const int32_t status = CacheINIFile(path, flags, file);

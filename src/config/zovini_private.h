@@ -15,12 +15,11 @@
 #define ZOV_CONFIG_ZOVINI_PRIVATE_H
 
 #include "config/zovini_name.h"
-#include "core/zov_shortage.h"
-#include "core/zovuxthreads_private.h"
+#include "core/zov_lock.h"
 
 namespace zov {
 
-constexpr size_t kIniNameBytes = 128;  // of a name or an inline value, its NUL among them
+constexpr size_t kIniNameBytes = 128;  // of a name or an inline value with its NUL
 constexpr size_t kIniPathBytes = 256;
 constexpr int32_t kIniNotFound = ZOV_ERROR;
 
@@ -64,39 +63,27 @@ inline IniText iniNameOf(const IniFile &file) {
 }
 
 // Rank 2: guards the cache, and the rewriting of files, during gets and sets.
-// Reading a file into the cache by name, and emptying the cache, take no lock.
 extern ZOV_SYNC iniSem;
 
-// Holds iniSem, and jumps off, for its scope. There must be an iniSem.
-class IniLock {
- public:
-  IniLock() ZOV_NO_ANALYSIS {
-    holdJumps();
-    zov_syncEnterExcl(iniSem);
-  }
-  ~IniLock() ZOV_NO_ANALYSIS {
-    zov_syncExitExcl(iniSem);
-    allowJumps();
-  }
-  IniLock(const IniLock &) = delete;
-  IniLock &operator=(const IniLock &) = delete;
-};
+// Reading a file into the cache by name, and emptying the cache, take no lock: their
+// callers promise that no other thread uses the cache.
+inline void assumeAlone() ZOV_ASSERT_HELD(iniSem) {}
 
-// All below is called with jumps held off. Pointers into the cache are good
-// until the next reading.
+// All below is called with jumps held off. Pointers into the cache are valid until
+// the next reading.
 
 // The entry of a path, or null.
-IniFile *findINI(const char *path);
+IniFile *findINI(const char *path) ZOV_REQUIRES(iniSem);
 
-// Makes an entry for a path that has none. Null without memory, and when there
-// are too many.
-IniFile *addINI(const char *path);
+// Makes an entry for a path that has none. Null without memory or at the limit of
+// entries.
+IniFile *addINI(const char *path) ZOV_REQUIRES(iniSem);
 
 // Takes everything out of an entry, which keeps its arrays.
 void emptyINI(IniFile &file);
 
 // The same for the entry of a path, if there is one: the next get reads the file.
-void removeINIFromCache(const char *path);
+void removeINIFromCache(const char *path) ZOV_REQUIRES(iniSem);
 
 // Each appends an element to a list that is not full. Null or false without
 // memory.
@@ -106,11 +93,11 @@ bool addParam(IniSection &section, IniText name, IniText value);
 // Makes the indexes of an entry that is filled.
 void indexINI(IniFile &file);
 
-// Reads a file into the cache and sets the entry to its one. ZOV_INI_NOFILE when
-// it cannot be opened, with the cache as it was, or not be read to its end;
-// ZOV_INI_NOMEMORY without memory. Either leaves the entry, if there is one, empty
-// when part of the file was read.
-int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file);
+// Reads a file into the cache and gives its entry. ZOV_INI_NOFILE when it cannot be
+// opened, with the cache as it was, or not be read to its end; ZOV_INI_NOMEMORY
+// without memory. Either leaves the entry, if there is one, empty when part of the
+// file was read.
+int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) ZOV_REQUIRES(iniSem);
 
 // The status of what failed: ZOV_INI_NOMEMORY if that was for a shortage.
 int32_t failureOf(int32_t status);

@@ -266,7 +266,8 @@ int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) 
   return status;
 }
 
-int32_t rewriteFile(const Change &change, const char *path, const char *temp, uint16_t flags) {
+int32_t rewriteFile(const Change &change, const char *path, const char *temp, uint16_t flags)
+    ZOV_REQUIRES(iniSem) {
   bool isReplaced = false;
   int32_t status = ZOV_OKAY;
   if (isInMemory(flags)) {
@@ -314,7 +315,8 @@ int32_t zov_iniSetEx(const char *path, const char *section, const char *name, co
   if (path == nullptr || zov::iniSem == ZOV_NO_SYNC) {
     return ZOV_INI_NOFILE;
   }
-  const zov::IniLock lock;
+  const zov::NoJump noJump;
+  const zov::MutexLock lock(zov::iniSem);
   char *temp = zov::tempPathFor(path, flags);
   if (temp == nullptr) {
     return ZOV_INI_NOMEMORY;

@@ -62,6 +62,7 @@ int32_t zov_readIniFileW(const wchar_t *path) {
 int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags) {
   return zov::withTexts(
       [&](const char *pathBytes) -> int32_t {
+        zov::assumeAlone();
         zov::IniFile *file = nullptr;
         const int32_t status = zov::CacheINIFile(pathBytes, flags, file);
         return status == ZOV_INI_NOFILE ? ZOV_OKAY : status;

@@ -98,11 +98,15 @@ inline bool growStacks(Parser &parser) {
   const uint64_t valueSize = parser.context.valueSize;
   const uint64_t depth = static_cast<uint64_t>(parser.next - parser.states);
   const uint64_t capacity = depth + 1 + kGrowth;
-  if (!growArray(parser.states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
-      !growArray(parser.values, bytesOfValues(valueSize, capacity),
-                 bytesOfValues(valueSize, kGrowth), parser.tag, ZOV_HERE)) {
+  int16_t *states = parser.states;  // copies, so that the record stays in registers
+  char *values = parser.values;
+  if (!growArray(states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
+      !growArray(values, bytesOfValues(valueSize, capacity), bytesOfValues(valueSize, kGrowth),
+                 parser.tag, ZOV_HERE)) {
     return false;
   }
+  parser.states = states;
+  parser.values = values;
   parser.next = parser.states + depth;
   parser.last = parser.states + capacity - 1;
   parser.nextValue = parser.values + depth * valueSize;

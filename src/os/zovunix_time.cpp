@@ -2,8 +2,8 @@
 //
 // Clocks, sleeping, the error number, environment variables and the locale:
 // thin forms of libc's own services. Nothing here keeps state, takes a lock or
-// prints; the wide forms allocate from the default tag and may jump, with
-// nothing held.
+// prints; the wide forms allocate from the default tag and may jump, while they hold
+// nothing.
 #include <errno.h>
 #include <locale.h>
 #include <stdlib.h>

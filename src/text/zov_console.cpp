@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Output stacks and console output. A stack is a pile of redirections, of
-// which the top one receives what is written:
+// Output stacks and console output. A stack is a pile of redirections, and all
+// output goes to the top one:
 //
 //   stack.top -> node -> node -> ...          one node a redirection
 //                  \      /
@@ -20,10 +20,7 @@
 #include <strings.h>
 
 #include "core/zov_flags.h"
-#include "core/zov_lock.h"
 #include "core/zov_make.h"
-#include "core/zov_shortage.h"
-#include "core/zovuxthreads_private.h"
 #include "text/zov_console_private.h"
 
 namespace zov {
@@ -96,17 +93,16 @@ void closeOn(ZOV_FILE_STACK &stack) {
 
 }  // namespace
 
-Output::Output(ZOV_FILE_STACK &stack) ZOV_NO_ANALYSIS : stack_(stack) {
-  holdJumps();
+// Counts around the lock: a message about a lock that is not valid takes none.
+Output::Output(ZOV_FILE_STACK &stack) : stack_(stack) {
   ++outputDepth;
   zov_syncEnterExcl(stack.lock);
 }
 
-Output::~Output() ZOV_NO_ANALYSIS {
+Output::~Output() {
   zov_syncExitExcl(stack_.lock);
   assert(outputDepth > 0);
   --outputDepth;
-  allowJumps();
 }
 
 bool isWritingOutput() {
@@ -211,12 +207,12 @@ int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_
   return ZOV_OKAY;
 }
 
-void zov_fileStackLock(ZOV_FILE_STACK *stack) ZOV_NO_ANALYSIS {
+void zov_fileStackLock(ZOV_FILE_STACK *stack) {
   zov_syncEnterExcl(stack->lock);
   zov::forgetLock(stack->lock);  // it is the caller's
 }
 
-void zov_fileStackRelease(ZOV_FILE_STACK *stack) ZOV_NO_ANALYSIS {
+void zov_fileStackRelease(ZOV_FILE_STACK *stack) {
   zov_syncExitExcl(stack->lock);
 }
 

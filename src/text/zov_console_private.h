@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The three output stacks, for start-up, for shut-down, and for the two files
-// that write through them.
+// The three output stacks, for start-up and shut-down and for the sources that write
+// through them.
 #ifndef ZOV_TEXT_ZOV_CONSOLE_PRIVATE_H
 #define ZOV_TEXT_ZOV_CONSOLE_PRIVATE_H
 
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "zov.h"
+#include "core/zov_lock.h"
 
 namespace zov {
 
-// Their locks are ZOV_NO_SYNC before start-up reaches them and after shut-down
-// passed them; output then goes to libc's streams.
+// Their locks are ZOV_NO_SYNC until their stage of start-up and after that of
+// shut-down; output then goes to libc's streams.
 extern ZOV_FILE_STACK stdoutStack;
 extern ZOV_FILE_STACK stderrStack;
 extern ZOV_FILE_STACK logStack;
 
-// A stack with the libc stream that stands in for it.
+// A stack, with the libc stream that is used while the stack is not started.
 struct Console {
   ZOV_FILE_STACK &stack;
   FILE *standIn;
@@ -32,13 +32,13 @@ inline bool isStarted(const ZOV_FILE_STACK &stack) {
   return stack.lock != ZOV_NO_SYNC;
 }
 
-// Holds a stack's lock for one output. In its scope this thread does not jump,
-// and what it logs (a write that failed, a shortage of memory) concerns that
-// output: such a message takes no stack's lock.
-class Output {
+// Holds a stack's lock, and jumps off, for one output. A message that comes up in
+// its scope (a write failed, memory is short) concerns that output, and takes no
+// stack's lock.
+class ZOV_SCOPED_CAPABILITY Output {
  public:
-  explicit Output(ZOV_FILE_STACK &stack);
-  ~Output();
+  explicit Output(ZOV_FILE_STACK &stack) ZOV_ACQUIRE(stack.lock);
+  ~Output() ZOV_RELEASE();
   Output(const Output &) = delete;
   Output &operator=(const Output &) = delete;
 
@@ -46,6 +46,7 @@ class Output {
   ZOV_STREAM stream() const { return stack_.top == nullptr ? nullptr : stack_.top->info->stream; }
 
  private:
+  const NoJump noJump_;
   const ZOV_FILE_STACK &stack_;
 };
 
@@ -74,10 +75,10 @@ class OutputText {
   char *longText = nullptr;  // of libc, null for a text that fits above
 };
 
-// Flushes what is on top of a stack. False when that is nothing.
+// Flushes the top of a stack. False when the stack is silent or not started.
 bool flushStack(ZOV_FILE_STACK &stack);
 
-// The same for a console, and for the libc stream where that is nothing.
+// The same for a console, whose libc stream is flushed instead in that case.
 void flushConsole(Console console);
 
 }  // namespace zov

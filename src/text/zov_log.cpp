@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The log: the one path of every message of the library and of its callers. A
-// message is formatted first, without any lock, then written to the console and
-// behind a timestamp to the log file; each is flushed, and the two locks are
-// taken one after the other.
+// message is formatted without any lock, then written to the console and behind a
+// timestamp to the log file; each is flushed, and the two locks are taken one after
+// the other.
 //
-// Nothing here allocates from a tag, so that messages about failing memory get
-// through: a short message is formatted on the stack, a long one in a buffer of
+// Nothing here allocates from a tag, so that a message about a shortage of memory is
+// printed: a short message is formatted on the stack, a long one in a buffer of
 // libc's, and cut where there is none. A message that comes up while this thread
-// writes output concerns that output; it goes to descriptor 2 by itself, short,
-// and takes no lock.
+// writes output concerns that output; it goes to descriptor 2 only, cut short, and
+// takes no lock.
 
 // Before start-up a caller's format goes to libc, whose checks would end the
 // process for %n in a format that can be written to.
@@ -23,7 +23,7 @@
 #include "core/zov_flags.h"
 #include "text/zov_console_private.h"
 
-// The pieces of one record, collected. text is null while there are none.
+// The pieces of one record together. text is null while there are none.
 struct LogChunk {
   char *text;
   uint64_t length;  // characters, without the terminator
@@ -34,7 +34,7 @@ namespace {
 
 constexpr size_t kStampBytes = 30;
 
-// Writes a whole text to a stream and lets it through to the file.
+// Writes a text to a stream and flushes it.
 int32_t writeThrough(ZOV_STREAM stream, const char *text) {
   const int32_t written = zov_fputs(text, stream);
   zov_fflush(stream);
@@ -89,13 +89,13 @@ ZOV_PRINTF(1, 0)
 int32_t writeRaw(const char *format, va_list arguments) {
   char text[kShortTextBytes];
   if (zov_vsnprintf(text, sizeof text, format, arguments) > 0) {
-    // There is nobody left to tell when this fails.
+    // A failure here cannot be reported any more.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text, strlen(text));
   }
   return 0;
 }
 
-// Nothing of the library is up: the format is libc's, too.
+// For the time before start-up, when the format is libc's too.
 ZOV_PRINTF(2, 0)
 int32_t printByLibc(FILE *file, const char *format, va_list arguments) {
   va_list copy;
@@ -188,7 +188,7 @@ void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) {
     zov::appendPiece(*chunk, format, arguments);
     va_end(arguments);
   }
-  // Of empty pieces there would be a stamp without a line end.
+  // For empty pieces the log would get a stamp without a line end.
   if (chunk->length > 0) {
     zov::_zov_log_str(false, chunk->text);
   }
