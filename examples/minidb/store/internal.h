@@ -67,12 +67,12 @@ char *replacementPath(Store &store, const char *path);
 
 // --- The store -----------------------------------------------------------
 
-constexpr uint32_t kScratchPages = (8 << 20) / kPageBytes;
 constexpr uint64_t kFirstPage = 2;  // behind the metas
 
 struct Store {
   ZOV_TAG tag;
   uint32_t typeFlags;
+  uint32_t scratchLimit;  // pages of all transactions together
   bool readOnly;
   std::atomic<bool> broken;
   ZOV_SYNC writeLock;    // held by who commits, compacts or has the store alone

@@ -32,6 +32,7 @@ Store *newStore(const Options &options) {
   store->tag = tag;
   store->typeFlags = options.typeFlags;
   store->readOnly = options.readOnly;
+  store->scratchLimit = static_cast<uint32_t>(options.dirtyBytes / kPageBytes);
   store->writeLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   store->stateLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   const uint64_t bytes = options.cacheBytes == 0 ? kDefaultCacheBytes : options.cacheBytes;

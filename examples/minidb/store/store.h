@@ -61,6 +61,7 @@ struct Options {
   bool create;          // make a missing or empty file a database, of mode 0600
   bool readOnly;        // never write, and take no lock: others may have it open
   uint64_t cacheBytes;  // of the page cache; 0 means kDefaultCacheBytes
+  uint64_t dirtyBytes = 8 << 20;  // for pages that changed and are not in the cache
 };
 
 // Opens a data file: to write for this process alone, by a lock on the file itself,

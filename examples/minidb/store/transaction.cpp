@@ -438,7 +438,7 @@ uint64_t takePlace(Transaction &transaction) {
 
 uint64_t takeNumber(Transaction &transaction) {
   Store &store = *transaction.store;
-  if (!transaction.spilled && store.scratchPages.fetch_add(1) < kScratchPages) {
+  if (!transaction.spilled && store.scratchPages.fetch_add(1) < store.scratchLimit) {
     return kScratchBit | transaction.scratchPages++;
   }
   if (!transaction.spilled) {
