@@ -234,7 +234,7 @@ ZOV_SYNC ensureLockMutex(FileHandle &file) {
   if (current != ZOV_NO_SYNC) {
     return current;
   }
-  const ZOV_SYNC created = zov::createMutex(zov::LockKind::kFile, ZOV_HERE);
+  const ZOV_SYNC created = createMutex(LockKind::kFile, ZOV_HERE);
   if (created == ZOV_NO_SYNC) {
     return file.lockMutex.load(std::memory_order_acquire);
   }
@@ -263,7 +263,7 @@ int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
   if (status != ZOV_OKAY) {
     leaveIfAny(mutex);
   }
-  zov::forgetLock(mutex);  // it is the caller's
+  forgetLock(mutex);  // it is the caller's
   return status;
 }
 

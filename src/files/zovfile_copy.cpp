@@ -149,11 +149,9 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
   to.typeFlags = typeFlags;
   errno = 0;
   to.file = zov_fileOpen(path, O_RDWR, typeFlags);
-  const size_t length = strlen(path);
-  if (to.file != nullptr || errno != ENOENT || length >= sizeof to.path) {
+  if (to.file != nullptr || errno != ENOENT || !copyPath(path, to.path)) {
     return to.file != nullptr;
   }
-  memcpy(to.path, path, length + 1);
   if (isInMemory(typeFlags)) {
     to.file = zov_fileOpen(path, kCreate, typeFlags);
   } else {

@@ -204,10 +204,10 @@ int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
 
 void lockedCopyGiveOwner(const LockedCopy &copy, const struct stat &original) {
   const int descriptor = descriptorOf(*copy.file);
-  if (fchown(descriptor, original.st_uid, original.st_gid) != 0 &&
-      fchown(descriptor, static_cast<uid_t>(-1), original.st_gid) != 0) {
-    return;  // giveMode() looks at the group that the copy has
-  }
+  // giveMode() looks at the group that the copy has in the end.
+  [[maybe_unused]] const bool isGiven =
+      fchown(descriptor, original.st_uid, original.st_gid) == 0 ||
+      fchown(descriptor, static_cast<uid_t>(-1), original.st_gid) == 0;
 }
 
 bool lockedCopyIs(const LockedCopy &copy, const struct stat &file) {

@@ -69,13 +69,11 @@ bool namesCurrentDirectory(const char *path) {
 // system does not tell.
 char *_currdir(bool &isShort) {
   char *buffer = nullptr;
-  uint64_t sizeBytes = 0;
-  while (true) {
-    sizeBytes += kGrowBytes;
+  for (uint64_t sizeBytes = kGrowBytes;; sizeBytes += kGrowBytes) {
     char *larger =
         static_cast<char *>(zov_extendMem(buffer, sizeBytes, ZOV_DEFAULT_TAG, 0, 0, ZOV_HERE));
-    if (larger == nullptr) {
-      isShort = true;
+    isShort = larger == nullptr;
+    if (isShort) {
       break;
     }
     buffer = larger;
@@ -90,7 +88,7 @@ char *_currdir(bool &isShort) {
   return nullptr;
 }
 
-// The current directory, or what stands for it where the disk is not to be touched.
+// The current directory; the root under the diskless flag. Null as above.
 char *currentDirectory(bool &isShort) {
   if (loadFlag(zov_diskless) == 0) {
     return _currdir(isShort);
@@ -101,20 +99,16 @@ char *currentDirectory(bool &isShort) {
 }
 
 char *_fullpath(const char *path, bool &isShort) {
-  char *full = nullptr;
-  if (!namesCurrentDirectory(path) && zov_pathIsFullyQualified(path) != 0) {
-    full = copyText(path);
-  } else {
-    full = currentDirectory(isShort);
-    if (full == nullptr) {
-      return nullptr;
-    }
-    full = normalize_path(full);
-    if (full != nullptr && !namesCurrentDirectory(path)) {
-      full = append(full, path);
-    }
+  const bool isCurrent = namesCurrentDirectory(path);
+  const bool isQualified = !isCurrent && zov_pathIsFullyQualified(path) != 0;
+  char *full = isQualified ? copyText(path) : currentDirectory(isShort);
+  if (full == nullptr && !isQualified) {
+    return nullptr;
   }
   full = normalize_path(full);
+  if (!isQualified && !isCurrent && full != nullptr) {
+    full = normalize_path(append(full, path));
+  }
   isShort = full == nullptr;
   return full;
 }

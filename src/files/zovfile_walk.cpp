@@ -14,34 +14,27 @@
 #include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
 
+// One of the walks beneath is set, from open to close.
 struct PathWalk {
-  bool inMemory;
-  wchar_t *wideName;  // what zov_pathNextW() returned last, or null
-  // By inMemory, and null until the walk is opened.
-  union {
-    ZOV_DISK_WALK disk;
-    ZOV_MEM_WALK memory;
-  };
+  ZOV_DISK_WALK disk;
+  ZOV_MEM_WALK memory;
+  wchar_t *wideName;  // the last result of zov_pathNextW(), or null
 };
 
 namespace zov {
 namespace {
 
 // Begins the walk on disk or in memory. False on failure.
-bool openWalk(PathWalk &walk, const char *directory, const char *pattern) {
-  if (walk.inMemory) {
-    walk.memory = zov_mfPathOpen(directory, pattern);
-    return walk.memory != nullptr;
+bool openWalk(PathWalk &walk, const Place &directory, const char *pattern) {
+  if (isInMemory(directory)) {
+    walk.memory = zov_mfPathOpen(directory.path, pattern);
+  } else if (loadFlag(zov_diskless) == 0) {
+    walk.disk = zov_flPathOpen(directory.path, pattern);
   }
-  if (loadFlag(zov_diskless) != 0) {
-    return false;
-  }
-  walk.disk = zov_flPathOpen(directory, pattern);
-  return walk.disk != nullptr;
+  return walk.memory != nullptr || walk.disk != nullptr;
 }
 
 }  // namespace
-
 }  // namespace zov
 
 extern "C" {
@@ -59,8 +52,7 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
     return nullptr;
   }
   const zov::NoJump noJump;
-  walk->inMemory = zov::isInMemory(typeFlags);
-  if (!zov::openWalk(*walk, directory, pattern)) {
+  if (!zov::openWalk(*walk, {directory, typeFlags}, pattern)) {
     zov_freeMem(walk, ZOV_DEFAULT_TAG);
     return nullptr;
   }
@@ -72,9 +64,9 @@ const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
   if (walk == nullptr) {
     return nullptr;
   }
-  assert(walk->inMemory ? walk->memory != nullptr : walk->disk != nullptr);
-  return walk->inMemory ? zov_mfPathNext(walk->memory, isDirectory)
-                        : zov_flPathNext(walk->disk, isDirectory);
+  assert((walk->memory != nullptr) != (walk->disk != nullptr));
+  return walk->memory != nullptr ? zov_mfPathNext(walk->memory, isDirectory)
+                                 : zov_flPathNext(walk->disk, isDirectory);
 }
 
 wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {
@@ -95,11 +87,8 @@ void zov_pathClose(ZOV_PATH_WALK walk) {
     return;
   }
   zov_freeMem(walk->wideName, ZOV_DEFAULT_TAG);
-  if (walk->inMemory) {
-    zov_mfPathClose(walk->memory);
-  } else {
-    zov_flPathClose(walk->disk);
-  }
+  zov_mfPathClose(walk->memory);
+  zov_flPathClose(walk->disk);
   zov_freeMem(walk, ZOV_DEFAULT_TAG);
 }
 }

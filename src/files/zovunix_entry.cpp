@@ -36,17 +36,18 @@ EntryName entryName(const char *path) {
   return {path + begin, end - begin};
 }
 
-bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
-  const size_t length = static_cast<size_t>(name.text - path);
-  if (length >= sizeof directory) {
+bool copyStart(const char *path, size_t length, char (&copy)[PATH_MAX]) {
+  if (length >= sizeof copy) {
     return false;
   }
-  memcpy(directory, path, length);
-  directory[length] = '\0';
-  if (length == 0) {
-    memcpy(directory, ".", 2);
-  }
+  memcpy(copy, path, length);
+  copy[length] = '\0';
   return true;
+}
+
+bool copyParent(const char *path, EntryName name, char (&directory)[PATH_MAX]) {
+  const size_t length = static_cast<size_t>(name.text - path);
+  return length == 0 ? copyStart(".", 1, directory) : copyStart(path, length, directory);
 }
 
 enum class Step : uint8_t { kFollowed, kNoLink, kTooLong };
@@ -75,6 +76,10 @@ bool statParent(const char *path, EntryName name, struct stat *result) {
 }
 
 }  // namespace
+
+bool copyPath(const char *path, char (&copy)[PATH_MAX]) {
+  return copyStart(path, strlen(path), copy);
+}
 
 bool parentOf(const char *path, char (&directory)[PATH_MAX]) {
   return copyParent(path, entryName(path), directory);
@@ -115,11 +120,9 @@ bool isSameEntry(const char *first, const char *second) {
 
 bool leadsThrough(const char *link, const char *entry) {
   char path[PATH_MAX];
-  const size_t length = strlen(link);
-  if (length >= sizeof path) {
+  if (!copyPath(link, path)) {
     return true;
   }
-  memcpy(path, link, length + 1);
   for (int32_t links = 0; links < kMostLinks; ++links) {
     const Step step = followLink(path);
     if (step != Step::kFollowed) {

@@ -14,6 +14,9 @@ inline bool isSame(const struct stat &first, const struct stat &second) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// Copies a path. False for one that is too long for the system too.
+bool copyPath(const char *path, char (&copy)[PATH_MAX]);
+
 // The directory of a path's last component: the path up to it, or "." for a bare
 // name. False for a path that is too long for the system too.
 bool parentOf(const char *path, char (&directory)[PATH_MAX]);

@@ -35,6 +35,11 @@ To *convert(uint32_t (*direction)(To *, uint32_t, const From *, size_t, uint32_t
   return converted;
 }
 
+// The same from wide characters. Null gives null.
+char *toUtf8(const wchar_t *text, uint32_t errorMode, bool &isShort) {
+  return text == nullptr ? nullptr : convert(encodeWide, text, wcslen(text), errorMode, isShort);
+}
+
 // Releases the first strings of an array, and the array.
 void releaseStrings(char **strings, int32_t count) {
   while (count > 0) {
@@ -54,11 +59,8 @@ char **convertAll(int32_t count, wchar_t *const *arguments, bool &isShort) {
   }
   for (int32_t index = 0; index < count; ++index) {
     const wchar_t *text = arguments[index];
-    if (text == nullptr) {
-      continue;
-    }
-    strings[index] = convert(encodeWide, text, wcslen(text), ZOV_UTF8_STRICT, isShort);
-    if (strings[index] == nullptr) {
+    strings[index] = toUtf8(text, ZOV_UTF8_STRICT, isShort);
+    if (strings[index] == nullptr && text != nullptr) {
       releaseStrings(strings, index);
       return nullptr;
     }
@@ -84,8 +86,7 @@ void zov_utf8_codes(uint32_t codePoint, char *out, uint32_t *lengthBytes) {
 
 char *zov_convertToUTF8(const wchar_t *text, uint32_t errorMode) {
   bool isShort = false;
-  return text == nullptr ? nullptr
-                         : zov::convert(zov::encodeWide, text, wcslen(text), errorMode, isShort);
+  return zov::toUtf8(text, errorMode, isShort);
 }
 
 wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode) {
