@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The contents of whole files: copy and compare, between disk and memory as the
-// type flags of each path say. Both go through two blocks of 1024 bytes,
+// type flags of each path say. Both read pieces of up to 32 KiB into two buffers,
 // allocated for the length of the call.
 //
-// A copy works on its destination in place: it writes only the blocks that differ
-// and never empties the file first. A copy that fails leaves part of the source
-// there. A destination that was missing is made for its owner alone, gets its
-// permission bits when it is whole, and is removed when the copy fails.
+// A copy works on its destination in place: it writes only the units of 1024 bytes
+// that differ, those that follow each other together, and never empties the file
+// first. A copy that fails leaves part of the source there. A destination that was
+// missing is made for its owner alone, gets its permission bits when it is whole,
+// and is removed when the copy fails.
 //
 // No locks, and nothing jumps: jumps are held off while files are open.
 #include <assert.h>
@@ -16,6 +17,8 @@
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
@@ -26,33 +29,34 @@
 namespace zov {
 namespace {
 
-constexpr uint32_t kBlockBytes = 1024;
+constexpr uint32_t kUnitBytes = 1024;
+constexpr uint32_t kPieceBytes = 32 * kUnitBytes;
 constexpr mode_t kOwnerBits = 0600;
 constexpr mode_t kSharedBits = 0066;
 constexpr mode_t kNewFileBits = 0666;
 
-// Two files, open, and a block for each.
+// Two files, open, and room for a piece of each.
 struct Pair {
   ZOV_FILE first;
   ZOV_FILE second;
-  char *firstBlock;
-  char *secondBlock;
+  char *firstPiece;
+  char *secondPiece;
 };
 
-char *newBlock() {
-  return makeArray<char>(kBlockBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
+char *newPiece() {
+  return makeArray<char>(kPieceBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
-// Calls `work` with two open files and a block for each; `noMemory` without memory
-// for the blocks.
-int32_t withBlocks(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
+// Calls `work` with two open files and room for a piece of each; `noMemory` without
+// memory for that.
+int32_t withPieces(ZOV_FILE first, ZOV_FILE second, int32_t noMemory,
                    int32_t (*work)(const Pair &)) {
   assert(noJumpDepth > 0);
-  Pair pair = {first, second, newBlock(), nullptr};
-  pair.secondBlock = pair.firstBlock == nullptr ? nullptr : newBlock();
-  const int32_t status = pair.secondBlock == nullptr ? noMemory : work(pair);
-  zov_freeMem(pair.secondBlock, ZOV_DEFAULT_TAG);
-  zov_freeMem(pair.firstBlock, ZOV_DEFAULT_TAG);
+  Pair pair = {first, second, newPiece(), nullptr};
+  pair.secondPiece = pair.firstPiece == nullptr ? nullptr : newPiece();
+  const int32_t status = pair.secondPiece == nullptr ? noMemory : work(pair);
+  zov_freeMem(pair.secondPiece, ZOV_DEFAULT_TAG);
+  zov_freeMem(pair.firstPiece, ZOV_DEFAULT_TAG);
   return status;
 }
 
@@ -71,11 +75,41 @@ bool endsAt(ZOV_FILE file, int64_t offset) {
   return zov_fileSeekRead(file, offset, &byte, 1) == 0;
 }
 
-// True when the second file holds, at an offset, the block just read from the
-// first.
-bool holdsSameBlock(const Pair &pair, int64_t offset, uint32_t lengthBytes) {
-  return zov_fileSeekRead(pair.second, offset, pair.secondBlock, lengthBytes) == lengthBytes &&
-         memcmp(pair.firstBlock, pair.secondBlock, lengthBytes) == 0;
+// How many bytes of a file were read at an offset, 0 on failure.
+uint32_t readAt(ZOV_FILE file, int64_t offset, char *piece, uint32_t lengthBytes) {
+  const uint32_t count = zov_fileSeekRead(file, offset, piece, lengthBytes);
+  return count == ZOV_IO_FAILED ? 0 : count;
+}
+
+// True when the unit at an offset in the piece of the first file is in that of the
+// second too, which has so many bytes.
+bool holdsSameUnit(const Pair &pair, uint32_t offset, uint32_t lengthBytes, uint32_t present) {
+  return offset + lengthBytes <= present &&
+         memcmp(pair.firstPiece + offset, pair.secondPiece + offset, lengthBytes) == 0;
+}
+
+// Writes what lies from one place in the piece of the first file to another.
+bool writeRun(const Pair &pair, int64_t offset, uint32_t from, uint32_t to) {
+  const uint32_t count = to - from;
+  return count == 0 ||
+         zov_fileSeekWrite(pair.second, offset + from, pair.firstPiece + from, count) == count;
+}
+
+// Writes the units of a piece of the source that the destination's piece, of
+// `present` bytes, does not hold, those that follow each other together.
+bool writeDiffering(const Pair &pair, int64_t offset, uint32_t lengthBytes, uint32_t present) {
+  uint32_t runStart = 0;
+  for (uint32_t at = 0; at < lengthBytes;) {
+    const uint32_t next = std::min(at + kUnitBytes, lengthBytes);
+    if (holdsSameUnit(pair, at, next - at, present)) {
+      if (!writeRun(pair, offset, runStart, at)) {
+        return false;
+      }
+      runStart = next;
+    }
+    at = next;
+  }
+  return writeRun(pair, offset, runStart, lengthBytes);
 }
 
 // Copies as many bytes as the source has now. A source of length 0 must hold
@@ -86,12 +120,19 @@ int32_t copyBytes(const Pair &pair, int64_t sourceBytes) {
     return ZOV_ERROR;
   }
   for (int64_t offset = 0; offset < sourceBytes;) {
-    const uint32_t count = zov_fileSeekRead(pair.first, offset, pair.firstBlock, kBlockBytes);
-    if (count == 0 || count == ZOV_IO_FAILED) {
+    const auto want = static_cast<uint32_t>(std::min<int64_t>(kPieceBytes, sourceBytes - offset));
+    uint32_t count = readAt(pair.first, offset, pair.firstPiece, want);
+    if (count == 0) {
       return ZOV_ERROR;
     }
-    const bool present = offset + count <= destinationBytes && holdsSameBlock(pair, offset, count);
-    if (!present && zov_fileSeekWrite(pair.second, offset, pair.firstBlock, count) != count) {
+    const auto there =
+        static_cast<uint32_t>(std::clamp<int64_t>(destinationBytes - offset, 0, count));
+    const uint32_t present = there == 0 ? 0 : readAt(pair.second, offset, pair.secondPiece, there);
+    if (present < there) {
+      // Only the unit that could not be read counts as different.
+      count = std::min(count, present - present % kUnitBytes + kUnitBytes);
+    }
+    if (!writeDiffering(pair, offset, count, present)) {
       return ZOV_ERROR;
     }
     offset += count;
@@ -109,23 +150,27 @@ int32_t _fileCopyWhole(const Pair &pair) {
   return status == ZOV_OKAY && !endsAt(pair.first, sourceBytes) ? ZOV_ERROR : status;
 }
 
+// Pieces grow from a unit on, so that files that differ at once are read no further.
 int32_t _fileCmp(const Pair &pair) {
   int64_t offset = 0;
   for (;;) {
-    const uint32_t count = zov_fileSeekRead(pair.first, offset, pair.firstBlock, kBlockBytes);
+    const auto want =
+        static_cast<uint32_t>(std::min<int64_t>(kPieceBytes, kUnitBytes + 3 * offset));
+    const uint32_t count = zov_fileSeekRead(pair.first, offset, pair.firstPiece, want);
     if (count == ZOV_IO_FAILED) {
       return ZOV_ERROR;
     }
     if (count == 0) {
       break;
     }
-    if (!holdsSameBlock(pair, offset, count)) {
+    if (zov_fileSeekRead(pair.second, offset, pair.secondPiece, count) != count ||
+        memcmp(pair.firstPiece, pair.secondPiece, count) != 0) {
       return ZOV_ERROR;
     }
     offset += count;
   }
   // Equal so far; the second file may go on.
-  return zov_fileSeekRead(pair.second, offset, pair.secondBlock, 1) == 0 ? ZOV_OKAY : ZOV_ERROR;
+  return endsAt(pair.second, offset) ? ZOV_OKAY : ZOV_ERROR;
 }
 
 // Where a copy goes.
@@ -167,7 +212,7 @@ bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
 // Copies into an open destination, and gives one that was made its permission
 // bits.
 int32_t fillDestination(ZOV_FILE from, const Destination &to) {
-  const int32_t status = withBlocks(from, to.file, ZOV_ERROR, _fileCopy);
+  const int32_t status = withPieces(from, to.file, ZOV_ERROR, _fileCopy);
   return status == ZOV_OKAY && to.made ? passModeOn(*from, *to.file, nullptr) : status;
 }
 
@@ -246,7 +291,7 @@ ZOV_FILE openSource(const char *path, uint32_t typeFlags) {
 }
 
 int32_t copyWhole(ZOV_FILE source, ZOV_FILE destination) {
-  return withBlocks(source, destination, ZOV_ERROR, _fileCopyWhole);
+  return withPieces(source, destination, ZOV_ERROR, _fileCopyWhole);
 }
 
 int32_t passModeOn(const FileHandle &source, const FileHandle &made, const char *replaced) {
@@ -323,7 +368,7 @@ int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second
   int32_t status = ZOV_NOFILE2;
   const ZOV_FILE other = zov_fileOpen(second, O_RDONLY, secondFlags);
   if (other != nullptr) {
-    status = zov::withBlocks(one, other, ZOV_NOMEMORY, zov::_fileCmp);
+    status = zov::withPieces(one, other, ZOV_NOMEMORY, zov::_fileCmp);
     zov_fileClose(other);
   }
   zov_fileClose(one);
