@@ -20,11 +20,6 @@
 namespace zov {
 namespace {
 
-// The status for a failure whose reason is in errno.
-int32_t failure() {
-  return errno == ENOMEM ? ZOV_NOMEMORY : ZOV_ERROR;
-}
-
 char *pathIn(const Place &place, const char *name) {
   return zov_makeStrVA(ZOV_HERE, ZOV_DEFAULT_TAG, "%s%c%s", place.path, '/', name);
 }
@@ -41,15 +36,20 @@ int32_t moveEntry(const Place &source, const Place &destination, const char *nam
 }
 
 // Moves the files that a walk through the source names, up to the first failure.
-// A walk gives null at its end, and null with errno when it fails.
-int32_t moveWalked(ZOV_PATH_WALK walk, const Place &source, const Place &destination) {
+int32_t moveWalked(PathWalk &walk, const Place &source, const Place &destination) {
   assert(noJumpDepth > 0);
   for (;;) {
+    const char *name = nullptr;
     int32_t isDirectory = 0;
-    errno = 0;
-    const char *name = zov_pathNext(walk, &isDirectory);
-    if (name == nullptr) {
-      return errno == 0 ? ZOV_OKAY : failure();
+    switch (walkNext(walk, name, isDirectory)) {
+      case WalkEnd::kName:
+        break;
+      case WalkEnd::kEnd:
+        return ZOV_OKAY;
+      case WalkEnd::kNoMemory:
+        return ZOV_NOMEMORY;
+      case WalkEnd::kError:
+        return ZOV_ERROR;
     }
     const int32_t status = isDirectory != 0 ? ZOV_OKAY : moveEntry(source, destination, name);
     if (status != ZOV_OKAY) {
@@ -66,22 +66,21 @@ bool isSameDirectory(const Place &source, const Place &destination) {
                             : zov::isSameDirectory(source.path, destination.path);
 }
 
-bool exists(const Place &place, bool &isDirectory) {
+// ZOV_OKAY when something has the name, ZOV_NOMEMORY when that cannot be told.
+int32_t look(const Place &place, bool &isDirectory) {
+  if (isInMemory(place)) {
+    return findMem(place.path, isDirectory);
+  }
   int32_t directory = 0;
   const bool found = zov_fileValidateEx(place.path, place.typeFlags, &directory) != 0;
   isDirectory = found && directory != 0;
-  return found;
+  return found ? ZOV_OKAY : ZOV_NOTFOUND;
 }
 
-// True when nothing has the name; false also when the system does not tell.
-bool isMissing(const Place &place) {
-  errno = 0;
-  if (isInMemory(place)) {
-    bool isDirectory = false;
-    return !exists(place, isDirectory) && errno != ENOMEM;
-  }
+// True when nothing on disk has the name; false also when the system does not tell.
+bool isMissing(const char *path) {
   struct stat state;
-  return lstat(place.path, &state) != 0 && (errno == ENOENT || errno == ENOTDIR);
+  return lstat(path, &state) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
 int32_t renameWhole(const Place &source, const Place &destination) {
@@ -111,7 +110,7 @@ int32_t narrow(const char *made, const struct stat &source) {
 int32_t makeDestination(const Place &source, const char *path) {
   struct stat state;
   const bool hasModel = !isInMemory(source) && stat(source.path, &state) == 0;
-  if (!isInMemory(source) && !hasModel && !isMissing(source)) {
+  if (!isInMemory(source) && !hasModel && !isMissing(source.path)) {
     return ZOV_ERROR;
   }
   if (hasModel) {
@@ -128,27 +127,33 @@ int32_t makeDestination(const Place &source, const char *path) {
 // A destination in memory is made with its first file.
 int32_t prepareDestination(const Place &source, const Place &destination) {
   bool isDirectory = false;
-  if (isInMemory(destination) || exists(destination, isDirectory)) {
+  if (isInMemory(destination) || look(destination, isDirectory) == ZOV_OKAY) {
     return ZOV_OKAY;
   }
   const int32_t status = makeDestination(source, destination.path);
   if (!isMadeOrThere(status)) {
     return status;
   }
-  exists(destination, isDirectory);
+  look(destination, isDirectory);
   return isDirectory ? ZOV_OKAY : ZOV_ERROR;  // a link that leads nowhere
+}
+
+// Whether a walk could not be opened, with that status, because there is no source.
+bool isForMissing(const Place &source, int32_t status) {
+  return isInMemory(source) ? status == ZOV_NOTFOUND
+                            : status == ZOV_ERROR && isMissing(source.path);
 }
 
 // Moves the files, one level deep. A missing source has none.
 int32_t moveFiles(const Place &source, const Place &destination) {
-  errno = 0;
-  const ZOV_PATH_WALK walk = zov_pathOpenEx(source.path, source.typeFlags, "*");
-  if (walk == nullptr && !isMissing(source)) {
-    return failure();
+  ZOV_PATH_WALK walk = nullptr;
+  int32_t status = walkOpen(source, "*", walk);
+  if (status != ZOV_OKAY && !isForMissing(source, status)) {
+    return status;
   }
-  int32_t status = prepareDestination(source, destination);
+  status = prepareDestination(source, destination);
   if (status == ZOV_OKAY && walk != nullptr) {
-    status = moveWalked(walk, source, destination);
+    status = moveWalked(*walk, source, destination);
   }
   zov_pathClose(walk);
   if (status == ZOV_OKAY && !isInMemory(source) && !isSameDirectory(source, destination)) {
@@ -166,8 +171,9 @@ int32_t _dirMove(const Place &source, const Place &destination) {
     return ZOV_OKAY;
   }
   bool isDirectory = false;
-  if (exists(destination, isDirectory) && !isDirectory) {
-    return ZOV_ERROR;
+  const int32_t found = look(destination, isDirectory);
+  if (found == ZOV_NOMEMORY || (found == ZOV_OKAY && !isDirectory)) {
+    return found == ZOV_NOMEMORY ? ZOV_NOMEMORY : ZOV_ERROR;
   }
   return renameWhole(source, destination) == ZOV_OKAY ? ZOV_OKAY : moveFiles(source, destination);
 }

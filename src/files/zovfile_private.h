@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "core/zov_flags.h"
+#include "memstore/zovmfile_walk.h"
 
 namespace zov {
 
@@ -61,6 +62,15 @@ ZOV_MFILE memFileOf(const FileHandle &file);
 // Closes a handle. False, with errno, when the system tells only now that bytes
 // were lost.
 bool closesWhole(ZOV_FILE file);
+
+// Walks (zovfile_walk.cpp).
+
+// zov_pathOpenEx(). ZOV_OKAY with the walk. Without: ZOV_NOTFOUND when there is no such
+// directory in memory, ZOV_NOMEMORY, or ZOV_ERROR.
+int32_t walkOpen(const Place &directory, const char *pattern, ZOV_PATH_WALK &walk);
+
+// zov_pathNext(). name and isDirectory are set with kName only.
+WalkEnd walkNext(PathWalk &walk, const char *&name, int32_t &isDirectory);
 
 // Copies (zovfile_copy.cpp). Callers hold jumps off.
 

@@ -13,6 +13,7 @@
 #include "core/zov_make.h"
 #include "core/zov_shortage.h"
 #include "files/zovfile_private.h"
+#include "files/zovunix_private.h"
 
 // One of the walks beneath is set, from open to close.
 struct PathWalk {
@@ -24,17 +25,41 @@ struct PathWalk {
 namespace zov {
 namespace {
 
-// Begins the walk on disk or in memory. False on failure.
-bool openWalk(PathWalk &walk, const Place &directory, const char *pattern) {
+// Begins the walk on disk or in memory.
+int32_t openWalk(PathWalk &walk, const Place &directory, const char *pattern) {
   if (isInMemory(directory)) {
-    walk.memory = zov_mfPathOpen(directory.path, pattern);
-  } else if (loadFlag(zov_diskless) == 0) {
-    walk.disk = zov_flPathOpen(directory.path, pattern);
+    return memWalkOpen(directory.path, pattern, walk.memory);
   }
-  return walk.memory != nullptr || walk.disk != nullptr;
+  if (loadFlag(zov_diskless) != 0) {
+    return ZOV_ERROR;
+  }
+  return diskWalkOpen(directory.path, pattern, walk.disk);
 }
 
 }  // namespace
+
+int32_t walkOpen(const Place &directory, const char *pattern, ZOV_PATH_WALK &walk) {
+  PathWalk *opened = make<PathWalk>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (opened == nullptr) {
+    return ZOV_NOMEMORY;
+  }
+  const NoJump noJump;
+  const int32_t status = openWalk(*opened, directory, pattern);
+  if (status != ZOV_OKAY) {
+    zov_freeMem(opened, ZOV_DEFAULT_TAG);
+    return status;
+  }
+  walk = opened;
+  return ZOV_OKAY;
+}
+
+WalkEnd walkNext(PathWalk &walk, const char *&name, int32_t &isDirectory) {
+  assert((walk.memory != nullptr) != (walk.disk != nullptr));
+  const NoJump noJump;
+  return walk.memory != nullptr ? memWalkNext(*walk.memory, name, isDirectory)
+                                : diskWalkNext(*walk.disk, name, isDirectory);
+}
+
 }  // namespace zov
 
 extern "C" {
@@ -47,26 +72,17 @@ ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags, const ch
   if (directory == nullptr || pattern == nullptr) {
     return nullptr;
   }
-  PathWalk *walk = zov::make<PathWalk>(ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (walk == nullptr) {
-    return nullptr;
-  }
-  const zov::NoJump noJump;
-  if (!zov::openWalk(*walk, {directory, typeFlags}, pattern)) {
-    zov_freeMem(walk, ZOV_DEFAULT_TAG);
-    return nullptr;
-  }
+  ZOV_PATH_WALK walk = nullptr;
+  zov::walkOpen({directory, typeFlags}, pattern, walk);
   return walk;
 }
 
 const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory) {
-  const zov::NoJump noJump;
-  if (walk == nullptr) {
-    return nullptr;
+  const char *name = nullptr;
+  if (walk != nullptr) {
+    zov::walkNext(*walk, name, *isDirectory);
   }
-  assert((walk->memory != nullptr) != (walk->disk != nullptr));
-  return walk->memory != nullptr ? zov_mfPathNext(walk->memory, isDirectory)
-                                 : zov_flPathNext(walk->disk, isDirectory);
+  return name;
 }
 
 wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory) {

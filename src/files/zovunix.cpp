@@ -32,15 +32,15 @@
 
 #include "core/zov_flags.h"
 #include "core/zov_make.h"
+#include "core/zov_word.h"
 #include "files/zovunix_private.h"
 #include "files/zovutf8_private.h"
 #include "os/zovunix_standard.h"
 
 // 1. dir is open for as long as the walk exists.
-// 2. path and pattern lie behind the record, in the same block.
+// 2. pattern lies behind the record, in the same block.
 struct DiskWalk {
   DIR *dir;
-  const char *path;
   const char *pattern;
   char *lastName;  // owned; null before the first name and after the last
 };
@@ -63,29 +63,20 @@ int32_t getFileType(const char *path, int32_t *isDirectory) {
 }
 
 // 1 if a name in a walk's directory is of a directory, else 0; for file systems
-// whose entries do not say it. 0 also when memory is short.
+// whose entries do not say it.
 int32_t getPathType(const DiskWalk &walk, const char *name) {
-  const size_t pathLength = strlen(walk.path);
-  const size_t nameBytes = strlen(name) + 1;
-  char *full = makeArray<char>(pathLength + 1 + nameBytes, ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (full == nullptr) {
-    return 0;
-  }
-  memcpy(full, walk.path, pathLength);
-  full[pathLength] = '/';
-  memcpy(full + pathLength + 1, name, nameBytes);
-  int32_t isDirectory = 0;
-  getFileType(full, &isDirectory);
-  zov_freeMem(full, ZOV_DEFAULT_TAG);
-  return isDirectory;
+  struct stat status;
+  return fstatat(dirfd(walk.dir), name, &status, 0) == 0 && S_ISDIR(status.st_mode) ? 1 : 0;
 }
 
 int32_t entryIsDirectory(const DiskWalk &walk, const dirent &entry) {
   return entry.d_type == DT_UNKNOWN ? getPathType(walk, entry.d_name) : entry.d_type == DT_DIR;
 }
 
+// The next entry that matches. Null at the end, with 0 in errno, and on failure.
 const dirent *nextMatch(const DiskWalk &walk) {
   assert(walk.dir != nullptr && walk.lastName == nullptr);
+  errno = 0;  // readdir() has no other way to tell the two apart
   const dirent *entry = readdir(walk.dir);
   while (entry != nullptr && zov_match(entry->d_name, walk.pattern) == 0) {
     entry = readdir(walk.dir);
@@ -94,6 +85,43 @@ const dirent *nextMatch(const DiskWalk &walk) {
 }
 
 }  // namespace
+
+int32_t diskWalkOpen(const char *directory, const char *pattern, ZOV_DISK_WALK &walk) {
+  const size_t patternBytes = strlen(pattern) + 1;
+  DiskWalk *opened = makeUncleared<DiskWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, patternBytes);
+  if (opened == nullptr) {
+    return ZOV_NOMEMORY;
+  }
+  DIR *dir = opendir(directory);
+  if (dir == nullptr) {
+    const KeepErrno kept;
+    zov_freeMem(opened, ZOV_DEFAULT_TAG);
+    return ZOV_ERROR;
+  }
+  *opened = DiskWalk{.dir = dir,
+                     .pattern = static_cast<char *>(memcpy(opened + 1, pattern, patternBytes)),
+                     .lastName = nullptr};
+  walk = opened;
+  return ZOV_OKAY;
+}
+
+WalkEnd diskWalkNext(DiskWalk &walk, const char *&name, int32_t &isDirectory) {
+  zov_freeMem(walk.lastName, ZOV_DEFAULT_TAG);
+  walk.lastName = nullptr;
+  const int before = errno;
+  const dirent *entry = nextMatch(walk);
+  if (entry == nullptr && errno != 0) {
+    return WalkEnd::kError;
+  }
+  errno = before;
+  if (entry == nullptr) {
+    return WalkEnd::kEnd;
+  }
+  isDirectory = entryIsDirectory(walk, *entry);
+  walk.lastName = copyString(entry->d_name, ZOV_DEFAULT_TAG, ZOV_HERE);
+  name = walk.lastName;
+  return name == nullptr ? WalkEnd::kNoMemory : WalkEnd::kName;
+}
 
 }  // namespace zov
 
@@ -219,37 +247,15 @@ int32_t zov_dirRemoveW(const wchar_t *path) {
 }
 
 ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern) {
-  const size_t pathBytes = strlen(directory) + 1;
-  const size_t patternBytes = strlen(pattern) + 1;
-  DiskWalk *walk =
-      zov::makeUncleared<DiskWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, pathBytes + patternBytes);
-  if (walk == nullptr) {
-    return nullptr;
-  }
-  DIR *dir = opendir(directory);
-  if (dir == nullptr) {
-    zov_freeMem(walk, ZOV_DEFAULT_TAG);
-    return nullptr;
-  }
-  char *strings = reinterpret_cast<char *>(walk + 1);
-  *walk =
-      DiskWalk{.dir = dir,
-               .path = static_cast<char *>(memcpy(strings, directory, pathBytes)),
-               .pattern = static_cast<char *>(memcpy(strings + pathBytes, pattern, patternBytes)),
-               .lastName = nullptr};
+  ZOV_DISK_WALK walk = nullptr;
+  zov::diskWalkOpen(directory, pattern, walk);
   return walk;
 }
 
 const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory) {
-  zov_freeMem(walk->lastName, ZOV_DEFAULT_TAG);
-  walk->lastName = nullptr;
-  const dirent *entry = zov::nextMatch(*walk);
-  if (entry == nullptr) {
-    return nullptr;
-  }
-  *isDirectory = zov::entryIsDirectory(*walk, *entry);
-  walk->lastName = zov::copyString(entry->d_name, ZOV_DEFAULT_TAG, ZOV_HERE);
-  return walk->lastName;
+  const char *name = nullptr;
+  zov::diskWalkNext(*walk, name, *isDirectory);
+  return name;
 }
 
 void zov_flPathClose(ZOV_DISK_WALK walk) {

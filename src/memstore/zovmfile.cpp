@@ -20,6 +20,7 @@
 #include "core/zov_shortage.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovmfile_transfer.h"
+#include "memstore/zovmfile_walk.h"
 #include "memstore/zovsegfile_private.h"
 
 namespace zov {
@@ -71,13 +72,18 @@ uint64_t statistic(const char *path, uint64_t (*read)(uint64_t id), uint64_t mis
   return value == missing ? 0 : value;
 }
 
-bool isFile(const char *path) {
+int32_t findFile(const char *path) {
   Lookup lookup(path);
-  if (handleFullPath(lookup, 0, kTypeFile) != ZOV_OKAY) {
-    return false;
+  const int32_t status = handleFullPath(lookup, 0, kTypeFile);
+  if (status == ZOV_OKAY) {
+    zov_segUnlock(lookup.directory->tree.seg);
   }
-  zov_segUnlock(lookup.directory->tree.seg);
-  return true;
+  return status;
+}
+
+// A status as callers of the library get it, whom errno tells why.
+int32_t told(int32_t status) {
+  return status == ZOV_NOMEMORY ? ZOV_ERROR : status;
 }
 
 // Transfers at the position, which moves behind the bytes that were moved.
@@ -98,6 +104,19 @@ uint32_t transferResult(int64_t moved) {
 }
 
 }  // namespace
+
+int32_t findMem(const char *path, bool &isDirectory) {
+  const NoJump noJump;
+  const NormalPath normal = directoryPath(path);
+  if (normal.get() == nullptr) {
+    return normal.status();
+  }
+  uint64_t id = 0;
+  const int32_t directory = openMemSubdir(normal, 0, id);
+  isDirectory = directory == ZOV_OKAY;
+  const int32_t file = isDirectory ? ZOV_OKAY : findFile(path);
+  return file != ZOV_OKAY && directory == ZOV_NOMEMORY ? directory : file;
+}
 
 uint32_t memRead(ZOV_MFILE file, void *buffer, uint32_t length) {
   return transferResult(readAtPosition(*file, buffer, length));
@@ -225,7 +244,7 @@ int32_t zov_mfRemove(const char *path) {
   zov::Lookup lookup(path);
   const int32_t status = zov::handleFullPath(lookup, 0, zov::kTypeFile);
   if (status != ZOV_OKAY) {
-    return status;
+    return zov::told(status);
   }
   zov::removeEntryInSubdir(*lookup.directory, lookup.cursor);
   zov_segUnlock(lookup.directory->tree.seg);
@@ -238,27 +257,20 @@ int32_t zov_mfRename(const char *oldPath, const char *newPath) {
   const zov::Lookup renamed(newPath);
   zov::Lookup lookup(oldPath);
   int32_t status = zov::handleFullPath(lookup, 0, zov::kTypeAny);
-  if (status != ZOV_OKAY) {
-    return status;
+  if (status == ZOV_OKAY) {
+    status = zov::renameEntryInSubdir(*lookup.directory, lookup.cursor, renamed.key);
+    zov_segUnlock(lookup.directory->tree.seg);
   }
-  status = zov::renameEntryInSubdir(*lookup.directory, lookup.cursor, renamed.key);
-  zov_segUnlock(lookup.directory->tree.seg);
-  return status;
+  return zov::told(status);
 }
 
 int32_t zov_mfValidate(const char *path, int32_t *isDirectory) {
-  const zov::NoJump noJump;
-  const zov::NormalPath normal = zov::directoryPath(path);
-  if (normal.get() == nullptr) {
-    return 0;
-  }
-  uint64_t id = 0;
-  const bool directory = zov::openMemSubdir(normal, 0, id);
-  if (!directory && !zov::isFile(path)) {
+  bool found = false;
+  if (zov::findMem(path, found) != ZOV_OKAY) {
     return 0;
   }
   if (isDirectory != nullptr) {
-    *isDirectory = directory ? 1 : 0;
+    *isDirectory = found ? 1 : 0;
   }
   return 1;
 }

@@ -114,11 +114,11 @@ int32_t prepareEntry(const Cursor &cursor, DirEntry &entry, const NameKey &key, 
     return failWith(ENAMETOOLONG);
   }
   if (setName(cursor, entry, key) != ZOV_OKAY) {
-    return ZOV_ERROR;
+    return ZOV_NOMEMORY;
   }
   if (reserveNodes(cursor, nodes) != ZOV_OKAY) {
     removeName(cursor, entry);
-    return ZOV_ERROR;
+    return ZOV_NOMEMORY;
   }
   return ZOV_OKAY;
 }
@@ -189,8 +189,9 @@ int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &ke
   DirEntry entry = {};
   entry.fileId = id;
   entry.type = type;
-  if (prepareEntry(cursor, entry, key, nodesToInsert(cursor)) != ZOV_OKAY) {
-    return ZOV_ERROR;
+  const int32_t status = prepareEntry(cursor, entry, key, nodesToInsert(cursor));
+  if (status != ZOV_OKAY) {
+    return status;
   }
   ++directory.changes;
   insertEntry(cursor, entry);
@@ -201,7 +202,7 @@ int32_t createEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey 
                             uint64_t &id) {
   id = zov_segNextId();
   if (id == 0) {
-    return ZOV_ERROR;
+    return ZOV_NOMEMORY;
   }
   const int32_t status = addEntryInSubdir(directory, cursor, key, id, type);
   if (status != ZOV_OKAY) {
@@ -238,8 +239,9 @@ int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey 
   // fill other nodes, so one node a level is reserved, and one more because
   // splitting the root takes two.
   const uint32_t nodes = static_cast<uint32_t>(place.depth + 2);
-  if (prepareEntry(cursor, entry, newKey, nodes) != ZOV_OKAY) {
-    return ZOV_ERROR;
+  const int32_t status = prepareEntry(cursor, entry, newKey, nodes);
+  if (status != ZOV_OKAY) {
+    return status;
   }
   removeEntryInSubdir(directory, cursor);
   locate(place, newKey);

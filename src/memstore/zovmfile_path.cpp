@@ -109,21 +109,24 @@ size_t trimmedLength(const char *path, size_t length) {
 
 // Finds the directory of a file by the part of its path that ends with the last
 // separator. With the separator, so that a "." before it is resolved like any other.
-bool openParent(const char *path, size_t length, uint64_t &id) {
+int32_t openParent(const char *path, size_t length, uint64_t &id) {
   if (path[0] == '/') {
     return openMemSubdir(NormalPath(path, length), O_CREAT, id);
   }
   char *relative = makeZeroArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
   if (relative == nullptr) {
-    return false;
+    return ZOV_NOMEMORY;
   }
   memcpy(relative, path, length);
   char *absolute = zov_fullpath(relative);
   zov_freeMem(relative, ZOV_DEFAULT_TAG);
-  const bool found =
-      absolute != nullptr && absolute[0] == '/' && openParent(absolute, strlen(absolute), id);
+  if (absolute == nullptr) {
+    return errno == ENOMEM ? ZOV_NOMEMORY : ZOV_ERROR;
+  }
+  const int32_t status =
+      absolute[0] == '/' ? openParent(absolute, strlen(absolute), id) : ZOV_ERROR;
   zov_freeMem(absolute, ZOV_DEFAULT_TAG);
-  return found;
+  return status;
 }
 
 const char *skipSlashes(const char *path, const char *end) {
@@ -150,16 +153,17 @@ int32_t createFile(Lookup &lookup) {
 }
 
 // Goes from a directory to the one of that name in it.
-bool stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
-  Directory *parent = (flags & O_CREAT) != 0 ? openSubdir(id) : findSubdir(id);
+int32_t stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
+  const bool creates = (flags & O_CREAT) != 0;
+  Directory *parent = creates ? openSubdir(id) : findSubdir(id);
   if (parent == nullptr) {
-    errno = (flags & O_CREAT) != 0 ? errno : ENOENT;
-    return false;
+    errno = creates ? errno : ENOENT;
+    return creates ? ZOV_NOMEMORY : ZOV_NOTFOUND;
   }
   zov::segLock(parent->tree.seg);
   const int32_t status = openSubdirInSubdir(*parent, key, flags, id);
   zov_segUnlock(parent->tree.seg);
-  return status == ZOV_OKAY;
+  return status;
 }
 
 const char *lastComponent(const char *path) {
@@ -209,12 +213,14 @@ NormalPath::NormalPath(const char *path, size_t length) {
     text = long_;
   }
   if (text == nullptr) {
+    status_ = ZOV_NOMEMORY;
     return;
   }
   memcpy(text, path, length);
   text[length] = '\0';
   if (!normalizePath(text)) {
     errno = ENOENT;
+    status_ = ZOV_NOTFOUND;
     return;
   }
   text_ = text;
@@ -230,10 +236,13 @@ NormalPath directoryPath(const char *path) {
   return NormalPath(stripped, trimmedLength(stripped, strlen(stripped)));
 }
 
-bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
+int32_t openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
   id = zov_segRootId();
-  if (path.get() == nullptr || openSubdir(id) == nullptr) {
-    return false;
+  if (path.get() == nullptr) {
+    return path.status();
+  }
+  if (openSubdir(id) == nullptr) {
+    return ZOV_NOMEMORY;
   }
   const char *pathEnd = path.get() + path.length();
   const char *name = skipSlashes(path.get(), pathEnd);
@@ -242,12 +251,13 @@ bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id) {
     const char *following = skipSlashes(nameEnd, pathEnd);
     const uint32_t wanted = following == pathEnd ? flags : O_CREAT;
     const NameKey key(name, static_cast<size_t>(nameEnd - name));
-    if (!stepDown(id, key, wanted)) {
-      return false;
+    const int32_t status = stepDown(id, key, wanted);
+    if (status != ZOV_OKAY) {
+      return status;
     }
     name = following;
   }
-  return true;
+  return ZOV_OKAY;
 }
 
 Lookup::Lookup(const char *text)
@@ -258,22 +268,23 @@ Lookup::Lookup(const char *text)
       id(0),
       created(false) {}
 
-bool findParent(Lookup &lookup, bool toStore) {
+int32_t findParent(Lookup &lookup, bool toStore) {
   const size_t parentLength = static_cast<size_t>(lookup.key.text - lookup.path);
   if (parentLength == 0 || lookup.key.length == 0) {
-    errno = parentLength == 0 ? EINVAL : EISDIR;
-    return false;
+    return failWith(parentLength == 0 ? EINVAL : EISDIR);
   }
-  if (!openParent(lookup.path, parentLength, lookup.directoryId)) {
-    return false;
+  const int32_t status = openParent(lookup.path, parentLength, lookup.directoryId);
+  if (status != ZOV_OKAY) {
+    return status == ZOV_NOMEMORY ? ZOV_NOMEMORY : ZOV_ERROR;
   }
   lookup.directory = toStore ? openSubdir(lookup.directoryId) : findSubdir(lookup.directoryId);
-  return lookup.directory != nullptr || !toStore;
+  return lookup.directory == nullptr && toStore ? ZOV_NOMEMORY : ZOV_OKAY;
 }
 
 int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type) {
-  if (!findParent(lookup, (flags & O_CREAT) != 0)) {
-    return ZOV_ERROR;
+  const int32_t found = findParent(lookup, (flags & O_CREAT) != 0);
+  if (found != ZOV_OKAY) {
+    return found;
   }
   if (lookup.directory == nullptr) {
     errno = ENOENT;

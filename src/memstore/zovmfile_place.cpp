@@ -102,11 +102,11 @@ int32_t _moveMemFile(Lookup &source, Lookup &destination) {
   if (!isFile) {
     return failWith(EISDIR);
   }
-  if (putInPlace(destination, status, source.id) != ZOV_OKAY) {
-    return ZOV_ERROR;
+  const int32_t placed = putInPlace(destination, status, source.id);
+  if (placed == ZOV_OKAY) {
+    removeEntryInSubdir(from, source.cursor);
   }
-  removeEntryInSubdir(from, source.cursor);
-  return ZOV_OKAY;
+  return placed;
 }
 
 }  // namespace
@@ -134,8 +134,12 @@ int32_t placeMemDraft(ZOV_MFILE draft, const char *path) {
   }
   const NoJump noJump;
   Lookup lookup(path);
-  if (!findParent(lookup, true) || _placeMemDraft(*draft, lookup) != ZOV_OKAY) {
-    return ZOV_ERROR;
+  int32_t status = findParent(lookup, true);
+  if (status == ZOV_OKAY) {
+    status = _placeMemDraft(*draft, lookup);
+  }
+  if (status != ZOV_OKAY) {
+    return status;
   }
   draft->isDraft = false;
   removeReplaced(lookup);
@@ -146,17 +150,18 @@ int32_t moveMemFile(const char *source, const char *destination) {
   const NoJump noJump;
   Lookup from(source);
   Lookup to(destination);
-  if (!findParent(from, false)) {
-    return ZOV_ERROR;
+  int32_t status = findParent(from, false);
+  if (status == ZOV_OKAY && from.directory == nullptr) {
+    status = failWith(ENOENT);
   }
-  if (from.directory == nullptr) {
-    return failWith(ENOENT);
+  if (status == ZOV_OKAY) {
+    status = findParent(to, true);
   }
-  if (!findParent(to, true)) {
-    return ZOV_ERROR;
+  if (status != ZOV_OKAY) {
+    return status;
   }
   lockBoth(*from.directory, *to.directory);
-  const int32_t status = _moveMemFile(from, to);
+  status = _moveMemFile(from, to);
   unlockBoth(*from.directory, *to.directory);
   if (status == ZOV_OKAY) {
     removeReplaced(to);
@@ -186,16 +191,16 @@ bool isSameMemEntry(const char *first, const char *second) {
   const NoJump noJump;
   Lookup one(first);
   Lookup other(second);
-  return isSameName(one.key, other.key) && findParent(one, false) && findParent(other, false) &&
-         one.directoryId == other.directoryId;
+  return isSameName(one.key, other.key) && findParent(one, false) == ZOV_OKAY &&
+         findParent(other, false) == ZOV_OKAY && one.directoryId == other.directoryId;
 }
 
 bool isSameMemDirectory(const char *first, const char *second) {
   const NoJump noJump;
   uint64_t one = 0;
   uint64_t other = 0;
-  return openMemSubdir(directoryPath(first), 0, one) &&
-         openMemSubdir(directoryPath(second), 0, other) && one == other;
+  return openMemSubdir(directoryPath(first), 0, one) == ZOV_OKAY &&
+         openMemSubdir(directoryPath(second), 0, other) == ZOV_OKAY && one == other;
 }
 
 bool mayBeNewMemName(const char *path) {

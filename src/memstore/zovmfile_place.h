@@ -21,14 +21,14 @@ ZOV_MFILE newMemDraft();
 // Gives a draft the name of `path`. Its file takes the place of the one there, which
 // is removed as by zov_mfRemove(), and nothing is allocated; or a new name is made,
 // which mayBeNewMemName() must accept. The handle stays open. ZOV_ERROR when a
-// directory has the name, the name is refused, or memory is short.
+// directory has the name or the name is refused, ZOV_NOMEMORY when memory is short.
 int32_t placeMemDraft(ZOV_MFILE draft, const char *path);
 
 // Moves a file to another name of the same or another directory. It takes the place
 // of a file there, and the name keeps that file's spelling. A directory is only
 // renamed within its own directory, to a name that is free. ZOV_OKAY, with nothing
-// touched, when both paths name one entry; ZOV_ERROR when the source is missing, the
-// destination is refused or a directory, or memory is short.
+// touched, when both paths name one entry; ZOV_ERROR when the source is missing or
+// the destination is refused or a directory, ZOV_NOMEMORY when memory is short.
 int32_t moveMemFile(const char *source, const char *destination);
 
 // Removes the name of an open file as zov_mfRemove() does, if it still leads to

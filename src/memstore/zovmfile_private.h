@@ -56,8 +56,8 @@ bool isDots(const NameKey &key);
 // Whether an entry may be renamed to this: it is a name, and holds no backslash.
 bool mayBeNewName(const NameKey &key);
 
-// Adds an entry at the cursor, which a failed look-up left. ZOV_ERROR, with
-// nothing changed and errno set, when the name is too long or memory is short.
+// Adds an entry at the cursor, which a failed look-up left. ZOV_ERROR when the name is
+// too long, ZOV_NOMEMORY when memory is short; each with nothing changed and errno set.
 int32_t addEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &key, uint64_t id,
                          uint16_t type);
 
@@ -71,8 +71,8 @@ void removeEntryInSubdir(Directory &directory, Cursor &cursor);
 // Makes the entry at the cursor lead to another file. Cannot fail.
 void replaceFileInSubdir(const Cursor &cursor, uint64_t id);
 
-// Renames the entry at the cursor. ZOV_ERROR, with errno set, when the new name exists
-// or is refused.
+// Renames the entry at the cursor. ZOV_ERROR when the new name exists or is refused,
+// ZOV_NOMEMORY when memory is short; each with errno set.
 int32_t renameEntryInSubdir(Directory &directory, Cursor &cursor, const NameKey &newKey);
 
 // Finds the directory of that name in this one; with O_CREAT makes it if it is
@@ -98,7 +98,9 @@ class NormalPath {
   NormalPath(const NormalPath &) = delete;
   NormalPath &operator=(const NormalPath &) = delete;
 
-  // Null, with errno set, when the path cannot be normalised or memory is short.
+  // ZOV_NOTFOUND when the path cannot be normalised, ZOV_NOMEMORY when memory is
+  // short, both with errno set. The path is null then.
+  int32_t status() const { return status_; }
   const char *get() const { return text_; }
   size_t length() const { return length_; }
 
@@ -107,6 +109,7 @@ class NormalPath {
   char *long_ = nullptr;
   const char *text_ = nullptr;
   size_t length_ = 0;
+  int32_t status_ = ZOV_OKAY;
 };
 
 // The path of a directory, without the separators at its end. A "." there stays, as
@@ -114,8 +117,10 @@ class NormalPath {
 NormalPath directoryPath(const char *path);
 
 // Finds a directory by its normalised path. The directories above it are made if
-// they are missing, itself with O_CREAT. False, with errno set, when there is none.
-bool openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id);
+// they are missing, itself with O_CREAT. ZOV_NOTFOUND when it is missing,
+// ZOV_NOMEMORY, or ZOV_ERROR when the path leads through a file or a name is too
+// long; each with errno set.
+int32_t openMemSubdir(const NormalPath &path, uint32_t flags, uint64_t &id);
 
 // The look-up of a path: a name in a directory, and perhaps an entry.
 struct Lookup {
@@ -132,12 +137,13 @@ struct Lookup {
 
 // Finds the directory that holds the last component of the path, and makes it and
 // those above it if they are missing. With `toStore` it is formatted if nothing is
-// stored there. Does not lock it. False, with errno set, when there is none.
-bool findParent(Lookup &lookup, bool toStore);
+// stored there. Does not lock it. ZOV_NOMEMORY, or ZOV_ERROR when there is none; each
+// with errno set.
+int32_t findParent(Lookup &lookup, bool toStore);
 
 // Finds the entry of the path. Makes the directories above it if they are missing,
 // and with O_CREAT the file too. With ZOV_OKAY the directory is locked and the caller
-// unlocks it; with any other status it is not.
+// unlocks it; with any other, ZOV_NOTFOUND, ZOV_NOMEMORY or ZOV_ERROR, it is not.
 int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type);
 
 }  // namespace zov

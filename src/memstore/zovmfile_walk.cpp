@@ -7,6 +7,8 @@
 //
 // No locks of its own. Nothing jumps: jumps are held off before the directory is
 // locked.
+#include "memstore/zovmfile_walk.h"
+
 #include <assert.h>
 #include <string.h>
 
@@ -82,61 +84,74 @@ bool begin(MemWalk &walk) {
   return walk.directory != nullptr;
 }
 
-// Steps to the next name that matches. Null at the end and when memory is short;
-// then the cursor has moved and the next step looks the last name up.
-const DirEntry *pathNext(MemWalk &walk) {
+// Steps to the next name that matches. When memory is short the cursor has moved,
+// and the next step looks the last name up.
+WalkEnd pathNext(MemWalk &walk, int32_t &isDirectory) {
   while (!walk.ended) {
     const DirEntry *entry = nextEntry(walk);
     walk.ended = entry == nullptr;
     if (walk.ended) {
-      return nullptr;
+      break;
     }
     if (!takeName(walk, *entry)) {
       walk.seenChanges = ~walk.directory->changes;
-      return nullptr;
+      return WalkEnd::kNoMemory;
     }
     if (zov_match(walk.lastName, walk.pattern) != 0) {
-      return entry;
+      isDirectory = entry->type == kTypeDirectory ? 1 : 0;
+      return WalkEnd::kName;
     }
   }
-  return nullptr;
+  return WalkEnd::kEnd;
 }
 
 }  // namespace
+
+int32_t memWalkOpen(const char *directory, const char *pattern, ZOV_MEM_WALK &walk) {
+  const NoJump noJump;
+  uint64_t id = 0;
+  const int32_t status = openMemSubdir(directoryPath(directory), 0, id);
+  if (status != ZOV_OKAY) {
+    return status;
+  }
+  const size_t patternBytes = strlen(pattern) + 1;
+  walk = make<MemWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, patternBytes);
+  if (walk == nullptr) {
+    return ZOV_NOMEMORY;
+  }
+  walk->pattern = static_cast<char *>(memcpy(walk + 1, pattern, patternBytes));
+  walk->directoryId = id;
+  return ZOV_OKAY;
+}
+
+WalkEnd memWalkNext(MemWalk &walk, const char *&name, int32_t &isDirectory) {
+  const NoJump noJump;
+  if (!begin(walk)) {
+    return WalkEnd::kEnd;
+  }
+  segLock(walk.directory->tree.seg);
+  const WalkEnd end = pathNext(walk, isDirectory);
+  zov_segUnlock(walk.directory->tree.seg);
+  if (end == WalkEnd::kName) {
+    name = walk.lastName;
+  }
+  return end;
+}
 
 }  // namespace zov
 
 extern "C" {
 
 ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern) {
-  const zov::NoJump noJump;
-  uint64_t id = 0;
-  if (!zov::openMemSubdir(zov::directoryPath(directory), 0, id)) {
-    return nullptr;
-  }
-  const size_t patternBytes = strlen(pattern) + 1;
-  MemWalk *walk = zov::make<MemWalk>(ZOV_DEFAULT_TAG, ZOV_HERE, patternBytes);
-  if (walk == nullptr) {
-    return nullptr;
-  }
-  walk->pattern = static_cast<char *>(memcpy(walk + 1, pattern, patternBytes));
-  walk->directoryId = id;
+  ZOV_MEM_WALK walk = nullptr;
+  zov::memWalkOpen(directory, pattern, walk);
   return walk;
 }
 
 const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory) {
-  const zov::NoJump noJump;
-  if (!zov::begin(*walk)) {
-    return nullptr;
-  }
-  zov::segLock(walk->directory->tree.seg);
-  const zov::DirEntry *entry = zov::pathNext(*walk);
-  const bool found = entry != nullptr;
-  if (found) {
-    *isDirectory = entry->type == zov::kTypeDirectory ? 1 : 0;
-  }
-  zov_segUnlock(walk->directory->tree.seg);
-  return found ? walk->lastName : nullptr;
+  const char *name = nullptr;
+  zov::memWalkNext(*walk, name, *isDirectory);
+  return name;
 }
 
 void zov_mfPathClose(ZOV_MEM_WALK walk) {

@@ -123,6 +123,8 @@ struct Case {
   int32_t run() const {
     const Fault elsewhere(Call::rename, way == kFar ? 1 : UINT32_MAX, EXDEV);
     const Fault fault(row.failing, row.nth, row.error);
+    const bool isUntyped = row.failing == Call::allocation;
+    const Fault untyped(Call::readdir, isUntyped ? 1 : UINT32_MAX, zovtest::Limit{0}, true);
     return row.call(from.c_str(), fromFlags, to.c_str(), toFlags);
   }
   Items items() const {
@@ -278,6 +280,9 @@ TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
       {__LINE__, dirMove, "d/ d@700", "", "d", "e", ZOV_ERROR, "", kFar, Call::fchmod, 1, EIO},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kCopies, Call::opendir, 1, EACCES},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kToMemory, Call::readdir, 1, EIO},
+      // A directory is not taken for a file because memory is short.
+      {__LINE__, dirMove, "d/ d/s/", "e/ e/x=0", "d", "e", ZOV_NOMEMORY, "", kNear,
+       Call::allocation, 3, ENOMEM},
   };
   expectEach(rows);
   const Row refused[] = {{__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kAll & ~kMemory}};
