@@ -1993,7 +1993,7 @@ ZOV_API int32_t zov_match(const char *name, const char *pattern);
 /** A context of the heap: a root block and numbered regions. Its id, a 64-bit
  *  number never 0, is its handle's address. The layers above keep one context
  *  for each file and store the id as the file's identity. */
-typedef struct ShmContext *ZOV_SHM_CTX;
+typedef struct ZOV_CAPABILITY("mutex") ShmContext *ZOV_SHM_CTX;
 
 /** A region of a context; the handle is the region's address. */
 typedef struct ShmRegion *ZOV_SHM_REGION;
@@ -2118,7 +2118,7 @@ ZOV_API void zov_shmUnlock(ZOV_SHM_CTX context);
  * ======================================================================== */
 
 /** An open context of the heap, shared by all who have it open. */
-typedef struct CacheContext *ZOV_CACHE_CTX;
+typedef struct ZOV_CAPABILITY("mutex") CacheContext *ZOV_CACHE_CTX;
 
 /** An open region of such a context, likewise shared. */
 typedef struct CacheRegion *ZOV_CACHE_REGION;
@@ -2224,10 +2224,10 @@ ZOV_API void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *address);
 
 /** Enters the lock of a context, as zov_shmLock(); one that is open has it.
  *  @return #ZOV_OKAY. Threads: as there. */
-ZOV_API int32_t zov_shmCacheLock(ZOV_CACHE_CTX context);
+ZOV_API int32_t zov_shmCacheLock(ZOV_CACHE_CTX context) ZOV_ACQUIRE(context);
 
 /** Leaves the lock of a context. Threads: the one inside. */
-ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context);
+ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context) ZOV_RELEASE(context);
 
 /** @return zov_shmRootId(). Threads: any. */
 ZOV_API uint64_t zov_shmCacheRootId(void);
@@ -2246,7 +2246,7 @@ ZOV_API uint64_t zov_shmCacheNextId(void);
  *
  *  A file is used in one of two ways, by bytes or by pages; a page is a segment
  *  of the base size, whatever its number. */
-typedef struct SegFile *ZOV_SEG;
+typedef struct ZOV_CAPABILITY("mutex") SegFile *ZOV_SEG;
 
 /**
  * Starts the mapping cache and what is beneath it; see zov_mfInit().
@@ -2371,17 +2371,17 @@ ZOV_API uint64_t zov_segModTime(uint64_t id);
 
 /** Enters the lock of a file, recursive and shared by all who have the file
  *  open. @return #ZOV_OKAY. Threads: any; waits while another thread is inside. */
-ZOV_API int32_t zov_segLock(ZOV_SEG file);
+ZOV_API int32_t zov_segLock(ZOV_SEG file) ZOV_ACQUIRE(file);
 
 /** Leaves the lock of a file. Threads: the one inside. */
-ZOV_API void zov_segUnlock(ZOV_SEG file);
+ZOV_API void zov_segUnlock(ZOV_SEG file) ZOV_RELEASE(file);
 
 /* ========================================================================
  * memstore/zovmfile: memory files
  * ======================================================================== */
 
 /** An open file in memory. */
-typedef struct MemFile *ZOV_MFILE;
+typedef struct ZOV_CAPABILITY("mutex") MemFile *ZOV_MFILE;
 
 /** A walk through a directory in memory. */
 typedef struct MemWalk *ZOV_MEM_WALK;
@@ -2486,10 +2486,10 @@ ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *bu
 /** Enters the lock of a file, recursive and shared by all who have the file
  *  open; waits while another thread is inside, be it for a transfer or a close.
  *  @return #ZOV_OKAY. Threads: any. */
-ZOV_API int32_t zov_mfLock(ZOV_MFILE file);
+ZOV_API int32_t zov_mfLock(ZOV_MFILE file) ZOV_ACQUIRE(file);
 
 /** Leaves the lock of a file. @return #ZOV_OKAY. Threads: the one inside. */
-ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file);
+ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file) ZOV_RELEASE(file);
 
 /** @return the size of a file in bytes; 0 for no file. Threads: any; takes no lock. */
 ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);

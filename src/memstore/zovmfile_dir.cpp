@@ -19,6 +19,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <utility>
 
 #include "core/zov_flags.h"
 #include "core/zov_lock.h"
@@ -33,7 +34,7 @@ namespace {
 
 // Rank 10: dirTable. Taken under a directory's lock.
 ZOV_SYNC dirMutex = ZOV_NO_SYNC;
-IdTable<Directory> dirTable;
+IdTable<Directory> dirTable ZOV_GUARDED_BY(dirMutex);
 
 // Directories by the hash of their id; a look-up puts the one it finds in the place
 // of another. Released and acquired, for the fields that newDirectory() set.
@@ -44,30 +45,23 @@ std::atomic<Directory *> &recentPlace(uint64_t id) {
   return recentDirectories[spread(id) >> (64 - kRecentBits)];
 }
 
-void forgetDirectories() {
-  dirTable.clear();
-  for (std::atomic<Directory *> &recent : recentDirectories) {
-    recent.store(nullptr, std::memory_order_relaxed);
-  }
-}
-
 // Puts a directory into the table unless another thread was faster. Returns the one
 // in the table.
 Directory *publish(Directory *directory) {
-  zov_syncEnterExcl(dirMutex);
+  const MutexLock lock(dirMutex);
   Directory *known = dirTable.find(directory->id);
-  if (known == nullptr) {
-    known = directory;
-    dirTable.insert(directory);
+  if (known != nullptr) {
+    return known;
   }
-  zov_syncExitExcl(dirMutex);
-  return known;
+  dirTable.insert(directory);
+  return directory;
 }
 
 // Formats a directory that is empty, and pins the pages that every directory has.
-// The caller holds its lock. A failed format leaves it empty.
+// A failed format leaves it empty.
 bool prepareTree(Tree &tree) {
   const ZOV_SEG seg = tree.seg;
+  const SegLock lock(seg);
   if (zov_segSize(seg) == 0 && initializeSubdir(seg) != ZOV_OKAY) {
     if (zov_segSize(seg) != 0) {
       zov_segSetSize(seg, 0);
@@ -97,10 +91,7 @@ Directory *newDirectory(uint64_t id) {
     return nullptr;
   }
   directory->tree.nodeBytes = zov_segSegSize(directory->tree.seg);
-  zov::segLock(directory->tree.seg);
-  const bool prepared = prepareTree(directory->tree);
-  zov_segUnlock(directory->tree.seg);
-  if (!prepared) {
+  if (!prepareTree(directory->tree)) {
     freeDirectory(directory);
     return nullptr;
   }
@@ -131,9 +122,10 @@ Directory *findSubdir(uint64_t id) {
   if (directory != nullptr && directory->id == id) {
     return directory;
   }
-  zov_syncEnterExcl(dirMutex);
-  directory = dirTable.find(id);
-  zov_syncExitExcl(dirMutex);
+  {
+    const MutexLock lock(dirMutex);
+    directory = dirTable.find(id);
+  }
   if (directory != nullptr) {
     recent.store(directory, std::memory_order_release);
   }
@@ -258,16 +250,23 @@ int32_t openSubdirInSubdir(Directory &parent, const NameKey &key, uint32_t flags
 
 int32_t directoriesInit() {
   dirMutex = createMutex(LockKind::kDirectories, ZOV_HERE);
-  forgetDirectories();
   return dirMutex == ZOV_NO_SYNC ? ZOV_ERROR : ZOV_OKAY;
 }
 
 // At shut-down the memory goes with its tags, so nothing need be closed.
 void directoriesTerm() {
-  if (!terminating()) {
-    dirTable.drain(freeDirectory);
+  IdTable<Directory> all = {};
+  {
+    const MutexLock lock(dirMutex);
+    std::swap(all, dirTable);
   }
-  forgetDirectories();
+  if (!terminating()) {
+    all.drain(freeDirectory);
+  }
+  all.clear();
+  for (std::atomic<Directory *> &recent : recentDirectories) {
+    recent.store(nullptr, std::memory_order_relaxed);
+  }
   zov_syncDelete(dirMutex);
   dirMutex = ZOV_NO_SYNC;
 }

@@ -160,10 +160,8 @@ int32_t stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
     errno = creates ? errno : ENOENT;
     return creates ? ZOV_NOMEMORY : ZOV_NOTFOUND;
   }
-  zov::segLock(parent->tree.seg);
-  const int32_t status = openSubdirInSubdir(*parent, key, flags, id);
-  zov_segUnlock(parent->tree.seg);
-  return status;
+  const SegLock lock(parent->tree.seg);
+  return openSubdirInSubdir(*parent, key, flags, id);
 }
 
 const char *lastComponent(const char *path) {
@@ -291,7 +289,7 @@ int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type) {
     return ZOV_NOTFOUND;
   }
   Directory &directory = *lookup.directory;
-  zov::segLock(directory.tree.seg);
+  segLock(directory.tree.seg);
   lookup.cursor = cursorOf(directory);
   int32_t status = findMemEntityInSubdir(lookup.cursor, lookup.key, type, lookup.id);
   if (status == ZOV_NOTFOUND && (flags & O_CREAT) != 0) {

@@ -24,22 +24,6 @@
 namespace zov {
 namespace {
 
-void lockBoth(Directory &first, Directory &second) {
-  assert((first.id == second.id) == (&first == &second));
-  const bool inOrder = first.id < second.id;
-  zov::segLock((inOrder ? first : second).tree.seg);
-  if (&first != &second) {
-    zov::segLock((inOrder ? second : first).tree.seg);
-  }
-}
-
-void unlockBoth(Directory &first, Directory &second) {
-  zov_segUnlock(first.tree.seg);
-  if (&first != &second) {
-    zov_segUnlock(second.tree.seg);
-  }
-}
-
 // Looks the name up in its directory, which is locked. The cursor is then at the
 // entry, or where a new one belongs.
 int32_t findEntry(Lookup &lookup, uint16_t type) {
@@ -71,23 +55,24 @@ void removeReplaced(const Lookup &lookup) {
 }
 
 int32_t _placeMemDraft(const MemFile &draft, Lookup &lookup) {
-  const ZOV_SEG seg = lookup.directory->tree.seg;
-  zov::segLock(seg);
-  const int32_t status = putInPlace(lookup, findEntry(lookup, kTypeFile), segIdOf(*draft.seg));
-  zov_segUnlock(seg);
-  return status;
+  const SegLock lock(lookup.directory->tree.seg);
+  return putInPlace(lookup, findEntry(lookup, kTypeFile), segIdOf(*draft.seg));
 }
 
-// The move, with both directories locked. The id of the destination is then that of
-// the file it led to before, or 0.
+// The move. Locks both directories, the lower id first; one that is both is entered
+// twice. The id of the destination is then that of the file it led to before, or 0.
 int32_t _moveMemFile(Lookup &source, Lookup &destination) {
   Directory &from = *source.directory;
+  Directory &to = *destination.directory;
+  assert((from.id == to.id) == (&from == &to));
+  const SegLock outer((from.id < to.id ? from : to).tree.seg);
+  const SegLock inner((from.id < to.id ? to : from).tree.seg);
   if (findEntry(source, kTypeAny) != ZOV_OKAY) {
     return ZOV_ERROR;
   }
   const bool isFile = readEntryInSubdir(source.cursor).type == kTypeFile;
   const int32_t status = findEntry(destination, kTypeFile);
-  const bool sameDirectory = &from == destination.directory;
+  const bool sameDirectory = &from == &to;
   if (sameDirectory && isSameName(source.key, destination.key)) {
     destination.id = 0;
     return ZOV_OKAY;
@@ -160,9 +145,7 @@ int32_t moveMemFile(const char *source, const char *destination) {
   if (status != ZOV_OKAY) {
     return status;
   }
-  lockBoth(*from.directory, *to.directory);
   status = _moveMemFile(from, to);
-  unlockBoth(*from.directory, *to.directory);
   if (status == ZOV_OKAY) {
     removeReplaced(to);
   }
@@ -172,7 +155,7 @@ int32_t moveMemFile(const char *source, const char *destination) {
 int32_t removeNameOfMemFile(const MemFile &file, const char *path) {
   const NoJump noJump;
   Lookup lookup(path);
-  if (handleFullPath(lookup, 0, kTypeFile) != ZOV_OKAY) {
+  if (handleFullPath(lookup, 0, kTypeFile) != 0) {
     return ZOV_ERROR;
   }
   const bool leadsThere = lookup.id == segIdOf(*file.seg);

@@ -7,6 +7,7 @@
 #ifndef ZOV_MEMSTORE_ZOVMFILE_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVMFILE_PRIVATE_H
 
+#include "core/zov_lock.h"
 #include "memstore/zovmfile_tree.h"
 #include "memstore/zovshm_private.h"
 
@@ -144,7 +145,10 @@ int32_t findParent(Lookup &lookup, bool toStore);
 // Finds the entry of the path. Makes the directories above it if they are missing,
 // and with O_CREAT the file too. With ZOV_OKAY the directory is locked and the caller
 // unlocks it; with any other, ZOV_NOTFOUND, ZOV_NOMEMORY or ZOV_ERROR, it is not.
-int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type);
+// Callers compare the status with 0: the analysis of locks follows that, and no
+// comparison with an enumerator.
+int32_t handleFullPath(Lookup &lookup, uint32_t flags, uint16_t type)
+    ZOV_TRY_ACQUIRE(0, lookup.directory->tree.seg);
 
 }  // namespace zov
 

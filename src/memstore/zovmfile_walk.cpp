@@ -129,9 +129,8 @@ WalkEnd memWalkNext(MemWalk &walk, const char *&name, int32_t &isDirectory) {
   if (!begin(walk)) {
     return WalkEnd::kEnd;
   }
-  segLock(walk.directory->tree.seg);
+  const SegLock lock(walk.directory->tree.seg);
   const WalkEnd end = pathNext(walk, isDirectory);
-  zov_segUnlock(walk.directory->tree.seg);
   if (end == WalkEnd::kName) {
     name = walk.lastName;
   }

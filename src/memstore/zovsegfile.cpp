@@ -325,6 +325,11 @@ int32_t _setSize(SegFile &file, uint64_t size) {
   return ZOV_OKAY;
 }
 
+// The context of a file, whose lock is the file's.
+ZOV_CACHE_CTX ctxOf(ZOV_SEG file) ZOV_RETURNS_LOCK(file) {
+  return file->ctx;
+}
+
 void freeSegfile(SegFile *file) {
   file->segs.clear(ZOV_DEFAULT_TAG);
   zov_freeMem(file, ZOV_DEFAULT_TAG);
@@ -370,23 +375,19 @@ uint64_t segIdOf(const SegFile &file) {
 }
 
 void segLock(ZOV_SEG file) {
-  shmCacheEnter(file->ctx);
+  shmCacheEnter(ctxOf(file));
 }
 
 int64_t segRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length) {
   const NoJump noJump;
-  zov::segLock(file);
-  const int64_t moved = _seekRead(*file, offset, buffer, length);
-  zov_segUnlock(file);
-  return moved;
+  const SegLock lock(file);
+  return _seekRead(*file, offset, buffer, length);
 }
 
 int64_t segWrite(ZOV_SEG file, uint64_t offset, const void *buffer, uint32_t length) {
   const NoJump noJump;
-  zov::segLock(file);
-  const int64_t moved = _seekWrite(*file, offset, buffer, length);
-  zov_segUnlock(file);
-  return moved;
+  const SegLock lock(file);
+  return _seekWrite(*file, offset, buffer, length);
 }
 
 int32_t segSetSizeOrKeep(ZOV_SEG file, uint64_t size) {
@@ -422,14 +423,14 @@ ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags) {
     zov::freeSegfile(file);
     return nullptr;
   }
+  int32_t status = ZOV_OKAY;
   if ((flags & O_TRUNC) != 0) {
-    zov::segLock(file);
-    const int32_t status = zov::_setSize(*file, 0);
-    zov_segUnlock(file);
-    if (status != ZOV_OKAY) {
-      zov_segClose(file);
-      return nullptr;
-    }
+    const zov::SegLock lock(file);
+    status = zov::_setSize(*file, 0);
+  }
+  if (status != ZOV_OKAY) {
+    zov_segClose(file);
+    return nullptr;
   }
   return file;
 }
@@ -440,7 +441,7 @@ void zov_segClose(ZOV_SEG file) {
   for (; number != zov::Slots::kNoNumber; number = file->segs.highestBelow(number)) {
     zov::releaseSegment(*file, number);
   }
-  zov::shmCacheLeave(file->ctx);
+  zov::shmCacheLeave(zov::ctxOf(file));  // with its lock
   zov::freeSegfile(file);
 }
 
@@ -494,11 +495,11 @@ uint64_t zov_segModTime(uint64_t id) {
 }
 
 int32_t zov_segLock(ZOV_SEG file) {
-  return zov_shmCacheLock(file->ctx);
+  return zov_shmCacheLock(zov::ctxOf(file));
 }
 
 void zov_segUnlock(ZOV_SEG file) {
-  zov_shmCacheUnlock(file->ctx);
+  zov_shmCacheUnlock(zov::ctxOf(file));
 }
 
 int32_t zov_segInit() {

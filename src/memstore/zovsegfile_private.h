@@ -4,7 +4,7 @@
 #ifndef ZOV_MEMSTORE_ZOVSEGFILE_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSEGFILE_PRIVATE_H
 
-#include "zov.h"
+#include "core/zov_lock.h"
 
 namespace zov {
 
@@ -16,7 +16,19 @@ void segRemoveById(uint64_t id);
 uint64_t segIdOf(const SegFile &file);
 
 // zov_segLock() for the length of one operation of the library.
-void segLock(ZOV_SEG file);
+void segLock(ZOV_SEG file) ZOV_ACQUIRE(file);
+
+// The same for a scope. What allocates in it needs a NoJump before.
+class ZOV_SCOPED_CAPABILITY SegLock {
+ public:
+  explicit SegLock(ZOV_SEG file) ZOV_ACQUIRE(file) : file_(file) { segLock(file); }
+  ~SegLock() ZOV_RELEASE() { zov_segUnlock(file_); }
+  SegLock(const SegLock &) = delete;
+  SegLock &operator=(const SegLock &) = delete;
+
+ private:
+  const ZOV_SEG file_;
+};
 
 // zov_segSeekRead() and zov_segSeekWrite(), but -1, with errno ENOMEM, when there
 // was something to move and a shortage of memory let nothing be moved.

@@ -74,18 +74,24 @@ constexpr uint32_t maxMapped = 400;
 // Rank 8: everything of this module.
 ZOV_SYNC mapCacheMutex = ZOV_NO_SYNC;
 
-IdTable<CacheContext> contexts;
+IdTable<CacheContext> contexts ZOV_GUARDED_BY(mapCacheMutex);
 
 // The region released last, of those that are mapped and not pinned.
-CacheRegion *mru = nullptr;
-uint32_t numMapped = 0;
+CacheRegion *mru ZOV_GUARDED_BY(mapCacheMutex) = nullptr;
+uint32_t numMapped ZOV_GUARDED_BY(mapCacheMutex) = 0;
+
+// The heap context of a record, whose lock is the record's.
+ZOV_SHM_CTX shmOf(ZOV_CACHE_CTX context) ZOV_RETURNS_LOCK(context) {
+  return context->shmCtx;
+}
 
 // The record that an open of the id shares; null when it makes one.
-CacheContext *_findCtx(uint64_t id) {
+CacheContext *_findCtx(uint64_t id) ZOV_REQUIRES(mapCacheMutex) {
   return contexts.find(id, [](const CacheContext &context) { return !context.isDeleted; });
 }
 
-CacheContext *_openCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root) {
+CacheContext *_openCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root)
+    ZOV_REQUIRES(mapCacheMutex) {
   CacheContext *context = _findCtx(id);
   if (context != nullptr) {
     *root = context->root;
@@ -108,7 +114,7 @@ CacheContext *_openCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **ro
 }
 
 // Takes one user off a context. True for the last one, when the record is gone.
-bool _closeCtx(CacheContext *context) {
+bool _closeCtx(CacheContext *context) ZOV_REQUIRES(mapCacheMutex) {
   assert(context->numUsers > 0);
   storeRelaxed(context->numUsers, context->numUsers - 1);
   if (context->numUsers != 0) {
@@ -124,7 +130,7 @@ bool _closeCtx(CacheContext *context) {
 // Removes a heap context that nobody has open: it is out of reach then, and given
 // back for the caller to release when the mutex is left. One that is in use is left
 // to its last user, and the result is null.
-ZOV_SHM_CTX _removeCtx(uint64_t id) {
+ZOV_SHM_CTX _removeCtx(uint64_t id) ZOV_REQUIRES(mapCacheMutex) {
   CacheContext *user = contexts.find(id);
   if (user == nullptr) {
     return shmDetach(id);
@@ -136,7 +142,7 @@ ZOV_SHM_CTX _removeCtx(uint64_t id) {
 
 // Follows the close of a record. The heap context is removed as by _removeCtx() if
 // that is owed; else it loses its lock when this was its only record.
-ZOV_SHM_CTX settleHeapContext(ZOV_SHM_CTX shmCtx, bool removalOwed) {
+ZOV_SHM_CTX settleHeapContext(ZOV_SHM_CTX shmCtx, bool removalOwed) ZOV_REQUIRES(mapCacheMutex) {
   const uint64_t id = reinterpret_cast<uint64_t>(shmCtx);
   if (removalOwed) {
     return _removeCtx(id);
@@ -149,14 +155,15 @@ ZOV_SHM_CTX settleHeapContext(ZOV_SHM_CTX shmCtx, bool removalOwed) {
 
 // The slot of a region. Grows the table up to it; null when memory is short or the
 // number is too high.
-CacheRegion **_findSHM(CacheContext &context, uint32_t number) {
+CacheRegion **_findSHM(CacheContext &context, uint32_t number) ZOV_REQUIRES(mapCacheMutex) {
   return number > kHighestRegion
              ? nullptr
              : context.shms.reserve(number, kSpareSlots, ZOV_DEFAULT_TAG, ZOV_HERE);
 }
 
 // The region as somebody has it open, through any record of the heap context.
-CacheRegion *openedAnywhere(const CacheContext &context, uint32_t number) {
+CacheRegion *openedAnywhere(const CacheContext &context, uint32_t number)
+    ZOV_REQUIRES(mapCacheMutex) {
   CacheContext *user = contexts.find(context.hashId(), [number](const CacheContext &candidate) {
     return candidate.shms.get(number) != nullptr;
   });
@@ -164,7 +171,8 @@ CacheRegion *openedAnywhere(const CacheContext &context, uint32_t number) {
 }
 
 // Sets in all entries of a region whether its last close destroys it.
-void setDestroyOnClose(const CacheContext &context, uint32_t number, bool destroyOnClose) {
+void setDestroyOnClose(const CacheContext &context, uint32_t number, bool destroyOnClose)
+    ZOV_REQUIRES(mapCacheMutex) {
   contexts.forEach(context.hashId(), [number, destroyOnClose](CacheContext &user) {
     CacheRegion *region = user.shms.get(number);
     if (region != nullptr) {
@@ -174,7 +182,7 @@ void setDestroyOnClose(const CacheContext &context, uint32_t number, bool destro
 }
 
 // Destroys a region, or leaves that to the last who has it open.
-void destroyRegion(const CacheContext &context, uint32_t number) {
+void destroyRegion(const CacheContext &context, uint32_t number) ZOV_REQUIRES(mapCacheMutex) {
   if (openedAnywhere(context, number) != nullptr) {
     setDestroyOnClose(context, number, true);
   } else {
@@ -183,7 +191,7 @@ void destroyRegion(const CacheContext &context, uint32_t number) {
 }
 
 ZOV_SHM_REGION createHeapRegion(const CacheContext &context, uint32_t number, uint64_t start,
-                                uint32_t size) {
+                                uint32_t size) ZOV_REQUIRES(mapCacheMutex) {
   // A table that cannot grow must not cost the context its other regions.
   return shmReserve(context.shmCtx, number) ? zov_shmCreate(context.shmCtx, number, start, size)
                                             : nullptr;
@@ -192,7 +200,7 @@ ZOV_SHM_REGION createHeapRegion(const CacheContext &context, uint32_t number, ui
 // Makes the entry of a region in its empty slot, or leaves the slot empty. A
 // region that is open through another record is shared.
 void fillSlot(CacheRegion **slot, CacheContext *context, uint32_t number, uint64_t start,
-              uint32_t size, bool create) {
+              uint32_t size, bool create) ZOV_REQUIRES(mapCacheMutex) {
   CacheRegion *region = make<CacheRegion>(ZOV_DEFAULT_TAG, ZOV_HERE);
   if (region == nullptr) {
     return;
@@ -213,7 +221,7 @@ void fillSlot(CacheRegion **slot, CacheContext *context, uint32_t number, uint64
 
 // Opens a region, or with `create` makes it if the heap has none.
 CacheRegion *_openSHM(CacheContext *context, uint32_t number, uint64_t start, uint32_t size,
-                      bool create) {
+                      bool create) ZOV_REQUIRES(mapCacheMutex) {
   CacheRegion **slot = _findSHM(*context, number);
   if (slot == nullptr) {
     return nullptr;
@@ -229,7 +237,8 @@ CacheRegion *_openSHM(CacheContext *context, uint32_t number, uint64_t start, ui
 }
 
 // Creates a region, or keeps the one that is there from a pending destruction.
-CacheRegion *_createSHM(CacheContext *context, uint32_t number, uint64_t start, uint32_t size) {
+CacheRegion *_createSHM(CacheContext *context, uint32_t number, uint64_t start, uint32_t size)
+    ZOV_REQUIRES(mapCacheMutex) {
   CacheRegion *region = _openSHM(context, number, start, size, true);
   if (region != nullptr) {
     setDestroyOnClose(*context, number, false);
@@ -237,7 +246,7 @@ CacheRegion *_createSHM(CacheContext *context, uint32_t number, uint64_t start, 
   return region;
 }
 
-void _addToList(CacheRegion *region) {
+void _addToList(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region->ptr != nullptr && region->numPins == 0);
   region->prev = nullptr;
   region->next = mru;
@@ -247,7 +256,7 @@ void _addToList(CacheRegion *region) {
   mru = region;
 }
 
-void _removeFromList(CacheRegion *region) {
+void _removeFromList(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region == (region->prev == nullptr ? mru : region->prev->next));
   if (region->next != nullptr) {
     region->next->prev = region->prev;
@@ -255,7 +264,7 @@ void _removeFromList(CacheRegion *region) {
   (region->prev != nullptr ? region->prev->next : mru) = region->next;
 }
 
-bool _map(CacheRegion *region) {
+bool _map(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region->ptr == nullptr && region->numPins == 0);
   region->ptr = zov_shmGetPtr(region->shm);
   if (region->ptr == nullptr) {
@@ -265,14 +274,14 @@ bool _map(CacheRegion *region) {
   return true;
 }
 
-void _unmap(CacheRegion *region) {
+void _unmap(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region->ptr != nullptr && numMapped > 0);
   zov_shmReleasePtr(region->shm, region->ptr);
   region->ptr = nullptr;
   --numMapped;
 }
 
-void makeRoom() {
+void makeRoom() ZOV_REQUIRES(mapCacheMutex) {
   while (numMapped >= maxMapped && mru != nullptr) {
     CacheRegion *victim = mru;
     _removeFromList(victim);
@@ -280,7 +289,7 @@ void makeRoom() {
   }
 }
 
-void *_getPtr(CacheRegion *region) {
+void *_getPtr(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   if (region->ptr == nullptr) {
     makeRoom();
     if (!_map(region)) {
@@ -293,14 +302,14 @@ void *_getPtr(CacheRegion *region) {
   return region->ptr;
 }
 
-void _releasePtr(CacheRegion *region) {
+void _releasePtr(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region->numPins > 0);
   if (--region->numPins == 0) {
     _addToList(region);
   }
 }
 
-void _closeSHM(CacheRegion *region) {
+void _closeSHM(CacheRegion *region) ZOV_REQUIRES(mapCacheMutex) {
   assert(region->numOpens > 0);
   if (--region->numOpens != 0) {
     return;
@@ -326,7 +335,7 @@ void _closeSHM(CacheRegion *region) {
 }  // namespace
 
 void shmCacheEnter(ZOV_CACHE_CTX context) {
-  shmEnter(context->shmCtx);
+  shmEnter(shmOf(context));
 }
 
 bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region) {
@@ -334,37 +343,32 @@ bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region) {
 }
 
 ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number) {
-  zov_syncEnterExcl(mapCacheMutex);
-  CacheRegion *region = openedAnywhere(*context, number);
-  zov_syncExitExcl(mapCacheMutex);
-  return region;
+  const MutexLock lock(mapCacheMutex);
+  return openedAnywhere(*context, number);
 }
 
 bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number) {
-  zov_syncEnterExcl(mapCacheMutex);
-  const bool found = zov_shmOpen(context->shmCtx, number, 0, 0) != nullptr;
-  zov_syncExitExcl(mapCacheMutex);
-  return found;
+  const MutexLock lock(mapCacheMutex);
+  return zov_shmOpen(context->shmCtx, number, 0, 0) != nullptr;
 }
 
 void shmCacheLeave(ZOV_CACHE_CTX context) {
   const ZOV_SHM_CTX shmCtx = context->shmCtx;
-  zov_syncEnterExcl(mapCacheMutex);
-  const bool deleted = zov_shmCacheIsDeleted(context) != 0;
-  const bool last = _closeCtx(context);
-  // The context's lock is left before the mutex is, or the context might be
-  // removed in between by the last user of another record.
-  shmLeave(shmCtx);
-  const ZOV_SHM_CTX removed = last ? settleHeapContext(shmCtx, deleted) : nullptr;
-  zov_syncExitExcl(mapCacheMutex);
+  ZOV_SHM_CTX removed = nullptr;
+  {
+    const MutexLock lock(mapCacheMutex);
+    const bool isDeleted = context->isDeleted;
+    // The context's lock is left before the mutex is, or the context might be
+    // removed in between by the last user of another record.
+    shmLeave(shmOf(context));
+    removed = _closeCtx(context) ? settleHeapContext(shmCtx, isDeleted) : nullptr;
+  }
   shmRelease(removed);
 }
 
 uint32_t shmCacheHighestRegion(ZOV_CACHE_CTX context, uint32_t end) {
-  zov_syncEnterExcl(mapCacheMutex);
-  const uint32_t number = shmHighestRegion(context->shmCtx, end);
-  zov_syncExitExcl(mapCacheMutex);
-  return number;
+  const MutexLock lock(mapCacheMutex);
+  return shmHighestRegion(context->shmCtx, end);
 }
 
 }  // namespace zov
@@ -373,26 +377,24 @@ extern "C" {
 
 ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root) {
   const zov::NoJump noJump;
-  zov_syncEnterExcl(zov::mapCacheMutex);
-  CacheContext *context = zov::_openCtx(id, flags, rootSize, root);
-  zov_syncExitExcl(zov::mapCacheMutex);
-  return context;
+  const zov::MutexLock lock(zov::mapCacheMutex);
+  return zov::_openCtx(id, flags, rootSize, root);
 }
 
 void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
   const ZOV_SHM_CTX shmCtx = context->shmCtx;
-  const bool owed = context->removeOnClose;
-  const ZOV_SHM_CTX removed =
-      zov::_closeCtx(context) ? zov::settleHeapContext(shmCtx, owed) : nullptr;
-  zov_syncExitExcl(zov::mapCacheMutex);
+  ZOV_SHM_CTX removed = nullptr;
+  {
+    const zov::MutexLock lock(zov::mapCacheMutex);
+    const bool owed = context->removeOnClose;
+    removed = zov::_closeCtx(context) ? zov::settleHeapContext(shmCtx, owed) : nullptr;
+  }
   zov::shmRelease(removed);
 }
 
 void zov_shmCacheMarkDeleted(ZOV_CACHE_CTX context) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
+  const zov::MutexLock lock(zov::mapCacheMutex);
   zov::storeRelaxed(context->isDeleted, true);
-  zov_syncExitExcl(zov::mapCacheMutex);
 }
 
 int32_t zov_shmCacheIsDeleted(ZOV_CACHE_CTX context) {
@@ -404,62 +406,55 @@ uint32_t zov_shmCacheNumUsers(ZOV_CACHE_CTX context) {
 }
 
 void zov_shmCacheRemoveCtx(uint64_t id) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
-  const ZOV_SHM_CTX removed = zov::_removeCtx(id);
-  zov_syncExitExcl(zov::mapCacheMutex);
+  ZOV_SHM_CTX removed = nullptr;
+  {
+    const zov::MutexLock lock(zov::mapCacheMutex);
+    removed = zov::_removeCtx(id);
+  }
   zov::shmRelease(removed);
 }
 
 ZOV_CACHE_REGION zov_shmCacheCreate(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
                                     uint32_t size) {
   const zov::NoJump noJump;
-  zov_syncEnterExcl(zov::mapCacheMutex);
-  CacheRegion *region = zov::_createSHM(context, number, start, size);
-  zov_syncExitExcl(zov::mapCacheMutex);
-  return region;
+  const zov::MutexLock lock(zov::mapCacheMutex);
+  return zov::_createSHM(context, number, start, size);
 }
 
 ZOV_CACHE_REGION zov_shmCacheOpen(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
                                   uint32_t size) {
   const zov::NoJump noJump;
-  zov_syncEnterExcl(zov::mapCacheMutex);
-  CacheRegion *region = zov::_openSHM(context, number, start, size, false);
-  zov_syncExitExcl(zov::mapCacheMutex);
-  return region;
+  const zov::MutexLock lock(zov::mapCacheMutex);
+  return zov::_openSHM(context, number, start, size, false);
 }
 
 void zov_shmCacheClose(ZOV_CACHE_REGION region) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
+  const zov::MutexLock lock(zov::mapCacheMutex);
   zov::_closeSHM(region);
-  zov_syncExitExcl(zov::mapCacheMutex);
 }
 
 void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
+  const zov::MutexLock lock(zov::mapCacheMutex);
   zov::destroyRegion(*context, number);
-  zov_syncExitExcl(zov::mapCacheMutex);
 }
 
 void *zov_shmCacheGetPtr(ZOV_CACHE_REGION region) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
-  void *address = zov::_getPtr(region);
-  zov_syncExitExcl(zov::mapCacheMutex);
-  return address;
+  const zov::MutexLock lock(zov::mapCacheMutex);
+  return zov::_getPtr(region);
 }
 
 void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *) {
-  zov_syncEnterExcl(zov::mapCacheMutex);
+  const zov::MutexLock lock(zov::mapCacheMutex);
   zov::_releasePtr(region);
-  zov_syncExitExcl(zov::mapCacheMutex);
 }
 
 int32_t zov_shmCacheLock(ZOV_CACHE_CTX context) {
-  zov::shmEnterForCaller(context->shmCtx);
+  zov::shmEnterForCaller(zov::shmOf(context));
   return ZOV_OKAY;
 }
 
 void zov_shmCacheUnlock(ZOV_CACHE_CTX context) {
-  zov::shmLeave(context->shmCtx);
+  zov::shmLeave(zov::shmOf(context));
 }
 
 uint64_t zov_shmCacheRootId() {
@@ -480,14 +475,16 @@ int32_t zov_shmCacheInit(uint32_t *pageSize) {
     zov_shmTerm();
     return ZOV_ERROR;
   }
-  zov::contexts.clear();
-  zov::mru = nullptr;
-  zov::numMapped = 0;
   return ZOV_OKAY;
 }
 
 int32_t zov_shmCacheTerm() {
-  zov::contexts.clear();
+  {
+    const zov::MutexLock lock(zov::mapCacheMutex);
+    zov::contexts.clear();
+    zov::mru = nullptr;
+    zov::numMapped = 0;
+  }
   zov_syncDelete(zov::mapCacheMutex);
   zov::mapCacheMutex = ZOV_NO_SYNC;
   zov_shmTerm();

@@ -4,7 +4,7 @@
 #ifndef ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
 #define ZOV_MEMSTORE_ZOVSHMCACHE_PRIVATE_H
 
-#include "zov.h"
+#include "core/zov_lock.h"
 
 namespace zov {
 
@@ -22,12 +22,12 @@ ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number);
 bool shmCacheHasRegion(ZOV_CACHE_CTX context, uint32_t number);
 
 // zov_shmCacheLock() for the length of one operation of the library.
-void shmCacheEnter(ZOV_CACHE_CTX context);
+void shmCacheEnter(ZOV_CACHE_CTX context) ZOV_ACQUIRE(context);
 
 // Closes a context and leaves its lock, which the caller holds; the last user of a
 // deleted context removes it. Both are one step, so that exactly one user is the
 // last.
-void shmCacheLeave(ZOV_CACHE_CTX context);
+void shmCacheLeave(ZOV_CACHE_CTX context) ZOV_RELEASE(context);
 
 // The highest number below `end` of a region of the heap, open or not, or UINT32_MAX
 // when there is none. The caller holds the context's lock.

@@ -72,15 +72,14 @@ constexpr uint64_t kLargeBytes = 16 << 20;
 
 // Rank 9: liveContexts.
 ZOV_SYNC sem = ZOV_NO_SYNC;
-IdTable<ShmContext> liveContexts;
+IdTable<ShmContext> liveContexts ZOV_GUARDED_BY(sem);
 
 uint64_t rootCtx = 0;
 
 void link(ShmContext *context) {
   const NoJump noJump;
-  zov_syncEnterExcl(sem);
+  const MutexLock lock(sem);
   liveContexts.insert(context);
-  zov_syncExitExcl(sem);
 }
 
 // Makes a context and returns its id, or 0 when memory is short.
@@ -99,8 +98,8 @@ uint64_t getContext() {
   return context->hashId();
 }
 
-// Gives a context its lock if it has none. The caller holds sem.
-bool makeLock(ShmContext &context) {
+// Gives a context its lock if it has none.
+bool makeLock(ShmContext &context) ZOV_REQUIRES(sem) {
   if (context.lock.load(std::memory_order_relaxed) != 0) {
     return true;
   }
@@ -113,8 +112,8 @@ bool makeLock(ShmContext &context) {
 }
 
 // Gives a context its root block and then its lock, so that none is seen that a
-// shortage takes back. The caller holds sem.
-bool createCtx(ShmContext &context, uint32_t size) {
+// shortage takes back.
+bool createCtx(ShmContext &context, uint32_t size) ZOV_REQUIRES(sem) {
   void *root = makeZeroArray<char>(size, context.tag, ZOV_HERE);
   if (root == nullptr || !makeLock(context)) {
     zov_freeMem(root, context.tag);
@@ -124,8 +123,8 @@ bool createCtx(ShmContext &context, uint32_t size) {
   return true;
 }
 
-// Opens a context, which has its lock then. The caller holds sem.
-bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) {
+// Opens a context, which has its lock then.
+bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) ZOV_REQUIRES(sem) {
   if (context != nullptr && context->root != nullptr) {
     return makeLock(*context);
   }
@@ -137,19 +136,22 @@ bool openCtx(ShmContext *context, uint32_t flags, uint32_t size) {
   return createCtx(*context, size);
 }
 
+// The lock of a context that the caller has open.
+ZOV_SYNC lockOf(ZOV_SHM_CTX context) ZOV_RETURNS_LOCK(context) {
+  return context->lock.load(std::memory_order_acquire);
+}
+
 // The lock of a context for a thread that lockUsers counts; 0 when it has none and
 // none can be made.
-ZOV_SYNC lockForUser(ShmContext &context) {
-  const ZOV_SYNC lock = context.lock.load(std::memory_order_seq_cst);
+ZOV_SYNC lockForUser(ZOV_SHM_CTX context) {
+  const ZOV_SYNC lock = context->lock.load(std::memory_order_seq_cst);
   if (lock != 0) {
     return lock;
   }
   const NoJump noJump;
-  zov_syncEnterExcl(sem);
-  const bool made = context.root != nullptr && makeLock(context);
-  const ZOV_SYNC current = made ? context.lock.load(std::memory_order_relaxed) : 0;
-  zov_syncExitExcl(sem);
-  return current;
+  const MutexLock guard(sem);
+  const bool made = context->root != nullptr && makeLock(*context);
+  return made ? context->lock.load(std::memory_order_relaxed) : 0;
 }
 
 bool isLarge(const ShmContext &context) {
@@ -174,53 +176,50 @@ uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing) {
   if (sem == ZOV_NO_SYNC) {
     return missing;
   }
-  zov_syncEnterExcl(sem);
+  const MutexLock lock(sem);
   const ShmContext *context = liveContexts.find(id);
-  uint64_t word = missing;
-  if (context != nullptr && context->root != nullptr) {
-    word = loadRelaxed(*reinterpret_cast<uint64_t *>(static_cast<char *>(context->root) + offset));
+  if (context == nullptr || context->root == nullptr) {
+    return missing;
   }
-  zov_syncExitExcl(sem);
-  return word;
+  return loadRelaxed(*reinterpret_cast<uint64_t *>(static_cast<char *>(context->root) + offset));
 }
 
-void shmEnter(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  zov_syncEnterExcl(context->lock.load(std::memory_order_acquire));
+void shmEnter(ZOV_SHM_CTX context) {
+  zov_syncEnterExcl(lockOf(context));
 }
 
 void shmEnterForCaller(ZOV_SHM_CTX context) {
   shmEnter(context);
-  forgetLock(context->lock.load(std::memory_order_relaxed));
+  forgetLock(lockOf(context));
 }
 
-void shmLeave(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
-  zov_syncExitExcl(context->lock.load(std::memory_order_relaxed));
+void shmLeave(ZOV_SHM_CTX context) {
+  zov_syncExitExcl(lockOf(context));
 }
 
 void shmDropLock(ZOV_SHM_CTX context) {
-  zov_syncEnterExcl(sem);
-  const ZOV_SYNC lock = context->lock.exchange(0, std::memory_order_seq_cst);
-  assert(lock != 0);
-  const bool used = context->lockUsers.load(std::memory_order_seq_cst) != 0 || isEntered(lock);
-  if (used) {
-    context->lock.store(lock, std::memory_order_release);
+  ZOV_SYNC lock = 0;
+  {
+    const MutexLock guard(sem);
+    lock = context->lock.exchange(0, std::memory_order_seq_cst);
+    assert(lock != 0);
+    if (context->lockUsers.load(std::memory_order_seq_cst) != 0 || isEntered(lock)) {
+      context->lock.store(lock, std::memory_order_release);
+      return;
+    }
   }
-  zov_syncExitExcl(sem);
-  if (!used) {
-    zov_syncDelete(lock);
-  }
+  zov_syncDelete(lock);
 }
 
 ZOV_SHM_CTX shmDetach(uint64_t id) {
   if (sem == ZOV_NO_SYNC) {
     return nullptr;
   }
-  zov_syncEnterExcl(sem);
+  const MutexLock lock(sem);
   ShmContext *context = liveContexts.find(id);
   if (context != nullptr) {
     liveContexts.remove(context);
   }
-  zov_syncExitExcl(sem);
   return context;
 }
 
@@ -260,14 +259,14 @@ ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void 
     return nullptr;
   }
   const zov::NoJump noJump;
-  zov_syncEnterExcl(zov::sem);
+  const zov::MutexLock lock(zov::sem);
   ShmContext *context = zov::liveContexts.find(id);
   if (!zov::openCtx(context, flags, rootSize)) {
-    context = nullptr;
-  } else if (rootSize != 0 && root != nullptr) {
+    return nullptr;
+  }
+  if (rootSize != 0 && root != nullptr) {
     *root = context->root;
   }
-  zov_syncExitExcl(zov::sem);
   return context;
 }
 
@@ -311,9 +310,11 @@ void *zov_shmGetPtr(ZOV_SHM_REGION region) {
 
 void zov_shmReleasePtr(ZOV_SHM_REGION, void *) {}
 
+// May fail, and the analysis does not follow a comparison with ZOV_OKAY: so this
+// and zov_shmUnlock() have no annotation.
 int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
   context->lockUsers.fetch_add(1, std::memory_order_seq_cst);
-  const ZOV_SYNC lock = zov::lockForUser(*context);
+  const ZOV_SYNC lock = zov::lockForUser(context);
   if (lock == 0) {
     context->lockUsers.fetch_sub(1, std::memory_order_relaxed);
     return ZOV_ERROR;
@@ -325,7 +326,7 @@ int32_t zov_shmLock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
 
 void zov_shmUnlock(ZOV_SHM_CTX context) ZOV_NO_ANALYSIS {
   // shmDropLock() may have taken the lock out to look at its users, one of them here.
-  zov_syncExitExcl(zov::lockForUser(*context));
+  zov_syncExitExcl(zov::lockForUser(context));
   [[maybe_unused]] const uint32_t users =
       context->lockUsers.fetch_sub(1, std::memory_order_release);
   assert(users > 0);
@@ -336,7 +337,6 @@ int32_t zov_shmInit(uint32_t *pageSize) {
   if (zov::sem == ZOV_NO_SYNC) {
     return ZOV_ERROR;
   }
-  zov::liveContexts.clear();
   zov::rootCtx = zov::getContext();
   if (zov::rootCtx == 0) {
     zov_shmTerm();
@@ -350,12 +350,15 @@ void zov_shmTerm() {
   // At shut-down the tags are about to go anyway, and faster in their own order.
   const bool tagsGo = zov::terminating();
   bool large = false;
-  zov::liveContexts.drain([tagsGo, &large](ShmContext *context) {
-    if (!tagsGo || zov::isLarge(*context)) {
-      large = zov::isLarge(*context) || large;
-      zov::releaseContext(context);
-    }
-  });
+  {
+    const zov::MutexLock lock(zov::sem);
+    zov::liveContexts.drain([tagsGo, &large](ShmContext *context) {
+      if (!tagsGo || zov::isLarge(*context)) {
+        large = zov::isLarge(*context) || large;
+        zov::releaseContext(context);
+      }
+    });
+  }
   if (large) {
     zov::giveMemoryBack();
   }

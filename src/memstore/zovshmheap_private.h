@@ -6,7 +6,7 @@
 
 #include <stddef.h>
 
-#include "zov.h"
+#include "core/zov_lock.h"
 
 namespace zov {
 
@@ -27,9 +27,9 @@ uint64_t shmRootWord(uint64_t id, size_t offset, uint64_t missing);
 // is there and stays.
 // shmEnter() is for the length of one operation of the library, shmEnterForCaller()
 // for a lock that is handed to the library's caller.
-void shmEnter(ZOV_SHM_CTX context);
-void shmEnterForCaller(ZOV_SHM_CTX context);
-void shmLeave(ZOV_SHM_CTX context);
+void shmEnter(ZOV_SHM_CTX context) ZOV_ACQUIRE(context);
+void shmEnterForCaller(ZOV_SHM_CTX context) ZOV_ACQUIRE(context);
+void shmLeave(ZOV_SHM_CTX context) ZOV_RELEASE(context);
 
 // Deletes the lock of a context that nobody has open any more, unless a thread
 // holds it or waits for it all the same. The next open makes another.
