@@ -50,7 +50,7 @@
 //    to open without an error number. Transfers of the latter fail with EBADF.
 // 3. path lies behind the record, in the same block.
 // 4. lockMutex changes once, from ZOV_NO_SYNC to the mutex.
-struct FileHandle {
+struct ZOV_CAPABILITY("lock of a file") FileHandle {
   const char *path;
   uint64_t fd;
   ZOV_MFILE mfile;
@@ -245,31 +245,20 @@ ZOV_SYNC ensureLockMutex(FileHandle &file) {
   return created;
 }
 
-void leaveIfAny(ZOV_SYNC mutex) ZOV_NO_ANALYSIS {
-  if (mutex != ZOV_NO_SYNC) {
-    zov_syncExitExcl(mutex);
-  }
-}
-
 // Takes the mutex, which waits for threads of this process, then the file's lock,
-// which waits for nobody. On success both stay held. Without a mutex the file's
-// lock is taken alone.
-int32_t lockFile(FileHandle &file) ZOV_NO_ANALYSIS {
+// which waits for nobody. On success both stay held, for the caller of
+// zov_fileLock(). Without a mutex the file's lock is taken alone.
+int32_t lockFile(FileHandle &file) ZOV_TRY_ACQUIRE(0, file) {
   const ZOV_SYNC mutex = ensureLockMutex(file);
   if (mutex != ZOV_NO_SYNC) {
     zov_syncEnterExcl(mutex);
   }
   const int32_t status = zov_flLock(file.fd);
-  if (status != ZOV_OKAY) {
-    leaveIfAny(mutex);
+  if (status != ZOV_OKAY && mutex != ZOV_NO_SYNC) {
+    zov_syncExitExcl(mutex);
   }
   forgetLock(mutex);  // it is the caller's
   return status;
-}
-
-void unlockFile(FileHandle &file) {
-  zov_flUnlock(file.fd);
-  leaveIfAny(file.lockMutex.load(std::memory_order_acquire));
 }
 
 }  // namespace
@@ -414,16 +403,20 @@ int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes) {
   return zov::isWriteProtected(*file) ? -1 : zov_flSetSize(file->fd, sizeBytes);
 }
 
-// The lock of a memory file, or that of the handle.
-int32_t zov_fileLock(ZOV_FILE file) ZOV_NO_ANALYSIS {
+int32_t zov_fileLock(ZOV_FILE file) {
   return file->mfile != nullptr ? zov_mfLock(file->mfile) : zov::lockFile(*file);
 }
 
+// Not analysed: each way releases another lock, and there may be no mutex.
 void zov_fileUnlock(ZOV_FILE file) ZOV_NO_ANALYSIS {
   if (file->mfile != nullptr) {
     zov_mfUnlock(file->mfile);
-  } else {
-    zov::unlockFile(*file);
+    return;
+  }
+  zov_flUnlock(file->fd);
+  const ZOV_SYNC mutex = file->lockMutex.load(std::memory_order_acquire);
+  if (mutex != ZOV_NO_SYNC) {
+    zov_syncExitExcl(mutex);
   }
 }
 

@@ -8,7 +8,15 @@
 #include <sys/stat.h>
 
 #include "core/zov_flags.h"
+#include "core/zov_lock.h"
 #include "memstore/zovmfile_walk.h"
+
+// What Clang checks inside the library. Programs may unlock a file in another
+// function than the one that locked it, so zov.h leaves them unchecked.
+extern "C" {
+int32_t zov_fileLock(ZOV_FILE file) ZOV_TRY_ACQUIRE(0, file);
+void zov_fileUnlock(ZOV_FILE file) ZOV_RELEASE(file);
+}
 
 namespace zov {
 
@@ -42,6 +50,11 @@ inline bool isMadeOrThere(int32_t status) {
 
 // The number of the standard stream that a path on disk names, or -1.
 int32_t standardStream(const char *path);
+
+// zov_fileLock() for the length of one operation of the library.
+inline bool tryFileLock(ZOV_FILE file) ZOV_TRY_ACQUIRE(true, file) {
+  return zov_fileLock(file) == ZOV_OKAY;
+}
 
 // Opens a new file on disk as openNewFile() does. Null with errno.
 ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags);

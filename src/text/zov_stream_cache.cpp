@@ -23,6 +23,7 @@
 #include <algorithm>
 
 #include "core/zov_flags.h"
+#include "files/zovfile_private.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
@@ -73,7 +74,7 @@ uint32_t send(FileCache &cache, const char *bytes, uint32_t lengthBytes) {
   if (!cache.seeksEnd) {
     return zov_fileWrite(cache.handle, bytes, lengthBytes);
   }
-  if (zov_fileLock(cache.handle) != ZOV_OKAY) {
+  if (!tryFileLock(cache.handle)) {
     return ZOV_IO_FAILED;
   }
   zov_fileSeek(cache.handle, 0, SEEK_END);
