@@ -43,7 +43,7 @@ constexpr uint64_t kLargestWrite = UINT32_MAX;
 }  // namespace zov
 
 // 1. position <= filled <= kCapacity.
-// 2. Both are 0 after a failed refill: what was buffered had been handed out.
+// 2. Both are 0 after a failed refill: all bytes before it were handed out.
 struct InputBuffer {
   ZOV_BUFF_READ read;
   ZOV_BUFF_TIMED_READ timedRead;  // or null

@@ -39,6 +39,7 @@ uint32_t copyCut(char (&field)[kFieldBytes], IniText text) {
 // Adds an element behind the others. Null without memory.
 template <typename Element>
 Element *append(IniList<Element> &list) {
+  assert(noJumpDepth > 0);
   assert(list.count <= list.capacity && !iniIsFull(list));
   if (list.count == list.capacity) {
     if (!growArray(list.elements, list.capacity + 1u, 1, ZOV_DEFAULT_TAG, ZOV_HERE)) {

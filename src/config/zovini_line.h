@@ -7,6 +7,7 @@
 #define ZOV_CONFIG_ZOVINI_LINE_H
 
 #include "config/zovini_name.h"
+#include "core/zov_shortage.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
@@ -33,6 +34,7 @@ inline IniText iniFrom(IniText text, size_t offset) {
 // how the last line ended: kWhole only where take() stopped.
 template <typename Take>
 LineEnd iniEachLine(TextStream &stream, Take take) {
+  assert(noJumpDepth > 0);
   char *buffer = nullptr;
   uint32_t sizeBytes = 0;
   uint32_t length = 0;

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// INI files: reading one into the cache. A line is cut at its first semicolon
-// or line end, wherever that stands, and stripped of white space behind; what is
-// left opens a section, names a parameter of the section above it, or is
-// ignored. Lengths rule: zeros in a line are characters like any other.
+// INI files: reading one into the cache. A line is cut at its first semicolon or
+// line end, wherever that stands, and stripped of white space behind. The rest
+// opens a section, names a parameter of the section above it, or is ignored.
 //
 //   [Main]              section "Main"
 //   Port = 8080 ; tcp   parameter "Port", value "8080"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The cache of INI files and what its sources share:
+// The cache of INI files, shared by the sources of the module:
 //
 //   gINIInfo -> [ path | sections ] [ path | sections ] ...
 //                          |
@@ -99,7 +99,7 @@ void indexINI(IniFile &file);
 // file was read.
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) ZOV_REQUIRES(iniSem);
 
-// The status of what failed: ZOV_INI_NOMEMORY if that was for a shortage.
+// The status of a failure: ZOV_INI_NOMEMORY for a shortage, else the given one.
 int32_t failureOf(int32_t status);
 
 // zov_iniGetEx() with a size of any width.

@@ -7,7 +7,7 @@
 //
 // On disk the copy is "_temp_.ini" beside the file, and is the lock that keeps sets
 // of other processes out (files/zovfile_lockedcopy.h). The file is opened under it,
-// so it has what they wrote. In memory the copy has no name until it takes that of
+// so it has their changes. In memory the copy has no name until it takes that of
 // the file. The file exists at each moment, and stays as it was until the copy is
 // known to have every byte.
 //

@@ -42,7 +42,7 @@ bool sameName(const char *first, const char *second) {
   return strcasecmp(first, second) == 0;
 }
 
-// Opens what a FileInfo names; a silent entry names nothing.
+// Opens the file of a FileInfo; a silent entry has none.
 int32_t openInfo(ZOV_FILE_INFO &info, const char *name) {
   if (name == nullptr) {
     return ZOV_OKAY;

@@ -47,7 +47,7 @@ constexpr ByteOrderMark kMarks[] = {
     {"\xFE\xFF", 2, ZOV_ENC_UTF16},
 };
 
-// What a mode string asks for.
+// A mode string as it was read.
 struct OpenMode {
   uint32_t openFlags = O_RDONLY;
   bool isWriting = false;  // the file gets a mark and is not asked for one

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The cache block of the text streams. It slides over the file by sending what
-// was written to the handle and, where the handle can be read, loading what
-// comes next from it:
+// The cache block of the text streams. It slides over the file: it sends the bytes
+// written to the handle and, where the handle can be read, loads those that follow:
 //
 //     base          position        base + kBlockBytes
 //      |---------------|------------------|
@@ -140,8 +139,8 @@ uint32_t load(FileCache &cache) {
   return count;
 }
 
-// Moves the block to position and loads what the handle gives there. False when
-// the bytes written could not be sent; the block is then where it was.
+// Moves the block to position and loads from the handle. False when the bytes written
+// could not be sent; the block then stays.
 bool reposition(FileCache &cache) {
   if (!flushModified(cache)) {
     return false;

@@ -23,7 +23,7 @@ constexpr uint32_t kPushbackValues = 20;
 // 3. While written is not 0, bytes wait in the block. Before it is used for
 //    anything else the handle gets the bytes between base and position; where
 //    position is outside of the block, those in front of written.
-// 4. Up to position the block holds what was read, what was written, or zeros.
+// 4. Up to position the block holds bytes read, bytes written, or zeros.
 // 5. valid and written are at most kBlockBytes.
 struct FileCache {
   uint64_t base;        // offset in the file of the first byte of the block
@@ -40,7 +40,7 @@ struct FileCache {
   char data[kBlockBytes];
 };
 
-// What a stream may do with its handle.
+// How a stream may use its handle.
 struct FileUse {
   bool canRead;
   bool canWrite;
@@ -53,7 +53,7 @@ inline uint64_t offsetInBlock(const FileCache &cache) {
   return cache.position - cache.base;
 }
 
-// The end of the file with what waits in the block; 0 where it is not known.
+// The end of the file with the bytes that wait in the block; 0 if it is not known.
 inline uint64_t fileCacheLength(const FileCache &cache) {
   const uint64_t reached = cache.written == 0 ? 0 : cache.base + cache.written;
   return reached > cache.length ? reached : cache.length;
@@ -113,7 +113,7 @@ inline bool fileCachePutByte(FileCache &cache, char byte) {
 // allocation that jumps cannot leave half a stream behind. The fields of the byte
 // calls come first, in one cache line.
 struct TextStream {
-  int32_t encoding;        // of zov_encoding, or what the caller of zov_fopen() said
+  int32_t encoding;        // of zov_encoding, or any that the caller of zov_fopen() gave
   uint32_t pushbackCount;  // values in use
   zov::FileCache cache;
   int32_t bomLength;                        // bytes of the byte-order mark of the file: 0, 2 or 3

@@ -30,7 +30,7 @@ constexpr int32_t kShortText = 16;
 // Texts up to so many bytes, the terminator's included, zov_makeStrV() formats once.
 constexpr uint64_t kMadeText = 256;
 
-// Terminates what was printed and tells its length.
+// Terminates the text and gives its length.
 int32_t result(FmtOutput &output, bool failed) {
   if (output.position < output.size) {
     output.buffer[output.position] = '\0';
@@ -300,7 +300,7 @@ bool parse_type(FmtSpec &spec) {
 // where it ends, or null when it failed.
 const char *handle_fmt(FmtOutput &output, const char *cursor) {
   FmtSpec spec{.output = &output, .cursor = cursor};
-  // Every letter is above '9', and what may stand before it is not.
+  // Every letter is above '9', and every character that may precede it is not.
   if (*cursor <= '9') {
     parse_flags(spec);
     if (!parse_width(spec) || !parse_precision(spec)) {
