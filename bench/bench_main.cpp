@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "bench_idle.h"
 #include "bench_seed.h"
 #include "zov.h"
 
@@ -109,6 +110,7 @@ int main(int argc, char **argv) {
     return EXIT_FAILURE;
   }
   warnOfBuild();
+  startIdleThread();
   benchmark::AddCustomContext("library", "libzov " + libraryVersion());
   benchmark::AddCustomContext("build", ZOV_BUILD_NAME);
   benchmark::AddCustomContext("compiler", ZOV_COMPILER);

@@ -90,12 +90,12 @@ void BM_PutInt32(benchmark::State &state) {
   Buffers buffers;
   runItems(state, kIntegers, [&](int32_t item) { zov_outputBuffPutInt32(buffers.output, item); });
 }
-BENCHMARK(BM_PutInt32);
+BENCHMARK(BM_PutInt32)->Name("put-int32/zov");
 
 void BM_PutInt32Xdr(benchmark::State &state) {
   runXdr(state, XDR_ENCODE, kIntegers, codeInteger);
 }
-BENCHMARK(BM_PutInt32Xdr);
+BENCHMARK(BM_PutInt32Xdr)->Name("put-int32/xdr");
 
 void BM_GetInt32(benchmark::State &state) {
   Buffers buffers;
@@ -104,24 +104,24 @@ void BM_GetInt32(benchmark::State &state) {
     benchmark::DoNotOptimize(item);
   });
 }
-BENCHMARK(BM_GetInt32);
+BENCHMARK(BM_GetInt32)->Name("get-int32/zov");
 
 void BM_GetInt32Xdr(benchmark::State &state) {
   runXdr(state, XDR_DECODE, kIntegers, codeInteger);
 }
-BENCHMARK(BM_GetInt32Xdr);
+BENCHMARK(BM_GetInt32Xdr)->Name("get-int32/xdr");
 
 void BM_PutString(benchmark::State &state) {
   Buffers buffers;
   runItems(state, kStrings,
            [&](int32_t) { zov_outputBuffPutStringWithLength(buffers.output, text); });
 }
-BENCHMARK(BM_PutString);
+BENCHMARK(BM_PutString)->Name("put-string/zov");
 
 void BM_PutStringXdr(benchmark::State &state) {
   runXdr(state, XDR_ENCODE, kStrings, [](XDR *xdr, int32_t) { codeString(xdr, text); });
 }
-BENCHMARK(BM_PutStringXdr);
+BENCHMARK(BM_PutStringXdr)->Name("put-string/xdr");
 
 void BM_GetString(benchmark::State &state) {
   Buffers buffers;
@@ -132,13 +132,13 @@ void BM_GetString(benchmark::State &state) {
     benchmark::DoNotOptimize(place);
   });
 }
-BENCHMARK(BM_GetString);
+BENCHMARK(BM_GetString)->Name("get-string/zov");
 
 void BM_GetStringXdr(benchmark::State &state) {
   fillWireWithStrings();
   char place[sizeof text];
   runXdr(state, XDR_DECODE, kStrings, [&](XDR *xdr, int32_t) { codeString(xdr, place); });
 }
-BENCHMARK(BM_GetStringXdr);
+BENCHMARK(BM_GetStringXdr)->Name("get-string/xdr");
 
 }  // namespace

@@ -169,17 +169,17 @@ void LockUnlockBare(benchmark::State &state) {
   }
 }
 
-BENCHMARK(SeekReadHandle)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(SeekReadBare)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(SeekWriteHandle)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(SeekWriteBare)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(ReadHandle)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(ReadBare)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(WriteHandle)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(WriteBare)->Arg(1024)->Arg(4096)->Arg(65536);
-BENCHMARK(OpenCloseHandle);
-BENCHMARK(OpenCloseBare);
-BENCHMARK(LockUnlockHandle);
-BENCHMARK(LockUnlockBare);
+BENCHMARK(SeekReadHandle)->Name("seek-read/zov")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(SeekReadBare)->Name("seek-read/posix")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(SeekWriteHandle)->Name("seek-write/zov")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(SeekWriteBare)->Name("seek-write/posix")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(ReadHandle)->Name("read/zov")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(ReadBare)->Name("read/posix")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(WriteHandle)->Name("write/zov")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(WriteBare)->Name("write/posix")->Arg(1024)->Arg(4096)->Arg(65536);
+BENCHMARK(OpenCloseHandle)->Name("open-close/zov");
+BENCHMARK(OpenCloseBare)->Name("open-close/posix");
+BENCHMARK(LockUnlockHandle)->Name("lock-unlock/zov");
+BENCHMARK(LockUnlockBare)->Name("lock-unlock/posix");
 
 }  // namespace

@@ -15,6 +15,11 @@ namespace {
 
 using Formatter = int (*)(char *, size_t, const char *, ...);
 
+constexpr struct {
+  const char *name;
+  Formatter print;
+} kFormatters[] = {{"zov", zov_snprintf}, {"libc", snprintf}};
+
 template <typename... Arguments>
 void run(benchmark::State &state, Formatter print, const char *format, Arguments... arguments) {
   char text[1024];
@@ -27,11 +32,10 @@ void run(benchmark::State &state, Formatter print, const char *format, Arguments
 
 template <typename... Arguments>
 void addRow(const std::string &name, const char *format, Arguments... arguments) {
-  for (const bool ours : {true, false}) {
-    const Formatter print = ours ? zov_snprintf : snprintf;
+  for (const auto &peer : kFormatters) {
     benchmark::RegisterBenchmark(
-        ("BM_Format" + std::string(ours ? "" : "Libc") + '/' + name).c_str(),
-        [=](benchmark::State &state) { run(state, print, format, arguments...); });
+        ("format/" + std::string(peer.name) + '/' + name).c_str(),
+        [=](benchmark::State &state) { run(state, peer.print, format, arguments...); });
   }
 }
 
@@ -77,7 +81,7 @@ void BM_MakeStr(benchmark::State &state) {
   }
   zov_term();
 }
-BENCHMARK(BM_MakeStr);
+BENCHMARK(BM_MakeStr)->Name("make-str/zov");
 
 void BM_MakeStrLibc(benchmark::State &state) {
   for (auto _ : state) {
@@ -86,6 +90,6 @@ void BM_MakeStrLibc(benchmark::State &state) {
     free(text);
   }
 }
-BENCHMARK(BM_MakeStrLibc);
+BENCHMARK(BM_MakeStrLibc)->Name("make-str/libc");
 
 }  // namespace

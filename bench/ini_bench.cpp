@@ -21,7 +21,6 @@
 #include <glib.h>
 #endif
 
-#include "bench_idle.h"
 #include "zov.h"
 
 namespace {
@@ -48,7 +47,6 @@ std::string section(int number, int params) {
 
 void start(const benchmark::State &) {
   zov_init();
-  startIdleThread();
   const char *place = getenv("TMPDIR");
   directory = std::string(place == nullptr ? "/tmp" : place) + "/zovbench.XXXXXX";
   if (mkdtemp(directory.data()) == nullptr) {
@@ -186,22 +184,22 @@ void SetUnsynced(benchmark::State &state) {
   setValues<Ini>(state, false);
 }
 
-#define ZOV_BENCH(scenario, peer) \
-  BENCHMARK_TEMPLATE(scenario, peer)->UseRealTime()->Setup(start)->Teardown(stop)
+#define ZOV_BENCH(scenario, peer, name) \
+  BENCHMARK_TEMPLATE(scenario, peer)->Name(name)->UseRealTime()->Setup(start)->Teardown(stop)
 #if defined(ZOV_HAVE_GLIB)
-#define ZOV_COMPARE(scenario)  \
-  ZOV_BENCH(scenario, ZovIni); \
-  ZOV_BENCH(scenario, GlibIni)
+#define ZOV_COMPARE(scenario, operation)         \
+  ZOV_BENCH(scenario, ZovIni, operation "/zov"); \
+  ZOV_BENCH(scenario, GlibIni, operation "/glib")
 #else
-#define ZOV_COMPARE(scenario) ZOV_BENCH(scenario, ZovIni)
+#define ZOV_COMPARE(scenario, operation) ZOV_BENCH(scenario, ZovIni, operation "/zov")
 #endif
 
-ZOV_COMPARE(Parse);
-ZOV_COMPARE(ParseAgain);
-ZOV_COMPARE(GetFirst);
-ZOV_COMPARE(GetLast);
-ZOV_COMPARE(GetSection);
-ZOV_COMPARE(Set);
-ZOV_COMPARE(SetUnsynced);
+ZOV_COMPARE(Parse, "ini-parse");
+ZOV_COMPARE(ParseAgain, "ini-parse-again");
+ZOV_COMPARE(GetFirst, "ini-get-first");
+ZOV_COMPARE(GetLast, "ini-get-last");
+ZOV_COMPARE(GetSection, "ini-get-section");
+ZOV_COMPARE(Set, "ini-set-synced");
+ZOV_COMPARE(SetUnsynced, "ini-set");
 
 }  // namespace

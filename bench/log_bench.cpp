@@ -80,9 +80,9 @@ void NothingToSyncZov(benchmark::State &state) {
   throughZov(state, false);
 }
 
-BENCHMARK(SyncedByHand)->UseRealTime();
-BENCHMARK(SyncedZov)->UseRealTime();
-BENCHMARK(NothingToSyncByHand);
-BENCHMARK(NothingToSyncZov);
+BENCHMARK(SyncedByHand)->Name("log-line-synced/posix")->UseRealTime();
+BENCHMARK(SyncedZov)->Name("log-line-synced/zov")->UseRealTime();
+BENCHMARK(NothingToSyncByHand)->Name("log-line-to-null/posix");
+BENCHMARK(NothingToSyncZov)->Name("log-line-to-null/zov");
 
 }  // namespace

@@ -412,10 +412,14 @@ void addStore() {
     void (*run)(benchmark::State &state);
     std::vector<int64_t> arguments;
   } rows[] = {
-      {"Create", Create<Store>, {10000, 100000}}, {"Lookup", Lookup<Store>, {10000, 100000}},
-      {"Rename", Rename<Store>, {10000, 100000}}, {"Remove", Remove<Store>, {10000, 100000}},
-      {"Walk", Walk<Store>, {10000, 100000}},     {"Read", Read<Store>, {512, 65536}},
-      {"Write", Write<Store>, {512, 65536}},      {"Sequential", Sequential<Store>, {}},
+      {"file-create", Create<Store>, {1000, 10000, 100000}},
+      {"file-open-close", Lookup<Store>, {1000, 10000, 100000}},
+      {"file-rename", Rename<Store>, {1000, 10000, 100000}},
+      {"file-remove", Remove<Store>, {1000, 10000, 100000}},
+      {"directory-walk", Walk<Store>, {1000, 10000, 100000}},
+      {"memory-read", Read<Store>, {512, 65536}},
+      {"memory-write", Write<Store>, {512, 65536}},
+      {"memory-write-new", Sequential<Store>, {}},
   };
   for (const auto &row : rows) {
     const std::string name = std::string(row.name) + "/" + Store::kName;
@@ -435,6 +439,6 @@ const bool added = [] {
   return true;
 }();
 
-BENCHMARK(Memcpy)->Arg(512)->Arg(65536);
+BENCHMARK(Memcpy)->Name("memory-read/memcpy")->Arg(512)->Arg(65536);
 
 }  // namespace

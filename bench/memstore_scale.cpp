@@ -217,11 +217,22 @@ void NewFiles(benchmark::State &state, Sharing sharing) {
 }
 
 BENCHMARK(Names)
+    ->Name("many-names/zov")
     ->ArgsProduct({{1000, 10'000, 100'000, 1'000'000}, {1, 100}})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(Missing)->Arg(200'000)->Iterations(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(Far)->Arg(0)->Arg(1 << 20)->Arg(64 << 20)->Arg(int64_t{1} << 30)->Arg(int64_t{64} << 30);
+BENCHMARK(Missing)
+    ->Name("missing-directories/zov")
+    ->Arg(200'000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(Far)
+    ->Name("far-write/zov")
+    ->Arg(0)
+    ->Arg(1 << 20)
+    ->Arg(64 << 20)
+    ->Arg(int64_t{1} << 30)
+    ->Arg(int64_t{64} << 30);
 
 const bool added = [] {
   const struct {
@@ -230,8 +241,8 @@ const bool added = [] {
   } rows[] = {{"read", Transfers}, {"size", Sizes}, {"create", NewFiles}};
   for (const auto &row : rows) {
     for (const Sharing sharing : {Sharing::kOne, Sharing::kEach}) {
-      const std::string name =
-          std::string("Threads/") + row.name + (sharing == Sharing::kOne ? "/one" : "/each");
+      const std::string name = std::string("memory-threads-") + row.name +
+                               (sharing == Sharing::kOne ? "-one/zov" : "-each/zov");
       benchmark::RegisterBenchmark(name.c_str(), row.run, sharing)
           ->ThreadRange(1, 4)
           ->UseRealTime();

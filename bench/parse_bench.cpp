@@ -120,12 +120,12 @@ void BM_Calculator(benchmark::State &state) {
     return zov_yyparse(&context);
   });
 }
-BENCHMARK(BM_Calculator);
+BENCHMARK(BM_Calculator)->Name("parse/zov");
 
 void BM_CalculatorBison(benchmark::State &state) {
   calculate(state, [](Input &input) { return yyparse(&input); });
 }
-BENCHMARK(BM_CalculatorBison);
+BENCHMARK(BM_CalculatorBison)->Name("parse/bison");
 
 }  // namespace
 

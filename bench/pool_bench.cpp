@@ -4,9 +4,9 @@
 // out, and a hundred out and then in, which is more than libc keeps at hand per
 // thread. The plain pool takes no lock, as one thread's own needs none.
 #include <benchmark/benchmark.h>
+#include <pthread.h>
 #include <stdlib.h>
 
-#include "bench_idle.h"
 #include "zov.h"
 
 namespace {
@@ -15,7 +15,6 @@ constexpr int64_t kChunks = 100;
 
 void start(const benchmark::State &) {
   zov_init();
-  startIdleThread();
 }
 
 void stop(const benchmark::State &) {
@@ -75,14 +74,31 @@ void Burst(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * kChunks);
 }
 
-#define ZOV_BENCH(scenario, source) \
-  BENCHMARK_TEMPLATE(scenario, source)->Arg(64)->Arg(4096)->Setup(start)->Teardown(stop)
+// What a pool with a mutex cannot go below: two pairs of lock and unlock.
+class TwoPairs {
+ public:
+  void *get(size_t) { return pair(); }
+  void put(void *) { pair(); }
 
-ZOV_BENCH(GetPut, Malloc);
-ZOV_BENCH(GetPut, PlainPool);
-ZOV_BENCH(GetPut, LockedPool);
-ZOV_BENCH(Burst, Malloc);
-ZOV_BENCH(Burst, PlainPool);
-ZOV_BENCH(Burst, LockedPool);
+ private:
+  void *pair() {
+    pthread_mutex_lock(&mutex_);
+    pthread_mutex_unlock(&mutex_);
+    return this;
+  }
+
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+#define ZOV_BENCH(scenario, source, name) \
+  BENCHMARK_TEMPLATE(scenario, source)->Name(name)->Arg(64)->Arg(4096)->Setup(start)->Teardown(stop)
+
+ZOV_BENCH(GetPut, Malloc, "pool-get-put/malloc");
+ZOV_BENCH(GetPut, PlainPool, "pool-get-put/zov");
+ZOV_BENCH(GetPut, TwoPairs, "pool-get-put-mutex/mutex-pairs");
+ZOV_BENCH(GetPut, LockedPool, "pool-get-put-mutex/zov");
+ZOV_BENCH(Burst, Malloc, "pool-burst/malloc");
+ZOV_BENCH(Burst, PlainPool, "pool-burst/zov");
+ZOV_BENCH(Burst, LockedPool, "pool-burst-mutex/zov");
 
 }  // namespace

@@ -2,12 +2,13 @@
 //
 // Message queues beside a deque under a mutex and GLib's asynchronous queue:
 //
-//   WriteRead       a message in, a message out, on one thread
-//   Burst           a hundred messages in, then out
-//   ProducerReader  a message's way when one thread writes and one reads
-//   WakeUp          there and back between two threads that sleep
+//   queue-write-read   a message in, a message out, on one thread
+//   queue-burst        a hundred messages in, then out
+//   queue-two-threads  a hundred messages that one thread writes and one reads
+//   queue-wake-up      there and back between two threads that sleep
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -17,7 +18,6 @@
 #include <glib.h>
 #endif
 
-#include "bench_idle.h"
 #include "zov.h"
 
 namespace {
@@ -28,7 +28,6 @@ constexpr uint64_t kBurst = 100;
 void start(const benchmark::State &) {
   zov_init();
   zov_queueInit(0);
-  startIdleThread();
 }
 
 void stop(const benchmark::State &) {
@@ -56,8 +55,10 @@ class ZovMessages {
 class DequeMessages {
  public:
   void put(uint64_t data) {
-    const std::lock_guard lock(mutex_);
-    messages_.push_back({data, 1, 2});
+    {
+      const std::lock_guard lock(mutex_);
+      messages_.push_back({data, 1, 2});
+    }
     arrived_.notify_one();
   }
   uint64_t take() {
@@ -118,18 +119,28 @@ void Burst(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kBurst));
 }
 
+// A burst counts until the reader has taken all of it, so that no backlog grows.
 template <typename Messages>
 void ProducerReader(benchmark::State &state) {
   Messages messages;
-  std::thread reader([&messages] {
+  std::atomic<uint64_t> taken = 0;
+  std::thread reader([&messages, &taken] {
     while (messages.take() != kStop) {
+      taken.fetch_add(1, std::memory_order_release);
     }
   });
+  uint64_t written = 0;
   for (auto _ : state) {
-    messages.put(1);
+    for (uint64_t i = 0; i < kBurst; ++i) {
+      messages.put(1);
+    }
+    written += kBurst;
+    while (taken.load(std::memory_order_acquire) != written) {
+    }
   }
   messages.put(kStop);
   reader.join();
+  state.SetItemsProcessed(static_cast<int64_t>(written));
 }
 
 template <typename Messages>
@@ -150,21 +161,21 @@ void WakeUp(benchmark::State &state) {
   echo.join();
 }
 
-#define ZOV_BENCH(scenario, peer) \
-  BENCHMARK_TEMPLATE(scenario, peer)->UseRealTime()->Setup(start)->Teardown(stop)
+#define ZOV_BENCH(scenario, peer, name) \
+  BENCHMARK_TEMPLATE(scenario, peer)->Name(name)->UseRealTime()->Setup(start)->Teardown(stop)
 #if defined(ZOV_HAVE_GLIB)
-#define ZOV_BENCH_GLIB(scenario) ZOV_BENCH(scenario, GlibMessages)
+#define ZOV_BENCH_GLIB(scenario, name) ZOV_BENCH(scenario, GlibMessages, name)
 #else
-#define ZOV_BENCH_GLIB(scenario) static_assert(true)
+#define ZOV_BENCH_GLIB(scenario, name) static_assert(true)
 #endif
-#define ZOV_COMPARE(scenario)         \
-  ZOV_BENCH(scenario, ZovMessages);   \
-  ZOV_BENCH(scenario, DequeMessages); \
-  ZOV_BENCH_GLIB(scenario)
+#define ZOV_COMPARE(scenario, operation)                  \
+  ZOV_BENCH(scenario, ZovMessages, operation "/zov");     \
+  ZOV_BENCH(scenario, DequeMessages, operation "/deque"); \
+  ZOV_BENCH_GLIB(scenario, operation "/glib")
 
-ZOV_COMPARE(WriteRead);
-ZOV_COMPARE(Burst);
-ZOV_COMPARE(ProducerReader);
-ZOV_COMPARE(WakeUp);
+ZOV_COMPARE(WriteRead, "queue-write-read");
+ZOV_COMPARE(Burst, "queue-burst");
+ZOV_COMPARE(ProducerReader, "queue-two-threads");
+ZOV_COMPARE(WakeUp, "queue-wake-up");
 
 }  // namespace

@@ -21,7 +21,7 @@ void BM_Draw(benchmark::State &state) {
   }
   zov_term();
 }
-BENCHMARK(BM_Draw);
+BENCHMARK(BM_Draw)->Name("draw-int32/zov");
 
 void BM_DrawStd(benchmark::State &state) {
   std::mt19937 generator(5489);
@@ -29,7 +29,7 @@ void BM_DrawStd(benchmark::State &state) {
     benchmark::DoNotOptimize(static_cast<uint32_t>(generator()));
   }
 }
-BENCHMARK(BM_DrawStd);
+BENCHMARK(BM_DrawStd)->Name("draw-int32/std");
 
 constexpr size_t kBulk = 100000;
 
@@ -51,13 +51,13 @@ void BM_DrawBulk(benchmark::State &state) {
   drawBulk(state, [=] { return zov_randGetNext(generator); });
   zov_term();
 }
-BENCHMARK(BM_DrawBulk);
+BENCHMARK(BM_DrawBulk)->Name("draw-bytes/zov");
 
 void BM_DrawBulkStd(benchmark::State &state) {
   std::mt19937 generator(5489);
   drawBulk(state, [&] { return static_cast<uint32_t>(generator()); });
 }
-BENCHMARK(BM_DrawBulkStd);
+BENCHMARK(BM_DrawBulkStd)->Name("draw-bytes/std");
 
 std::string mixedText() {
   std::string text;
@@ -76,7 +76,7 @@ void BM_Upper(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_Upper);
+BENCHMARK(BM_Upper)->Name("upper/zov");
 
 void BM_UpperLibc(benchmark::State &state) {
   const std::string text = mixedText();
@@ -90,6 +90,6 @@ void BM_UpperLibc(benchmark::State &state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_UpperLibc);
+BENCHMARK(BM_UpperLibc)->Name("upper/libc");
 
 }  // namespace

@@ -96,13 +96,13 @@ void libcReadBytes(benchmark::State &state, Get get) {
 void LibcGetcInline(benchmark::State &state) {
   libcReadBytes(state, [](FILE *file) { return getc_unlocked(file); });
 }
-BENCHMARK(LibcGetcInline)->Apply(bufferSizes);
+BENCHMARK(LibcGetcInline)->Name("get-char/libc-inline")->Apply(bufferSizes);
 
 void LibcGetcCalled(benchmark::State &state) {
   int (*volatile called)(FILE *) = fgetc_unlocked;
   libcReadBytes(state, [get = called](FILE *file) { return get(file); });
 }
-BENCHMARK(LibcGetcCalled)->Apply(bufferSizes);
+BENCHMARK(LibcGetcCalled)->Name("get-char/libc")->Apply(bufferSizes);
 
 void readBytes(benchmark::State &state, int32_t encoding) {
   Setting setting(encoding);
@@ -121,12 +121,12 @@ void readBytes(benchmark::State &state, int32_t encoding) {
 void Fgetc(benchmark::State &state) {
   readBytes(state, ZOV_ENC_BYTES);
 }
-BENCHMARK(Fgetc);
+BENCHMARK(Fgetc)->Name("get-char/zov");
 
 void FgetcUtf16(benchmark::State &state) {
   readBytes(state, ZOV_ENC_UTF16);
 }
-BENCHMARK(FgetcUtf16);
+BENCHMARK(FgetcUtf16)->Name("get-char-utf16/zov");
 
 void LibcFgets(benchmark::State &state) {
   Setting setting;
@@ -140,7 +140,7 @@ void LibcFgets(benchmark::State &state) {
   }
   setting.count(state);
 }
-BENCHMARK(LibcFgets)->Apply(bufferSizes);
+BENCHMARK(LibcFgets)->Name("get-line-fixed/libc")->Apply(bufferSizes);
 
 void Fgets(benchmark::State &state) {
   Setting setting;
@@ -154,7 +154,7 @@ void Fgets(benchmark::State &state) {
   }
   setting.count(state);
 }
-BENCHMARK(Fgets);
+BENCHMARK(Fgets)->Name("get-line-fixed/zov");
 
 void LibcGetline(benchmark::State &state) {
   Setting setting;
@@ -170,7 +170,7 @@ void LibcGetline(benchmark::State &state) {
   free(line);
   setting.count(state);
 }
-BENCHMARK(LibcGetline)->Apply(bufferSizes);
+BENCHMARK(LibcGetline)->Name("get-line/libc")->Apply(bufferSizes);
 
 void GetLine(benchmark::State &state) {
   Setting setting;
@@ -186,7 +186,7 @@ void GetLine(benchmark::State &state) {
   zov_freeMem(line, ZOV_DEFAULT_TAG);
   setting.count(state);
 }
-BENCHMARK(GetLine);
+BENCHMARK(GetLine)->Name("get-line/zov");
 
 template <typename Put>
 void libcWrite(benchmark::State &state, Put put) {
@@ -222,7 +222,7 @@ void LibcPutc(benchmark::State &state) {
     }
   });
 }
-BENCHMARK(LibcPutc)->Apply(bufferSizes);
+BENCHMARK(LibcPutc)->Name("put-char/libc")->Apply(bufferSizes);
 
 void Fputc(benchmark::State &state) {
   zovWrite(state, [](const char *line, ZOV_STREAM stream) {
@@ -231,27 +231,27 @@ void Fputc(benchmark::State &state) {
     }
   });
 }
-BENCHMARK(Fputc);
+BENCHMARK(Fputc)->Name("put-char/zov");
 
 void LibcFputs(benchmark::State &state) {
   libcWrite(state, [](const char *line, FILE *file) { fputs(line, file); });
 }
-BENCHMARK(LibcFputs)->Apply(bufferSizes);
+BENCHMARK(LibcFputs)->Name("put-line/libc")->Apply(bufferSizes);
 
 void Fputs(benchmark::State &state) {
   zovWrite(state, [](const char *line, ZOV_STREAM stream) { zov_fputs(line, stream); });
 }
-BENCHMARK(Fputs);
+BENCHMARK(Fputs)->Name("put-line/zov");
 
 void LibcFprintf(benchmark::State &state) {
   libcWrite(state, [](const char *line, FILE *file) { fprintf(file, "%d %s", 42, line); });
 }
-BENCHMARK(LibcFprintf)->Apply(bufferSizes);
+BENCHMARK(LibcFprintf)->Name("print-line/libc")->Apply(bufferSizes);
 
 void Fprintf(benchmark::State &state) {
   zovWrite(state,
            [](const char *line, ZOV_STREAM stream) { zov_fprintf(stream, "%d %s", 42, line); });
 }
-BENCHMARK(Fprintf);
+BENCHMARK(Fprintf)->Name("print-line/zov");
 
 }  // namespace

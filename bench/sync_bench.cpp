@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Recursive mutexes, alone, entered again, and contended, beside POSIX's.
+// Sync objects beside POSIX's: recursive mutexes alone, entered again, contended
+// and made; an event that is reset, signalled and waited for.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+
+#include <vector>
 
 #include "zov.h"
 
@@ -20,40 +23,104 @@ void stop(const benchmark::State &) {
   zov_term();
 }
 
-void PthreadRecursive(benchmark::State &state) {
-  for (auto _ : state) {
-    pthread_mutex_lock(&recursiveMutex);
-    pthread_mutex_unlock(&recursiveMutex);
-  }
-}
-BENCHMARK(PthreadRecursive)->ThreadRange(1, 2);
+struct Posix {
+  static void enter() { pthread_mutex_lock(&recursiveMutex); }
+  static void leave() { pthread_mutex_unlock(&recursiveMutex); }
+};
 
-void Zov(benchmark::State &state) {
-  for (auto _ : state) {
-    zov_syncEnterExcl(mutex);
-    zov_syncExitExcl(mutex);
-  }
-}
-BENCHMARK(Zov)->ThreadRange(1, 2)->Setup(start)->Teardown(stop);
+struct Zov {
+  static void enter() { zov_syncEnterExcl(mutex); }
+  static void leave() { zov_syncExitExcl(mutex); }
+};
 
-void PthreadReentered(benchmark::State &state) {
-  pthread_mutex_lock(&recursiveMutex);
+template <typename Mutex>
+void Pairs(benchmark::State &state) {
   for (auto _ : state) {
-    pthread_mutex_lock(&recursiveMutex);
-    pthread_mutex_unlock(&recursiveMutex);
+    Mutex::enter();
+    Mutex::leave();
   }
-  pthread_mutex_unlock(&recursiveMutex);
 }
-BENCHMARK(PthreadReentered);
 
-void ZovReentered(benchmark::State &state) {
-  zov_syncEnterExcl(mutex);
+template <typename Mutex>
+void Reentered(benchmark::State &state) {
+  Mutex::enter();
   for (auto _ : state) {
-    zov_syncEnterExcl(mutex);
-    zov_syncExitExcl(mutex);
+    Mutex::enter();
+    Mutex::leave();
   }
-  zov_syncExitExcl(mutex);
+  Mutex::leave();
 }
-BENCHMARK(ZovReentered)->Setup(start)->Teardown(stop);
+
+#define ZOV_BENCH(scenario, peer, name) \
+  BENCHMARK_TEMPLATE(scenario, peer)->Name(name)->Setup(start)->Teardown(stop)
+
+ZOV_BENCH(Pairs, Posix, "mutex-enter-exit/posix")->ThreadRange(1, 4)->UseRealTime();
+ZOV_BENCH(Pairs, Zov, "mutex-enter-exit/zov")->ThreadRange(1, 4)->UseRealTime();
+ZOV_BENCH(Reentered, Posix, "mutex-reenter/posix");
+ZOV_BENCH(Reentered, Zov, "mutex-reenter/zov");
+
+// With so many objects there already.
+void CreateDelete(benchmark::State &state) {
+  zov_init();
+  std::vector<ZOV_SYNC> there(static_cast<size_t>(state.range(0)));
+  for (ZOV_SYNC &each : there) {
+    each = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  }
+  for (auto _ : state) {
+    const ZOV_SYNC made = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+    if (made == ZOV_NO_SYNC) {
+      state.SkipWithError("no sync object");
+      break;
+    }
+    zov_syncDelete(made);
+  }
+  zov_term();
+}
+BENCHMARK(CreateDelete)->Name("mutex-create-delete/zov")->Arg(0)->Arg(10'000)->Arg(130'000);
+
+void CreateDeletePosix(benchmark::State &state) {
+  pthread_mutexattr_t recursive;
+  pthread_mutexattr_init(&recursive);
+  pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
+  for (auto _ : state) {
+    pthread_mutex_t made;
+    pthread_mutex_init(&made, &recursive);
+    benchmark::DoNotOptimize(made);
+    pthread_mutex_destroy(&made);
+  }
+  pthread_mutexattr_destroy(&recursive);
+}
+BENCHMARK(CreateDeletePosix)->Name("mutex-create-delete/posix");
+
+void SignalWait(benchmark::State &state) {
+  zov_init();
+  const ZOV_SYNC event = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
+  for (auto _ : state) {
+    zov_syncStart(event);
+    zov_syncResume(event);
+    benchmark::DoNotOptimize(zov_syncWait(event, ZOV_WAIT_FOREVER));
+  }
+  zov_term();
+}
+BENCHMARK(SignalWait)->Name("event-signal-wait/zov");
+
+void SignalWaitPosix(benchmark::State &state) {
+  pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  bool signalled = false;
+  for (auto _ : state) {
+    pthread_mutex_lock(&lock);
+    signalled = true;
+    pthread_cond_broadcast(&condition);
+    pthread_mutex_unlock(&lock);
+    pthread_mutex_lock(&lock);
+    while (!signalled) {
+      pthread_cond_wait(&condition, &lock);
+    }
+    signalled = false;
+    pthread_mutex_unlock(&lock);
+  }
+}
+BENCHMARK(SignalWaitPosix)->Name("event-signal-wait/posix");
 
 }  // namespace

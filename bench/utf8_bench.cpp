@@ -117,7 +117,7 @@ void Decode(benchmark::State &state) {
                                  ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(Decode)->Apply(texts);
+BENCHMARK(Decode)->Name("decode/zov")->Apply(texts);
 
 void DecodeTerminated(benchmark::State &state) {
   Row row(state);
@@ -126,19 +126,19 @@ void DecodeTerminated(benchmark::State &state) {
                              ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(DecodeTerminated)->Apply(texts);
+BENCHMARK(DecodeTerminated)->Name("decode-terminated/zov")->Apply(texts);
 
 void DecodeMeasuring(benchmark::State &state) {
   Row row(state);
   row.run([&] { return zov_utf8_to_wchar(nullptr, row.text.bytes.c_str(), 0, ZOV_UTF8_STRICT); });
 }
-BENCHMARK(DecodeMeasuring)->Apply(texts);
+BENCHMARK(DecodeMeasuring)->Name("decode-measure/zov")->Apply(texts);
 
 void DecodeLibc(benchmark::State &state) {
   Row row(state);
   row.run([&] { return mbstowcs(row.chars.data(), row.text.bytes.c_str(), row.sizeChars()); });
 }
-BENCHMARK(DecodeLibc)->Apply(texts);
+BENCHMARK(DecodeLibc)->Name("decode/libc")->Apply(texts);
 
 bool isTail(uint8_t byte) {
   return (byte & 0xC0) == 0x80;
@@ -189,7 +189,7 @@ void DecodePlainLoop(benchmark::State &state) {
   const uint8_t *in = reinterpret_cast<const uint8_t *>(row.text.bytes.data());
   row.run([&] { return plainDecode(row.chars.data(), in, in + row.text.bytes.size()); });
 }
-BENCHMARK(DecodePlainLoop)->Apply(texts);
+BENCHMARK(DecodePlainLoop)->Name("decode/plain-loop")->Apply(texts);
 
 void Encode(benchmark::State &state) {
   Row row(state);
@@ -199,7 +199,7 @@ void Encode(benchmark::State &state) {
                                  ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(Encode)->Apply(texts);
+BENCHMARK(Encode)->Name("encode/zov")->Apply(texts);
 
 void EncodeTerminated(benchmark::State &state) {
   Row row(state);
@@ -208,19 +208,19 @@ void EncodeTerminated(benchmark::State &state) {
                              ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(EncodeTerminated)->Apply(texts);
+BENCHMARK(EncodeTerminated)->Name("encode-terminated/zov")->Apply(texts);
 
 void EncodeMeasuring(benchmark::State &state) {
   Row row(state);
   row.run([&] { return zov_wchar_to_utf8(nullptr, row.text.chars.c_str(), 0, ZOV_UTF8_STRICT); });
 }
-BENCHMARK(EncodeMeasuring)->Apply(texts);
+BENCHMARK(EncodeMeasuring)->Name("encode-measure/zov")->Apply(texts);
 
 void EncodeLibc(benchmark::State &state) {
   Row row(state);
   row.run([&] { return wcstombs(row.bytes.data(), row.text.chars.c_str(), row.sizeBytes()); });
 }
-BENCHMARK(EncodeLibc)->Apply(texts);
+BENCHMARK(EncodeLibc)->Name("encode/libc")->Apply(texts);
 
 // The usual loop; null where a character is invalid.
 [[gnu::noinline]] char *plainEncode(char *out, const wchar_t *in, const wchar_t *end) {
@@ -257,7 +257,7 @@ void EncodePlainLoop(benchmark::State &state) {
   const wchar_t *in = row.text.chars.data();
   row.run([&] { return plainEncode(row.bytes.data(), in, in + row.text.chars.size()); });
 }
-BENCHMARK(EncodePlainLoop)->Apply(texts);
+BENCHMARK(EncodePlainLoop)->Name("encode/plain-loop")->Apply(texts);
 
 // The wide string copied: as many bytes as a decoder stores and an encoder
 // reads.
@@ -266,7 +266,7 @@ void CopyOfWideString(benchmark::State &state) {
   row.run(
       [&] { return wmemcpy(row.chars.data(), row.text.chars.c_str(), row.text.chars.size() + 1); });
 }
-BENCHMARK(CopyOfWideString)->Apply(texts);
+BENCHMARK(CopyOfWideString)->Name("decode/wmemcpy")->Apply(texts);
 
 void EncodeAllocating(benchmark::State &state) {
   zov_init();
@@ -278,7 +278,7 @@ void EncodeAllocating(benchmark::State &state) {
   });
   zov_term();
 }
-BENCHMARK(EncodeAllocating)->Apply(texts);
+BENCHMARK(EncodeAllocating)->Name("encode-allocate/zov")->Apply(texts);
 
 #if defined(ZOV_HAVE_GLIB)
 void DecodeGlib(benchmark::State &state) {
@@ -290,7 +290,7 @@ void DecodeGlib(benchmark::State &state) {
     return converted;
   });
 }
-BENCHMARK(DecodeGlib)->Apply(texts);
+BENCHMARK(DecodeGlib)->Name("decode-allocate/glib")->Apply(texts);
 
 void EncodeGlib(benchmark::State &state) {
   Row row(state);
@@ -302,7 +302,7 @@ void EncodeGlib(benchmark::State &state) {
     return converted;
   });
 }
-BENCHMARK(EncodeGlib)->Apply(texts);
+BENCHMARK(EncodeGlib)->Name("encode-allocate/glib")->Apply(texts);
 #endif
 
 constexpr const char *kNames[] = {"employee_records.dat", "EMPLOYEE_RECORDS.IDX", "a.ini",
@@ -325,13 +325,13 @@ void matchAll(benchmark::State &state, Matches matches) {
 void Match(benchmark::State &state) {
   matchAll(state, zov_match);
 }
-BENCHMARK(Match);
+BENCHMARK(Match)->Name("match/zov");
 
 void MatchLibc(benchmark::State &state) {
   matchAll(state, [](const char *name, const char *pattern) {
     return fnmatch(pattern, name, FNM_CASEFOLD);
   });
 }
-BENCHMARK(MatchLibc);
+BENCHMARK(MatchLibc)->Name("match/libc");
 
 }  // namespace

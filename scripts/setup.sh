@@ -21,6 +21,7 @@ declare -A PACKAGES=(
   [test]="bison libgtest-dev python3"
   [bench]="libbenchmark-dev libglib2.0-dev liblmdb-dev libsqlite3-dev libtirpc-dev pkg-config"
   [counts]="valgrind"
+  [report]="gnuplot-nox"
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen"
