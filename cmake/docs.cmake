@@ -14,6 +14,8 @@ add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZOV_DOCS_DIR}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${ZOV_DOCS_DIR}
   COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
+  COMMAND ${CMAKE_COMMAND} -E copy_directory
+    ${PROJECT_SOURCE_DIR}/docs/performance ${ZOV_DOCS_DIR}/html/performance
   DEPENDS
     ${PROJECT_BINARY_DIR}/Doxyfile
     ${PROJECT_SOURCE_DIR}/include/zov.h
