@@ -62,6 +62,7 @@ Directory *publish(Directory *directory) {
 bool prepareTree(Tree &tree) {
   const ZOV_SEG seg = tree.seg;
   const SegLock lock(seg);
+  tree.nodeBytes = zov_segSegSize(seg);
   if (zov_segSize(seg) == 0 && initializeSubdir(seg) != ZOV_OKAY) {
     if (zov_segSize(seg) != 0) {
       zov_segSetSize(seg, 0);
@@ -86,12 +87,7 @@ Directory *newDirectory(uint64_t id) {
   }
   directory->id = id;
   directory->tree.seg = zov_segOpen(id, O_CREAT);
-  if (directory->tree.seg == nullptr) {
-    freeDirectory(directory);
-    return nullptr;
-  }
-  directory->tree.nodeBytes = zov_segSegSize(directory->tree.seg);
-  if (!prepareTree(directory->tree)) {
+  if (directory->tree.seg == nullptr || !prepareTree(directory->tree)) {
     freeDirectory(directory);
     return nullptr;
   }
