@@ -9,6 +9,13 @@
 
 #include "store/cache.h"
 
+// For what takes or leaves a lock only in one mode.
+#if defined(__clang__)
+#define MINIDB_LOCKS_SOMETIMES __attribute__((no_thread_safety_analysis))
+#else
+#define MINIDB_LOCKS_SOMETIMES
+#endif
+
 namespace minidb {
 
 // --- Problems ------------------------------------------------------------

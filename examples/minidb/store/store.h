@@ -56,11 +56,11 @@ const char *problem();
 struct Store;
 
 struct Options {
-  const char *path;     // of the data file; for one in memory any name
-  uint32_t typeFlags;   // 0, or ZOV_FILE_MEMORY for a store that ends with closeStore()
-  bool create;          // make a missing or empty file a database, of mode 0600
-  bool readOnly;        // never write, and take no lock: others may have it open
-  uint64_t cacheBytes;  // of the page cache; 0 means kDefaultCacheBytes
+  const char *path;               // of the data file; for one in memory any name
+  uint32_t typeFlags;             // 0, or ZOV_FILE_MEMORY for a store that ends with closeStore()
+  bool create;                    // make a missing or empty file a database, of mode 0600
+  bool readOnly;                  // never write, and take no lock: others may have it open
+  uint64_t cacheBytes;            // of the page cache; 0 means kDefaultCacheBytes
   uint64_t dirtyBytes = 8 << 20;  // for pages that changed and are not in the cache
 };
 

@@ -468,7 +468,7 @@ bool logKey(Transaction &transaction, Text key) {
          fail("there is not enough memory for a transaction");
 }
 
-Status beginTransaction(Store &store, Mode mode, Transaction **transaction) {
+MINIDB_LOCKS_SOMETIMES Status beginTransaction(Store &store, Mode mode, Transaction **transaction) {
   *transaction = nullptr;
   if (store.readOnly) {
     return failed(Status::kRefused, "the database is open read-only");
@@ -517,7 +517,7 @@ Status commit(Transaction *transaction) {
   return status;
 }
 
-void rollback(Transaction *transaction) {
+MINIDB_LOCKS_SOMETIMES void rollback(Transaction *transaction) {
   Store &store = *transaction->store;
   const bool alone = transaction->mode == Mode::kExclusive;
   endTransaction(transaction);

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Data files of minidb: a right one with bytes changed, after which the checksums may
+// be right again. The first byte of the input says that and how to open it; then come
+// changes of five bytes each, an offset and what to flip there. A file that is refused
+// stays as it is; one that passes the check gives every record.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "store/page.h"
+
+namespace {
+
+using minidb::Status;
+
+struct Setting {
+  std::string path;
+  std::string bytes;  // of a right file
+};
+
+void require(bool right) {
+  if (!right) {
+    __builtin_trap();
+  }
+}
+
+std::string readFile(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+minidb::Text text(const std::string &bytes) {
+  return {bytes.data(), static_cast<uint32_t>(bytes.size())};
+}
+
+Status openFile(const std::string &path, bool readOnly, minidb::Store **store) {
+  return minidb::openStore({path.c_str(), 0, true, readOnly, minidb::kMinCacheBytes}, store);
+}
+
+Status change(minidb::Store *store, uint32_t count) {
+  minidb::Transaction *transaction;
+  require(minidb::beginTransaction(*store, minidb::Mode::kExclusive, &transaction) ==
+          Status::kOkay);
+  Status status = Status::kOkay;
+  for (uint32_t index = 0; index < count && status == Status::kOkay; ++index) {
+    const std::string key = std::string(200, 'k') + std::to_string(index * 7919 % count);
+    const std::string value(index % 50 == 0 ? 9000 : index % 90, 'v');
+    status = minidb::putRecord(*transaction, text(key), text(value));
+    if (status == Status::kOkay && index % 3 == 0) {
+      status = minidb::removeRecord(*transaction, text(key));
+    }
+  }
+  const Status kept = minidb::commit(transaction);
+  return status == Status::kOkay ? kept : status;
+}
+
+Setting make() {
+  require(zov_init() == ZOV_OKAY && zov_stderr_open("/dev/null") == ZOV_OKAY);
+  char directory[] = "/dev/shm/minidb_fuzz.XXXXXX";  // where a sync costs nothing
+  require(mkdtemp(directory) != nullptr);
+  Setting setting = {std::string(directory) + "/data", {}};
+  minidb::Store *store;
+  require(openFile(setting.path, false, &store) == Status::kOkay);
+  require(change(store, 500) == Status::kOkay);
+  minidb::closeStore(store);
+  setting.bytes = readFile(setting.path);
+  return setting;
+}
+
+// Reads everything, twice, and tells how many records there are.
+Status readEverything(minidb::Store *store, uint64_t &records) {
+  minidb::View view;
+  minidb::Cursor cursor;
+  require(minidb::openView(*store, view) == Status::kOkay);
+  const bool right = minidb::checkView(view, {}) == Status::kOkay;
+  records = 0;
+  Status status = minidb::seekFirst(cursor, view, {});
+  for (; status == Status::kOkay; status = minidb::seekNext(cursor), ++records) {
+    minidb::Text piece = {"", 1};
+    while (status == Status::kOkay && piece.length > 0) {
+      status = minidb::readValue(cursor, piece);
+    }
+    if (status != Status::kOkay || records > 100000) {
+      break;
+    }
+  }
+  uint64_t count = 0;
+  const Status counted = minidb::countRange(view, {text("k"), text("l")}, count);
+  require(!right ||
+          (status == Status::kMissing && counted == Status::kOkay && records == view.records));
+  minidb::closeView(view);
+  return right ? Status::kOkay : Status::kFailed;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const Setting setting = make();
+  std::string bytes = setting.bytes;
+  const uint8_t how = size == 0 ? 0 : data[0];
+  for (size_t at = 1; at + 5 <= size; at += 5) {
+    uint32_t offset;
+    memcpy(&offset, data + at, sizeof offset);
+    offset %= static_cast<uint32_t>(bytes.size());
+    bytes[offset] = static_cast<char>(bytes[offset] ^ data[at + 4]);
+    if ((how & 1) != 0) {
+      auto *page = reinterpret_cast<uint8_t *>(bytes.data());
+      minidb::sealPage(page + offset / minidb::kPageBytes * minidb::kPageBytes);
+    }
+  }
+  bytes.resize((how & 2) != 0 ? bytes.size() - how : bytes.size());
+  std::ofstream(setting.path, std::ios::binary) << bytes;
+  minidb::Store *store;
+  const bool readOnly = (how & 4) != 0;
+  if (openFile(setting.path, readOnly, &store) != Status::kOkay) {
+    require(readFile(setting.path) == bytes);
+    return 0;
+  }
+  uint64_t before;
+  uint64_t after;
+  const Status right = readEverything(store, before);
+  if (!readOnly && (how & 8) != 0) {
+    const Status compacted = minidb::compactStore(*store, {});
+    require(right != Status::kOkay || compacted == Status::kOkay);
+    require(readEverything(store, after) != Status::kOkay || right != Status::kOkay ||
+            before == after);
+  } else if (!readOnly) {
+    const Status changed = change(store, 100);
+    require(right != Status::kOkay || changed == Status::kOkay);
+    const Status then = readEverything(store, after);
+    require(right != Status::kOkay || then == Status::kOkay);
+  }
+  minidb::closeStore(store);
+  return 0;
+}
