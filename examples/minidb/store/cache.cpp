@@ -50,6 +50,7 @@ void dropFrame(Cache &cache, Shard &shard, Frame *frame) {
   shard.frames[frame->slot] = last;
   last->slot = frame->slot;
   zov_putInPool(frame, cache.pool);
+  cache.used.fetch_sub(1, std::memory_order_relaxed);
 }
 
 // A frame that nobody uses, taken from its page. Null when all are pinned or cannot be
@@ -83,6 +84,7 @@ Frame *newFrame(Cache &cache, Shard &shard) {
   Frame *frame = static_cast<Frame *>(chunk);
   frame->slot = shard.count;
   shard.frames[shard.count++] = frame;
+  cache.used.fetch_add(1, std::memory_order_relaxed);
   return frame;
 }
 

@@ -50,7 +50,7 @@ struct Cache {
   uint32_t shardFrames;  // a power of two is not needed
   uint32_t shardBuckets;
   Shard shards[kShards];
-  std::atomic<uint64_t> hits, reads, writes;
+  std::atomic<uint64_t> used, hits, reads, writes;
 };
 
 bool openCache(Cache &cache, ZOV_TAG tag, uint64_t bytes);

@@ -86,54 +86,9 @@ void makeInnerCell(Cell &cell, Text key, uint64_t child, uint64_t records) {
   memcpy(cell.bytes + kInnerCell, key.bytes, key.length);
 }
 
-// How many of a page's cells and the new one stay left: all but the new one where keys
-// are appended, else half of the bytes.
-uint32_t cutOf(ConstBytes page, uint32_t index, uint32_t newBytes, bool appends) {
-  if (appends) {
-    return index;
-  }
-  const uint32_t half = (kPageBytes - lowestOf(page) + newBytes) / 2;
-  uint32_t sum = 0;
-  uint32_t cut = 0;
-  while (sum < half) {
-    sum += cut == index ? newBytes : cellBytes(page, cut - (cut > index ? 1 : 0));
-    ++cut;
-  }
-  return cut;
-}
-
-// Appends some of a page's cells, the new one counted among them.
-void appendMixed(Bytes to, ConstBytes from, uint32_t index, const Cell &cell, uint32_t first,
-                 uint32_t last) {
-  const uint32_t before = last < index ? last : index;
-  if (first < before) {
-    copyCells(to, from, first, before);
-  }
-  if (first <= index && index < last) {
-    insertCell(to, countOf(to), cell.bytes, cell.length);
-  }
-  if (last > index + 1) {
-    copyCells(to, from, first > index ? first - 1 : index, last - 1);
-  }
-}
-
-// A key that tells what is left of a new page from what is in it, the shortest one
-// between leaves.
-Text separatorOf(ConstBytes left, ConstBytes right) {
-  Text key = cellKey(right, 0);
-  if (kindOf(right) == Kind::kLeaf) {
-    const Text below = cellKey(left, countOf(left) - 1);
-    uint32_t common = 0;
-    while (common < below.length && below.bytes[common] == key.bytes[common]) {
-      ++common;
-    }
-    key.length = common + 1;
-  }
-  return key;
-}
-
-// Parts a full page, which is unpinned. The cell becomes that of the new page to its
-// right, and `leftRecords` what the old one is left with.
+// Parts a full page, which is unpinned: half of the bytes go to a new page to its right,
+// or only the new cell where keys are appended. The cell becomes that of the new page,
+// and `leftRecords` what the old one is left with.
 bool split(Transaction &transaction, const Path &path, uint32_t at, Frame *frame, Cell &cell,
            uint64_t &leftRecords) {
   uint8_t old[kPageBytes];
@@ -146,12 +101,19 @@ bool split(Transaction &transaction, const Path &path, uint32_t at, Frame *frame
   }
   const uint32_t index = path.index[at];
   const uint32_t count = countOf(old);
-  const uint32_t cut = cutOf(old, index, cell.length, path.rightmost && index == count);
+  const bool appends = path.rightmost && index == count;
+  const uint32_t half = (kPageBytes - lowestOf(old) + cell.length) / 2;
   initPage(frame->bytes, kindOf(old), levelOf(old), numberOf(old), commitOf(old));
-  appendMixed(frame->bytes, old, index, cell, 0, cut);
-  appendMixed(right->bytes, old, index, cell, cut, count + 1);
+  uint32_t sum = 0;
+  for (uint32_t next = 0; next <= count; ++next) {
+    const uint32_t from = next - (next > index ? 1 : 0);
+    const uint32_t length = next == index ? cell.length : cellBytes(old, from);
+    Bytes to = (appends ? next < count : sum < half) ? frame->bytes : right->bytes;
+    insertCell(to, countOf(to), next == index ? cell.bytes : cellOf(old, from), length);
+    sum += length;
+  }
   leftRecords = sumRecords(frame->bytes);
-  makeInnerCell(cell, separatorOf(frame->bytes, right->bytes), number, sumRecords(right->bytes));
+  makeInnerCell(cell, cellKey(right->bytes, 0), number, sumRecords(right->bytes));
   unpin(frame);
   unpin(right);
   return true;
@@ -259,29 +221,25 @@ bool replaceAt(Transaction &transaction, Path &path, Cell &cell) {
   return insert(transaction, path, cell);
 }
 
-// Where a key is; the value that it has goes out of use.
-bool findOld(Transaction &transaction, Text key, Path &path) {
+// Changes the record of a key: a null cell removes it. The value that it had goes out
+// of use. Sets `found` when there was one.
+bool change(Transaction &transaction, Text key, Cell *cell, bool &found) {
+  View &view = transaction.view;
+  Path path;
   path.found = false;
   path.rightmost = true;
-  if (transaction.view.depth == 0) {
-    return true;
+  Frame *leaf = view.depth == 0 ? nullptr : descend(view, key, path, false);
+  if (leaf != nullptr) {
+    if (path.found) {
+      view.live -= chainPages(cellOf(leaf->bytes, path.index[view.depth - 1]));
+    }
+    unpin(leaf);
   }
-  Frame *frame = descend(transaction.view, key, path, false);
-  if (frame == nullptr) {
-    return false;
+  found = path.found;
+  if ((leaf == nullptr && view.depth > 0) || (cell == nullptr && !found)) {
+    return leaf != nullptr || view.depth == 0;
   }
-  if (path.found) {
-    const uint32_t index = path.index[transaction.view.depth - 1];
-    transaction.view.live -= chainPages(cellOf(static_cast<ConstBytes>(frame->bytes), index));
-  }
-  unpin(frame);
-  return true;
-}
-
-// Changes the record of a key: a null cell removes it.
-bool change(Transaction &transaction, Text key, Path &path, Cell *cell) {
-  const int64_t more = cell == nullptr ? -1 : path.found ? 0 : 1;
-  View &view = transaction.view;
+  const int64_t more = cell == nullptr ? -1 : found ? 0 : 1;
   if (!logKey(transaction, key) || !makePathOwn(transaction, path, more)) {
     return false;
   }
@@ -290,7 +248,7 @@ bool change(Transaction &transaction, Text key, Path &path, Cell *cell) {
   if (cell == nullptr) {
     return removeAt(transaction, path);
   }
-  return path.found ? replaceAt(transaction, path, *cell) : insert(transaction, path, *cell);
+  return found ? replaceAt(transaction, path, *cell) : insert(transaction, path, *cell);
 }
 
 Status checkChange(const Transaction &transaction, Text key) {
@@ -301,11 +259,6 @@ Status checkChange(const Transaction &transaction, Text key) {
     return failed(Status::kRefused, "a key has 1 to %u bytes, not %u", kMaxKeyBytes, key.length);
   }
   return Status::kOkay;
-}
-
-Status resultOf(Transaction &transaction, bool changed) {
-  transaction.failed = !changed;
-  return changed ? Status::kOkay : Status::kFailed;
 }
 
 // Writes what has come so far to a page of the value's chain.
@@ -344,7 +297,7 @@ void startValue(Writer &writer, Transaction &transaction) {
 
 Status appendValue(Writer &writer, Text piece) {
   if (writer.transaction->failed) {
-    return checkChange(*writer.transaction, piece);
+    return checkChange(*writer.transaction, {});
   }
   if (piece.length > kMaxValueBytes - writer.length) {
     return failed(Status::kRefused, "a value has at most %u bytes", kMaxValueBytes);
@@ -353,7 +306,8 @@ Status appendValue(Writer &writer, Text piece) {
     uint32_t used = lengthInPiece(writer);
     if (used == kChainBytes) {
       if (!writePiece(writer, used, false)) {
-        return resultOf(*writer.transaction, false);
+        writer.transaction->failed = true;
+        return Status::kFailed;
       }
       used = 0;
     }
@@ -372,25 +326,24 @@ Status putValue(Writer &writer, Text key) {
   if (status != Status::kOkay) {
     return status;
   }
-  Cell cell;
   const bool chained = isChained(key.length, writer.length);
+  if (chained && !writePiece(writer, lengthInPiece(writer), true)) {
+    transaction.failed = true;
+    return Status::kFailed;
+  }
+  Cell cell = {kLeafCell + key.length + (chained ? 8 : writer.length), {}};
   put(cell.bytes, static_cast<uint16_t>(key.length));
-  put(cell.bytes + 2, uint16_t{0});
   put(cell.bytes + 4, writer.length);
   memcpy(cell.bytes + kLeafCell, key.bytes, key.length);
-  cell.length = kLeafCell + key.length + (chained ? 8 : writer.length);
-  if (chained && !writePiece(writer, lengthInPiece(writer), true)) {
-    return resultOf(transaction, false);
-  }
   if (chained) {
-    put(cell.bytes + kLeafCell + key.length, writer.first);
+    put(valueOf(cell.bytes), writer.first);
   } else {
-    memcpy(cell.bytes + kLeafCell + key.length, writer.piece, writer.length);
+    memcpy(valueOf(cell.bytes), writer.piece, writer.length);
   }
   transaction.view.live += chainPages(cell.bytes);
-  Path path;
-  return resultOf(transaction,
-                  findOld(transaction, key, path) && change(transaction, key, path, &cell));
+  bool found = false;
+  transaction.failed = !change(transaction, key, &cell, found);
+  return transaction.failed ? Status::kFailed : Status::kOkay;
 }
 
 Status putRecord(Transaction &transaction, Text key, Text value) {
@@ -405,12 +358,9 @@ Status removeRecord(Transaction &transaction, Text key) {
   if (status != Status::kOkay) {
     return status;
   }
-  Path path;
-  const bool looked = findOld(transaction, key, path);
-  if (looked && !path.found) {
-    return Status::kMissing;
-  }
-  return resultOf(transaction, looked && change(transaction, key, path, nullptr));
+  bool found = false;
+  transaction.failed = !change(transaction, key, nullptr, found);
+  return transaction.failed ? Status::kFailed : found ? Status::kOkay : Status::kMissing;
 }
 
 }  // namespace minidb

@@ -26,16 +26,30 @@ bool wrong(uint64_t number, const char *what) {
   return fail("page %llu is damaged: %s", static_cast<unsigned long long>(number), what);
 }
 
+// Pages of a transaction's own may stand in the cache alone.
+bool readOwn(const View &view, uint64_t number, Bytes page) {
+  PageFile *file = (number & kScratchBit) != 0 ? view.scratch : view.file;
+  Frame *frame = pinPage(view.store->cache, *file, number, nullptr);
+  if (frame != nullptr) {
+    memcpy(page, frame->bytes, kPageBytes);
+    unpin(frame);
+  }
+  return frame != nullptr;
+}
+
 bool readChecked(Check &check, uint64_t number, Kind kind, uint32_t level, Bytes page) {
   const View &view = *check.view;
+  const bool own = view.scratch != nullptr && number >= view.end;
   ++check.used;
-  if (number < kFirstPage || number >= view.end) {
+  if (number < kFirstPage || (number >= view.end && !own)) {
     return wrong(number, "there is no such page");
   }
-  if (!readPage(view.store->cache, *view.file, number, page)) {
+  if (!(own ? readOwn(view, number, page)
+            : readPage(view.store->cache, *view.file, number, page))) {
     return false;
   }
-  return (kindOf(page) == kind && levelOf(page) == level && commitOf(page) <= view.number) ||
+  return (kindOf(page) == kind && levelOf(page) == level &&
+          (own || commitOf(page) <= view.number)) ||
          wrong(number, "it is of another kind, level or commit");
 }
 

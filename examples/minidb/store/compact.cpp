@@ -36,8 +36,8 @@ Status copyRecords(const View &source, Transaction &target, Progress progress) {
 }
 
 Status createReplacement(Store &store, const View &source, PageFile **file) {
-  if (source.file->descriptor == ZOV_NO_DESCRIPTOR) {
-    return openMemoryFile(store, source.file->path, file);
+  if (!onDisk(store.typeFlags)) {
+    return openPageFile(store, source.file->path, O_RDWR, file);
   }
   char *path = replacementPath(store, source.file->path);
   if (path == nullptr) {
@@ -76,19 +76,18 @@ bool takeAfter(const PageFile &file, const PageFile &old) {
       fchown(descriptor, wanted.st_uid, wanted.st_gid) != 0) {
     return fail("cannot give a new \"%s\" the owner of the old one", old.path);
   }
-  return (fchmod(descriptor, wanted.st_mode & 07777) == 0 &&
-          zov_fileSync(file.handle) == ZOV_OKAY) ||
+  return fchmod(descriptor, wanted.st_mode & 07777) == 0 ||
          fail("cannot set the permissions of a new \"%s\"", old.path);
 }
 
 // Puts a whole new file in place of the old one. With kUnknown it is there, but may be
 // gone after a crash.
 Status replace(Store &store, PageFile &file, const PageFile &old) {
-  if (old.descriptor == ZOV_NO_DESCRIPTOR) {
+  if (!onDisk(store.typeFlags)) {
     return Status::kOkay;
   }
   char *path = static_cast<char *>(zov_getMem(0, store.tag, ZOV_MEM_STRDUP, old.path, ZOV_HERE));
-  if (path == nullptr || !takeAfter(file, old)) {
+  if (path == nullptr || !takeAfter(file, old) || !syncFile(store, file)) {
     zov_freeMem(path, store.tag);
     return Status::kFailed;
   }

@@ -167,9 +167,10 @@ Status seekKey(Cursor &cursor, const View &view, Text key) {
   cursor.view = &view;
   cursor.range = {key, key};
   const Status status = place(cursor, key);
-  return status != Status::kOkay || cursor.path.found
-             ? (status == Status::kOkay ? arrive(cursor) : status)
-             : Status::kMissing;
+  if (status != Status::kOkay || !cursor.path.found) {
+    return status == Status::kOkay ? Status::kMissing : status;
+  }
+  return arrive(cursor);
 }
 
 Status seekNext(Cursor &cursor) {

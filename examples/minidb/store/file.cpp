@@ -24,18 +24,13 @@ constexpr uint32_t kVersion = 3;
 
 std::atomic<uint32_t> memoryFiles;
 
-bool identityOf(const struct stat &status, Identity &identity) {
-  identity = {status.st_dev, status.st_ino};
-  return true;
-}
-
 Status openFailed(const char *path) {
   const int error = errno;
   return failed(error == ENOENT ? Status::kMissing : Status::kFailed, "cannot open \"%s\": %s",
                 path, strerror(error));
 }
 
-// The descriptor that the lock is on. The name may have got another file meanwhile.
+// The descriptor that the lock is on.
 Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
   const int descriptor = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
   if (descriptor < 0) {
@@ -46,7 +41,8 @@ Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
   if (fstat(descriptor, &status) != 0) {
     return openFailed(path);
   }
-  identityOf(status, file.identity);
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
   if (!S_ISREG(status.st_mode)) {
     return failed(Status::kRefused, "\"%s\" is not a regular file", path);
   }
@@ -56,38 +52,29 @@ Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
   return Status::kOkay;
 }
 
-// kConflict when the name has got another file meanwhile.
+// kConflict when the name has got another file meanwhile. The name is kept without
+// links, and as one that does not depend on the current directory.
 Status openOnce(Store &store, const char *path, int32_t flags, PageFile &file) {
-  const Status status = openDescriptor(path, flags, file);
-  if (status != Status::kOkay) {
-    return status;
-  }
-  char resolved[PATH_MAX];
-  if (realpath(path, resolved) == nullptr) {
-    return errno == ENOENT ? Status::kConflict : openFailed(path);
+  char resolved[PATH_MAX] = "memory";
+  if (onDisk(store.typeFlags)) {
+    const Status status = openDescriptor(path, flags, file);
+    if (status != Status::kOkay) {
+      return status;
+    }
+    if (realpath(path, resolved) == nullptr) {
+      return errno == ENOENT ? Status::kConflict : openFailed(path);
+    }
   }
   file.path = static_cast<char *>(zov_getMem(0, store.tag, ZOV_MEM_STRDUP, resolved, ZOV_HERE));
-  file.handle =
-      file.path == nullptr
-          ? nullptr
-          : zov_fileOpen(file.path, static_cast<uint32_t>(flags & O_ACCMODE), store.typeFlags);
-  Identity now;
+  if (file.path != nullptr) {
+    const auto access = static_cast<uint32_t>(flags & O_ACCMODE);
+    file.handle =
+        onDisk(store.typeFlags) ? zov_fileOpen(file.path, access, store.typeFlags) : openMemory();
+  }
   if (file.handle == nullptr) {
     return openFailed(path);
   }
-  return identify(resolved, now) && same(now, file.identity) ? Status::kOkay : Status::kConflict;
-}
-
-PageFile *newPageFile(Store &store) {
-  auto *file = static_cast<PageFile *>(
-      zov_getMem(sizeof(PageFile), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  if (file == nullptr) {
-    fail("there is not enough memory to open a file");
-    return nullptr;
-  }
-  file->descriptor = ZOV_NO_DESCRIPTOR;
-  file->users.store(1);
-  return file;
+  return !onDisk(store.typeFlags) || leadsTo(resolved, file) ? Status::kOkay : Status::kConflict;
 }
 
 bool isMeta(ConstBytes page, uint64_t number) {
@@ -167,33 +154,30 @@ ZOV_FILE openMemory() {
   return file;
 }
 
+void closeFile(ZOV_FILE file) {
+  if (file != nullptr) {
+    zov_fileClose(file);
+  }
+}
+
 Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **out) {
   Status status = Status::kConflict;
   while (status == Status::kConflict) {
-    PageFile *file = newPageFile(store);
-    status = file == nullptr ? Status::kFailed : openOnce(store, path, flags, *file);
+    auto *file = static_cast<PageFile *>(
+        zov_getMem(sizeof(PageFile), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+    if (file == nullptr) {
+      return failed(Status::kFailed, "there is not enough memory to open \"%s\"", path);
+    }
+    file->descriptor = ZOV_NO_DESCRIPTOR;
+    file->users.store(1);
+    status = openOnce(store, path, flags, *file);
     if (status == Status::kOkay) {
       *out = file;
-    } else if (file != nullptr) {
+    } else {
       closePageFile(store, file);
     }
   }
   return status;
-}
-
-Status openMemoryFile(Store &store, const char *path, PageFile **out) {
-  PageFile *file = newPageFile(store);
-  if (file == nullptr) {
-    return Status::kFailed;
-  }
-  file->path = static_cast<char *>(zov_getMem(0, store.tag, ZOV_MEM_STRDUP, path, ZOV_HERE));
-  file->handle = file->path == nullptr ? nullptr : openMemory();
-  if (file->handle == nullptr) {
-    closePageFile(store, file);
-    return failed(Status::kFailed, "there is not enough memory for a database");
-  }
-  *out = file;
-  return Status::kOkay;
 }
 
 void closePageFile(Store &store, PageFile *file) {
@@ -201,9 +185,7 @@ void closePageFile(Store &store, PageFile *file) {
     return;
   }
   forgetFile(store.cache, *file);
-  if (file->handle != nullptr) {
-    zov_fileClose(file->handle);
-  }
+  closeFile(file->handle);
   if (file->descriptor != ZOV_NO_DESCRIPTOR) {
     zov_flClose(file->descriptor);
   }
@@ -256,14 +238,14 @@ bool writeMeta(Store &store, const View &view) {
          fail("cannot write a meta page of \"%s\"", view.file->path);
 }
 
-bool syncFile(Store &store, const View &view) {
+bool syncFile(Store &store, const PageFile &file) {
   store.syncs.fetch_add(1, std::memory_order_relaxed);
-  return zov_fileSync(view.file->handle) == ZOV_OKAY || fail("cannot sync \"%s\"", view.file->path);
+  return zov_fileSync(file.handle) == ZOV_OKAY || fail("cannot sync \"%s\"", file.path);
 }
 
-bool identify(const char *path, Identity &identity) {
+bool leadsTo(const char *path, const PageFile &file) {
   struct stat status;
-  return stat(path, &status) == 0 && identityOf(status, identity);
+  return stat(path, &status) == 0 && status.st_dev == file.device && status.st_ino == file.inode;
 }
 
 // Some file systems cannot sync a directory, and some directories not be read.
@@ -274,9 +256,7 @@ bool syncDirectory(const char *path) {
   ZOV_FILE file = zov_fileOpen(directory, O_RDONLY | O_DIRECTORY, 0);
   bool synced = file != nullptr ? zov_fileSync(file) == ZOV_OKAY : errno == EACCES;
   synced = synced || errno == EINVAL;
-  if (file != nullptr) {
-    zov_fileClose(file);
-  }
+  closeFile(file);
   return synced || fail("cannot sync the directory of \"%s\"", path);
 }
 

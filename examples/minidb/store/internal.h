@@ -28,16 +28,12 @@ Status failed(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
 
 // --- Files of pages ------------------------------------------------------
 
-struct Identity {
-  uint64_t device;
-  uint64_t inode;
-};
-
 // The data file, or one in memory for a transaction's pages.
 struct PageFile {
   ZOV_FILE handle;
   uint64_t descriptor;  // carries the lock of a file on disk and keeps its inode
-  Identity identity;
+  uint64_t device;
+  uint64_t inode;
   char *path;
   uint64_t end;                 // first page that nobody took; stateLock
   std::atomic<uint32_t> users;  // the store and the views
@@ -48,23 +44,20 @@ bool writeAll(ZOV_FILE file, int64_t offset, const void *bytes, uint32_t length)
 
 // A file in memory without a name; null when memory is missing.
 ZOV_FILE openMemory();
+void closeFile(ZOV_FILE file);  // or null
 
-// Opens the file of a path on disk, locked unless it is read-only. New files have mode
-// 0600. kMissing when there is none.
+// Opens the file of a path; on disk it is locked unless it is read-only, and a new one
+// has mode 0600. kMissing when there is none.
 Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **file);
-Status openMemoryFile(Store &store, const char *path, PageFile **file);
 void closePageFile(Store &store, PageFile *file);  // with its last user
 
 // Reads the newer meta that is right. kMissing for a file without a byte.
 Status readMetas(Store &store, PageFile &file, View &view);
 bool writeMeta(Store &store, const View &view);
-bool syncFile(Store &store, const View &view);
+bool syncFile(Store &store, const PageFile &file);
 
-// What a path leads to; false when there is nothing or that cannot be told.
-bool identify(const char *path, Identity &identity);
-inline bool same(Identity first, Identity second) {
-  return first.device == second.device && first.inode == second.inode;
-}
+// Whether a path leads to a file.
+bool leadsTo(const char *path, const PageFile &file);
 
 // Syncs the directory that a file is in.
 bool syncDirectory(const char *path);
@@ -73,6 +66,10 @@ bool syncDirectory(const char *path);
 char *replacementPath(Store &store, const char *path);
 
 // --- The store -----------------------------------------------------------
+
+inline bool onDisk(uint32_t typeFlags) {
+  return (typeFlags & ZOV_FILE_MEMORY) == 0;
+}
 
 constexpr uint64_t kFirstPage = 2;  // behind the metas
 
@@ -97,14 +94,6 @@ Status rebuild(Store &store, const View &source, Progress progress);
 
 // --- Transactions --------------------------------------------------------
 
-// Keys that a transaction changed, in the order of the changes.
-struct KeyLog {
-  ZOV_OUTPUTBUFF buffer;  // null for an exclusive transaction
-  ZOV_FILE file;          // in memory; opened when the buffer is full
-  int64_t length;
-  bool tooLong;  // some are missing
-};
-
 // 1. Own pages are those of the scratch file and those from base.end on: no other
 //    page that `view` reaches is as new. Only they are changed.
 // 2. Pages get their place in the data file when the transaction is committed, or at
@@ -113,15 +102,16 @@ struct Transaction {
   Store *store;
   Mode mode;
   bool failed;
-  bool spilled;  // has taken pages of the data file
+  bool spilled;  // has taken places for pages that may still change
   View base;
   View view;
   PageFile scratch;
   uint32_t scratchPages;
-  uint64_t spillStart;  // first of the pages taken in one piece up to runEnd
-  uint64_t runNext;     // of them those from here on are still unused
-  uint64_t runEnd;
-  KeyLog log;
+  uint64_t firstPlace;  // of those taken last in one piece
+  uint64_t places;
+  ZOV_FILE log;  // in memory: the keys changed, each behind its length
+  int64_t logBytes;
+  bool logTooLong;    // some are missing
   Transaction *next;  // that waits
   bool done;
   Status result;
@@ -147,9 +137,9 @@ void endTransaction(Transaction *transaction);
 // Puts the record that a cursor stands on.
 Status copyRecord(Transaction &transaction, Cursor &cursor);
 
-// Number for a new page, and a pinned new page.
+// Number for a new page; place in the data file; pinned new page.
 uint64_t takeNumber(Transaction &transaction);
-uint64_t takePlace(Transaction &transaction);  // in the data file
+uint64_t takePlace(Transaction &transaction);
 Frame *newPage(Transaction &transaction, Kind kind, uint32_t level, uint64_t number);
 
 // Notes that a key is about to be changed.

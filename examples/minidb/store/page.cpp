@@ -155,18 +155,15 @@ void insertCell(Bytes page, uint32_t index, ConstBytes cell, uint32_t cellBytes)
   put(page + 24, lowest);
 }
 
-void copyCells(Bytes to, ConstBytes from, uint32_t first, uint32_t last) {
-  for (uint32_t index = first; index < last; ++index) {
-    insertCell(to, countOf(to), cellOf(from, index), cellBytes(from, index));
-  }
-}
-
 void removeCell(Bytes page, uint32_t index) {
   uint8_t old[kPageBytes];
   memcpy(old, page, sizeof old);
   initPage(page, kindOf(old), levelOf(old), numberOf(old), commitOf(old));
-  copyCells(page, old, 0, index);
-  copyCells(page, old, index + 1, countOf(old));
+  for (uint32_t each = 0; each < countOf(old); ++each) {
+    if (each != index) {
+      insertCell(page, countOf(page), cellOf(old, each), cellBytes(old, each));
+    }
+  }
 }
 
 }  // namespace minidb

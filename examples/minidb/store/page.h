@@ -153,9 +153,6 @@ bool hasRoom(ConstBytes page, uint32_t cellBytes);
 void insertCell(Bytes page, uint32_t index, ConstBytes cell, uint32_t cellBytes);
 void removeCell(Bytes page, uint32_t index);
 
-// Appends cells of one page, from the first to before the last, to another.
-void copyCells(Bytes to, ConstBytes from, uint32_t first, uint32_t last);
-
 }  // namespace minidb
 
 #endif

@@ -4,7 +4,9 @@
 #include "store/store.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <stdarg.h>
+#include <stdlib.h>
 
 #include "store/internal.h"
 
@@ -42,10 +44,6 @@ Store *newStore(const Options &options) {
     return nullptr;
   }
   return store;
-}
-
-bool onDisk(const Store &store) {
-  return (store.typeFlags & ZOV_FILE_MEMORY) == 0;
 }
 
 // Takes a file for the store's; an empty one becomes a database if `create` says so.
@@ -90,10 +88,6 @@ Status tidy(Store &store) {
 Status openData(Store &store, const Options &options) {
   const bool create = options.create && !options.readOnly;
   PageFile *file = nullptr;
-  if (!onDisk(store)) {
-    const Status status = openMemoryFile(store, options.path, &file);
-    return status == Status::kOkay ? enterFile(store, file, true) : status;
-  }
   if (isReplacement(options.path)) {
     return failed(Status::kRefused, "\"%s\": names that end in .new are for compaction",
                   options.path);
@@ -101,53 +95,44 @@ Status openData(Store &store, const Options &options) {
   Status status = openPageFile(
       store, options.path, options.readOnly ? O_RDONLY : O_RDWR | (create ? O_CREAT : 0), &file);
   if (status == Status::kOkay) {
-    status = enterFile(store, file, create);
+    status = enterFile(store, file, create || !onDisk(store.typeFlags));
   }
-  return status == Status::kOkay && !store.readOnly ? tidy(store) : status;
+  const bool writes = onDisk(store.typeFlags) && !store.readOnly;
+  return status == Status::kOkay && writes ? tidy(store) : status;
 }
 
 // Looks what other processes have committed, and whether they have put another file in
 // place of the one that is open. stateLock.
 Status refresh(Store &store) {
   View view = store.newest;
-  Identity now;
-  if (identify(view.file->path, now) && !same(now, view.file->identity)) {
-    const Status status = openPageFile(store, view.file->path, O_RDONLY, &view.file);
-    if (status != Status::kOkay) {
-      return Status::kFailed;
-    }
+  PageFile *old = view.file;
+  if (!leadsTo(old->path, *old) &&
+      openPageFile(store, old->path, O_RDONLY, &view.file) != Status::kOkay) {
+    return Status::kFailed;
   }
-  const Status status = readMetas(store, *view.file, view);
-  PageFile *unused = status == Status::kOkay ? store.newest.file : view.file;
-  if (unused != (status == Status::kOkay ? view.file : store.newest.file)) {
-    closePageFile(store, unused);
+  const bool read = readMetas(store, *view.file, view) == Status::kOkay;
+  if (view.file != old) {
+    closePageFile(store, read ? old : view.file);
   }
-  if (status == Status::kOkay) {
+  if (read) {
     store.newest = view;
   }
-  return status == Status::kOkay ? status : Status::kFailed;
+  return read ? Status::kOkay : Status::kFailed;
 }
 
-bool inSameDirectory(const char *first, const char *second) {
-  Identity identities[2];
-  const char *paths[2] = {first, second};
-  for (int index = 0; index < 2; ++index) {
-    const char *slash = strrchr(paths[index], '/');
-    char directory[4096] = ".";
-    if (slash != nullptr) {
-      const auto length = static_cast<uint64_t>(slash + 2 - paths[index]);
-      zov_strncpyZ(directory, paths[index], length < sizeof directory ? length : sizeof directory);
-    }
-    if (!identify(directory, identities[index])) {
-      return false;
-    }
-  }
-  return same(identities[0], identities[1]);
-}
-
-const char *nameOf(const char *path) {
+// Whether a path names the file that compaction makes, be it there or not.
+bool isReplacementOf(const char *path, const char *dataPath) {
+  char directory[PATH_MAX] = ".";
+  char resolved[PATH_MAX];
   const char *slash = strrchr(path, '/');
-  return slash == nullptr ? path : slash + 1;
+  const char *name = slash == nullptr ? path : slash + 1;
+  if (slash != nullptr) {
+    zov_snprintf(directory, sizeof directory, "%.*s/", static_cast<int>(slash - path), path);
+  }
+  const size_t length = realpath(directory, resolved) == nullptr ? 0 : strlen(resolved);
+  return length > 0 && isReplacement(name) && strncmp(resolved, dataPath, length) == 0 &&
+         strlen(dataPath) + 4 == length + 1 + strlen(name) &&
+         strncmp(dataPath + length + 1, name, strlen(name) - 4) == 0;
 }
 
 }  // namespace
@@ -200,17 +185,10 @@ void closeStore(Store *store) {
 }
 
 bool isStoreFile(const Store &store, const char *path) {
-  if (!onDisk(store)) {
-    return false;
-  }
   zov_syncEnterExcl(store.stateLock);
   const PageFile &file = *store.newest.file;
-  Identity identity;
-  bool own = identify(path, identity) && same(identity, file.identity);
-  const uint64_t length = strlen(nameOf(file.path));
-  const char *name = nameOf(path);
-  own = own || (isReplacement(name) && strlen(name) == length + 4 &&
-                strncmp(name, nameOf(file.path), length) == 0 && inSameDirectory(path, file.path));
+  const bool own =
+      onDisk(store.typeFlags) && (leadsTo(path, file) || isReplacementOf(path, file.path));
   zov_syncExitExcl(store.stateLock);
   return own;
 }
@@ -222,7 +200,7 @@ bool isBroken(const Store &store) {
 Status openView(Store &store, View &view) {
   view = {};
   zov_syncEnterExcl(store.stateLock);
-  const Status status = store.readOnly && onDisk(store) ? refresh(store) : Status::kOkay;
+  const Status status = store.readOnly && onDisk(store.typeFlags) ? refresh(store) : Status::kOkay;
   if (status == Status::kOkay) {
     view = store.newest;
     view.file->users.fetch_add(1);
@@ -248,11 +226,7 @@ Status readStats(Store &store, Stats &stats) {
   closeView(view);
   const Cache &cache = store.cache;
   stats.cachePages = uint64_t{cache.shardFrames} * kShards;
-  for (const Shard &shard : cache.shards) {
-    zov_syncEnterExcl(shard.lock);
-    stats.cacheUsed += shard.count;
-    zov_syncExitExcl(shard.lock);
-  }
+  stats.cacheUsed = cache.used.load();
   stats.cacheHits = cache.hits.load();
   stats.pagesRead = cache.reads.load();
   stats.pagesWritten = cache.writes.load();
