@@ -44,14 +44,15 @@ constexpr int32_t kFirstCapacity = 100;
 constexpr uint32_t kGrowth = 50;
 
 // 1. states <= next <= last; the entry at next exists, and can be read.
-// 2. nextValue stands in values where next does in states. It is kept, as last is,
-//    to spare each step the arithmetic.
+// 2. nextValue stands in values where next does in states. It is kept, as capacity
+//    and last are, to spare each step the arithmetic.
 // 3. token is kNoToken or at least 0.
 // 4. 0 <= recovery <= kRecovering.
 struct Parser {
   const ZOV_PARSE_CONTEXT &context;
   const ZOV_PARSE_TABLES &tables;
   ZOV_TAG tag;
+  uint32_t capacity = kFirstCapacity;
   int16_t *states = nullptr;
   int16_t *next = nullptr;
   int16_t *last = nullptr;  // the last entry there is room for
@@ -94,10 +95,10 @@ inline bool makeStacks(Parser &parser) {
 
 // Grows stacks that are full.
 inline bool growStacks(Parser &parser) {
-  assert(parser.next == parser.last);
+  assert(parser.next == parser.last && parser.last - parser.states + 1 == parser.capacity);
   const uint64_t valueSize = parser.context.valueSize;
   const uint64_t depth = static_cast<uint64_t>(parser.next - parser.states);
-  const uint64_t capacity = depth + 1 + kGrowth;
+  const uint64_t capacity = uint64_t{parser.capacity} + kGrowth;
   int16_t *states = parser.states;  // copies, so that the record stays in registers
   char *values = parser.values;
   if (!growArray(states, capacity, kGrowth, parser.tag, ZOV_HERE) ||
@@ -105,6 +106,7 @@ inline bool growStacks(Parser &parser) {
                  parser.tag, ZOV_HERE)) {
     return false;
   }
+  parser.capacity += kGrowth;
   parser.states = states;
   parser.values = values;
   parser.next = parser.states + depth;
