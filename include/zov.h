@@ -1403,6 +1403,10 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
  * Threads: any. Cost: one lock pair and one system call; the first lock of a
  * handle also makes its mutex, and where that fails threads that share the
  * handle are not kept apart. Messages: those of zov_syncCreate_check().
+ *
+ * A thread that holds a file in memory which the console or the log leads to may
+ * wait for ever when it writes a message, or a call of its does: another thread's
+ * message waits for the file, and keeps the first out of the console or the log.
  */
 ZOV_API int32_t zov_fileLock(ZOV_FILE file);
 

@@ -8,7 +8,7 @@
 // in.
 //
 // Both happen in the process-wide critical section. Nothing here jumps:
-// allocations during start-up come from tags that nobody can have armed yet.
+// allocations during start-up come from tags that no program can have armed yet.
 #include <stddef.h>
 
 #include <iterator>
@@ -61,7 +61,7 @@ void _zov_term() {
   stackTerm<zov::logStack>();
   stackTerm<zov::stdoutStack>();
   stackTerm<zov::stderrStack>();
-  zov_freeMem(zov::zov_tmp.exchange(nullptr), ZOV_DEFAULT_TAG);
+  zov_freeMem(zov::zov_tmp.exchange(nullptr, std::memory_order_acquire), ZOV_DEFAULT_TAG);
   zov::storeFlag(zov_terminating, 1);
   zov_mfTerm();
   zov_osTerm();

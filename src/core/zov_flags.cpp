@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The process-wide flags, which order nothing, and the process-wide critical
-// section, which is entered by what must happen once per process. It is not
-// recursive and is held for the whole of start-up and shut-down, so no init or
-// term may enter it. Nothing here allocates or jumps.
+// section, for work that must happen once per process. It is not recursive and is
+// held for the whole of start-up and shut-down, so no init or term may enter it.
+// Nothing here allocates or jumps.
 #include "core/zov_flags.h"
 
 #include "core/zov_lock.h"
@@ -18,7 +18,7 @@ const char *server_name = "unknown";
 namespace {
 
 // Rank 1: start-up, shut-down, and what else must happen once per process.
-zov::PosixMutex<zov::LockKind::kGlobal> globalMutex = {PTHREAD_MUTEX_INITIALIZER};
+pthread_mutex_t globalMutex = PTHREAD_MUTEX_INITIALIZER;
 
 }  // namespace
 
@@ -32,12 +32,11 @@ void zov_nodisk() {
   zov::storeFlag(zov_diskless, 1);
 }
 
-// The caller's, up to zov_exitCritSec().
-int32_t zov_enterCritSec() ZOV_NO_ANALYSIS {
-  return globalMutex.enter();
+int32_t zov_enterCritSec() {
+  return zov::lockPosix(globalMutex, zov::LockKind::kGlobal);
 }
 
-int32_t zov_exitCritSec() ZOV_NO_ANALYSIS {
-  return globalMutex.leave();
+int32_t zov_exitCritSec() {
+  return zov::unlockPosix(globalMutex);
 }
 }

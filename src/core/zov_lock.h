@@ -62,21 +62,20 @@ enum class LockKind : uint8_t {
 
 #ifdef NDEBUG
 inline void checkLock(LockKind) {}
-inline void checkLock(ZOV_SYNC) {}
 inline void recordLock(const void *, LockKind) {}
-inline void recordLock(ZOV_SYNC) {}
 inline void forgetLock(const void *) {}
 inline void forgetLock(ZOV_SYNC) {}
 inline void checkAllocation() {}
 inline void setLockKind(ZOV_SYNC, LockKind) {}
+inline LockKind lockKindOf(ZOV_SYNC) {
+  return LockKind::kUnranked;
+}
 #else
 // Stops unless the thread may take a lock of this kind now: before it waits for it.
 void checkLock(LockKind kind);
-void checkLock(ZOV_SYNC mutex);
 
 // Records a lock as held.
 void recordLock(const void *lock, LockKind kind);
-void recordLock(ZOV_SYNC mutex);
 
 // Takes a lock off the record: the thread is about to leave it, or has it for its
 // caller, who may do under it what the ranks forbid. Does nothing for one that is
@@ -87,8 +86,9 @@ void forgetLock(ZOV_SYNC mutex);
 // Stops when a failing allocation might jump past a lock that the thread holds.
 void checkAllocation();
 
-// Gives a mutex of the table its rank.
+// The rank of a mutex of the table.
 void setLockKind(ZOV_SYNC mutex, LockKind kind);
+LockKind lockKindOf(ZOV_SYNC mutex);
 #endif
 
 // zov_syncCreate_check() for a mutex of the library.
@@ -115,19 +115,29 @@ class ZOV_SCOPED_CAPABILITY MutexLock {
   const ZOV_SYNC mutex_;
 };
 
+// Locks and unlocks a POSIX mutex, and returns what that returned.
+inline int lockPosix(pthread_mutex_t &mutex, LockKind kind) {
+  checkLock(kind);
+  const int error = pthread_mutex_lock(&mutex);
+  recordLock(&mutex, kind);
+  return error;
+}
+
+inline int unlockPosix(pthread_mutex_t &mutex) {
+  forgetLock(&mutex);
+  return pthread_mutex_unlock(&mutex);
+}
+
 // Holds a mutex of the table by its POSIX mutex, which stands first in its slot.
 // That saves the test of the handle, the owner and the count of entries. For a
 // mutex that nothing but this pair enters, no thread twice, and that is left by the
-// thread inside.
+// thread inside. Not analysed, as the POSIX functions are not annotated.
 inline void enterDirectly(ZOV_SYNC mutex) ZOV_ACQUIRE(mutex) ZOV_NO_ANALYSIS {
-  checkLock(mutex);
-  pthread_mutex_lock(reinterpret_cast<pthread_mutex_t *>(mutex));
-  recordLock(mutex);
+  lockPosix(*reinterpret_cast<pthread_mutex_t *>(mutex), lockKindOf(mutex));
 }
 
 inline void leaveDirectly(ZOV_SYNC mutex) ZOV_RELEASE(mutex) ZOV_NO_ANALYSIS {
-  forgetLock(mutex);
-  pthread_mutex_unlock(reinterpret_cast<pthread_mutex_t *>(mutex));
+  unlockPosix(*reinterpret_cast<pthread_mutex_t *>(mutex));
 }
 
 // A POSIX mutex that is not in the table. Not recursive.
@@ -135,17 +145,9 @@ template <LockKind kind>
 struct ZOV_CAPABILITY("mutex") PosixMutex {
   pthread_mutex_t posix;
 
-  int enter() ZOV_ACQUIRE() ZOV_NO_ANALYSIS {
-    checkLock(kind);
-    const int error = pthread_mutex_lock(&posix);
-    recordLock(&posix, kind);
-    return error;
-  }
+  void enter() ZOV_ACQUIRE() ZOV_NO_ANALYSIS { lockPosix(posix, kind); }
 
-  int leave() ZOV_RELEASE() ZOV_NO_ANALYSIS {
-    forgetLock(&posix);
-    return pthread_mutex_unlock(&posix);
-  }
+  void leave() ZOV_RELEASE() ZOV_NO_ANALYSIS { unlockPosix(posix); }
 
   // Calls wait(&posix), which sleeps on a condition, with the mutex left meanwhile.
   template <typename Wait>

@@ -4,7 +4,7 @@
 // words of its thread. No locks; nothing here allocates from a tag or jumps.
 #include "core/zov_shortage.h"
 
-#include <errno.h>
+#include "core/zov_word.h"
 
 namespace zov {
 constinit thread_local int32_t noJumpDepth = 0;
@@ -13,14 +13,14 @@ constinit thread_local Shortage heldShortage = Shortage::kNone;
 
 namespace {
 
-// The place of the shortage that waits. Source names are literals here: what
-// allocates under a lock is the library itself.
+// The place of the shortage that waits. The name is a literal: under a lock only
+// the library itself allocates.
 constinit thread_local const char *heldSourceName = nullptr;
 constinit thread_local uint32_t heldLine = 0;
 
-// Leaves errno, which tells the caller of what failed.
+// Leaves errno, by which the caller of the failed call learns why.
 void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
-  const int error = errno;
+  const zov::KeepErrno keepErrno;
   switch (what) {
     case zov::Shortage::kMemory:
       zov_log("Out of memory. Called from %s:%u\n", sourceName, line);
@@ -32,7 +32,6 @@ void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
     case zov::Shortage::kNone:
       break;
   }
-  errno = error;
 }
 
 }  // namespace
@@ -50,6 +49,7 @@ void zov::reportShortage(Shortage what, const char *sourceName, uint32_t line) {
 }
 
 void zov::releaseHeldShortage() {
+  assert(heldShortage != Shortage::kNone && noJumpDepth == 0);
   // Raised and still held, so that nothing that writes the message jumps or
   // reports a shortage of its own.
   ++noJumpDepth;

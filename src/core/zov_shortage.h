@@ -6,6 +6,8 @@
 #ifndef ZOV_CORE_ZOV_SHORTAGE_H
 #define ZOV_CORE_ZOV_SHORTAGE_H
 
+#include <assert.h>
+
 #include "zov.h"
 
 namespace zov {
@@ -13,7 +15,7 @@ namespace zov {
 // What can run out, each with its message.
 enum class Shortage : uint8_t { kNone, kMemory, kSyncObjects };
 
-// Reports a shortage met by whoever the place names. While a NoJump is live the
+// Reports a shortage at the place named. While a NoJump is live the
 // message waits for the outermost one to end: its way may lead through locks
 // that rank below those held, down to a file in memory that the log goes to.
 // Of several in that time the first is reported, and none that is met by what
@@ -38,6 +40,7 @@ inline void holdJumps() {
 }
 
 inline void allowJumps() {
+  assert(noJumpDepth > 0);
   if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
     releaseHeldShortage();
   }

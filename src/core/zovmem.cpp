@@ -20,10 +20,9 @@
 // they allocate jump through workOrJump(). jumpTo() alone calls longjmp().
 //
 // A block that is freed a second time has lost the mark of its header
-// (zovmem_block.h). The block freed last is known by its address besides. That
-// is looked at first, since a large block takes its pages along when it goes.
-// Where addresses leave no room for a mark, a record of the latest frees stands
-// in for it (zovmem_freed.h).
+// (zovmem_block.h). The block freed last is also known by its address, which is
+// compared first: the pages of a large block may be gone. Where addresses leave
+// no room for a mark, a record of the latest frees replaces it (zovmem_freed.h).
 #include <assert.h>
 #include <errno.h>
 #include <stddef.h>
@@ -47,35 +46,35 @@ using zov::BlockHeader;
 constexpr uint64_t kHeaderBytes = sizeof(BlockHeader);
 constexpr uint64_t kLargestBlock = UINT64_MAX - kHeaderBytes;
 
-constexpr uint16_t kReturnNull = 1;
-constexpr uint16_t kJump = 2;
-
-// 1. mutex, of rank 11, is ZOV_NO_SYNC when the tag is not thread-safe; else it
-//    guards the fields below it.
-// 2. next and previous belong to tagTabSem.
-struct TagRecord {
-  TagRecord *next;      // newer tag, null for tagN
-  TagRecord *previous;  // older tag, null for tag0
-  ZOV_SYNC mutex;
-  BlockHeader *blocks;     // newest block, null when the tag owns nothing
-  zov::FreedBlocks freed;  // what the marks do not tell
-  uint16_t mode;           // kReturnNull or kJump
-};
-
-// Every tag but those that can never be armed, whose records are short for that.
-struct ArmableTag : TagRecord {
-  jmp_buf recovery;  // meaningful in mode kJump
-};
-
-jmp_buf &recoveryIn(TagRecord &tag) {
-  return static_cast<ArmableTag &>(tag).recovery;
-}
-
-TagRecord *tag0 = nullptr;
-TagRecord *tagN = nullptr;
+// What a failing allocation does.
+enum class FailMode : uint8_t { kAlwaysReturns, kReturns, kJumps };
 
 // Rank 12: the list of tags.
 ZOV_SYNC tagTabSem = ZOV_NO_SYNC;
+
+// mutex, of rank 11, is ZOV_NO_SYNC when the tag is not thread-safe.
+struct TagRecord {
+  TagRecord *next ZOV_GUARDED_BY(tagTabSem);      // newer tag, null for tagN
+  TagRecord *previous ZOV_GUARDED_BY(tagTabSem);  // older tag, null for tag0
+  ZOV_SYNC mutex;
+  BlockHeader *blocks ZOV_GUARDED_BY(mutex);     // newest block, null when there is none
+  zov::FreedBlocks freed ZOV_GUARDED_BY(mutex);  // what the marks do not tell
+  FailMode mode ZOV_GUARDED_BY(mutex);
+};
+
+// A tag whose mode is not kAlwaysReturns. The others have the shorter record.
+struct ArmableTag : TagRecord {
+  jmp_buf recovery;  // meaningful in mode kJumps
+};
+
+jmp_buf &recoveryIn(TagRecord &tag) ZOV_REQUIRES(tag.mutex) {
+  assert(tag.mode != FailMode::kAlwaysReturns);
+  return static_cast<ArmableTag &>(tag).recovery;
+}
+
+// tag0 changes at start-up and shut-down only.
+TagRecord *tag0 = nullptr;
+TagRecord *tagN ZOV_GUARDED_BY(tagTabSem) = nullptr;
 
 TagRecord *resolve(ZOV_TAG tag) {
   return tag == ZOV_DEFAULT_TAG ? tag0 : reinterpret_cast<TagRecord *>(tag);
@@ -108,8 +107,14 @@ void assumeUnshared([[maybe_unused]] const TagRecord &tag) ZOV_ASSERT_HELD(tag.m
   assert(tag.mutex == ZOV_NO_SYNC);
 }
 
-void linkBlock(TagRecord &tag, BlockHeader *header) {
+// While there is no tagTabSem, at start-up and shut-down, there is one thread.
+void assumeAlone() ZOV_ASSERT_HELD(tagTabSem) {
+  assert(tagTabSem == ZOV_NO_SYNC);
+}
+
+void linkBlock(TagRecord &tag, BlockHeader *header) ZOV_REQUIRES(tag.mutex) {
   BlockHeader *head = tag.blocks;
+  assert(head == nullptr || head->newer() == nullptr);
   header->setNewer(nullptr);
   header->older = head;
   if (head != nullptr) {
@@ -119,7 +124,7 @@ void linkBlock(TagRecord &tag, BlockHeader *header) {
   tag.freed.forget(addressOf(header));
 }
 
-void unlinkBlock(TagRecord &tag, BlockHeader *header) {
+void unlinkBlock(TagRecord &tag, BlockHeader *header) ZOV_REQUIRES(tag.mutex) {
   BlockHeader *newer = header->newer();
   BlockHeader *older = header->older;
   (newer != nullptr ? newer->older : tag.blocks) = older;
@@ -130,26 +135,26 @@ void unlinkBlock(TagRecord &tag, BlockHeader *header) {
 
 // Without marks, of a block that is not the head two empty words mean that it
 // belongs to no list.
-bool isListed(const TagRecord &tag, const BlockHeader *header) {
+bool isListed(const TagRecord &tag, const BlockHeader *header) ZOV_REQUIRES(tag.mutex) {
   return header->markedNewer != 0 || header->older != nullptr || tag.blocks == header;
 }
 
-bool isFreed(const TagRecord &tag, const BlockHeader *header) {
+bool isFreed(const TagRecord &tag, const BlockHeader *header) ZOV_REQUIRES(tag.mutex) {
   return tag.freed.holds(addressOf(header)) ||
          !(zov::kMarksFit ? zov::isMarked(header) : isListed(tag, header));
 }
 
-// What failed, for the message and for the jump out of it.
+// Where the caller asked for memory, for the message if that fails.
 struct Failure {
   const char *sourceName;
   uint32_t line;
 };
 
-// Reports a failed allocation from a tag whose mutex the caller holds, and
-// leaves it. Jumps from a copy, since the tag is anybody's again by then.
+// Leaves the tag's mutex, reports that an allocation failed and jumps if the tag
+// is armed: from a copy, as another thread may change the tag by then.
 [[gnu::cold, gnu::noinline]] void *leaveForFailure(TagRecord &tag, Failure failure)
     ZOV_RELEASE(tag.mutex) {
-  const bool jumps = tag.mode == kJump && zov::noJumpDepth == 0;
+  const bool jumps = tag.mode == FailMode::kJumps && zov::noJumpDepth == 0;
   jmp_buf recovery;
   if (jumps) {
     memcpy(recovery, recoveryIn(tag), sizeof recovery);
@@ -234,7 +239,7 @@ void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure
 
 // Puts a block that realloc() moved in the place of the old one, by the
 // neighbours it had.
-void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) {
+void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) ZOV_REQUIRES(tag.mutex) {
   *header = links;
   BlockHeader *newer = links.newer();
   (newer != nullptr ? newer->older : tag.blocks) = header;
@@ -244,7 +249,7 @@ void relink(TagRecord &tag, BlockHeader *header, BlockHeader links) {
 }
 
 // Takes a block off its tag, ready for libc; false when it was freed already.
-inline bool detachBlock(TagRecord &tag, BlockHeader *header) {
+inline bool detachBlock(TagRecord &tag, BlockHeader *header) ZOV_REQUIRES(tag.mutex) {
   if (isFreed(tag, header)) [[unlikely]] {
     return false;
   }
@@ -254,25 +259,24 @@ inline bool detachBlock(TagRecord &tag, BlockHeader *header) {
   return true;
 }
 
-// Straight to standard output: the one message that is not the log's.
+// With puts(), not through the log, as the programs that look for it expect.
 [[gnu::cold, gnu::noinline]] void reportDoubleFree() {
   puts("Attempting to free previously freed memory");
 }
 
 [[gnu::noinline]] void freeLocked(TagRecord &tag, BlockHeader *header) {
-  const ZOV_SYNC mutex = tag.mutex;
-  enterIfAny(mutex);
+  enterIfAny(tag.mutex);
   const bool detached = detachBlock(tag, header);
   if (detached) {
     free(header);
   }
-  leaveIfAny(mutex);
+  leaveIfAny(tag.mutex);
   if (!detached) {
     reportDoubleFree();
   }
 }
 
-void releaseBlocks(TagRecord &tag) {
+void releaseBlocks(TagRecord &tag) ZOV_REQUIRES(tag.mutex) {
   BlockHeader *header = tag.blocks;
   tag.blocks = nullptr;
   while (header != nullptr) {
@@ -284,30 +288,30 @@ void releaseBlocks(TagRecord &tag) {
   }
 }
 
-void unlinkTag(TagRecord *tag) {
+void unlinkTag(TagRecord *tag) ZOV_REQUIRES(tagTabSem) {
+  assert((tag->previous == nullptr) == (tag == tag0) && (tag->next == nullptr) == (tag == tagN));
   (tag->previous != nullptr ? tag->previous->next : tag0) = tag->next;
   (tag->next != nullptr ? tag->next->previous : tagN) = tag->previous;
 }
 
-void linkTag(TagRecord *tag) {
+void linkTag(TagRecord *tag) ZOV_REQUIRES(tagTabSem) {
+  assert(tagN != nullptr && tagN->next == nullptr);
   tag->previous = tagN;
   tagN->next = tag;
   tagN = tag;
 }
 
-// Releases a tag whose mutex the caller holds. Not analysed, as the record goes
-// before its mutex and the handle is copied first.
-void deleteTag(TagRecord *tag) ZOV_RELEASE(tag->mutex) ZOV_NO_ANALYSIS {
+// Releases a tag whose mutex the caller holds, and which no thread wants any more.
+void deleteTag(TagRecord *tag) ZOV_RELEASE(tag->mutex) {
   const ZOV_SYNC mutex = tag->mutex;
-  const ZOV_SYNC table = tagTabSem;
-  enterIfAny(table);
+  enterIfAny(tagTabSem);
   unlinkTag(tag);
+  leaveIfAny(tag->mutex);
   free(tag);
-  leaveIfAny(mutex);
   if (mutex != ZOV_NO_SYNC && !zov::terminating()) {
     zov_syncDelete(mutex);
   }
-  leaveIfAny(table);
+  leaveIfAny(tagTabSem);
 }
 
 void _freeTagMemory(TagRecord *tag, bool deleteIt) {
@@ -320,21 +324,23 @@ void _freeTagMemory(TagRecord *tag, bool deleteIt) {
   }
 }
 
-// A tag that returns null, or null.
-TagRecord *newRecord(size_t bytes) {
+// The record of a tag without mutex, or null.
+TagRecord *newRecord(size_t bytes, FailMode mode) {
   TagRecord *tag = static_cast<TagRecord *>(calloc(1, bytes));
   if (tag != nullptr) {
     tag->mutex = ZOV_NO_SYNC;
-    tag->mode = kReturnNull;
+    assumeUnshared(*tag);
+    tag->mode = mode;
   }
   return tag;
 }
 
 TagRecord *newRecord(jmp_buf *recovery) {
-  TagRecord *tag = newRecord(sizeof(ArmableTag));
+  TagRecord *tag = newRecord(sizeof(ArmableTag), FailMode::kReturns);
   if (tag != nullptr && recovery != nullptr) {
+    assumeUnshared(*tag);
     memcpy(recoveryIn(*tag), *recovery, sizeof *recovery);
-    tag->mode = kJump;
+    tag->mode = FailMode::kJumps;
   }
   return tag;
 }
@@ -358,7 +364,7 @@ bool isNoTag(ZOV_TAG tag) {
 }  // namespace
 
 ZOV_TAG zov::createPlainTag() {
-  TagRecord *tag = started() ? newRecord(sizeof(TagRecord)) : nullptr;
+  TagRecord *tag = started() ? newRecord(sizeof(TagRecord), FailMode::kAlwaysReturns) : nullptr;
   return tag == nullptr ? ZOV_NO_TAG : publish(tag);
 }
 
@@ -368,7 +374,7 @@ bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
   }
   TagRecord &record = *resolve(tag);
   enterIfAny(record.mutex);
-  const bool isArmed = record.mode == kJump;
+  const bool isArmed = record.mode == FailMode::kJumps;
   if (isArmed) {
     memcpy(recovery, recoveryIn(record), sizeof recoveryIn(record));
   }
@@ -377,6 +383,7 @@ bool zov::recoveryOf(ZOV_TAG tag, jmp_buf recovery) {
 }
 
 void zov::jumpTo(jmp_buf recovery) {
+  assert(noJumpDepth == 0);
   longjmp(recovery, 1);
 }
 
@@ -416,11 +423,12 @@ void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag) {
   }
   TagRecord &record = *resolve(tag);
   enterIfAny(record.mutex);
+  assert(record.mode != FailMode::kAlwaysReturns);
   if (recovery != nullptr) {
     memcpy(recoveryIn(record), *recovery, sizeof *recovery);
-    record.mode = kJump;
+    record.mode = FailMode::kJumps;
   } else {
-    record.mode = kReturnNull;
+    record.mode = FailMode::kReturns;
   }
   leaveIfAny(record.mutex);
 }
@@ -481,7 +489,10 @@ void zov_freeMem(void *block, ZOV_TAG tag) {
   BlockHeader *header = headerOf(block);
   if (record.mutex != ZOV_NO_SYNC) {
     freeLocked(record, header);
-  } else if (detachBlock(record, header)) [[likely]] {
+    return;
+  }
+  assumeUnshared(record);
+  if (detachBlock(record, header)) [[likely]] {
     free(header);
   } else {
     reportDoubleFree();
@@ -510,6 +521,8 @@ int32_t zov_memCmp(const void *first, const void *second, uint64_t length) {
 }
 
 int32_t zov_memInit() {
+  assumeAlone();
+  assert(tag0 == nullptr && tagN == nullptr);
   TagRecord *tag = newRecord(nullptr);
   if (tag == nullptr) {
     zov_log("Out of memory initializing ZOV memory module\n");
@@ -529,8 +542,8 @@ int32_t zov_memInit() {
 
 void zov_memTerm() {
   tagTabSem = ZOV_NO_SYNC;
+  assumeAlone();
   while (tag0 != nullptr) {
-    assert(tag0->previous == nullptr);
     _freeTagMemory(tag0, true);
   }
 }

@@ -39,8 +39,8 @@ struct BlockHeader {
     markedNewer = reinterpret_cast<uint64_t>(block) ^ kMark;
   }
 
-  // The stores are volatile because nobody may look at memory after free(): a
-  // compiler that knows it drops plain ones.
+  // The stores are volatile, as a compiler drops plain ones: it knows that free()
+  // ends the life of the block.
   void clear() {
     *const_cast<volatile uint64_t *>(&markedNewer) = 0;
     *const_cast<BlockHeader *volatile *>(&older) = nullptr;

@@ -9,14 +9,14 @@
 // Record and chunks are blocks of the pool's tag, which outlives the pool. A
 // chunk that is out is on no list; its header says which pool it belongs to.
 //
-// A pool's mutex guards its stack and the count. The tag is called with the
-// mutex released, always: its own lock is then not held longer than it needs,
-// and an allocation may jump from zov_allocPool() and zov_getMemFromPool() to
-// the tag's recovery point with nothing left behind.
+// A pool's mutex guards its stack and the count. It is never held while the tag is
+// called: an allocation may jump from zov_allocPool() and zov_getMemFromPool() to
+// the tag's recovery point, with nothing left behind.
 #include <assert.h>
 #include <string.h>
 
 #include "core/zov_lock.h"
+#include "core/zov_make.h"
 
 namespace {
 
@@ -25,13 +25,13 @@ struct Chunk;
 }  // namespace
 
 // 1. freeCount is the length of the list at freeChunks, at most kMaxFree.
-// 2. tag, mutex and fixedSize do not change.
+// 2. tag, mutex and isFixedSize do not change.
 struct MemoryPool {
-  Chunk *freeChunks;  // put back last comes first
+  Chunk *freeChunks ZOV_GUARDED_BY(mutex);  // put back last comes first
   ZOV_TAG tag;
-  ZOV_SYNC mutex;  // rank 10: freeChunks and freeCount; ZOV_NO_SYNC without
-  uint32_t freeCount;
-  int32_t fixedSize;
+  ZOV_SYNC mutex;  // rank 10; ZOV_NO_SYNC for a pool that is not thread-safe
+  uint32_t freeCount ZOV_GUARDED_BY(mutex);
+  bool isFixedSize;
 };
 
 namespace {
@@ -131,23 +131,26 @@ void fill(void *payload, uint64_t size, int32_t mode, const void *source) {
 extern "C" {
 
 ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe) {
-  void *block = zov_getMem(sizeof(MemoryPool), tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-  if (block == nullptr) {
+  MemoryPool *pool = zov::makeUncleared<MemoryPool>(tag, ZOV_HERE);
+  if (pool == nullptr) {
     return nullptr;
   }
-  MemoryPool *pool = static_cast<MemoryPool *>(block);
+  pool->mutex = ZOV_NO_SYNC;
+  assumeUnshared(*pool);
   pool->freeChunks = nullptr;
-  pool->tag = tag;
-  pool->mutex = threadSafe != 0 ? zov::createMutex(zov::LockKind::kPool, ZOV_HERE) : ZOV_NO_SYNC;
   pool->freeCount = 0;
-  pool->fixedSize = fixedSize;
+  pool->tag = tag;
+  pool->isFixedSize = fixedSize != 0;
+  if (threadSafe != 0) {
+    pool->mutex = zov::createMutex(zov::LockKind::kPool, ZOV_HERE);
+  }
   return pool;
 }
 
 void *zov_getMemFromPool(uint64_t size, ZOV_POOL pool, int32_t mode, const void *source,
                          const char *sourceName, uint32_t line) {
   Chunk *chunk = popChunk(*pool);
-  if (chunk != nullptr && pool->fixedSize == 0 && chunk->capacity < size) {
+  if (chunk != nullptr && !pool->isFixedSize && chunk->capacity < size) {
     zov_freeMem(chunk, pool->tag);
     chunk = nullptr;
   }

@@ -10,12 +10,13 @@
 //
 // semTabMutex guards the table and the free stacks and nothing else. It is
 // never held while a block is allocated or an object is entered or waited on.
-// A slot's other fields belong to whoever was given its handle; those that
-// other threads read without a lock (kind, owner, recursionCount, signalled)
-// are atomics.
+// A slot's other fields belong to the threads that have its handle; those that are
+// read without a lock (kind, owner, recursionCount, signalled) are atomics. They
+// are relaxed, but for signalled.
 //
-// zov_syncCreate_check() is the only call that allocates. It does so with jumps
-// held off, since a creator may be in the middle of making something else.
+// zov_syncCreate_check() is the only call that allocates. It holds jumps off, since
+// its caller may have made half of something else.
+#include <assert.h>
 #include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
@@ -39,20 +40,27 @@ constexpr size_t kCacheLine = 64;
 constexpr uint16_t kEndOfFree = 65535;
 constexpr uint16_t kInUse = 65534;
 
+// Rank 14, innermost: sem_table, the free stacks in it and firstWithRoom.
+zov::PosixMutex<zov::LockKind::kSyncTable> semTabMutex = {PTHREAD_MUTEX_INITIALIZER};
+
 struct SyncBlockEntry;
 
 // A thread's identity: the address of a thread-local of its own, which costs
-// no call to read. Zero is nobody.
+// no call to read. 0 is no thread.
 using ThreadId = uintptr_t;
 
 using EventMutex = zov::PosixMutex<zov::LockKind::kEvent>;
 
 // 1. kind is 0 while the slot is free; nextFree is kInUse exactly while it is
 //    handed out.
-// 2. Of a mutex, recursionCount and owner are written by the thread inside, or
-//    by whoever leaves in its place.
+// 2. Of a mutex, recursionCount and owner are written by the thread inside, or by
+//    one that leaves in its place. Both are 0 for ever where it is entered directly.
 // 3. A slot shares no cache line with another: threads that each have a mutex of
 //    their own would wait for that line in turns. All of a mutex is in the first.
+// 4. signalled is seq_cst in zov_syncStart() and zov_syncResume(). The sleeper of a
+//    queue resets it and then reads the queue's flags; the closer writes the flags
+//    and then sets it. In one order of all four, one of the two sees the other. A
+//    wait acquires what the thread that signalled did before.
 struct alignas(kCacheLine) SyncSlot {
   union {
     pthread_mutex_t mutex;     // kind 1
@@ -60,7 +68,7 @@ struct alignas(kCacheLine) SyncSlot {
   };
   std::atomic<int32_t> recursionCount;
   std::atomic<uint16_t> kind;
-  uint16_t nextFree;
+  uint16_t nextFree ZOV_GUARDED_BY(semTabMutex);
   union {
     std::atomic<ThreadId> owner;  // kind 1
     EventMutex eventMutex;        // kind 2, rank 13: guards signalled while it is set
@@ -76,19 +84,16 @@ static_assert(offsetof(SyncSlot, owner) + sizeof(ThreadId) <= kCacheLine);
 
 // Blocks are allocated zero-filled, which is a free slot of kind 0.
 struct SyncBlockEntry {
-  SyncSlot *slots;
-  void *memory;  // the slots begin at its first cache line
-  uint16_t firstFree;
+  SyncSlot *slots ZOV_GUARDED_BY(semTabMutex);
+  void *memory ZOV_GUARDED_BY(semTabMutex);  // the slots begin at its first cache line
+  uint16_t firstFree ZOV_GUARDED_BY(semTabMutex);
 };
 
-SyncBlockEntry sem_table[kTableEntries];
+SyncBlockEntry sem_table[kTableEntries] ZOV_GUARDED_BY(semTabMutex);
 
 // Where a free slot is looked for first: every entry in front of it has a block
 // without one. Spares a create the walk past full blocks.
-SyncBlockEntry *firstWithRoom = sem_table;
-
-// Rank 14, innermost: sem_table, the free stacks in it and firstWithRoom.
-zov::PosixMutex<zov::LockKind::kSyncTable> semTabMutex = {PTHREAD_MUTEX_INITIALIZER};
+SyncBlockEntry *firstWithRoom ZOV_GUARDED_BY(semTabMutex) = sem_table;
 
 constinit thread_local char threadAnchor = 0;
 
@@ -97,7 +102,6 @@ ThreadId currentThread() {
 }
 
 SyncSlot *slotOf(ZOV_SYNC handle) {
-  // reinterpret_cast is how an integer handle becomes its slot.
   return reinterpret_cast<SyncSlot *>(handle);
 }
 
@@ -126,7 +130,8 @@ SyncSlot *slotsIn(void *memory) {
 }
 
 // Links a new block's slots into a free stack in index order.
-void attachBlock(SyncBlockEntry &entry, void *memory) {
+void attachBlock(SyncBlockEntry &entry, void *memory) ZOV_REQUIRES(semTabMutex) {
+  assert(entry.slots == nullptr);
   SyncSlot *slots = slotsIn(memory);
   for (uint32_t index = 0; index < kBlockSlots; ++index) {
     slots[index].nextFree = static_cast<uint16_t>(index + 1);
@@ -138,15 +143,17 @@ void attachBlock(SyncBlockEntry &entry, void *memory) {
   entry.firstFree = 0;
 }
 
-SyncSlot *popFreeSlot(SyncBlockEntry &entry) {
+SyncSlot *popFreeSlot(SyncBlockEntry &entry) ZOV_REQUIRES(semTabMutex) {
+  assert(entry.firstFree < kBlockSlots);
   SyncSlot *slot = &entry.slots[entry.firstFree];
   entry.firstFree = slot->nextFree;
   slot->nextFree = kInUse;
+  assert(slot->block == &entry && slot->kind.load(std::memory_order_relaxed) == 0);
   return slot;
 }
 
-// The first entry that has a free slot or no block yet. semTabMutex is held.
-SyncBlockEntry *findEntry() {
+// The first entry that has a free slot or no block yet.
+SyncBlockEntry *findEntry() ZOV_REQUIRES(semTabMutex) {
   for (; firstWithRoom != std::end(sem_table); ++firstWithRoom) {
     if (firstWithRoom->slots == nullptr || firstWithRoom->firstFree != kEndOfFree) {
       return firstWithRoom;
@@ -155,9 +162,13 @@ SyncBlockEntry *findEntry() {
   return nullptr;
 }
 
+// Start-up and shut-down run alone. Shut-down frees memory, which no thread may do
+// under semTabMutex.
+void assumeAlone() ZOV_ASSERT_HELD(semTabMutex) {}
+
 // Takes a slot, or null when there is none. A missing block is allocated with
-// the lock released, because allocating enters the default tag's own mutex;
-// whoever finds on return that another thread was faster drops its block.
+// the lock released, as the default tag's mutex ranks lower. A thread that then
+// finds that another was faster drops its block.
 SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
   void *spare = nullptr;
   SyncSlot *slot = nullptr;
@@ -192,6 +203,7 @@ SyncSlot *semGetNewEntry(const char *sourceName, uint32_t line) {
 void putBack(SyncSlot &slot) {
   SyncBlockEntry &entry = *slot.block;
   semTabMutex.enter();
+  assert(slot.nextFree == kInUse && &slot >= entry.slots && &slot < entry.slots + kBlockSlots);
   slot.nextFree = entry.firstFree;
   entry.firstFree = static_cast<uint16_t>(&slot - entry.slots);
   firstWithRoom = std::min(firstWithRoom, &entry);
@@ -231,11 +243,10 @@ void destroyObjects(SyncSlot &slot) {
   }
 }
 
-// Apart from its caller, so that entering again needs no stack frame.
+// A function of its own, so that a thread that enters again needs no stack frame.
 [[gnu::noinline]] void lockMutex(SyncSlot &slot) {
-  zov::checkLock(handleOf(slot));
-  pthread_mutex_lock(&slot.mutex);
-  zov::recordLock(handleOf(slot));
+  zov::lockPosix(slot.mutex, zov::lockKindOf(handleOf(slot)));
+  assert(slot.recursionCount.load(std::memory_order_relaxed) < 1);
   slot.owner.store(currentThread(), std::memory_order_relaxed);
   slot.recursionCount.store(1, std::memory_order_relaxed);
 }
@@ -263,18 +274,19 @@ void zov::setLockKind(ZOV_SYNC mutex, LockKind kind) {
   slotOf(mutex)->lockKind = kind;
 }
 
-void zov::checkLock(ZOV_SYNC mutex) {
-  checkLock(slotOf(mutex)->lockKind);
-}
-
-void zov::recordLock(ZOV_SYNC mutex) {
-  recordLock(slotOf(mutex), slotOf(mutex)->lockKind);
+zov::LockKind zov::lockKindOf(ZOV_SYNC mutex) {
+  return slotOf(mutex)->lockKind;
 }
 #endif
 
 bool zov::isEntered(ZOV_SYNC mutex) {
   return isKind(mutex, ZOV_SYNC_MUTEX) &&
          slotOf(mutex)->recursionCount.load(std::memory_order_relaxed) != 0;
+}
+
+bool zov::isEnteredHere(ZOV_SYNC mutex) {
+  return isEntered(mutex) &&
+         slotOf(mutex)->owner.load(std::memory_order_relaxed) == currentThread();
 }
 
 extern "C" {
@@ -317,9 +329,10 @@ void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
   }
   SyncSlot &slot = *slotOf(handle);
   const int32_t count = slot.recursionCount.load(std::memory_order_relaxed);
-  // A thread that is not inside sees no count or another owner here, however
-  // old what it sees may be: its own identity is written by itself alone.
+  // A thread that is not inside never finds itself here, even in old values: no
+  // other thread writes its identity, and it is taken out before the mutex is left.
   if (count != 0 && slot.owner.load(std::memory_order_relaxed) == currentThread()) {
+    assert(count > 0);
     slot.recursionCount.store(count + 1, std::memory_order_relaxed);
     return;
   }
@@ -336,8 +349,7 @@ void zov_syncExitExcl(ZOV_SYNC handle) ZOV_NO_ANALYSIS {
   slot.recursionCount.store(count, std::memory_order_relaxed);
   if (count < 1) {
     slot.owner.store(0, std::memory_order_relaxed);
-    zov::forgetLock(handle);
-    pthread_mutex_unlock(&slot.mutex);
+    zov::unlockPosix(slot.mutex);
   }
 }
 
@@ -392,6 +404,7 @@ int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mut
 }
 
 int32_t zov_syncInit() {
+  assumeAlone();
   for (SyncBlockEntry &entry : sem_table) {
     entry = SyncBlockEntry{};
   }
@@ -400,6 +413,7 @@ int32_t zov_syncInit() {
 }
 
 void zov_syncShutdown() {
+  assumeAlone();
   for (SyncBlockEntry &entry : sem_table) {
     if (entry.slots == nullptr) {
       continue;

@@ -8,8 +8,11 @@
 
 namespace zov {
 
-// Whether a thread is inside a mutex.
+// Whether any thread is inside a mutex.
 bool isEntered(ZOV_SYNC mutex);
+
+// Whether the calling thread is. Neither knows of a mutex that is entered directly.
+bool isEnteredHere(ZOV_SYNC mutex);
 
 }  // namespace zov
 
