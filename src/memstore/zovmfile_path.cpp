@@ -208,11 +208,11 @@ NormalPath::NormalPath(const char *path, size_t length) {
   char *text = short_;
   if (length >= sizeof short_) {
     long_ = makeArray<char>(length + 1, ZOV_DEFAULT_TAG, ZOV_HERE);
+    if (long_ == nullptr) {
+      status_ = ZOV_NOMEMORY;
+      return;
+    }
     text = long_;
-  }
-  if (text == nullptr) {
-    status_ = ZOV_NOMEMORY;
-    return;
   }
   memcpy(text, path, length);
   text[length] = '\0';
