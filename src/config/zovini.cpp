@@ -24,8 +24,12 @@ ZOV_SYNC iniSem = ZOV_NO_SYNC;
 
 namespace {
 
-// An entry for every path that was read.
-IniList<IniFile> gINIInfo ZOV_GUARDED_BY(iniSem) = {};
+// An entry for every path that was read, and the names under which the entries,
+// their room and their number are known.
+constinit IniList<IniFile> knownFiles ZOV_GUARDED_BY(iniSem) = {};
+constinit IniFile *&gINIInfo ZOV_GUARDED_BY(iniSem) = knownFiles.elements;
+[[maybe_unused]] constinit uint16_t &nMaxINIs ZOV_GUARDED_BY(iniSem) = knownFiles.capacity;
+constinit uint16_t &nNumINIs ZOV_GUARDED_BY(iniSem) = knownFiles.count;
 
 // Copies a text, cut to fit with its NUL, and gives the length of the copy.
 template <size_t kFieldBytes>
@@ -91,26 +95,27 @@ void freeINI(IniFile &file) {
 
 void FreeINIs() {
   assumeAlone();
-  for (IniFile &file : gINIInfo) {
-    freeINI(file);
+  for (uint16_t number = 0; number < nNumINIs; ++number) {
+    freeINI(gINIInfo[number]);
   }
-  freeList(gINIInfo);
+  freeList(knownFiles);
+  assert(gINIInfo == nullptr && nMaxINIs == 0 && nNumINIs == 0);
 }
 
 // Enters the last file into the index, which doubles when half of it is used.
 void indexLastFile() ZOV_REQUIRES(iniSem) {
-  const uint32_t count = gINIInfo.count;
-  if (gINIInfo.index.ready && 2 * count <= gINIInfo.index.capacity) {
-    iniIndexAdd(gINIInfo, count - 1);
+  const uint32_t count = nNumINIs;
+  if (knownFiles.index.ready && 2 * count <= knownFiles.index.capacity) {
+    iniIndexAdd(knownFiles, count - 1);
   } else {
-    iniIndexBuild(gINIInfo);
+    iniIndexBuild(knownFiles);
   }
 }
 
 }  // namespace
 
 IniFile *findINI(const char *path) {
-  return iniFind(gINIInfo, iniText(path));
+  return iniFind(knownFiles, iniText(path));
 }
 
 IniFile *addINI(const char *path) {
@@ -119,7 +124,7 @@ IniFile *addINI(const char *path) {
   if (text.length >= kIniPathBytes && (longPath = copyOf(text)) == nullptr) {
     return nullptr;
   }
-  IniFile *file = iniIsFull(gINIInfo) ? nullptr : append(gINIInfo);
+  IniFile *file = iniIsFull(knownFiles) ? nullptr : append(knownFiles);
   if (file == nullptr) {
     zov_freeMem(longPath, ZOV_DEFAULT_TAG);
     return nullptr;
