@@ -122,27 +122,33 @@ int32_t _readIniFile(const char *path, uint16_t flags) {
 
 }  // namespace
 
-int32_t failureOf(int32_t status) {
-  return heldShortage == Shortage::kNone ? status : ZOV_INI_NOMEMORY;
+int32_t iniUnopened(Opened opened) {
+  return opened == Opened::kNoMemory ? ZOV_INI_NOMEMORY : ZOV_INI_NOFILE;
+}
+
+int32_t iniReadStatus(const TextStream &stream, bool isInMemory) {
+  if (streamReachedEnd(stream)) {
+    return ZOV_OKAY;
+  }
+  return isInMemory && streamReadFailed(stream) ? ZOV_INI_NOMEMORY : ZOV_INI_NOFILE;
 }
 
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) {
-  const ZOV_STREAM stream = zov_fopenEx(path, "r", ZOV_ENC_BYTES, flags);
-  if (stream == nullptr) {
-    return failureOf(ZOV_INI_NOFILE);
+  ZOV_STREAM stream = nullptr;
+  const Opened opened = streamOpen(path, "r", ZOV_ENC_BYTES, flags, stream);
+  if (opened != Opened::kYes) {
+    return iniUnopened(opened);
   }
   file = entryFor(path);
   const bool isTaken = file != nullptr && takeLines(*file, *stream);
-  const bool isWhole = streamReachedEnd(*stream);
+  const int32_t status = isTaken ? iniReadStatus(*stream, isInMemory(flags)) : ZOV_INI_NOMEMORY;
   zov_fclose(stream);
-  if (isTaken && isWhole) {
+  if (status == ZOV_OKAY) {
     indexINI(*file);
-    return ZOV_OKAY;
-  }
-  if (file != nullptr) {
+  } else if (file != nullptr) {
     emptyINI(*file);
   }
-  return isTaken ? failureOf(ZOV_INI_NOFILE) : ZOV_INI_NOMEMORY;
+  return status;
 }
 
 }  // namespace zov

@@ -16,6 +16,7 @@
 
 #include "config/zovini_name.h"
 #include "core/zov_lock.h"
+#include "text/zov_stream_private.h"
 
 namespace zov {
 
@@ -99,8 +100,12 @@ void indexINI(IniFile &file);
 // file was read.
 int32_t CacheINIFile(const char *path, uint16_t flags, IniFile *&file) ZOV_REQUIRES(iniSem);
 
-// The status of a failure: ZOV_INI_NOMEMORY for a shortage, else the given one.
-int32_t failureOf(int32_t status);
+// The status for a file that could not be opened.
+int32_t iniUnopened(Opened opened);
+
+// The status of a reading that came to where the input ends: ZOV_OKAY, ZOV_INI_NOFILE or
+// ZOV_INI_NOMEMORY.
+int32_t iniReadStatus(const TextStream &stream, bool isInMemory);
 
 // zov_iniGetEx() with a size of any width.
 int32_t iniGet(const char *path, const char *section, const char *name, char *out,

@@ -159,7 +159,8 @@ void takeEnd(Rewrite &rewrite) {
   writePair(rewrite);
 }
 
-int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
+// In memory what fails a transfer is a shortage of memory.
+int32_t scanINI(const Change &change, TextStream &in, FileCache &out, bool isInMemory) {
   Rewrite rewrite = {change, out, 0, false, false, true, false};
   const LineEnd end = iniEachLine(in, [&](IniText line) {
     takeLine(rewrite, line);
@@ -168,12 +169,16 @@ int32_t scanINI(const Change &change, TextStream &in, FileCache &out) {
   if (end == LineEnd::kNoMemory) {
     return ZOV_INI_NOMEMORY;
   }
-  if (end == LineEnd::kNothing && !streamReachedEnd(in)) {
-    return failureOf(ZOV_INI_NOFILE);
+  const int32_t read = end == LineEnd::kNothing ? iniReadStatus(in, isInMemory) : ZOV_OKAY;
+  if (read != ZOV_OKAY) {
+    return read;
   }
   takeEnd(rewrite);
   const bool isDone = !rewrite.hasFailed && fileCacheSyncWhole(out);
-  return isDone ? ZOV_OKAY : failureOf(ZOV_INI_NOTREPLACED);
+  if (isDone) {
+    return ZOV_OKAY;
+  }
+  return isInMemory ? ZOV_INI_NOMEMORY : ZOV_INI_NOTREPLACED;
 }
 
 // The bytes of a path that name the directory. In memory either slash separates.
@@ -194,6 +199,7 @@ char *tempPathFor(const char *path, uint16_t flags) {
 
 // Writes the changed text of a file, which it closes, to a new one.
 int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
+  const bool isInMemory = memFileOf(*original) != nullptr;
   const ZOV_STREAM in = streamOpenOn(original, "r", ZOV_ENC_BYTES);
   if (in == nullptr) {
     zov_fileClose(original);
@@ -201,7 +207,8 @@ int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
   }
   FileCache out = {};
   fileCacheOpen(out, copy, {.canRead = false, .canWrite = true});
-  const int32_t status = streamIsByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out);
+  const int32_t status =
+      streamIsByteSwapped(*in) ? ZOV_INI_NOFILE : scanINI(change, *in, out, isInMemory);
   zov_fclose(in);
   return status;
 }
@@ -210,9 +217,10 @@ int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
 // opened only now: it may have been replaced before the lock was taken.
 int32_t fillAndPlace(const Change &change, const char *path, LockedCopy &copy) {
   struct stat status;
-  const ZOV_FILE original = openOriginal(path, copy.typeFlags, status);
-  if (original == nullptr) {
-    return failureOf(ZOV_INI_NOFILE);
+  ZOV_FILE original = nullptr;
+  const Opened opened = openOriginal(path, copy.typeFlags, status, original);
+  if (opened != Opened::kYes) {
+    return iniUnopened(opened);
   }
   if (lockedCopyIs(copy, status)) {
     zov_fileClose(original);
@@ -229,18 +237,21 @@ int32_t fillAndPlace(const Change &change, const char *path, LockedCopy &copy) {
 // isReplaced may be true beside a failure: when the directory could not be synced.
 int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, uint16_t flags,
                       bool &isReplaced) {
+  if (loadFlag(zov_readonly) != 0) {
+    return ZOV_INI_NOFILE;
+  }
   struct stat status;
-  const ZOV_FILE original =
-      loadFlag(zov_readonly) != 0 ? nullptr : openOriginal(path, flags, status);
-  if (original == nullptr) {
-    return failureOf(ZOV_INI_NOFILE);
+  ZOV_FILE original = nullptr;
+  const Opened opened = openOriginal(path, flags, status, original);
+  if (opened != Opened::kYes) {
+    return iniUnopened(opened);
   }
   // While the file is open no copy can get its inode number and be taken for it.
   LockedCopy copy = {temp, flags, nullptr, false};
   const int32_t made = lockedCopyMake(copy, status);
   zov_fileClose(original);
   if (made != ZOV_OKAY) {
-    return failureOf(ZOV_INI_NOFILE);
+    return made == ZOV_NOMEMORY ? ZOV_INI_NOMEMORY : ZOV_INI_NOFILE;
   }
   const int32_t result = fillAndPlace(change, path, copy);
   isReplaced = copy.isPlaced;
@@ -249,9 +260,10 @@ int32_t rewriteOnDisk(const Change &change, const char *path, const char *temp, 
 }
 
 int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) {
-  const ZOV_FILE original = zov_fileOpen(path, O_RDONLY, flags);
-  if (original == nullptr) {
-    return failureOf(ZOV_INI_NOFILE);
+  ZOV_FILE original = nullptr;
+  const Opened opened = fileOpen(path, O_RDONLY, flags, original);
+  if (opened != Opened::kYes) {
+    return iniUnopened(opened);
   }
   const ZOV_FILE draft = fileOpenDraft(path, flags);
   if (draft == nullptr) {
@@ -259,8 +271,11 @@ int32_t rewriteInMemory(const Change &change, const char *path, uint16_t flags) 
     return ZOV_INI_NOMEMORY;
   }
   int32_t status = copyChanged(change, original, draft);
-  if (status == ZOV_OKAY && placeMemDraft(memFileOf(*draft), path) != ZOV_OKAY) {
-    status = failureOf(ZOV_INI_NOTREPLACED);
+  if (status == ZOV_OKAY) {
+    const int32_t placed = placeMemDraft(memFileOf(*draft), path);
+    status = placed == ZOV_OKAY       ? ZOV_OKAY
+             : placed == ZOV_NOMEMORY ? ZOV_INI_NOMEMORY
+                                      : ZOV_INI_NOTREPLACED;
   }
   zov_fileClose(draft);
   return status;

@@ -8,7 +8,7 @@
 
 namespace zov {
 constinit thread_local int32_t noJumpDepth = 0;
-constinit thread_local Shortage heldShortage = Shortage::kNone;
+constinit thread_local Shortage HeldShortage::kind = Shortage::kNone;
 }  // namespace zov
 
 namespace {
@@ -37,10 +37,10 @@ void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
 }  // namespace
 
 void zov::reportShortage(Shortage what, const char *sourceName, uint32_t line) {
-  if (heldShortage != Shortage::kNone) {
+  if (HeldShortage::kind != Shortage::kNone) {
     return;
   }
-  heldShortage = what;
+  HeldShortage::kind = what;
   heldSourceName = sourceName;
   heldLine = line;
   if (noJumpDepth == 0) {
@@ -49,11 +49,11 @@ void zov::reportShortage(Shortage what, const char *sourceName, uint32_t line) {
 }
 
 void zov::releaseHeldShortage() {
-  assert(heldShortage != Shortage::kNone && noJumpDepth == 0);
+  assert(HeldShortage::kind != Shortage::kNone && noJumpDepth == 0);
   // Raised and still held, so that nothing that writes the message jumps or
   // reports a shortage of its own.
   ++noJumpDepth;
-  logShortage(heldShortage, heldSourceName, heldLine);
+  logShortage(HeldShortage::kind, heldSourceName, heldLine);
   --noJumpDepth;
-  heldShortage = Shortage::kNone;
+  HeldShortage::kind = Shortage::kNone;
 }

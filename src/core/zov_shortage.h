@@ -27,11 +27,20 @@ void reportShortage(Shortage what, const char *sourceName, uint32_t line);
 // unlock. Counts, so that it nests.
 extern constinit thread_local int32_t noJumpDepth;
 
-// The kind of the shortage that waits to be reported.
-extern constinit thread_local Shortage heldShortage;
-
 // Reports the shortage that waits.
 void releaseHeldShortage();
+
+// The kind of the shortage that waits to be reported, for this module alone: any
+// allocation since the outermost NoJump may have met it, one that was tolerated too,
+// so it says nothing about why a call failed.
+class HeldShortage {
+  friend void reportShortage(Shortage what, const char *sourceName, uint32_t line);
+  friend void releaseHeldShortage();
+  friend void allowJumps();
+  friend class Unreported;
+
+  static constinit thread_local Shortage kind;
+};
 
 // Around a lock, where the two ends stand in functions of their own: before it
 // is entered, and after it is left.
@@ -41,7 +50,7 @@ inline void holdJumps() {
 
 inline void allowJumps() {
   assert(noJumpDepth > 0);
-  if (--noJumpDepth == 0 && heldShortage != Shortage::kNone) [[unlikely]] {
+  if (--noJumpDepth == 0 && HeldShortage::kind != Shortage::kNone) [[unlikely]] {
     releaseHeldShortage();
   }
 }
@@ -54,6 +63,19 @@ class NoJump {
   ~NoJump() { allowJumps(); }
   NoJump(const NoJump &) = delete;
   NoJump &operator=(const NoJump &) = delete;
+};
+
+// While one is live, under a NoJump, shortages are not reported: for work that only
+// makes later work faster.
+class Unreported {
+ public:
+  Unreported() : before_(HeldShortage::kind) {}
+  ~Unreported() { HeldShortage::kind = before_; }
+  Unreported(const Unreported &) = delete;
+  Unreported &operator=(const Unreported &) = delete;
+
+ private:
+  Shortage before_;
 };
 
 }  // namespace zov

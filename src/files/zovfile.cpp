@@ -99,8 +99,7 @@ int32_t refuse(int error) {
 // are looked for before the process-wide flags, and on disk only.
 int32_t openFile(FileHandle &file, uint32_t openFlags, uint32_t typeFlags) {
   if (isInMemory(typeFlags)) {
-    file.mfile = zov_mfOpen(file.path, openFlags);
-    return file.mfile == nullptr ? ZOV_ERROR : ZOV_OKAY;
+    return memOpen(file.path, openFlags, file.mfile);
   }
   const int32_t streamNumber = standardStream(file.path);
   if (streamNumber >= 0) {
@@ -140,30 +139,30 @@ FileHandle *newHandle(const char *path, uint32_t typeFlags) {
                                .lockMutex = ZOV_NO_SYNC};
 }
 
-// Makes a handle for a path and calls `open`, which returns false with errno when
-// it cannot open the file. Null then.
+// Makes a handle for a path and calls `open`, which opens the file and gives a
+// status, with errno.
 template <typename Open>
-FileHandle *openHandle(const char *path, uint32_t typeFlags, Open open) {
-  FileHandle *file = newHandle(path, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
+Opened openHandle(const char *path, uint32_t typeFlags, ZOV_FILE &file, Open open) {
+  FileHandle *handle = newHandle(path, typeFlags);
+  if (handle == nullptr) {
+    return Opened::kNoMemory;
   }
-  if (!open(*file)) {
-    cleanupFile(file);
-    return nullptr;
+  const int32_t status = open(*handle);
+  if (status != ZOV_OKAY) {
+    cleanupFile(handle);
+    return isInMemory(typeFlags) && status == ZOV_NOMEMORY ? Opened::kNoMemory : Opened::kNo;
   }
-  assert(isInMemory(typeFlags) == (file->mfile != nullptr));
-  assert(file->mfile == nullptr || file->fd == ZOV_NO_DESCRIPTOR);
-  return file;
+  assert(isInMemory(typeFlags) == (handle->mfile != nullptr));
+  assert(handle->mfile == nullptr || handle->fd == ZOV_NO_DESCRIPTOR);
+  file = handle;
+  return Opened::kYes;
 }
 
 // Whatever the name says, there is no minimum size here.
 FileHandle *_fileOpenMinSize(const char *path, uint32_t openFlags, uint32_t typeFlags) {
-  // Truncating always creates what is missing.
-  const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
-  return openHandle(path, typeFlags, [&](FileHandle &file) {
-    return openFile(file, created, typeFlags) == ZOV_OKAY;
-  });
+  ZOV_FILE file = nullptr;
+  fileOpen(path, openFlags, typeFlags, file);
+  return file;
 }
 
 // Nothing is opened without a path or before start-up.
@@ -273,29 +272,42 @@ int32_t standardStream(const char *path) {
   return strcmp(path, "stderr") == 0 ? STDERR_FILENO : -1;
 }
 
-ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags) {
-  return openHandle(path, typeFlags, [&](FileHandle &file) {
+Opened fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags, ZOV_FILE &file) {
+  // Truncating always creates what is missing.
+  const uint32_t created = (openFlags & O_TRUNC) != 0 ? openFlags | O_CREAT : openFlags;
+  return openHandle(path, typeFlags, file,
+                    [&](FileHandle &handle) { return openFile(handle, created, typeFlags); });
+}
+
+Opened fileOpenNew(const char *path, uint32_t typeFlags, ZOV_FILE &file) {
+  return openHandle(path, typeFlags, file, [&](FileHandle &handle) {
     const int opened = openNewFile(path);
-    file.fd = static_cast<uint64_t>(opened);
-    return opened >= 0;
+    handle.fd = static_cast<uint64_t>(opened);
+    return opened >= 0 ? ZOV_OKAY : ZOV_ERROR;
   });
 }
 
-ZOV_FILE fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status) {
-  const ZOV_FILE file = zov_fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags);
-  if (file == nullptr) {
-    return nullptr;
+Opened fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status, ZOV_FILE &file) {
+  ZOV_FILE found = nullptr;
+  const Opened opened = fileOpen(path, O_RDONLY | O_NONBLOCK, typeFlags, found);
+  if (opened != Opened::kYes) {
+    return opened;
   }
-  if (fstat(descriptorOf(*file), &status) != 0 || !S_ISREG(status.st_mode)) {
-    zov_fileClose(file);
-    return nullptr;
+  if (fstat(descriptorOf(*found), &status) != 0 || !S_ISREG(status.st_mode)) {
+    zov_fileClose(found);
+    return Opened::kNo;
   }
-  return file;
+  file = found;
+  return Opened::kYes;
 }
 
 ZOV_FILE fileOpenDraft(const char *path, uint32_t typeFlags) {
-  return openHandle(path, typeFlags,
-                    [](FileHandle &file) { return (file.mfile = newMemDraft()) != nullptr; });
+  ZOV_FILE file = nullptr;
+  openHandle(path, typeFlags, file, [](FileHandle &handle) {
+    handle.mfile = newMemDraft();
+    return handle.mfile == nullptr ? ZOV_NOMEMORY : ZOV_OKAY;
+  });
+  return file;
 }
 
 int descriptorOf(const FileHandle &file) {

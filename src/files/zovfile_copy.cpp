@@ -184,7 +184,7 @@ struct Destination {
 // Makes the file that a path on disk names. Links that lead nowhere yet stay.
 void makeOnDisk(Destination &to) {
   if (diskMayChange() && followLinks(to.path)) {
-    to.file = fileOpenNew(to.path, to.typeFlags);
+    fileOpenNew(to.path, to.typeFlags, to.file);
   }
 }
 
@@ -192,7 +192,6 @@ void makeOnDisk(Destination &to) {
 bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
   constexpr uint32_t kCreate = O_RDWR | O_CREAT;
   to.typeFlags = typeFlags;
-  errno = 0;
   to.file = zov_fileOpen(path, O_RDWR, typeFlags);
   if (to.file != nullptr || errno != ENOENT || !copyPath(path, to.path)) {
     return to.file != nullptr;
@@ -287,7 +286,9 @@ ZOV_FILE openSource(const char *path, uint32_t typeFlags) {
   if (stat(path, &state) != 0 || !S_ISREG(state.st_mode)) {
     return nullptr;
   }
-  return fileOpenPlain(path, typeFlags, state);
+  ZOV_FILE file = nullptr;
+  fileOpenPlain(path, typeFlags, state, file);
+  return file;
 }
 
 int32_t copyWhole(ZOV_FILE source, ZOV_FILE destination) {

@@ -45,7 +45,6 @@
 #include <unistd.h>
 
 #include "core/zov_shortage.h"
-#include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 
 namespace zov {
@@ -56,7 +55,7 @@ constexpr int64_t kMostWaitMs = 2000;
 constexpr uint32_t kStepMs = 1;
 
 // How an attempt to get the name ended.
-enum class Attempt : uint8_t { kMade, kAgain, kRefused };
+enum class Attempt : uint8_t { kMade, kAgain, kRefused, kNoMemory };
 
 enum class Lock : uint8_t {
   kTaken,
@@ -142,9 +141,11 @@ Attempt removeLeftover(const char *path, const struct stat &original) {
 // Makes the copy. One that cannot be locked, or has lost its name, is left to the
 // process that has it.
 Attempt tryMake(LockedCopy &copy, const struct stat &original) {
-  errno = 0;
-  copy.file = fileOpenNew(copy.path, copy.typeFlags | ZOV_FILE_NOSYNC);
-  if (copy.file == nullptr) {
+  const Opened opened = fileOpenNew(copy.path, copy.typeFlags | ZOV_FILE_NOSYNC, copy.file);
+  if (opened == Opened::kNoMemory) {
+    return Attempt::kNoMemory;
+  }
+  if (opened == Opened::kNo) {
     return errno == EEXIST ? removeLeftover(copy.path, original) : Attempt::kRefused;
   }
   const int descriptor = descriptorOf(*copy.file);
@@ -178,15 +179,15 @@ int32_t finish(const LockedCopy &copy, const struct stat &original) {
 
 }  // namespace
 
-ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status) {
+Opened openOriginal(const char *path, uint32_t typeFlags, struct stat &status, ZOV_FILE &file) {
   if (standardStream(path) >= 0) {
-    return nullptr;
+    return Opened::kNo;
   }
-  const ZOV_FILE file = fileOpenPlain(path, typeFlags, status);
-  if (file != nullptr) {
+  const Opened opened = fileOpenPlain(path, typeFlags, status, file);
+  if (opened == Opened::kYes) {
     status.st_mode = passableMode(descriptorOf(*file), status.st_mode);
   }
-  return file;
+  return opened;
 }
 
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
@@ -199,6 +200,9 @@ int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original) {
     attempt = tryMake(copy, original);
   }
   assert((attempt == Attempt::kMade) == (copy.file != nullptr));
+  if (attempt == Attempt::kNoMemory) {
+    return ZOV_NOMEMORY;
+  }
   return attempt == Attempt::kMade ? ZOV_OKAY : ZOV_ERROR;
 }
 

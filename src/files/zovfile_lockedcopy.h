@@ -5,9 +5,7 @@
 #ifndef ZOV_FILES_ZOVFILE_LOCKEDCOPY_H
 #define ZOV_FILES_ZOVFILE_LOCKEDCOPY_H
 
-#include <sys/stat.h>
-
-#include "zov.h"
+#include "files/zovfile_private.h"
 
 namespace zov {
 
@@ -24,15 +22,15 @@ struct LockedCopy {
 
 // None of these allocates more than a handle, and none jumps.
 
-// Opens a file that is to be replaced to read, and tells its status. Null when it
+// Opens a file that is to be replaced to read, and tells its status. kNo when it
 // is no plain file; waits for nothing. The permission bits in the status are those
 // that its replacement may get, see passableMode().
-ZOV_FILE openOriginal(const char *path, uint32_t typeFlags, struct stat &status);
+Opened openOriginal(const char *path, uint32_t typeFlags, struct stat &status, ZOV_FILE &file);
 
 // Makes the copy of an open file, empty and readable by its owner alone. Removes
 // the copy of a killed process under the name, and waits two seconds for that of a
 // living one. ZOV_ERROR when that is not enough, or when the name is of something
-// else; the copy needs no end then.
+// else, and ZOV_NOMEMORY; the copy needs no end then.
 int32_t lockedCopyMake(LockedCopy &copy, const struct stat &original);
 
 // Gives the copy the owner and group of a file, or the group alone, or neither, as

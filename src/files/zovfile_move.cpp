@@ -60,8 +60,8 @@ bool openDraft(Draft &draft, const Place &to) {
     if (length < 0 || static_cast<size_t>(length) >= sizeof draft.path) {
       return false;
     }
-    draft.file = fileOpenNew(draft.path, to.typeFlags);
-    if (draft.file != nullptr || errno != EEXIST) {
+    const Opened made = fileOpenNew(draft.path, to.typeFlags, draft.file);
+    if (made != Opened::kNo || errno != EEXIST) {
       return draft.file != nullptr;
     }
   }
@@ -78,9 +78,8 @@ void restoreDirectory(const char *path, const struct stat &state) {
   if (directory < 0) {
     return;
   }
-  if (fchown(directory, state.st_uid, state.st_gid) != 0) {
-    errno = 0;  // it stays this user's; giveMode() looks at the group
-  }
+  // Where it stays this user's, giveMode() looks at the group.
+  [[maybe_unused]] const bool isGiven = fchown(directory, state.st_uid, state.st_gid) == 0;
   giveMode(directory, state.st_mode & static_cast<mode_t>(~S_IFMT), state.st_gid);
   close(directory);
 }

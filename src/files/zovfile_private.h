@@ -56,15 +56,25 @@ inline bool tryFileLock(ZOV_FILE file) ZOV_TRY_ACQUIRE(true, file) {
   return zov_fileLock(file) == ZOV_OKAY;
 }
 
-// Opens a new file on disk as openNewFile() does. Null with errno.
-ZOV_FILE fileOpenNew(const char *path, uint32_t typeFlags);
+// How the opening of a file ended.
+enum class Opened : uint8_t {
+  kYes,
+  kNoMemory,
+  kNo,  // errno says why
+};
+
+// zov_fileOpen() with a path, of a library that is started.
+Opened fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags, ZOV_FILE &file);
+
+// Opens a new file on disk as openNewFile() does.
+Opened fileOpenNew(const char *path, uint32_t typeFlags, ZOV_FILE &file);
 
 // Opens what a path on disk names to read, without waiting for it, and tells its
-// status. Null when it is no plain file.
-ZOV_FILE fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status);
+// status. kNo, perhaps without errno, when it is no plain file.
+Opened fileOpenPlain(const char *path, uint32_t typeFlags, struct stat &status, ZOV_FILE &file);
 
 // Opens a new file in memory that has no name, see newMemDraft(). The path is the
-// name it is meant for. Null with errno.
+// name it is meant for. Null, with errno, without memory.
 ZOV_FILE fileOpenDraft(const char *path, uint32_t typeFlags);
 
 // What a handle stands for: a descriptor, or a file in memory and not null. Both

@@ -12,6 +12,7 @@
 //
 // No locks of its own. Nothing jumps: jumps are held off before a directory is
 // locked.
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -40,21 +41,26 @@ int32_t truncate(ZOV_SEG seg) {
   return zov_segSize(seg) == 0 ? ZOV_OKAY : zov_segSetSize(seg, 0);
 }
 
-ZOV_SEG openByPath(const char *path, uint32_t flags) {
+int32_t openByPath(const char *path, uint32_t flags, ZOV_SEG &seg) {
   Lookup lookup(path);
-  if (handleFullPath(lookup, flags, kTypeFile) != 0) {
-    return nullptr;
+  const int32_t found = handleFullPath(lookup, flags, kTypeFile);
+  if (found != 0) {
+    return found;
   }
-  const ZOV_SEG seg = zov_segOpen(lookup.id, flags & ~static_cast<uint32_t>(O_TRUNC));
-  if (seg == nullptr && lookup.created) {
-    undoCreate(lookup);
+  int32_t status = ZOV_OKAY;
+  seg = zov_segOpen(lookup.id, flags & ~static_cast<uint32_t>(O_TRUNC));
+  if (seg == nullptr) {
+    status = errno == ENOENT ? ZOV_NOTFOUND : ZOV_NOMEMORY;
+    if (lookup.created) {
+      undoCreate(lookup);
+    }
   }
   zov_segUnlock(lookup.directory->tree.seg);
   if (seg != nullptr && (flags & O_TRUNC) != 0 && truncate(seg) != ZOV_OKAY) {
     zov_segClose(seg);
-    return nullptr;
+    return ZOV_NOMEMORY;
   }
-  return seg;
+  return status;
 }
 
 // A statistic of the file of a path, which `read` finds by its id; 0 when there is
@@ -116,6 +122,21 @@ int32_t findMem(const char *path, bool &isDirectory) {
   return file != ZOV_OKAY && directory == ZOV_NOMEMORY ? directory : file;
 }
 
+int32_t memOpen(const char *path, uint32_t flags, ZOV_MFILE &file) {
+  const NoJump noJump;
+  MemFile *opened = make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (opened == nullptr) {
+    return ZOV_NOMEMORY;
+  }
+  const int32_t status = openByPath(path, flags, opened->seg);
+  if (status != ZOV_OKAY) {
+    zov_freeMem(opened, ZOV_DEFAULT_TAG);
+    return status;
+  }
+  file = opened;
+  return ZOV_OKAY;
+}
+
 uint32_t memRead(ZOV_MFILE file, void *buffer, uint32_t length) {
   return transferResult(readAtPosition(*file, buffer, length));
 }
@@ -137,16 +158,8 @@ uint32_t memSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer, uint3
 extern "C" {
 
 ZOV_MFILE zov_mfOpen(const char *path, uint32_t flags) {
-  const zov::NoJump noJump;
-  MemFile *file = zov::make<MemFile>(ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (file == nullptr) {
-    return nullptr;
-  }
-  file->seg = zov::openByPath(path, flags);
-  if (file->seg == nullptr) {
-    zov_freeMem(file, ZOV_DEFAULT_TAG);
-    return nullptr;
-  }
+  ZOV_MFILE file = nullptr;
+  zov::memOpen(path, flags, file);
   return file;
 }
 

@@ -53,7 +53,7 @@ Directory *publish(Directory *directory) {
   if (known != nullptr) {
     return known;
   }
-  dirTable.insert(directory);
+  dirTable.insert(directory, ZOV_HERE);
   return directory;
 }
 

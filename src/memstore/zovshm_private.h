@@ -57,11 +57,11 @@ class IdTable {
     });
   }
 
-  // The caller holds jumps off.
-  void insert(Record *record) {
+  // The caller holds jumps off. The place is that of the allocation of more buckets.
+  void insert(Record *record, const char *sourceName, uint32_t line) {
     assert(noJumpDepth > 0);
     if (count_ >= size() * 2) {
-      grow();
+      grow(sourceName, line);
     }
     link(record);
     ++count_;
@@ -114,13 +114,12 @@ class IdTable {
     *bucket = record;
   }
 
-  void grow() {
+  void grow(const char *sourceName, uint32_t line) {
     const size_t oldSize = size();
     const size_t newSize = oldSize * 4;
-    const Shortage met = heldShortage;
-    Record **buckets = zov::makeZeroArray<Record *>(newSize, ZOV_DEFAULT_TAG, ZOV_HERE);
+    const Unreported onlySlower;
+    Record **buckets = zov::makeZeroArray<Record *>(newSize, ZOV_DEFAULT_TAG, sourceName, line);
     if (buckets == nullptr) {
-      heldShortage = met;
       return;
     }
     Record **old = more_ == nullptr ? first_ : more_;

@@ -109,7 +109,7 @@ CacheContext *_openCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **ro
   }
   context->root = *root;
   context->numUsers = 1;
-  contexts.insert(context);
+  contexts.insert(context, ZOV_HERE);
   return context;
 }
 

@@ -79,7 +79,7 @@ uint64_t rootCtx = 0;
 void link(ShmContext *context) {
   const NoJump noJump;
   const MutexLock lock(sem);
-  liveContexts.insert(context);
+  liveContexts.insert(context, ZOV_HERE);
 }
 
 // Makes a context and returns its id, or 0 when memory is short.

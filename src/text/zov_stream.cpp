@@ -131,25 +131,31 @@ FileUse useOf(const OpenMode &mode, const char *name, uint32_t options) {
           .hasEnd = !isStandardName(name)};
 }
 
-// A stream over the file of a name, or null with errno.
-TextStream *openStream(const char *name, uint32_t openFlags, uint32_t options, const FileUse &use) {
+Opened refuse() {
+  errno = EINVAL;
+  return Opened::kNo;
+}
+
+// Makes a stream over the file of a name.
+Opened openStream(const char *name, uint32_t openFlags, uint32_t options, const FileUse &use,
+                  ZOV_STREAM &stream) {
   if (!started() || name == nullptr) {
-    errno = EINVAL;
-    return nullptr;
+    return refuse();
   }
-  TextStream *stream = make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
-  if (stream == nullptr) {
-    errno = ENOMEM;
-    return nullptr;
+  TextStream *made = make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
+  if (made == nullptr) {
+    return Opened::kNoMemory;
   }
-  const ZOV_FILE handle = zov_fileOpen(name, openFlags | O_CLOEXEC, options);
-  if (handle == nullptr) {
+  ZOV_FILE handle = nullptr;
+  const Opened opened = fileOpen(name, openFlags | O_CLOEXEC, options, handle);
+  if (opened != Opened::kYes) {
     const KeepErrno kept;
-    zov_freeMem(stream, ZOV_DEFAULT_TAG);
-    return nullptr;
+    zov_freeMem(made, ZOV_DEFAULT_TAG);
+    return opened;
   }
-  fileCacheOpen(stream->cache, handle, use);
-  return stream;
+  fileCacheOpen(made->cache, handle, use);
+  stream = made;
+  return Opened::kYes;
 }
 
 // Sets the encoding of a stream whose file stands at its start.
@@ -163,6 +169,20 @@ void begin(TextStream &stream, bool isWriting, int32_t encoding) {
 }
 
 }  // namespace
+
+Opened streamOpen(const char *name, const char *mode, int32_t encoding, uint32_t options,
+                  ZOV_STREAM &stream) {
+  OpenMode parsed;
+  if (!parseMode(mode, parsed)) {
+    return refuse();
+  }
+  const Opened opened =
+      openStream(name, parsed.openFlags, options, useOf(parsed, name, options), stream);
+  if (opened == Opened::kYes) {
+    begin(*stream, parsed.isWriting, encoding);
+  }
+  return opened;
+}
 
 ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding) {
   OpenMode parsed;
@@ -186,6 +206,10 @@ bool streamReachedEnd(const TextStream &stream) {
   return !stream.cache.readFailed && stream.cache.position >= stream.cache.length;
 }
 
+bool streamReadFailed(const TextStream &stream) {
+  return stream.cache.readFailed;
+}
+
 bool streamIsByteSwapped(const TextStream &stream) {
   return stream.bomLength == 2 && memcmp(stream.cache.data, "\xFE\xFF", 2) == 0;
 }
@@ -199,24 +223,16 @@ ZOV_STREAM zov_fopen(const char *name, const char *mode, int32_t encoding) {
 }
 
 ZOV_STREAM zov_fopenEx(const char *name, const char *mode, int32_t encoding, uint32_t options) {
-  zov::OpenMode parsed;
-  if (!zov::parseMode(mode, parsed)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  TextStream *stream =
-      zov::openStream(name, parsed.openFlags, options, zov::useOf(parsed, name, options));
-  if (stream != nullptr) {
-    zov::begin(*stream, parsed.isWriting, encoding);
-  }
+  ZOV_STREAM stream = nullptr;
+  zov::streamOpen(name, mode, encoding, options, stream);
   return stream;
 }
 
 ZOV_STREAM zov_fopen_std(const char *name) {
   const bool isOutput = zov::isStandardName(name);
-  TextStream *stream =
-      zov::openStream(name, O_RDONLY, 0, {.canRead = !isOutput, .canWrite = isOutput});
-  if (stream != nullptr) {
+  const zov::FileUse use = {.canRead = !isOutput, .canWrite = isOutput};
+  ZOV_STREAM stream = nullptr;
+  if (zov::openStream(name, O_RDONLY, 0, use, stream) == zov::Opened::kYes) {
     stream->encoding = ZOV_ENC_BYTES;
   }
   return stream;

@@ -176,12 +176,13 @@ void fileCacheOpen(FileCache &cache, ZOV_FILE handle, const FileUse &use) {
 
 void fileCacheClose(FileCache &cache) {
   const int before = errno;
-  const int sendError = flushModified(cache) ? 0 : errno;
-  errno = 0;
-  zov_fileClose(cache.handle);
-  const int closeError = errno;
+  const bool isSent = flushModified(cache);
+  const int sendError = errno;
+  const bool isClosed = closesWhole(cache.handle);
   cache.handle = nullptr;
-  errno = sendError != 0 ? sendError : closeError != 0 ? closeError : before;
+  if (!isSent || isClosed) {
+    errno = isSent ? before : sendError;
+  }
 }
 
 uint32_t fileCacheFill(FileCache &cache) {

@@ -5,7 +5,7 @@
 #ifndef ZOV_TEXT_ZOV_STREAM_PRIVATE_H
 #define ZOV_TEXT_ZOV_STREAM_PRIVATE_H
 
-#include "zov.h"
+#include "files/zovfile_private.h"
 
 namespace zov {
 
@@ -126,6 +126,10 @@ struct TextStream {
 
 namespace zov {
 
+// zov_fopenEx(). May jump.
+Opened streamOpen(const char *name, const char *mode, int32_t encoding, uint32_t options,
+                  ZOV_STREAM &stream);
+
 // zov_fopen() on a handle that is open and stands at its start; the mode must fit
 // how it was opened. The stream owns the handle. Null, with errno, for a bad mode
 // or without memory: the handle is then still the caller's. Never jumps.
@@ -133,6 +137,10 @@ ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding);
 
 // Whether the end of the input was that of the file: a failing read looks the same.
 bool streamReachedEnd(const TextStream &stream);
+
+// Whether a reading failed, which ends the input too. Of a file in memory it does so
+// for a shortage of memory only.
+bool streamReadFailed(const TextStream &stream);
 
 // Whether the file has the mark FE FF, so that its units are read in the wrong
 // order. For a stream that was opened for reading and has not moved yet.

@@ -247,9 +247,22 @@ TEST_P(Ini, AFailedSetLeavesTheOldFileOrTheNew) {
   }
 }
 
-// A file that cannot be read is not an empty one, whatever its length is said to be.
-TEST_P(IniOnDisk, ASetTellsAFailingReadFromTheEnd) {
+// A file that cannot be read is not an empty one, whatever its length is said to be,
+// and not one that memory is short for where that cost only the cache's index.
+TEST_P(IniOnDisk, AFailingReadIsNeitherTheEndNorAShortage) {
   put("test.ini", textWith("1"));
+  for (string other = "//" + path; other.size() <= path.size() + 16; other.insert(0, "//")) {
+    EXPECT_EQ(zov_readIniFile(other.c_str()), ZOV_OKAY);
+  }
+  int32_t status = ZOV_OKAY;
+  zovtest::outputOf([&] {
+    char out[9];
+    const Fault unread(Call::read, 1, EIO, true);
+    const Fault unindexed(Call::allocation, 4, ENOMEM);
+    status = getInto(out, 9, "S", "ab");
+    EXPECT_TRUE(unindexed.struck());
+  });
+  EXPECT_EQ(status, ZOV_INI_NOFILE);
   for (uint32_t nth = 1; nth < 20; ++nth) {
     zovtest::outputOf([&] {
       const Fault unknown(Call::fstat, nth, EIO);
