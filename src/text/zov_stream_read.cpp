@@ -6,8 +6,9 @@
 //
 //   FFFE 41 00 E9 00  ->  41 C3 A9,  A9 being pushed back while C3 is returned
 //
-// Byte streams are read in runs straight out of the cache block. A stream whose
-// encoding is neither of the two yields zeros without reading and never ends.
+// Lines are read in runs straight out of the cache block, bytes copied and units
+// decoded on the way. A stream whose encoding is neither of the two yields zeros
+// without reading and never ends.
 //
 // Reading takes no lock. Only zov_fGetLine() allocates and may jump; the caller's
 // block and its size are then as they were before that allocation.
@@ -17,6 +18,7 @@
 #include <algorithm>
 
 #include "core/zov_make.h"
+#include "files/zovutf8_private.h"
 #include "text/zov_stream_private.h"
 
 namespace zov {
@@ -135,24 +137,69 @@ LinePiece copyRun(FileCache &cache, char *out, uint32_t room) {
   return {count, newline != nullptr};
 }
 
+// Decodes UTF-16 up to and with the next newline out of the block, which takes a
+// third of the time that it takes unit by unit. Stops short at the block's end, in
+// front of a surrogate and of a character that does not fit whole.
+LinePiece decodeRun(FileCache &cache, char *out, uint32_t room) {
+  const uint64_t offset = offsetInBlock(cache);
+  const uint64_t available = offset < cache.valid ? cache.valid - offset : 0;
+  const char *const start = cache.data + (available == 0 ? 0 : offset);
+  const char *const end = start + available / sizeof(uint16_t) * sizeof(uint16_t);
+  const char *from = start;
+  LinePiece piece = {0, false};
+  while (from < end && piece.count < room && !piece.hasNewline) {
+    uint16_t unit;
+    memcpy(&unit, from, sizeof unit);
+    if (unit < 0x80) {
+      out[piece.count++] = static_cast<char>(unit);
+      piece.hasNewline = unit == '\n';
+    } else {
+      const uint32_t length = utf8Length(unit);
+      if ((unit & 0xF800) == 0xD800 || room - piece.count < length) {
+        break;
+      }
+      storeUtf8(out + piece.count, unit, length);
+      piece.count += length;
+    }
+    from += sizeof unit;
+  }
+  cache.position += static_cast<uint64_t>(from - start);
+  return piece;
+}
+
+// Reads one byte as a piece; a count of 0 is the end of the input.
+LinePiece readByte(TextStream &stream, char *out) {
+  const int32_t value = nextByte(stream);
+  if (value == kEndOfInput) {
+    return {0, false};
+  }
+  *out = static_cast<char>(value);
+  return {1, value == '\n'};
+}
+
+// Reads a piece of at least a byte; a count of 0 is the end of the input.
+LinePiece readSome(TextStream &stream, char *out, uint32_t room) {
+  if (readsRuns(stream)) {
+    return copyRun(stream.cache, out, room);
+  }
+  if (stream.pushbackCount == 0 && stream.encoding == ZOV_ENC_UTF16) {
+    const LinePiece run = decodeRun(stream.cache, out, room);
+    if (run.count > 0) {
+      return run;
+    }
+  }
+  return readByte(stream, out);
+}
+
 // Reads until a newline, the end of the room or the end of the input.
 LinePiece readPiece(TextStream &stream, char *out, uint32_t room) {
   LinePiece piece = {0, false};
   while (piece.count < room && !piece.hasNewline) {
-    if (readsRuns(stream)) {
-      const LinePiece run = copyRun(stream.cache, out + piece.count, room - piece.count);
-      if (run.count == 0) {
-        break;
-      }
-      piece = {piece.count + run.count, run.hasNewline};
-    } else {
-      const int32_t value = nextByte(stream);
-      if (value == kEndOfInput) {
-        break;
-      }
-      out[piece.count++] = static_cast<char>(value);
-      piece.hasNewline = value == '\n';
+    const LinePiece more = readSome(stream, out + piece.count, room - piece.count);
+    if (more.count == 0) {
+      break;
     }
+    piece = {piece.count + more.count, more.hasNewline};
   }
   return piece;
 }
