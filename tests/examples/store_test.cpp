@@ -107,7 +107,16 @@ Records merged(Records records, const Records &others) {
   return records;
 }
 
-class StoreTest : public StartedInDir {};
+// A directory where syncing costs nothing.
+const char *parentDirectory() {
+  return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : nullptr;
+}
+
+class StoreTest : public Started {
+ protected:
+  std::string at(const std::string &name) const { return dir / name; }
+  const TempDir dir{parentDirectory()};
+};
 
 // --- The model -----------------------------------------------------------
 
@@ -160,7 +169,7 @@ void runRound(Random &random, minidb::Store *store, Records &records) {
   minidb::Transaction *transaction;
   ASSERT_EQ(minidb::beginTransaction(*store, mode, &transaction), Status::kOkay);
   Records changed = records;
-  for (uint32_t left = random.below(300); left > 0; --left) {
+  for (uint32_t left = random.below(200); left > 0; --left) {
     change(random, transaction, changed);
   }
   compareRange(random, minidb::viewOf(*transaction), changed);
@@ -189,7 +198,7 @@ void runModel(const std::string &path, uint32_t flags) {
   Random random;
   Records records;
   std::optional<Database> database(std::in_place, path, flags);
-  for (int round = 0; round < 40; ++round) {
+  for (int round = 0; round < 25; ++round) {
     ASSERT_EQ(database->status, Status::kOkay) << minidb::problem();
     runRound(random, database->store, records);
     ASSERT_FALSE(testing::Test::HasFatalFailure());
@@ -271,9 +280,9 @@ TEST_F(StoreTest, RefusesTransactionsThatMeet) {
 TEST_F(StoreTest, ReadsFewPagesForOneRecord) {
   {
     Database database(at("data"));
-    ASSERT_EQ(put(database.store, many(30000, 'a'), Mode::kExclusive), Status::kOkay);
+    ASSERT_EQ(put(database.store, many(20000, 'a'), Mode::kExclusive), Status::kOkay);
   }
-  Database database(at("data"), 0, true);
+  Database database(at("data"));
   minidb::View view;
   minidb::Cursor cursor;
   minidb::Stats stats;
@@ -282,7 +291,7 @@ TEST_F(StoreTest, ReadsFewPagesForOneRecord) {
   minidb::closeView(view);
   ASSERT_EQ(minidb::readStats(*database.store, stats), Status::kOkay);
   EXPECT_GE(stats.depth, 3u);
-  EXPECT_LE(stats.pagesRead, stats.depth + 7u);  // this reader looks at the metas three times
+  EXPECT_LE(stats.pagesRead, stats.depth + 3u);
 }
 
 TEST_F(StoreTest, IsOneFileForOneWriterByAnyName) {
@@ -338,8 +347,8 @@ TEST_F(StoreTest, LeavesOtherFilesAlone) {
 // --- A disk that forgets -------------------------------------------------
 
 struct Event {
-  enum Kind : uint8_t { kCreate, kRename, kRemove, kWrite, kSync, kSyncNames } kind;
-  uint64_t inode;
+  enum Kind : uint8_t { kCreate, kRename, kRemove, kWrite, kSync } kind;
+  uint64_t inode;    // 0 for the directory
   std::string name;  // the bytes of a write
   std::string newName;
   int64_t offset;
@@ -385,67 +394,57 @@ void noteGone(const char *path) {
   }
 }
 
-// The files after a crash: of what was not synced nothing (0), all (1), or any sectors
-// and the first of the changed names.
-std::map<std::string, std::string> crash(const std::vector<Event> &events, size_t count, int how,
-                                         Random &random) {
+// A disk: what is safe on it, and what was not synced.
+struct Disk {
   std::map<uint64_t, std::string> contents;
   std::map<std::string, uint64_t> names;
   std::vector<Event> unsynced;
-  const auto write = [&](const Event &event, bool torn) {
-    std::string &content = contents[event.inode];
-    for (size_t at = 0; at < event.name.size(); at += 512) {
-      const size_t offset = static_cast<size_t>(event.offset) + at;
-      if (!torn || random.below(2) == 0) {
-        content.resize(std::max(content.size(), offset + 512));
-        content.replace(offset, 512, event.name, at, 512);
-      }
-    }
-  };
-  const auto rename = [&](const Event &event) {
+
+  // Applies a change, or of a write any sectors.
+  void apply(const Event &event, Random *tear) {
     if (event.kind == Event::kCreate) {
       names[event.name] = event.inode;
     } else if (event.kind == Event::kRename) {
       names[event.newName] = names[event.name];
-    }
-    if (event.kind != Event::kCreate) {
+      names.erase(event.name);
+    } else if (event.kind == Event::kRemove) {
       names.erase(event.name);
     }
-  };
-  for (size_t index = 0; index < count; ++index) {
-    const Event &event = events[index];
-    if (event.kind < Event::kSync) {
+    std::string &content = contents[event.inode];
+    for (size_t at = 0; event.kind == Event::kWrite && at < event.name.size(); at += 512) {
+      const size_t offset = static_cast<size_t>(event.offset) + at;
+      if (tear == nullptr || tear->below(2) == 0) {
+        content.resize(std::max(content.size(), offset + 512));
+        content.replace(offset, 512, event.name, at, 512);
+      }
+    }
+  }
+
+  void take(const Event &event) {
+    if (event.kind != Event::kSync) {
       unsynced.push_back(event);
-      continue;
+      return;
     }
     std::erase_if(unsynced, [&](const Event &old) {
-      const bool ofData = old.kind == Event::kWrite;
-      if (event.kind == Event::kSync && ofData && old.inode == event.inode) {
-        write(old, false);
-        return true;
+      const bool synced = (old.kind == Event::kWrite ? old.inode : 0) == event.inode;
+      if (synced) {
+        apply(old, nullptr);
       }
-      if (event.kind == Event::kSyncNames && !ofData) {
-        rename(old);
-        return true;
-      }
-      return false;
+      return synced;
     });
   }
-  size_t left = how == 0 ? 0 : how == 1 ? SIZE_MAX : random.below(3);
-  for (const Event &event : unsynced) {
-    if (event.kind == Event::kWrite && how != 0) {
-      write(event, how != 1);
-    } else if (event.kind != Event::kWrite && left > 0) {
-      --left;
-      rename(event);
+
+  // Keeps of what was not synced nothing (0), all (1), or any sectors and the first of
+  // the changed names.
+  void crash(int how, Random &random) {
+    size_t left = how == 0 ? 0 : how == 1 ? SIZE_MAX : random.below(3);
+    for (const Event &event : unsynced) {
+      if (event.kind == Event::kWrite ? how != 0 : left > 0 && left-- > 0) {
+        apply(event, how == 1 ? nullptr : &random);
+      }
     }
   }
-  std::map<std::string, std::string> files;
-  for (const auto &[name, inode] : names) {
-    files[name] = contents[inode];
-  }
-  return files;
-}
+};
 
 // Creates a database, commits, loads, compacts and commits again; `states` are the
 // records after each commit.
@@ -474,13 +473,19 @@ TEST_F(StoreTest, SurvivesCrashes) {
   runRecorded(at("data"), states);
   recorder = nullptr;
   ASSERT_GT(recorded.events.size(), 150u);
+  Disk disk;
   for (size_t count = 0; count <= recorded.events.size(); ++count) {
+    if (count > 0) {
+      disk.take(recorded.events[count - 1]);
+    }
     const bool inWrites = count > 0 && recorded.events[count - 1].kind == Event::kWrite;
     for (int how = 0; how < (inWrites ? 3 : 5); ++how) {
       SCOPED_TRACE(std::to_string(count) + " calls, crash " + std::to_string(how));
-      const TempDir after;
-      for (const auto &[name, bytes] : crash(recorded.events, count, how, random)) {
-        writeFile(after / name, bytes);
+      const TempDir after(parentDirectory());
+      Disk crashed = disk;
+      crashed.crash(how, random);
+      for (const auto &[name, inode] : crashed.names) {
+        writeFile(after / name, crashed.contents[inode]);
       }
       Database database(after / "data");
       ASSERT_EQ(database.status, Status::kOkay) << minidb::problem();
@@ -590,7 +595,7 @@ REPLACE(uint32_t, zov_fileSeekWrite,
 REPLACE(int32_t, zov_fileSync, (ZOV_FILE file), {
   if (recorder != nullptr && recorder->files.contains(file)) {
     const uint64_t inode = recorder->files[file];
-    recorder->add({inode == 0 ? Event::kSyncNames : Event::kSync, inode, {}, {}, 0});
+    recorder->add({Event::kSync, inode, {}, {}, 0});
   }
   return __real_zov_fileSync(file);
 })

@@ -3,7 +3,7 @@
 // What the sources of the store share: files of pages, the store and its transactions.
 //
 // Locks, in the order in which they are taken: a store's writeLock, its stateLock, a
-// shard's lock of the cache.
+// shard's lock of the cache. Nothing is taken beside its queueLock.
 #ifndef MINIDB_STORE_INTERNAL_H
 #define MINIDB_STORE_INTERNAL_H
 
@@ -79,12 +79,15 @@ struct Store {
   uint32_t scratchLimit;  // pages of all transactions together
   bool readOnly;
   std::atomic<bool> broken;
-  ZOV_SYNC writeLock;    // held by who commits, compacts or has the store alone
-  ZOV_SYNC stateLock;    // guards what follows, and the ends of page files
-  View newest;           // what is committed; a user of its file
-  Transaction *waiting;  // those that want to be committed, the latest first
+  ZOV_SYNC writeLock;  // held by who commits, compacts or has the store alone
+  ZOV_SYNC stateLock;  // guards what follows, and the ends of page files
+  View newest;         // what is committed; a user of its file
   std::atomic<uint32_t> scratchPages;
   std::atomic<uint64_t> syncs;
+  pthread_mutex_t queueLock;  // guards these, and `done` of transactions
+  pthread_cond_t groupEnded;
+  Transaction *waiting;  // to be committed, the earliest first
+  bool leading;          // somebody commits
   Cache cache;
 };
 
@@ -113,7 +116,8 @@ struct Transaction {
   int64_t logBytes;
   bool logTooLong;    // some are missing
   Transaction *next;  // that waits
-  bool done;
+  bool done;          // while it waited, by another thread
+  bool decided;       // the result is known
   Status result;
   char reason[kProblemBytes];
 };

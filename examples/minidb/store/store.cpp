@@ -37,6 +37,8 @@ Store *newStore(const Options &options) {
   store->scratchLimit = static_cast<uint32_t>(options.dirtyBytes / kPageBytes);
   store->writeLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   store->stateLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  pthread_mutex_init(&store->queueLock, nullptr);
+  pthread_cond_init(&store->groupEnded, nullptr);
   const uint64_t bytes = options.cacheBytes == 0 ? kDefaultCacheBytes : options.cacheBytes;
   if (!openCache(store->cache, tag, bytes < kMinCacheBytes ? kMinCacheBytes : bytes) ||
       store->writeLock == ZOV_NO_SYNC || store->stateLock == ZOV_NO_SYNC) {
@@ -179,6 +181,8 @@ void closeStore(Store *store) {
     closePageFile(*store, store->newest.file);
   }
   closeCache(store->cache);
+  pthread_cond_destroy(&store->groupEnded);
+  pthread_mutex_destroy(&store->queueLock);
   zov_syncDelete(store->stateLock);
   zov_syncDelete(store->writeLock);
   zov_freeTagMemory(store->tag, 1);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Transactions from begin to end. Those that want to be committed wait in a list; who
-// has the write lock commits them all: the first one's tree is taken as it is when
-// nobody committed since it began, and the keys that the others changed are changed
-// in it again. Then its pages go to the end of the data file, children before parents:
+// Transactions from begin to end. Those that want to be committed wait in a list while
+// others are being committed. Then one of them commits all: the first one's tree is taken as it is
+// when nobody committed since it began, and the keys that the others changed are changed in it
+// again. Then its pages go to the end of the data file, children before parents:
 //
 //   pages -> sync -> meta -> sync -> newest view
 #include "store/internal.h"
@@ -172,7 +172,7 @@ Status refuseBroken() {
 void setResult(Transaction &transaction, Status status) {
   transaction.result = status;
   zov_strncpyZ(transaction.reason, problem(), sizeof transaction.reason);
-  transaction.done = true;
+  transaction.decided = true;
 }
 
 // The transaction whose tree all others are put into: one that began with the newest
@@ -216,7 +216,7 @@ void commitGroup(Store &store, Transaction *group) {
   }
   const Status status = writeGroup(store, target);
   for (Transaction *each = group; each != nullptr; each = each->next) {
-    if (!each->done || (each->result == Status::kOkay && status != Status::kOkay)) {
+    if (!each->decided || (each->result == Status::kOkay && status != Status::kOkay)) {
       setResult(*each, status);
     }
   }
@@ -225,22 +225,36 @@ void commitGroup(Store &store, Transaction *group) {
   }
 }
 
-void joinWaiting(Store &store, Transaction &transaction) {
-  zov_syncEnterExcl(store.stateLock);
+// Waits until the transaction is committed by somebody, or is the one to commit all
+// that wait.
+Transaction *joinGroup(Store &store, Transaction &transaction) {
+  pthread_mutex_lock(&store.queueLock);
   Transaction **last = &store.waiting;
   while (*last != nullptr) {
     last = &(*last)->next;
   }
   *last = &transaction;
-  zov_syncExitExcl(store.stateLock);
+  while (!transaction.done && store.leading) {
+    pthread_cond_wait(&store.groupEnded, &store.queueLock);
+  }
+  Transaction *group = nullptr;
+  if (!transaction.done) {
+    group = store.waiting;
+    store.waiting = nullptr;
+    store.leading = true;
+  }
+  pthread_mutex_unlock(&store.queueLock);
+  return group;
 }
 
-Transaction *takeWaiting(Store &store) {
-  zov_syncEnterExcl(store.stateLock);
-  Transaction *group = store.waiting;
-  store.waiting = nullptr;
-  zov_syncExitExcl(store.stateLock);
-  return group;
+void dismissGroup(Store &store, Transaction *group) {
+  pthread_mutex_lock(&store.queueLock);
+  for (; group != nullptr; group = group->next) {
+    group->done = true;
+  }
+  store.leading = false;
+  pthread_cond_broadcast(&store.groupEnded);
+  pthread_mutex_unlock(&store.queueLock);
 }
 
 }  // namespace
@@ -278,8 +292,8 @@ void endTransaction(Transaction *transaction) {
   store.scratchPages.fetch_sub(transaction->scratchPages);
   zov_syncEnterExcl(store.stateLock);
   PageFile &file = *transaction->base.file;
-  const bool mayBeKept = transaction->done && (transaction->result == Status::kOkay ||
-                                               transaction->result == Status::kUnknown);
+  const bool mayBeKept = transaction->decided && (transaction->result == Status::kOkay ||
+                                                  transaction->result == Status::kUnknown);
   if (!mayBeKept && transaction->firstPlace + transaction->places == file.end) {
     file.end = transaction->firstPlace;
   }
@@ -424,14 +438,15 @@ Status commit(Transaction *transaction) {
   Status status = transaction->failed ? Status::kFailed : Status::kOkay;
   if (status == Status::kOkay && transaction->view.changes > 0) {
     const bool alone = transaction->mode == Mode::kExclusive;
-    if (!alone) {
-      joinWaiting(store, *transaction);
+    Transaction *group = alone ? transaction : joinGroup(store, *transaction);
+    if (group != nullptr) {
+      zov_syncEnterExcl(store.writeLock);
+      commitGroup(store, group);
+      zov_syncExitExcl(store.writeLock);
     }
-    zov_syncEnterExcl(store.writeLock);
-    if (!transaction->done) {
-      commitGroup(store, alone ? transaction : takeWaiting(store));
+    if (group != nullptr && !alone) {
+      dismissGroup(store, group);
     }
-    zov_syncExitExcl(store.writeLock);
     status = transaction->result;
     if (status != Status::kOkay) {
       fail("%s", transaction->reason);
