@@ -1,286 +1,230 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// minidb: a small database of text records. The command line: queries run in this
+// minidb: a small database of text records. The command line: statements run in this
 // process on the data file, or in a server.
-#include <stdlib.h>
+#include <errno.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "client/client.h"
-#include "engine/command_line.h"
-#include "engine/line_reader.h"
-#include "engine/query.h"
+#include "store/internal.h"
 
 namespace {
 
 using minidb::Buffer;
-using minidb::Item;
+using minidb::CommandLine;
+using minidb::Line;
 using minidb::Position;
 using minidb::Text;
 
-constexpr int kSuccess = 0;
-constexpr int kFailure = 1;
-constexpr int kUsageError = 2;
+constexpr Position kStart = {1, 1};
 
-constexpr char kUsage[] =
-    "usage: minidb [OPTION...] [QUERY | STATEMENT WORD...]\n"
-    "Runs the statements of a query, or of standard input without one.\n"
-    "  put KEY VALUE             keep a record, in place of an earlier one of the key\n"
-    "  get KEY                   show the record of a key\n"
-    "  delete KEY\n"
-    "  find [PATTERN] [from KEY] [to KEY]\n"
-    "                            show the records that match; * and ? are wildcards\n"
-    "  count [PATTERN] [from KEY] [to KEY]\n"
-    "  load FILE                 put the records of a text file, one to a line\n"
-    "  dump FILE [bytes|utf16]   write every record to a text file\n"
-    "  begin, commit, abort      make changes together, or not at all\n"
-    "  compact                   rewrite the data file without what was replaced\n"
-    "  set NAME VALUE, settings  change or show the settings\n"
-    "Statements end at a semicolon. Words with spaces, semicolons or quotes, and those\n"
-    "of the language, stand in quotes.\n"
-    "  --settings FILE           the INI file, \"minidb.ini\" unless told otherwise\n"
-    "  --data FILE, --separator CHARACTER\n"
-    "                            in place of the settings of these names\n"
-    "  --memory                  work in memory, and save changes at the end\n"
-    "  --log FILE                write a log, anew each time\n"
-    "  --connect SOCKET          let the server there run the query\n"
-    "  --wait MILLISECONDS       how long to wait for the server's answer\n";
-
-struct Options {
-  const char *settingsPath;
-  const char *dataPath;    // null: as the settings say
-  const char *separator;   // the same
-  const char *logPath;     // null: no log file
-  const char *socketPath;  // null: no server
-  int32_t waitMs;
-  bool inMemory;
-};
-
-// The words of the command line that are left.
-struct Arguments {
-  int count;
-  char **words;
-};
-
-void print(void *, Item item, Text line) {
-  const int length = static_cast<int>(line.length);
-  switch (item) {
-    case Item::kRow:
-      zov_printf("%.*s\n", length, line.bytes);
-      break;
-    case Item::kNote:
-      zov_log("%.*s\n", length, line.bytes);
-      break;
-    default:
-      zov_log_err("minidb: %.*s\n", length, line.bytes);
-      break;
+// The channel to standard output. zov_fileWrite() would report each failure.
+int32_t writeToScreen(void *, const void *data, uint32_t length) {
+  const char *at = static_cast<const char *>(data);
+  while (length > 0) {
+    const uint32_t sent = zov_flWrite(STDOUT_FILENO, at, length);
+    if (sent == ZOV_IO_FAILED && errno != EINTR) {
+      return errno;
+    }
+    at += sent == ZOV_IO_FAILED ? 0 : sent;
+    length -= sent == ZOV_IO_FAILED ? 0 : sent;
   }
+  return 0;
 }
 
-// --- What runs a query ---------------------------------------------------
-
+// What runs queries, a server or else a session of this process, and how the latest went.
 struct Runner {
-  bool (*run)(void *context, Text query, Position position);
-  void *context;
+  minidb::Remote *remote;
+  minidb::Session *session;
+  minidb::Output output;
+  uint8_t ending;
+  bool failed;  // one did
 };
 
-bool runHere(void *context, Text query, Position position) {
-  return minidb::runQuery(*static_cast<minidb::Session *>(context), query, position);
-}
-
-bool runThere(void *context, Text query, Position position) {
-  return minidb::ask(*static_cast<minidb::Client *>(context),
-                     {query, position.line, position.column}, print, nullptr);
+// Runs a query. False when no other can follow.
+bool run(Runner &runner, Text query, Position position) {
+  bool answered = true;
+  minidb::markRunning(true);
+  if (runner.remote != nullptr) {
+    answered = minidb::ask(*runner.remote, {query, position}, runner.output, runner.ending) ||
+               minidb::report();
+  } else {
+    const bool succeeded = minidb::runQuery(*runner.session, query, position);
+    runner.ending = minidb::endingOf(*runner.session, succeeded);
+  }
+  const bool goesOn = answered && (!minidb::isMarked() || minidb::isTerminal());
+  minidb::markRunning(false);
+  const bool isFine = (runner.ending & minidb::kSucceeded) != 0 || runner.output.status == EPIPE;
+  runner.failed = runner.failed || !answered || !isFine;
+  return goesOn && (runner.ending & minidb::kQuits) == 0;
 }
 
 // --- Where queries come from ---------------------------------------------
 
-constexpr Position kStart = {1, 1};
-
 // Standard input on its way to be statements.
 struct Input {
-  minidb::LineReader reader;
-  Buffer query;       // the lines since the last statement that ended with its line
-  Position position;  // of the first of them
-  int32_t lines;      // all that were read
+  ZOV_STREAM stream;
+  ZOV_TAG tag;
+  Buffer query;             // the lines since the last statement that ended with its line
+  minidb::Reading reading;  // where they end
+  Position position;        // of the first of them
+  int32_t lines;            // all that were read
 };
 
-enum class Taken { kLine, kEnd, kFailed };
+void dropQuery(Input &input) {
+  input.query.length = 0;
+  input.reading = {};
+  input.position.line = input.lines + 1;
+}
 
-// Adds the next line to the query. A failure is reported.
-Taken takeLine(Input &input) {
-  const char *line = minidb::readLine(input.reader);
-  if (line == nullptr && zov_errno() != 0) {
-    minidb::cannot("read", "stdin");
-    return Taken::kFailed;
+// Takes the next line, and runs the query that it ends. False when that was the last.
+bool takeLine(Runner &runner, Input &input) {
+  const uint32_t before = input.query.length;
+  minidb::markRunning(minidb::isTerminal());
+  const Line taken = minidb::readInput(input.stream, before == 0 ? "minidb> " : "   ...> ",
+                                       input.query, input.tag);
+  if (minidb::isMarked()) {
+    zov_printfErr("\n");
+    dropQuery(input);
+    return true;
   }
-  if (line == nullptr) {
-    return Taken::kEnd;
+  if (taken == Line::kTooLong || taken == Line::kFailed) {
+    taken == Line::kFailed
+        ? minidb::failedAt("read", "stdin")
+        : minidb::fail("the statement from line %d on is too long", input.position.line);
+    runner.failed = !minidb::report();
+    return false;
   }
   ++input.lines;
-  return minidb::appendText(input.query, ZOV_DEFAULT_TAG, minidb::textOf(line)) &&
-                 minidb::appendBytes(input.query, ZOV_DEFAULT_TAG, "\n", 1)
-             ? Taken::kLine
-             : Taken::kFailed;
+  minidb::readOn(input.reading, {input.query.bytes + before, input.query.length - before});
+  bool goesOn = taken == Line::kTaken;
+  if (input.query.length > 0 && (taken == Line::kEnd || !input.reading.open)) {
+    goesOn = run(runner, textOf(input.query), input.position) && goesOn;
+    dropQuery(input);
+  }
+  return goesOn;
 }
 
-// Runs what standard input holds, as far as each statement has come. What is left
-// when reading fails is not run.
-bool runInput(const Runner &runner) {
-  Input input = {{}, {}, kStart, 0};
-  input.reader.stream = zov_fopen_std("stdin");
-  if (input.reader.stream == nullptr) {
-    return minidb::cannot("read", "stdin");
+void runInput(Runner &runner, ZOV_TAG tag) {
+  Input input = {zov_fopen_std("stdin"), tag, {}, {}, kStart, 0};
+  if (input.stream == nullptr) {
+    minidb::failedAt("read", "stdin");
+    runner.failed = !minidb::report();
+    return;
   }
-  bool succeeded = true;
-  Taken taken = Taken::kLine;
-  while (taken == Taken::kLine) {
-    taken = takeLine(input);
-    const Text query = minidb::textOf(input.query);
-    const bool whole =
-        taken == Taken::kEnd || (taken == Taken::kLine && minidb::endsStatement(query));
-    if (whole && query.length > 0) {
-      succeeded = runner.run(runner.context, query, input.position) && succeeded;
-      zov_flush();
-      input.query.length = 0;
-      input.position.line = input.lines + 1;
-    }
+  while (takeLine(runner, input)) {
   }
-  zov_freeMem(input.query.bytes, ZOV_DEFAULT_TAG);
-  minidb::closeReader(input.reader);
-  return succeeded && taken == Taken::kEnd;
+  zov_fclose(input.stream);
 }
 
-// Words of the language that are more than a plain word are put in quotes.
-bool appendWord(Buffer &query, const char *word) {
-  const bool isPlain =
-      word[0] != '\0' && strpbrk(word, " \t\r\n\v\f;\"'") == nullptr && strncmp(word, "--", 2) != 0;
-  bool appended = query.length == 0 || minidb::appendBytes(query, ZOV_DEFAULT_TAG, " ", 1);
-  if (isPlain) {
-    return appended && minidb::appendText(query, ZOV_DEFAULT_TAG, minidb::textOf(word));
+// A word that is more than a plain one is put in quotes.
+void appendWord(Buffer &query, ZOV_TAG tag, const char *word) {
+  if (word[0] != '\0' && strpbrk(word, " \t\r\n\v\f;\"'") == nullptr &&
+      strncmp(word, "--", 2) != 0) {
+    append(query, tag, minidb::textOf(word));
+    return;
   }
-  appended = appended && minidb::appendBytes(query, ZOV_DEFAULT_TAG, "\"", 1);
-  for (; appended && *word != '\0'; ++word) {
-    appended = (*word != '"' || minidb::appendBytes(query, ZOV_DEFAULT_TAG, "\"", 1)) &&
-               minidb::appendBytes(query, ZOV_DEFAULT_TAG, word, 1);
+  append(query, tag, {"\"", 1});
+  for (; *word != '\0'; ++word) {
+    append(query, tag, {*word == '"' ? "\"\"" : word, *word == '"' ? 2U : 1U});
   }
-  return appended && minidb::appendBytes(query, ZOV_DEFAULT_TAG, "\"", 1);
+  append(query, tag, {"\"", 1});
 }
 
 // A single word is a query as it stands; of several each is a word of a statement.
-bool runWords(const Runner &runner, Arguments arguments) {
-  if (arguments.count == 1) {
-    return runner.run(runner.context, minidb::textOf(arguments.words[0]), kStart);
+void runWords(Runner &runner, const CommandLine &line, ZOV_TAG tag) {
+  if (line.wordCount == 1) {
+    run(runner, minidb::textOf(line.words[0]), kStart);
+    return;
   }
   Buffer query = {};
-  bool appended = true;
-  for (int index = 0; index < arguments.count && appended; ++index) {
-    appended = appendWord(query, arguments.words[index]);
+  for (int index = 0; index < line.wordCount; ++index) {
+    appendWord(query, tag, line.words[index]);
+    append(query, tag, {" ", 1});
   }
-  const bool succeeded = appended && runner.run(runner.context, minidb::textOf(query), kStart);
-  zov_freeMem(query.bytes, ZOV_DEFAULT_TAG);
-  return succeeded;
+  run(runner, textOf(query), kStart);
 }
 
-bool runAll(const Runner &runner, Arguments arguments) {
-  return arguments.count == 0 ? runInput(runner) : runWords(runner, arguments);
+bool runAll(Runner &runner, const CommandLine &line) {
+  if (zov_outputBuffCreate(writeToScreen, nullptr, 0, &runner.output.buffer) != 0) {
+    return false;
+  }
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  const bool enough = minidb::withRecovery(tag, [&runner, &line, tag] {
+    line.wordCount == 0 ? runInput(runner, tag) : runWords(runner, line, tag);
+  });
+  if (!enough) {
+    zov_log_err("minidb: memory is short for the next statement\n");
+  }
+  if ((runner.ending & minidb::kInTransaction) != 0) {
+    zov_log_err("minidb: a transaction was open, so nothing of it was kept\n");
+  }
+  errno = runner.output.status;
+  if (errno != 0 && errno != EPIPE) {
+    minidb::failedAt("write to", "stdout");
+    minidb::report();
+  }
+  const bool isSaid = runner.output.status == 0 || runner.output.status == EPIPE;
+  zov_outputBuffDestroy(runner.output.buffer);
+  zov_freeTagMemory(tag, 1);
+  return enough && isSaid && !runner.failed && (runner.ending & minidb::kInTransaction) == 0;
 }
 
 // --- The two ways to run -------------------------------------------------
 
-bool readAllSettings(const Options &options, minidb::Settings &settings) {
-  if (!minidb::readSettings(settings, options.settingsPath)) {
-    return false;
-  }
-  if (!minidb::replaceSetting(settings.data, options.dataPath)) {
-    zov_log_err("minidb: the path of the data file is too long.\n");
-    return false;
-  }
-  if (options.separator != nullptr && !minidb::takeSeparator(settings, options.separator)) {
-    zov_log_err("minidb: \"%s\" is no separator.\n", options.separator);
-    return false;
-  }
-  return true;
-}
-
-bool runEmbedded(const Options &options, Arguments arguments) {
-  minidb::Settings settings;
+bool runHere(Runner &runner, const CommandLine &line) {
+  const auto step = [](void *, uint64_t) { return !minidb::isMarked(); };
   minidb::Database database;
-  if (!readAllSettings(options, settings) ||
-      !minidb::openDatabase(database, settings, options.inMemory)) {
-    return false;
+  minidb::Session session;
+  if (!minidb::openDatabase(database, line)) {
+    return minidb::report();
   }
-  minidb::Session session = {&database, print, nullptr, nullptr, false};
-  const bool succeeded = runAll({runHere, &session}, arguments);
-  minidb::endSession(session);
-  return minidb::closeDatabase(database) && succeeded;
-}
-
-bool runConnected(const Options &options, Arguments arguments) {
-  minidb::Client client;
-  if (!minidb::openClient(client, options.socketPath, options.waitMs)) {
-    return false;
+  runner.session = &session;
+  bool succeeded = minidb::openSession(session, database, runner.output, {step, nullptr});
+  if (succeeded) {
+    succeeded = runAll(runner, line);
+    minidb::closeSession(session);
   }
-  const bool succeeded = runAll({runThere, &client}, arguments);
-  minidb::closeClient(client);
+  minidb::closeStore(database.store);
   return succeeded;
 }
 
-// --- The command line ----------------------------------------------------
-
-// Takes the options off the front of the words. False for one that is unknown
-// or lacks its value.
-bool takeOptions(Options &options, Arguments &arguments) {
-  const char *waitMs = nullptr;
-  const minidb::ValueOption known[] = {
-      {"--settings", &options.settingsPath}, {"--data", &options.dataPath},
-      {"--separator", &options.separator},   {"--log", &options.logPath},
-      {"--connect", &options.socketPath},    {"--wait", &waitMs},
-  };
-  while (arguments.count > 0 && strncmp(arguments.words[0], "--", 2) == 0) {
-    int taken = 1;
-    if (strcmp(arguments.words[0], "--memory") == 0) {
-      options.inMemory = true;
-    } else if (minidb::takeValue(known, arguments.words[0],
-                                 arguments.count > 1 ? arguments.words[1] : nullptr)) {
-      taken = 2;
-    } else {
-      return false;
-    }
-    arguments.count -= taken;
-    arguments.words += taken;
+bool runThere(Runner &runner, const CommandLine &line) {
+  minidb::Remote remote;
+  if (!minidb::openRemote(remote, line.server, numberOf(line.settings, minidb::kWait))) {
+    return minidb::report();
   }
-  if (waitMs != nullptr) {
-    options.waitMs = atoi(waitMs);
-  }
-  return options.waitMs > 0;
+  runner.remote = &remote;
+  const bool succeeded = runAll(runner, line);
+  minidb::closeRemote(remote);
+  return succeeded;
 }
 
-int run(Arguments arguments) {
-  Options options = {"minidb.ini", nullptr, nullptr, nullptr, nullptr, 60000, false};
-  if (arguments.count > 0 && strcmp(arguments.words[0], "--help") == 0) {
-    zov_printf("%s", kUsage);
-    return kSuccess;
+int runProgram(int count, char **words) {
+  CommandLine line;
+  int status = minidb::kSuccess;
+  if (!minidb::takeCommandLine(line, minidb::kClient, count, words, status)) {
+    return status;
   }
-  if (!takeOptions(options, arguments)) {
-    zov_log_err("%s", kUsage);
-    return kUsageError;
+  if (line.log != nullptr && !minidb::openLog(line.log, line.settings)) {
+    minidb::report();
+    return minidb::kFailure;
   }
-  if (options.logPath != nullptr && zov_log_open(options.logPath) != ZOV_OKAY) {
-    minidb::cannot("create", options.logPath);
-    return kFailure;
-  }
-  const bool succeeded = options.socketPath != nullptr ? runConnected(options, arguments)
-                                                       : runEmbedded(options, arguments);
-  return succeeded ? kSuccess : kFailure;
+  minidb::handleInterrupts();
+  Runner runner = {};
+  const bool succeeded = line.server != nullptr ? runThere(runner, line) : runHere(runner, line);
+  return succeeded ? minidb::kSuccess : minidb::kFailure;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (zov_init() != ZOV_OKAY || zov_queueInit(0) != ZOV_OKAY) {
-    return kFailure;
+  umask(S_IRWXG | S_IRWXO);
+  if (zov_init() != ZOV_OKAY) {
+    return minidb::kFailure;
   }
-  const int result = run({argc - 1, argv + 1});
-  zov_queueTerm(1);
+  const int result = runProgram(argc - 1, argv + 1);
   zov_term();
   return result;
 }

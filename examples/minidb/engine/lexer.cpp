@@ -9,19 +9,12 @@ namespace minidb {
 
 namespace {
 
-struct Keyword {
-  const char *name;
-  int16_t number;
-};
+// In the order in which the grammar has them.
+constexpr const char *kKeywords[] = {
+    "put",   "get", "delete",   "find",  "count", "load", "dump", "compact", "begin", "commit",
+    "abort", "set", "settings", "stats", "check", "help", "quit", "from",    "to",    "limit"};
 
-constexpr Keyword kKeywords[] = {
-    {"abort", query_ABORT},   {"begin", query_BEGIN},     {"bytes", query_BYTES},
-    {"commit", query_COMMIT}, {"compact", query_COMPACT}, {"count", query_COUNT},
-    {"delete", query_DELETE}, {"dump", query_DUMP},       {"find", query_FIND},
-    {"from", query_FROM},     {"get", query_GET},         {"load", query_LOAD},
-    {"put", query_PUT},       {"set", query_SET},         {"settings", query_SETTINGS},
-    {"to", query_TO},         {"utf16", query_UTF16},
-};
+static_assert(sizeof kKeywords / sizeof kKeywords[0] == query_LIMIT - query_PUT + 1);
 
 bool isSpace(char byte) {
   return byte == ' ' || (byte >= '\t' && byte <= '\r');
@@ -35,6 +28,10 @@ bool isWordByte(char byte) {
   return static_cast<unsigned char>(byte) > ' ' && byte != ';' && !isQuote(byte);
 }
 
+bool startsComment(const char *at, const char *end) {
+  return end - at >= 2 && at[0] == '-' && at[1] == '-';
+}
+
 // Takes one byte. Those that go on with a character of UTF-8 make no column.
 void advance(Lexer &lexer) {
   const unsigned char byte = static_cast<unsigned char>(*lexer.at++);
@@ -46,33 +43,46 @@ void advance(Lexer &lexer) {
   }
 }
 
-bool startsComment(const Lexer &lexer) {
-  return lexer.end - lexer.at >= 2 && lexer.at[0] == '-' && lexer.at[1] == '-';
-}
-
 void skipSpaceAndComments(Lexer &lexer) {
-  while (lexer.at < lexer.end && (isSpace(*lexer.at) || startsComment(lexer))) {
-    if (startsComment(lexer)) {
-      while (lexer.at < lexer.end && *lexer.at != '\n') {
-        advance(lexer);
-      }
-    } else {
-      advance(lexer);
+  for (bool comment = false; lexer.at < lexer.end; advance(lexer)) {
+    comment = comment ? *lexer.at != '\n' : startsComment(lexer.at, lexer.end);
+    if (!comment && !isSpace(*lexer.at)) {
+      return;
     }
   }
 }
 
-int16_t keywordOf(Text word) {
-  for (const Keyword &keyword : kKeywords) {
-    if (strlen(keyword.name) == word.length &&
-        strncasecmp(keyword.name, word.bytes, word.length) == 0) {
-      return keyword.number;
+int16_t classify(Words words, Text word) {
+  const bool isVerb = words == Words::kVerb;
+  const bool isClause = words == Words::kClause;
+  for (int16_t number = query_PUT; number <= query_LIMIT; ++number) {
+    const char *name = kKeywords[number - query_PUT];
+    if ((number <= query_QUIT ? isVerb : isClause) && strlen(name) == word.length &&
+        strncasecmp(name, word.bytes, word.length) == 0) {
+      return number;
     }
   }
   return query_WORD;
 }
 
-// Takes a string up to its closing quote. A NUL ends it like the end of the text.
+// What may follow a token.
+Words wordsBehind(Words words, int16_t number) {
+  switch (number) {
+    case ';':
+      return Words::kVerb;
+    case query_FIND:
+    case query_COUNT:
+      return Words::kClause;
+    case query_FROM:
+    case query_TO:
+    case query_LIMIT:
+      return Words::kValueOfClause;
+    default:
+      return words == Words::kVerb || words == Words::kValue ? Words::kValue : Words::kClause;
+  }
+}
+
+// Takes a string up to its closing quote. There is no NUL in a value.
 int16_t takeString(Lexer &lexer) {
   const char quote = *lexer.at;
   advance(lexer);
@@ -89,59 +99,67 @@ int16_t takeString(Lexer &lexer) {
   return query_BROKEN;
 }
 
+int16_t takeToken(Lexer &lexer) {
+  const char *start = lexer.at;
+  int16_t number = query_BROKEN;
+  if (isQuote(*start)) {
+    number = takeString(lexer);
+  } else if (isWordByte(*start)) {
+    while (lexer.at < lexer.end && isWordByte(*lexer.at)) {
+      advance(lexer);
+    }
+    number = classify(lexer.words, {start, static_cast<uint32_t>(lexer.at - start)});
+  } else {
+    advance(lexer);
+    number = *start == ';' ? int16_t{';'} : number;
+  }
+  lexer.words = wordsBehind(lexer.words, number);
+  return number;
+}
+
 }  // namespace
 
 Token scanToken(Lexer &lexer) {
   const Position end = lexer.position;
   skipSpaceAndComments(lexer);
-  const char *start = lexer.at;
   if (lexer.at == lexer.end) {
-    return {0, {start, 0}, end};
+    return {0, {lexer.at, 0}, end};
   }
-  Token token = {0, {start, 0}, lexer.position};
-  if (isQuote(*lexer.at)) {
-    token.number = takeString(lexer);
-  } else if (isWordByte(*lexer.at)) {
-    while (lexer.at < lexer.end && isWordByte(*lexer.at)) {
-      advance(lexer);
-    }
-    token.number = keywordOf({start, static_cast<uint32_t>(lexer.at - start)});
-  } else {
-    token.number = *lexer.at == ';' ? int16_t{';'} : int16_t{query_BROKEN};
-    advance(lexer);
-  }
-  token.raw.length = static_cast<uint32_t>(lexer.at - start);
-  return token;
+  const char *start = lexer.at;
+  const Position position = lexer.position;
+  const int16_t number = takeToken(lexer);
+  return {number, {start, static_cast<uint32_t>(lexer.at - start)}, position};
 }
 
 Text unquote(const Token &token, ZOV_TAG tag) {
-  Text raw = token.raw;
-  char quote = '\0';
-  if (token.number == query_STRING) {
-    quote = raw.bytes[0];
-    raw = {raw.bytes + 1, raw.length - 2};
+  const bool quoted = token.number == query_STRING;
+  const char *end = token.raw.bytes + token.raw.length - (quoted ? 1 : 0);
+  Buffer text = {};
+  char *to = makeRoom(text, tag, token.raw.length);
+  for (const char *at = token.raw.bytes + (quoted ? 1 : 0); at < end; ++at) {
+    *to++ = *at;
+    at += quoted && *at == *token.raw.bytes;
   }
-  char *bytes = static_cast<char *>(
-      zov_getMem(uint64_t{raw.length} + 1, tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE));
-  if (bytes == nullptr) {
-    return {nullptr, 0};
-  }
-  uint32_t length = 0;
-  for (uint32_t at = 0; at < raw.length; ++at) {
-    bytes[length++] = raw.bytes[at];
-    at += quote != '\0' && raw.bytes[at] == quote;
-  }
-  bytes[length] = '\0';
-  return {bytes, length};
+  *to = '\0';
+  return {text.bytes, static_cast<uint32_t>(to - text.bytes)};
 }
 
-bool endsStatement(Text text) {
-  Lexer lexer = {text.bytes, text.bytes + text.length, {1, 1}};
-  int16_t last = ';';
-  for (Token token = scanToken(lexer); token.number != 0; token = scanToken(lexer)) {
-    last = token.number;
+void readOn(Reading &reading, Text lines) {
+  const char *end = lines.bytes + lines.length;
+  for (const char *at = lines.bytes; at < end; ++at) {
+    if (reading.quote != '\0') {
+      reading.quote = *at == reading.quote ? '\0' : reading.quote;
+    } else if (reading.comment || isSpace(*at)) {
+      reading.comment = reading.comment && *at != '\n';
+      reading.inWord = false;
+    } else if (!reading.inWord && startsComment(at, end)) {
+      reading.comment = true;
+    } else {
+      reading.quote = isQuote(*at) ? *at : '\0';
+      reading.inWord = isWordByte(*at);
+      reading.open = *at != ';';
+    }
   }
-  return last == ';';
 }
 
 }  // namespace minidb

@@ -1,215 +1,192 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Loading a text file with worker threads. The calling thread reads lines into
-// batches and hands them out through one message queue; the workers make
-// entries of the lines and hand the batches back through another; the calling
-// thread appends the entries in the order of the file:
-//
-//   reader -> work queue -> workers -> done queue -> writer (the reader again)
-//
-// A batch belongs to one side at a time, so nothing needs a lock. There are as
-// many batches as may be under way, and they go round.
-#include "engine/line_reader.h"
-#include "engine/report.h"
-#include "engine/text_io.h"
+// Text files in and out: a record to a line, with the separator behind its key.
+#include "engine/session.h"
+#include "store/internal.h"
 
 namespace minidb {
 
 namespace {
 
-constexpr uint32_t kWorkers = 2;
-constexpr uint32_t kBatches = 8;
-constexpr uint32_t kBatchBytes = 64 * 1024;
+using Number = unsigned long long;
 
-// Words of a message in the work queue; the value of one is its batch.
-constexpr uint32_t kEncode = 1;
+constexpr uint32_t kMaxLineBytes = 1 << 30;
 
-// Lines on their way to be entries.
-struct Batch {
-  Buffer lines;  // each with a NUL behind it
-  EntryList entries;
-  uint64_t records;
-  bool failed;
-};
+// --- In ------------------------------------------------------------------
 
-// A load under way.
-struct Load {
-  Store *store;
-  char separator;
-  ZOV_TAG tag;
-  ZOV_QUEUE work;
-  ZOV_QUEUE done;
-  uint32_t workers;  // those that run
-  Batch batches[kBatches];
-  uint32_t next;      // batch number to be filled next, from 0 on without end
-  uint32_t appended;  // batch number to be appended next
-  bool arrived[kBatches];
-  uint64_t records;
-};
-
-bool encodeLine(Batch &batch, const char *line, char separator) {
-  const char *end = strchr(line, separator);
-  const size_t keyBytes = end == nullptr ? strlen(line) : static_cast<size_t>(end - line);
-  const char *value = end == nullptr ? line + keyBytes : end + 1;
-  const size_t valueBytes = strlen(value);
-  ++batch.records;
-  return addEntry(batch.entries, {Kind::kPut,
-                                  {line, static_cast<uint32_t>(keyBytes)},
-                                  {value, static_cast<uint32_t>(valueBytes)}});
+// Puts the record of a line. False with a problem().
+bool takeLine(Transaction &change, Text line, char separator) {
+  line.length -= line.length > 0 && line.bytes[line.length - 1] == '\r';
+  if (line.length == 0) {
+    return true;
+  }
+  if (memchr(line.bytes, '\0', line.length) != nullptr) {
+    return fail("it holds a NUL");
+  }
+  const char *end = static_cast<const char *>(memchr(line.bytes, separator, line.length));
+  if (end == nullptr) {
+    return fail("it has no separator");
+  }
+  const uint32_t keyBytes = static_cast<uint32_t>(end - line.bytes);
+  return putRecord(change, {line.bytes, keyBytes}, {end + 1, line.length - keyBytes - 1}) ==
+         Status::kOkay;
 }
 
-void encodeBatch(Batch &batch, char separator) {
-  clearList(batch.entries);
-  batch.records = 0;
-  batch.failed = false;
-  for (uint32_t at = 0; at < batch.lines.length && !batch.failed;) {
-    const char *line = batch.lines.bytes + at;
-    batch.failed = !encodeLine(batch, line, separator);
-    at += static_cast<uint32_t>(strlen(line)) + 1;
-  }
-}
-
-// A worker: serves the work queue until it is closed.
-void *serve(void *argument) {
-  Load &load = *static_cast<Load *>(argument);
-  uint64_t number = 0;
-  uint32_t code = 0;
-  ZOV_QUEUE done = load.done;
-  while (zov_queueRead(load.work, &number, &code, nullptr, ZOV_WAIT_FOREVER) == ZOV_OKAY) {
-    encodeBatch(load.batches[number], load.separator);
-    zov_queueWrite(done, number, code, 0, 0);
-  }
-  // The last word of a worker: the load may be gone as soon as it is read.
-  zov_queueWrite(done, kBatches, 0, 0, 0);
-  return nullptr;
-}
-
-bool startWorkers(Load &load) {
-  while (load.workers < kWorkers && zov_threadBegin(serve, 0, &load) == ZOV_OKAY) {
-    ++load.workers;
-  }
-  return load.workers > 0;
-}
-
-// Waits for a batch to come back, or for a worker to leave.
-void awaitOne(Load &load) {
-  uint64_t number = 0;
-  if (zov_queueRead(load.done, &number, nullptr, nullptr, ZOV_WAIT_FOREVER) != ZOV_OKAY) {
-    return;
-  }
-  if (number < kBatches) {
-    load.arrived[number] = true;
-  } else {
-    --load.workers;
-  }
-}
-
-void stopWorkers(Load &load) {
-  zov_queueClose(load.work);
-  while (load.workers > 0) {
-    awaitOne(load);
-  }
-}
-
-// Appends the oldest batch under way, waiting for it.
-bool appendOldest(Load &load) {
-  const uint32_t index = load.appended % kBatches;
-  while (!load.arrived[index]) {
-    awaitOne(load);
-  }
-  load.arrived[index] = false;
-  ++load.appended;
-  Batch &batch = load.batches[index];
-  if (batch.failed || !appendEntries(*load.store, batch.entries)) {
-    return false;
-  }
-  for (uint64_t record = 0; record < batch.records; ++record) {
-    showProgress("load", ++load.records);
-  }
-  return true;
-}
-
-bool dispatch(Load &load) {
-  const uint32_t index = load.next % kBatches;
-  zov_queueWrite(load.work, index, kEncode, 0, 0);
-  ++load.next;
-  return load.next - load.appended < kBatches || appendOldest(load);
-}
-
-// Reads the file to its end and sends every batch on its way.
-bool dispatchLines(Load &load, LineReader &reader) {
-  load.batches[0].lines.length = 0;
-  while (const char *line = readLine(reader)) {
-    if (*line == '\0') {
-      continue;
+// Puts the records of the input, and counts its lines.
+Outcome takeLines(Session &session, Transaction &change, const char *path, uint64_t &lines) {
+  Buffer line = {};
+  Line taken = readLine(session.input, line, session.tag, kMaxLineBytes);
+  for (; taken == Line::kTaken; taken = readLine(session.input, line, session.tag, kMaxLineBytes)) {
+    ++lines;
+    if (!takeLine(change, textOf(line), session.database->separator)) {
+      say(*session.output, Item::kError, "line %llu: %s; nothing was loaded",
+          static_cast<Number>(lines), problem());
+      return Outcome::kFailed;
     }
-    Batch *batch = &load.batches[load.next % kBatches];
-    if (!appendBytes(batch->lines, load.tag, line, static_cast<uint32_t>(strlen(line)) + 1)) {
-      return false;
+    if (!goesOn(session, lines)) {
+      return Outcome::kFailed;
     }
-    if (batch->lines.length >= kBatchBytes) {
-      if (!dispatch(load)) {
-        return false;
-      }
-      load.batches[load.next % kBatches].lines.length = 0;
+    line.length = 0;
+  }
+  if (taken == Line::kEnd) {
+    return Outcome::kDone;
+  }
+  taken == Line::kFailed
+      ? failedAt("read", path)
+      : fail("line %llu is too long; nothing was loaded", static_cast<Number>(lines + 1));
+  return refuse(session);
+}
+
+// --- Out -----------------------------------------------------------------
+
+// Whether a load would read the line of a record as it is. In a first line the bytes
+// that mark an encoding, and some more, would not.
+bool isReadable(Text key, char separator, bool isFirst) {
+  const char *bytes = key.bytes;
+  return memchr(bytes, separator, key.length) == nullptr &&
+         memchr(bytes, '\n', key.length) == nullptr &&
+         !(isFirst && key.length > 1 && memchr("\xef\xfe\xff", bytes[0], 3) != nullptr &&
+           memchr("\xbb\xfe\xff", bytes[1], 3) != nullptr);
+}
+
+Outcome refuseRecord(Session &session, Text key) {
+  fail("no line can hold the record \"%.*s\" with this separator",
+       static_cast<int>(key.length < 100 ? key.length : 100), key.bytes);
+  return refuse(session);
+}
+
+// Writes the record that a cursor stands on.
+Outcome writeRecord(Session &session, Cursor &cursor, bool isFirst) {
+  ZOV_OUTPUTBUFF out = session.draft.out;
+  const char separator = session.database->separator;
+  const Text key = keyOf(cursor);
+  if (!isReadable(key, separator, isFirst)) {
+    return refuseRecord(session, key);
+  }
+  int32_t sent = zov_outputBuffPutBytes(out, key.bytes, key.length);
+  sent = sent != 0 ? sent : zov_outputBuffPutChar(out, separator);
+  char last = '\0';
+  Text piece;
+  Status status = readValue(cursor, piece);
+  for (; status == Status::kOkay && piece.length > 0; status = readValue(cursor, piece)) {
+    if (memchr(piece.bytes, '\n', piece.length) != nullptr) {
+      return refuseRecord(session, keyOf(cursor));
+    }
+    last = piece.bytes[piece.length - 1];
+    sent = sent != 0 ? sent : zov_outputBuffPutBytes(out, piece.bytes, piece.length);
+  }
+  if (status == Status::kOkay && last == '\r') {
+    return refuseRecord(session, keyOf(cursor));
+  }
+  sent = sent != 0 ? sent : zov_outputBuffPutChar(out, '\n');
+  return status == Status::kOkay && (sent == 0 || failedAt("write", session.draft.target))
+             ? Outcome::kDone
+             : refuse(session);
+}
+
+Outcome writeRecords(Session &session, const View &view, uint64_t &records) {
+  Cursor cursor;
+  Status status = seekFirst(cursor, view, {});
+  for (; status == Status::kOkay; status = seekNext(cursor)) {
+    if (writeRecord(session, cursor, records == 0) != Outcome::kDone ||
+        !goesOn(session, ++records)) {
+      return Outcome::kFailed;
     }
   }
-  return true;
+  return status == Status::kMissing ? Outcome::kDone : refuse(session);
 }
 
-bool loadLines(Load &load, const char *path) {
-  LineReader reader;
-  if (!openReader(reader, path)) {
-    return false;
+// Whether a path leads to one of the database's own files: data, settings, log, or
+// what a server has beside its socket.
+bool isOwnFile(const Database &database, const char *path) {
+  const Settings &settings = database.settings;
+  bool isOwn = isStoreFile(*database.store, path) || isSameFile(path, settings.path) ||
+               isSameFile(path, settings.text[kLog]);
+  for (const char *suffix : {"", ".pid", ".lock"}) {
+    char own[kSettingBytes + 8];
+    zov_snprintf(own, sizeof own, "%s%s", settings.text[kSocket], suffix);
+    isOwn = isOwn || isSameFile(path, own);
   }
-  bool loaded = dispatchLines(load, reader);
-  if (loaded && zov_errno() != 0) {
-    loaded = cannot("read", path);
-  }
-  closeReader(reader);
-  loaded = loaded && dispatch(load);
-  while (loaded && load.appended < load.next) {
-    loaded = appendOldest(load);
-  }
-  return loaded;
-}
-
-bool startLoad(Load &load) {
-  load.tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  for (Batch &batch : load.batches) {
-    if (!openList(batch.entries, load.tag)) {
-      return false;
-    }
-  }
-  load.work = zov_queueCreate("minidb lines");
-  load.done = zov_queueCreate("minidb entries");
-  return load.work != nullptr && load.done != nullptr && startWorkers(load);
-}
-
-void endLoad(Load &load) {
-  stopWorkers(load);
-  zov_queueDelete(load.work);
-  zov_queueDelete(load.done);
-  for (Batch &batch : load.batches) {
-    closeList(batch.entries);
-  }
-  zov_freeTagMemory(load.tag, 1);
+  return isOwn;
 }
 
 }  // namespace
 
-bool loadText(Store &store, const char *path, char separator) {
-  Load load = {};
-  load.store = &store;
-  load.separator = separator;
-  bool loaded = false;
-  if (startLoad(load)) {
-    loaded = loadLines(load, path);
-  } else {
-    zov_log_err("minidb: no worker can be started.\n");
+Outcome load(Session &session, const Statement &statement) {
+  const char *path = statement.first.bytes;
+  const FileKind kind = kindOf(path);
+  if (kind != FileKind::kRegular && kind != FileKind::kNone) {
+    return refuse(session, "this is no regular file:", path);
   }
-  endLoad(load);
-  return loaded;
+  session.input = zov_fopen(path, "r", ZOV_ENC_BYTES);
+  if (session.input == nullptr) {
+    failedAt("open", path);
+    return refuse(session);
+  }
+  Transaction *change = openChange(session, Mode::kExclusive);
+  if (change == nullptr) {
+    return Outcome::kFailed;
+  }
+  const uint64_t before = viewOf(*change).records;
+  uint64_t lines = 0;
+  if (takeLines(session, *change, path, lines) != Outcome::kDone) {
+    return Outcome::kFailed;
+  }
+  const uint64_t added = viewOf(*change).records - before;
+  if (keepChange(session) != Outcome::kDone) {
+    return Outcome::kFailed;
+  }
+  say(*session.output, Item::kNote, "%llu lines, %llu new records", static_cast<Number>(lines),
+      static_cast<Number>(added));
+  return Outcome::kDone;
+}
+
+Outcome dump(Session &session, const Statement &statement) {
+  const char *path = statement.first.bytes;
+  const FileKind kind = kindOf(path);
+  if (isOwnFile(*session.database, path)) {
+    return refuse(session, "this is a file of the database itself:", path);
+  }
+  if (kind != FileKind::kRegular && kind != FileKind::kNone) {
+    return refuse(session, "this is no regular file:", path);
+  }
+  const View *view = openSight(session);
+  if (view == nullptr) {
+    return Outcome::kFailed;
+  }
+  uint64_t records = 0;
+  if (!openDraft(session.draft, path)) {
+    return refuse(session);
+  }
+  if (writeRecords(session, *view, records) != Outcome::kDone) {
+    return Outcome::kFailed;
+  }
+  if (!keepDraft(session.draft)) {
+    return refuse(session);
+  }
+  say(*session.output, Item::kNote, "%llu records written to \"%.500s\"",
+      static_cast<Number>(records), path);
+  return Outcome::kDone;
 }
 
 }  // namespace minidb

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The parser's callbacks. The lexer hands over tokens, each with its place; the
-// rules collect them into a statement, which runs when its semicolon is there.
-// Texts live in a tag that goes with the query.
-#include "engine/query.h"
+// Each statement is a parse of its own, whose callbacks are here. The lexer hands
+// over tokens, each with its place; the rules collect them into a statement, which
+// runs when the parse is over.
+#include <strings.h>
 
+#include "engine/session.h"
 #include "query_tables.h"
 
 namespace minidb {
@@ -18,172 +19,159 @@ struct Value {
   Statement statement;
 };
 
-struct Query {
+// A statement on its way through the parser.
+struct Parse {
   Session *session;
-  Lexer lexer;
-  ZOV_TAG tag;
-  bool closed;   // the semicolon behind the last statement was delivered
-  bool stopped;  // a token could not be had for want of memory
-  bool succeeded;
+  Lexer *lexer;
+  Token first;
+  bool ended;  // its semicolon was delivered
+  bool mistaken;
+  Statement statement;  // without a verb when there is none
 };
 
-// --- Tokens --------------------------------------------------------------
-
-// At the end comes one more semicolon, so that the last statement needs none,
-// and a mistake in it ends there.
-int16_t nextToken(void *context, void *place) {
-  Query &query = *static_cast<Query *>(context);
-  Value value = {};
-  value.token = scanToken(query.lexer);
-  if (value.token.number == query_WORD || value.token.number == query_STRING) {
-    value.text = unquote(value.token, query.tag);
-    if (value.text.bytes == nullptr) {
-      query.stopped = true;
-      return 0;
-    }
-  } else if (value.token.number == 0 && !query.closed) {
-    value.token.number = ';';
-    query.closed = true;
+// How the statement of a verb goes, as help has it.
+Text formOf(const Token &verb) {
+  if (verb.number < query_PUT || verb.number > query_QUIT) {
+    return textOf("a statement, see help");
   }
+  for (uint32_t number = 0; const char *line = statementHelp(number); ++number) {
+    if (strncasecmp(line, verb.raw.bytes, verb.raw.length) == 0 && line[verb.raw.length] == ' ') {
+      const char *end = strstr(line, "  ");
+      return end == nullptr ? textOf(line) : Text{line, static_cast<uint32_t>(end - line)};
+    }
+  }
+  return textOf("\";\"");
+}
+
+void reportMistake(Parse &parse, const Token &token) {
+  constexpr uint32_t kShownBytes = 60;
+  const Text form = formOf(parse.first);
+  const bool isEnd = token.raw.length == 0;
+  const char *what =
+      token.number == query_BROKEN ? "no word, or a string without end: \"" : "unexpected \"";
+  say(*parse.session->output, Item::kError, "line %d, column %d: %s%.*s%s, expected %.*s",
+      token.position.line, token.position.column, isEnd ? "unexpected end" : what,
+      static_cast<int>(token.raw.length < kShownBytes ? token.raw.length : kShownBytes),
+      token.raw.bytes, isEnd ? "" : "\"", static_cast<int>(form.length), form.bytes);
+  parse.mistaken = true;
+}
+
+// --- The parser's callbacks ----------------------------------------------
+
+// At the end of the text comes one more semicolon, so that the last statement needs
+// none, and a mistake in it ends there.
+int16_t nextToken(void *context, void *place) {
+  Parse &parse = *static_cast<Parse *>(context);
+  if (parse.ended) {
+    return 0;
+  }
+  Value value = {};
+  value.token = scanToken(*parse.lexer);
+  if (value.token.number == query_WORD || value.token.number == query_STRING) {
+    value.text = unquote(value.token, parse.session->tag);
+  } else if (value.token.number == 0) {
+    value.token.number = ';';
+  }
+  parse.ended = value.token.number == ';';
+  value.statement.verb = value.token.number;
   memcpy(place, &value, sizeof value);
   return value.token.number;
 }
 
-// Shows as much of a token as makes a readable line.
-void reportMistake(Query &query, const Token &token) {
-  constexpr uint32_t kShownBytes = 60;
-  const uint32_t shown = token.raw.length < kShownBytes ? token.raw.length : kShownBytes;
-  const char *before = "unexpected \"";
-  const char *after = "\"";
-  if (shown == 0) {
-    before = "unexpected end";
-    after = "";
-  } else if (token.number == query_BROKEN) {
-    before = "what begins here has no end or no use: ";
-    after = "";
-  }
-  say(*query.session, Item::kError, "line %d, column %d: %s%.*s%s", token.position.line,
-      token.position.column, before, static_cast<int>(shown), token.raw.bytes, after);
-  failTransaction(*query.session);
-  query.succeeded = false;
-}
-
-// --- Rules ---------------------------------------------------------------
-
-// last[0] is the value of the last symbol on the right, last[-1] of the one before
-// it. The result holds the value of the first symbol.
-
-Statement filtered(Verb verb, Statement filter) {
-  filter.verb = verb;
-  return filter;
-}
-
-// Makes the statement of a rule's symbols. False for other rules.
-bool makeStatement(int32_t rule, const Value *last, Statement &statement) {
-  switch (rule) {
-    case query_put_1: /* PUT text text */
-      statement = {Verb::kPut, last[-1].text, last[0].text, {}, {}};
-      return true;
-    case query_get_1: /* GET text */
-      statement = {Verb::kGet, last[0].text, {}, {}, {}};
-      return true;
-    case query_delete_1: /* DELETE text */
-      statement = {Verb::kDelete, last[0].text, {}, {}, {}};
-      return true;
-    case query_find_1: /* FIND filter */
-      statement = filtered(Verb::kFind, last[0].statement);
-      return true;
-    case query_count_1: /* COUNT filter */
-      statement = filtered(Verb::kCount, last[0].statement);
-      return true;
-    case query_filter_1: /* pattern first last */
-      statement = {Verb::kFind, last[-2].text, {}, last[-1].text, last[0].text};
-      return true;
-    case query_load_1: /* LOAD text */
-      statement = {Verb::kLoad, last[0].text, {}, {}, {}};
-      return true;
-    case query_dump_1: /* DUMP text */
-      statement = {Verb::kDump, last[0].text, {}, {}, {}};
-      return true;
-    case query_dump_2: /* DUMP text BYTES */
-      statement = {Verb::kDump, last[-1].text, {}, {}, {}};
-      return true;
-    case query_dump_3: /* DUMP text UTF16 */
-      statement = {Verb::kDumpWide, last[-1].text, {}, {}, {}};
-      return true;
-    case query_compact_1: /* COMPACT */
-      statement.verb = Verb::kCompact;
-      return true;
-    case query_begin_1: /* BEGIN */
-      statement.verb = Verb::kBegin;
-      return true;
-    case query_commit_1: /* COMMIT */
-      statement.verb = Verb::kCommit;
-      return true;
-    case query_abort_1: /* ABORT */
-      statement.verb = Verb::kAbort;
-      return true;
-    case query_set_1: /* SET text text */
-      statement = {Verb::kSet, last[-1].text, last[0].text, {}, {}};
-      return true;
-    case query_settings_1: /* SETTINGS */
-      statement.verb = Verb::kSettings;
-      return true;
-    default:
-      return false;
-  }
-}
-
-int16_t perform(void *context, void *lastValue, int32_t rule, void *place) {
-  Query &query = *static_cast<Query *>(context);
+// last[0] is the value of the last symbol on the right, last[-1] of the one before it.
+// The result holds the value of the first symbol, so the verb is there.
+int16_t takeRule(void *context, void *lastValue, int32_t rule, void *place) {
+  Parse &parse = *static_cast<Parse *>(context);
   const Value *last = static_cast<const Value *>(lastValue);
   Value *result = static_cast<Value *>(place);
+  Statement &made = result->statement;
   switch (rule) {
     case query_line_2: /* statement ';' */
-      query.succeeded = runStatement(*query.session, last[-1].statement) && query.succeeded;
+      parse.statement = last[-1].statement;
       break;
     case query_line_3: /* error ';' */
-      reportMistake(query, last[-1].token);
+      reportMistake(parse, last[-1].token);
+      break;
+    case query_statement_2: /* unary text */
+      made.first = last[0].text;
+      break;
+    case query_statement_3: /* binary text text */
+      made.first = last[-1].text;
+      made.second = last[0].text;
+      break;
+    case query_statement_4: /* search pattern first last most */
+      made.first = last[-3].text;
+      made.range = {last[-2].text, last[-1].text};
+      made.most = last[0].text;
       break;
     case query_pattern_1: /* %empty */
     case query_first_1:   /* %empty */
     case query_last_1:    /* %empty */
+    case query_most_1:    /* %empty */
       *result = {};
       break;
     case query_first_2: /* FROM text */
     case query_last_2:  /* TO text */
+    case query_most_2:  /* LIMIT text */
       result->text = last[0].text;
       break;
-    default: /* a statement, or the value of the only symbol */
-      makeStatement(rule, last, result->statement);
+    default: /* the value of the only symbol */
       break;
   }
   return 0;
 }
 
+// --- Statements ----------------------------------------------------------
+
+// Parses and runs the statement that a lexer stands in front of.
+bool runNext(Parse &parse) {
+  const ZOV_PARSE_CONTEXT context = {
+      .valueSize = sizeof(Value),
+      .userContext = &parse,
+      .tables = &query_tables,
+      .lexer = nextToken,
+      .action = takeRule,
+      .error = nullptr,
+      .tag = parse.session->tag,
+  };
+  zov_yyparse(&context);
+  if (parse.mistaken) {
+    endStatement(*parse.session, true, parse.first.number);
+  }
+  return !parse.mistaken &&
+         (parse.statement.verb == 0 || runStatement(*parse.session, parse.statement));
+}
+
+// Goes on behind a statement for which there was no memory, and without any.
+void giveUp(Parse &parse) {
+  Session &session = *parse.session;
+  say(*session.output, Item::kError, "line %d, column %d: memory is short for this statement",
+      parse.first.position.line, parse.first.position.column);
+  while (!parse.ended) {
+    const int16_t number = scanToken(*parse.lexer).number;
+    parse.ended = number == 0 || number == ';';
+  }
+  endStatement(session, true, parse.first.number);
+}
+
 }  // namespace
 
 bool runQuery(Session &session, Text text, Position position) {
-  Query query = {&session, {text.bytes, text.bytes + text.length, position}, 0, false, false, true};
-  query.tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  const ZOV_PARSE_CONTEXT context = {
-      .valueSize = sizeof(Value),
-      .userContext = &query,
-      .tables = &query_tables,
-      .lexer = nextToken,
-      .action = perform,
-      .error = nullptr,
-      .tag = query.tag,
-  };
-  const int32_t status = zov_yyparse(&context);
-  zov_freeTagMemory(query.tag, 1);
-  // Mistakes were reported; what else ends a parse early is want of memory.
-  if (query.stopped || (status != 0 && query.succeeded)) {
-    say(session, Item::kError, "the query was not read to its end: memory is short");
-    failTransaction(session);
-    return false;
+  Lexer lexer = {text.bytes, text.bytes + text.length, position, Words::kVerb};
+  bool allSucceeded = true;
+  while (lexer.at < lexer.end && !session.quits) {
+    lexer.words = Words::kVerb;
+    Lexer ahead = lexer;
+    Parse parse = {&session, &lexer, scanToken(ahead), false, false, {}};
+    bool succeeded = false;
+    if (!withRecovery(session.tag, [&parse, &succeeded] { succeeded = runNext(parse); })) {
+      giveUp(parse);
+    }
+    zov_freeTagMemory(session.tag, 0);
+    allSucceeded = allSucceeded && succeeded;
   }
-  return query.succeeded;
+  flushOutput(*session.output);
+  return allSucceeded;
 }
 
 }  // namespace minidb

@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * The query language of minidb. Each statement ends at a semicolon, and so does
- * each mistake: what follows is read as if nothing had been.
+ * One statement of minidb's query language. A mistake goes on to the semicolon.
+ * The value of a rule is that of its first symbol, so that a statement is known
+ * by its first word.
  */
-%token PUT GET DELETE FIND COUNT LOAD DUMP COMPACT BEGIN COMMIT ABORT SET SETTINGS
-%token FROM TO BYTES UTF16
+%token PUT GET DELETE FIND COUNT LOAD DUMP COMPACT BEGIN COMMIT ABORT
+%token SET SETTINGS STATS CHECK HELP QUIT
+%token FROM TO LIMIT
 %token WORD STRING
 %token BROKEN
 
 %%
-
-script: %empty | script line ;
 
 line:
     ';'
@@ -19,43 +19,28 @@ line:
   ;
 
 statement:
-    put | get | delete | find | count | load | dump | compact
-  | begin | commit | abort
-  | set | settings
+    plain
+  | unary text
+  | binary text text
+  | search pattern first last most
   ;
 
-put: PUT text text ;
+plain:
+    COMPACT | BEGIN | COMMIT | ABORT | SETTINGS | STATS | CHECK | HELP | QUIT
+  ;
 
-get: GET text ;
+unary: GET | DELETE | LOAD | DUMP ;
 
-delete: DELETE text ;
+binary: PUT | SET ;
 
-find: FIND filter ;
-
-count: COUNT filter ;
-
-load: LOAD text ;
-
-dump: DUMP text | DUMP text BYTES | DUMP text UTF16 ;
-
-compact: COMPACT ;
-
-begin: BEGIN ;
-
-commit: COMMIT ;
-
-abort: ABORT ;
-
-set: SET text text ;
-
-settings: SETTINGS ;
-
-filter: pattern first last ;
+search: FIND | COUNT ;
 
 pattern: %empty | text ;
 
 first: %empty | FROM text ;
 
 last: %empty | TO text ;
+
+most: %empty | LIMIT text ;
 
 text: WORD | STRING ;

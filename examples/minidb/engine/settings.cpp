@@ -1,182 +1,168 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One table has every setting: where it stands in the file, what it is at first,
-// and what takes a text for its value. libzov reads the file once, so that a
-// process knows what others change in it only when it starts again.
+// One table has every setting: where it stands in the file, what it is at first and
+// what it may be. libzov reads the file once, so that a process knows what others
+// change in it only when it starts again.
 #include "engine/settings.h"
 
 #include <stdlib.h>
 #include <strings.h>
 
-#include "engine/report.h"
+#include "engine/files.h"
+#include "store/internal.h"
 
 namespace minidb {
 
 namespace {
 
-constexpr int32_t kMaxWorkers = 64;
-constexpr int32_t kMaxWaitMs = 3600 * 1000;
+// The most of a number, whose least is 1.
+constexpr int32_t kIsPath = 0;
+constexpr int32_t kIsSeparator = -1;
 
-bool takePath(char (&place)[kSettingBytes], const char *value) {
-  if (value[0] == '\0' || strlen(value) >= kSettingBytes) {
-    return false;
-  }
-  zov_strncpyZ(place, value, kSettingBytes);
-  return true;
-}
-
-bool takeNumber(int32_t &place, const char *value, int32_t most) {
-  char *end = nullptr;
-  const long number = strtol(value, &end, 10);
-  if (end == value || *end != '\0' || number < 1 || number > most) {
-    return false;
-  }
-  place = static_cast<int32_t>(number);
-  return true;
-}
-
-struct Setting {
+// By Setting.
+constexpr struct Known {
   const char *section;
   const char *name;
   const char *initial;
-  bool (*take)(Settings &settings, const char *value);
+  int32_t most;
+} kKnown[kSettings] = {
+    {"database", "data", "minidb.data", kIsPath},
+    {"database", "separator", "semicolon", kIsSeparator},
+    {"database", "cache", "8", 65536},
+    {"server", "socket", "minidb.socket", kIsPath},
+    {"server", "log", "minidb-server.log", kIsPath},
+    {"server", "clients", "100", 1000},
+    {"server", "wait", "10000", 3600 * 1000},
 };
 
-constexpr Setting kSettings[] = {
-    {"database", "data", "minidb.data",
-     [](Settings &settings, const char *value) { return takePath(settings.data, value); }},
-    {"database", "separator", "semicolon", takeSeparator},
-    {"server", "socket", "minidb.socket",
-     [](Settings &settings, const char *value) { return takePath(settings.socket, value); }},
-    {"server", "log", "minidb-server.log",
-     [](Settings &settings, const char *value) { return takePath(settings.log, value); }},
-    {"server", "workers", "2",
-     [](Settings &settings, const char *value) {
-       return takeNumber(settings.workers, value, kMaxWorkers);
-     }},
-    {"server", "wait", "10000",
-     [](Settings &settings, const char *value) {
-       return takeNumber(settings.waitMs, value, kMaxWaitMs);
-     }},
-};
+// Separators that an INI file cannot hold have names.
+constexpr struct {
+  const char *name;
+  char separator;
+} kSeparators[] = {{"semicolon", ';'}, {"tab", '\t'}, {"space", ' '}};
 
-const Setting *findSetting(const char *name) {
-  for (const Setting &setting : kSettings) {
-    if (strcasecmp(setting.name, name) == 0) {
-      return &setting;
-    }
-  }
-  return nullptr;
+bool isNumber(const char *value, int32_t most) {
+  char *end = nullptr;
+  const long number = strtol(value, &end, 10);
+  return end != value && *end == '\0' && number >= 1 && number <= most;
 }
 
-// Whether the file gives back what it is given: no comment, no other line, no
-// space around it.
-bool fitsLine(const char *value) {
+bool isSeparator(const char *value) {
+  bool isName = false;
+  for (const auto &known : kSeparators) {
+    isName = isName || strcasecmp(known.name, value) == 0;
+  }
+  return isName ||
+         (static_cast<unsigned char>(value[0]) > ' ' && value[0] != ';' && value[1] == '\0');
+}
+
+// Whether a setting can have a value: one that the file gives back as it is, so no
+// comment, no other line and no space around it.
+bool check(const Known &known, const char *value) {
   const size_t length = strlen(value);
-  return length > 0 && length < kSettingBytes && strpbrk(value, ";\r\n") == nullptr &&
-         value[0] != ' ' && value[length - 1] > ' ';
+  const bool fits = length > 0 && length < kSettingBytes && strpbrk(value, ";\r\n") == nullptr &&
+                    value[0] != ' ' && value[length - 1] > ' ';
+  if (known.most == kIsPath) {
+    return fits ||
+           fail("%s cannot be \"%.100s\": it is a path of 1 to %u bytes, without a semicolon",
+                known.name, value, kSettingBytes - 1);
+  }
+  if (known.most == kIsSeparator) {
+    return isSeparator(value) ||
+           fail("%s cannot be \"%.100s\": it is a character, \"semicolon\", \"tab\" or \"space\"",
+                known.name, value);
+  }
+  return (fits && isNumber(value, known.most)) ||
+         fail("%s cannot be \"%.100s\": it is a number from 1 to %d", known.name, value,
+              known.most);
 }
 
-bool writeInitial(const char *path) {
-  ZOV_STREAM stream = zov_fopen(path, "w", ZOV_ENC_BYTES);
-  if (stream == nullptr) {
-    return cannot("create", path);
+// By its name. kSettings when there is none.
+Setting find(const char *name) {
+  uint8_t setting = 0;
+  while (setting < kSettings && strcasecmp(kKnown[setting].name, name) != 0) {
+    ++setting;
   }
-  const char *section = "";
-  for (const Setting &setting : kSettings) {
-    if (strcmp(setting.section, section) != 0) {
-      section = setting.section;
-      zov_fprintf(stream, "[%s]\n", section);
-    }
-    zov_fprintf(stream, "%s=%s\n", setting.name, setting.initial);
+  if (setting == kSettings) {
+    fail("there is no setting \"%.100s\"", name);
   }
-  zov_fclose(stream);
-  return true;
-}
-
-// The text of a setting: what the file says, or what it is at first.
-bool getSetting(const char *path, const Setting &setting, char (&text)[kSettingBytes]) {
-  switch (zov_iniGet(path, setting.section, setting.name, text, sizeof text)) {
-    case ZOV_OKAY:
-      return true;
-    case ZOV_ERROR:
-      zov_strncpyZ(text, setting.initial, sizeof text);
-      return true;
-    default:
-      zov_log_err("minidb: cannot read \"%s\" in \"%s\".\n", setting.name, path);
-      return false;
-  }
+  return static_cast<Setting>(setting);
 }
 
 }  // namespace
 
-bool takeSeparator(Settings &settings, const char *value) {
-  constexpr struct {
-    const char *name;
-    char separator;
-  } kNames[] = {{"semicolon", ';'}, {"tab", '\t'}, {"space", ' '}};
-  for (const auto &known : kNames) {
-    if (strcasecmp(known.name, value) == 0) {
-      settings.separator = known.separator;
-      return true;
+int32_t numberOf(const Settings &settings, Setting setting) {
+  return static_cast<int32_t>(strtol(settings.text[setting], nullptr, 10));
+}
+
+char separatorOf(const Settings &settings) {
+  for (const auto &known : kSeparators) {
+    if (strcasecmp(known.name, settings.text[kSeparator]) == 0) {
+      return known.separator;
     }
   }
-  if (strlen(value) != 1 || value[0] == '\n' || value[0] == '\r') {
+  return settings.text[kSeparator][0];
+}
+
+const char *nameOf(Setting setting) {
+  return kKnown[setting].name;
+}
+
+bool writeSettings(const char *path) {
+  Draft draft;
+  if (!openDraft(draft, path)) {
     return false;
   }
-  settings.separator = value[0];
+  const char *section = "";
+  for (const Known &known : kKnown) {
+    char line[kSettingBytes];
+    zov_snprintf(line, sizeof line, "%s%s%s%s=%s\n", known.section == section ? "" : "[",
+                 known.section == section ? "" : known.section,
+                 known.section == section ? "" : "]\n", known.name, known.initial);
+    section = known.section;
+    zov_outputBuffPutString(draft.out, line);
+  }
+  return keepDraft(draft);
+}
+
+bool readSetting(Settings &settings, Setting setting) {
+  const Known &known = kKnown[setting];
+  char *text = settings.text[setting];
+  const int32_t status =
+      !settings.hasFile ? static_cast<int32_t>(ZOV_ERROR)
+                        : zov_iniGet(settings.path, known.section, known.name, text, kSettingBytes);
+  if (status == ZOV_ERROR) {
+    zov_strncpyZ(text, known.initial, kSettingBytes);
+  } else if (status != ZOV_OKAY) {
+    return fail("cannot read %s in \"%.500s\"", known.name, settings.path);
+  }
+  return check(known, text);
+}
+
+bool replaceSetting(Settings &settings, const char *name, const char *value) {
+  const Setting setting = find(name);
+  if (setting == kSettings || !check(kKnown[setting], value)) {
+    return false;
+  }
+  zov_strncpyZ(settings.text[setting], value, kSettingBytes);
   return true;
 }
 
-bool readSettings(Settings &settings, const char *path) {
-  settings = {};
-  if (!takePath(settings.path, path)) {
-    zov_log_err("minidb: the path of the settings is too long.\n");
+bool changeSetting(Settings &settings, const char *name, const char *value) {
+  if (!replaceSetting(settings, name, value)) {
     return false;
   }
-  if (zov_fileLengthStat(path, 0) < 0 && !writeInitial(path)) {
-    return false;
+  const Setting setting = find(name);
+  const Known &known = kKnown[setting];
+  if (zov_iniSet(settings.path, known.section, known.name, value) != ZOV_OKAY) {
+    return failedAt("change", settings.path);
   }
-  for (const Setting &setting : kSettings) {
-    char text[kSettingBytes];
-    if (!getSetting(path, setting, text)) {
-      return false;
-    }
-    if (!setting.take(settings, text)) {
-      zov_log_err("minidb: \"%s\" has %s=%s, which makes no sense.\n", path, setting.name, text);
-      return false;
-    }
+  if (readSetting(settings, setting) && strcmp(settings.text[setting], value) == 0) {
+    return true;
   }
-  return true;
-}
-
-Change changeSetting(Settings &settings, const char *name, const char *value) {
-  const Setting *setting = findSetting(name);
-  if (setting == nullptr) {
-    return Change::kUnknown;
-  }
-  Settings changed = settings;
-  if (!fitsLine(value) || !setting->take(changed, value)) {
-    return Change::kInvalid;
-  }
-  if (zov_iniSet(settings.path, setting->section, setting->name, value) != ZOV_OKAY) {
-    cannot("change", settings.path);
-    return Change::kFailed;
-  }
-  settings = changed;
-  return Change::kDone;
-}
-
-void listSettings(const Settings &settings, void (*visit)(void *context, const char *line),
-                  void *context) {
-  for (const Setting &setting : kSettings) {
-    char text[kSettingBytes];
-    char line[kSettingBytes + 32];
-    if (getSetting(settings.path, setting, text)) {
-      zov_snprintf(line, sizeof line, "%s = %s", setting.name, text);
-      visit(context, line);
-    }
-  }
+  zov_iniSet(settings.path, known.section, known.name, nullptr);
+  return fail("\"%.500s\" has another line for %s in front, not of the form %s=VALUE",
+              settings.path, known.name, known.name);
 }
 
 }  // namespace minidb

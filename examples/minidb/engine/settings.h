@@ -1,43 +1,71 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The settings, kept in an INI file.
+// The settings, kept in an INI file, and the command line of both programs. What
+// cannot be done is said by problem().
 #ifndef MINIDB_SETTINGS_H
 #define MINIDB_SETTINGS_H
 
-#include "engine/buffer.h"
+#include <stdint.h>
 
 namespace minidb {
+
+enum Setting : uint8_t { kData, kSeparator, kCache, kSocket, kLog, kClients, kWait, kSettings };
 
 constexpr uint32_t kSettingBytes = 512;  // room for the text of one
 
 struct Settings {
-  char path[kSettingBytes];    // of the INI file
-  char data[kSettingBytes];    // path of the data file
-  char socket[kSettingBytes];  // path of the server's socket
-  char log[kSettingBytes];     // path of the server's log
-  char separator;              // between a key and a value in text
-  int32_t workers;             // threads of the server
-  int32_t waitMs;              // for a peer that does not read or answer
+  const char *path;  // of the INI file
+  bool hasFile;
+  char text[kSettings][kSettingBytes];
 };
 
-// Reads the settings from a file, which is made, with the usual ones, if it is
-// missing. False when that fails or one of them makes no sense, which is
-// reported.
-bool readSettings(Settings &settings, const char *path);
+int32_t numberOf(const Settings &settings, Setting setting);
+char separatorOf(const Settings &settings);
+const char *nameOf(Setting setting);
 
-enum class Change { kDone, kUnknown, kInvalid, kFailed };
+// Makes the file, with what settings are at first.
+bool writeSettings(const char *path);
 
-// Sets one by its name, in the file and here. Those that are paths or numbers of
-// threads are looked at when a program starts.
-Change changeSetting(Settings &settings, const char *name, const char *value);
+// Takes the text of a setting from the file, or what it is at first.
+bool readSetting(Settings &settings, Setting setting);
 
-// Calls `visit` with the line "name = value" of each.
-void listSettings(const Settings &settings, void (*visit)(void *context, const char *line),
-                  void *context);
+// Puts a value in place of a setting, here alone. False when there is no such setting
+// or it cannot have that value.
+bool replaceSetting(Settings &settings, const char *name, const char *value);
 
-// Takes a separator as it is written: a character, or the name of one that an INI
-// file cannot hold. False when it is neither.
-bool takeSeparator(Settings &settings, const char *value);
+// As replaceSetting(), in the file too.
+bool changeSetting(Settings &settings, const char *name, const char *value);
+
+// Exit statuses.
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;
+constexpr int kUsageError = 2;
+
+enum Program : uint8_t { kClient = 1, kServer = 2 };
+
+struct CommandLine {
+  Program program;
+  Settings settings;         // of the file, and what options put in their place
+  const char *settingsPath;  // of the file
+  const char *log;           // null: no option gave one
+  const char *server;        // the socket to connect to, or null
+  bool inMemory;
+  bool readOnly;
+  bool foreground;
+  int wordCount;  // those behind the options
+  char **words;
+};
+
+// Takes the options and reads the settings. False when the program has nothing more to
+// do, with its exit status; what is wrong is reported then.
+bool takeCommandLine(CommandLine &line, Program program, int count, char **words, int &status);
+
+// Writes the log to a file, new and readable by this user alone, from now on. What has
+// its name gets ".old" behind it.
+bool openLog(const char *path, const Settings &settings);
+
+// The statements of the language, one to a line. Null behind the last.
+const char *statementHelp(uint32_t number);
 
 }  // namespace minidb
 

@@ -3,167 +3,142 @@
 // minidb-server: serves a database to clients on this machine. It takes hold of
 // everything it needs before it goes into the background, so that what is wrong is
 // said to whoever starts it.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 
-#include "engine/command_line.h"
-#include "engine/report.h"
 #include "server/service.h"
-#include "wire/socket.h"
+#include "store/internal.h"
+#include "wire/wire.h"
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kFailure = 1;
-constexpr int kUsageError = 2;
+using minidb::CommandLine;
+using minidb::failedAt;
+using minidb::Settings;
 
-constexpr char kUsage[] =
-    "usage: minidb-server [--settings FILE] [--data FILE] [--socket FILE] [--log FILE]\n"
-    "                     [--foreground]\n"
-    "Serves a database to \"minidb --connect SOCKET\" until it is interrupted. Its\n"
-    "process id is in a file of the socket's name and \".pid\". The INI file is\n"
-    "\"minidb.ini\" unless told otherwise; the other options come in place of the\n"
-    "settings of these names. The log is written anew each time.\n";
-
-struct Options {
-  const char *settings;
-  const char *data;  // null: as the settings say; so are the next two
-  const char *socket;
-  const char *log;
-  bool foreground;
-};
-
-bool takeOptions(Options &options, int count, char **words) {
-  const minidb::ValueOption known[] = {
-      {"--settings", &options.settings},
-      {"--data", &options.data},
-      {"--socket", &options.socket},
-      {"--log", &options.log},
-  };
-  for (int index = 0; index < count; ++index) {
-    if (strcmp(words[index], "--foreground") == 0) {
-      options.foreground = true;
-    } else if (minidb::takeValue(known, words[index],
-                                 index + 1 < count ? words[index + 1] : nullptr)) {
-      ++index;
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
-
-bool readAllSettings(const Options &options, minidb::Settings &settings) {
-  if (!minidb::readSettings(settings, options.settings)) {
-    return false;
-  }
-  if (!minidb::replaceSetting(settings.data, options.data) ||
-      !minidb::replaceSetting(settings.socket, options.socket) ||
-      !minidb::replaceSetting(settings.log, options.log)) {
-    zov_log_err("minidb-server: a path is too long.\n");
-    return false;
-  }
-  return true;
-}
-
-// Tells others whom to interrupt. False when the file cannot be made.
-bool writeProcessId(const char *path) {
-  ZOV_STREAM stream = zov_fopen(path, "w", ZOV_ENC_BYTES);
-  if (stream == nullptr) {
-    return minidb::cannot("create", path);
-  }
-  zov_fprintf(stream, "%u\n", zov_get_pid());
-  zov_fclose(stream);
-  return true;
-}
-
-// A database to be served, and how.
+// What a server has beside its database.
 struct Server {
   minidb::Database database;
-  minidb::Settings settings;  // as they were at the start
-  int listener;
-  int32_t launcher;  // descriptor to report to, or -1
+  ZOV_FILE lock = nullptr;  // of the socket's path: who has it may remove what is there
+  int listener = -1;
+  int32_t launcher = -1;  // descriptor to report to
 };
 
-bool serve(Server &server) {
-  minidb::Service *service =
-      minidb::startService(server.database, server.settings, server.listener);
-  if (service == nullptr) {
-    return false;
-  }
-  zov_handleInterrupt(minidb::interruptService);
-  zov_log("serving \"%s\" at \"%s\"\n", server.settings.data, server.settings.socket);
-  if (server.launcher >= 0) {
-    zov_daemonComplete(server.launcher);
-  }
-  const bool served = minidb::runService(*service);
-  zov_handleInterrupt(nullptr);
-  minidb::endService(service);
-  return served;
-}
-
-bool serveWithProcessId(Server &server) {
+struct Beside {
   char path[minidb::kSettingBytes + 8];
-  zov_snprintf(path, sizeof path, "%s.pid", server.settings.socket);
-  const bool served = writeProcessId(path) && serve(server);
-  zov_fileRemove(path);
-  return served;
+};
+
+Beside besideSocket(const Settings &settings, const char *suffix) {
+  Beside beside;
+  zov_snprintf(beside.path, sizeof beside.path, "%s%s", settings.text[minidb::kSocket], suffix);
+  return beside;
 }
 
-// Goes into the background. A server there may make files for everybody; these
-// are its user's.
+bool lockSocket(Server &server, const Settings &settings) {
+  const Beside lock = besideSocket(settings, ".lock");
+  server.lock = zov_fileOpen(lock.path, O_RDWR | O_CREAT | O_NOFOLLOW, 0);
+  if (server.lock == nullptr) {
+    return failedAt("create", lock.path);
+  }
+  return zov_fileLock(server.lock) == ZOV_OKAY ||
+         minidb::fail("\"%.500s\" is in use by another server", settings.text[minidb::kSocket]);
+}
+
+// Tells others whom to interrupt, in a new file.
+bool writeProcessId(const char *path) {
+  char text[16];
+  const int length = zov_snprintf(text, sizeof text, "%u\n", zov_get_pid());
+  zov_fileRemove(path);
+  ZOV_FILE file = zov_fileOpen(path, O_WRONLY | O_CREAT | O_EXCL, 0);
+  const bool written =
+      file != nullptr &&
+      zov_fileWrite(file, text, static_cast<uint32_t>(length)) == static_cast<uint32_t>(length);
+  if (file != nullptr) {
+    zov_fileClose(file);
+  }
+  return written || failedAt("create", path);
+}
+
+void handleSignal(int) {
+  const int kept = errno;
+  minidb::interruptService();
+  errno = kept;
+}
+
+// Goes into the background, where files would be for everybody.
 bool leaveTerminal(Server &server) {
   if (zov_daemonStart("minidb-server", &server.launcher) != ZOV_OKAY) {
-    return minidb::cannot("start", "minidb-server");
+    return minidb::fail("the server cannot go into the background");
   }
   umask(S_IRWXG | S_IRWXO);
   return true;
 }
 
-bool listenAndServe(Server &server, bool foreground) {
-  server.listener = minidb::listenAt(server.settings.socket);
+bool serve(Server &server, const CommandLine &line) {
+  const Settings &settings = line.settings;
+  if (!(line.foreground || leaveTerminal(server)) ||
+      !writeProcessId(besideSocket(settings, ".pid").path) ||
+      !minidb::openService(server.database, server.listener)) {
+    return false;
+  }
+  zov_handleInterrupt(minidb::interruptService);
+  signal(SIGTERM, handleSignal);
+  zov_log("serving \"%s\" at \"%s\"\n", settings.text[minidb::kData],
+          settings.text[minidb::kSocket]);
+  if (server.launcher >= 0) {
+    zov_daemonComplete(server.launcher);
+  }
+  minidb::runService();
+  zov_log("ended\n");
+  return true;
+}
+
+// Takes hold of everything in turn. Only with the locks of socket and database is it
+// sure that no server writes the log any more.
+bool run(Server &server, const CommandLine &line) {
+  const Settings &settings = line.settings;
+  if (!lockSocket(server, settings) || !minidb::openDatabase(server.database, line) ||
+      !minidb::openLog(settings.text[minidb::kLog], settings)) {
+    return false;
+  }
+  server.listener = minidb::listenAt(settings.text[minidb::kSocket]);
   if (server.listener < 0) {
     return false;
   }
-  const bool served = (foreground || leaveTerminal(server)) && serveWithProcessId(server);
-  zov_fileRemove(server.settings.socket);
-  minidb::closeSocket(server.listener);
+  const bool served = serve(server, line);
+  zov_fileRemove(besideSocket(settings, ".pid").path);
+  zov_fileRemove(settings.text[minidb::kSocket]);
   return served;
 }
 
-int run(int count, char **words) {
-  Options options = {"minidb.ini", nullptr, nullptr, nullptr, false};
-  if (count > 0 && strcmp(words[0], "--help") == 0) {
-    zov_printf("%s", kUsage);
-    return kSuccess;
+int runProgram(int count, char **words) {
+  CommandLine line;
+  int status = minidb::kSuccess;
+  if (!minidb::takeCommandLine(line, minidb::kServer, count, words, status)) {
+    return status;
   }
-  if (!takeOptions(options, count, words)) {
-    zov_log_err("%s", kUsage);
-    return kUsageError;
+  Server server;
+  const bool served = run(server, line) || minidb::report();
+  minidb::closeSocket(server.listener);
+  if (server.database.store != nullptr) {
+    closeStore(server.database.store);
   }
-  Server server = {{}, {}, -1, -1};
-  if (!readAllSettings(options, server.settings)) {
-    return kFailure;
+  if (server.lock != nullptr) {
+    zov_fileClose(server.lock);
   }
-  if (!minidb::openDatabase(server.database, server.settings, false)) {
-    return kFailure;
-  }
-  // Only now is it sure that no server writes this log any more.
-  bool served = zov_log_open(server.settings.log) == ZOV_OKAY ||
-                minidb::cannot("create", server.settings.log);
-  served = served && listenAndServe(server, options.foreground);
-  minidb::closeDatabase(server.database);
-  zov_log(served ? "ended\n" : "ended after a failure\n");
-  return served ? kSuccess : kFailure;
+  return served ? minidb::kSuccess : minidb::kFailure;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (zov_init() != ZOV_OKAY || zov_queueInit(0) != ZOV_OKAY) {
-    return kFailure;
+  umask(S_IRWXG | S_IRWXO);
+  if (zov_init() != ZOV_OKAY) {
+    return minidb::kFailure;
   }
-  const int result = run(argc - 1, argv + 1);
-  zov_queueTerm(1);
+  const int result = runProgram(argc - 1, argv + 1);
   zov_term();
   return result;
 }

@@ -1,252 +1,215 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One thread waits for everything that may happen to a socket; it accepts clients
-// and collects what they send. A connection whose request is there goes through a
-// queue to the workers, and through another one back:
-//
-//   clients -> poll -> work queue -> workers -> done queue -> poll
-//
-// A byte on a pair of sockets wakes the thread that polls when a connection comes
-// back, or when the service is interrupted.
+// One thread accepts clients and starts a thread for each, which waits for whatever its
+// client does and for nobody else's. A pipe brings what the accepting thread has to
+// know: a pointer to a client is the last word of its thread, a null pointer an
+// interrupt. Pipes move so few bytes whole, and neither the threads nor a signal
+// handler need memory or a lock for it.
 #include "server/service.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <atomic>
-
-#include "engine/report.h"
-#include "server/connection.h"
+#include "wire/wire.h"
 
 namespace minidb {
 
-struct Service {
-  ZOV_TAG tag;
-  Database *database;
-  int listener;
-  int32_t waitMs;  // for a client that does not read
-  ZOV_QUEUE work;
-  ZOV_QUEUE done;       // what comes back; a null connection is a worker that leaves
-  int32_t workers;      // those that run
-  Connection *clients;  // all of them, the latest first
-  uint32_t clientCount;
-  bool full;      // the last client found no descriptor; until another one leaves
-  Buffer polled;  // a pollfd for the waker, one for the listener, one a client at rest
-};
-
 namespace {
 
-constexpr uint32_t kMaxClients = 1000;
+constexpr int kPauseMs = 500;  // before clients are accepted again
 
-// What the signal handler needs: a pair of sockets to wake the service by.
-std::atomic<bool> interrupted{false};
-int wakers[2] = {-1, -1};
+// Belongs to its thread, but for the list, until the thread leaves.
+struct Client {
+  Client *next;
+  Peer peer;
+  ZOV_TAG tag;  // of this record and of a request
+  ZOV_INPUTBUFF in;
+  Output output;
+  Session session;
+};
 
-void wakeService() {
-  send(wakers[1], "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+struct Service {
+  Database *database;
+  int listener;
+  int news[2];      // the pipe
+  Client *clients;  // all of them
+  int32_t count;
+  bool interrupted;  // no more clients
+  bool exhausted;    // the system had no more to give when the last one came,
+  bool reported;     // which was said
+};
+
+Service service;
+std::atomic<bool> isInterrupted{false};
+std::atomic<bool> isStopping{false};
+
+// --- A client's thread ---------------------------------------------------
+
+// Whether a statement is to go on.
+bool step(void *context, uint64_t) {
+  return !isStopping && !isInterrupting(static_cast<const Client *>(context)->peer.socket);
 }
 
-void takeWakeUps() {
-  char bytes[64];
-  while (recv(wakers[0], bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
+bool openClient(Client &client) {
+  return zov_inputBuffCreate(receiveFromPeer, nullptr, &client.peer, 0, &client.in) == 0 &&
+         zov_outputBuffCreate(sendToPeer, &client.peer, 0, &client.output.buffer) == 0 &&
+         openSession(client.session, *service.database, client.output, {step, &client});
+}
+
+// Answers the next request. False when there is no other. One for which memory is short
+// might be the start of a transaction, so it is the last.
+bool answer(Client &client) {
+  Request request = {};
+  int32_t status = kChannelFailed;
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  withRecovery(tag,
+               [&client, &request, &status, tag] { status = getRequest(client.in, request, tag); });
+  if (status == 0) {
+    const bool succeeded = runQuery(client.session, request.query, request.position);
+    const char end[] = {kDone, static_cast<char>(endingOf(client.session, succeeded))};
+    putPart(client.output, {end, sizeof end});
+    flushOutput(client.output);
+    status = client.output.status;
+  } else if (status == kChannelNonsense) {
+    zov_log_err("minidb-server: a client sent what is no request\n");
   }
+  zov_freeTagMemory(tag, 1);
+  return status == 0 && !client.session.quits;
 }
 
-// --- Workers -------------------------------------------------------------
-
-// A worker: serves the work queue until it is closed.
 void *serve(void *argument) {
-  Service &service = *static_cast<Service *>(argument);
-  ZOV_QUEUE done = service.done;
-  uint64_t message = 0;
-  while (zov_queueRead(service.work, &message, nullptr, nullptr, ZOV_WAIT_FOREVER) == ZOV_OKAY) {
-    answerRequest(*reinterpret_cast<Connection *>(message));
-    zov_queueWrite(done, message, 0, 0, 0);
-    wakeService();
+  Client *client = static_cast<Client *>(argument);
+  bool goesOn = openClient(*client);
+  while (goesOn) {
+    goesOn = answer(*client);
   }
-  zov_queueWrite(done, 0, 0, 0, 0);
+  if (client->session.tag != ZOV_NO_TAG) {
+    closeSession(client->session);
+  }
+  zov_inputBuffDestroy(client->in);
+  zov_outputBuffDestroy(client->output.buffer);
+  zov_flWrite(static_cast<uint64_t>(service.news[1]), &client, sizeof client);
   return nullptr;
 }
 
-bool startWorkers(Service &service, int32_t wanted) {
-  while (service.workers < wanted && zov_threadBegin(serve, 0, &service) == ZOV_OKAY) {
-    ++service.workers;
+// --- Accepting -----------------------------------------------------------
+
+// Releases a client whose thread has left, or never came.
+void removeClient(Client *client) {
+  Client **place = &service.clients;
+  while (*place != client) {
+    place = &(*place)->next;
   }
-  return service.workers > 0;
+  *place = client->next;
+  --service.count;
+  service.exhausted = false;
+  closeSocket(client->peer.socket);
+  zov_freeTagMemory(client->tag, 1);
 }
 
-// Lets the workers finish what they are at, and waits for them.
-void stopWorkers(Service &service) {
-  zov_queueClose(service.work);
-  while (service.workers > 0) {
-    uint64_t message = 0;
-    if (zov_queueRead(service.done, &message, nullptr, nullptr, ZOV_WAIT_FOREVER) != ZOV_OKAY) {
-      return;
-    }
-    service.workers -= message == 0;
-  }
-}
-
-// --- Clients -------------------------------------------------------------
-
-void addClient(Service &service, int socket) {
-  Connection *connection = openConnection({socket, service.waitMs}, *service.database);
-  if (connection == nullptr) {
+// Starts a thread for a client. False when it has to be turned away.
+bool addClient(int socket) {
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  Client *client =
+      static_cast<Client *>(zov_getMem(sizeof(Client), tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  if (client == nullptr) {
+    zov_freeTagMemory(tag, 1);
     closeSocket(socket);
-    return;
+    return false;
   }
-  connection->next = service.clients;
-  service.clients = connection;
-  ++service.clientCount;
-}
-
-void acceptClient(Service &service) {
-  const int socket = accept4(service.listener, nullptr, nullptr, SOCK_CLOEXEC);
-  if (socket >= 0) {
-    addClient(service, socket);
-  } else {
-    service.full = zov_errno() == EMFILE || zov_errno() == ENFILE;
-  }
-}
-
-void dispatchRequest(Service &service, Connection &connection) {
-  if (!connection.failed && hasRequest(connection)) {
-    connection.busy = true;
-    zov_queueWrite(service.work, reinterpret_cast<uint64_t>(&connection), 0, 0, 0);
-  }
-}
-
-// Takes connections back from the workers; one may hold its next request already.
-void takeAnswered(Service &service) {
-  uint64_t message = 0;
-  while (zov_queueRead(service.done, &message, nullptr, nullptr, 0) == ZOV_OKAY) {
-    Connection &connection = *reinterpret_cast<Connection *>(message);
-    connection.busy = false;
-    dispatchRequest(service, connection);
-  }
-}
-
-void closeFailed(Service &service) {
-  for (Connection **place = &service.clients; *place != nullptr;) {
-    Connection *connection = *place;
-    if (connection->busy || !connection->failed) {
-      place = &connection->next;
-      continue;
-    }
-    *place = connection->next;
-    --service.clientCount;
-    service.full = false;
-    closeConnection(connection);
-  }
-}
-
-// --- Polling -------------------------------------------------------------
-
-bool addPolled(Service &service, int socket) {
-  const pollfd polled = {socket, POLLIN, 0};
-  return appendBytes(service.polled, service.tag, &polled, sizeof polled);
-}
-
-bool collectPolled(Service &service) {
-  service.polled.length = 0;
-  // Clients too many wait to be accepted: a descriptor below 0 is not polled.
-  const bool accepts =
-      service.clientCount < kMaxClients && (!service.full || service.clientCount == 0);
-  const int listener = accepts ? service.listener : -1;
-  bool collected = addPolled(service, wakers[0]) && addPolled(service, listener);
-  for (const Connection *client = service.clients; client != nullptr; client = client->next) {
-    collected = collected && (client->busy || addPolled(service, client->peer.socket));
-  }
-  return collected;
-}
-
-bool waitForEvents(Service &service) {
-  pollfd *polled = reinterpret_cast<pollfd *>(service.polled.bytes);
-  const nfds_t count = service.polled.length / sizeof(pollfd);
-  // Signals interrupt the wait; what they mean shows in the socket they wake by.
-  if (poll(polled, count, -1) < 0) {
-    for (nfds_t index = 0; index < count; ++index) {
-      polled[index].revents = 0;
-    }
-    return zov_errno() == EINTR || cannot("wait for", "clients");
+  client->next = service.clients;
+  client->peer = {socket, numberOf(service.database->settings, kWait), nullptr, nullptr};
+  client->tag = tag;
+  client->output.framed = true;
+  client->session.tag = ZOV_NO_TAG;
+  service.clients = client;
+  ++service.count;
+  if (zov_threadBegin(serve, 0, client) != ZOV_OKAY) {
+    removeClient(client);
+    return false;
   }
   return true;
 }
 
-// The clients are in the same order as when the array was made.
-void serveEvents(Service &service) {
-  const pollfd *polled = reinterpret_cast<const pollfd *>(service.polled.bytes);
-  const bool accepts = polled[1].revents != 0;
-  polled += 2;
-  for (Connection *client = service.clients; client != nullptr; client = client->next) {
-    if (!client->busy && (polled++)->revents != 0) {
-      receiveSome(*client);
-      dispatchRequest(service, *client);
-    }
+void acceptClient() {
+  const int socket = accept4(service.listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (socket < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED)) {
+    return;
   }
-  takeWakeUps();
-  takeAnswered(service);
-  if (accepts) {
-    acceptClient(service);
+  service.exhausted = socket < 0 || !addClient(socket);
+  if (service.exhausted && !service.reported) {
+    zov_log_err("minidb-server: cannot take another client: %s\n", strerror(errno));
+  }
+  service.reported = service.exhausted;
+}
+
+void takeNews() {
+  Client *client = nullptr;
+  zov_flRead(static_cast<uint64_t>(service.news[0]), &client, sizeof client);
+  if (client == nullptr) {
+    service.interrupted = true;
+  } else {
+    removeClient(client);
+  }
+}
+
+// Waits for news and clients, for so long or, below 0, until there are some.
+void serveEvents(int32_t waitMs) {
+  const bool accepts = !service.interrupted && !service.exhausted &&
+                       service.count < numberOf(service.database->settings, kClients);
+  pollfd polled[] = {{service.news[0], POLLIN, 0}, {accepts ? service.listener : -1, POLLIN, 0}};
+  const int ready = poll(polled, 2, service.exhausted && waitMs < 0 ? kPauseMs : waitMs);
+  if (ready < 0 && errno != EINTR) {
+    zov_sleep(kPauseMs);
+  }
+  service.exhausted = service.exhausted && ready != 0;
+  if (ready > 0 && polled[0].revents != 0) {
+    takeNews();
+  }
+  if (ready > 0 && polled[1].revents != 0) {
+    acceptClient();
+  }
+}
+
+void shutOut(int how) {
+  for (Client *client = service.clients; client != nullptr; client = client->next) {
+    shutdown(client->peer.socket, how);
   }
 }
 
 }  // namespace
 
-Service *startService(Database &database, const Settings &settings, int listener) {
-  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  Service *service =
-      static_cast<Service *>(zov_getMem(sizeof(Service), tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  if (service == nullptr) {
-    zov_freeTagMemory(tag, 1);
-    return nullptr;
-  }
-  service->tag = tag;
-  service->database = &database;
-  service->listener = listener;
-  service->waitMs = settings.waitMs;
-  service->work = zov_queueCreate("minidb-server requests");
-  service->done = zov_queueCreate("minidb-server answered");
-  if (service->work != nullptr && service->done != nullptr &&
-      socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, wakers) == 0 &&
-      startWorkers(*service, settings.workers)) {
-    return service;
-  }
-  zov_log_err("minidb-server: no worker can be started.\n");
-  endService(service);
-  return nullptr;
+bool openService(Database &database, int listener) {
+  service = {&database, listener, {-1, -1}, nullptr, 0, false, false, false};
+  return pipe2(service.news, O_CLOEXEC) == 0 || failedAt("serve", database.settings.text[kData]);
 }
 
-bool runService(Service &service) {
-  bool serving = true;
-  while (serving && !interrupted) {
-    serving = collectPolled(service) && waitForEvents(service);
-    if (serving) {
-      serveEvents(service);
-      closeFailed(service);
-    }
+void runService() {
+  while (!service.interrupted) {
+    serveEvents(-1);
   }
-  return serving;
+  shutOut(SHUT_RD);
+  const uint32_t start = zov_timeMilliSecs();
+  const uint32_t grace = static_cast<uint32_t>(numberOf(service.database->settings, kWait));
+  for (uint32_t passed = 0; service.count > 0 && passed < grace;
+       passed = zov_timeMilliSecs() - start) {
+    serveEvents(static_cast<int32_t>(grace - passed));
+  }
+  isStopping = true;
+  shutOut(SHUT_RDWR);
+  while (service.count > 0) {
+    serveEvents(-1);
+  }
 }
 
 void interruptService() {
-  interrupted = true;
-  wakeService();
-}
-
-void endService(Service *service) {
-  stopWorkers(*service);
-  while (service->clients != nullptr) {
-    Connection *connection = service->clients;
-    service->clients = connection->next;
-    closeConnection(connection);
+  const Client *none = nullptr;
+  if (!isInterrupted.exchange(true)) {
+    zov_flWrite(static_cast<uint64_t>(service.news[1]), &none, sizeof none);
   }
-  zov_queueDelete(service->work);
-  zov_queueDelete(service->done);
-  closeSocket(wakers[0]);
-  closeSocket(wakers[1]);
-  zov_freeTagMemory(service->tag, 1);
 }
 
 }  // namespace minidb

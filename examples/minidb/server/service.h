@@ -1,30 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The server's work: clients, and the threads that serve them.
+// The server's work: accepting clients, each of which has a thread.
 #ifndef MINIDB_SERVICE_H
 #define MINIDB_SERVICE_H
 
-#include "engine/database.h"
+#include "engine/session.h"
 
 namespace minidb {
 
-struct Service;
+// Prepares for clients at a listening socket, once in a process. False with a
+// problem().
+bool openService(Database &database, int listener);
 
-// Starts the worker threads that the settings ask for. Null on failure, which is
-// reported; nothing is owed then. The database must outlive the service.
-Service *startService(Database &database, const Settings &settings, int listener);
+// Accepts clients and has them served until interruptService(). Statements under way
+// may finish for as long as a client may be silent; then they are interrupted.
+void runService();
 
-// Accepts clients and has them served until interruptService(). Requests under
-// way are finished then, those that wait are dropped with the clients. False when
-// the service itself failed, which is reported.
-bool runService(Service &service);
-
-// Ends runService(). May be called from a signal handler, once a service has
-// started.
+// Ends runService(). For signal handlers.
 void interruptService();
-
-// Releases a service that does not run.
-void endService(Service *service);
 
 }  // namespace minidb
 
