@@ -46,6 +46,10 @@ using zov::BlockHeader;
 constexpr uint64_t kHeaderBytes = sizeof(BlockHeader);
 constexpr uint64_t kLargestBlock = UINT64_MAX - kHeaderBytes;
 
+// Zeroed blocks below this come from malloc(), which has the memory of a thread's
+// latest frees at hand. calloc() goes past that to the lock of its heap.
+constexpr uint64_t kFewBytes = 1000;
+
 // What a failing allocation does.
 enum class FailMode : uint8_t { kAlwaysReturns, kReturns, kJumps };
 
@@ -210,6 +214,14 @@ inline void *getUnlocked(TagRecord &tag, uint64_t size, Failure failure) {
   return afterHeader(header);
 }
 
+void *getZeroedMem(TagRecord &tag, uint64_t size, Failure failure) {
+  if (size >= kFewBytes) {
+    return _getMem(tag, size, true, failure);
+  }
+  void *block = _getMem(tag, size, false, failure);
+  return block == nullptr ? nullptr : memset(block, 0, size);
+}
+
 void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure) {
   void *block = _getMem(tag, size, false, failure);
   return block == nullptr ? nullptr : memcpy(block, source, size);
@@ -219,7 +231,7 @@ void *copyMem(TagRecord &tag, const void *source, uint64_t size, Failure failure
 [[gnu::noinline]] void *getFilledMem(TagRecord &tag, uint64_t size, uint32_t mode,
                                      const void *source, Failure failure) {
   if (mode == ZOV_MEM_ZERO) {
-    return size == 0 ? nullptr : _getMem(tag, size, true, failure);
+    return size == 0 ? nullptr : getZeroedMem(tag, size, failure);
   }
   if (source == nullptr) {
     return nullptr;
