@@ -88,11 +88,18 @@ bool holdsSameUnit(const Pair &pair, uint32_t offset, uint32_t lengthBytes, uint
          memcmp(pair.firstPiece + offset, pair.secondPiece + offset, lengthBytes) == 0;
 }
 
-// Writes what lies from one place in the piece of the first file to another.
+// Writes what lies from one place in the piece of the first file to another. Behind
+// a short write the rest is tried, as only a failing one says why.
 bool writeRun(const Pair &pair, int64_t offset, uint32_t from, uint32_t to) {
-  const uint32_t count = to - from;
-  return count == 0 ||
-         zov_fileSeekWrite(pair.second, offset + from, pair.firstPiece + from, count) == count;
+  while (from < to) {
+    const uint32_t count =
+        zov_fileSeekWrite(pair.second, offset + from, pair.firstPiece + from, to - from);
+    if (count == 0 || count == ZOV_IO_FAILED) {
+      return false;
+    }
+    from += count;
+  }
+  return true;
 }
 
 // Writes the units of a piece of the source that the destination's piece, of
