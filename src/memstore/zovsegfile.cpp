@@ -7,8 +7,10 @@
 //   SegFile.segs[n] -> cache region n -> bytes [calc_segstart(n), + calc_segsize(n))
 //
 // The file's lock, which is the context's, guards the header and the data; a
-// handle belongs to one thread at a time. Under it the cache takes its own
-// mutex. size and modTime are atomics besides, read without the lock.
+// handle belongs to one thread at a time. Under it the cache takes its own mutex
+// when a segment is opened, but not for what is transferred: a handle's segments
+// are open until it is closed or cut, and a region of the heap never moves. size
+// and modTime are atomics besides, read without the lock.
 //
 // Bytes at and past the size are zero: what is cut off is cleared if it stays. A
 // segment that is cut off while another handle has it open is destroyed with its
@@ -61,10 +63,9 @@ namespace {
 
 using Slots = SlotTable<ZOV_CACHE_REGION>;
 
-// A piece of a file within one segment, whose region is pinned at base.
+// A piece of a file within one segment. It stays where it is while the handle has
+// the segment open.
 struct Piece {
-  ZOV_CACHE_REGION region;
-  void *base;
   char *data;
   uint32_t bytes;
 };
@@ -170,15 +171,6 @@ void releaseSegment(SegFile &file, uint32_t number) {
   *slot = nullptr;
 }
 
-// Clears the first bytes of a region that stays although it is cut off.
-void clearRegion(ZOV_CACHE_REGION region, uint64_t bytes) {
-  void *base = zov_shmCacheGetPtr(region);
-  if (base != nullptr) {
-    memset(base, 0, bytes);
-    zov_shmCacheReleasePtr(region, base);
-  }
-}
-
 // Destroys a segment of a file of `size` bytes.
 void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
   if (file.segs.get(number) != nullptr) {
@@ -188,7 +180,9 @@ void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
   ZOV_CACHE_REGION region = shmCacheOpened(file.ctx, number);
   const uint64_t start = calc_segstart(file.baseBytes, number);
   if (region != nullptr && size > start) {
-    clearRegion(region, std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
+    // It stays although it is cut off.
+    memset(shmCacheAddress(region), 0,
+           std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
   }
 }
 
@@ -203,25 +197,20 @@ void cutSegments(SegFile &file, uint32_t kept) {
   header.numSegments = std::min(header.numSegments, kept);
 }
 
-// Pins the segment at an offset, making it if it is missing. False when memory is
-// short.
+// Finds the data at an offset, making its segment if that is missing. False when
+// memory is short.
 bool accessDataInSegment(SegFile &file, uint64_t offset, uint32_t wanted, Piece &piece) {
   const uint32_t number = static_cast<uint32_t>(calc_segno(file.baseBytes, offset));
   const uint32_t size = calc_segsize(file.baseBytes, number);
-  piece.region = getSegment(file, number, size);
-  piece.base = piece.region == nullptr ? nullptr : zov_shmCacheGetPtr(piece.region);
-  if (piece.base == nullptr) {
+  ZOV_CACHE_REGION region = getSegment(file, number, size);
+  if (region == nullptr) {
     return false;
   }
   const uint32_t position = static_cast<uint32_t>(offset - calc_segstart(file.baseBytes, number));
   assert(position < size && wanted > 0);
-  piece.data = static_cast<char *>(piece.base) + position;
+  piece.data = static_cast<char *>(shmCacheAddress(region)) + position;
   piece.bytes = std::min(size - position, wanted);
   return true;
-}
-
-void releaseDataInSegment(const Piece &piece) {
-  zov_shmCacheReleasePtr(piece.region, piece.base);
 }
 
 // Calls copy(data, bytes, done) for each piece of a range until the end or until
@@ -232,7 +221,6 @@ uint32_t forEachPiece(SegFile &file, uint64_t offset, uint32_t length, Copy copy
   Piece piece;
   while (done < length && accessDataInSegment(file, offset + done, length - done, piece)) {
     copy(piece.data, piece.bytes, done);
-    releaseDataInSegment(piece);
     done += piece.bytes;
   }
   return done;
@@ -280,7 +268,7 @@ int64_t _seekWrite(SegFile &file, uint64_t offset, const void *buffer, uint32_t 
 }
 
 // Clears the bytes of the last kept segment that lie between the new size and the
-// old one. False when it cannot be pinned.
+// old one. False when it cannot be opened.
 bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
   const uint64_t oldSize = file.hdr->size;
   const uint32_t segmentBytes = calc_segsize(file.baseBytes, lastKept);
@@ -294,7 +282,6 @@ bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
     return false;
   }
   memset(piece.data, 0, piece.bytes);
-  releaseDataInSegment(piece);
   return true;
 }
 

@@ -52,6 +52,7 @@ struct CacheContext {
 
 // 1. On the list of unpinned regions exactly while ptr is set and numPins is 0.
 // 2. numOpens is 0 only while the entry is made or closed.
+// 3. shm never changes, and is read without mapCacheMutex by who has the region open.
 struct CacheRegion {
   CacheRegion *next;  // released earlier
   CacheRegion *prev;  // released later
@@ -340,6 +341,10 @@ void shmCacheEnter(ZOV_CACHE_CTX context) {
 
 bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region) {
   return region->destroyOnClose;
+}
+
+void *shmCacheAddress(ZOV_CACHE_REGION region) {
+  return zov_shmGetPtr(region->shm);
 }
 
 ZOV_CACHE_REGION shmCacheOpened(ZOV_CACHE_CTX context, uint32_t number) {

@@ -12,6 +12,11 @@ namespace zov {
 // the context's lock.
 bool shmCacheIsDestroyPending(ZOV_CACHE_REGION region);
 
+// Where an open region is, for as long as it is open; takes no lock and no pin, so
+// that transfers to different files do not meet. A pin is for callers who hand the
+// address on.
+void *shmCacheAddress(ZOV_CACHE_REGION region);
+
 // The region of that number if it is open, through this record or another of the
 // same heap context; else null. Counts no user: the entry stays while the caller
 // holds the context's lock.
