@@ -529,7 +529,7 @@ void work(const std::string &path, Outcome &outcome) {
   minidb::Store *store = database.store;
   outcome.put(store, {{"a", "2"}}, Mode::kOverwrite);
   outcome.put(store, {{"b", std::string(9000, 'b')}}, Mode::kSnapshot);
-  outcome.put(store, many(100, 'd'), Mode::kExclusive);
+  outcome.put(store, many(60, 'd'), Mode::kExclusive);
   minidb::compactStore(*store, {});
   outcome.put(store, {{"e", "2"}}, Mode::kOverwrite);
   Records seen;
@@ -539,10 +539,11 @@ void work(const std::string &path, Outcome &outcome) {
 }
 
 TEST_F(StoreTest, LosesNothingWhenCallsFail) {
-  const Records base = many(50, 'a');
+  const Records base = many(30, 'a');
   {
     Database database(at("base"));
-    ASSERT_EQ(put(database.store, base), Status::kOkay);
+    ASSERT_EQ(put(database.store, many(20, 'a')), Status::kOkay);
+    ASSERT_EQ(put(database.store, base), Status::kOkay);  // its meta is in page 1
   }
   static const struct {
     Call call;
