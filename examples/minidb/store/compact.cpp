@@ -6,7 +6,7 @@
 //
 //   make DATA.new, for the owner alone -> lock it -> records, sync, meta, sync
 //   -> the old file's owner and mode, sync -> rename -> sync the directory
-#include <errno.h>
+#include <assert.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -108,6 +108,7 @@ Status rebuild(Store &store, const View &source, Progress progress) {
   if (status != Status::kOkay) {
     return status;
   }
+  assert(file != nullptr);
   file->end = kFirstPage;
   Transaction *target = nullptr;
   View empty = {};

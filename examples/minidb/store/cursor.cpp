@@ -11,7 +11,7 @@ namespace {
 Frame *pinOf(const View &view, uint64_t number, Kind kind, uint32_t level) {
   PageFile *file = (number & kScratchBit) != 0 ? view.scratch : view.file;
   if (file == nullptr || number == 0) {
-    fail("\"%s\" is damaged: a page leads nowhere", view.file->path);
+    fail("the data file is damaged: a page leads nowhere");
     return nullptr;
   }
   Frame *frame = pinPage(view.store->cache, *file, number, nullptr);

@@ -163,8 +163,9 @@ struct Transaction;
 enum class Mode : uint8_t {
   kSnapshot,   // refused when a key that it changes was changed since it began
   kOverwrite,  // never refused: for a statement by itself that changes given keys
-  kExclusive   // keeps other writers waiting from begin to end, which one thread does:
-               // for a statement by itself that changes much or looks first
+  kExclusive   // keeps other writers waiting from begin to end, which one thread does
+               // that begins nothing else meanwhile: for a statement by itself that
+               // changes much or looks first
 };
 
 // Begins a transaction on the latest committed state. kOkay, kRefused for a read-only

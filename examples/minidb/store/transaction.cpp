@@ -6,6 +6,8 @@
 // again. Then its pages go to the end of the data file, children before parents:
 //
 //   pages -> sync -> meta -> sync -> newest view
+#include <assert.h>
+
 #include "store/internal.h"
 
 namespace minidb {
@@ -260,6 +262,7 @@ void dismissGroup(Store &store, Transaction *group) {
 }  // namespace
 
 Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
+  assert(view.file != nullptr);
   auto *transaction = static_cast<Transaction *>(
       zov_getMem(sizeof(Transaction), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
   ZOV_FILE scratch = openMemory();
@@ -417,7 +420,7 @@ MINIDB_LOCKS_SOMETIMES Status beginTransaction(Store &store, Mode mode, Transact
   if (mode == Mode::kExclusive) {
     zov_syncEnterExcl(store.writeLock);
   }
-  View view;
+  View view = {};
   Status status = store.broken.load() ? refuseBroken() : openView(store, view);
   if (status == Status::kOkay) {
     status = beginOn(store, view, mode, transaction);
