@@ -3,6 +3,8 @@
 // Start-up and shut-down: counting, failure of every stage, flags, and the
 // critical section.
 #include "support/faults.h"
+#include "support/route_file.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -28,6 +30,22 @@ TEST(Lifecycle, CountsItsUsers) {
   EXPECT_EQ(zov_inited, 0);
   EXPECT_EQ(zov_terminating, 0);
   EXPECT_FALSE(allocates());
+}
+
+TEST(Lifecycle, ASecondStartFindsNothingOfTheFirst) {
+  const zovtest::TempDir dirs[2];
+  char value[99];
+  for (const zovtest::TempDir &dir : dirs) {
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    setenv("TMPDIR", dir.path().c_str(), 1);
+    EXPECT_EQ(dir.path(), zov_osTmpdir());
+    zovtest::writeFile(dirs[0] / "ini", "[s]\nab=" + dir.path());
+    EXPECT_EQ(zov_iniGet((dirs[0] / "ini").c_str(), "s", "ab", value, sizeof value), ZOV_OKAY);
+    EXPECT_EQ(dir.path(), value);
+    EXPECT_EQ(zovtest::getFile("/m/f", ZOV_FILE_MEMORY), "(none)");
+    EXPECT_TRUE(zovtest::putFile("/m/f", "text", ZOV_FILE_MEMORY));
+    zov_term();
+  }
 }
 
 TEST(Lifecycle, ConcurrentUsersShareOneStart) {

@@ -6,7 +6,6 @@
 #include <pthread.h>
 
 #include <array>
-#include <chrono>
 #include <deque>
 #include <functional>
 #include <map>
@@ -100,9 +99,7 @@ TEST_F(Queue, ReadersTakeTurns) {
 }
 
 TEST_F(Queue, WaitsForAMessageUnlessItIsClosed) {
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(read(queue, 50), ZOV_TIMEOUT);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
+  EXPECT_EQ(read(queue, 5), ZOV_TIMEOUT);
   write(queue);
   zov_queueClose(queue);
   write(queue);

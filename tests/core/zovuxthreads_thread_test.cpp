@@ -37,6 +37,7 @@ struct Report {
   ZOV_THREAD id = 0;
   sigset_t mask;
   size_t stackBytes = 0;
+  int detached = 0;
 };
 
 void *report(void *argument) {
@@ -50,6 +51,7 @@ void *report(void *argument) {
   pthread_attr_t attributes;
   pthread_getattr_np(pthread_self(), &attributes);
   pthread_attr_getstacksize(&attributes, &report.stackBytes);
+  pthread_attr_getdetachstate(&attributes, &report.detached);
   pthread_attr_destroy(&attributes);
   zov_threadEnd();
 }
@@ -72,6 +74,7 @@ TEST(Thread, StartsDetachedWithSignalsBlocked) {
       std::this_thread::yield();
     }
     EXPECT_EQ(made.id, id);
+    EXPECT_EQ(made.detached, PTHREAD_CREATE_DETACHED);
     EXPECT_TRUE(made.stackBytes == stackBytes || stackBytes == 1000);
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, nullptr, &after);

@@ -3,8 +3,6 @@
 // One body for both routes: what files on disk and files in memory share, run
 // on each through the file handles and utilities, and from one to the other. The
 // last test is the table of differences in docs/files-in-memory.md.
-#include <set>
-
 #include "support/guide.h"
 #include "support/on_route.h"
 
@@ -15,45 +13,41 @@ class Route : public zovtest::OnRoute {
   ZOV_FILE open(const std::string &name, uint32_t openFlags) {
     return zov_fileOpen(at(name).c_str(), openFlags, flags);
   }
-
-  std::set<std::string> list(const std::string &name, const char *pattern) {
-    std::set<std::string> names;
-    ZOV_PATH_WALK walk = zov_pathOpenEx(at(name).c_str(), flags, pattern);
-    int32_t isDirectory = -1;
-    while (const char *each = zov_pathNext(walk, &isDirectory)) {
-      names.insert(std::string(each) + (isDirectory != 0 ? "/" : ""));
-    }
-    zov_pathClose(walk);
-    names.erase("./");
-    names.erase("../");
-    return names;
-  }
 };
 INSTANTIATE_TEST_SUITE_P(Where, Route, zovtest::bothRoutes, zovtest::routeName);
 
+// At the beginning of a file and beyond 4 GiB.
 TEST_P(Route, PositionsFollowTheTransfers) {
   errno = 0;
   EXPECT_EQ(open("f", O_RDWR), nullptr);
   EXPECT_EQ(errno, ENOENT);
-  ZOV_FILE file = open("f", O_RDWR | O_CREAT);
-  char text[8] = "";
-  EXPECT_EQ(zov_fileWrite(file, "0123456789", 10), 10u);
-  EXPECT_EQ(zov_fileSeek(file, -4, SEEK_CUR), ZOV_OKAY);
-  EXPECT_EQ(zov_fileRead(file, text, 3), 3u);
-  EXPECT_STREQ(text, "678");
-  EXPECT_EQ(zov_fileSeekWrite(file, 1, "AB", 2), 2u);
-  EXPECT_EQ(zov_fileSeekRead(file, ZOV_OFFSET_CURRENT, text, 8), 1u) << "behind the last read";
-  EXPECT_EQ(text[0], '9');
-  EXPECT_EQ(zov_fileSeekWrite(file, ZOV_OFFSET_CURRENT, "xy", 2), 2u);
-  EXPECT_EQ(zov_fileSeek(file, -12, SEEK_END), ZOV_OKAY);
-  EXPECT_EQ(zov_fileSeek(file, -1, SEEK_CUR), ZOV_ERROR) << "before the beginning";
-  EXPECT_EQ(zov_fileRead(file, text, 4), 4u);
-  EXPECT_EQ(std::string(text, 4), "0AB3");
-  EXPECT_EQ(zov_fileSeekRead(file, 100, text, 8), 0u);
-  EXPECT_EQ(zov_fileRead(file, text, 0) + zov_fileWrite(file, text, 0), 0u);
-  EXPECT_EQ(zov_fileSync(file), ZOV_OKAY);
-  zov_fileClose(file);
-  EXPECT_EQ(get("f"), "0AB3456789xy");
+  for (const int64_t base : {int64_t{0}, (int64_t{5} << 30) + 3}) {
+    ZOV_FILE file = open("f", O_RDWR | O_TRUNC);
+    char text[13] = "";
+    EXPECT_EQ(zov_fileSeekWrite(file, base, "01234", 5), 5u);
+    EXPECT_EQ(zov_fileSeek(file, base + 5, SEEK_SET), ZOV_OKAY);
+    EXPECT_EQ(zov_fileWrite(file, "56789", 5), 5u);
+    EXPECT_EQ(zov_fileSeek(file, -4, SEEK_CUR), ZOV_OKAY);
+    EXPECT_EQ(zov_fileRead(file, text, 3), 3u);
+    EXPECT_STREQ(text, "678");
+    EXPECT_EQ(zov_fileSeekWrite(file, base + 1, "AB", 2), 2u);
+    EXPECT_EQ(zov_fileSeekRead(file, ZOV_OFFSET_CURRENT, text, 8), 1u) << "behind the last read";
+    EXPECT_EQ(text[0], '9');
+    EXPECT_EQ(zov_fileSeekWrite(file, ZOV_OFFSET_CURRENT, "xy", 2), 2u);
+    EXPECT_EQ(zov_fileSeek(file, -12, SEEK_END), ZOV_OKAY);
+    EXPECT_EQ(zov_fileSeek(file, -1 - base, SEEK_CUR), ZOV_ERROR) << "before the beginning";
+    EXPECT_EQ(zov_fileRead(file, text, 4), 4u);
+    EXPECT_EQ(std::string(text, 4), "0AB3");
+    EXPECT_EQ(zov_fileSeekRead(file, base + 100, text, 8), 0u);
+    EXPECT_EQ(zov_fileRead(file, text, 0) + zov_fileWrite(file, text, 0), 0u);
+    EXPECT_EQ(zov_fileSeekRead(file, base, text, 13), 12u);
+    EXPECT_STREQ(text, "0AB3456789xy");
+    EXPECT_EQ(zov_fileLength(file), base + 12);
+    EXPECT_EQ(zov_fileSetSize(file, base + 1), ZOV_OKAY);
+    EXPECT_EQ(zov_fileSync(file), ZOV_OKAY);
+    zov_fileClose(file);
+    EXPECT_EQ(zov_fileLengthStat(at("f").c_str(), flags), base + 1);
+  }
 }
 
 TEST_P(Route, SizeCutsAndLengthens) {
@@ -83,28 +77,6 @@ TEST_P(Route, HandlesShareTheFileNotThePosition) {
   EXPECT_EQ(get("f"), "(none)");
   zov_fileClose(first);
   zov_fileClose(second);
-}
-
-TEST_P(Route, RenamesValidatesAndWalks) {
-  put("one.txt", "1");
-  put("two.txt", "2");
-  put("three.dat", "3");
-  const auto rename = [&](const char *from, const char *to) {
-    return zov_fileRenameEx(at(from).c_str(), flags, at(to).c_str(), flags);
-  };
-  const auto kind = [&](const char *name) {
-    int32_t isDirectory = 0;
-    const int32_t valid = zov_fileValidateEx(at(name).c_str(), flags, &isDirectory);
-    return valid + isDirectory;
-  };
-  EXPECT_EQ(rename("one.txt", "four.txt"), ZOV_OKAY);
-  EXPECT_NE(rename("none", "five"), ZOV_OKAY);
-  EXPECT_EQ(list("", "*.TXT"), (std::set<std::string>{"four.txt", "two.txt"}));
-  EXPECT_EQ(get("four.txt"), "1");
-  EXPECT_EQ(kind(""), 2);
-  EXPECT_EQ(kind("two.txt"), 1);
-  EXPECT_EQ(kind("none"), 0);
-  EXPECT_EQ(zov_pathOpenEx(at("none").c_str(), flags, "*"), nullptr);
 }
 
 // One side of a difference: a directory of its own, which is the current one,

@@ -129,36 +129,51 @@ TEST_F(Files, HandleWithoutDescriptorIsHarmless) {
             "Failed to seek and read, errno = 9\nInconsistent file state " + path_ + "\n");
 }
 
-TEST_F(Files, LockQueuesThreadsAndRefusesHandles) {
-  ZOV_FILE file = open();
-  ZOV_FILE other = open();
-  ASSERT_EQ(zov_fileLock(file), ZOV_OKAY);
-  EXPECT_EQ(zov_fileLock(other), ZOV_ERROR);
-  std::thread([&] { EXPECT_EQ(zov_fileLock(other), ZOV_ERROR) << "its mutex was left"; }).join();
-  std::atomic<bool> asking{false};
-  bool released = false;
-  std::thread second([&] {
-    asking = true;
-    EXPECT_EQ(zov_fileLock(file), ZOV_OKAY);
-    EXPECT_TRUE(released) << "came in while the lock was held";
-    EXPECT_EQ(zov_fileLock(other), ZOV_ERROR) << "keeps out like the first";
+// On disk a second handle is refused, in memory it waits.
+TEST_F(Files, LocksQueueThreads) {
+  for (const uint32_t flags : {uint32_t{0}, uint32_t{ZOV_FILE_MEMORY}}) {
+    ZOV_FILE file = open(O_RDWR | O_CREAT, flags);
+    ZOV_FILE other = open(O_RDWR, flags);
+    const auto isRefused = [&] { return flags != 0 || zov_fileLock(other) == ZOV_ERROR; };
+    ASSERT_EQ(zov_fileLock(file), ZOV_OKAY);
+    EXPECT_TRUE(isRefused());
+    const uint32_t waited = zovtest::locksFoundTaken;
+    std::atomic<bool> released{false};
+    std::atomic<bool> entered{false};
+    std::thread second([&, mine = flags == 0 ? file : other] {
+      EXPECT_EQ(zov_fileLock(mine), ZOV_OKAY);
+      EXPECT_TRUE(released) << "came in while the lock was held";
+      EXPECT_TRUE(isRefused()) << "keeps out like the first";
+      entered = true;
+      zov_fileUnlock(mine);
+    });
+    while (zovtest::locksFoundTaken == waited && !entered) {
+      std::this_thread::yield();
+    }
+    released = true;
     zov_fileUnlock(file);
-  });
-  for (int turn = 0; turn < 1000 || !asking; ++turn) {
-    std::this_thread::yield();
+    second.join();
+    EXPECT_EQ(zov_fileLock(other), ZOV_OKAY);
+    zov_fileUnlock(other);
+    zov_fileClose(file);
+    zov_fileClose(other);
   }
-  released = true;
-  zov_fileUnlock(file);
-  second.join();
-  EXPECT_EQ(zov_fileLock(other), ZOV_OKAY);
-  zov_fileUnlock(other);
+  ZOV_FILE other = open();
+  const int64_t before = zovtest::standing().locks;
+  {
+    const Fault calls(Call::flock, [&](uint32_t) {
+      EXPECT_EQ(zovtest::standing().locks, before + 1) << "its mutex is the outer one";
+    });
+    EXPECT_EQ(zov_fileLock(other), ZOV_OKAY);
+    zov_fileUnlock(other);
+    EXPECT_EQ(calls.uses(), 2u);
+  }
   const Fault noMutexes(Call::syncObject, 1, 0, true);
-  ZOV_FILE third = open();
-  EXPECT_EQ(zov_fileLock(third), ZOV_OKAY) << "does without a mutex";
+  ZOV_FILE bare = open();
+  EXPECT_EQ(zov_fileLock(bare), ZOV_OKAY) << "does without a mutex";
   EXPECT_EQ(zov_fileLock(other), ZOV_ERROR);
-  for (ZOV_FILE each : {file, other, third}) {
-    zov_fileClose(each);
-  }
+  zov_fileClose(other);
+  zov_fileClose(bare);
 }
 
 TEST_F(Files, FirstLockMakesOneMutexForAll) {

@@ -108,26 +108,28 @@ TEST_F(FileUtil, DirectoryChainsAreCompleted) {
   EXPECT_FALSE(fileExists(at("e\\f")));
 }
 
+// Each path goes with the flags behind it.
 TEST_F(FileUtil, WideFormsConvertTheirPaths) {
-  const std::wstring base(dir.path().begin(), dir.path().end());
-  const auto wide = [&](const wchar_t *name) { return base + L"/" + name; };
-  writeFile(at("\xC3\xA9"), "text");
-  EXPECT_EQ(zov_fileCopyW(wide(L"\xE9").c_str(), wide(L"copy").c_str()), ZOV_OKAY);
-  EXPECT_EQ(zov_fileCmpW(wide(L"\xE9").c_str(), wide(L"copy").c_str()), ZOV_OKAY);
-  EXPECT_EQ(zov_fileRenameW(wide(L"copy").c_str(), wide(L"\x20AC").c_str()), ZOV_OKAY);
-  EXPECT_EQ(readFile(at("\xE2\x82\xAC")), "text");
-  EXPECT_EQ(zov_fileMoveW(wide(L"\x20AC").c_str(), wide(L"m").c_str()), ZOV_OKAY);
-  EXPECT_EQ(zov_fileValidateW(wide(L"m").c_str(), nullptr), 1);
-  EXPECT_EQ(zov_fileRemoveW(wide(L"m").c_str()), 0);
-  EXPECT_EQ(zov_dirCreateAllW(wide(L"d\xE9/e").c_str()), ZOV_OKAY);
-  EXPECT_TRUE(fileExists(at("d\xC3\xA9/e")));
-  EXPECT_EQ(zov_dirMoveW(wide(L"d\xE9").c_str(), wide(L"f").c_str()), ZOV_OKAY);
-  EXPECT_TRUE(fileExists(at("f/e")));
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
+  for (const uint32_t from : {uint32_t{0}, uint32_t{ZOV_FILE_MEMORY}}) {
+    const uint32_t to = ZOV_FILE_MEMORY - from;
+    EXPECT_EQ(zov_dirCreateAllW(L"./\x20AC/d"), from == 0 ? ZOV_OKAY : ZOV_EXISTS);
+    ASSERT_TRUE(zovtest::putFile("./\xE2\x82\xAC/\xC3\xA9", "text", from));
+    EXPECT_EQ(zov_fileCopyExW(L"./\x20AC/\xE9", from, L"./\x20AC/2", to), ZOV_OKAY);
+    EXPECT_EQ(zov_fileCmpExW(L"./\x20AC/\xE9", from, L"./\x20AC/2", to), ZOV_OKAY);
+    EXPECT_EQ(zov_fileRenameExW(L"./\x20AC/2", to, L"./\x20AC/3", from), ZOV_ERROR);
+    EXPECT_EQ(zov_fileRemoveExW(L"./\x20AC/2", to), ZOV_OKAY);
+    EXPECT_EQ(zov_fileMoveExW(L"./\x20AC/\xE9", from, L"./\x20AC/4", to), ZOV_OKAY);
+    EXPECT_EQ(zov_fileValidateExW(L"./\x20AC/\xE9", from, nullptr), 0);
+    EXPECT_EQ(zovtest::getFile("./\xE2\x82\xAC/4", to), "text");
+  }
+  EXPECT_EQ(zov_dirMoveW(L"\x20AC", L"f"), ZOV_OKAY);
+  EXPECT_TRUE(fileExists("f/4"));
   EXPECT_EQ(zov_fileRemoveW(L"\xD800"), ZOV_ERROR) << "not a character";
 
   // The pattern counts characters as the matcher does; both one-letter names
   // of the directory itself are there.
-  ZOV_PATH_WALK walk = zov_pathOpenW(base.c_str(), L"?");
+  ZOV_PATH_WALK walk = zov_pathOpenW(L".", L"?");
   int32_t isDirectory = 0;
   std::set<std::wstring> names;
   for (wchar_t *name = nullptr, *next; (next = zov_pathNextW(walk, &isDirectory)); name = next) {

@@ -52,19 +52,6 @@ TEST(Utf8, DecodesTheEdgesOfTheGrammar) {
   }
 }
 
-TEST(Utf8, RoomEndsTheTwoDirectionsDifferently) {
-  char bytes[4];
-  const wchar_t lateSurrogate[] = {L'a', 0x20AC, 0xD800, 0};
-  EXPECT_EQ(zov_wchar_to_utf8(bytes, lateSurrogate, 4, ZOV_UTF8_STRICT), 2u) << "left out whole";
-  EXPECT_STREQ(bytes, "a");
-  EXPECT_EQ(zov_wchar_to_utf8(bytes, lateSurrogate + 2, 1, ZOV_UTF8_STRICT), ZOV_UTF8_FAILED);
-  EXPECT_EQ(zov_wchar_to_utf8(bytes, lateSurrogate + 2, 1, ZOV_UTF8_REPLACE), 1u);
-  wchar_t chars[3];
-  EXPECT_EQ(zov_utf8_to_wchar(chars, "abc\xFF", 2, ZOV_UTF8_STRICT), ZOV_UTF8_FAILED);
-  EXPECT_EQ(zov_utf8_to_wchar(chars, "abc\xFF", 2, ZOV_UTF8_REPLACE), 2u);
-  EXPECT_EQ(zov_utf8_to_wchar(chars, "abc\xC3", 2, ZOV_UTF8_REPLACE), ZOV_UTF8_FAILED);
-}
-
 // Every code point of the first plane and around the last, and some of those
 // between, which are all alike.
 TEST(Utf8, CodePoints) {

@@ -353,6 +353,11 @@ TEST_F(MemoryFiles, LookingMakesBareDirectories) {
     ASSERT_TRUE(put("/s/" + std::to_string(number), ""));
   }
   EXPECT_EQ(zovtest::standing().slots, before.slots);
+  ZOV_MFILE removed = zov_mfOpen("/s/7", 0);
+  EXPECT_EQ(zovtest::standing().slots, before.slots + 1);
+  EXPECT_EQ(zov_mfRemove("/s/7"), ZOV_OKAY);
+  zov_mfClose(removed);
+  EXPECT_EQ(zovtest::standing().slots, before.slots);
 }
 
 // Threads meet at the first use of two directories, which formats each once. Then

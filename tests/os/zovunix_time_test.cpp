@@ -5,7 +5,6 @@
 #include <locale.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/time.h>
 
 #include <chrono>
 
@@ -15,11 +14,22 @@
 
 namespace {
 bool mayNotSignal = false;
+uint32_t interrupts = 0;  // of the next sleep by a made-up clock, which does not last
+timespec awake;           // when the latest ends
 }  // namespace
 
 REPLACE(int, kill, (pid_t pid, int signal), {
   errno = EPERM;
   return mayNotSignal ? -1 : __real_kill(pid, signal);
+})
+REPLACE(int, clock_nanosleep, (clockid_t clock, int flags, const timespec *until, timespec *rest), {
+  if (!zovtest::madeUpNow) {
+    return __real_clock_nanosleep(clock, flags, until, rest);
+  }
+  EXPECT_EQ(clock, CLOCK_MONOTONIC);
+  EXPECT_EQ(flags, TIMER_ABSTIME);
+  awake = *until;
+  return interrupts-- > 0 ? EINTR : 0;
 })
 
 namespace {
@@ -28,13 +38,14 @@ TEST(Time, ClocksAgreeWithTheSystems) {
   const time_t before = time(nullptr);
   const int64_t secs = zov_timeSecs();
   const uint64_t nanoSecs = zov_timeNanoSecs();
-  const uint32_t milliSecs = zov_timeMilliSecs();
   const time_t after = time(nullptr) + 2;  // its clock is the coarser one
   EXPECT_TRUE(before <= secs && secs <= after && before <= zov_seed());
   EXPECT_TRUE(static_cast<uint64_t>(before) * 1'000'000'000u <= nanoSecs &&
               nanoSecs <= static_cast<uint64_t>(after) * 1'000'000'000u);
-  EXPECT_LE(milliSecs - static_cast<uint32_t>(nanoSecs / 1'000'000), 5000u)
-      << "the same clock, in 32 bits";
+  zovtest::madeUpNow = {1'700'000'000, 123'456'789};
+  EXPECT_EQ(zov_timeNanoSecs(), 1'700'000'000'123'456'789u);
+  EXPECT_EQ(zov_timeMilliSecs(), static_cast<uint32_t>(1'700'000'000'123u)) << "in 32 bits";
+  zovtest::madeUpNow.reset();
 }
 
 TEST(Time, BreaksDownAsLibcDoes) {
@@ -49,21 +60,27 @@ TEST(Time, BreaksDownAsLibcDoes) {
   EXPECT_EQ(zov_timeLocaltime(INT64_MAX, &out), nullptr);
 }
 
-volatile sig_atomic_t alarms = 0;
-
-TEST(Time, SleepOutlastsSignals) {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { alarms = 1; };
-  sigaction(SIGALRM, &action, nullptr);
-  const itimerval often = {{0, 1000}, {0, 1000}};
+TEST(Time, SleepsUpToAPointInTime) {
+  const struct {
+    timespec now;
+    uint32_t waitMs;
+    timespec until;
+  } rows[] = {{{7, 5}, 0, {7, 5}},
+              {{7, 999'999'999}, 1, {8, 999'999}},
+              {{7, 600'000'000}, 2400, {10, 0}},
+              {{7, 0}, UINT32_MAX, {4'294'974, 295'000'000}}};
+  for (const auto &row : rows) {
+    zovtest::madeUpNow = row.now;
+    interrupts = 2;
+    zov_sleep(row.waitMs);
+    EXPECT_EQ(interrupts, UINT32_MAX) << "outlasts signals";
+    EXPECT_EQ(awake.tv_sec, row.until.tv_sec) << &row - rows;
+    EXPECT_EQ(awake.tv_nsec, row.until.tv_nsec) << &row - rows;
+  }
+  zovtest::madeUpNow.reset();
   const auto begin = std::chrono::steady_clock::now();
-  setitimer(ITIMER_REAL, &often, nullptr);
-  zov_sleep(60);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(60));
-  EXPECT_EQ(alarms, 1);
-  const itimerval never = {};
-  setitimer(ITIMER_REAL, &never, nullptr);
-  zov_sleep(0);
+  zov_sleep(20);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(20));
 }
 
 TEST(Process, IdsAreChecked) {
@@ -126,7 +143,11 @@ TEST_F(Environment, TemporaryDirectoryIsTheFirstWritable) {
   setenv("TMPDIR", "/no/such/place", 1);
   EXPECT_EQ(foundDirectory(), second.path());
   setenv("TMPDIR", first.path().c_str(), 1);
-  EXPECT_EQ(foundDirectory(), first.path());
+  {
+    const zovtest::Fault meanwhile(zovtest::Call::close, [](uint32_t) { zov_readonly = 1; });
+    EXPECT_EQ(foundDirectory(), first.path());
+    zov_readonly = 0;
+  }
   EXPECT_TRUE(std::filesystem::is_empty(first.path())) << "the probe is removed";
   EXPECT_EQ(zov_dirWritable((first.path() + std::string(5000, '/')).c_str()), 0)
       << "a name that does not fit";

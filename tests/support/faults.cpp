@@ -99,6 +99,7 @@ bool stopFailing() {
 }
 
 std::atomic<uint32_t> locksFoundTaken{0};
+thread_local std::optional<timespec> madeUpNow;
 
 Standing standing() {
   return {openDescriptors(), liveBlockCount, heldLockCount, liveSlotCount};
@@ -114,6 +115,7 @@ using zovtest::Fault;
 using zovtest::heldLockCount;
 using zovtest::liveBlockCount;
 using zovtest::liveSlotCount;
+using zovtest::madeUpNow;
 
 // A call that fails with `failure`, an expression of `verdict`.
 #define FAULT(Result, name, parameters, arguments, failure)   \
@@ -161,13 +163,21 @@ FAULT(int, pipe2, (int *ends, int flags), (ends, flags), failed(verdict))
 FAULT(pid_t, fork, (), (), failed(verdict))
 FAULT(int, poll, (pollfd *fds, nfds_t count, int waitMs), (fds, count, waitMs), failed(verdict))
 FAULT(int, ppoll, (pollfd *fds, nfds_t count, const timespec *wait, const sigset_t *mask), (fds, count, wait, mask), failed(verdict))
-FAULT(int, gettimeofday, (timeval *now, void *zone), (now, zone), failed(verdict))
-FAULT(int, clock_gettime, (clockid_t clock, timespec *now), (clock, now), failed(verdict))
 FAULT(int, pthread_create, (pthread_t *id, const pthread_attr_t *with, void *(*run)(void *), void *about), (id, with, run, about), verdict.error)
 FAULT(int, pthread_mutex_init, (pthread_mutex_t *mutex, const pthread_mutexattr_t *with), (mutex, with), verdict.error)
 FAULT(int, pthread_cond_init, (pthread_cond_t *condition, const pthread_condattr_t *with), (condition, with), verdict.error)
 // clang-format on
 
+REPLACE(int, gettimeofday, (timeval * now, void *zone), {
+  const Fault::Verdict verdict = Fault::ask(Call::gettimeofday);
+  const int status = verdict.fails ? failed(verdict) : __real_gettimeofday(now, zone);
+  return madeUpNow ? *now = {madeUpNow->tv_sec, madeUpNow->tv_nsec / 1000}, 0 : status;
+})
+REPLACE(int, clock_gettime, (clockid_t clock, timespec *now), {
+  const Fault::Verdict verdict = Fault::ask(Call::clock_gettime);
+  const int status = verdict.fails ? failed(verdict) : __real_clock_gettime(clock, now);
+  return madeUpNow ? *now = *madeUpNow, 0 : status;
+})
 REPLACE(int, close, (int fd), {
   const int status = __real_close(fd);
   const Fault::Verdict verdict = Fault::ask(Call::close);

@@ -6,6 +6,8 @@
 #ifndef TESTS_SUPPORT_FAULTS_H
 #define TESTS_SUPPORT_FAULTS_H
 
+#include <time.h>
+
 #include <functional>
 #include <optional>
 
@@ -79,6 +81,9 @@ void failAllocationAfter(uint32_t passing, bool all = false);
 
 // Lets allocations through again. Tells whether one was made to fail.
 bool stopFailing();
+
+// What the clocks say to the library on this thread, where it is set.
+extern thread_local std::optional<timespec> madeUpNow;
 
 // Locks of the library that were found taken, by any thread so far.
 extern std::atomic<uint32_t> locksFoundTaken;

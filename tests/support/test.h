@@ -2,7 +2,7 @@
 //
 // What most tests begin with: the framework and the library, which is started
 // around each of them, what a piece of work prints, the same work on several
-// threads at once, and random numbers that can be had again.
+// threads at once, and random numbers that ZOV_SEED gives again.
 #ifndef TESTS_SUPPORT_TEST_H
 #define TESTS_SUPPORT_TEST_H
 
@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -115,10 +116,12 @@ void onThreads(uint32_t count, Work work) {
   }
 }
 
-// Tells its seed with every failure while it lives.
+// Tells its seed with every failure while it lives, and takes it from ZOV_SEED where
+// that is set.
 class Random : public std::mt19937_64 {
  public:
-  const uint32_t seed = std::random_device{}();
+  const uint32_t seed =
+      getenv("ZOV_SEED") == nullptr ? std::random_device{}() : uint32_t(atoll(getenv("ZOV_SEED")));
   Random() { std::mt19937_64::seed(seed); }
   uint32_t below(uint64_t limit) { return static_cast<uint32_t>((*this)() % limit); }
 

@@ -81,13 +81,6 @@ TEST(Sweep, Core) {
      }, {}, nullptr, nullptr, [](World &w) { zov_queueDelete(static_cast<ZOV_QUEUE>(w.other)), zov_queueTerm(1); }},
     {"zov_randCreate", kJumps, "", "", [](World &w) { return got((w.other = zov_randCreate(1)) != nullptr); }, {}, nullptr,
      nullptr, [](World &w) { zov_randDestroy(static_cast<ZOV_RAND>(w.other)); }},
-    {"zov_timeLocaltime zov_timeCtime zov_timeNanoSecs zov_timeMilliSecs", 0, "", "",
-     [](World &) {
-       struct tm parts;
-       const bool broken = zov_timeLocaltime(zov_timeSecs(), &parts) == &parts && zov_timeCtime(0) != nullptr;
-       zov_timeNanoSecs(), zov_timeMilliSecs();
-       return got(broken);
-     }},
   });
   // clang-format on
 }

@@ -64,6 +64,45 @@ TEST_F(Console, RedirectionsPileUp) {
   EXPECT_EQ(zov_printf("nowhere") + zov_log("nowhere"), 0) << "empty stacks are silent";
 }
 
+TEST_F(Console, ShutDownWritesWhatIsHeld) {
+  for (int life = 0; life < 2; ++life) {
+    ASSERT_EQ(zov_stdout_open(at("out").c_str()) | zov_stderr_open(at("err").c_str()), ZOV_OKAY);
+    EXPECT_EQ(zov_stderr_open(at("inner").c_str()), ZOV_OKAY);
+    EXPECT_EQ(zov_printf("held") + zov_printfErr("inner"), 9);
+    zov_stderr_close();
+    EXPECT_EQ(zov_printfErr("error"), 5);
+    EXPECT_EQ(readFile(at("out")) + readFile(at("err")) + readFile(at("inner")), "inner");
+    zov_term();
+    EXPECT_EQ(readFile(at("out")) + readFile(at("err")), "helderror");
+    ASSERT_EQ(zov_init(), ZOV_OKAY);
+    EXPECT_EQ(outputOf([] { zov_log("new"); }) + errorsOf([] { zov_log_err("new"); }), "newnew");
+  }
+}
+
+// A program's own stack: names but for case, users, and the lock.
+TEST_F(Console, StacksServePrograms) {
+  ZOV_FILE_STACK stack;
+  ZOV_FILE_STACK_NODE node;
+  ASSERT_EQ(zov_fileStackInit(&stack, at("a").c_str()), ZOV_OKAY);
+  EXPECT_EQ(zov_fileStackOpen(&stack, at("b").c_str()), ZOV_OKAY);
+  EXPECT_EQ(zov_fileStackOpen(&stack, at("A").c_str()), ZOV_OKAY);
+  ZOV_FILE_INFO *const info = zov_fileStackSearch(&stack, at("a").c_str());
+  EXPECT_EQ(stack.top->info, info);
+  EXPECT_EQ(info->users, 2u);
+  EXPECT_EQ(zov_getFileInfo(&stack, at("a").c_str(), &node) + int(node.info != info), ZOV_OKAY);
+  EXPECT_EQ(zov_fileStackSearch(&stack, at("c").c_str()), nullptr);
+  const int64_t before = zovtest::standing().locks;
+  zov_fileStackLock(&stack);
+  EXPECT_EQ(zovtest::standing().locks, before + 1);
+  EXPECT_EQ(zov_fputs("text", info->stream), 4);
+  zov_fileStackClose(&stack);
+  zov_fileStackRelease(&stack);
+  EXPECT_EQ(info->users, 1u);
+  zov_fileStackTerm(&stack);
+  EXPECT_TRUE(stack.top == nullptr && stack.lock == ZOV_NO_SYNC);
+  EXPECT_EQ(readFile(at("a")), "text");
+}
+
 TEST_F(Console, LogRecordsCarryATimestamp) {
   setenv("TZ", "ABC-5:30", 1);
   const int64_t begin = time(nullptr);
