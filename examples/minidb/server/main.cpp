@@ -42,8 +42,12 @@ bool lockSocket(Server &server, const Settings &settings) {
   if (server.lock == nullptr) {
     return failedAt("create", lock.path);
   }
-  return zov_fileLock(server.lock) == ZOV_OKAY ||
-         minidb::fail("\"%.500s\" is in use by another server", settings.text[minidb::kSocket]);
+  if (zov_fileLock(server.lock) == ZOV_OKAY) {
+    return true;
+  }
+  zov_fileClose(server.lock);
+  server.lock = nullptr;
+  return minidb::fail("\"%.500s\" is in use by another server", settings.text[minidb::kSocket]);
 }
 
 // Tells others whom to interrupt, in a new file.
@@ -126,6 +130,7 @@ int runProgram(int count, char **words) {
     closeStore(server.database.store);
   }
   if (server.lock != nullptr) {
+    zov_fileUnlock(server.lock);
     zov_fileClose(server.lock);
   }
   return served ? minidb::kSuccess : minidb::kFailure;

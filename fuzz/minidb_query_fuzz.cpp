@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Statements of minidb and what comes over its socket. The input is what a client
+// sends: a request is taken out of it, and run on a database in memory; so is all of it,
+// as if it were typed. Inputs with a slash are left out, and files cannot be made where
+// it runs, so that load and dump change nothing.
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "wire/wire.h"
+
+namespace {
+
+using minidb::Text;
+
+struct Source {
+  const uint8_t *at;
+  size_t left;
+};
+
+int32_t deliver(void *context, void *buffer, uint32_t capacity, uint32_t *delivered) {
+  Source &source = *static_cast<Source *>(context);
+  *delivered = static_cast<uint32_t>(source.left < capacity ? source.left : capacity);
+  memcpy(buffer, source.at, *delivered);
+  source.at += *delivered;
+  source.left -= *delivered;
+  return *delivered == 0 ? minidb::kChannelEnd : 0;
+}
+
+// Items as a client takes them apart: a kind, and as many bytes as it says.
+struct Sink {
+  std::string bytes;
+};
+
+int32_t take(void *context, const void *data, uint32_t length) {
+  static_cast<Sink *>(context)->bytes.append(static_cast<const char *>(data), length);
+  return 0;
+}
+
+void require(bool right) {
+  if (!right) {
+    __builtin_trap();
+  }
+}
+
+void checkItems(const std::string &bytes) {
+  for (size_t at = 0; at < bytes.size();) {
+    uint32_t length = 0;
+    require(strchr("RNE", bytes[at]) != nullptr && bytes.size() - at >= 5);
+    memcpy(&length, bytes.data() + at + 1, sizeof length);
+    require(length <= bytes.size() - at - 5);
+    at += 5 + length;
+  }
+}
+
+void run(minidb::Database &database, Text text, minidb::Position position) {
+  Sink sink;
+  minidb::Output output = {nullptr, true, 0};
+  minidb::Session session;
+  require(zov_outputBuffCreate(take, &sink, 0, &output.buffer) == 0 &&
+          openSession(session, database, output, {}));
+  minidb::runQuery(session, text, position);
+  require(output.status == 0);
+  minidb::closeSession(session);
+  zov_outputBuffDestroy(output.buffer);
+  checkItems(sink.bytes);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const bool ready = zov_init() == ZOV_OKAY && zov_stderr_open(nullptr) == ZOV_OKAY &&
+                            chdir("/proc/self/task") == 0;
+  if (memchr(data, '/', size) != nullptr) {
+    return 0;
+  }
+  minidb::Database database;
+  minidb::CommandLine line = {};
+  line.inMemory = true;
+  line.settings.path = "minidb.ini";
+  for (uint8_t setting = 0; setting < minidb::kSettings; ++setting) {
+    require(readSetting(line.settings, static_cast<minidb::Setting>(setting)));
+  }
+  require(ready && openDatabase(database, line));
+  run(database, {reinterpret_cast<const char *>(data), static_cast<uint32_t>(size)}, {1, 1});
+  Source source = {data, size};
+  ZOV_INPUTBUFF in = nullptr;
+  require(zov_inputBuffCreate(deliver, nullptr, &source, 0, &in) == 0);
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  minidb::Request request = {};
+  int32_t status = 1;
+  require(minidb::withRecovery(tag, [&] { status = getRequest(in, request, tag); }));
+  if (status == 0) {
+    run(database, request.query, request.position);
+  }
+  zov_inputBuffDestroy(in);
+  zov_freeTagMemory(tag, 1);
+  closeStore(database.store);
+  return 0;
+}
