@@ -6,10 +6,12 @@
 // All of Google Benchmark's options work, --benchmark_filter=REGEX and
 // --benchmark_list_tests above all; --seed=N sets the seed.
 #include <benchmark/benchmark.h>
+#include <linux/magic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/utsname.h>
+#include <sys/vfs.h>
 
 #include <string>
 
@@ -77,6 +79,28 @@ std::string machine() {
   return processorModel() + ", " + name.machine + ", " + name.sysname + " " + name.release;
 }
 
+// What benchmarks of files on disk stand on.
+std::string fileSystem() {
+  struct statfs status;
+  if (statfs("/tmp", &status) != 0) {
+    return "unknown";
+  }
+  switch (status.f_type) {
+    case EXT4_SUPER_MAGIC:
+      return "ext4";
+    case TMPFS_MAGIC:
+      return "tmpfs";
+    case XFS_SUPER_MAGIC:
+      return "XFS";
+    case BTRFS_SUPER_MAGIC:
+      return "Btrfs";
+    case OVERLAYFS_SUPER_MAGIC:
+      return "overlay";
+    default:
+      return "type " + std::to_string(status.f_type);
+  }
+}
+
 std::string libraryVersion() {
   uint16_t major = 0;
   uint16_t minor = 0;
@@ -115,6 +139,7 @@ int main(int argc, char **argv) {
   benchmark::AddCustomContext("build", ZOV_BUILD_NAME);
   benchmark::AddCustomContext("compiler", ZOV_COMPILER);
   benchmark::AddCustomContext("machine", machine());
+  benchmark::AddCustomContext("temporary files", fileSystem());
   benchmark::AddCustomContext("seed", std::to_string(seed));
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -141,24 +141,27 @@ class Tmpfs {
 };
 
 #ifdef ZOV_HAVE_SQLITE
-// A table of names and contents, without a journal, each step a transaction of
-// its own as each call of the others is.
+// A table of names, one tree, and one of contents, as only a table with numbered
+// rows has blobs that can be written in place. Without a journal, each step a
+// transaction of its own as each call of the others is.
 class Sqlite {
  public:
   static constexpr char kName[] = "sqlite";
 
   Sqlite() {
     check(sqlite3_open(":memory:", &database_) == SQLITE_OK, "sqlite3_open");
-    check(sqlite3_exec(database_,
-                       "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
-                       "CREATE TABLE f(name TEXT UNIQUE COLLATE NOCASE, data BLOB)",
-                       nullptr, nullptr, nullptr) == SQLITE_OK,
+    check(sqlite3_exec(
+              database_,
+              "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
+              "CREATE TABLE n(name TEXT PRIMARY KEY COLLATE NOCASE, bytes INTEGER) WITHOUT ROWID;"
+              "CREATE TABLE f(data BLOB)",
+              nullptr, nullptr, nullptr) == SQLITE_OK,
           "CREATE TABLE");
-    create_ = prepare("INSERT INTO f VALUES(?1, zeroblob(?2))");
-    lookUp_ = prepare("SELECT length(data) FROM f WHERE name = ?1");
-    rename_ = prepare("UPDATE f SET name = ?2 WHERE name = ?1");
-    remove_ = prepare("DELETE FROM f WHERE name = ?1");
-    walk_ = prepare("SELECT name FROM f ORDER BY name");
+    create_ = prepare("INSERT INTO n VALUES(?1, ?2)");
+    lookUp_ = prepare("SELECT bytes FROM n WHERE name = ?1");
+    rename_ = prepare("UPDATE n SET name = ?2 WHERE name = ?1");
+    remove_ = prepare("DELETE FROM n WHERE name = ?1");
+    walk_ = prepare("SELECT name FROM n ORDER BY name");
   }
   ~Sqlite() {
     for (sqlite3_stmt *statement : {create_, lookUp_, rename_, remove_, walk_}) {
@@ -201,11 +204,17 @@ class Sqlite {
 
   void open(const char *name, uint32_t bytes) {
     create(name, bytes);
+    const std::string row = "INSERT INTO f VALUES(zeroblob(" + std::to_string(bytes) + "))";
+    check(sqlite3_exec(database_, row.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, "INSERT");
     check(sqlite3_blob_open(database_, "main", "f", "data", sqlite3_last_insert_rowid(database_), 1,
                             &blob_) == SQLITE_OK,
           "sqlite3_blob_open");
   }
-  void close() { sqlite3_blob_close(blob_); }
+  void close() {
+    sqlite3_blob_close(blob_);
+    check(sqlite3_exec(database_, "DELETE FROM f", nullptr, nullptr, nullptr) == SQLITE_OK,
+          "DELETE");
+  }
   void read(uint64_t offset, uint32_t bytes) {
     check(sqlite3_blob_read(blob_, buffer, static_cast<int>(bytes), static_cast<int>(offset)) ==
               SQLITE_OK,
