@@ -29,13 +29,8 @@ int32_t deliver(void *context, void *buffer, uint32_t capacity, uint32_t *delive
   return *delivered == 0 ? minidb::kChannelEnd : 0;
 }
 
-// Items as a client takes them apart: a kind, and as many bytes as it says.
-struct Sink {
-  std::string bytes;
-};
-
-int32_t take(void *context, const void *data, uint32_t length) {
-  static_cast<Sink *>(context)->bytes.append(static_cast<const char *>(data), length);
+int32_t take(void *bytes, const void *data, uint32_t length) {
+  static_cast<std::string *>(bytes)->append(static_cast<const char *>(data), length);
   return 0;
 }
 
@@ -45,6 +40,7 @@ void require(bool right) {
   }
 }
 
+// Items have a kind, and as many bytes as they say.
 void checkItems(const std::string &bytes) {
   for (size_t at = 0; at < bytes.size();) {
     uint32_t length = 0;
@@ -56,16 +52,16 @@ void checkItems(const std::string &bytes) {
 }
 
 void run(minidb::Database &database, Text text, minidb::Position position) {
-  Sink sink;
+  std::string items;
   minidb::Output output = {nullptr, true, 0};
   minidb::Session session;
-  require(zov_outputBuffCreate(take, &sink, 0, &output.buffer) == 0 &&
+  require(zov_outputBuffCreate(take, &items, 0, &output.buffer) == 0 &&
           openSession(session, database, output, {}));
   minidb::runQuery(session, text, position);
   require(output.status == 0);
   minidb::closeSession(session);
   zov_outputBuffDestroy(output.buffer);
-  checkItems(sink.bytes);
+  checkItems(items);
 }
 
 }  // namespace
