@@ -1459,10 +1459,11 @@ ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
 typedef struct PathWalk *ZOV_PATH_WALK;
 
 /**
- * Copies a file over another, in place and block by block of 1024 bytes. Blocks
- * that are equal already are not written; the destination is not emptied first,
- * and cut or grown to the source's length at the end. Two paths that are the same
- * file in memory are left alone. Nothing is synced.
+ * Copies a file over another, in place. Of its blocks of 1024 bytes those that are
+ * equal already are not written, and others that follow each other are written
+ * together; after a failure those up to some place are. The destination is not
+ * emptied first, and cut or grown to the source's length at the end. Two paths that
+ * are the same file in memory are left alone. Nothing is synced.
  *
  * A destination on disk keeps its permissions. One that is missing is made, with
  * those permissions of a new file (0666 less the umask) that the source has for
