@@ -3,8 +3,7 @@
 // Start-up and shut-down: counting, failure of every stage, flags, and the
 // critical section.
 #include "support/faults.h"
-#include "support/route_file.h"
-#include "support/temp_dir.h"
+#include "support/on_route.h"
 
 namespace {
 

@@ -65,20 +65,6 @@ TEST_P(Route, SizeCutsAndLengthens) {
   EXPECT_EQ(get("f"), "xxx" + std::string(29997, '\0') + "end");
 }
 
-TEST_P(Route, HandlesShareTheFileNotThePosition) {
-  ZOV_FILE first = open("f", O_RDWR | O_CREAT);
-  ZOV_FILE second = open("f", O_RDWR);
-  EXPECT_EQ(zov_fileWrite(first, "text", 4), 4u);
-  char text[5] = "";
-  EXPECT_EQ(zov_fileRead(second, text, 4), 4u);
-  EXPECT_STREQ(text, "text");
-  EXPECT_EQ(zov_fileRemoveEx(at("f").c_str(), flags), ZOV_OKAY);
-  EXPECT_EQ(zov_fileSeekRead(first, 1, text, 3), 3u) << "removed, and still there";
-  EXPECT_EQ(get("f"), "(none)");
-  zov_fileClose(first);
-  zov_fileClose(second);
-}
-
 // One side of a difference: a directory of its own, which is the current one,
 // with the files f and g, which hold "text", and the empty directory e.
 struct Side {

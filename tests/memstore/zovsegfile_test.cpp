@@ -197,7 +197,7 @@ class Model {
 TEST_F(Segments, RandomOperationsAgreeWithAModel) {
   zovtest::Random random;
   const int64_t before = zovtest::liveBlocks();
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < 300; ++round) {
     Model model(random);
     for (int step = 0; step < 150; ++step) {
       ASSERT_NO_FATAL_FAILURE(model.step()) << "at step " << step;

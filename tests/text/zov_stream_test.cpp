@@ -159,6 +159,22 @@ TEST_F(Stream, Utf16OutputGathersCharacters) {
             "A\0\xE9\0\x3D\xD8\0\xDE\0\xD8\xAC\x20\xE9\0"s);
 }
 
+// A character that finds no room leaves no byte, and errno tells of it.
+TEST_F(Stream, Utf16CharactersAreWrittenWhole) {
+  const ZOV_STREAM stream = open("w", ZOV_ENC_UTF16);
+  for (int unit = 1; unit < 511; ++unit) {
+    zov_fputc('u', stream);  // room for one more is left behind these and the mark
+  }
+  errno = 0;
+  zovtest::errorsOf([&] {
+    const Fault full(Call::write, 1, ENOSPC, true);
+    zov_fputs("\xF0\x9F\x98\x80", stream);
+  });
+  EXPECT_EQ(errno, ENOSPC);
+  zov_fclose(stream);
+  EXPECT_EQ(zovtest::getFile(file.path, 0).size(), 1022u);
+}
+
 // In most rounds a disk is full at times and takes a little at a time, or
 // memory is short at times.
 TEST_F(Stream, AgreesWithTheModel) {
