@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include <memory_resource>
+
 #include "zov.h"
 
 namespace {
@@ -141,5 +143,18 @@ void TagManyAtOnce(benchmark::State &state) {
   zov_term();
 }
 BENCHMARK(TagManyAtOnce)->Name("release-1000/zov");
+
+// An arena, whose blocks can only be released together.
+void Arena(benchmark::State &state) {
+  std::pmr::monotonic_buffer_resource arena;
+  for (auto _ : state) {
+    for (int count = 0; count < kHeldBlocks; ++count) {
+      benchmark::DoNotOptimize(arena.allocate(64));
+    }
+    arena.release();
+  }
+  state.SetItemsProcessed(state.iterations() * kHeldBlocks);
+}
+BENCHMARK(Arena)->Name("release-1000/std-arena");
 
 }  // namespace

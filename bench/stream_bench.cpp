@@ -5,8 +5,11 @@
 // with its own buffer size and with that of a stream's block, which tells what
 // the calls cost from what the transfers cost. The files are in memory.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <iconv.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -60,6 +63,11 @@ struct Setting {
       setvbuf(file, buffer, _IOFBF, static_cast<size_t>(state.range(0)));
     }
     return file;
+  }
+  void check(benchmark::State &state, size_t found) const {
+    if (found != lines.size()) {
+      state.SkipWithError("lines are missing");
+    }
   }
   void count(benchmark::State &state) const {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(textBytes));
@@ -187,6 +195,61 @@ void GetLine(benchmark::State &state) {
   setting.count(state);
 }
 BENCHMARK(GetLine)->Name("get-line/zov");
+
+void GetLineUtf16(benchmark::State &state) {
+  Setting setting(ZOV_ENC_UTF16);
+  char *line = nullptr;
+  uint32_t sizeBytes = 0;
+  size_t lines = 0;
+  for (auto _ : state) {
+    const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    for (lines = 0; zov_fGetLine(stream, &line, &sizeBytes) != nullptr; ++lines) {
+    }
+    zov_fclose(stream);
+  }
+  zov_freeMem(line, ZOV_DEFAULT_TAG);
+  setting.check(state, lines);
+  setting.count(state);
+}
+BENCHMARK(GetLineUtf16)->Name("get-line-utf16/zov");
+
+// Blocks of 64 KiB through libc's converter, and its text cut into lines.
+size_t linesByIconv(const char *path, iconv_t converter) {
+  static char units[1 << 16];
+  static char text[2 * sizeof units];
+  size_t lines = 0;
+  const int file = open(path, O_RDONLY);
+  for (ssize_t count = read(file, units, sizeof units); count > 0;
+       count = read(file, units, sizeof units)) {
+    char *in = units;
+    char *out = text;
+    size_t inBytes = static_cast<size_t>(count);
+    size_t outBytes = sizeof text;
+    iconv(converter, &in, &inBytes, &out, &outBytes);
+    const char *end = out;
+    for (const void *line = text;
+         (line = memchr(line, '\n', static_cast<size_t>(end - static_cast<const char *>(line)))) !=
+         nullptr;
+         line = static_cast<const char *>(line) + 1) {
+      ++lines;
+    }
+  }
+  close(file);
+  return lines;
+}
+
+void IconvLines(benchmark::State &state) {
+  Setting setting(ZOV_ENC_UTF16);
+  size_t lines = 0;
+  for (auto _ : state) {
+    const iconv_t converter = iconv_open("UTF-8", "UTF-16");
+    lines = linesByIconv(setting.path.c_str(), converter);
+    iconv_close(converter);
+  }
+  setting.check(state, lines);
+  setting.count(state);
+}
+BENCHMARK(IconvLines)->Name("get-line-utf16/iconv");
 
 template <typename Put>
 void libcWrite(benchmark::State &state, Put put) {

@@ -4,6 +4,7 @@
 // and made; an event that is reset, signalled and waited for.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <vector>
 
@@ -122,5 +123,44 @@ void SignalWaitPosix(benchmark::State &state) {
   }
 }
 BENCHMARK(SignalWaitPosix)->Name("event-signal-wait/posix");
+
+// A detached thread started, and waited for until it runs.
+void *post(void *ran) {
+  sem_post(static_cast<sem_t *>(ran));
+  return nullptr;
+}
+
+template <typename Begin>
+void threads(benchmark::State &state, Begin begin) {
+  sem_t ran;
+  sem_init(&ran, 0, 0);
+  for (auto _ : state) {
+    if (begin(&ran) != 0) {
+      state.SkipWithError("no thread");
+      break;
+    }
+    sem_wait(&ran);
+  }
+  sem_destroy(&ran);
+}
+
+void ThreadBegin(benchmark::State &state) {
+  zov_init();
+  threads(state, [](sem_t *ran) { return zov_threadBegin(post, 0, ran); });
+  zov_term();
+}
+BENCHMARK(ThreadBegin)->Name("thread-begin/zov")->UseRealTime();
+
+void ThreadBeginPosix(benchmark::State &state) {
+  pthread_attr_t detached;
+  pthread_attr_init(&detached);
+  pthread_attr_setdetachstate(&detached, PTHREAD_CREATE_DETACHED);
+  threads(state, [&detached](sem_t *ran) {
+    pthread_t thread;
+    return pthread_create(&thread, &detached, post, ran);
+  });
+  pthread_attr_destroy(&detached);
+}
+BENCHMARK(ThreadBeginPosix)->Name("thread-begin/posix")->UseRealTime();
 
 }  // namespace

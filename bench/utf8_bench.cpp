@@ -21,6 +21,9 @@
 #if defined(ZOV_HAVE_GLIB)
 #include <glib.h>
 #endif
+#if defined(ZOV_HAVE_ICU)
+#include <unicode/utf8.h>
+#endif
 
 namespace {
 
@@ -303,6 +306,49 @@ void EncodeGlib(benchmark::State &state) {
   });
 }
 BENCHMARK(EncodeGlib)->Name("encode-allocate/glib")->Apply(texts);
+#endif
+
+#if defined(ZOV_HAVE_ICU)
+// The macros convert as they please.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+#pragma GCC diagnostic ignored "-Wold-style-cast"
+
+void DecodeIcu(benchmark::State &state) {
+  Row row(state);
+  const char *in = row.text.bytes.data();
+  const int32_t length = static_cast<int32_t>(row.text.bytes.size());
+  row.run([&] {
+    wchar_t *out = row.chars.data();
+    for (int32_t at = 0; at < length;) {
+      UChar32 value;
+      U8_NEXT(in, at, length, value);
+      if (value < 0) {
+        return static_cast<wchar_t *>(nullptr);
+      }
+      *out++ = static_cast<wchar_t>(value);
+    }
+    return out;
+  });
+}
+BENCHMARK(DecodeIcu)->Name("decode/icu")->Apply(texts);
+
+void EncodeIcu(benchmark::State &state) {
+  Row row(state);
+  const int32_t room = static_cast<int32_t>(row.bytes.size());
+  row.run([&] {
+    uint8_t *out = reinterpret_cast<uint8_t *>(row.bytes.data());
+    int32_t at = 0;
+    UBool isError = false;
+    for (const wchar_t value : row.text.chars) {
+      U8_APPEND(out, at, room, static_cast<UChar32>(value), isError);
+    }
+    return isError ? nullptr : out + at;
+  });
+}
+BENCHMARK(EncodeIcu)->Name("encode/icu")->Apply(texts);
+#pragma GCC diagnostic pop
 #endif
 
 constexpr const char *kNames[] = {"employee_records.dat", "EMPLOYEE_RECORDS.IDX", "a.ini",

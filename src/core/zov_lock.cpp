@@ -56,8 +56,8 @@ struct HeldLock {
 // More than there are ranks, as two files' locks may nest.
 constexpr uint32_t kMostHeld = 20;
 
-thread_local HeldLock heldLocks[kMostHeld];
-thread_local uint32_t numHeld = 0;
+constinit thread_local HeldLock heldLocks[kMostHeld];
+constinit thread_local uint32_t numHeld = 0;
 
 const LockRank &rankOf(LockKind kind) {
   return ranks[static_cast<uint8_t>(kind)];
