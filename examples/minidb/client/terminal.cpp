@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -23,11 +24,18 @@ constexpr int kInterruptedStatus = 130;  // as shells have it
 std::atomic<bool> running{false};
 std::atomic<bool> marked{false};
 
-// Waits for input. False after an interrupt.
+// Waits for input. False after an interrupt, which is let in while it waits alone: one
+// between the look at the mark and the wait would not end it.
 bool awaitInput() {
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &interrupt, &before);
   pollfd waited = {STDIN_FILENO, POLLIN, 0};
-  while (poll(&waited, 1, -1) < 0 && !marked) {
+  while (!marked && ppoll(&waited, 1, nullptr, &before) < 0) {
   }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return !marked;
 }
 
