@@ -5,7 +5,7 @@
 // point of six digits and some 60 bytes. Every step is a process of its own, so that
 // its memory can be told.
 //
-//   minidb_bench [RECORDS [DIRECTORY]]
+//   minidb_compare [RECORDS [DIRECTORY]]
 //
 // All sync each commit: SQLite with synchronous=FULL, in a table WITHOUT ROWID, by
 // write-ahead log and by rollback journal; LMDB with its defaults.
@@ -367,7 +367,7 @@ void run(const std::string &directory) {
 int main(int argc, char **argv) {
   records = argc > 1 ? static_cast<uint32_t>(atoi(argv[1])) : records;
   std::string directory = argc > 2 ? argv[2] : "/tmp";
-  directory += "/minidb_bench.XXXXXX";
+  directory += "/minidb_compare.XXXXXX";
   require(mkdtemp(directory.data()) != nullptr, "making a directory");
   run<Minidb>(directory);
 #ifdef ZOV_HAVE_SQLITE
