@@ -56,7 +56,7 @@ struct HeldLock {
 // More than there are ranks, as two files' locks may nest.
 constexpr uint32_t kMostHeld = 20;
 
-constinit thread_local HeldLock heldLocks[kMostHeld];
+constinit thread_local HeldLock heldLocks[kMostHeld] = {};
 constinit thread_local uint32_t numHeld = 0;
 
 const LockRank &rankOf(LockKind kind) {
