@@ -2310,7 +2310,7 @@ ZOV_API int32_t zov_segRemove(ZOV_SEG file);
  *         memory for such a hole is short (errno is `ENOMEM`).
  *
  * Threads: any; on a file, one after the other.
- * Cost: the file's lock, and a lookup, a pin and a copy for each segment.
+ * Cost: the file's lock, and a lookup and a copy for each segment; no pin.
  * Messages: that of a failing allocation.
  */
 ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);

@@ -157,8 +157,11 @@ int32_t stepDown(uint64_t &id, const NameKey &key, uint32_t flags) {
   const bool creates = (flags & O_CREAT) != 0;
   Directory *parent = creates ? openSubdir(id) : findSubdir(id);
   if (parent == nullptr) {
-    errno = creates ? errno : ENOENT;
-    return creates ? ZOV_NOMEMORY : ZOV_NOTFOUND;
+    if (creates) {
+      return ZOV_NOMEMORY;
+    }
+    errno = ENOENT;
+    return ZOV_NOTFOUND;
   }
   const SegLock lock(parent->tree.seg);
   return openSubdirInSubdir(*parent, key, flags, id);

@@ -6,11 +6,12 @@
 //
 //   SegFile.segs[n] -> cache region n -> bytes [calc_segstart(n), + calc_segsize(n))
 //
-// The file's lock, which is the context's, guards the header and the data; a
-// handle belongs to one thread at a time. Under it the cache takes its own mutex
-// when a segment is opened, but not for what is transferred: a handle's segments
-// are open until it is closed or cut, and a region of the heap never moves. size
-// and modTime are atomics besides, read without the lock.
+// The file's lock, which is the context's, guards the header, the data and the
+// segments of each handle. Under it the cache takes its own mutex when a segment is
+// opened, but not for what is transferred: a segment stays open until its handle is
+// closed or the segment cut off, and an open region never moves. So transfers pin
+// nothing; zov_segGetPtr() does. size and modTime are atomics besides, read without
+// the lock.
 //
 // Bytes at and past the size are zero: what is cut off is cleared if it stays. A
 // segment that is cut off while another handle has it open is destroyed with its

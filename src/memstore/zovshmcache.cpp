@@ -6,9 +6,11 @@
 //   contexts: id -> CacheContext      shms[number] -> CacheRegion
 //   mru -> CacheRegion -> ...         mapped and not pinned, latest released first
 //
-// A region is pinned while somebody uses its address. At most maxMapped regions
-// are mapped. To make room the region released last is unmapped, deliberately not
-// the one released first. While all are pinned there may be more than maxMapped.
+// zov_shmCacheGetPtr() maps a region and pins it. At most maxMapped regions are
+// mapped. To make room the region released last is unmapped, deliberately not the
+// one released first. While all are pinned there may be more than maxMapped.
+// Transfers neither map nor pin: a region of this heap has its address for as long
+// as it exists, and an open one exists (shmCacheAddress()).
 //
 // mapCacheMutex guards all of it, across all contexts, and is taken inside a
 // context's own lock. A context that is deleted while in use can be opened by
@@ -52,7 +54,7 @@ struct CacheContext {
 
 // 1. On the list of unpinned regions exactly while ptr is set and numPins is 0.
 // 2. numOpens is 0 only while the entry is made or closed.
-// 3. shm never changes, and is read without mapCacheMutex by who has the region open.
+// 3. shm never changes, and is read without mapCacheMutex by callers that have the region open.
 struct CacheRegion {
   CacheRegion *next;  // released earlier
   CacheRegion *prev;  // released later
