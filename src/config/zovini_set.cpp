@@ -200,7 +200,7 @@ char *tempPathFor(const char *path, uint16_t flags) {
 // Writes the changed text of a file, which it closes, to a new one.
 int32_t copyChanged(const Change &change, ZOV_FILE original, ZOV_FILE copy) {
   const bool isInMemory = memFileOf(*original) != nullptr;
-  const ZOV_STREAM in = streamOpenOn(original, "r", ZOV_ENC_BYTES);
+  const ZOV_STREAM in = streamOpenOn(original);
   if (in == nullptr) {
     zov_fileClose(original);
     return ZOV_INI_NOMEMORY;

@@ -15,6 +15,7 @@
 // Streams have no lock: one thread uses one at a time. Each is a block of the
 // default tag from zov_fopen() to zov_fclose(). Opening may jump before a file
 // is open; formatting and line reading may jump with the stream intact.
+#include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -184,21 +185,13 @@ Opened streamOpen(const char *name, const char *mode, int32_t encoding, uint32_t
   return opened;
 }
 
-ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding) {
-  OpenMode parsed;
-  if (!parseMode(mode, parsed)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  holdJumps();
+ZOV_STREAM streamOpenOn(ZOV_FILE handle) {
+  assert(noJumpDepth > 0);
   TextStream *stream = make<TextStream>(ZOV_DEFAULT_TAG, ZOV_HERE);
-  allowJumps();
-  if (stream == nullptr) {
-    errno = ENOMEM;
-    return nullptr;
+  if (stream != nullptr) {
+    fileCacheOpen(stream->cache, handle, useOf({}, nullptr, 0));
+    begin(*stream, false, ZOV_ENC_BYTES);
   }
-  fileCacheOpen(stream->cache, handle, useOf(parsed, nullptr, 0));
-  begin(*stream, parsed.isWriting, encoding);
   return stream;
 }
 

@@ -130,10 +130,10 @@ namespace zov {
 Opened streamOpen(const char *name, const char *mode, int32_t encoding, uint32_t options,
                   ZOV_STREAM &stream);
 
-// zov_fopen() on a handle that is open and stands at its start; the mode must fit
-// how it was opened. The stream owns the handle. Null, with errno, for a bad mode
-// or without memory: the handle is then still the caller's. Never jumps.
-ZOV_STREAM streamOpenOn(ZOV_FILE handle, const char *mode, int32_t encoding);
+// Reads from a handle that is open for it and stands at its start. The stream owns
+// the handle. Null without memory: the handle is then still the caller's. Called with
+// jumps held off.
+ZOV_STREAM streamOpenOn(ZOV_FILE handle);
 
 // Whether the end of the input was that of the file: a failing read looks the same.
 bool streamReachedEnd(const TextStream &stream);
