@@ -38,7 +38,6 @@ int32_t putInPlace(Lookup &lookup, int32_t status, uint64_t id) {
     replaceFileInSubdir(lookup.cursor, id);
     return ZOV_OKAY;
   }
-  lookup.id = 0;
   if (status != ZOV_NOTFOUND) {
     return ZOV_ERROR;
   }
@@ -81,7 +80,6 @@ int32_t _moveMemFile(Lookup &source, Lookup &destination) {
     return failWith(EINVAL);
   }
   if (sameDirectory && status == ZOV_NOTFOUND) {
-    destination.id = 0;
     return renameEntryInSubdir(from, source.cursor, destination.key);
   }
   if (!isFile) {
