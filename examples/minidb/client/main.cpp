@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "client/client.h"
-#include "store/internal.h"
 
 namespace {
 
@@ -18,20 +17,6 @@ using minidb::Position;
 using minidb::Text;
 
 constexpr Position kStart = {1, 1};
-
-// The channel to standard output. zov_fileWrite() would report each failure.
-int32_t writeToScreen(void *, const void *data, uint32_t length) {
-  const char *at = static_cast<const char *>(data);
-  while (length > 0) {
-    const uint32_t sent = zov_flWrite(STDOUT_FILENO, at, length);
-    if (sent == ZOV_IO_FAILED && errno != EINTR) {
-      return errno;
-    }
-    at += sent == ZOV_IO_FAILED ? 0 : sent;
-    length -= sent == ZOV_IO_FAILED ? 0 : sent;
-  }
-  return 0;
-}
 
 // What runs queries, a server or else a session of this process, and how the latest went.
 struct Runner {
@@ -147,7 +132,8 @@ void runWords(Runner &runner, const CommandLine &line, ZOV_TAG tag) {
 }
 
 bool runAll(Runner &runner, const CommandLine &line) {
-  if (zov_outputBuffCreate(writeToScreen, nullptr, 0, &runner.output.buffer) != 0) {
+  uint64_t screen = STDOUT_FILENO;
+  if (zov_outputBuffCreate(minidb::writeToDescriptor, &screen, 0, &runner.output.buffer) != 0) {
     return false;
   }
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);

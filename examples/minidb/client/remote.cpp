@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/client.h"
-#include "store/internal.h"
 
 namespace minidb {
 

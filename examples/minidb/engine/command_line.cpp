@@ -3,9 +3,10 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include <initializer_list>
+
 #include "engine/files.h"
 #include "engine/settings.h"
-#include "store/internal.h"
 
 namespace minidb {
 

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "store/internal.h"
 
 namespace minidb {
 
@@ -13,20 +12,6 @@ namespace {
 
 bool isSame(const struct stat &first, const struct stat &second) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
-bool isSameInode(const char *path, const char *other) {
-  struct stat first;
-  struct stat second;
-  return stat(path, &first) == 0 && stat(other, &second) == 0 && isSame(first, second);
-}
-
-// The name at the end of a path, and the path of its directory.
-const char *splitPath(const char *path, char *directory, size_t sizeBytes) {
-  const char *slash = strrchr(path, '/');
-  const int length = slash == nullptr ? 1 : static_cast<int>(slash - path) + 1;
-  zov_snprintf(directory, sizeBytes, "%.*s", length, slash == nullptr ? "." : path);
-  return slash == nullptr ? path : slash + 1;
 }
 
 // A draft is locked while somebody writes it.
@@ -57,19 +42,6 @@ bool createLocked(Draft &draft) {
   return false;
 }
 
-int32_t writeToDraft(void *draft, const void *data, uint32_t length) {
-  const char *at = static_cast<const char *>(data);
-  while (length > 0) {
-    const uint32_t sent = zov_flWrite(static_cast<Draft *>(draft)->descriptor, at, length);
-    if (sent == 0 || (sent == ZOV_IO_FAILED && errno != EINTR)) {
-      return 1;
-    }
-    at += sent == ZOV_IO_FAILED ? 0 : sent;
-    length -= sent == ZOV_IO_FAILED ? 0 : sent;
-  }
-  return 0;
-}
-
 void closeDraft(Draft &draft) {
   zov_outputBuffDestroy(draft.out);
   draft.out = nullptr;
@@ -97,13 +69,17 @@ FileKind kindOf(const char *path) {
                                     : FileKind::kOther;
 }
 
-bool isSameFile(const char *path, const char *other) {
-  char directory[4096];
-  char otherDirectory[4096];
-  const char *name = splitPath(path, directory, sizeof directory);
-  const char *otherName = splitPath(other, otherDirectory, sizeof otherDirectory);
-  return isSameInode(path, other) ||
-         (strcmp(name, otherName) == 0 && isSameInode(directory, otherDirectory));
+int32_t writeToDescriptor(void *descriptor, const void *data, uint32_t length) {
+  const char *at = static_cast<const char *>(data);
+  while (length > 0) {
+    const uint32_t sent = zov_flWrite(*static_cast<const uint64_t *>(descriptor), at, length);
+    if (sent == ZOV_IO_FAILED && errno != EINTR) {
+      return errno;
+    }
+    at += sent == ZOV_IO_FAILED ? 0 : sent;
+    length -= sent == ZOV_IO_FAILED ? 0 : sent;
+  }
+  return 0;
 }
 
 bool openDraft(Draft &draft, const char *target) {
@@ -114,7 +90,7 @@ bool openDraft(Draft &draft, const char *target) {
   if (length >= static_cast<int>(sizeof draft.path) || !createLocked(draft)) {
     return failedAt("create", target);
   }
-  if (zov_outputBuffCreate(writeToDraft, &draft, 0, &draft.out) == 0) {
+  if (zov_outputBuffCreate(writeToDescriptor, &draft.descriptor, 0, &draft.out) == 0) {
     return true;
   }
   zov_flRemove(draft.path);
@@ -130,7 +106,7 @@ bool keepDraft(Draft &draft) {
     return kept;
   }
   closeDraft(draft);
-  return syncDirectory(strchr(draft.target, '/') == nullptr ? "./" : draft.target);
+  return syncDirectory(draft.target);
 }
 
 void dropDraft(Draft &draft) {

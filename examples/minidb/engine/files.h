@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the rest needs to know of files by their identity, and files that take their
-// name when they are whole. What cannot be done is said by problem().
+// What the rest needs to know of files, and files that take their name when they are
+// whole. What cannot be done is said by problem().
 #ifndef MINIDB_FILES_H
 #define MINIDB_FILES_H
 
@@ -20,8 +20,9 @@ enum class FileKind : uint8_t { kNone, kRegular, kSocket, kOther };
 // What a path leads to. kOther also when that cannot be told.
 FileKind kindOf(const char *path);
 
-// Whether two paths lead to one file, or would once both are made.
-bool isSameFile(const char *path, const char *other);
+// The channel of an output buffer whose context is a descriptor, an uint64_t. Its status
+// is errno. zov_fileWrite() would report each failure.
+int32_t writeToDescriptor(void *descriptor, const void *data, uint32_t length);
 
 // A file on its way to take the place of another one, or to be the first of its name:
 // beside it, new, readable by this user alone and locked.

@@ -2,7 +2,6 @@
 //
 // Text files in and out: a record to a line, with the separator behind its key.
 #include "engine/session.h"
-#include "store/internal.h"
 
 namespace minidb {
 

@@ -9,7 +9,6 @@
 #include <strings.h>
 
 #include "engine/files.h"
-#include "store/internal.h"
 
 namespace minidb {
 

@@ -6,7 +6,6 @@
 
 #include "engine/session.h"
 #include "query_tables.h"
-#include "store/internal.h"
 
 namespace minidb {
 

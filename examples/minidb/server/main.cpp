@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include "server/service.h"
-#include "store/internal.h"
 #include "wire/wire.h"
 
 namespace {

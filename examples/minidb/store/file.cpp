@@ -113,12 +113,10 @@ Status takeMeta(PageFile &file, ConstBytes page, View &view) {
   return Status::kOkay;
 }
 
-}  // namespace
-
-bool readAll(ZOV_FILE file, int64_t offset, void *bytes, uint32_t length) {
-  auto *at = static_cast<char *>(bytes);
+template <typename Transfer, typename Byte>
+bool transferAll(Transfer transfer, ZOV_FILE file, int64_t offset, Byte *at, uint32_t length) {
   while (length > 0) {
-    const uint32_t count = zov_fileSeekRead(file, offset, at, length);
+    const uint32_t count = transfer(file, offset, at, length);
     if (count == 0 || count == ZOV_IO_FAILED) {
       return false;
     }
@@ -129,18 +127,29 @@ bool readAll(ZOV_FILE file, int64_t offset, void *bytes, uint32_t length) {
   return true;
 }
 
+bool isSameInode(const char *path, const char *other) {
+  struct stat first;
+  struct stat second;
+  return stat(path, &first) == 0 && stat(other, &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+// The name at the end of a path, and the path of its directory.
+const char *splitPath(const char *path, char (&directory)[PATH_MAX]) {
+  const char *slash = strrchr(path, '/');
+  const int length = slash == nullptr ? 1 : static_cast<int>(slash - path) + 1;
+  zov_snprintf(directory, sizeof directory, "%.*s", length, slash == nullptr ? "." : path);
+  return slash == nullptr ? path : slash + 1;
+}
+
+}  // namespace
+
+bool readAll(ZOV_FILE file, int64_t offset, void *bytes, uint32_t length) {
+  return transferAll(zov_fileSeekRead, file, offset, static_cast<char *>(bytes), length);
+}
+
 bool writeAll(ZOV_FILE file, int64_t offset, const void *bytes, uint32_t length) {
-  auto *at = static_cast<const char *>(bytes);
-  while (length > 0) {
-    const uint32_t count = zov_fileSeekWrite(file, offset, at, length);
-    if (count == 0 || count == ZOV_IO_FAILED) {
-      return false;
-    }
-    at += count;
-    offset += count;
-    length -= count;
-  }
-  return true;
+  return transferAll(zov_fileSeekWrite, file, offset, static_cast<const char *>(bytes), length);
 }
 
 // Its name goes at once; the file stays until it is closed.
@@ -248,11 +257,19 @@ bool leadsTo(const char *path, const PageFile &file) {
   return stat(path, &status) == 0 && status.st_dev == file.device && status.st_ino == file.inode;
 }
 
+bool isSameFile(const char *path, const char *other) {
+  char directory[PATH_MAX];
+  char otherDirectory[PATH_MAX];
+  const char *name = splitPath(path, directory);
+  const char *otherName = splitPath(other, otherDirectory);
+  return isSameInode(path, other) ||
+         (strcmp(name, otherName) == 0 && isSameInode(directory, otherDirectory));
+}
+
 // Some file systems cannot sync a directory, and some directories not be read.
 bool syncDirectory(const char *path) {
   char directory[PATH_MAX];
-  zov_strncpyZ(directory, path, sizeof directory);
-  *(strrchr(directory, '/') + 1) = '\0';
+  splitPath(path, directory);
   ZOV_FILE file = zov_fileOpen(directory, O_RDONLY | O_DIRECTORY, 0);
   bool synced = file != nullptr ? zov_fileSync(file) == ZOV_OKAY : errno == EACCES;
   synced = synced || errno == EINVAL;

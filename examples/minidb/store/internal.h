@@ -18,13 +18,7 @@
 
 namespace minidb {
 
-// --- Problems ------------------------------------------------------------
-
 constexpr uint32_t kProblemBytes = 256;
-
-// Set this thread's problem, and give false and the status.
-bool fail(const char *format, ...) ZOV_PRINTF(1, 2);
-Status failed(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
 
 // --- Files of pages ------------------------------------------------------
 
@@ -58,9 +52,6 @@ bool syncFile(Store &store, const PageFile &file);
 
 // Whether a path leads to a file.
 bool leadsTo(const char *path, const PageFile &file);
-
-// Syncs the directory that a file is in.
-bool syncDirectory(const char *path);
 
 // The name of the file that replaces the one of a path, in memory of the store.
 char *replacementPath(Store &store, const char *path);

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdarg.h>
-#include <stdlib.h>
 
 #include "store/internal.h"
 
@@ -122,21 +121,6 @@ Status refresh(Store &store) {
   return read ? Status::kOkay : Status::kFailed;
 }
 
-// Whether a path names the file that compaction makes, be it there or not.
-bool isReplacementOf(const char *path, const char *dataPath) {
-  char directory[PATH_MAX] = ".";
-  char resolved[PATH_MAX];
-  const char *slash = strrchr(path, '/');
-  const char *name = slash == nullptr ? path : slash + 1;
-  if (slash != nullptr) {
-    zov_snprintf(directory, sizeof directory, "%.*s/", static_cast<int>(slash - path), path);
-  }
-  const size_t length = realpath(directory, resolved) == nullptr ? 0 : strlen(resolved);
-  return length > 0 && isReplacement(name) && strncmp(resolved, dataPath, length) == 0 &&
-         strlen(dataPath) + 4 == length + 1 + strlen(name) &&
-         strncmp(dataPath + length + 1, name, strlen(name) - 4) == 0;
-}
-
 }  // namespace
 
 const char *problem() {
@@ -189,16 +173,16 @@ void closeStore(Store *store) {
 }
 
 bool isStoreFile(const Store &store, const char *path) {
+  char replacement[PATH_MAX];
+  if (!onDisk(store.typeFlags)) {
+    return false;
+  }
   zov_syncEnterExcl(store.stateLock);
   const PageFile &file = *store.newest.file;
-  const bool own =
-      onDisk(store.typeFlags) && (leadsTo(path, file) || isReplacementOf(path, file.path));
+  zov_snprintf(replacement, sizeof replacement, "%s.new", file.path);
+  const bool own = leadsTo(path, file) || isSameFile(path, replacement);
   zov_syncExitExcl(store.stateLock);
   return own;
-}
-
-bool isBroken(const Store &store) {
-  return store.broken.load();
 }
 
 Status openView(Store &store, View &view) {

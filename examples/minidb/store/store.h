@@ -48,8 +48,19 @@ enum class Status : uint8_t {
   kUnknown    // a sync failed at the very end: the next open tells whether it was kept
 };
 
-// The reason of this thread's latest failure.
+// The reason of this thread's latest failure. Both others set it: the first for
+// `return fail(...)`, the second gives the status.
 const char *problem();
+bool fail(const char *format, ...) ZOV_PRINTF(1, 2);
+Status failed(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
+
+// --- Files by their identity ---------------------------------------------
+
+// Whether two paths lead to one file, or would once both are made.
+bool isSameFile(const char *path, const char *other);
+
+// Syncs the directory that a file is in.
+bool syncDirectory(const char *path);
 
 // --- The store -----------------------------------------------------------
 
@@ -79,9 +90,6 @@ void closeStore(Store *store);
 // True when writing to a path would write to a file of the database, by the identity
 // of what the path leads to, not its name; or to the name that compaction uses.
 bool isStoreFile(const Store &store, const char *path);
-
-// Whether changes are refused since a sync failed; the store has to be opened again.
-bool isBroken(const Store &store);
 
 // --- Views ---------------------------------------------------------------
 
