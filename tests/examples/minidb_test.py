@@ -308,7 +308,9 @@ class FileTest(StatementTests, ProgramTest):
         shell = f"{MINIDB} --data {self.data} 'find; put z 1' | head -n 1; exit ${{PIPESTATUS[0]}}"
         shown, errors = self.run_command(["bash", "-c", shell])
         self.assertEqual((len(shown.split("\n")), errors), (2, ""))
-        self.assertEqual(self.run_minidb("get", "z")[0], "z;1\n")
+        stats = dict(re.findall("(.*): (\\d+)", self.run_minidb("get z; stats")[0]))
+        self.assertGreaterEqual(int(stats["depth"]), 2)
+        self.assertLessEqual(int(stats["pages read"]), int(stats["depth"]) + 3)
         with open("/dev/full", "wb") as full:
             done = subprocess.run(self.minidb("find"), cwd=self.folder, stdout=full, check=False,
                                   stderr=subprocess.PIPE)
@@ -418,20 +420,6 @@ class ServerTest(ProgramTest):
         self.assertEqual(other.ask("begin; put c 3; commit; count"), ([(b"R", "3")], True))
         self.stop_server(server, signal.SIGINT)
         self.assertEqual(self.records(), {"a": "2", "b": "2", "c": "3"})
-
-    def test_clients_at_once(self):
-        server = self.start_server()
-        scripts = {name: "".join(f"begin; put {name}{n} {n}; put {name} {n}; commit;\n"
-                                 for n in range(30)) for name in "vwxyz"}
-        clients = [subprocess.Popen(self.client(), stdin=subprocess.PIPE, cwd=self.folder)
-                   for _ in scripts]
-        for client, script in zip(clients, scripts.values()):
-            client.stdin.write(script.encode())
-            client.stdin.close()
-        self.assertEqual([client.wait(100) for client in clients], [0] * len(clients))
-        self.stop_server(server)
-        expected = {f"{name}{n}": str(n) for name in scripts for n in range(30)}
-        self.assertEqual(self.records(), {**expected, **dict.fromkeys(scripts, "29")})
 
     def test_misbehaving_clients_harm_nobody(self):
         self.load(random_records(20000))
