@@ -266,6 +266,19 @@ class FileTest(StatementTests, ProgramTest):
         self.assertEqual(self.run_minidb("count", "from", "from", "to", "to")[0], "1\n")
         self.assertIn("read", self.run_minidb("--read-only", "put", "a", "1", status=1)[1])
 
+    def test_damaged_and_other_files_are_left_alone(self):
+        self.run_minidb("put", "a", "1")
+        with open(self.data, "rb") as file:
+            whole = file.read()
+        for image in (b"x", b"minidb file 2\r\n" + bytes(9000), whole[:5000], whole[:8192],
+                      bytes(byte ^ (at in (40, 4136)) for at, byte in enumerate(whole)),  # metas
+                      bytes(byte ^ (at == 12192) for at, byte in enumerate(whole))):  # a root
+            self.write("data", image)
+            for words in [], ["--read-only"]:
+                self.assertIn(self.data, self.run_minidb(*words, "count", status=1)[1])
+            with open(self.data, "rb") as file:
+                self.assertEqual(file.read(), image)
+
     def test_settings_and_logs_are_kept_private(self):
         self.data = "other"
         self.run_minidb("put", "a", "1")
