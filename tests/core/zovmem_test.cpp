@@ -4,8 +4,6 @@
 // a model that knows what every block must hold and which were freed.
 #include <malloc.h>
 
-#include <deque>
-
 #include "core/zov_shortage.h"
 #include "core/zovmem_freed.h"
 #include "support/faults.h"
@@ -43,23 +41,36 @@ TEST_F(Memory, ModesFillTheBlock) {
       {8, 0, "source", nullptr, 0},
       {8, 0x10001, "source", nullptr, 0},
   };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(&row - rows);
-    void *block = nullptr;
-    EXPECT_EQ(outputOf([&] {
-                block = zov_getMem(row.size, ZOV_DEFAULT_TAG, row.mode, row.source, ZOV_HERE);
-              }),
-              "");
-    ASSERT_EQ(block == nullptr, row.expected == nullptr);
-    if (block != nullptr) {
-      EXPECT_EQ(memcmp(block, row.expected, row.expectedBytes), 0);
+  const std::string out = outputOf([&] {
+    for (const auto &row : rows) {
+      void *block = zov_getMem(row.size, ZOV_DEFAULT_TAG, row.mode, row.source, ZOV_HERE);
+      ASSERT_EQ(block == nullptr, row.expected == nullptr) << &row - rows;
+      EXPECT_TRUE(block == nullptr || memcmp(block, row.expected, row.expectedBytes) == 0);
       EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+      zov_freeMem(block, ZOV_DEFAULT_TAG);
     }
-    zov_freeMem(block, ZOV_DEFAULT_TAG);
+  });
+  EXPECT_EQ(out, "");
+}
+
+// Fails the allocation that `call` makes from an armed tag and returns what
+// setjmp() gave: 0 when the call came back.
+template <typename Call>
+int jumpOf(ZOV_TAG tag, Call call) {
+  jmp_buf recovery;
+  const int value = setjmp(recovery);
+  if (value == 0) {
+    zov_resetTag(&recovery, tag);
+    zovtest::failAllocationAfter(0, true);
+    call();
   }
+  EXPECT_TRUE(!zovtest::stopFailing() || errno == ENOMEM) << errno;
+  zov_resetTag(nullptr, tag);
+  return value;
 }
 
 TEST_F(Memory, ImpossibleSizesFailWithTheMessage) {
+  EXPECT_EQ(jumpOf(ZOV_DEFAULT_TAG, [] { plain(8); }), 1) << "and no later one jumps";
   void *block = zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, "kept", ZOV_HERE);
   for (const uint64_t size : {UINT64_MAX, UINT64_MAX - 15, UINT64_MAX - 16, UINT64_MAX / 2}) {
     EXPECT_EQ(outputOf([&] {
@@ -120,41 +131,6 @@ TEST_F(Memory, AbsentTagsAreHarmless) {
   EXPECT_NE(plain(8), nullptr) << "the default tag cannot be deleted";
 }
 
-// Fails the allocation that `call` makes from an armed tag and returns what
-// setjmp() gave: 0 when the call came back.
-template <typename Call>
-int jumpOf(ZOV_TAG tag, Call call) {
-  jmp_buf recovery;
-  const int value = setjmp(recovery);
-  if (value == 0) {
-    zov_resetTag(&recovery, tag);
-    zovtest::failAllocationAfter(0, true);
-    call();
-  }
-  EXPECT_TRUE(!zovtest::stopFailing() || errno == ENOMEM) << errno;
-  zov_resetTag(nullptr, tag);
-  return value;
-}
-
-TEST_F(Memory, ArmedTagsJumpWithEveryLockFree) {
-  const ZOV_TAG safe = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  for (const ZOV_TAG tag : {ZOV_TAG{ZOV_DEFAULT_TAG}, safe}) {
-    void *block = plain(16, tag);
-    const std::string out = outputOf([&] {
-      EXPECT_EQ(jumpOf(tag, [&] { plain(8, tag); }), 1);
-      EXPECT_EQ(jumpOf(tag, [&] { zov_extendMem(block, 9999, tag, 1, 1, "x", 2); }), 1);
-      EXPECT_EQ(jumpOf(tag, [&] { plain(0, tag); }), 0) << "size 0 is no failure";
-    });
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
-    // Another thread gets the tag's lock at once.
-    std::thread([&] { zov_freeMem(block, tag); }).join();
-    zovtest::failAllocationAfter(0);
-    EXPECT_EQ(plain(8, tag), nullptr) << "disarmed";
-    zovtest::stopFailing();
-  }
-  zov_freeTagMemory(safe, 1);
-}
-
 // Making a sync object must not jump even when the default tag is armed: its
 // caller is in the middle of making something.
 TEST_F(Memory, SyncCreationNeverJumps) {
@@ -188,18 +164,17 @@ TEST_F(Memory, NoJumpHoldsMessagesBack) {
 }
 
 struct ModelBlock {
-  unsigned char *bytes;
+  char *bytes;
   uint64_t size;
-  unsigned char fill;
+  char fill;
   size_t owner;
 };
 
 // Random operations on three tags. Every block is filled with a byte of its
-// own and checked before it goes, so a broken list or a double use shows. What
+// own and checked before it changes, so a broken list or a double use shows. What
 // was freed is freed again up to 1023 frees later, unless its address is a live
 // block's; that must be said and change nothing.
 TEST_F(Memory, RandomOperationsAgreeWithAModel) {
-  constexpr size_t kFreesAgo = zov::kMarksFit ? 1024 : 0;
   // No page is given back, as large blocks and the top of the heap would be.
   mallopt(M_MMAP_THRESHOLD, INT_MAX);
   mallopt(M_TRIM_THRESHOLD, INT_MAX);
@@ -207,110 +182,69 @@ TEST_F(Memory, RandomOperationsAgreeWithAModel) {
   ZOV_TAG tags[] = {ZOV_DEFAULT_TAG, zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE),
                     zov_createTagEx(nullptr, 0, ZOV_HERE)};
   std::vector<ModelBlock> blocks;
-  std::deque<std::pair<void *, size_t>> freed;  // addresses and owners
+  ModelBlock freed[1024] = {};
+  uint32_t frees = 0;
   std::ptrdiff_t freedAgain = 0;
   const auto randomSize = [&] { return 1 + random.below(2u << random.below(16)); };
-  const auto fill = [&](ModelBlock &block) {
-    block.fill = static_cast<unsigned char>(random());
-    memset(block.bytes, block.fill, block.size);
+  const auto holds = [](const char *bytes, uint64_t size, char value) {
+    return std::all_of(bytes, bytes + size, [value](char byte) { return byte == value; });
   };
-  const auto holds = [](const unsigned char *bytes, uint64_t size, unsigned char value) {
-    return std::all_of(bytes, bytes + size, [&](unsigned char byte) { return byte == value; });
-  };
-  const auto note = [&](void *bytes, size_t owner) {
-    freed.emplace_back(bytes, owner);
-    if (freed.size() > kFreesAgo) {
-      freed.pop_front();
-    }
-  };
-  const auto freeAgain = [&](const std::pair<void *, size_t> &old) {
-    if (std::none_of(blocks.begin(), blocks.end(),
-                     [&](const ModelBlock &block) { return block.bytes == old.first; })) {
+  const auto note = [&](const ModelBlock &old) { freed[frees++ % std::size(freed)] = old; };
+  const auto freeAgain = [&](const ModelBlock &old) {
+    const auto isOld = [&](const ModelBlock &block) { return block.bytes == old.bytes; };
+    if (zov::kMarksFit && old.bytes != nullptr && std::ranges::none_of(blocks, isOld)) {
       ++freedAgain;
-      zov_freeMem(old.first, tags[old.second]);
+      zov_freeMem(old.bytes, tags[old.owner]);
     }
   };
-  testing::internal::CaptureStdout();
-  for (int step = 0; step < 40000; ++step) {
-    const uint32_t action = random.below(100);
-    if (!freed.empty()) {
-      freeAgain(freed[random() % freed.size()]);
-    }
-    if (action < 45 || blocks.empty()) {
-      const size_t owner = random() % 3;
-      ModelBlock block{nullptr, randomSize(), 0, owner};
-      const bool zero = action % 2 == 0;
-      block.bytes = static_cast<unsigned char *>(
-          zov_extendMem(nullptr, block.size, tags[owner], zero, 3, ZOV_HERE));
-      ASSERT_NE(block.bytes, nullptr);
-      ASSERT_TRUE(!zero || holds(block.bytes, block.size, 0)) << "cleared whole";
-      fill(block);
-      blocks.push_back(block);
-      continue;
-    }
-    const size_t index = random() % blocks.size();
-    ModelBlock &block = blocks[index];
-    ASSERT_TRUE(holds(block.bytes, block.size, block.fill)) << "step " << step;
-    if (action < 80) {
-      zov_freeMem(block.bytes, tags[block.owner]);
-      note(block.bytes, block.owner);
-      block = blocks.back();
-      blocks.pop_back();
-    } else if (action < 90) {
-      const uint64_t size = randomSize();
-      const uint64_t grown = randomSize();
-      void *old = block.bytes;
-      block.bytes = static_cast<unsigned char *>(
-          zov_extendMem(old, size, tags[block.owner], action % 2, grown, ZOV_HERE));
-      const uint64_t kept = action % 2 == 0 ? size : size - std::min(grown, size);
-      ASSERT_TRUE(holds(block.bytes, std::min(kept, block.size), block.fill)) << "step " << step;
-      ASSERT_TRUE(holds(block.bytes + kept, size - kept, 0)) << "step " << step;
-      block.size = size;
-      fill(block);
-      if (old != block.bytes) {
-        note(old, block.owner);
+  const std::string out = outputOf([&] {
+    for (int step = 0; step < 40000; ++step) {
+      freeAgain(freed[random.below(std::size(freed))]);
+      const uint32_t action = blocks.empty() ? 0 : random.below(100);
+      if (action < 45) {
+        blocks.push_back({nullptr, 0, 0, random.below(3)});
       }
-    } else if (action < 99) {
-      const size_t owner = random() % 3;
-      zov_moveMemTag(block.bytes, tags[owner], tags[block.owner]);
-      block.owner = owner;
-    } else if (block.owner != 0) {
-      const size_t owner = block.owner;
-      const bool deleted = random() % 2 == 0;
-      zov_freeTagMemory(tags[owner], deleted);
-      if (deleted) {
-        tags[owner] = zov_createTagEx(nullptr, owner == 1 ? ZOV_TAG_THREADSAFE : 0, ZOV_HERE);
-      }
-      std::erase_if(blocks, [&](const ModelBlock &each) {
-        if (each.owner == owner) {
-          note(each.bytes, owner);
+      ModelBlock &block = action < 45 ? blocks.back() : blocks[random.below(blocks.size())];
+      const ModelBlock old = block;
+      ASSERT_TRUE(holds(old.bytes, old.size, old.fill)) << "step " << step;
+      if (action < 55) {
+        const uint64_t grown = randomSize();
+        block.size = randomSize();
+        block.bytes = static_cast<char *>(
+            zov_extendMem(old.bytes, block.size, tags[old.owner], action % 2, grown, ZOV_HERE));
+        const uint64_t cleared = old.bytes == nullptr ? block.size : std::min(grown, block.size);
+        const uint64_t kept = block.size - (action % 2 == 0 ? 0 : cleared);
+        ASSERT_TRUE(holds(block.bytes, std::min(kept, old.size), old.fill)) << "step " << step;
+        ASSERT_TRUE(holds(block.bytes + kept, block.size - kept, 0)) << "step " << step;
+        block.fill = static_cast<char>(random());
+        memset(block.bytes, block.fill, block.size);
+        if (block.bytes != old.bytes) {
+          note(old);
         }
-        return each.owner == owner;
-      });
+      } else if (action < 90) {
+        zov_freeMem(old.bytes, tags[old.owner]);
+        note(old);
+        block = blocks.back();
+        blocks.pop_back();
+      } else if (action < 99) {
+        block.owner = random.below(3);
+        zov_moveMemTag(old.bytes, tags[block.owner], tags[old.owner]);
+      } else if (old.owner != 0) {
+        const bool deleted = random() % 2 == 0;
+        zov_freeTagMemory(tags[old.owner], deleted);
+        if (deleted) {
+          tags[old.owner] = zov_createTagEx(nullptr, old.owner % 2, ZOV_HERE);
+        }
+        const auto isGone = [&](const ModelBlock &each) { return each.owner == old.owner; };
+        std::ranges::for_each(blocks,
+                              [&](const ModelBlock &each) { isGone(each) ? note(each) : void(); });
+        std::erase_if(blocks, isGone);
+      }
     }
-  }
-  std::for_each(freed.begin(), freed.end(), freeAgain);
-  fflush(stdout);
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), freedAgain) << "each is said once";
-  zov_freeTagMemory(tags[1], 1);
-}
-
-TEST_F(Memory, ThreadsShareATag) {
-  const int64_t before = zovtest::liveBlocks();
-  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  zovtest::onThreads(4, [tag](uint32_t) {
-    void *held[16] = {};
-    for (int step = 0; step < 4000; ++step) {
-      void *&slot = held[step % 16];
-      zov_freeMem(slot, tag);
-      slot = plain(32, tag);
-      zov_moveMemTag(slot, ZOV_DEFAULT_TAG, tag);
-      zov_moveMemTag(slot, tag, ZOV_DEFAULT_TAG);
-    }
+    std::ranges::for_each(freed, freeAgain);
   });
-  zov_freeTagMemory(tag, 1);
-  EXPECT_EQ(zovtest::liveBlocks(), before) << "a block was lost between the tags";
+  EXPECT_EQ(std::ranges::count(out, '\n'), freedAgain) << "each is said once";
+  zov_freeTagMemory(tags[1], 1);
 }
 
 }  // namespace
