@@ -5,30 +5,11 @@
 // reverse too; their channel is a copy to or from memory.
 #include <benchmark/benchmark.h>
 #include <rpc/rpc.h>
-#include <string.h>
 
+#include "bench_wire.h"
 #include "zov.h"
 
 namespace {
-
-// Items between two rewinds of the XDR stream; 4000 bytes either way.
-constexpr int32_t kIntegers = 1000;
-constexpr int32_t kStrings = 200;
-
-char text[] = "sixteen letters!";
-char wire[5000];
-
-int32_t writeWire(void *, const void *data, uint32_t length) {
-  memcpy(wire, data, length);
-  return 0;
-}
-
-// Delivers whole items, over and over.
-int32_t readWire(void *, void *buffer, uint32_t, uint32_t *delivered) {
-  memcpy(buffer, wire, 4000);
-  *delivered = 4000;
-  return 0;
-}
 
 class Buffers {
  public:
@@ -46,9 +27,9 @@ class Buffers {
 void fillWireWithStrings() {
   XDR xdr;
   xdrmem_create(&xdr, wire, sizeof wire, XDR_ENCODE);
-  char *source = text;
+  char *source = wireString;
   for (int32_t item = 0; item < kStrings; ++item) {
-    xdr_string(&xdr, &source, sizeof text);
+    xdr_string(&xdr, &source, sizeof wireString);
   }
 }
 
@@ -83,7 +64,7 @@ void codeInteger(XDR *xdr, int32_t item) {
 }
 
 void codeString(XDR *xdr, char *place) {
-  benchmark::DoNotOptimize(xdr_string(xdr, &place, sizeof text));
+  benchmark::DoNotOptimize(xdr_string(xdr, &place, sizeof wireString));
 }
 
 void BM_PutInt32(benchmark::State &state) {
@@ -114,19 +95,19 @@ BENCHMARK(BM_GetInt32Xdr)->Name("get-int32/xdr");
 void BM_PutString(benchmark::State &state) {
   Buffers buffers;
   runItems(state, kStrings,
-           [&](int32_t) { zov_outputBuffPutStringWithLength(buffers.output, text); });
+           [&](int32_t) { zov_outputBuffPutStringWithLength(buffers.output, wireString); });
 }
 BENCHMARK(BM_PutString)->Name("put-string/zov");
 
 void BM_PutStringXdr(benchmark::State &state) {
-  runXdr(state, XDR_ENCODE, kStrings, [](XDR *xdr, int32_t) { codeString(xdr, text); });
+  runXdr(state, XDR_ENCODE, kStrings, [](XDR *xdr, int32_t) { codeString(xdr, wireString); });
 }
 BENCHMARK(BM_PutStringXdr)->Name("put-string/xdr");
 
 void BM_GetString(benchmark::State &state) {
   Buffers buffers;
   fillWireWithStrings();
-  char place[sizeof text];
+  char place[sizeof wireString];
   runItems(state, kStrings, [&](int32_t) {
     zov_inputBuffGetStringWithLength(buffers.input, place, sizeof place);
     benchmark::DoNotOptimize(place);
@@ -136,7 +117,7 @@ BENCHMARK(BM_GetString)->Name("get-string/zov");
 
 void BM_GetStringXdr(benchmark::State &state) {
   fillWireWithStrings();
-  char place[sizeof text];
+  char place[sizeof wireString];
   runXdr(state, XDR_DECODE, kStrings, [&](XDR *xdr, int32_t) { codeString(xdr, place); });
 }
 BENCHMARK(BM_GetStringXdr)->Name("get-string/xdr");

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "bench_idle.h"
+#include "bench_wire.h"
 #include "calculator_tables.h"
 #include "zov.h"
 
@@ -363,24 +364,8 @@ void countIni() {
   });
 }
 
-constexpr char kString[] = "sixteen letters!";
-char wire[5000];
-
-int32_t writeWire(void *, const void *data, uint32_t length) {
-  memcpy(wire, data, length);
-  return 0;
-}
-
-int32_t readWire(void *, void *buffer, uint32_t, uint32_t *delivered) {
-  memcpy(buffer, wire, 4000);
-  *delivered = 4000;
-  return 0;
-}
-
-// A thousand integers and 200 strings, 4000 bytes either way; per item.
+// Per item.
 void countBuffers() {
-  constexpr int kIntegers = 1000;
-  constexpr int kStrings = 200;
   ZOV_OUTPUTBUFF output = nullptr;
   ZOV_INPUTBUFF input = nullptr;
   zov_outputBuffCreate(writeWire, nullptr, 1, &output);
@@ -400,14 +385,14 @@ void countBuffers() {
   });
   count("buffer-put/string16", kFewRounds, kStrings, [=] {
     for (int32_t item = 0; item < kStrings; ++item) {
-      zov_outputBuffPutStringWithLength(output, kString);
+      zov_outputBuffPutStringWithLength(output, wireString);
     }
     zov_outputBuffFlush(output);
   });
   zov_inputBuffReset(input);
   count("buffer-get/string16", kFewRounds, kStrings, [=] {
     for (int32_t item = 0; item < kStrings; ++item) {
-      char got[sizeof kString];
+      char got[sizeof wireString];
       need(zov_inputBuffGetStringWithLength(input, got, sizeof got) == 0,
            "zov_inputBuffGetStringWithLength");
     }
