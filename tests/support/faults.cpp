@@ -158,7 +158,6 @@ FAULT(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group), failed(
 FAULT(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), failed(verdict))
 FAULT(char *, getcwd, (char *to, size_t size), (to, size), failedNull(verdict))
 FAULT(int, fcntl, (int fd, int command, long argument), (fd, command, argument), failed(verdict))
-FAULT(int, pipe, (int *ends), (ends), failed(verdict))
 FAULT(int, pipe2, (int *ends, int flags), (ends, flags), failed(verdict))
 FAULT(pid_t, fork, (), (), failed(verdict))
 FAULT(int, poll, (pollfd *fds, nfds_t count, int waitMs), (fds, count, waitMs), failed(verdict))

@@ -22,7 +22,7 @@ namespace zovtest {
 // clang-format off
 enum class Call : uint8_t {
   open, read, write, pread, pwrite, fsync, ftruncate, fstat, stat, lstat, rename, remove, unlink,
-  close, mkdir, rmdir, opendir, readdir, flock, fchmod, fchown, lseek, getcwd, fcntl, pipe, pipe2,
+  close, mkdir, rmdir, opendir, readdir, flock, fchmod, fchown, lseek, getcwd, fcntl, pipe2,
   fork, poll, ppoll, gettimeofday, clock_gettime,
   system,
   allocation, pthread_create, pthread_mutex_init, pthread_cond_init, pthread_mutex_lock,

@@ -25,16 +25,6 @@ struct Point {
   Way way;
 };
 
-const std::map<Call, int> errors = {{Call::allocation, ENOMEM},
-                                    {Call::write, ENOSPC},
-                                    {Call::pwrite, ENOSPC},
-                                    {Call::mkdir, ENOSPC},
-                                    {Call::open, EMFILE},
-                                    {Call::opendir, EMFILE},
-                                    {Call::fork, EAGAIN},
-                                    {Call::pthread_create, EAGAIN},
-                                    {Call::pthread_mutex_init, EAGAIN},
-                                    {Call::pthread_cond_init, EAGAIN}};
 const Call transfers[] = {Call::read, Call::write, Call::pread, Call::pwrite, Call::readdir};
 
 // The operation that is tried, at which point, and what was found wrong.
@@ -97,8 +87,7 @@ int32_t Trial::attempt() {
   if (point_.way == Way::kill) {
     return killed();
   }
-  const auto error = errors.find(point_.call);
-  const Fault fault(point_.call, point_.nth, error == errors.end() ? EIO : error->second,
+  const Fault fault(point_.call, point_.nth, point_.call == Call::allocation ? ENOMEM : EIO,
                     point_.way == Way::onwards, point_.way == Way::cut ? 1 : SIZE_MAX);
   const int32_t status = point_.way == Way::jump ? armed() : operation_.work(world_);
   uses_ = fault.uses();
@@ -272,6 +261,7 @@ void World::putAway() {
   zov_pathClose(walk);
   zov_inputBuffDestroy(input);
   zov_outputBuffDestroy(output);
+  zov_zFreePool(&pool);
   zov_freeMem(text, ZOV_DEFAULT_TAG);
   zov_freeMem(wideText, ZOV_DEFAULT_TAG);
   tag != 0 ? zov_freeTagMemory(tag, 1) : void();

@@ -25,6 +25,7 @@ struct Made {
   ZOV_PATH_WALK walk = nullptr;
   ZOV_INPUTBUFF input = nullptr;
   ZOV_OUTPUTBUFF output = nullptr;
+  ZOV_POOL pool = nullptr;
   void *other = nullptr;  // for `after`
   char *text = nullptr;
   wchar_t *wideText = nullptr;

@@ -20,36 +20,24 @@ TEST(Sweep, Core) {
      [](World &) { zov_inited > 0 ? zov_term() : void(); }},
     {"zov_createTagEx", 0, "", "",
      [](World &w) { return got((w.tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE)) != ZOV_NO_TAG); }},
-    {"zov_getMem", kJumps, "", "",
-     [](World &w) { return gotText(w, static_cast<char *>(zov_getMem(0, 0, ZOV_MEM_STRDUP, "text", ZOV_HERE)), "text"); }},
     {"zov_extendMem zov_getMem", kJumps, "", "",
      [](World &w) {
-       w.text = w.text != nullptr ? w.text : static_cast<char *>(zov_getMem(0, 0, ZOV_MEM_STRDUP, "text", ZOV_HERE));
+       w.text = static_cast<char *>(zov_getMem(0, 0, ZOV_MEM_STRDUP, "text", ZOV_HERE));
        void *longer = w.text == nullptr ? nullptr : zov_extendMem(w.text, 9000, 0, 0, 0, ZOV_HERE);
        return longer == nullptr ? got(false) : gotText(w, static_cast<char *>(longer), "text");
      }},
     {"zov_allocPool zov_getMemFromPool", kJumps, "", "",
      [](World &w) {
-       ZOV_POOL pool = zov_allocPool(0, 0, 1);
-       w.other = pool;
-       void *chunk = pool == nullptr ? nullptr : zov_getMemFromPool(9, pool, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
-       chunk != nullptr ? zov_putInPool(chunk, pool) : void();
+       w.pool = zov_allocPool(0, 0, 1);
+       void *chunk = w.pool == nullptr ? nullptr : zov_getMemFromPool(9, w.pool, ZOV_MEM_ZERO, nullptr, ZOV_HERE);
+       chunk != nullptr ? zov_putInPool(chunk, w.pool) : void();
        return got(chunk != nullptr);
-     }, {}, nullptr, nullptr,
-     [](World &w) {
-       ZOV_POOL pool = static_cast<ZOV_POOL>(w.other);
-       zov_zFreePool(&pool);
      }},
-    {"zov_syncCreate_check zov_syncStart zov_syncResume zov_syncWait zov_syncDelete", 0, "", "",
+    {"zov_syncCreate_check zov_syncDelete", 0, "", "",
      [](World &w) {
        w.sync[0] = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-       const ZOV_SYNC event = w.sync[1] = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
-       if (w.sync[0] == ZOV_NO_SYNC || event == ZOV_NO_SYNC) {
-         return got(false);
-       }
-       zov_syncStart(event);
-       zov_syncResume(event);
-       return got(true, zov_syncWait(event, 1000) == ZOV_OKAY);
+       w.sync[1] = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
+       return got(w.sync[0] != ZOV_NO_SYNC && w.sync[1] != ZOV_NO_SYNC);
      }},
     {"zov_threadBeginEx", 0, "", "",
      [](World &) {
@@ -62,22 +50,13 @@ TEST(Sweep, Core) {
        }
        return status;
      }},
-    {"zov_queueInit zov_queueCreate zov_queueWrite zov_queueRead zov_queueCount zov_queueDelete", 0, "", "",
+    {"zov_queueInit zov_queueCreate zov_queueWrite zov_queueRead zov_queueDelete", 0, "", "",
      [](World &w) {
        ZOV_QUEUE queue = zov_queueInit(0) == ZOV_OKAY ? zov_queueCreate("swept") : nullptr;
        w.other = queue;
        uint64_t data = 0;
-       for (uint64_t number = 1; queue != nullptr && number <= 3; ++number) {
-         errno = 0;
-         zov_queueWrite(queue, number, 0, 0, 0);
-         if (zov_queueCount(queue) != 1) {
-           return got(errno != ENOMEM, false);
-         }
-         if (zov_queueRead(queue, &data, nullptr, nullptr, 0) != ZOV_OKAY || data != number) {
-           return kWrong;
-         }
-       }
-       return got(queue != nullptr);
+       queue != nullptr ? zov_queueWrite(queue, 7, 0, 0, 0) : void();
+       return got(queue != nullptr, queue == nullptr || (zov_queueRead(queue, &data, nullptr, nullptr, 0) == ZOV_OKAY && data == 7));
      }, {}, nullptr, nullptr, [](World &w) { zov_queueDelete(static_cast<ZOV_QUEUE>(w.other)), zov_queueTerm(1); }},
     {"zov_randCreate", kJumps, "", "", [](World &w) { return got((w.other = zov_randCreate(1)) != nullptr); }, {}, nullptr,
      nullptr, [](World &w) { zov_randDestroy(static_cast<ZOV_RAND>(w.other)); }},
@@ -101,16 +80,12 @@ TEST(Sweep, Strings) {
        static wchar_t one[] = L"\u00E9", two[] = L"two";
        wchar_t *const wide[] = {one, two};
        char **strings = nullptr;
-       const int32_t status = zov_convertArgvToUTF8(2, wide, &strings);
-       w.other = strings;
-       return got(status == ZOV_OKAY, strings != nullptr && strcmp(strings[0], "\u00E9") == 0);
-     }, {}, nullptr, nullptr,
-     [](World &w) {
-       char **strings = static_cast<char **>(w.other);
-       for (int at = 0; strings != nullptr && at < 2; ++at) {
-         zov_freeMem(strings[at], 0);
+       if (zov_convertArgvToUTF8(2, wide, &strings) != ZOV_OKAY) {
+         return got(false);
        }
-       zov_freeMem(strings, 0);
+       char *const first = strings[0];
+       zov_freeMem(strings[1], 0), zov_freeMem(strings, 0);
+       return gotText(w, first, "\u00E9");
      }},
     {"zov_convertToUTF8", kJumps, "", "",
      [](World &w) { return gotText(w, zov_convertToUTF8(L"\u00E9t\u00E9", ZOV_UTF8_STRICT), "\u00E9t\u00E9"); }},
@@ -157,38 +132,18 @@ TEST(Sweep, Disk) {
   const std::string twoOfBlocks = "a=" + kBlocks + " b=" + kBlocks;
   // clang-format off
   sweep("disk", {
-    {"zov_fileOpen zov_fileSeekWrite zov_fileSeekRead zov_fileSync zov_fileLock zov_fileUnlock zov_fileLength", kInPlace,
-     "a=one", "a=onetwo",
+    {"zov_fileOpen zov_fileSeekWrite zov_fileSeekRead zov_fileSetSize zov_fileSync zov_fileLock zov_fileUnlock zov_fileLength",
+     kInPlace, "a=one", "a=onetwo",
      [](World &w) {
        ZOV_FILE file = w.file = zov_fileOpen(w("a"), O_RDWR, 0);
        char back[4] = "";
        if (file == nullptr || zov_fileLock(file) != ZOV_OKAY) {
          return got(false);
        }
-       const bool written = zov_fileSeekWrite(file, 3, "two", 3) == 3 && zov_fileSeekRead(file, 3, back, 3) == 3 &&
-                            zov_fileSync(file) == ZOV_OKAY && zov_fileLength(file) == 6;
+       const bool written = zov_fileSeekWrite(file, 3, "twos", 4) == 4 && zov_fileSetSize(file, 6) == ZOV_OKAY &&
+                            zov_fileSync(file) == ZOV_OKAY && zov_fileSeekRead(file, 3, back, 3) == 3 && zov_fileLength(file) == 6;
        zov_fileUnlock(file);
        return got(written, strcmp(back, "two") == 0);
-     }},
-    {"zov_fileOpen zov_fileWrite zov_fileSetSize zov_fileRead zov_fileSeek", kInPlace, "a=", "a=thr",
-     [](World &w) {
-       ZOV_FILE file = w.file = zov_fileOpen(w("a"), O_RDWR, ZOV_FILE_NOSYNC);
-       char back[4] = "";
-       return got(file != nullptr && zov_fileWrite(file, "three", 5) == 5 && zov_fileSetSize(file, 3) == 0 &&
-                  zov_fileSeek(file, 0, SEEK_SET) == 0 && zov_fileRead(file, back, 3) == 3 && strcmp(back, "thr") == 0);
-     }},
-    {"zov_flOpen zov_flLock zov_flSeekWrite zov_flSeek zov_flRead zov_flSize zov_flSetSize zov_flSync zov_flUnlock zov_flClose",
-     kInPlace, "a=one", "a=onetwo",
-     [](World &w) {
-       uint64_t file;
-       char back[7] = "";
-       if (zov_flOpen(w("a"), O_RDWR, 0, &file) != 0) {
-         return got(false);
-       }
-       const bool done = zov_flLock(file) == 0 && zov_flSeekWrite(file, 3, "twos", 4) == 4 && zov_flSize(file) == 7 &&
-                         zov_flSetSize(file, 6) == 0 && zov_flSync(file) == 0 && zov_flSeek(file, 0, SEEK_SET) == 0 &&
-                         zov_flRead(file, back, 6) == 6 && zov_flUnlock(file) == 0;
-       return got(zov_flClose(file) == 0 && done, strcmp(back, "onetwo") == 0);
      }},
     {"zov_fileOpenW", kJumps, "", "a=",
      [](World &w) { return got((w.file = zov_fileOpenW(w.wide("a"), O_RDWR | O_CREAT, 0)) != nullptr); }},
@@ -197,15 +152,6 @@ TEST(Sweep, Disk) {
     {"zov_fileRename", 0, "a=one", "b=one", [](World &w) { return zov_fileRename(w("a"), w("b")); }, {-1}},
     {"zov_fileRenameExW", 0, "a=one", "b=one", [](World &w) { return zov_fileRenameExW(w.wide("a"), 0, w.wide("b"), 0); },
      copyFails},
-    {"zov_fileCopy", kInPlace, "a=one", "a=one b=one", [](World &w) { return zov_fileCopy(w("a"), w("b")); }, copyFails},
-    {"zov_fileCopyW zov_fileCmpW zov_fileRenameW zov_fileMoveW zov_fileRemoveExW zov_fileCmpExW", kLitters, "a=one", "a=one",
-     [](World &w) {
-       const wchar_t *const a = w.wide("a");
-       const wchar_t *const b = w.wide("b");
-       int32_t status = zov_fileCopyW(a, b);
-       status = status != ZOV_OKAY ? status : zov_fileCmpW(a, b) | zov_fileCmpExW(a, 0, b, 0) | zov_fileMoveW(a, w.wide("c"));
-       return got(status == ZOV_OKAY && (zov_fileRenameW(w.wide("c"), a) | zov_fileRemoveExW(b, 0)) == 0);
-     }, {}, nullptr, nullptr, [](World &w) { w.put("a=one"), zov_fileRemove(w("b")), zov_fileRemove(w("c")); }},
     {"zov_fileCopyExW", kInPlace, "a=one", "a=one b=one",
      [](World &w) { return zov_fileCopyExW(w.wide("a"), 0, w.wide("b"), 0); }, copyFails},
     {"zov_fileCmp", 0, twoOfBlocks, twoOfBlocks, [](World &w) { return zov_fileCmp(w("a"), w("b")); }, cmpFails},
@@ -215,7 +161,6 @@ TEST(Sweep, Disk) {
        const int64_t length = zov_fileLengthStat(w("a"), 0);
        return got(length != -1 && zov_fileModTimeStat(w("a"), 0) != -1, length == 3);
      }},
-    {"zov_fileMove", 0, "a=one b=other", "b=one", [](World &w) { return zov_fileMove(w("a"), w("b")); }},
     {"zov_fileMoveExW", 0, "a=one b=other", "b=one", [](World &w) { return zov_fileMoveExW(w.wide("a"), 0, w.wide("b"), 0); }},
     {"zov_dirCreateAll", kJumps | kInPlace, "", "d/ d/e/ d/e/f/", [](World &w) { return zov_dirCreateAll(w("d/e/f")); }, dirFails},
     {"zov_dirCreateW", kJumps, "", "d/", [](World &w) { return zov_dirCreateW(w.wide("d")); }},
@@ -239,9 +184,9 @@ TEST(Sweep, Disk) {
        int32_t isDirectory = 0;
        return got(walk != nullptr && zov_flPathNext(walk, &isDirectory) != nullptr);
      }, {}, nullptr, nullptr, [](World &w) { zov_flPathClose(static_cast<ZOV_DISK_WALK>(w.other)); }},
-    {"zov_pathOpenExW zov_pathOpenW zov_pathNextW", 0, kDir, kDir,
+    {"zov_pathOpenW zov_pathNextW", 0, kDir, kDir,
      [](World &w) {
-       w.walk = w.walk == nullptr ? zov_pathOpenW(w.wide("d"), L"a") : zov_pathOpenExW(w.wide("d"), 0, L"a");
+       w.walk = zov_pathOpenW(w.wide("d"), L"a");
        int32_t isDirectory = 0;
        return got(w.walk != nullptr && zov_pathNextW(w.walk, &isDirectory) != nullptr);
      }},
@@ -285,6 +230,7 @@ const std::string fullNames = [] {
 }();
 const std::string longName = "/m/g" + std::string(60, 'n');
 const std::string manySegments(100 * 4096, 'd');
+constexpr uint32_t kSegmentsThere = 20 * 4096;
 
 TEST(Sweep, Memory) {
   const std::string full = "/m/a=one" + fullNames;
@@ -324,7 +270,6 @@ TEST(Sweep, Memory) {
      [](World &) { return zov_fileMoveEx("/m/a", kMem, "/m/n/a", kMem); }},
     {"zov_fileRemoveEx", kKeeps, "/m/a=one /m/b=other", "/m/b=other", [](World &) { return zov_fileRemoveEx("/m/a", kMem); },
      copyFails},
-    {"zov_mfRemove", kKeeps, "/m/a=one", "", [](World &) { return zov_mfRemove("/m/a"); }},
     {"zov_fileMoveEx", kKeeps, "/m/a=one /m/b=other", "/m/b=one",
      [](World &) { return zov_fileMoveEx("/m/a", kMem, "/m/b", kMem); }},
     {"zov_fileMoveEx", kKeeps, "/m/b=other", "/m/b=one", [](World &) { return zov_fileMoveEx("/n/a", kMem, "/m/b", kMem); }, {},
@@ -347,40 +292,34 @@ TEST(Sweep, Memory) {
        int32_t isDirectory = 0;
        return got(walk != nullptr && zov_mfPathNext(walk, &isDirectory) != nullptr && zov_mfPathNext(walk, &isDirectory) != nullptr);
      }, {}, nullptr, nullptr, [](World &w) { zov_mfPathClose(static_cast<ZOV_MEM_WALK>(w.other)); }},
-    // What is told to be written is there, whatever fails behind it.
-    {"zov_segOpen zov_segSeekWrite zov_segSetSize zov_segGetPtr zov_segRemove", kKeeps, "", "",
-     [](World &) {
-       ZOV_SEG file = zov_segOpen(zov_segNextId(), O_CREAT | O_TRUNC);
+    // A segment that cannot be opened is not made anew, and what is told to be written
+    // is there, whatever fails behind it.
+    {"zov_segOpen zov_segSeekRead zov_segSeekWrite zov_segSetSize zov_segGetPtr", kKeeps, "", "",
+     [](World &w) {
+       ZOV_SEG file = zov_segOpen(w.id, 0);
        if (file == nullptr) {
          return got(false);
        }
        const uint32_t size = static_cast<uint32_t>(manySegments.size());
-       const uint32_t written = zov_segSeekWrite(file, 0, manySegments.data(), size);
+       std::string back(size, '-');
+       const uint32_t there = zov_segSeekRead(file, 0, back.data(), kSegmentsThere);
+       const uint32_t written = zov_segSeekWrite(file, kSegmentsThere, manySegments.data(), size - kSegmentsThere);
        const bool cut = zov_segSeekWrite(file, 50u * size, "end", 3) == 3 && zov_segSetSize(file, 80u * size) == ZOV_OKAY;
-       std::string back(written, '-');
-       zov_segSeekRead(file, 0, back.data(), written);
-       const bool right = manySegments.compare(0, written, back) == 0;
+       const uint32_t kept = written == ZOV_IO_FAILED ? 0 : written;
+       zov_segSeekRead(file, kSegmentsThere, back.data() + kSegmentsThere, kept);
+       const bool right = there != kSegmentsThere || back.find_first_not_of('d') >= kSegmentsThere + kept;
        void *page = nullptr;
        zov_segLock(file);
        const bool pinned = zov_segGetPtr(file, 0, &page) == ZOV_OKAY;
        pinned ? zov_segReleasePtr(file, 0, page) : void();
        zov_segUnlock(file);
-       zov_segRemove(file);
-       return !right ? kWrong : got(written == size && cut && pinned);
-     }},
-    // A segment that cannot be opened is not made anew.
-    {"zov_segOpen zov_segSeekRead", kKeeps, "", "",
-     [](World &w) {
-       ZOV_SEG file = zov_segOpen(w.id, 0);
-       std::string back(20 * 4096, '-');
-       const bool all = file != nullptr && zov_segSeekRead(file, 0, back.data(), 20 * 4096) == 20 * 4096;
-       file != nullptr ? zov_segClose(file) : void();
-       return got(all, manySegments.compare(0, back.size(), back) == 0);
+       zov_segClose(file);
+       return right ? got(there + kept == size && cut && pinned) : kWrong;
      }, {}, nullptr,
      [](World &w) {
        w.id = zov_segNextId();
        ZOV_SEG file = zov_segOpen(w.id, O_CREAT);
-       zov_segSeekWrite(file, 0, manySegments.data(), 20 * 4096);
+       zov_segSeekWrite(file, 0, manySegments.data(), kSegmentsThere);
        zov_segClose(file);
      }},
     {"zov_shmCacheNextId zov_shmCacheOpenCtx zov_shmCacheCreate zov_shmCacheOpen zov_shmCacheGetPtr zov_shmCacheLock", kKeeps,
@@ -404,20 +343,6 @@ TEST(Sweep, Memory) {
        zov_shmCacheCloseCtx(context);
        return got(place != nullptr && root != nullptr, same == region);
      }, {}, nullptr, nullptr, [](World &w) { w.id != 0 ? zov_shmCacheRemoveCtx(w.id) : void(); }},
-    {"zov_shmNextId zov_shmOpenCtx zov_shmCreate zov_shmGetPtr zov_shmReleasePtr zov_shmLock zov_shmUnlock", 0, "", "",
-     [](World &w) {
-       w.id = zov_shmNextId();
-       ZOV_SHM_CTX context = w.id == 0 ? nullptr : zov_shmOpenCtx(w.id, O_CREAT, 64, nullptr);
-       if (context == nullptr || zov_shmLock(context) != ZOV_OKAY) {
-         return got(false);
-       }
-       zov_shmUnlock(context);
-       ZOV_SHM_REGION region = zov_shmCreate(context, 1, 0, 4096);
-       void *place = region == nullptr ? nullptr : zov_shmGetPtr(region);
-       place != nullptr ? zov_shmReleasePtr(region, place) : void();
-       region != nullptr ? zov_shmClose(region) : void();
-       return got(place != nullptr);
-     }, {}, nullptr, nullptr, [](World &w) { w.id != 0 ? zov_shmRemoveCtx(reinterpret_cast<ZOV_SHM_CTX>(w.id)) : void(); }},
   });
   // clang-format on
 }
