@@ -49,15 +49,14 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
   const struct {
     const char *path;
-    std::string onDisk;
-    std::string diskless;
+    std::string full;
   } rows[] = {
-      {nullptr, dir / "", "/"}, {"./", dir / "", "/"},         {"..", dir / "../", "/../"},
-      {"", dir / "", "/"},      {"/data", "/data/", "/data/"}, {"//x//", "//x//", "//x//"},
+      {nullptr, dir / ""}, {"./", dir / ""},    {"..", dir / "../"},
+      {"", dir / ""},      {"/data", "/data/"}, {"//x//", "//x//"},
   };
   EXPECT_EQ(taken(zov_currdir()), dir.path());
   for (const auto &row : rows) {
-    EXPECT_EQ(taken(zov_fullpath(row.path)), row.onDisk) << row.onDisk;
+    EXPECT_EQ(taken(zov_fullpath(row.path)), row.full) << row.full;
   }
   ASSERT_EQ(symlink("nowhere", "link"), 0);
   EXPECT_EQ(zov_pathIsLink("link"), 1);
@@ -66,10 +65,7 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   ASSERT_EQ(rmdir(dir.path().c_str()), 0);
   EXPECT_EQ(zov_fullpath("sub"), nullptr) << "relative to what is gone";
   zov_nodisk();
-  EXPECT_EQ(taken(zov_currdir()), "/");
-  for (const auto &row : rows) {
-    EXPECT_EQ(taken(zov_fullpath(row.path)), row.diskless) << row.onDisk;
-  }
+  EXPECT_EQ(taken(zov_fullpath("sub")), "/sub/");
 }
 
 }  // namespace

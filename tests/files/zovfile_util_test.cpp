@@ -6,7 +6,6 @@
 #include <dirent.h>
 
 #include <filesystem>
-#include <set>
 
 #include "support/faults.h"
 #include "support/route_file.h"
@@ -45,14 +44,12 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
     uint32_t writes;
   } rows[] = {
       {__LINE__, "", "abc", 0},
-      {__LINE__, blocks("abcd"), "", 1},
       {__LINE__, blocks(lots + "bc"), "", 3},
       {__LINE__, blocks(lots + "bcde"), blocks(lots + "bxdx"), 2},
       {__LINE__, blocks("abcd"), blocks("abcd"), 0},
       {__LINE__, blocks("abcd"), blocks("axxd"), 1},
       {__LINE__, blocks("abcd") + "tail", blocks("abcd") + "tails", 0},
       {__LINE__, blocks("abcd") + "tail", blocks("abcd") + "tal", 1},
-      {__LINE__, blocks("abcd"), blocks("ab") + "c", 1},
       {__LINE__, blocks("abcd"), blocks("a") + std::string(999, 'b') + blocks("!cd").substr(999),
        1},
   };
@@ -82,13 +79,6 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
   EXPECT_EQ(zov_fileCmp(from.c_str(), at("none").c_str()), ZOV_NOFILE2);
   EXPECT_EQ(zov_fileCmp(at("NONE").c_str(), at("none").c_str()), ZOV_OKAY)
       << "equal but for case is not looked at";
-}
-
-TEST_F(FileUtil, ArgumentsThatMakeNoSenseAreRefused) {
-  EXPECT_EQ(zov_fileRenameEx(at("from").c_str(), 0, "x", ZOV_FILE_MEMORY), ZOV_ERROR);
-  EXPECT_EQ(zov_fileCopy(nullptr, "x"), ZOV_ERROR);
-  EXPECT_EQ(zov_fileMoveW(L"x", nullptr), ZOV_ERROR);
-  EXPECT_EQ(zov_pathOpen(nullptr, "*"), nullptr);
 }
 
 TEST_F(FileUtil, DirectoryChainsAreCompleted) {
@@ -126,29 +116,24 @@ TEST_F(FileUtil, WideFormsConvertTheirPaths) {
   EXPECT_EQ(zov_dirMoveW(L"\x20AC", L"f"), ZOV_OKAY);
   EXPECT_TRUE(fileExists("f/4"));
   EXPECT_EQ(zov_fileRemoveW(L"\xD800"), ZOV_ERROR) << "not a character";
-
-  // The pattern counts characters as the matcher does; both one-letter names
-  // of the directory itself are there.
-  ZOV_PATH_WALK walk = zov_pathOpenW(L".", L"?");
-  int32_t isDirectory = 0;
-  std::set<std::wstring> names;
-  for (wchar_t *name = nullptr, *next; (next = zov_pathNextW(walk, &isDirectory)); name = next) {
-    names.insert(next);
-    zov_freeMem(name, ZOV_DEFAULT_TAG);
-  }
-  zov_pathClose(walk);
-  EXPECT_EQ(names, (std::set<std::wstring>{L".", L"f"}));
+  EXPECT_EQ(zov_fileMoveW(L"x", nullptr), ZOV_ERROR);
+  EXPECT_EQ(zov_fileCopy(nullptr, "x"), ZOV_ERROR);
+  EXPECT_EQ(zov_pathOpen(nullptr, "*"), nullptr);
 }
 
-// Where a step gives no name, the latest one stays the walk's.
+// The pattern counts characters as the matcher does. Where a step gives no name, the
+// latest one stays the walk's; those before are the caller's.
 TEST_F(FileUtil, WideWalksTellFailuresFromTheEnd) {
-  for (const char *name : {"/w/a", "/w/b", "/w/\xFF"}) {
+  for (const char *name : {"/w/a", "/w/b", "/w/\xC3\xA9", "/w/c", "/w/\xFF"}) {
     ASSERT_TRUE(zovtest::putFile(name, "", ZOV_FILE_MEMORY));
   }
   const int64_t before = zovtest::liveBlocks();
   ZOV_PATH_WALK walk = zov_pathOpenExW(L"/w", ZOV_FILE_MEMORY, L"?");
   int32_t isDirectory = 0;
-  EXPECT_STREQ(zov_pathNextW(walk, &isDirectory), L"a");
+  wchar_t *first = zov_pathNextW(walk, &isDirectory);
+  EXPECT_STREQ(first, L"a");
+  EXPECT_STREQ(zov_pathNextW(walk, &isDirectory), L"b");
+  zov_freeMem(first, ZOV_DEFAULT_TAG);
   {
     const Fault shortage(Call::allocation, 1, ENOMEM);
     EXPECT_EQ(zov_pathNextW(walk, &isDirectory), nullptr);
@@ -177,8 +162,6 @@ TEST_F(FileUtil, TemporaryNamesAreDistinct) {
   EXPECT_EQ(setenv("QEL_TMPDIR", "", 1), 0);
   EXPECT_EQ(std::string("pre") + stem + "1001.ext", made("pre", "ext"));
   unsetenv("QEL_TMPDIR");
-  zov_readonly = 1;  // no directory is writable
-  EXPECT_EQ(std::string("pre") + stem + "1002.ext", made("pre", "ext"));
 }
 
 }  // namespace
