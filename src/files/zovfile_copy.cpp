@@ -196,27 +196,26 @@ void makeOnDisk(Destination &to) {
 }
 
 // Opens the destination of a copy, which is made if it is missing.
-bool openDestination(Destination &to, const char *path, uint32_t typeFlags) {
+bool openDestination(Destination &to, const Place &place) {
   constexpr uint32_t kCreate = O_RDWR | O_CREAT;
-  to.typeFlags = typeFlags;
-  to.file = zov_fileOpen(path, O_RDWR, typeFlags);
-  if (to.file != nullptr || errno != ENOENT || !copyPath(path, to.path)) {
+  to.typeFlags = place.typeFlags;
+  to.file = zov_fileOpen(place.path, O_RDWR, place.typeFlags);
+  if (to.file != nullptr || errno != ENOENT || !copyPath(place.path, to.path)) {
     return to.file != nullptr;
   }
-  if (isInMemory(typeFlags)) {
-    to.file = zov_fileOpen(path, kCreate, typeFlags);
+  if (isInMemory(place)) {
+    to.file = zov_fileOpen(place.path, kCreate, place.typeFlags);
   } else {
     makeOnDisk(to);
   }
   to.made = to.file != nullptr;
   if (!to.made && errno == EEXIST) {
-    to.file = zov_fileOpen(path, O_RDWR, typeFlags);  // another thread was faster
+    to.file = zov_fileOpen(place.path, O_RDWR, place.typeFlags);  // another thread was faster
   }
   return to.file != nullptr;
 }
 
-// Copies into an open destination, and gives one that was made its permission
-// bits.
+// Copies into an open destination, and gives one that was made its permission bits.
 int32_t fillDestination(ZOV_FILE from, const Destination &to) {
   const int32_t status = withPieces(from, to.file, ZOV_ERROR, _fileCopy);
   return status == ZOV_OKAY && to.made ? passModeOn(*from, *to.file, nullptr) : status;
@@ -247,6 +246,21 @@ int32_t closeMade(const Destination &to, int32_t status) {
     close(second);
   }
   return status == ZOV_OKAY && !(isWhole && closed) ? ZOV_ERROR : status;
+}
+
+int32_t copyPlace(const Place &from, const Place &to) {
+  const ZOV_FILE source = openSource(from);
+  if (source == nullptr) {
+    return ZOV_ERROR;
+  }
+  int32_t status = ZOV_ERROR;
+  Destination destination = {};
+  if (openDestination(destination, to)) {
+    status = fillDestination(source, destination);
+    status = destination.made ? closeMade(destination, status) : closeKept(destination, status);
+  }
+  zov_fileClose(source);
+  return status;
 }
 
 // The status that gives bits and group to a copy of a file on disk.
@@ -285,16 +299,16 @@ bool isSamePath(const Place &first, const Place &second) {
 // The kind is asked before the file is opened, since opening a device may have an
 // effect and opening a fifo waits; and again afterwards, since the name may have
 // come to lead elsewhere.
-ZOV_FILE openSource(const char *path, uint32_t typeFlags) {
-  if (isInMemory(typeFlags) || standardStream(path) >= 0) {
-    return zov_fileOpen(path, O_RDONLY, typeFlags);
+ZOV_FILE openSource(const Place &place) {
+  if (isInMemory(place) || standardStream(place.path) >= 0) {
+    return zov_fileOpen(place.path, O_RDONLY, place.typeFlags);
   }
   struct stat state;
-  if (stat(path, &state) != 0 || !S_ISREG(state.st_mode)) {
+  if (stat(place.path, &state) != 0 || !S_ISREG(state.st_mode)) {
     return nullptr;
   }
   ZOV_FILE file = nullptr;
-  fileOpenPlain(path, typeFlags, state, file);
+  fileOpenPlain(place.path, place.typeFlags, state, file);
   return file;
 }
 
@@ -337,23 +351,13 @@ int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *des
   if (source == nullptr || destination == nullptr) {
     return ZOV_ERROR;
   }
-  if (zov::isInMemory(sourceFlags) &&
-      zov::isSamePath({source, sourceFlags}, {destination, destinationFlags})) {
+  const zov::Place from = {source, sourceFlags};
+  const zov::Place to = {destination, destinationFlags};
+  if (zov::isInMemory(from) && zov::isSamePath(from, to)) {
     return ZOV_OKAY;
   }
   const zov::NoJump noJump;
-  const ZOV_FILE from = zov::openSource(source, sourceFlags);
-  if (from == nullptr) {
-    return ZOV_ERROR;
-  }
-  int32_t status = ZOV_ERROR;
-  zov::Destination to = {};
-  if (zov::openDestination(to, destination, destinationFlags)) {
-    status = zov::fillDestination(from, to);
-    status = to.made ? zov::closeMade(to, status) : zov::closeKept(to, status);
-  }
-  zov_fileClose(from);
-  return status;
+  return zov::copyPlace(from, to);
 }
 
 int32_t zov_fileCmp(const char *first, const char *second) {

@@ -106,7 +106,7 @@ int32_t narrow(const char *made, const struct stat &source) {
 }
 
 // Makes a directory on disk for the files of another, which may be missing.
-// ZOV_EXISTS is no failure: another thread was faster.
+// ZOV_EXISTS is no failure: the path ends in a slash, or another thread was faster.
 int32_t makeDestination(const Place &source, const char *path) {
   struct stat state;
   const bool hasModel = !isInMemory(source) && stat(source.path, &state) == 0;

@@ -145,7 +145,7 @@ int32_t replaceInMemory(ZOV_FILE source, const Place &to) {
 // another file otherwise.
 int32_t moveByCopy(const Place &from, const Place &to) {
   const NoJump noJump;
-  const ZOV_FILE source = openSource(from.path, from.typeFlags);
+  const ZOV_FILE source = openSource(from);
   if (source == nullptr) {
     return ZOV_ERROR;
   }

@@ -103,7 +103,7 @@ bool isSamePath(const Place &first, const Place &second);
 
 // Opens what is to be copied, to read: a plain file, a file in memory or a
 // standard stream. Anything else is refused before it is opened.
-ZOV_FILE openSource(const char *path, uint32_t typeFlags);
+ZOV_FILE openSource(const Place &place);
 
 // Copies an open file over another, and makes sure that the source still ends
 // where it ended when the copy began.
