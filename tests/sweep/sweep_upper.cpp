@@ -68,13 +68,6 @@ TEST(Sweep, Text) {
      }, openFails, "a=(Out of memory.*\n)?"},
     {"zov_log_open", 0, "", "a=", [](World &w) { return zov_log_open(w("a")); }, openFails, nullptr, inBackground, closeLog},
     {"zov_log_create", kJumps, "", "a=", [](World &w) { return zov_log_create(w("."), "/a"); }, {}, "", inBackground, closeLog},
-    {"zov_log_chunk_init zov_log_chunk zov_log_chunk_end", 0, "", "",
-     [](World &) {
-       ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
-       const int32_t taken = chunk == nullptr ? -1 : zov_log_chunk(chunk, "%600s", "piece");
-       chunk != nullptr ? zov_log_chunk_end(chunk, "end\n") : void();
-       return got(taken == 600);
-     }, {}, nullptr, inBackground, closeLog},
   });
   // clang-format on
 }
@@ -86,12 +79,6 @@ TEST(Sweep, Ini) {
   const std::vector<int32_t> fails = {ZOV_INI_NOFILE, ZOV_INI_NOTREPLACED, ZOV_INI_NOMEMORY};
   // clang-format off
   sweep("ini", {
-    {"zov_iniGetW", 0, old, old,
-     [](World &w) {
-       wchar_t out[9] = L"";
-       const int32_t status = zov_iniGetW(w.wide("a.ini"), L"S", L"ab", out, 9);
-       return status != ZOV_OKAY ? status : got(true, wcscmp(out, L"1") == 0);
-     }, fails, nullptr, nullptr, forget},
     {"zov_iniGetEx", kKeeps, "/m/" + old, "/m/" + old,
      [](World &w) {
        const int32_t status = zov_iniGetEx("/m/a.ini", "S", "cd", w.room, sizeof w.room, kMem);
