@@ -88,6 +88,8 @@ TEST_F(Heap, LocksAreForContextsInUse) {
   EXPECT_EQ(zov_shmLock(context), ZOV_OKAY);
   zov_shmUnlock(context);
   EXPECT_EQ(zovtest::standing().slots, slots);
+  zov_shmRemoveCtx(context);
+  EXPECT_EQ(zovtest::standing().slots, slots - 1);
 }
 
 TEST_F(Heap, AnIndexThatCannotGrowIsNotReported) {
