@@ -86,7 +86,7 @@ TEST_F(Cache, RegionReleasedLastMakesRoom) {
   };
   pinUpTo(400);
   release({4, 5, 6, 7, 8, 9});
-  for (uint32_t again : {4, 7, 9, 9}) {
+  for (uint32_t again : {4u, 7u, 9u, 9u}) {
     zov_shmCacheGetPtr(regions[again]);
   }
   release({9, 9});
