@@ -41,7 +41,6 @@ ROWS = [
     ("g.y", "%token A 40000\n" + LIST, [], "the token PLUS has the number 40003, at most", None),
     ("g.xml", WIDE, [], "too large a grammar: more than 32767 table entries", None),
     ("9lives.y", LIST, [], "prefix, '9lives', is no C identifier; give one with -p", None),
-    ("g.y", LIST, ["-p", ""], "prefix, '', is no C identifier", None),
     ("g.y", LIST, ["-o", ""], "output, '', names no file", None),
     ("no.y", None, [], "no.y: cannot open.*zov-tables: bison refused no.y", None),
     ("g.xml", XML[:len(XML) // 2], [], "g.xml is no automaton of bison's: ", None),

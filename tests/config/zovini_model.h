@@ -7,6 +7,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -109,17 +110,14 @@ inline std::string modelSet(const std::string &text, const std::string &section,
     return strchr(kIniWhite, line[0]) && line[0];
   };
   const auto isNamed = [&](const std::string &line) {
-    return lower(line.substr(0, line.find('='))) == lower(name);
+    return !isWhite(line) && lower(line.substr(0, line.find('='))) == lower(name);
   };
   std::vector<std::string> lines = linesOf(text);
   const std::string header = lower("[" + section + "]");
   const auto isHeader = [&](const std::string &line) {
     return lower(line.substr(0, line.find(']') + 1)) == header;
   };
-  size_t begin = 0;
-  while (begin < lines.size() && !isHeader(lines[begin])) {
-    ++begin;
-  }
+  const size_t begin = static_cast<size_t>(std::ranges::find_if(lines, isHeader) - lines.begin());
   const std::string pair =
       name == nullptr || value == nullptr ? "" : std::string(name) + "=" + value + "\n";
   if (begin == lines.size()) {
@@ -129,28 +127,24 @@ inline std::string modelSet(const std::string &text, const std::string &section,
   while (end < lines.size() && lines[end][0] != '[') {
     ++end;
   }
+  size_t at = name == nullptr ? end : begin + 1;
   std::string result;
-  for (size_t at = 0; at < begin + (name == nullptr ? 0 : 1); ++at) {
-    result += lines[at];
-  }
+  std::for_each_n(lines.begin(), name == nullptr ? begin : at, [&](auto &line) { result += line; });
   std::string held;
-  size_t at = begin + 1;
-  for (; name != nullptr && at < end; ++at) {
+  for (; at < end && (pair.empty() || !isNamed(lines[at])); ++at) {
     if (isWhite(lines[at])) {
       held += pair.empty() ? "" : "\n";
     } else if (!isNamed(lines[at])) {
       result += std::exchange(held, "") + lines[at];
-    } else if (!pair.empty()) {
-      break;
     }
   }
-  at = name == nullptr ? end : at;
-  const bool replaces = at < end;
-  result += replaces       ? held + pair
-            : pair.empty() ? ""
-                           : (at < lines.size() || result.back() == '\n' ? "" : "\n") + pair +
-                                 (at < lines.size() ? held : "");
-  for (at += replaces ? 1 : 0; at < lines.size(); ++at) {
+  if (at < end) {
+    result += held + pair;
+    ++at;
+  } else if (!pair.empty()) {
+    result += at < lines.size() ? pair + held : (result.back() == '\n' ? "" : "\n") + pair;
+  }
+  for (; at < lines.size(); ++at) {
     result += lines[at];
   }
   return result;

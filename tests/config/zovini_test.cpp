@@ -287,8 +287,8 @@ TEST_P(IniOnDisk, WaitsForACopyInUse) {
 }
 
 // The copy is its owner's alone until it is whole, and synced before it has its
-// place. Who may give neither owner nor
-// group makes a file that nobody may read who could not before.
+// place. A process that may give neither owner nor group makes a file that nobody may
+// read who could not before.
 TEST_P(IniOnDisk, NobodyMayReadMoreThanBefore) {
   const bool isRoot = geteuid() == 0;
   const uid_t owner = isRoot ? 1234 : geteuid();
@@ -342,9 +342,6 @@ TEST_P(Ini, WideFormsConvert) {
     wmemset(out, L'#', 8);
     return zov_iniStringExW(wide, L"S", name, out, size, flags);
   };
-  const auto setWide = [&](const wchar_t *text) {
-    return zov_iniSetExW(wide, L"S", L"ab", text, flags);
-  };
   fill("[S]\n\xC3\xA9t=\xC3\xA9t\xC3\xA9\nab=12\nbad=\xE9\n");
   EXPECT_EQ(getWide(L"\u00E9t", 3), ZOV_OKAY);
   EXPECT_EQ(std::wstring(out, 4), L"\u00E9t\0#"s);
@@ -356,9 +353,9 @@ TEST_P(Ini, WideFormsConvert) {
   EXPECT_STREQ(out, L"12");
   EXPECT_EQ(zov_iniInt32ExW(wide, L"S", L"ab", &number, flags), ZOV_OKAY);
   EXPECT_EQ(number, 12);
-  EXPECT_EQ(setWide(L"\u00E9"), ZOV_OKAY);
+  EXPECT_EQ(zov_iniSetExW(wide, L"S", L"ab", L"\u00E9", flags), ZOV_OKAY);
   EXPECT_EQ(value("S", "ab"), "\xC3\xA9");
-  EXPECT_EQ(setWide(nullptr), ZOV_INI_NOMEMORY);
+  EXPECT_EQ(zov_iniSetExW(wide, L"S", L"ab", nullptr, flags), ZOV_INI_NOMEMORY);
 }
 
 TEST_P(IniOnDisk, StopsAtItsLimits) {
