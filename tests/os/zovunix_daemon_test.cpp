@@ -91,7 +91,7 @@ std::string factsOf(int32_t descriptor) {
 }
 
 // Runs a launcher and gives "status: output". The output ends only when the
-// server has let go of it too. No server survives, a child of the test by then.
+// server has let go of it too. No process survives, all children of the test by then.
 std::string resultOf(void (*prepare)(), void (*serve)(int32_t), bool serverFirst) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   void *shared =
@@ -118,7 +118,8 @@ std::string resultOf(void (*prepare)(), void (*serve)(int32_t), bool serverFirst
   const pid_t server = meeting->server;
   if (server > 0 && waitpid(server, nullptr, WNOHANG) == 0) {
     kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
+  }
+  while (wait(nullptr) > 0) {
   }
   return std::to_string(WEXITSTATUS(status)) + ": " + output;
 }

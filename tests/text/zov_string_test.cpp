@@ -5,6 +5,7 @@
 #include <locale.h>
 
 #include <limits>
+#include <numeric>
 
 #include "support/test.h"
 
@@ -13,10 +14,8 @@ namespace {
 TEST(Case, ConvertsWhatTheLocaleClassifies) {
   EXPECT_TRUE(strupr(nullptr) == nullptr && strlwr(nullptr) == nullptr);
   EXPECT_TRUE(wcsupr(nullptr) == nullptr && wcslwr(nullptr) == nullptr);
-  std::string bytes;
-  for (int byte = 1; byte < 256; ++byte) {
-    bytes.push_back(static_cast<char>(byte));
-  }
+  std::string bytes(255, '\1');
+  std::iota(bytes.begin(), bytes.end(), '\1');
   std::string upper = bytes;
   std::string lower = bytes;
   EXPECT_EQ(strupr(upper.data()), upper.data());
