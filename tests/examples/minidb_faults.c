@@ -67,7 +67,6 @@ FAULT(ssize_t, write, write, (int f, const void *b, size_t n), (f, b, n), &n, -1
 FAULT(ssize_t, send, send, (int f, const void *b, size_t n, int o), (f, b, n, o), &n, -1)
 FAULT(ssize_t, recv, recv, (int f, void *b, size_t n, int o), (f, b, n, o), &n, -1)
 FAULT(int, fsync, fsync, (int f), (f), NULL, -1)
-FAULT(int, ftruncate, ftruncate, (int f, off_t n), (f, n), NULL, -1)
 FAULT(int, fstat, stat, (int f, struct stat *s), (f, s), NULL, -1)
 FAULT(int, stat, stat, (const char *restrict p, struct stat *restrict s), (p, s), NULL, -1)
 FAULT(int, rename, rename, (const char *p, const char *q), (p, q), NULL, -1)

@@ -122,9 +122,7 @@ bool isOwnFile(const Database &database, const char *path) {
   bool isOwn = isStoreFile(*database.store, path) || isSameFile(path, settings.path) ||
                isSameFile(path, settings.text[kLog]);
   for (const char *suffix : {"", ".pid", ".lock"}) {
-    char own[kSettingBytes + 8];
-    zov_snprintf(own, sizeof own, "%s%s", settings.text[kSocket], suffix);
-    isOwn = isOwn || isSameFile(path, own);
+    isOwn = isOwn || isSameFile(path, besideSocket(settings, suffix).path);
   }
   return isOwn;
 }

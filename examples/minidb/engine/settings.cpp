@@ -107,6 +107,12 @@ const char *nameOf(Setting setting) {
   return kKnown[setting].name;
 }
 
+Beside besideSocket(const Settings &settings, const char *suffix) {
+  Beside beside;
+  zov_snprintf(beside.path, sizeof beside.path, "%s%s", settings.text[kSocket], suffix);
+  return beside;
+}
+
 bool writeSettings(const char *path) {
   Draft draft;
   if (!openDraft(draft, path)) {

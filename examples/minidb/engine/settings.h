@@ -23,6 +23,12 @@ int32_t numberOf(const Settings &settings, Setting setting);
 char separatorOf(const Settings &settings);
 const char *nameOf(Setting setting);
 
+// The path of what a server has beside its socket: ".pid" or ".lock"; "" for the socket.
+struct Beside {
+  char path[kSettingBytes + 8];
+};
+Beside besideSocket(const Settings &settings, const char *suffix);
+
 // Makes the file, with what settings are at first.
 bool writeSettings(const char *path);
 

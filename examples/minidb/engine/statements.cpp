@@ -105,7 +105,8 @@ Outcome find(Session &session, const Statement &statement, Search &search) {
   search.most = UINT64_MAX;
   if (statement.most.bytes != nullptr) {
     search.most = strtoull(statement.most.bytes, nullptr, 10);
-    if (strspn(statement.most.bytes, "0123456789") != statement.most.length) {
+    if (statement.most.length == 0 ||
+        strspn(statement.most.bytes, "0123456789") != statement.most.length) {
       return refuse(session, "the limit is no number:", statement.most.bytes);
     }
   }

@@ -25,18 +25,8 @@ struct Server {
   int32_t launcher = -1;  // descriptor to report to
 };
 
-struct Beside {
-  char path[minidb::kSettingBytes + 8];
-};
-
-Beside besideSocket(const Settings &settings, const char *suffix) {
-  Beside beside;
-  zov_snprintf(beside.path, sizeof beside.path, "%s%s", settings.text[minidb::kSocket], suffix);
-  return beside;
-}
-
 bool lockSocket(Server &server, const Settings &settings) {
-  const Beside lock = besideSocket(settings, ".lock");
+  const minidb::Beside lock = besideSocket(settings, ".lock");
   server.lock = zov_fileOpen(lock.path, O_RDWR | O_CREAT | O_NOFOLLOW, 0);
   if (server.lock == nullptr) {
     return failedAt("create", lock.path);

@@ -130,8 +130,8 @@ bool transferAll(Transfer transfer, ZOV_FILE file, int64_t offset, Byte *at, uin
 bool isSameInode(const char *path, const char *other) {
   struct stat first;
   struct stat second;
-  return stat(path, &first) == 0 && stat(other, &second) == 0 &&
-         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+  return stat(path, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
 }
 
 // The name at the end of a path, and the path of its directory.

@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-
 namespace minidb {
 
 namespace {
