@@ -35,6 +35,12 @@ install(FILES
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/tools/zov-tables
   DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Development)
 
+# The commands for gdb, which looks for them by the place of the library.
+install(FILES ${PROJECT_SOURCE_DIR}/tools/gdb/zov-gdb.py
+  RENAME libzov.so.${PROJECT_VERSION}-gdb.py
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}
+  COMPONENT Development)
+
 # pkg-config zov
 set(ZOV_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH ZOV_PC_PREFIX

@@ -18,7 +18,7 @@ JOBS=$(nproc)
 # on the machine beyond what a minimal Debian 12 holds.
 declare -A PACKAGES=(
   [build]="cmake g++ ninja-build"
-  [test]="bison libedit-dev libgtest-dev python3"
+  [test]="bison gdb libedit-dev libgtest-dev python3"
   [bench]="libbenchmark-dev libglib2.0-dev libicu-dev liblmdb-dev libsqlite3-dev libtirpc-dev pkg-config"
   [counts]="valgrind"
   [report]="gnuplot-nox"
