@@ -8,6 +8,8 @@
 #include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,9 +107,31 @@ int32_t narrow(const char *made, const struct stat &source) {
   return isGiven ? ZOV_OKAY : ZOV_ERROR;
 }
 
-// Makes a directory on disk for the files of another, which may be missing.
-// ZOV_EXISTS is no failure: the path ends in a slash, or another thread was faster.
-int32_t makeDestination(const Place &source, const char *path) {
+// Makes a directory on disk with those above it, and syncs each that got a new
+// entry: a crash that takes the directory away would take along files whose sources
+// are removed. ZOV_EXISTS is no failure: the path ends in a slash, or another thread
+// was faster.
+int32_t makeSynced(const Place &place) {
+  char level[PATH_MAX];
+  char above[PATH_MAX];
+  char there[PATH_MAX];  // the start of the path that leads to something
+  if (!copyPath(place.path, there) || !copyPath(place.path, level)) {
+    return ZOV_ERROR;
+  }
+  while (isMissing(there) && copyPath(there, above) && parentOf(above, there)) {
+  }
+  const int32_t status = zov_dirCreateAll(place.path);
+  bool isSafe = isMadeOrThere(status);
+  while (isSafe && strcmp(level, there) != 0) {
+    isSafe = parentOf(level, above) && syncDirectoryOf(level, place.typeFlags) == ZOV_OKAY &&
+             copyPath(above, level);
+  }
+  return isSafe || !isMadeOrThere(status) ? status : ZOV_ERROR;
+}
+
+// Makes a directory on disk for the files of another, which may be missing. The
+// status is that of makeSynced().
+int32_t makeDestination(const Place &source, const Place &destination) {
   struct stat state;
   const bool hasModel = !isInMemory(source) && stat(source.path, &state) == 0;
   if (!isInMemory(source) && !hasModel && !isMissing(source.path)) {
@@ -116,12 +140,12 @@ int32_t makeDestination(const Place &source, const char *path) {
   if (hasModel) {
     state.st_mode = passableMode(source.path, state.st_mode);
   }
-  const int32_t status = zov_dirCreateAll(path);
-  if (!isMadeOrThere(status) || !hasModel || narrow(path, state) == ZOV_OKAY) {
-    return status;
+  const int32_t status = makeSynced(destination);
+  if (isMadeOrThere(status) && hasModel && narrow(destination.path, state) != ZOV_OKAY) {
+    zov_dirRemove(destination.path);
+    return ZOV_ERROR;
   }
-  zov_dirRemove(path);
-  return ZOV_ERROR;
+  return status;
 }
 
 // A destination in memory is made with its first file.
@@ -130,7 +154,7 @@ int32_t prepareDestination(const Place &source, const Place &destination) {
   if (isInMemory(destination) || look(destination, isDirectory) == ZOV_OKAY) {
     return ZOV_OKAY;
   }
-  const int32_t status = makeDestination(source, destination.path);
+  const int32_t status = makeDestination(source, destination);
   if (!isMadeOrThere(status)) {
     return status;
   }

@@ -9,8 +9,8 @@
 #include <map>
 #include <optional>
 
+#include "support/crash.h"
 #include "support/faults.h"
-#include "support/replace.h"
 #include "support/temp_dir.h"
 
 namespace zovtest {
@@ -101,15 +101,10 @@ Records merged(Records records, const Records &others) {
   return records;
 }
 
-// A directory where syncing costs nothing.
-const char *parentDirectory() {
-  return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : nullptr;
-}
-
 class StoreTest : public Started {
  protected:
   std::string at(const std::string &name) const { return dir / name; }
-  const TempDir dir{parentDirectory()};
+  const TempDir dir{quickDisk()};
 };
 
 // --- The model -----------------------------------------------------------
@@ -257,110 +252,13 @@ TEST_F(StoreTest, IsOneFileForOneWriterByAnyName) {
 
 // --- A disk that forgets -------------------------------------------------
 
-struct Event {
-  enum Kind : uint8_t { kCreate, kRename, kRemove, kWrite, kSync } kind;
-  uint64_t file;  // 0 for the directory
-  std::string name;
-  std::string newName;  // or the bytes of a write
-  int64_t offset = 0;
-  size_t kept = 0;  // commits that the store had said to be kept by then
-};
-
-// Which file has a name in the directory, whose own is empty.
-struct Names : std::map<std::string, uint64_t> {
-  void apply(const Event &event) {
-    if (event.kind == Event::kCreate) {
-      (*this)[event.name] = event.file;
-    } else if (event.kind == Event::kRename) {
-      (*this)[event.newName] = (*this)[event.name];
-    }
-    if (event.kind == Event::kRename || event.kind == Event::kRemove) {
-      erase(event.name);
-    }
-  }
-};
-
-std::string nameOf(const char *path) {
-  return std::filesystem::path(path).filename();
-}
-
-// What the store did.
-struct Recorder {
-  std::vector<Event> events;
-  Names names = {{{"", 0}}};
-  std::map<ZOV_FILE, uint64_t> files;
-  size_t commits = 0;
-
-  void add(Event event) {
-    event.kept = commits;
-    names.apply(event);
-    events.push_back(std::move(event));
-  }
-
-  void open(ZOV_FILE file, const char *path, uint32_t type) {
-    files.erase(file);  // of one that was closed
-    if (type == 0 && !names.contains(nameOf(path))) {
-      add({Event::kCreate, events.size() + 1, nameOf(path), {}});
-    }
-    if (type == 0) {
-      files[file] = names[nameOf(path)];
-    }
-  }
-};
-Recorder *recorder = nullptr;
-
-// A disk: what is safe on it, and what was not synced.
-struct Disk {
-  std::map<uint64_t, std::string> contents;
-  Names names;
-  std::vector<Event> unsynced;
-
-  // Applies a change, or with `tear` any parts of a write.
-  void apply(const Event &event, Random *tear) {
-    names.apply(event);
-    std::string &content = contents[event.file];
-    for (size_t at = 0; event.kind == Event::kWrite && at < event.newName.size(); at += 64) {
-      const size_t offset = static_cast<size_t>(event.offset) + at;
-      if (tear == nullptr || tear->below(2) == 0) {
-        content.resize(std::max(content.size(), offset + 64));
-        content.replace(offset, 64, event.newName, at, 64);
-      }
-    }
-  }
-
-  void take(const Event &event) {
-    if (event.kind != Event::kSync) {
-      unsynced.push_back(event);
-      return;
-    }
-    std::erase_if(unsynced, [&](const Event &old) {
-      const bool synced = (old.kind == Event::kWrite ? old.file : 0) == event.file;
-      if (synced) {
-        apply(old, nullptr);
-      }
-      return synced;
-    });
-  }
-
-  // Keeps of what was not synced nothing (0), all (1), or any parts of writes and the first of
-  // the changed names.
-  void crash(int how, Random &random) {
-    size_t left = how == 0 ? 0 : how == 1 ? SIZE_MAX : random.below(3);
-    for (const Event &event : unsynced) {
-      if (event.kind == Event::kWrite ? how != 0 : left > 0 && left-- > 0) {
-        apply(event, how == 1 ? nullptr : &random);
-      }
-    }
-  }
-};
-
 // Creates a database, commits, loads, compacts and commits again; `states` are the
 // records after each commit.
-void runRecorded(const std::string &path, std::vector<Records> &states) {
+void runRecorded(const std::string &path, std::vector<Records> &states, size_t &commits) {
   const auto commit = [&](minidb::Store *store, const Records &records, Mode mode) {
     states.push_back(merged(states.back(), records));
     ASSERT_EQ(put(store, records, mode), Status::kOkay) << minidb::problem();
-    ++recorder->commits;
+    ++commits;
   };
   for (int round = 0; round < 2; ++round) {
     Database database(path);
@@ -377,38 +275,19 @@ void runRecorded(const std::string &path, std::vector<Records> &states) {
 }
 
 TEST_F(StoreTest, SurvivesCrashes) {
-  Random random;
   std::vector<Records> states(1);
-  Recorder recorded;
-  recorder = &recorded;
-  runRecorded(at("data"), states);
-  recorder = nullptr;
+  Recorder recorded(dir.path());
+  runRecorded(at("data"), states, recorded.done);
   ASSERT_GT(recorded.events.size(), 150u);
-  Disk disk;
-  for (size_t count = 0; count <= recorded.events.size(); ++count) {
-    if (count > 0) {
-      disk.take(recorded.events[count - 1]);
-    }
-    const bool inWrites = count > 0 && recorded.events[count - 1].kind == Event::kWrite;
-    const int last = inWrites ? static_cast<int>(count % 3) : 4;
-    for (int how = inWrites ? last : 0; how <= last; ++how) {
-      SCOPED_TRACE(std::to_string(count) + " calls, crash " + std::to_string(how));
-      const TempDir after(parentDirectory());
-      Disk crashed = disk;
-      crashed.crash(how, random);
-      for (const auto &[name, file] : crashed.names) {
-        writeFile(after / name, crashed.contents[file]);
-      }
-      Database database(after / "data");
-      ASSERT_EQ(database.status, Status::kOkay) << minidb::problem();
-      const Records records = recordsOf(database.store);
-      const size_t kept = count == 0 ? 0 : recorded.events[count - 1].kept;
-      ASSERT_TRUE(records == states[kept] ||
-                  (kept + 1 < states.size() && records == states[kept + 1]));
-      ASSERT_EQ(put(database.store, {{"again", "1"}}), Status::kOkay) << minidb::problem();
-      ASSERT_FALSE(fileExists(after / "data.new"));
-    }
-  }
+  recorded.eachCrash([&](const std::string &after, size_t kept) {
+    Database database(after + "/data");
+    ASSERT_EQ(database.status, Status::kOkay) << minidb::problem();
+    const Records records = recordsOf(database.store);
+    ASSERT_TRUE(records == states[kept] ||
+                (kept + 1 < states.size() && records == states[kept + 1]));
+    ASSERT_EQ(put(database.store, {{"again", "1"}}), Status::kOkay) << minidb::problem();
+    ASSERT_FALSE(fileExists(after + "/data.new"));
+  });
 }
 
 // --- Calls that fail -----------------------------------------------------
@@ -457,42 +336,3 @@ TEST_F(StoreTest, LosesNothingWhenCallsFail) {
 }  // namespace
 
 }  // namespace zovtest
-
-using zovtest::Event;
-using zovtest::nameOf;
-using zovtest::recorder;
-
-REPLACE(ZOV_FILE, zov_fileOpen, (const char *path, uint32_t flags, uint32_t type), {
-  ZOV_FILE file = __real_zov_fileOpen(path, flags, type);
-  if (recorder != nullptr && file != nullptr) {
-    recorder->open(file, path, type);
-  }
-  return file;
-})
-REPLACE(uint32_t, zov_fileSeekWrite,
-        (ZOV_FILE file, int64_t offset, const void *from, uint32_t length), {
-          if (recorder != nullptr && recorder->files.contains(file)) {
-            const std::string bytes(static_cast<const char *>(from), length);
-            recorder->add({Event::kWrite, recorder->files[file], {}, bytes, offset});
-          }
-          return __real_zov_fileSeekWrite(file, offset, from, length);
-        })
-REPLACE(int32_t, zov_fileSync, (ZOV_FILE file), {
-  const int32_t status = __real_zov_fileSync(file);
-  if (recorder != nullptr && status == ZOV_OKAY && recorder->files.contains(file)) {
-    recorder->add({Event::kSync, recorder->files[file], {}, {}});
-  }
-  return status;
-})
-REPLACE(int32_t, zov_fileRename, (const char *from, const char *to), {
-  if (recorder != nullptr) {
-    recorder->add({Event::kRename, 0, nameOf(from), nameOf(to)});
-  }
-  return __real_zov_fileRename(from, to);
-})
-REPLACE(int32_t, zov_fileRemove, (const char *path), {
-  if (recorder != nullptr) {
-    recorder->add({Event::kRemove, 0, nameOf(path), {}});
-  }
-  return __real_zov_fileRemove(path);
-})

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include "support/crash.h"
 #include "support/replace.h"
 
 namespace zovtest {
@@ -33,6 +34,10 @@ void *counted(void *block) {
 int failed(const Fault::Verdict &verdict) {
   errno = verdict.error;
   return -1;
+}
+
+std::string bytesOf(const void *from, ssize_t count) {
+  return {static_cast<const char *>(from), static_cast<size_t>(count)};
 }
 
 std::nullptr_t failedNull(const Fault::Verdict &verdict) {
@@ -107,8 +112,10 @@ Standing standing() {
 
 }  // namespace zovtest
 
+using zovtest::bytesOf;
 using zovtest::Call;
 using zovtest::counted;
+using zovtest::Event;
 using zovtest::failed;
 using zovtest::failedNull;
 using zovtest::Fault;
@@ -124,6 +131,18 @@ using zovtest::madeUpNow;
     return verdict.fails ? failure : __real_##name arguments; \
   })
 
+// A call that fails with -1. What it did goes into the record where there is one:
+// `what` is its kind, path or descriptor, and bytes.
+#define RECORDED(Result, name, parameters, arguments, ...)                           \
+  REPLACE(Result, name, parameters, {                                                \
+    const Fault::Verdict verdict = Fault::ask(Call::name);                           \
+    const Result result = verdict.fails ? failed(verdict) : __real_##name arguments; \
+    if (result >= 0 && zovtest::recorder != nullptr) {                               \
+      zovtest::recorder->add(Event::__VA_ARGS__);                                    \
+    }                                                                                \
+    return result;                                                                   \
+  })
+
 // Sizes that no allocator can serve must fail under the sanitizers as they do
 // without, and not end the program.
 extern "C" const char *__asan_default_options();
@@ -136,21 +155,21 @@ extern "C" const char *__tsan_default_options() {
 }
 
 // clang-format off
-FAULT(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode), failed(verdict))
+RECORDED(int, open, (const char *path, int flags, mode_t mode), (path, flags, mode), kCreate, path)
 FAULT(ssize_t, read, (int fd, void *to, size_t size), (fd, to, std::min(verdict.limit, size)), failed(verdict))
-FAULT(ssize_t, write, (int fd, const void *from, size_t size), (fd, from, std::min(verdict.limit, size)), failed(verdict))
+RECORDED(ssize_t, write, (int fd, const void *from, size_t size), (fd, from, std::min(verdict.limit, size)), kWrite, fd, bytesOf(from, result), -1)
 FAULT(ssize_t, pread, (int fd, void *to, size_t size, off_t at), (fd, to, std::min(verdict.limit, size), at), failed(verdict))
-FAULT(ssize_t, pwrite, (int fd, const void *from, size_t size, off_t at), (fd, from, std::min(verdict.limit, size), at), failed(verdict))
-FAULT(int, fsync, (int fd), (fd), failed(verdict))
+RECORDED(ssize_t, pwrite, (int fd, const void *from, size_t size, off_t at), (fd, from, std::min(verdict.limit, size), at), kWrite, fd, bytesOf(from, result), at)
+RECORDED(int, fsync, (int fd), (fd), kSync, fd)
 FAULT(int, ftruncate, (int fd, off_t size), (fd, size), failed(verdict))
 FAULT(int, fstat, (int fd, struct stat *to), (fd, to), failed(verdict))
 FAULT(int, stat, (const char *path, struct stat *to), (path, to), failed(verdict))
 FAULT(int, lstat, (const char *path, struct stat *to), (path, to), failed(verdict))
-FAULT(int, rename, (const char *from, const char *to), (from, to), failed(verdict))
-FAULT(int, remove, (const char *path), (path), failed(verdict))
-FAULT(int, unlink, (const char *path), (path), failed(verdict))
-FAULT(int, mkdir, (const char *path, mode_t mode), (path, mode), failed(verdict))
-FAULT(int, rmdir, (const char *path), (path), failed(verdict))
+RECORDED(int, rename, (const char *from, const char *to), (from, to), kRename, from, to)
+RECORDED(int, remove, (const char *path), (path), kRemove, path)
+RECORDED(int, unlink, (const char *path), (path), kRemove, path)
+RECORDED(int, mkdir, (const char *path, mode_t mode), (path, mode), kCreate, path + std::string("/"))
+RECORDED(int, rmdir, (const char *path), (path), kRemove, path)
 FAULT(DIR *, opendir, (const char *path), (path), failedNull(verdict))
 FAULT(int, flock, (int fd, int how), (fd, how), failed(verdict))
 FAULT(int, fchmod, (int fd, mode_t mode), (fd, mode), failed(verdict))
