@@ -18,8 +18,8 @@ JOBS=$(nproc)
 # on the machine beyond what a minimal Debian 12 holds.
 declare -A PACKAGES=(
   [build]="cmake g++ ninja-build"
-  [test]="bison gdb libedit-dev libgtest-dev python3"
-  [bench]="libbenchmark-dev libglib2.0-dev libicu-dev liblmdb-dev libsqlite3-dev libtirpc-dev pkg-config"
+  [test]="bison gdb libedit-dev libgtest-dev libleveldb-dev libsqlite3-dev python3"
+  [bench]="libbenchmark-dev libglib2.0-dev libicu-dev libleveldb-dev liblmdb-dev libsqlite3-dev libtirpc-dev pkg-config"
   [counts]="valgrind"
   [report]="gnuplot-nox"
   [demo]="unicode-data"

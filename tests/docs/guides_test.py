@@ -29,7 +29,7 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCS = ROOT / "docs"
 EXAMPLES = ROOT / "examples"
-PAGES = {"mainpage", "minidb", "minidb-store", "performance", "stability"}  # without a program
+PAGES = {"debugging", "engines", "mainpage", "minidb", "minidb-store", "performance", "stability"}  # without a program
 QUOTED = {"c", "yacc"}
 LANGUAGES = QUOTED | {"input", "output", "text", "ini", "sh", "cmake"}
 PROGRAMS = pathlib.Path()
