@@ -25,6 +25,7 @@ class CheckExports(unittest.TestCase):
         self.xml = self.folder / "xml"
         shutil.copytree(BUILD / "docs/xml", self.xml)
         self.shared_object = BUILD / "src/libzov.so"
+        self.archive = BUILD / "src/libzov.a"
 
     def copy(self, file):
         return pathlib.Path(shutil.copy(file, self.folder))
@@ -53,7 +54,8 @@ class CheckExports(unittest.TestCase):
 
     def complaints(self):
         command = [ROOT / "scripts/check_exports", BUILD, "--library", self.shared_object]
-        command += ["--map", self.map, "--header", self.header, "--xml", self.xml]
+        command += ["--archive", self.archive, "--map", self.map]
+        command += ["--header", self.header, "--xml", self.xml]
         run = subprocess.run(command, capture_output=True, text=True, check=False)
         lines = run.stderr.splitlines()
         self.assertEqual(run.returncode, 1 if lines else 0, run.stderr)
@@ -68,7 +70,8 @@ class CheckExports(unittest.TestCase):
             self.complaints(),
             [
                 "zov_getMem: exported by the library, declared in the header, documented;"
-                " not listed in the version script"
+                " not listed in the version script",
+                "zov_getMem: defined by the archive, but not listed in the version script",
             ],
         )
 
@@ -76,6 +79,19 @@ class CheckExports(unittest.TestCase):
         self.edit(self.map, r"    zov_term;\n", r"    zov_term;\n    zov_term;\n")
         self.assertEqual(
             self.complaints(), ["zov_term: listed more than once in the version script"]
+        )
+
+    def test_archive_leaks_a_name_and_lacks_one(self):
+        self.archive = self.folder / "libfake.a"
+        shutil.copy(BUILD / "src/libzov.a", self.archive)
+        subprocess.run(["objcopy", "--localize-symbol=zov_init", "--add-symbol=leaked=.text:0",
+                        self.archive], check=True)
+        self.assertEqual(
+            self.complaints(),
+            [
+                "leaked: defined by the archive, but not listed in the version script",
+                "zov_init: listed in the version script, but not defined by the archive",
+            ],
         )
 
     def test_wildcard_in_the_version_script(self):

@@ -7,7 +7,8 @@
 # The tables are kept beside the grammar, in generated/, and belong into version
 # control: where bison or Python is missing they are used as they are. Otherwise
 # a change of the grammar makes them anew during the build, and the copy beside
-# the grammar follows. Without the programs and the tables CMake stops.
+# the grammar follows. Without the programs and the tables CMake stops, and names
+# what is missing.
 find_program(ZOV_TABLES_PROGRAM zov-tables
   HINTS ${CMAKE_CURRENT_LIST_DIR}/../tools ${PACKAGE_PREFIX_DIR}/bin)
 find_package(BISON 3.0 QUIET)
@@ -22,10 +23,21 @@ function(zov_add_grammar target grammar)
     set(arg_PREFIX ${name})
   endif()
   set(kept ${folder}/generated/${name}_tables)
-  if(NOT (ZOV_TABLES_PROGRAM AND BISON_FOUND AND Python3_FOUND))
+  set(missing)
+  if(NOT ZOV_TABLES_PROGRAM)
+    list(APPEND missing zov-tables)
+  endif()
+  if(NOT BISON_FOUND)
+    list(APPEND missing "bison 3")
+  endif()
+  if(NOT Python3_FOUND)
+    list(APPEND missing python3)
+  endif()
+  if(missing)
     if(NOT EXISTS ${kept}.c)
-      message(FATAL_ERROR "${grammar} needs zov-tables, bison 3 and Python 3, or tables made "
-        "before, ${kept}.c; install bison 3 and Python 3")
+      list(JOIN missing ", " missing)
+      message(FATAL_ERROR "${grammar} cannot be made into tables, as there is no ${missing}, "
+        "and no tables made before, ${kept}.c")
     endif()
     target_sources(${target} PRIVATE ${kept}.c)
     target_include_directories(${target} PUBLIC ${folder}/generated)

@@ -25,7 +25,8 @@ declare -A PACKAGES=(
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen"
-  [package]="dpkg-dev file pkg-config"
+  [package]="debhelper dpkg-dev doxygen file libedit-dev lintian pkg-config"
+  [adoption]="mmdebstrap"
   [ci]="abigail-tools ccache clang-format clang-tidy git pyflakes3 shellcheck"
 )
 
@@ -109,4 +110,9 @@ purposes_of() {
     clang) echo clang ;;
     fuzz) echo clang ;;
   esac
+}
+
+# readme_example README: its first C example, as a program.
+readme_example() {
+  awk '/^```c$/ { inside = 1; next } /^```$/ { if (inside) exit } inside' "$1"
 }

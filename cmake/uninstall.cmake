@@ -1,0 +1,21 @@
+# SPDX-License-Identifier: Apache-2.0
+# Run in a build folder: removes the files that `cmake --install` listed there, of all
+# components, and the list. Folders stay, as they may be others' too.
+file(GLOB manifests install_manifest*.txt)
+if(NOT manifests)
+  message(FATAL_ERROR "Nothing was installed from this folder: there is no install_manifest.txt")
+endif()
+foreach(manifest IN LISTS manifests)
+  file(STRINGS ${manifest} files)
+  foreach(file IN LISTS files)
+    set(path "$ENV{DESTDIR}${file}")
+    if(EXISTS "${path}" OR IS_SYMLINK "${path}")
+      message(STATUS "Removing ${path}")
+      file(REMOVE "${path}")
+      if(EXISTS "${path}" OR IS_SYMLINK "${path}")
+        message(FATAL_ERROR "Cannot remove ${path}")
+      endif()
+    endif()
+  endforeach()
+  file(REMOVE ${manifest})
+endforeach()
