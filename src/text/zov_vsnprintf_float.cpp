@@ -52,14 +52,13 @@ struct FloatLayout {
   Magnitude magnitude;
   Magnitude scaled;  // the magnitude divided by 10^exponent
   int32_t exponent = 0;
-  int32_t exponentLength = 0;
+  int32_t exponentDigits = 0;  // 0 when no exponent is shown
   uint64_t integerPart = 0;
   uint64_t fraction = 0;      // times 10^precision
   int32_t integerDigits = 0;  // or the length of word
   int64_t pointLength = 0;    // 0 when no point is shown
   int64_t separators = 0;
   int64_t pad = 0;  // below 0: that many trailing spaces
-  char exponentText[5];
 };
 
 // Values of one of the two walks of get_exponent(), so many steps apart. They are
@@ -261,11 +260,28 @@ bool calc_float_parts(FmtSpec &spec, FloatLayout &layout) {
   return true;
 }
 
-// The general notation's choice: exponents from -4 up to the precision are
-// printed without one.
-bool chooseNotation(FmtSpec &spec, FloatLayout &layout) {
-  if (layout.exponent < -4 || layout.exponent >= spec.precision + 1) {
-    return true;
+// True for a magnitude from 1 up to 9, which is not among them.
+bool isBelowNine(const Magnitude &magnitude) {
+  return magnitude.shift >= 60 && magnitude.shift < 64 && magnitude.mantissa >> magnitude.shift < 9;
+}
+
+// The general notation prints exponents from -4 up to the precision without one.
+// Below a first digit of 9 nothing can be rounded up to the next exponent, and the
+// parts of the longer form need not be computed to know it.
+bool calcGeneralParts(FmtSpec &spec, FloatLayout &layout) {
+  if (spec.precision > kMaxPrecision) {
+    spec.precision = kMaxPrecision;
+  }
+  const auto needsExponent = [&] {
+    return layout.exponent < -4 || layout.exponent > spec.precision;
+  };
+  if (needsExponent() || !isBelowNine(layout.scaled)) {
+    if (!calc_float_parts(spec, layout)) {
+      return false;
+    }
+    if (needsExponent()) {
+      return true;
+    }
   }
   spec.precision -= layout.exponent;
   layout.useExponent = false;
@@ -274,14 +290,12 @@ bool chooseNotation(FmtSpec &spec, FloatLayout &layout) {
 
 // At least two digits. Of an exponent of four, which only a long double has,
 // the last three are kept.
-void calc_exponent(const FmtSpec &spec, FloatLayout &layout) {
+void print_exponent(FmtSpec &spec, const FloatLayout &layout) {
   const bool negative = layout.exponent < 0;
-  const uint64_t exponent = static_cast<uint64_t>(negative ? -layout.exponent : layout.exponent);
-  const int32_t digits = exponent < 100 ? 2 : 3;
-  layout.exponentText[0] = spec.has(FMT_UPPER) ? 'E' : 'e';
-  layout.exponentText[1] = negative ? '-' : '+';
-  convert(exponent, layout.exponentText + 2, digits, 10, false);
-  layout.exponentLength = digits + 2;
+  emit(*spec.output, spec.has(FMT_UPPER) ? 'E' : 'e');
+  emit(*spec.output, negative ? '-' : '+');
+  emitDigits(spec, static_cast<uint64_t>(negative ? -layout.exponent : layout.exponent),
+             layout.exponentDigits, false);
 }
 
 void stripTrailingZeros(FmtSpec &spec, FloatLayout &layout) {
@@ -295,8 +309,10 @@ void stripTrailingZeros(FmtSpec &spec, FloatLayout &layout) {
 }
 
 void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
+  int64_t total = 0;
   if (layout.useExponent) {
-    calc_exponent(spec, layout);
+    layout.exponentDigits = layout.exponent > -100 && layout.exponent < 100 ? 2 : 3;
+    total = layout.exponentDigits + 2;
   }
   layout.integerDigits = countDigits(layout.integerPart, 10);
   if (layout.stripZeros) {
@@ -308,10 +324,8 @@ void calc_float_format(FmtSpec &spec, FloatLayout &layout) {
   if (spec.has(FMT_GROUP)) {
     layout.separators = getnumsep(spec, layout.integerDigits);
   }
-  calcPad(spec,
-          layout.integerDigits + layout.exponentLength + int64_t{spec.precision} +
-              layout.separators + layout.pointLength,
-          layout);
+  total += layout.integerDigits + int64_t{spec.precision} + layout.separators + layout.pointLength;
+  calcPad(spec, total, layout);
 }
 
 void output_float(FmtSpec &spec, const FloatLayout &layout) {
@@ -331,17 +345,16 @@ void output_float(FmtSpec &spec, const FloatLayout &layout) {
       printdec(spec);
     }
     emitDigits(spec, layout.fraction, spec.precision, false);
-    emitstr(output, layout.exponentText, static_cast<uint64_t>(layout.exponentLength));
+    if (layout.exponentDigits != 0) {
+      print_exponent(spec, layout);
+    }
   }
   emitn(output, -layout.pad, ' ');
 }
 
 // Prints a finite number.
 bool formatFinite(FmtSpec &spec, FloatLayout &layout) {
-  if (!calc_float_parts(spec, layout)) {
-    return false;
-  }
-  if (spec.has(FMT_GSTYLE) && !chooseNotation(spec, layout)) {
+  if (!(spec.has(FMT_GSTYLE) ? calcGeneralParts(spec, layout) : calc_float_parts(spec, layout))) {
     return false;
   }
   calc_float_format(spec, layout);
