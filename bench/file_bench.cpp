@@ -142,7 +142,12 @@ void WriteBare(benchmark::State &state) {
 void OpenCloseHandle(benchmark::State &state) {
   const Opened &file = opened();
   for (auto _ : state) {
-    zov_fileClose(zov_fileOpen(file.path, O_RDWR, 0));
+    const ZOV_FILE again = zov_fileOpen(file.path, O_RDWR, 0);
+    if (again == nullptr) {
+      state.SkipWithError("not opened");
+      break;
+    }
+    zov_fileClose(again);
   }
 }
 
@@ -156,7 +161,10 @@ void OpenCloseBare(benchmark::State &state) {
 void LockUnlockHandle(benchmark::State &state) {
   const Opened &file = opened();
   for (auto _ : state) {
-    zov_fileLock(file.handle);
+    if (zov_fileLock(file.handle) != ZOV_OKAY) {
+      state.SkipWithError("not locked");
+      break;
+    }
     zov_fileUnlock(file.handle);
   }
 }

@@ -7,6 +7,8 @@
 //   ParseAgain  the same, into the memory of the last reading
 //   GetFirst  the first of 10,000 parameters, copied to the caller
 //   GetLast   the last one
+//   GetShared   the same on several threads; the peer is not for several, and so
+//             stands under a mutex
 //   GetSection  a parameter of the last of 1000 sections
 //   Set       a value in the file of many sections: the peer loads the file,
 //             sets and saves it
@@ -15,12 +17,16 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <string.h>
+
+#include <mutex>
 #include <string>
 
 #if defined(ZOV_HAVE_GLIB)
 #include <glib.h>
 #endif
 
+#include "bench_rows.h"
 #include "zov.h"
 
 namespace {
@@ -71,13 +77,14 @@ void stop(const benchmark::State &) {
 
 class ZovIni {
  public:
+  static constexpr char kName[] = "zov";
   explicit ZovIni(const std::string &path) : path_(path) { zov_readIniFile(path.c_str()); }
   void forget() { zov_iniCleanup(); }
   void read() { zov_readIniFile(path_.c_str()); }
-  void get(const char *section, const char *name) {
+  bool get(const char *section, const char *name, const char *expected) {
     char out[64];
-    zov_iniGet(path_.c_str(), section, name, out, sizeof out);
-    benchmark::DoNotOptimize(out);
+    return zov_iniGet(path_.c_str(), section, name, out, sizeof out) == ZOV_OKAY &&
+           strcmp(out, expected) == 0;
   }
   void set(const char *section, const char *name, const char *value, bool sync) {
     zov_iniSetEx(path_.c_str(), section, name, value, sync ? 0 : ZOV_FILE_NOSYNC);
@@ -90,6 +97,7 @@ class ZovIni {
 #if defined(ZOV_HAVE_GLIB)
 class GlibIni {
  public:
+  static constexpr char kName[] = "glib";
   explicit GlibIni(const std::string &path) : path_(path), file_(g_key_file_new()) { read(); }
   ~GlibIni() { g_key_file_free(file_); }
   GlibIni(const GlibIni &) = delete;
@@ -101,10 +109,11 @@ class GlibIni {
   void read() {
     g_key_file_load_from_file(file_, path_.c_str(), G_KEY_FILE_KEEP_COMMENTS, nullptr);
   }
-  void get(const char *section, const char *name) {
+  bool get(const char *section, const char *name, const char *expected) {
     char *value = g_key_file_get_value(file_, section, name, nullptr);
-    benchmark::DoNotOptimize(value);
+    const bool isRight = value != nullptr && strcmp(value, expected) == 0;
     g_free(value);
+    return isRight;
   }
   void set(const char *section, const char *name, const char *value, bool sync) {
     read();
@@ -121,6 +130,18 @@ class GlibIni {
  private:
   std::string path_;
   GKeyFile *file_;
+};
+
+class LockedGlibIni : public GlibIni {
+ public:
+  using GlibIni::GlibIni;
+  bool get(const char *section, const char *name, const char *expected) {
+    const std::lock_guard lock(mutex_);
+    return GlibIni::get(section, name, expected);
+  }
+
+ private:
+  std::mutex mutex_;
 };
 #endif
 
@@ -142,27 +163,52 @@ void ParseAgain(benchmark::State &state) {
 }
 
 template <typename Ini>
+void getValues(benchmark::State &state, Ini &ini, const char *section, const char *name,
+               const char *expected) {
+  for (auto _ : state) {
+    if (!ini.get(section, name, expected)) {
+      state.SkipWithError("another value");
+      break;
+    }
+  }
+}
+
+template <typename Ini>
 void GetFirst(benchmark::State &state) {
   Ini ini(longPath);
-  for (auto _ : state) {
-    ini.get("section0", "parameter0");
-  }
+  getValues(state, ini, "section0", "parameter0", "value 0");
 }
 
 template <typename Ini>
 void GetLast(benchmark::State &state) {
   Ini ini(longPath);
-  for (auto _ : state) {
-    ini.get("section0", "parameter9999");
-  }
+  getValues(state, ini, "section0", "parameter9999", "value 9999");
 }
 
 template <typename Ini>
 void GetSection(benchmark::State &state) {
   Ini ini(manyPath);
-  for (auto _ : state) {
-    ini.get("section999", "parameter9");
-  }
+  getValues(state, ini, "section999", "parameter9", "value 9");
+}
+
+template <typename Ini>
+Ini *common = nullptr;
+
+template <typename Ini>
+void startCommon(const benchmark::State &state) {
+  start(state);
+  common<Ini> = new Ini(longPath);
+}
+
+template <typename Ini>
+void stopCommon(const benchmark::State &state) {
+  delete common<Ini>;
+  stop(state);
+}
+
+template <typename Ini>
+void GetShared(benchmark::State &state) {
+  getValues(state, *common<Ini>, "section0", "parameter9999", "value 9999");
 }
 
 template <typename Ini>
@@ -184,22 +230,31 @@ void SetUnsynced(benchmark::State &state) {
   setValues<Ini>(state, false);
 }
 
-#define ZOV_BENCH(scenario, peer, name) \
-  BENCHMARK_TEMPLATE(scenario, peer)->Name(name)->UseRealTime()->Setup(start)->Teardown(stop)
-#if defined(ZOV_HAVE_GLIB)
-#define ZOV_COMPARE(scenario, operation)         \
-  ZOV_BENCH(scenario, ZovIni, operation "/zov"); \
-  ZOV_BENCH(scenario, GlibIni, operation "/glib")
-#else
-#define ZOV_COMPARE(scenario, operation) ZOV_BENCH(scenario, ZovIni, operation "/zov")
-#endif
+void wallTime(benchmark::internal::Benchmark *row) {
+  row->UseRealTime()->Setup(start)->Teardown(stop);
+}
 
-ZOV_COMPARE(Parse, "ini-parse");
-ZOV_COMPARE(ParseAgain, "ini-parse-again");
-ZOV_COMPARE(GetFirst, "ini-get-first");
-ZOV_COMPARE(GetLast, "ini-get-last");
-ZOV_COMPARE(GetSection, "ini-get-section");
-ZOV_COMPARE(Set, "ini-set-synced");
-ZOV_COMPARE(SetUnsynced, "ini-set");
+template <typename Ini, typename SharedIni>
+bool addIni() {
+  addRows(SharedIni::kName, {{"ini-get-shared", GetShared<SharedIni>, onThreads}},
+          [](auto *row) { row->Setup(startCommon<SharedIni>)->Teardown(stopCommon<SharedIni>); });
+  return addRows(Ini::kName,
+                 {{"ini-parse", Parse<Ini>},
+                  {"ini-parse-again", ParseAgain<Ini>},
+                  {"ini-get-first", GetFirst<Ini>},
+                  {"ini-get-last", GetLast<Ini>},
+                  {"ini-get-section", GetSection<Ini>},
+                  {"ini-set-synced", Set<Ini>},
+                  {"ini-set", SetUnsynced<Ini>}},
+                 wallTime);
+}
+
+const bool added = [] {
+  addIni<ZovIni, ZovIni>();
+#if defined(ZOV_HAVE_GLIB)
+  addIni<GlibIni, LockedGlibIni>();
+#endif
+  return true;
+}();
 
 }  // namespace

@@ -16,7 +16,9 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <numeric>
@@ -197,6 +199,21 @@ void Transfers(benchmark::State &state, Sharing sharing) {
   zov_term();
 }
 
+// The same of a file of tmpfs.
+void TransfersPosix(benchmark::State &state, Sharing sharing) {
+  static const int common = memfd_create("common", 0);
+  char block[512] = {};
+  const int own = sharing == Sharing::kOne ? -1 : memfd_create("own", 0);
+  const int file = sharing == Sharing::kOne ? common : own;
+  require(state, pwrite(file, block, sizeof block, 0) == sizeof block, "write");
+  for (auto step : state) {
+    require(state, pread(file, block, sizeof block, 0) == sizeof block, "read");
+  }
+  if (own >= 0) {
+    close(own);
+  }
+}
+
 void Sizes(benchmark::State &state, Sharing sharing) {
   zov_init();
   const std::string path = pathOf(state, sharing);
@@ -237,12 +254,16 @@ BENCHMARK(Far)
 const bool added = [] {
   const struct {
     const char *name;
+    const char *peer;
     void (*run)(benchmark::State &state, Sharing sharing);
-  } rows[] = {{"read", Transfers}, {"size", Sizes}, {"create", NewFiles}};
+  } rows[] = {{"read", "zov", Transfers},
+              {"read", "tmpfs", TransfersPosix},
+              {"size", "zov", Sizes},
+              {"create", "zov", NewFiles}};
   for (const auto &row : rows) {
     for (const Sharing sharing : {Sharing::kOne, Sharing::kEach}) {
       const std::string name = std::string("memory-threads-") + row.name +
-                               (sharing == Sharing::kOne ? "-one/zov" : "-each/zov");
+                               (sharing == Sharing::kOne ? "-one/" : "-each/") + row.peer;
       benchmark::RegisterBenchmark(name.c_str(), row.run, sharing)
           ->ThreadRange(1, 4)
           ->UseRealTime();

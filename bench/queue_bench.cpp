@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Message queues beside a deque under a mutex and GLib's asynchronous queue:
+// Message queues beside a deque under a mutex, GLib's asynchronous queue, and the
+// bounded queues of TBB and APR, with room enough that no writer waits:
 //
 //   queue-write-read   a message in, a message out, on one thread
+//   queue-shared       the same on several threads that share the queue
 //   queue-burst        a hundred messages in, then out
 //   queue-two-threads  a hundred messages that one thread writes and one reads
 //   queue-wake-up      there and back between two threads that sleep
@@ -14,29 +16,29 @@
 #include <mutex>
 #include <thread>
 
+#if defined(ZOV_HAVE_APR)
+#include <apr_general.h>
+#include <apr_queue.h>
+#endif
 #if defined(ZOV_HAVE_GLIB)
 #include <glib.h>
 #endif
+#if defined(ZOV_HAVE_TBB)
+#include <tbb/concurrent_queue.h>
+#endif
 
+#include "bench_rows.h"
 #include "zov.h"
 
 namespace {
 
 constexpr uint64_t kStop = UINT64_MAX;
 constexpr uint64_t kBurst = 100;
-
-void start(const benchmark::State &) {
-  zov_init();
-  zov_queueInit(0);
-}
-
-void stop(const benchmark::State &) {
-  zov_queueTerm(1);
-  zov_term();
-}
+constexpr uint32_t kRoom = 1000;  // of a bounded queue
 
 class ZovMessages {
  public:
+  static constexpr char kName[] = "zov";
   ZovMessages() : queue_(zov_queueCreate("bench")) {}
   ~ZovMessages() { zov_queueDelete(queue_); }
   ZovMessages(const ZovMessages &) = delete;
@@ -54,6 +56,7 @@ class ZovMessages {
 
 class DequeMessages {
  public:
+  static constexpr char kName[] = "deque";
   void put(uint64_t data) {
     {
       const std::lock_guard lock(mutex_);
@@ -84,6 +87,7 @@ class DequeMessages {
 // Its messages are bare pointers, and may not be null.
 class GlibMessages {
  public:
+  static constexpr char kName[] = "glib";
   GlibMessages() : queue_(g_async_queue_new()) {}
   ~GlibMessages() { g_async_queue_unref(queue_); }
   GlibMessages(const GlibMessages &) = delete;
@@ -96,24 +100,93 @@ class GlibMessages {
 };
 #endif
 
+#if defined(ZOV_HAVE_APR)
+// Bare pointers as well.
+class AprMessages {
+ public:
+  static constexpr char kName[] = "apr";
+  AprMessages() {
+    apr_initialize();
+    apr_pool_create(&pool_, nullptr);
+    apr_queue_create(&queue_, kRoom, pool_);
+  }
+  ~AprMessages() {
+    apr_pool_destroy(pool_);
+    apr_terminate();
+  }
+  AprMessages(const AprMessages &) = delete;
+  AprMessages &operator=(const AprMessages &) = delete;
+  void put(uint64_t data) { apr_queue_push(queue_, reinterpret_cast<void *>(data)); }
+  uint64_t take() {
+    void *data = nullptr;
+    apr_queue_pop(queue_, &data);
+    return reinterpret_cast<uint64_t>(data);
+  }
+
+ private:
+  apr_pool_t *pool_ = nullptr;
+  apr_queue_t *queue_ = nullptr;
+};
+#endif
+
+#if defined(ZOV_HAVE_TBB)
+class TbbMessages {
+ public:
+  static constexpr char kName[] = "tbb";
+  TbbMessages() { queue_.set_capacity(kRoom); }
+  void put(uint64_t data) { queue_.push(data); }
+  uint64_t take() {
+    uint64_t data = 0;
+    queue_.pop(data);
+    return data;
+  }
+
+ private:
+  tbb::concurrent_bounded_queue<uint64_t> queue_;
+};
+#endif
+
+// The queue of all threads of a row.
+template <typename Messages>
+Messages *common = nullptr;
+
+template <typename Messages>
+void start(const benchmark::State &) {
+  zov_init();
+  zov_queueInit(0);
+  common<Messages> = new Messages;
+}
+
+template <typename Messages>
+void stop(const benchmark::State &) {
+  delete common<Messages>;
+  zov_queueTerm(1);
+  zov_term();
+}
+
 template <typename Messages>
 void WriteRead(benchmark::State &state) {
-  Messages messages;
+  Messages &messages = *common<Messages>;
   for (auto _ : state) {
     messages.put(1);
-    benchmark::DoNotOptimize(messages.take());
+    if (messages.take() != 1) {
+      state.SkipWithError("another message");
+      break;
+    }
   }
 }
 
 template <typename Messages>
 void Burst(benchmark::State &state) {
-  Messages messages;
+  Messages &messages = *common<Messages>;
   for (auto _ : state) {
-    for (uint64_t i = 0; i < kBurst; ++i) {
-      messages.put(1);
+    for (uint64_t sent = 1; sent <= kBurst; ++sent) {
+      messages.put(sent);
     }
-    for (uint64_t i = 0; i < kBurst; ++i) {
-      benchmark::DoNotOptimize(messages.take());
+    for (uint64_t expected = 1; expected <= kBurst; ++expected) {
+      if (messages.take() != expected) {
+        state.SkipWithError("another message");
+      }
     }
   }
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(kBurst));
@@ -122,7 +195,7 @@ void Burst(benchmark::State &state) {
 // A burst counts until the reader has taken all of it, so that no backlog grows.
 template <typename Messages>
 void ProducerReader(benchmark::State &state) {
-  Messages messages;
+  Messages &messages = *common<Messages>;
   std::atomic<uint64_t> taken = 0;
   std::thread reader([&messages, &taken] {
     while (messages.take() != kStop) {
@@ -145,7 +218,7 @@ void ProducerReader(benchmark::State &state) {
 
 template <typename Messages>
 void WakeUp(benchmark::State &state) {
-  Messages there;
+  Messages &there = *common<Messages>;
   Messages back;
   std::thread echo([&there, &back] {
     uint64_t data;
@@ -161,21 +234,35 @@ void WakeUp(benchmark::State &state) {
   echo.join();
 }
 
-#define ZOV_BENCH(scenario, peer, name) \
-  BENCHMARK_TEMPLATE(scenario, peer)->Name(name)->UseRealTime()->Setup(start)->Teardown(stop)
-#if defined(ZOV_HAVE_GLIB)
-#define ZOV_BENCH_GLIB(scenario, name) ZOV_BENCH(scenario, GlibMessages, name)
-#else
-#define ZOV_BENCH_GLIB(scenario, name) static_assert(true)
-#endif
-#define ZOV_COMPARE(scenario, operation)                  \
-  ZOV_BENCH(scenario, ZovMessages, operation "/zov");     \
-  ZOV_BENCH(scenario, DequeMessages, operation "/deque"); \
-  ZOV_BENCH_GLIB(scenario, operation "/glib")
+template <typename Messages>
+void realTime(benchmark::internal::Benchmark *row) {
+  row->UseRealTime()->Setup(start<Messages>)->Teardown(stop<Messages>);
+}
 
-ZOV_COMPARE(WriteRead, "queue-write-read");
-ZOV_COMPARE(Burst, "queue-burst");
-ZOV_COMPARE(ProducerReader, "queue-two-threads");
-ZOV_COMPARE(WakeUp, "queue-wake-up");
+template <typename Messages>
+bool addQueue() {
+  return addRows(Messages::kName,
+                 {{"queue-write-read", WriteRead<Messages>},
+                  {"queue-shared", WriteRead<Messages>, onThreads},
+                  {"queue-burst", Burst<Messages>},
+                  {"queue-two-threads", ProducerReader<Messages>},
+                  {"queue-wake-up", WakeUp<Messages>}},
+                 realTime<Messages>);
+}
+
+const bool added = [] {
+  addQueue<ZovMessages>();
+  addQueue<DequeMessages>();
+#if defined(ZOV_HAVE_APR)
+  addQueue<AprMessages>();
+#endif
+#if defined(ZOV_HAVE_GLIB)
+  addQueue<GlibMessages>();
+#endif
+#if defined(ZOV_HAVE_TBB)
+  addQueue<TbbMessages>();
+#endif
+  return true;
+}();
 
 }  // namespace

@@ -11,11 +11,16 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <random>
 #include <string>
 #include <vector>
+
+#if defined(ZOV_HAVE_FMT)
+#include <fmt/os.h>
+#endif
 
 #include "bench_seed.h"
 #include "zov.h"
@@ -42,6 +47,9 @@ struct Setting {
     zov_init();
     for (const std::string &line : lines) {
       textBytes += line.size();
+      for (const char byte : line) {
+        sum += static_cast<uint32_t>(byte);
+      }
     }
     const ZOV_STREAM stream = zov_fopen(path.c_str(), "w", encoding);
     for (const std::string &line : lines) {
@@ -69,6 +77,19 @@ struct Setting {
       state.SkipWithError("lines are missing");
     }
   }
+  void checkSum(benchmark::State &state, uint32_t found) const {
+    if (found != sum) {
+      state.SkipWithError("another text");
+    }
+  }
+  // What every line was written with takes room as well.
+  void checkSize(benchmark::State &state, size_t extraBytes) const {
+    struct stat status;
+    if (fstat(descriptor, &status) != 0 ||
+        static_cast<size_t>(status.st_size) != textBytes + lines.size() * extraBytes) {
+      state.SkipWithError("another length");
+    }
+  }
   void count(benchmark::State &state) const {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(textBytes));
   }
@@ -77,6 +98,7 @@ struct Setting {
   const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
   const std::vector<std::string> lines = randomLines();
   size_t textBytes = 0;
+  uint32_t sum = 0;
   char buffer[kBlockBuffer];
 };
 
@@ -93,7 +115,7 @@ void libcReadBytes(benchmark::State &state, Get get) {
     for (int c = get(file); c != EOF; c = get(file)) {
       sum += static_cast<uint32_t>(c);
     }
-    benchmark::DoNotOptimize(sum);
+    setting.checkSum(state, sum);
     fclose(file);
   }
   setting.count(state);
@@ -120,7 +142,7 @@ void readBytes(benchmark::State &state, int32_t encoding) {
     for (int32_t c = zov_fgetc(stream); c != -1; c = zov_fgetc(stream)) {
       sum += static_cast<uint32_t>(c);
     }
-    benchmark::DoNotOptimize(sum);
+    setting.checkSum(state, sum);
     zov_fclose(stream);
   }
   setting.count(state);
@@ -141,10 +163,12 @@ void LibcFgets(benchmark::State &state) {
   char line[256];
   for (auto _ : state) {
     FILE *file = setting.openLibc(state, "r");
+    size_t lines = 0;
     while (fgets(line, sizeof line, file) != nullptr) {
-      benchmark::DoNotOptimize(line);
+      ++lines;
     }
     fclose(file);
+    setting.check(state, lines);
   }
   setting.count(state);
 }
@@ -155,10 +179,12 @@ void Fgets(benchmark::State &state) {
   char line[256];
   for (auto _ : state) {
     const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    size_t lines = 0;
     while (zov_fgets(line, sizeof line, stream) != nullptr) {
-      benchmark::DoNotOptimize(line);
+      ++lines;
     }
     zov_fclose(stream);
+    setting.check(state, lines);
   }
   setting.count(state);
 }
@@ -170,10 +196,12 @@ void LibcGetline(benchmark::State &state) {
   size_t sizeBytes = 0;
   for (auto _ : state) {
     FILE *file = setting.openLibc(state, "r");
+    size_t lines = 0;
     while (getline(&line, &sizeBytes, file) != -1) {
-      benchmark::DoNotOptimize(line);
+      ++lines;
     }
     fclose(file);
+    setting.check(state, lines);
   }
   free(line);
   setting.count(state);
@@ -186,10 +214,12 @@ void GetLine(benchmark::State &state) {
   uint32_t sizeBytes = 0;
   for (auto _ : state) {
     const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "r", 0);
+    size_t lines = 0;
     while (zov_fGetLine(stream, &line, &sizeBytes) != nullptr) {
-      benchmark::DoNotOptimize(line);
+      ++lines;
     }
     zov_fclose(stream);
+    setting.check(state, lines);
   }
   zov_freeMem(line, ZOV_DEFAULT_TAG);
   setting.count(state);
@@ -251,8 +281,9 @@ void IconvLines(benchmark::State &state) {
 }
 BENCHMARK(IconvLines)->Name("get-line-utf16/iconv");
 
+// `extraBytes` go before every line.
 template <typename Put>
-void libcWrite(benchmark::State &state, Put put) {
+void libcWrite(benchmark::State &state, size_t extraBytes, Put put) {
   Setting setting;
   for (auto _ : state) {
     FILE *file = setting.openLibc(state, "w");
@@ -261,11 +292,12 @@ void libcWrite(benchmark::State &state, Put put) {
     }
     fclose(file);
   }
+  setting.checkSize(state, extraBytes);
   setting.count(state);
 }
 
 template <typename Put>
-void zovWrite(benchmark::State &state, Put put) {
+void zovWrite(benchmark::State &state, size_t extraBytes, Put put) {
   Setting setting;
   for (auto _ : state) {
     const ZOV_STREAM stream = zov_fopen(setting.path.c_str(), "w", ZOV_ENC_BYTES);
@@ -274,12 +306,13 @@ void zovWrite(benchmark::State &state, Put put) {
     }
     zov_fclose(stream);
   }
+  setting.checkSize(state, extraBytes);
   setting.count(state);
 }
 
 void LibcPutc(benchmark::State &state) {
   int (*volatile called)(int, FILE *) = fputc_unlocked;
-  libcWrite(state, [put = called](const char *line, FILE *file) {
+  libcWrite(state, 0, [put = called](const char *line, FILE *file) {
     for (; *line != '\0'; ++line) {
       put(*line, file);
     }
@@ -288,7 +321,7 @@ void LibcPutc(benchmark::State &state) {
 BENCHMARK(LibcPutc)->Name("put-char/libc")->Apply(bufferSizes);
 
 void Fputc(benchmark::State &state) {
-  zovWrite(state, [](const char *line, ZOV_STREAM stream) {
+  zovWrite(state, 0, [](const char *line, ZOV_STREAM stream) {
     for (; *line != '\0'; ++line) {
       zov_fputc(*line, stream);
     }
@@ -297,22 +330,38 @@ void Fputc(benchmark::State &state) {
 BENCHMARK(Fputc)->Name("put-char/zov");
 
 void LibcFputs(benchmark::State &state) {
-  libcWrite(state, [](const char *line, FILE *file) { fputs(line, file); });
+  libcWrite(state, 0, [](const char *line, FILE *file) { fputs(line, file); });
 }
 BENCHMARK(LibcFputs)->Name("put-line/libc")->Apply(bufferSizes);
 
 void Fputs(benchmark::State &state) {
-  zovWrite(state, [](const char *line, ZOV_STREAM stream) { zov_fputs(line, stream); });
+  zovWrite(state, 0, [](const char *line, ZOV_STREAM stream) { zov_fputs(line, stream); });
 }
 BENCHMARK(Fputs)->Name("put-line/zov");
 
 void LibcFprintf(benchmark::State &state) {
-  libcWrite(state, [](const char *line, FILE *file) { fprintf(file, "%d %s", 42, line); });
+  libcWrite(state, 3, [](const char *line, FILE *file) { fprintf(file, "%d %s", 42, line); });
 }
 BENCHMARK(LibcFprintf)->Name("print-line/libc")->Apply(bufferSizes);
 
+#if defined(ZOV_HAVE_FMT)
+void FmtPrint(benchmark::State &state) {
+  Setting setting;
+  for (auto _ : state) {
+    fmt::ostream file = fmt::output_file(setting.path);
+    for (const std::string &line : setting.lines) {
+      file.print("{} {}", 42, line.c_str());
+    }
+    file.close();
+  }
+  setting.checkSize(state, 3);
+  setting.count(state);
+}
+BENCHMARK(FmtPrint)->Name("print-line/fmt");
+#endif
+
 void Fprintf(benchmark::State &state) {
-  zovWrite(state,
+  zovWrite(state, 3,
            [](const char *line, ZOV_STREAM stream) { zov_fprintf(stream, "%d %s", 42, line); });
 }
 BENCHMARK(Fprintf)->Name("print-line/zov");

@@ -2,9 +2,9 @@
 //
 // UTF-8 conversion of text in several scripts and lengths, in both directions,
 // beside libc's, GLib's where it is installed, a plain loop over a text of known
-// length, and memcpy(); and wildcard matching beside fnmatch(). The bytes per
-// second are bytes of UTF-8. The lengths are that of a name, and of texts that
-// do and do not fit in the nearer caches and in a processor's branch history.
+// length, and memcpy(); and wildcard matching beside fnmatch() and those of GLib and
+// APR. The bytes per second are bytes of UTF-8. The lengths are that of a name, and
+// of a text that does not fit in the nearer caches nor in a processor's branch history.
 #include <benchmark/benchmark.h>
 #include <fnmatch.h>
 #include <locale.h>
@@ -18,6 +18,9 @@
 #include "bench_seed.h"
 #include "zov.h"
 
+#if defined(ZOV_HAVE_APR)
+#include <apr_fnmatch.h>
+#endif
 #if defined(ZOV_HAVE_GLIB)
 #include <glib.h>
 #endif
@@ -45,7 +48,6 @@ constexpr Script kScripts[] = {
     {"cyrillic", 0x430, 32, 11, 0x430, 32, 0, ' '}, {"han", 0x4E00, 0x5000, 20, 'a', 26, 2, 0x3002},
     {"hangul", 0xAC00, 11172, 5, 'a', 26, 0, ' '},  {"emoji", 'a', 26, 9, 0x1F600, 64, 15, ' '},
 };
-constexpr int64_t kScriptCount = sizeof kScripts / sizeof kScripts[0];
 
 struct Text {
   std::wstring chars;
@@ -75,23 +77,19 @@ Text makeText(const Script &script, size_t lengthChars) {
   return text;
 }
 
-void texts(benchmark::internal::Benchmark *bench) {
-  for (const int64_t lengthChars : {24, 1 << 16, 1 << 20}) {
-    for (int64_t script = 0; script < kScriptCount; ++script) {
-      bench->Args({script, lengthChars});
-    }
-  }
-}
+constexpr size_t kLengths[] = {24, 1 << 20};
+
+// What a conversion leaves in its row.
+enum class Into : uint8_t { kChars, kBytes, kNothing };
 
 // What every row has: its text and room for either result.
 struct Row {
-  explicit Row(benchmark::State &benchState)
+  Row(benchmark::State &benchState, const Script &script, size_t lengthChars)
       : state(benchState),
-        text(makeText(kScripts[state.range(0)], static_cast<size_t>(state.range(1)))),
+        text(makeText(script, lengthChars)),
         chars(text.chars.size() + 1, L'\0'),
         bytes(text.bytes.size() + 1, '\0') {
     setlocale(LC_ALL, "C.UTF-8");
-    state.SetLabel(kScripts[state.range(0)].name);
   }
 
   template <typename Convert>
@@ -103,6 +101,13 @@ struct Row {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.bytes.size()));
   }
 
+  void check(Into into) const {
+    if ((into == Into::kChars && text.chars != chars.c_str()) ||
+        (into == Into::kBytes && text.bytes != bytes.c_str())) {
+      state.SkipWithError("another text");
+    }
+  }
+
   uint32_t sizeChars() const { return static_cast<uint32_t>(chars.size()); }
   uint32_t sizeBytes() const { return static_cast<uint32_t>(bytes.size()); }
 
@@ -112,36 +117,28 @@ struct Row {
   std::string bytes;
 };
 
-void Decode(benchmark::State &state) {
-  Row row(state);
+void Decode(Row &row) {
   const uint32_t length = static_cast<uint32_t>(row.text.bytes.size());
   row.run([&] {
     return zov_utf8_to_wchar_len(row.chars.data(), row.sizeChars(), row.text.bytes.data(), length,
                                  ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(Decode)->Name("decode/zov")->Apply(texts);
 
-void DecodeTerminated(benchmark::State &state) {
-  Row row(state);
+void DecodeTerminated(Row &row) {
   row.run([&] {
     return zov_utf8_to_wchar(row.chars.data(), row.text.bytes.c_str(), row.sizeChars(),
                              ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(DecodeTerminated)->Name("decode-terminated/zov")->Apply(texts);
 
-void DecodeMeasuring(benchmark::State &state) {
-  Row row(state);
+void DecodeMeasuring(Row &row) {
   row.run([&] { return zov_utf8_to_wchar(nullptr, row.text.bytes.c_str(), 0, ZOV_UTF8_STRICT); });
 }
-BENCHMARK(DecodeMeasuring)->Name("decode-measure/zov")->Apply(texts);
 
-void DecodeLibc(benchmark::State &state) {
-  Row row(state);
+void DecodeLibc(Row &row) {
   row.run([&] { return mbstowcs(row.chars.data(), row.text.bytes.c_str(), row.sizeChars()); });
 }
-BENCHMARK(DecodeLibc)->Name("decode/libc")->Apply(texts);
 
 bool isTail(uint8_t byte) {
   return (byte & 0xC0) == 0x80;
@@ -187,43 +184,33 @@ bool isTail(uint8_t byte) {
   return out;
 }
 
-void DecodePlainLoop(benchmark::State &state) {
-  Row row(state);
+void DecodePlainLoop(Row &row) {
   const uint8_t *in = reinterpret_cast<const uint8_t *>(row.text.bytes.data());
   row.run([&] { return plainDecode(row.chars.data(), in, in + row.text.bytes.size()); });
 }
-BENCHMARK(DecodePlainLoop)->Name("decode/plain-loop")->Apply(texts);
 
-void Encode(benchmark::State &state) {
-  Row row(state);
+void Encode(Row &row) {
   const uint32_t length = static_cast<uint32_t>(row.text.chars.size());
   row.run([&] {
     return zov_wchar_to_utf8_len(row.bytes.data(), row.sizeBytes(), row.text.chars.data(), length,
                                  ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(Encode)->Name("encode/zov")->Apply(texts);
 
-void EncodeTerminated(benchmark::State &state) {
-  Row row(state);
+void EncodeTerminated(Row &row) {
   row.run([&] {
     return zov_wchar_to_utf8(row.bytes.data(), row.text.chars.c_str(), row.sizeBytes(),
                              ZOV_UTF8_STRICT);
   });
 }
-BENCHMARK(EncodeTerminated)->Name("encode-terminated/zov")->Apply(texts);
 
-void EncodeMeasuring(benchmark::State &state) {
-  Row row(state);
+void EncodeMeasuring(Row &row) {
   row.run([&] { return zov_wchar_to_utf8(nullptr, row.text.chars.c_str(), 0, ZOV_UTF8_STRICT); });
 }
-BENCHMARK(EncodeMeasuring)->Name("encode-measure/zov")->Apply(texts);
 
-void EncodeLibc(benchmark::State &state) {
-  Row row(state);
+void EncodeLibc(Row &row) {
   row.run([&] { return wcstombs(row.bytes.data(), row.text.chars.c_str(), row.sizeBytes()); });
 }
-BENCHMARK(EncodeLibc)->Name("encode/libc")->Apply(texts);
 
 // The usual loop; null where a character is invalid.
 [[gnu::noinline]] char *plainEncode(char *out, const wchar_t *in, const wchar_t *end) {
@@ -255,25 +242,20 @@ BENCHMARK(EncodeLibc)->Name("encode/libc")->Apply(texts);
   return out;
 }
 
-void EncodePlainLoop(benchmark::State &state) {
-  Row row(state);
+void EncodePlainLoop(Row &row) {
   const wchar_t *in = row.text.chars.data();
   row.run([&] { return plainEncode(row.bytes.data(), in, in + row.text.chars.size()); });
 }
-BENCHMARK(EncodePlainLoop)->Name("encode/plain-loop")->Apply(texts);
 
 // The wide string copied: as many bytes as a decoder stores and an encoder
 // reads.
-void CopyOfWideString(benchmark::State &state) {
-  Row row(state);
+void CopyOfWideString(Row &row) {
   row.run(
       [&] { return wmemcpy(row.chars.data(), row.text.chars.c_str(), row.text.chars.size() + 1); });
 }
-BENCHMARK(CopyOfWideString)->Name("decode/wmemcpy")->Apply(texts);
 
-void EncodeAllocating(benchmark::State &state) {
+void EncodeAllocating(Row &row) {
   zov_init();
-  Row row(state);
   row.run([&] {
     char *converted = zov_convertToUTF8(row.text.chars.c_str(), ZOV_UTF8_STRICT);
     zov_freeMem(converted, ZOV_DEFAULT_TAG);
@@ -281,11 +263,9 @@ void EncodeAllocating(benchmark::State &state) {
   });
   zov_term();
 }
-BENCHMARK(EncodeAllocating)->Name("encode-allocate/zov")->Apply(texts);
 
 #if defined(ZOV_HAVE_GLIB)
-void DecodeGlib(benchmark::State &state) {
-  Row row(state);
+void DecodeGlib(Row &row) {
   const glong length = static_cast<glong>(row.text.bytes.size());
   row.run([&] {
     gunichar *converted = g_utf8_to_ucs4(row.text.bytes.c_str(), length, nullptr, nullptr, nullptr);
@@ -293,10 +273,8 @@ void DecodeGlib(benchmark::State &state) {
     return converted;
   });
 }
-BENCHMARK(DecodeGlib)->Name("decode-allocate/glib")->Apply(texts);
 
-void EncodeGlib(benchmark::State &state) {
-  Row row(state);
+void EncodeGlib(Row &row) {
   const gunichar *in = reinterpret_cast<const gunichar *>(row.text.chars.c_str());
   const glong length = static_cast<glong>(row.text.chars.size());
   row.run([&] {
@@ -305,7 +283,6 @@ void EncodeGlib(benchmark::State &state) {
     return converted;
   });
 }
-BENCHMARK(EncodeGlib)->Name("encode-allocate/glib")->Apply(texts);
 #endif
 
 #if defined(ZOV_HAVE_ICU)
@@ -315,8 +292,7 @@ BENCHMARK(EncodeGlib)->Name("encode-allocate/glib")->Apply(texts);
 #pragma GCC diagnostic ignored "-Wsign-conversion"
 #pragma GCC diagnostic ignored "-Wold-style-cast"
 
-void DecodeIcu(benchmark::State &state) {
-  Row row(state);
+void DecodeIcu(Row &row) {
   const char *in = row.text.bytes.data();
   const int32_t length = static_cast<int32_t>(row.text.bytes.size());
   row.run([&] {
@@ -332,10 +308,8 @@ void DecodeIcu(benchmark::State &state) {
     return out;
   });
 }
-BENCHMARK(DecodeIcu)->Name("decode/icu")->Apply(texts);
 
-void EncodeIcu(benchmark::State &state) {
-  Row row(state);
+void EncodeIcu(Row &row) {
   const int32_t room = static_cast<int32_t>(row.bytes.size());
   row.run([&] {
     uint8_t *out = reinterpret_cast<uint8_t *>(row.bytes.data());
@@ -347,21 +321,75 @@ void EncodeIcu(benchmark::State &state) {
     return isError ? nullptr : out + at;
   });
 }
-BENCHMARK(EncodeIcu)->Name("encode/icu")->Apply(texts);
 #pragma GCC diagnostic pop
 #endif
 
-constexpr const char *kNames[] = {"employee_records.dat", "EMPLOYEE_RECORDS.IDX", "a.ini",
+constexpr struct {
+  const char *name;
+  void (*convert)(Row &row);
+  Into into;
+} kConversions[] = {
+    {"decode/zov", Decode, Into::kChars},
+    {"decode-terminated/zov", DecodeTerminated, Into::kChars},
+    {"decode-measure/zov", DecodeMeasuring, Into::kNothing},
+    {"decode/libc", DecodeLibc, Into::kChars},
+    {"decode/plain-loop", DecodePlainLoop, Into::kChars},
+    {"encode/zov", Encode, Into::kBytes},
+    {"encode-terminated/zov", EncodeTerminated, Into::kBytes},
+    {"encode-measure/zov", EncodeMeasuring, Into::kNothing},
+    {"encode/libc", EncodeLibc, Into::kBytes},
+    {"encode/plain-loop", EncodePlainLoop, Into::kBytes},
+    {"decode/wmemcpy", CopyOfWideString, Into::kChars},
+    {"encode-allocate/zov", EncodeAllocating, Into::kNothing},
+#if defined(ZOV_HAVE_GLIB)
+    {"decode-allocate/glib", DecodeGlib, Into::kNothing},
+    {"encode-allocate/glib", EncodeGlib, Into::kNothing},
+#endif
+#if defined(ZOV_HAVE_ICU)
+    {"decode/icu", DecodeIcu, Into::kChars},
+    {"encode/icu", EncodeIcu, Into::kBytes},
+#endif
+};
+
+const bool added = [] {
+  for (const auto &conversion : kConversions) {
+    for (const size_t length : kLengths) {
+      for (const Script &script : kScripts) {
+        const std::string name =
+            std::string(conversion.name) + '/' + script.name + '-' + std::to_string(length);
+        benchmark::RegisterBenchmark(name.c_str(), [=, &script](benchmark::State &state) {
+          Row row(state, script, length);
+          conversion.convert(row);
+          row.check(conversion.into);
+        });
+      }
+    }
+  }
+  return true;
+}();
+
+constexpr const char *kNames[] = {"employee_records.dat", "employee_records.idx", "a.ini",
                                   "readme.txt", "archive.2024.tar.gz"};
 constexpr const char *kPatterns[] = {"*.ini", "employee_*.?dx", "*.tar.*", "*"};
 
+// Each name against each pattern; as many match as by the library.
 template <typename Matches>
 void matchAll(benchmark::State &state, Matches matches) {
-  for (auto _ : state) {
+  const auto countOf = [](auto isMatch) {
+    int count = 0;
     for (const char *name : kNames) {
-      for (const char *pattern : kPatterns) {
-        benchmark::DoNotOptimize(matches(name, pattern));
+      for (size_t pattern = 0; pattern < std::size(kPatterns); ++pattern) {
+        count += isMatch(name, pattern);
       }
+    }
+    return count;
+  };
+  const int expected = countOf(
+      [](const char *name, size_t pattern) { return zov_match(name, kPatterns[pattern]) != 0; });
+  for (auto _ : state) {
+    if (countOf(matches) != expected) {
+      state.SkipWithError("other matches");
+      break;
     }
   }
   state.SetItemsProcessed(state.iterations() *
@@ -369,17 +397,45 @@ void matchAll(benchmark::State &state, Matches matches) {
 }
 
 void Match(benchmark::State &state) {
-  matchAll(state, zov_match);
+  matchAll(state, [](const char *name, size_t pattern) {
+    return zov_match(name, kPatterns[pattern]) != 0;
+  });
 }
 BENCHMARK(Match)->Name("match/zov");
 
 // In the locale without multibyte characters, whatever ran before.
 void MatchLibc(benchmark::State &state) {
   setlocale(LC_ALL, "C");
-  matchAll(state, [](const char *name, const char *pattern) {
-    return fnmatch(pattern, name, FNM_CASEFOLD);
+  matchAll(state, [](const char *name, size_t pattern) {
+    return fnmatch(kPatterns[pattern], name, FNM_CASEFOLD) == 0;
   });
 }
 BENCHMARK(MatchLibc)->Name("match/libc");
+
+#if defined(ZOV_HAVE_APR)
+void MatchApr(benchmark::State &state) {
+  matchAll(state, [](const char *name, size_t pattern) {
+    return apr_fnmatch(kPatterns[pattern], name, APR_FNM_CASE_BLIND) == APR_SUCCESS;
+  });
+}
+BENCHMARK(MatchApr)->Name("match/apr");
+#endif
+
+#if defined(ZOV_HAVE_GLIB)
+// Patterns made beforehand, and capitals told from small letters: the names have none.
+void MatchGlib(benchmark::State &state) {
+  GPatternSpec *patterns[std::size(kPatterns)];
+  for (size_t pattern = 0; pattern < std::size(kPatterns); ++pattern) {
+    patterns[pattern] = g_pattern_spec_new(kPatterns[pattern]);
+  }
+  matchAll(state, [&](const char *name, size_t pattern) {
+    return g_pattern_spec_match_string(patterns[pattern], name) != 0;
+  });
+  for (GPatternSpec *each : patterns) {
+    g_pattern_spec_free(each);
+  }
+}
+BENCHMARK(MatchGlib)->Name("match/glib");
+#endif
 
 }  // namespace

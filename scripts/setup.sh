@@ -19,7 +19,8 @@ JOBS=$(nproc)
 declare -A PACKAGES=(
   [build]="cmake g++ ninja-build"
   [test]="bison gdb libedit-dev libgtest-dev libleveldb-dev libsqlite3-dev python3"
-  [bench]="libbenchmark-dev libglib2.0-dev libicu-dev libleveldb-dev liblmdb-dev libsqlite3-dev libtirpc-dev pkg-config"
+  [bench]="libapr1-dev libaprutil1-dev libbenchmark-dev libfmt-dev libglib2.0-dev libicu-dev libleveldb-dev \
+    liblmdb-dev libsqlite3-dev libstb-dev libtbb-dev libtirpc-dev libuv1-dev pkg-config"
   [counts]="valgrind"
   [report]="gnuplot-nox"
   [demo]="unicode-data"

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How a program adds its rows: a table for each peer, which has its name in kName.
+// A row is called operation/peer/argument.
+#ifndef BENCH_BENCH_ROWS_H
+#define BENCH_BENCH_ROWS_H
+
+#include <benchmark/benchmark.h>
+
+#include <initializer_list>
+#include <string>
+
+struct BenchRow {
+  const char *operation;
+  void (*run)(benchmark::State &state);
+  void (*apply)(benchmark::internal::Benchmark *row) = nullptr;  // arguments, threads
+};
+
+// Adds a peer's rows; applyToAll is for each of them.
+inline bool addRows(const std::string &peer, std::initializer_list<BenchRow> rows,
+                    void (*applyToAll)(benchmark::internal::Benchmark *row) = nullptr) {
+  for (const BenchRow &row : rows) {
+    auto *added = benchmark::RegisterBenchmark((row.operation + ("/" + peer)).c_str(), row.run);
+    for (const auto apply : {applyToAll, row.apply}) {
+      if (apply != nullptr) {
+        apply(added);
+      }
+    }
+  }
+  return true;
+}
+
+// Wall time on one, two and four threads.
+inline void onThreads(benchmark::internal::Benchmark *row) {
+  row->ThreadRange(1, 4)->UseRealTime();
+}
+
+#endif
