@@ -4,59 +4,152 @@
  * The public interface of libzov, the platform layer under a database engine,
  * its server and its utilities. It reads as C11 and as C++.
  *
- * Conventions, referred to by number below:
+ * ## Contents
+ *
+ * The families in their order here, with the prefix that most of their names have,
+ * their handles, and who makes and who releases them. The last column tells who may
+ * use one object: "any" is any number of threads at once, "one" is one at a time.
+ *
+ * | family | prefix | handle | made by | released by | threads |
+ * |--------|--------|--------|---------|-------------|---------|
+ * | @ref zov_marks | `ZOV_` | | | | |
+ * | @ref zov_statuses | `ZOV_` | | | | |
+ * | @ref zov_startup | `zov_` | the library | zov_init() | zov_term() | any |
+ * | @ref zov_memory | `zov_` | ::ZOV_TAG | zov_createTagEx() | zov_freeTagMemory() | one, or any |
+ * | | | a block | zov_getMem() | zov_freeMem() | as its tag |
+ * | @ref zov_syncobjects | `zov_sync` | | | | |
+ * | | | ::ZOV_SYNC | zov_syncCreate_check() | zov_syncDelete() | any |
+ * | @ref zov_threading | `zov_thread` | ::ZOV_THREAD | zov_threadBeginEx() | | any |
+ * | @ref zov_pools | `zov_` | ::ZOV_POOL | zov_allocPool() | zov_zFreePool() | one, or any |
+ * | @ref zov_queues | `zov_queue` | ::ZOV_QUEUE | zov_queueCreate() | zov_queueDelete() | any |
+ * | @ref zov_numbers | `zov_swap`, `zov_align` | | | | |
+ * | @ref zov_native | `zov_fl`, `zov_dir` | a descriptor | zov_flOpen() | zov_flClose() | any |
+ * | | | ::ZOV_DISK_WALK | zov_flPathOpen() | zov_flPathClose() | one |
+ * | @ref zov_files | `zov_file` | ::ZOV_FILE | zov_fileOpen() | zov_fileClose() | any |
+ * | @ref zov_fileutil | `zov_file`, `zov_dir` | | | | |
+ * | | `zov_path` | ::ZOV_PATH_WALK | zov_pathOpenEx() | zov_pathClose() | one |
+ * | @ref zov_paths | `zov_path` | | | | |
+ * | @ref zov_unicode | `zov_utf8`, `zov_convert` | | | | |
+ * | @ref zov_wildcards | `zov_match` | | | | |
+ * | @ref zov_memfiles | `zov_mf` | ::ZOV_MFILE | zov_mfOpen() | zov_mfClose() | any |
+ * | | `zov_mfPath` | ::ZOV_MEM_WALK | zov_mfPathOpen() | zov_mfPathClose() | one |
+ * | @ref zov_format | `zov_makeStr` | | | | |
+ * | @ref zov_streams | `zov_f` | ::ZOV_STREAM | zov_fopen() | zov_fclose() | one |
+ * | @ref zov_output | `zov_fileStack` | | | | |
+ * | | | ::ZOV_FILE_STACK | zov_fileStackInit() | zov_fileStackTerm() | one |
+ * | | `zov_log` | ::ZOV_LOG_CHUNK | zov_log_chunk_init() | zov_log_chunk_end() | one |
+ * | @ref zov_strings | `str`, `wcs` | | | | |
+ * | @ref zov_random | `zov_rand` | ::ZOV_RAND | zov_randCreate() | zov_randDestroy() | one |
+ * | @ref zov_inifiles | `zov_ini` | | | | |
+ * | @ref zov_parser | `zov_yyparse` | | | | |
+ * | @ref zov_buffers | `zov_inputBuff` | | | | |
+ * | | | ::ZOV_INPUTBUFF | zov_inputBuffCreate() | zov_inputBuffDestroy() | one |
+ * | | `zov_outputBuff` | | | | |
+ * | | | ::ZOV_OUTPUTBUFF | zov_outputBuffCreate() | zov_outputBuffDestroy() | one |
+ * | @ref zov_process | `zov_service` | | | | |
+ * | @ref zov_time | `zov_time` | | | | |
+ * | @ref zov_environment | `zov_getenv` | | | | |
+ * | @ref zov_temporary | `zov_` | | | | |
+ * | @ref zov_heap | `zov_shm` | ::ZOV_SHM_CTX | zov_shmOpenCtx() | zov_shmRemoveCtx() | one |
+ * | | | ::ZOV_SHM_REGION | zov_shmCreate() | zov_shmDestroy() | one |
+ * | @ref zov_mapcache | `zov_shmCache` | | | | |
+ * | | | ::ZOV_CACHE_CTX | zov_shmCacheOpenCtx() | zov_shmCacheCloseCtx() | any |
+ * | | | ::ZOV_CACHE_REGION | zov_shmCacheCreate() | zov_shmCacheClose() | any |
+ * | @ref zov_segments | `zov_seg` | ::ZOV_SEG | zov_segOpen() | zov_segClose() | one |
+ * | @ref zov_stages | `zov_` | | | | |
+ *
+ * ## Conventions
+ *
+ * They are referred to by number below. What they say goes for every function,
+ * unless its own comment or that of its family says otherwise.
  *
  * 1. Names. Functions are `zov_` and lower camel case, constants `ZOV_NAME`.
- *    A form ending in `W` takes wide strings and is otherwise the plain form.
+ *    A form ending in `Ex` takes flags that the plain form leaves at 0, one ending
+ *    in `W` takes wide strings; otherwise they are the plain form. A `V` takes an
+ *    argument list. These names break the rule, since programs use them so: those
+ *    with an underscore within, as zov_get_pid() and the `zov_log_` and `zov_utf8_`
+ *    functions; strupr(), strlwr(), wcsupr() and wcslwr(), which another library of
+ *    the program may define too; and the variables #server_name, #deviceHead and
+ *    #deviceSem. Noun stands before verb in most families, and behind it as in
+ *    zov_getMem() in tagged memory, pools, zov_convertToUTF8() and zov_readIniFile().
  * 2. Handles are opaque: sync objects and memory tags are 64-bit integers,
  *    all-ones when absent; files and streams are pointers, null when absent.
  *    Every creating call names the call that releases what it made. When
  *    creation fails nothing is owed.
- * 3. Statuses are the ZOV_ constants of ::zov_status, 0 meaning success. Byte
- *    counts of transfers are unsigned 32-bit, #ZOV_IO_FAILED meaning failure.
- *    Positioned transfers take a signed 64-bit byte offset, of which
+ * 3. Results. ::ZOV_STATUS is 0 for success, ::ZOV_BOOL is 1 or 0; see "How a call
+ *    says no". Byte counts of transfers are unsigned 32-bit, #ZOV_IO_FAILED meaning
+ *    failure. Positioned transfers take a signed 64-bit byte offset, of which
  *    #ZOV_OFFSET_CURRENT means the current position.
  * 4. Strings are NUL-terminated bytes, UTF-8 where they name files. Wide
  *    strings are NUL-terminated `wchar_t`, 4 bytes and one code point each.
  *    Where the text says "whole", a string may hold any bytes and its length
  *    is passed beside it.
- * 5. Threads. "Any" means any number of threads at once. "One at a time"
- *    means calls on one object must not overlap; different objects may.
- * 6. Memory handed to the caller belongs to a tag, the default one unless
+ * 5. Threads. Any number of threads may be in a call at once, with the same object
+ *    too. "One at a time" means calls on one object must not overlap; different
+ *    objects may. Who releases an object makes sure that no other call on it is
+ *    under way.
+ * 6. Ownership. What is passed stays the caller's, and is not used after the call.
+ *    Memory handed to the caller belongs to a tag, the default one unless
  *    said otherwise, and is released with zov_freeMem() on that tag.
- * 7. "May jump" says whether a call may leave through a recovery point (see
- *    zov_createTagEx()) instead of returning. A function that names no tag
+ * 7. Jumps. A call returns. Only one that says "May jump" may leave through a
+ *    recovery point (see zov_createTagEx()) instead. A function that names no tag
  *    and may jump allocates from the default tag, so it jumps only when a
  *    caller armed that one with zov_resetTag().
  * 8. Callers pass the name of their own source file and a line with every
  *    allocation and sync object; #ZOV_HERE gives both. They are used only in
  *    messages and must stay valid for the length of the call.
- * 9. "Messages" lists what a call may write, through the message path unless
- *    said otherwise. A function without the line writes nothing.
- * 10. Callbacks must not throw.
+ * 9. Messages. A call writes none. One with a line "Messages" may write those in
+ *    it, through the message path unless said otherwise.
+ * 10. Arguments. A pointer is not null. One without a line of its own is the
+ *     object that the call works on, or means what the function says of it that is
+ *     named in the first sentence.
  * 11. Signals, and forks of a process with several threads. A handler, and
- *    until it executes a program or calls _exit() the child of such a fork, may
- *    call only what neither locks, nor allocates, nor writes a message; any
- *    other call may wait for ever for what the interrupted thread, or one that
- *    the child lacks, holds. These calls are: byte order, alignment, matching,
- *    zov_vsnprintf() and zov_snprintf(), strings, rounding and drawn random
- *    numbers; conversions of UTF-8 into memory of the caller; all zov_fl
- *    functions but walks and `W` forms, zov_dirCreate() and zov_dirRemove(); on a
- *    handle of a disk file transfers, seeking, length, size and sync, where a transfer that
- *    fails writes its message; getting and putting of typed buffers, with
- *    callbacks that keep to this, but not zov_inputBuffGetString(); the clocks,
- *    zov_sleep(), process ids and zov_daemonComplete(). A handler also keeps
- *    errno, and leaves objects alone that one thread at a time may use.
+ *     until it executes a program or calls `_exit()` the child of such a fork, may
+ *     call only what neither locks, nor allocates, nor writes a message; any
+ *     other call may wait for ever for what the interrupted thread, or one that
+ *     the child lacks, holds. These calls are: byte order, alignment, matching,
+ *     zov_vsnprintf() and zov_snprintf(), strings, rounding and drawn random
+ *     numbers; conversions of UTF-8 into memory of the caller; all zov_fl
+ *     functions but walks and `W` forms, zov_dirCreate() and zov_dirRemove(); on a
+ *     handle of a disk file transfers, seeking, length, size and sync, where a transfer that
+ *     fails writes its message; getting and putting of typed buffers, with
+ *     callbacks that keep to this, but not zov_inputBuffGetString(); the clocks,
+ *     zov_sleep(), process ids and zov_daemonComplete(). A handler also keeps
+ *     errno, and leaves objects alone that one thread at a time may use.
  * 12. Forks of a process with one thread. The child may call everything. Its
- *    memory is a copy: blocks, sync objects and those it is inside, queues, files
- *    in memory, what streams and redirections hold; nothing in it reaches the
- *    parent, and what is not flushed before the fork may be written by both.
- *    Files on disk are shared: a descriptor's position, and the locks of
- *    zov_fileLock() and zov_flLock(), which either may release. A program that
- *    is executed inherits no descriptor of the library's.
+ *     memory is a copy: blocks, sync objects and those it is inside, queues, files
+ *     in memory, what streams and redirections hold; nothing in it reaches the
+ *     parent, and what is not flushed before the fork may be written by both.
+ *     Files on disk are shared: a descriptor's position, and the locks of
+ *     zov_fileLock() and zov_flLock(), which either may release. A program that
+ *     is executed inherits no descriptor of the library's.
+ * 13. Callbacks must not throw.
+ * 14. When. A function may be called only between zov_init() and zov_term().
+ * 15. Headers. This one brings the types that it uses. For the constants that some
+ *     calls take a caller includes `<fcntl.h>` (`O_` flags), `<stdio.h>` or
+ *     `<unistd.h>` (`SEEK_`), `<locale.h>` (`LC_`) and `<errno.h>` (errno and its
+ *     values).
  *
- * Unless its own comment says otherwise a function does not jump, takes no
- * null pointers, and may be called only between zov_init() and zov_term().
+ * ## How a call says no
+ *
+ * | result | of | yes | no |
+ * |--------|----|-----|----|
+ * | ::ZOV_STATUS | most calls that do something | #ZOV_OKAY, which is 0 | another of ::zov_status |
+ * | | @ref zov_inifiles, @ref zov_buffers | 0 | their own codes; that of a callback |
+ * | | @ref zov_native, removing, renaming | 0 | -1 with errno; zov_flOpen(): the error number |
+ * | ::ZOV_BOOL | what asks a question | 1 | 0, also when there is no telling |
+ * | a handle, an address | what makes or finds | it | null, #ZOV_NO_TAG, #ZOV_NO_SYNC; an id: 0 |
+ * | bytes moved | @ref zov_files, @ref zov_native | all, or fewer | #ZOV_IO_FAILED with errno |
+ * | | @ref zov_memfiles and what is beneath | all | fewer, with errno |
+ * | | @ref zov_streams | all that was given | -1 with errno; zov_fputc(): 0 |
+ * | a size or a time | of a handle | 0 or more | 0 |
+ * | | of a path | 0 or more | -1 on disk, 0 in memory |
+ * | characters | @ref zov_format, @ref zov_output | 0 or more | -1; a message 0 |
+ * | | @ref zov_unicode | the length | #ZOV_UTF8_FAILED |
+ * | nothing | calls without a result | | if at all by errno or an argument, as they say |
+ *
+ * Where a tag is armed a call that may jump does not return from a shortage of
+ * memory at all (convention 7).
  */
 #ifndef ZOV_H
 #define ZOV_H
@@ -71,6 +164,13 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_marks Marks for the compiler
+ * What the declarations below are marked with, and the macro that callers pass.
+ * @{
+ */
 
 /** Marks what the shared library exports. */
 #if defined(__GNUC__)
@@ -94,18 +194,18 @@ extern "C" {
 #define ZOV_NORETURN
 #endif
 
-/** @{ */
-/** Annotations of Clang's thread-safety analysis; empty elsewhere. */
 #if defined(__clang__)
+/** Clang's thread-safety analysis: a type of lock. Empty elsewhere. */
 #define ZOV_CAPABILITY(name) __attribute__((capability(name)))
+/** The same: a call that takes a lock. */
 #define ZOV_ACQUIRE(handle) __attribute__((acquire_capability(handle)))
+/** The same: a call that leaves a lock. */
 #define ZOV_RELEASE(handle) __attribute__((release_capability(handle)))
 #else
 #define ZOV_CAPABILITY(name)
 #define ZOV_ACQUIRE(handle)
 #define ZOV_RELEASE(handle)
 #endif
-/** @} */
 
 /** The caller's source name and line, for the two arguments of convention 8. A
  *  source file may define ZOV_SOURCE_NAME to go by another name than its own. */
@@ -116,10 +216,14 @@ extern "C" {
 #else
 #define ZOV_HERE __FILE__, __LINE__
 #endif
+/** @} */
 
-/* ========================================================================
- * Status codes
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_statuses Statuses
+ * The types and codes with which calls say how they went.
+ * @{
+ */
 
 /** The status codes, one list from which the constants and zov_status come.
  *  Expands `X(name, value, meaning)` for each. */
@@ -134,23 +238,35 @@ extern "C" {
   X(ZOV_UNSUPPORTED, 10, "the operation is not provided on this platform") \
   X(ZOV_NOTFOUND, 100, "a name was not found in a memory directory")
 
-/** Status of an operation that can fail. Functions return it as int32_t. */
+/** The codes of a ::ZOV_STATUS, but for those that a family has of its own. */
 enum zov_status {
 #define ZOV_STATUS_ENUM(name, value, meaning) name = (value),
   ZOV_STATUS_LIST(ZOV_STATUS_ENUM)
 #undef ZOV_STATUS_ENUM
 };
 
-/* ========================================================================
- * core/zov: start-up, shut-down and process-wide flags
- * ======================================================================== */
+/** How an operation went: 0, #ZOV_OKAY, for success, and what the call names for each
+ *  failure, mostly one of ::zov_status. */
+typedef int32_t ZOV_STATUS;
+
+/** A yes or a no. Calls give 1 or 0, and take any other number than 0 as a yes. */
+typedef int32_t ZOV_BOOL;
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_startup Start-up, shut-down and modes
+ * Every program calls zov_init() first and zov_term() last; in between are the flags that
+ * change how the whole process works, and one lock that is always there. (core/zov)
+ * @{
+ */
 
 /** Number of zov_init() calls not yet matched by zov_term(); 1 throughout
  *  start-up and shut-down. Below 1 the library is not started. Read only. */
 ZOV_API extern int32_t zov_inited;
 
 /** 1 while zov_term() shuts the modules down, else 0. Read only. */
-ZOV_API extern int32_t zov_terminating;
+ZOV_API extern ZOV_BOOL zov_terminating;
 
 /** Set by zov_rdonly(): the file handles and utilities, and what stands on them,
  *  neither write, create, remove nor rename files on disk. A handle that was open
@@ -159,17 +275,17 @@ ZOV_API extern int32_t zov_terminating;
  *  written: flush before. The zov_fl functions do not look at the flag, nor do
  *  zov_dirCreate(), zov_dirCreateAll() and zov_dirRemove(). The guide to files
  *  has a table of all calls. */
-ZOV_API extern int32_t zov_readonly;
+ZOV_API extern ZOV_BOOL zov_readonly;
 
 /** Set by zov_nodisk(): no disk file is opened, removed or renamed, and no
  *  directory is created, removed or walked. What was open before goes on as it
  *  was, to the disk. The zov_fl functions do not look at the flag, nor do
  *  zov_fileLengthStat() and zov_pathIsLink(). The guide to files has a table of
  *  all calls. */
-ZOV_API extern int32_t zov_diskless;
+ZOV_API extern ZOV_BOOL zov_diskless;
 
 /** 1 when the process runs in the background: console output is silenced. */
-ZOV_API extern int32_t zov_background;
+ZOV_API extern ZOV_BOOL zov_background;
 
 /** Name of the server in messages of a background process; "unknown" at
  *  first. Points at memory of whoever set it. */
@@ -185,11 +301,11 @@ ZOV_API extern const char *server_name;
  *         call that starts nothing, because the count was below 0, leaves the
  *         library down: #zov_inited tells.
  *
- * Threads: any; a second caller waits until a running start-up has finished.
- * Messages: "Out of memory initializing ZOV memory module" when the default
- * tag cannot be made, and those of failing allocations.
+ * Threads: any at once; a second caller waits until a running start-up has finished.
+ * May be called at any time. Messages: "Out of memory initializing ZOV memory
+ * module" when the default tag cannot be made, and those of failing allocations.
  */
-ZOV_API int32_t zov_init(void);
+ZOV_API ZOV_STATUS zov_init(void);
 
 /**
  * Takes back one zov_init(). The call that finds #zov_inited at exactly 1
@@ -198,8 +314,8 @@ ZOV_API int32_t zov_init(void);
  * it was: a call without its zov_init() leaves it at -1, and the next
  * zov_init() then starts nothing.
  *
- * Threads: any, but no other call of the library may be under way while the
- * last user leaves. A thread that waits in an event, or for a message of a
+ * May be called at any time. Threads: no other call of the library may be under way while
+ * the last user leaves. A thread that waits in an event, or for a message of a
  * queue, keeps this call for as long as it waits: for ever without a limit. So
  * close the queues and signal the events first. Messages: those of failing
  * writes, when redirections are closed.
@@ -208,13 +324,13 @@ ZOV_API void zov_term(void);
 
 /**
  * Sets #zov_readonly for the rest of the process; nothing clears it again.
- * May be called before zov_init(). Threads: any.
+ * May be called before zov_init().
  */
 ZOV_API void zov_rdonly(void);
 
 /**
  * Sets #zov_diskless for the rest of the process; nothing clears it again.
- * May be called before zov_init(). Threads: any.
+ * May be called before zov_init().
  */
 ZOV_API void zov_nodisk(void);
 
@@ -225,12 +341,12 @@ ZOV_API void zov_nodisk(void);
  *
  * @return the result of pthread_mutex_lock(), 0 for success.
  *
- * Threads: any; waits while another thread is inside. A thread that is
+ * Waits while another thread is inside. A thread that is
  * inside must not enter again or call zov_init() or zov_term(), nor what
  * enters on its own: zov_queueInit() and zov_queueTerm() where they start or
  * end the module, and what looks for the temporary directory.
  */
-ZOV_API int32_t zov_enterCritSec(void);
+ZOV_API ZOV_STATUS zov_enterCritSec(void);
 
 /**
  * Leaves the process-wide critical section.
@@ -239,11 +355,19 @@ ZOV_API int32_t zov_enterCritSec(void);
  *
  * Threads: the one that entered.
  */
-ZOV_API int32_t zov_exitCritSec(void);
+ZOV_API ZOV_STATUS zov_exitCritSec(void);
+/** @} */
 
-/* ========================================================================
- * core/zovmem: tagged memory
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_memory Tagged memory
+ * Blocks that belong to a tag, are released one by one or with the tag, and may jump to
+ * a recovery point when memory runs out. (core/zovmem)
+ *
+ * Threads: any number at once on a thread-safe tag, as the default one; a tag made without
+ * the flag belongs to one thread.
+ * @{
+ */
 
 /** A memory tag: a group of blocks that can be released all at once and that
  *  decides what a failed allocation does. 0 names the default tag, which is
@@ -269,19 +393,6 @@ enum zov_mem_mode {
 };
 
 /**
- * Starts the memory module. For zov_init() only.
- * @return #ZOV_OKAY or #ZOV_ERROR.
- * Messages: "Out of memory initializing ZOV memory module".
- */
-ZOV_API int32_t zov_memInit(void);
-
-/**
- * Releases every block of every tag and every tag. For zov_term() only, after
- * zov_syncShutdown() and with #zov_terminating set.
- */
-ZOV_API void zov_memTerm(void);
-
-/**
  * Makes a memory tag.
  *
  * @param recovery   a context filled by setjmp(), copied whole, or null. With
@@ -299,7 +410,7 @@ ZOV_API void zov_memTerm(void);
  *         flag (zov_term() releases what is left), or #ZOV_NO_TAG, also while
  *         the library is not started.
  *
- * Threads: any. Never jumps. Messages: none of its own; those of
+ * Never jumps. Messages: none of its own; those of
  * zov_syncCreate_check() with the flag.
  */
 ZOV_API ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *sourceName,
@@ -311,8 +422,7 @@ ZOV_API ZOV_TAG zov_createTagEx(jmp_buf *recovery, uint32_t flags, const char *s
  * @param tag       the tag; the default tag's null name is ignored here
  * @param deleteTag non-zero: the tag is released too and its handle is dead
  *
- * Threads: any when the tag is thread-safe, else its own thread; nobody may
- * use a tag that is being deleted. Does nothing while the library is not started.
+ * Nobody may use a tag that is being deleted. Does nothing while the library is not started.
  * Cost: one libc call a block.
  */
 ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
@@ -323,7 +433,7 @@ ZOV_API void zov_freeTagMemory(ZOV_TAG tag, uint16_t deleteTag);
  * @param recovery a context as in zov_createTagEx(), or null to disarm
  * @param tag      the tag, 0 for the default one; #ZOV_NO_TAG is ignored
  *
- * Threads: as the tag allows. Does nothing while the library is not started.
+ * Does nothing while the library is not started.
  */
 ZOV_API void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag);
 
@@ -343,7 +453,6 @@ ZOV_API void zov_resetTag(jmp_buf *recovery, ZOV_TAG tag);
  *         without a message or a jump for #ZOV_NO_TAG and while the library is
  *         not started.
  *
- * Threads: any when the tag is thread-safe, else its own thread.
  * Messages: "Out of memory. Called from %s:%u" with the caller's place.
  * May jump: to the recovery point of the tag, when memory is short.
  */
@@ -365,9 +474,9 @@ ZOV_API void *zov_getMem(uint64_t size, ZOV_TAG tag, uint32_t mode, const void *
  * @param line       caller's line
  * @return the block, or null, as zov_getMem(); the old block is then as it was.
  *
- * Threads, messages, may jump: as zov_getMem().
+ * Messages, may jump: as zov_getMem().
  */
-ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t zero,
+ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, ZOV_BOOL zero,
                             uint64_t grownBytes, const char *sourceName, uint32_t line);
 
 /**
@@ -383,7 +492,6 @@ ZOV_API void *zov_extendMem(void *block, uint64_t newSize, ZOV_TAG tag, int32_t 
  *              started
  * @param tag   the tag that owns it, 0 for the default one
  *
- * Threads: any when the tag is thread-safe, else its own thread.
  * Messages: "Attempting to free previously freed memory", as a line on the
  * process's standard output.
  */
@@ -409,13 +517,17 @@ ZOV_API void zov_moveMemTag(void *block, ZOV_TAG newTag, ZOV_TAG currentTag);
  * @param length bytes to compare; with 0 the ranges may be null
  * @return -1, 0 or 1 as the first range is smaller, equal or greater.
  *
- * Threads: any. May be called at any time.
+ * Threads: any, whatever owns the ranges. May be called at any time.
  */
 ZOV_API int32_t zov_memCmp(const void *first, const void *second, uint64_t length);
+/** @} */
 
-/* ========================================================================
- * core/zovuxthreads: sync objects
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_syncobjects Mutexes and events
+ * Sync objects: recursive mutexes and manual-reset events. (core/zovuxthreads)
+ * @{
+ */
 
 /** A sync object, a recursive mutex or an event; all-ones when absent. */
 typedef uint64_t ZOV_SYNC ZOV_CAPABILITY("mutex");
@@ -433,19 +545,6 @@ enum zov_sync_kind {
 #define ZOV_WAIT_FOREVER UINT32_MAX
 
 /**
- * Empties the table of sync objects. For zov_init() only.
- * @return #ZOV_OKAY.
- */
-ZOV_API int32_t zov_syncInit(void);
-
-/** Destroys every sync object and releases the table's memory. For zov_term()
- *  only. */
-ZOV_API void zov_syncShutdown(void);
-
-/** Ends the module; there is nothing left to do by then. For zov_term() only. */
-ZOV_API void zov_syncTerm(void);
-
-/**
  * Makes a sync object. At most 131,072 exist at once; their memory is recycled
  * and goes back to the system at shut-down only.
  *
@@ -456,7 +555,6 @@ ZOV_API void zov_syncTerm(void);
  *         releases what is left), or #ZOV_NO_SYNC, also while the library is
  *         not started and when the system refuses the object.
  *
- * Threads: any.
  * Messages: "Invalid semaphore type" for another kind, which uses up one of the
  * objects until zov_term(); "Insufficient number of
  * semaphores, called from %s:%d" with the caller's place when the table is
@@ -469,7 +567,6 @@ ZOV_API ZOV_SYNC zov_syncCreate_check(int32_t kind, const char *sourceName, uint
  * Destroys a sync object, which nobody may hold or wait on. 0 and
  * #ZOV_NO_SYNC are ignored. Deleting an object twice is not detected. Deleting
  * an event that a thread waits on keeps this call until that thread leaves.
- * Threads: any.
  */
 ZOV_API void zov_syncDelete(ZOV_SYNC handle);
 
@@ -477,7 +574,7 @@ ZOV_API void zov_syncDelete(ZOV_SYNC handle);
  * Enters a mutex, waiting while another thread is inside. The thread that is
  * inside may enter again; each entry wants an exit.
  *
- * Threads: any. Cost: one uncontended POSIX lock, nothing but a counter when
+ * Cost: one uncontended POSIX lock, nothing but a counter when
  * entered again. Messages: "Invalid mutex", for an event, a deleted mutex, 0 and
  * #ZOV_NO_SYNC, with which it does nothing else. No other number may be given.
  */
@@ -488,13 +585,13 @@ ZOV_API void zov_syncEnterExcl(ZOV_SYNC handle) ZOV_ACQUIRE(handle);
  * that the calling thread is the one inside: an exit by another one counts. One
  * too many does nothing while nobody is inside.
  *
- * Threads: any. Messages: "Invalid mutex", as zov_syncEnterExcl().
+ * Messages: "Invalid mutex", as zov_syncEnterExcl().
  */
 ZOV_API void zov_syncExitExcl(ZOV_SYNC handle) ZOV_RELEASE(handle);
 
 /**
  * Resets an event: later waits block until zov_syncResume().
- * Threads: any; takes no lock. Messages: "Invalid event", for a mutex, a deleted
+ * Takes no lock. Messages: "Invalid event", for a mutex, a deleted
  * event, 0 and #ZOV_NO_SYNC. No other number may be given.
  */
 ZOV_API void zov_syncStart(ZOV_SYNC handle);
@@ -503,7 +600,7 @@ ZOV_API void zov_syncStart(ZOV_SYNC handle);
  * Signals an event: every present waiter wakes and later waits return at once,
  * until zov_syncStart(). A waiter may go on before this returns, so that a wait
  * does not tell that the event may be deleted.
- * Threads: any. Messages: "Invalid event", as zov_syncStart().
+ * Messages: "Invalid event", as zov_syncStart().
  */
 ZOV_API void zov_syncResume(ZOV_SYNC handle);
 
@@ -517,9 +614,9 @@ ZOV_API void zov_syncResume(ZOV_SYNC handle);
  * @return #ZOV_OKAY when signalled, #ZOV_TIMEOUT when the limit ran out,
  *         #ZOV_ERROR for a mutex, a deleted event, 0 and #ZOV_NO_SYNC.
  *
- * Threads: any. Messages: "Invalid event" with #ZOV_ERROR.
+ * Messages: "Invalid event" with #ZOV_ERROR.
  */
-ZOV_API int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs);
+ZOV_API ZOV_STATUS zov_syncWait(ZOV_SYNC handle, uint32_t waitMs);
 
 /**
  * Waits on the caller's own condition variable, of the real-time clock, for a
@@ -532,14 +629,21 @@ ZOV_API int32_t zov_syncWait(ZOV_SYNC handle, uint32_t waitMs);
  * @param waitMs    limit in milliseconds
  * @return 1 when the limit ran out, else 0.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
-                                         uint32_t waitMs);
+ZOV_API ZOV_BOOL zov_posix_cond_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex,
+                                          uint32_t waitMs);
+/** @} */
 
-/* ========================================================================
- * core/zovuxthreads: threads
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_threading Threads
+ * Starting and ending threads. They are detached: nobody joins them, and what is to be told
+ * at their end goes through an event or a queue. (core/zovuxthreads)
+ *
+ * All of this family may be called at any time, started or not.
+ * @{
+ */
 
 /** A thread, as pthread_self() names it. */
 typedef uint64_t ZOV_THREAD;
@@ -569,9 +673,9 @@ enum zov_thread_level {
  * @return #ZOV_OKAY, or #ZOV_ERROR when the library is not started or the
  *         platform refuses another thread.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_threadBegin(void *(*start)(void *), uint32_t stackBytes, void *argument);
+ZOV_API ZOV_STATUS zov_threadBegin(void *(*start)(void *), uint32_t stackBytes, void *argument);
 
 /**
  * As zov_threadBegin().
@@ -580,8 +684,8 @@ ZOV_API int32_t zov_threadBegin(void *(*start)(void *), uint32_t stackBytes, voi
  *               before the call returns, which the new thread may well not
  *               wait for; untouched on failure.
  */
-ZOV_API int32_t zov_threadBeginEx(void *(*start)(void *), uint32_t stackBytes, void *argument,
-                                  ZOV_THREAD *thread);
+ZOV_API ZOV_STATUS zov_threadBeginEx(void *(*start)(void *), uint32_t stackBytes, void *argument,
+                                     ZOV_THREAD *thread);
 
 /**
  * Sets a thread's priority within the range of its scheduling policy, which
@@ -593,18 +697,18 @@ ZOV_API int32_t zov_threadBeginEx(void *(*start)(void *), uint32_t stackBytes, v
  * @return #ZOV_OKAY; #ZOV_ERROR for another level or when the platform refuses;
  *         #ZOV_THREAD_UNREADABLE.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
 ZOV_API uint32_t zov_threadSetPriority(ZOV_THREAD thread, int32_t level);
 
 /**
  * Ends the calling thread; does not return. Its C++ frames are unwound, so none
  * of them may be noexcept or swallow what passes. The process goes on, also
- * without its main thread. Threads: any. May be called at any time.
+ * without its main thread. May be called at any time.
  */
 ZOV_API void zov_threadEnd(void) ZOV_NORETURN;
 
-/** @return the calling thread. Threads: any. May be called at any time. */
+/** Tells which thread calls. @return the calling thread; cannot fail. */
 ZOV_API ZOV_THREAD zov_threadId(void);
 
 /**
@@ -613,13 +717,18 @@ ZOV_API ZOV_THREAD zov_threadId(void);
  * @param thread not used
  * @return #ZOV_UNSUPPORTED.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_threadJoin(ZOV_THREAD thread);
+ZOV_API ZOV_STATUS zov_threadJoin(ZOV_THREAD thread);
+/** @} */
 
-/* ========================================================================
- * core/zovpool: pools
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_pools Pools of memory
+ * Chunks of memory that are put back and given out again, faster than a tag does it.
+ * (core/zovpool)
+ * @{
+ */
 
 /** A pool: chunks of memory that were put back, ready to be given out again;
  *  null when absent. */
@@ -643,7 +752,7 @@ typedef struct MemoryPool *ZOV_POOL;
  * Messages: those of zov_getMem() and zov_syncCreate_check().
  * May jump: to the recovery point of the tag, when memory is short.
  */
-ZOV_API ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe);
+ZOV_API ZOV_POOL zov_allocPool(ZOV_TAG tag, ZOV_BOOL fixedSize, ZOV_BOOL threadSafe);
 
 /**
  * Takes a chunk out of a pool, the one put back last, or a new one from the
@@ -693,13 +802,18 @@ ZOV_API void zov_putInPool(void *chunk, ZOV_POOL pool);
  * Threads: nobody may use the pool any more.
  */
 ZOV_API void zov_zFreePool(ZOV_POOL *pool);
+/** @} */
 
-/* ========================================================================
- * core/zovqueue: message queues
+/* ======================================================================== */
+/**
+ * @defgroup zov_queues Queues of messages
+ * Messages from any number of threads to any number of threads, in their order.
+ * (core/zovqueue)
  *
- * A queue is of one process: a forked child has a copy with the messages in it,
- * without the threads that read and write it.
- * ======================================================================== */
+ * A queue is of one process: a forked child has a copy with the messages in it, without the
+ * threads that read and write it.
+ * @{
+ */
 
 /** A message queue; null when absent. A message is a 64-bit value and two
  *  32-bit words, its code and its key. */
@@ -727,7 +841,7 @@ typedef struct MessageQueue *ZOV_QUEUE;
  * Threads: any; with force as zov_queueTerm().
  * Messages: those of zov_syncCreate_check().
  */
-ZOV_API int32_t zov_queueInit(int32_t force);
+ZOV_API ZOV_STATUS zov_queueInit(int32_t force);
 
 /**
  * Ends the queue module. What is left undone at zov_term() happens there.
@@ -748,7 +862,6 @@ ZOV_API void zov_queueTerm(int32_t force);
  * @return the queue, to be released with zov_queueDelete(), or null. It comes
  *         with the memory for 40 messages.
  *
- * Threads: any.
  * Messages: those of zov_getMem() and zov_syncCreate_check().
  */
 ZOV_API ZOV_QUEUE zov_queueCreate(const char *name);
@@ -780,7 +893,7 @@ ZOV_API void zov_queueDelete(ZOV_QUEUE queue);
  * @param key   its second word, by which zov_queuePurge() finds it
  * @param flags 0 or #ZOV_QUEUE_FRONT
  *
- * Threads: any; never waits for a reader. Cost: one lock pair and a few pointer
+ * Never waits for a reader. Cost: one lock pair and a few pointer
  * updates; memory only when the queue is longer than it ever was; a system call
  * only when a reader sleeps.
  * Messages: "Invalid queue handle" as zov_queueRead(); "Out of memory. Called
@@ -804,15 +917,15 @@ ZOV_API void zov_queueWrite(ZOV_QUEUE queue, uint64_t data, uint32_t code, uint3
  *         was nothing to read and waitMs is 0, or for a null handle;
  *         #ZOV_QUEUE_CLOSED. The places are written only with #ZOV_OKAY.
  *
- * Threads: any. Cost: one lock pair when a message is there and nobody waits.
+ * Cost: one lock pair when a message is there and nobody waits.
  * Messages: "Invalid queue handle" for a null handle, and for a deleted queue
  * where it is seen to be one, with which the call goes on; "unexpected empty queue
  * on %s" with the name, when a purge takes the message that a reader was woken
  * for: that reader is given #ZOV_ERROR, and its thread keeps the queue locked,
  * as one whose state is in doubt.
  */
-ZOV_API int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, uint32_t *key,
-                              uint32_t waitMs);
+ZOV_API ZOV_STATUS zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, uint32_t *key,
+                                 uint32_t waitMs);
 
 /**
  * Drops every message with a key from a queue that is not closed. See
@@ -821,7 +934,7 @@ ZOV_API int32_t zov_queueRead(ZOV_QUEUE queue, uint64_t *data, uint32_t *code, u
  * @param queue the queue
  * @param key   the key, or #ZOV_QUEUE_EVERY_KEY
  *
- * Threads: any. Cost: in proportion to the messages there, which nobody reads or
+ * Cost: in proportion to the messages there, which nobody reads or
  * writes meanwhile. Messages: "Invalid queue handle" as zov_queueRead().
  */
 ZOV_API void zov_queuePurge(ZOV_QUEUE queue, uint32_t key);
@@ -832,7 +945,7 @@ ZOV_API void zov_queuePurge(ZOV_QUEUE queue, uint32_t key);
  *
  * @param queue the queue; null is ignored
  *
- * Threads: any; takes none of the queue's locks.
+ * Takes none of the queue's locks.
  */
 ZOV_API void zov_queueClose(ZOV_QUEUE queue);
 
@@ -841,9 +954,7 @@ ZOV_API void zov_queueClose(ZOV_QUEUE queue);
  * when it arrives.
  *
  * @param queue the queue; null has none
- * @return the number of messages.
- *
- * Threads: any.
+ * @return the number of messages, 0 for a null queue.
  */
 ZOV_API uint32_t zov_queueCount(ZOV_QUEUE queue);
 
@@ -854,32 +965,35 @@ ZOV_API uint32_t zov_queueCount(ZOV_QUEUE queue);
  * @return the newest queue of that name, or null. It still belongs to who made
  *         it, and may be deleted by that one at any time.
  *
- * Threads: any. Cost: in proportion to the number of queues.
+ * Cost: in proportion to the number of queues.
  */
 ZOV_API ZOV_QUEUE zov_queueFind(const char *name);
-
-/* ========================================================================
- * core/zovswap, core/zovalign, core/zovver: byte order, alignment, version
- *
- * Pure functions: any thread, at any time.
- * ======================================================================== */
-
-/** @{ */
-/** Version of this header; zov_version() gives the library's. */
-#define ZOV_VERSION_MAJOR 11
-#define ZOV_VERSION_MINOR 0
-#define ZOV_VERSION_BUILD 620
 /** @} */
 
-/** @return the 2 bytes of value in reverse order. */
+/* ======================================================================== */
+/**
+ * @defgroup zov_numbers Byte order, alignment, version
+ * Pure functions: any thread, at any time. None can fail. (core/zovswap, core/zovalign,
+ * core/zovver)
+ * @{
+ */
+
+/** Major version of this header; zov_version() gives the library's. */
+#define ZOV_VERSION_MAJOR 11
+/** Minor version of this header. */
+#define ZOV_VERSION_MINOR 0
+/** Build that this header is of. */
+#define ZOV_VERSION_BUILD 620
+
+/** Reverses 2 bytes. @return the 2 bytes of value in reverse order. */
 ZOV_API uint16_t zov_swaporder16(uint16_t value);
-/** @return the 4 bytes of value in reverse order. */
+/** Reverses 4 bytes. @return the 4 bytes of value in reverse order. */
 ZOV_API uint32_t zov_swaporder32(uint32_t value);
-/** @return the 8 bytes of value in reverse order. */
+/** Reverses 8 bytes. @return the 8 bytes of value in reverse order. */
 ZOV_API uint64_t zov_swaporder64(uint64_t value);
-/** @return the float whose bit pattern is that of value, bytes reversed. */
+/** Reverses a float. @return the float whose bit pattern is that of value, bytes reversed. */
 ZOV_API float zov_swaporderf32(float value);
-/** @return the double whose bit pattern is that of value, bytes reversed. */
+/** Reverses a double. @return the double whose bit pattern is that of value, bytes reversed. */
 ZOV_API double zov_swaporderf64(double value);
 
 /**
@@ -909,10 +1023,16 @@ ZOV_API uint16_t zov_align(uint16_t offset, uint32_t alignClass);
  * @param build place for the build number, or null
  */
 ZOV_API void zov_version(uint16_t *major, uint16_t *minor, uint16_t *build);
+/** @} */
 
-/* ========================================================================
- * files/zovunix: native file primitives
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_native Native files
+ * One function for each call of the system about files, on descriptors, for what has to
+ * stand outside of the handles of @ref zov_files. They look at neither the read-only nor
+ * the diskless flag. (files/zovunix)
+ * @{
+ */
 
 /** No native descriptor. */
 #define ZOV_NO_DESCRIPTOR UINT64_MAX
@@ -938,11 +1058,9 @@ typedef struct DiskWalk *ZOV_DISK_WALK;
  * @param descriptor where the descriptor goes, to be closed with zov_flClose();
  *                   #ZOV_NO_DESCRIPTOR on failure
  * @return 0, or the system's error number, which is errno too.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t unused,
-                           uint64_t *descriptor);
+ZOV_API ZOV_STATUS zov_flOpen(const char *path, uint32_t openFlags, uint32_t unused,
+                              uint64_t *descriptor);
 
 /**
  * Gives the descriptor of a standard stream. Nothing is opened, and the
@@ -951,10 +1069,8 @@ ZOV_API int32_t zov_flOpen(const char *path, uint32_t openFlags, uint32_t unused
  * @param descriptor   where the descriptor goes; untouched on failure
  * @param streamNumber 0 for input, 1 for output, 2 for errors
  * @return #ZOV_OKAY, or #ZOV_ERROR for another number.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber);
+ZOV_API ZOV_STATUS zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber);
 
 /**
  * Closes a descriptor. On Linux it is gone even when the call fails, so the
@@ -962,10 +1078,8 @@ ZOV_API int32_t zov_flOpenStd(uint64_t *descriptor, int32_t streamNumber);
  *
  * @param descriptor the descriptor
  * @return 0, or -1 with errno set.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flClose(uint64_t descriptor);
+ZOV_API ZOV_STATUS zov_flClose(uint64_t descriptor);
 
 /**
  * Moves the current position.
@@ -978,7 +1092,7 @@ ZOV_API int32_t zov_flClose(uint64_t descriptor);
  *
  * Threads: any; the position belongs to all who use the descriptor.
  */
-ZOV_API int32_t zov_flSeek(uint64_t descriptor, int64_t offset, int32_t whence);
+ZOV_API ZOV_STATUS zov_flSeek(uint64_t descriptor, int64_t offset, int32_t whence);
 
 /**
  * Writes at the current position and moves it. Exactly one call of write():
@@ -1048,16 +1162,13 @@ ZOV_API uint32_t zov_flSeekRead(uint64_t descriptor, int64_t offset, void *buffe
  * @return #ZOV_OKAY, or #ZOV_ERROR with errno set: for a pipe, a socket or a
  *         terminal always, with EINVAL. After a failure what was written may be
  *         lost, and a second call that succeeds does not bring it back.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flSync(uint64_t descriptor);
+ZOV_API ZOV_STATUS zov_flSync(uint64_t descriptor);
 
 /**
  * Tells the size of a file.
  * @param descriptor the descriptor
  * @return bytes; 0 also for what is not an open descriptor.
- * Threads: any.
  */
 ZOV_API int64_t zov_flSize(uint64_t descriptor);
 
@@ -1067,10 +1178,8 @@ ZOV_API int64_t zov_flSize(uint64_t descriptor);
  * @param descriptor the descriptor, open for writing
  * @param sizeBytes  the new size
  * @return 0, or -1 with errno set.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
+ZOV_API ZOV_STATUS zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
 
 /**
  * Takes the exclusive advisory lock on a whole file, without waiting. The lock
@@ -1082,18 +1191,15 @@ ZOV_API int32_t zov_flSetSize(uint64_t descriptor, int64_t sizeBytes);
  * @param descriptor the descriptor
  * @return #ZOV_OKAY, or #ZOV_ERROR when it is held elsewhere or the call
  *         failed.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flLock(uint64_t descriptor);
+ZOV_API ZOV_STATUS zov_flLock(uint64_t descriptor);
 
 /**
  * Releases the lock of zov_flLock(), as closing the descriptor does.
  * @param descriptor the descriptor
  * @return 0, or -1 with errno set.
- * Threads: any.
  */
-ZOV_API int32_t zov_flUnlock(uint64_t descriptor);
+ZOV_API ZOV_STATUS zov_flUnlock(uint64_t descriptor);
 
 /**
  * Renames a file or directory within its file system. What has the new name is
@@ -1102,18 +1208,15 @@ ZOV_API int32_t zov_flUnlock(uint64_t descriptor);
  * @param oldPath path of what exists
  * @param newPath path it shall have
  * @return 0, or -1 with errno set.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flRename(const char *oldPath, const char *newPath);
+ZOV_API ZOV_STATUS zov_flRename(const char *oldPath, const char *newPath);
 
 /**
  * Removes a file or an empty directory.
  * @param path path
  * @return 0, or -1 with errno set.
- * Threads: any.
  */
-ZOV_API int32_t zov_flRemove(const char *path);
+ZOV_API ZOV_STATUS zov_flRemove(const char *path);
 
 /**
  * Asks whether a path can be used. With a place for the second answer it is
@@ -1123,16 +1226,13 @@ ZOV_API int32_t zov_flRemove(const char *path);
  * @param path        path; links are followed
  * @param isDirectory gets 1 for a directory, else 0; or null
  * @return 1 or 0.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_flValidate(const char *path, int32_t *isDirectory);
+ZOV_API ZOV_BOOL zov_flValidate(const char *path, ZOV_BOOL *isDirectory);
 
 /**
  * Tells when a file was last modified.
  * @param path path; links are followed
  * @return whole seconds since 1970, UTC, or -1.
- * Threads: any.
  */
 ZOV_API int64_t zov_flModTime(const char *path);
 
@@ -1143,15 +1243,15 @@ ZOV_API int64_t zov_flModTime(const char *path);
  * @return #ZOV_OKAY; #ZOV_EXISTS when something has that name; #ZOV_ERROR for
  *         any other failure, and always under the diskless flag.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_dirCreate(const char *path);
+ZOV_API ZOV_STATUS zov_dirCreate(const char *path);
 
 /**
  * zov_dirCreate() of a wide path; #ZOV_ERROR also when the path cannot be
  * converted. Messages, may jump: as zov_convertToUTF8().
  */
-ZOV_API int32_t zov_dirCreateW(const wchar_t *path);
+ZOV_API ZOV_STATUS zov_dirCreateW(const wchar_t *path);
 
 /**
  * Removes an empty directory. One that is missing counts as removed.
@@ -1159,15 +1259,15 @@ ZOV_API int32_t zov_dirCreateW(const wchar_t *path);
  * @param path path
  * @return #ZOV_OKAY; #ZOV_ERROR on failure, and always under the diskless flag.
  *
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_dirRemove(const char *path);
+ZOV_API ZOV_STATUS zov_dirRemove(const char *path);
 
 /**
  * zov_dirRemove() of a wide path; #ZOV_ERROR also when the path cannot be
  * converted. Messages, may jump: as zov_convertToUTF8().
  */
-ZOV_API int32_t zov_dirRemoveW(const wchar_t *path);
+ZOV_API ZOV_STATUS zov_dirRemoveW(const wchar_t *path);
 
 /**
  * Begins a walk through a directory on disk.
@@ -1178,7 +1278,7 @@ ZOV_API int32_t zov_dirRemoveW(const wchar_t *path);
  *         cannot be opened or memory is short, errno saying why, and when the
  *         library is not started.
  *
- * Threads: any. Messages, may jump: as zov_getMem() on the default tag.
+ * Messages, may jump: as zov_getMem() on the default tag.
  */
 ZOV_API ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern);
 
@@ -1200,7 +1300,7 @@ ZOV_API ZOV_DISK_WALK zov_flPathOpen(const char *directory, const char *pattern)
  * Messages, may jump: as zov_getMem() on the default tag. A jump loses the name
  * it was for; the walk can go on or be closed.
  */
-ZOV_API const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory);
+ZOV_API const char *zov_flPathNext(ZOV_DISK_WALK walk, ZOV_BOOL *isDirectory);
 
 /**
  * Ends a walk and releases its last name.
@@ -1208,10 +1308,15 @@ ZOV_API const char *zov_flPathNext(ZOV_DISK_WALK walk, int32_t *isDirectory);
  * Threads: one.
  */
 ZOV_API void zov_flPathClose(ZOV_DISK_WALK walk);
+/** @} */
 
-/* ========================================================================
- * files/zovfile: file handles
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_files File handles
+ * One kind of handle for files on disk, files in memory and the standard streams: what
+ * programs read and write with. (files/zovfile)
+ * @{
+ */
 
 /** An open file: on disk, in memory, or a standard stream. */
 typedef struct FileHandle *ZOV_FILE;
@@ -1220,16 +1325,6 @@ typedef struct FileHandle *ZOV_FILE;
 #define ZOV_FILE_MEMORY 0x0040u
 /** Type flag: the file is never synced. */
 #define ZOV_FILE_NOSYNC 0x0200u
-
-/**
- * Starts the file handles. For zov_init() only.
- * @return #ZOV_OKAY or #ZOV_ERROR.
- */
-ZOV_API int32_t zov_fileInit(void);
-
-/** Releases the memory of every handle; files still open are abandoned, not
- *  closed. For zov_term() only. */
-ZOV_API void zov_fileTerm(void);
 
 /**
  * Opens a file. The paths "stdin", "stdout" and "stderr" stand for the
@@ -1248,7 +1343,7 @@ ZOV_API void zov_fileTerm(void);
  * A disk file's descriptor is not inherited by programs that are executed, see
  * zov_flOpen().
  *
- * Threads: any. Cost: one allocation and open(), or zov_mfOpen(). Messages: that
+ * Cost: one allocation and open(), or zov_mfOpen(). Messages: that
  * of a failed allocation.
  */
 ZOV_API ZOV_FILE zov_fileOpen(const char *path, uint32_t openFlags, uint32_t typeFlags);
@@ -1284,7 +1379,7 @@ ZOV_API void zov_fileClose(ZOV_FILE file);
  *
  * Threads: one at a time.
  */
-ZOV_API int32_t zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence);
+ZOV_API ZOV_STATUS zov_fileSeek(ZOV_FILE file, int64_t offset, int32_t whence);
 
 /**
  * Writes at the current position and moves it. A short count is returned as it
@@ -1361,7 +1456,6 @@ ZOV_API uint32_t zov_fileSeekRead(ZOV_FILE file, int64_t offset, void *buffer,
  * Tells the size of an open file.
  * @param file the file
  * @return bytes; 0 also when the system does not say.
- * Threads: any.
  */
 ZOV_API int64_t zov_fileLength(ZOV_FILE file);
 
@@ -1372,8 +1466,6 @@ ZOV_API int64_t zov_fileLength(ZOV_FILE file);
  * @param typeFlags type flags as for zov_fileOpen()
  * @return bytes, or -1 when there is no such file or the path is null; for one
  *         in memory as zov_mfSizeStat(), and 0 for a null path.
- *
- * Threads: any.
  */
 ZOV_API int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags);
 
@@ -1387,7 +1479,7 @@ ZOV_API int64_t zov_fileLengthStat(const char *path, uint32_t typeFlags);
  *
  * Threads: any, on a disk file.
  */
-ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
+ZOV_API ZOV_STATUS zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
 
 /**
  * Locks a file for the caller. Waits for another thread that holds it through
@@ -1400,7 +1492,7 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
  * @return #ZOV_OKAY, or a status that is not 0, at once, when the file is
  *         locked through another handle or by another process.
  *
- * Threads: any. Cost: one lock pair and one system call; the first lock of a
+ * Cost: one lock pair and one system call; the first lock of a
  * handle also makes its mutex, and where that fails threads that share the
  * handle are not kept apart. Messages: those of zov_syncCreate_check().
  *
@@ -1408,7 +1500,7 @@ ZOV_API int32_t zov_fileSetSize(ZOV_FILE file, int64_t sizeBytes);
  * wait for ever when it writes a message, or a call of its does: another thread's
  * message waits for the file, and keeps the first out of the console or the log.
  */
-ZOV_API int32_t zov_fileLock(ZOV_FILE file);
+ZOV_API ZOV_STATUS zov_fileLock(ZOV_FILE file);
 
 /**
  * Unlocks a file.
@@ -1425,10 +1517,8 @@ ZOV_API void zov_fileUnlock(ZOV_FILE file);
  * @param file the file
  * @return #ZOV_OKAY, or #ZOV_ERROR as zov_flSync(), so for a standard stream on a
  *         pipe or a terminal.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_fileSync(ZOV_FILE file);
+ZOV_API ZOV_STATUS zov_fileSync(ZOV_FILE file);
 
 /**
  * Tells when a file was last modified.
@@ -1438,22 +1528,24 @@ ZOV_API int32_t zov_fileSync(ZOV_FILE file);
  * @return whole seconds since 1970, UTC; -1 when there is no such file, for a
  *         null path, and for a disk file under the diskless flag; for a file in
  *         memory as zov_mfModTime(), and 0 for a null path.
- *
- * Threads: any.
  */
 ZOV_API int64_t zov_fileModTimeStat(const char *path, uint32_t typeFlags);
+/** @} */
 
-/* ========================================================================
- * files/zovfile_util: file and directory utilities
- * ======================================================================== */
-
-/* Every path comes with the type flags of zov_fileOpen(): #ZOV_FILE_MEMORY sends
+/* ======================================================================== */
+/**
+ * @defgroup zov_fileutil Files and directories by path
+ * Copying, comparing, moving, removing and walking. (files/zovfile_util)
+ *
+ * Every path comes with the type flags of zov_fileOpen(): #ZOV_FILE_MEMORY sends
  * it to the memory file system, else it is a path on disk. The forms without
  * flags take paths on disk. The wide forms convert each path strictly and give
  * #ZOV_ERROR, or null, when one cannot be converted or memory is short, which they
  * say in a message; they do not jump. A null path is refused.
  * Two paths "are the same" when they are equal but for case and both on disk or
- * both in memory. */
+ * both in memory.
+ * @{
+ */
 
 /** A walk over the names of a directory. */
 typedef struct PathWalk *ZOV_PATH_WALK;
@@ -1484,15 +1576,15 @@ typedef struct PathWalk *ZOV_PATH_WALK;
  * Threads: any, on files that nobody else changes. Messages: those of failing
  * transfers and allocations.
  */
-ZOV_API int32_t zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *destination,
-                               uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_fileCopyEx(const char *source, uint32_t sourceFlags, const char *destination,
+                                  uint32_t destinationFlags);
 /** zov_fileCopyEx() on disk. */
-ZOV_API int32_t zov_fileCopy(const char *source, const char *destination);
+ZOV_API ZOV_STATUS zov_fileCopy(const char *source, const char *destination);
 /** zov_fileCopy() with wide paths. */
-ZOV_API int32_t zov_fileCopyW(const wchar_t *source, const wchar_t *destination);
+ZOV_API ZOV_STATUS zov_fileCopyW(const wchar_t *source, const wchar_t *destination);
 /** zov_fileCopyEx() with wide paths; the low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags,
-                                const wchar_t *destination, uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags,
+                                   const wchar_t *destination, uint32_t destinationFlags);
 
 /**
  * Compares the contents of two files. Paths that are the same count as equal
@@ -1508,15 +1600,15 @@ ZOV_API int32_t zov_fileCopyExW(const wchar_t *source, uint32_t sourceFlags,
  *
  * Threads and messages: as zov_fileCopyEx().
  */
-ZOV_API int32_t zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second,
-                              uint32_t secondFlags);
+ZOV_API ZOV_STATUS zov_fileCmpEx(const char *first, uint32_t firstFlags, const char *second,
+                                 uint32_t secondFlags);
 /** zov_fileCmpEx() on disk. */
-ZOV_API int32_t zov_fileCmp(const char *first, const char *second);
+ZOV_API ZOV_STATUS zov_fileCmp(const char *first, const char *second);
 /** zov_fileCmp() with wide paths. */
-ZOV_API int32_t zov_fileCmpW(const wchar_t *first, const wchar_t *second);
+ZOV_API ZOV_STATUS zov_fileCmpW(const wchar_t *first, const wchar_t *second);
 /** zov_fileCmpEx() with wide paths; the low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
-                               uint32_t secondFlags);
+ZOV_API ZOV_STATUS zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const wchar_t *second,
+                                  uint32_t secondFlags);
 
 /**
  * Moves a file over another. Whatever fails, and whenever the process ends, the
@@ -1563,15 +1655,15 @@ ZOV_API int32_t zov_fileCmpExW(const wchar_t *first, uint32_t firstFlags, const 
  *
  * Threads and messages: as zov_fileCopyEx().
  */
-ZOV_API int32_t zov_fileMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
-                               uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_fileMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                                  uint32_t destinationFlags);
 /** zov_fileMoveEx() on disk. */
-ZOV_API int32_t zov_fileMove(const char *source, const char *destination);
+ZOV_API ZOV_STATUS zov_fileMove(const char *source, const char *destination);
 /** zov_fileMove() with wide paths. */
-ZOV_API int32_t zov_fileMoveW(const wchar_t *source, const wchar_t *destination);
+ZOV_API ZOV_STATUS zov_fileMoveW(const wchar_t *source, const wchar_t *destination);
 /** zov_fileMoveEx() with wide paths; the low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags,
-                                const wchar_t *destination, uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags,
+                                   const wchar_t *destination, uint32_t destinationFlags);
 
 /**
  * Removes a file, or an empty directory on disk.
@@ -1580,16 +1672,14 @@ ZOV_API int32_t zov_fileMoveExW(const wchar_t *source, uint32_t sourceFlags,
  * @param typeFlags its type flags
  * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
  *         and diskless flags; in memory as zov_mfRemove().
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_fileRemoveEx(const char *path, uint32_t typeFlags);
+ZOV_API ZOV_STATUS zov_fileRemoveEx(const char *path, uint32_t typeFlags);
 /** zov_fileRemoveEx() on disk. */
-ZOV_API int32_t zov_fileRemove(const char *path);
+ZOV_API ZOV_STATUS zov_fileRemove(const char *path);
 /** zov_fileRemove() with a wide path. */
-ZOV_API int32_t zov_fileRemoveW(const wchar_t *path);
+ZOV_API ZOV_STATUS zov_fileRemoveW(const wchar_t *path);
 /** zov_fileRemoveEx() with a wide path; the low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
+ZOV_API ZOV_STATUS zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
 
 /**
  * Renames a file or a directory. On disk an existing file of the new name is
@@ -1602,18 +1692,16 @@ ZOV_API int32_t zov_fileRemoveExW(const wchar_t *path, uint32_t typeFlags);
  * @return #ZOV_OKAY; on disk -1 with errno, or #ZOV_ERROR under the read-only
  *         and diskless flags; in memory as zov_mfRename(); #ZOV_ERROR from disk to
  *         memory or back.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char *newPath,
-                                 uint32_t newTypeFlags);
+ZOV_API ZOV_STATUS zov_fileRenameEx(const char *oldPath, uint32_t oldTypeFlags, const char *newPath,
+                                    uint32_t newTypeFlags);
 /** zov_fileRenameEx() on disk. */
-ZOV_API int32_t zov_fileRename(const char *oldPath, const char *newPath);
+ZOV_API ZOV_STATUS zov_fileRename(const char *oldPath, const char *newPath);
 /** zov_fileRename() with wide paths. */
-ZOV_API int32_t zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath);
+ZOV_API ZOV_STATUS zov_fileRenameW(const wchar_t *oldPath, const wchar_t *newPath);
 /** zov_fileRenameEx() with wide paths; the low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
-                                  const wchar_t *newPath, uint32_t newTypeFlags);
+ZOV_API ZOV_STATUS zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
+                                     const wchar_t *newPath, uint32_t newTypeFlags);
 
 /**
  * Tells whether a path can be used.
@@ -1625,17 +1713,15 @@ ZOV_API int32_t zov_fileRenameExW(const wchar_t *oldPath, uint32_t oldTypeFlags,
  *                    path must exist, and gets 1 for a directory, 0 for anything
  *                    else
  * @return 1 when usable, 0 when not or, on disk, under the diskless flag.
- *
- * Threads: any.
  */
-ZOV_API int32_t zov_fileValidateEx(const char *path, uint32_t typeFlags, int32_t *isDirectory);
+ZOV_API ZOV_BOOL zov_fileValidateEx(const char *path, uint32_t typeFlags, ZOV_BOOL *isDirectory);
 /** zov_fileValidateEx() on disk. */
-ZOV_API int32_t zov_fileValidate(const char *path, int32_t *isDirectory);
+ZOV_API ZOV_BOOL zov_fileValidate(const char *path, ZOV_BOOL *isDirectory);
 /** zov_fileValidate() with a wide path; 2 when it cannot be converted. */
-ZOV_API int32_t zov_fileValidateW(const wchar_t *path, int32_t *isDirectory);
+ZOV_API int32_t zov_fileValidateW(const wchar_t *path, ZOV_BOOL *isDirectory);
 /** zov_fileValidateEx() with a wide path; 2 when it cannot be converted. The
  *  low 16 bits of the flags count. */
-ZOV_API int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int32_t *isDirectory);
+ZOV_API int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, ZOV_BOOL *isDirectory);
 
 /**
  * Creates a directory on disk with every directory above it that is missing. A
@@ -1646,12 +1732,12 @@ ZOV_API int32_t zov_fileValidateExW(const wchar_t *path, uint32_t typeFlags, int
  *         at the end of the path; #ZOV_ERROR when a directory cannot be made or
  *         under the diskless flag; #ZOV_NOMEMORY.
  *
- * Threads: any. Messages: those of failing allocations. May jump, before any
+ * Messages: those of failing allocations. May jump, before any
  * directory above the last is made.
  */
-ZOV_API int32_t zov_dirCreateAll(const char *path);
+ZOV_API ZOV_STATUS zov_dirCreateAll(const char *path);
 /** zov_dirCreateAll() with a wide path; does not jump. */
-ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
+ZOV_API ZOV_STATUS zov_dirCreateAllW(const wchar_t *path);
 
 /**
  * Moves a directory: by renaming it, or else by moving its files into the
@@ -1675,16 +1761,16 @@ ZOV_API int32_t zov_dirCreateAllW(const wchar_t *path);
  *
  * Threads and messages: as zov_fileCopyEx().
  */
-ZOV_API int32_t zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
-                              uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_dirMoveEx(const char *source, uint32_t sourceFlags, const char *destination,
+                                 uint32_t destinationFlags);
 /** zov_dirMoveEx() on disk. */
-ZOV_API int32_t zov_dirMove(const char *source, const char *destination);
+ZOV_API ZOV_STATUS zov_dirMove(const char *source, const char *destination);
 /** zov_dirMove() with wide paths. */
-ZOV_API int32_t zov_dirMoveW(const wchar_t *source, const wchar_t *destination);
+ZOV_API ZOV_STATUS zov_dirMoveW(const wchar_t *source, const wchar_t *destination);
 /** zov_dirMoveEx() with wide paths; does not jump. The low 16 bits of the flags
  *  count. */
-ZOV_API int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags,
-                               const wchar_t *destination, uint32_t destinationFlags);
+ZOV_API ZOV_STATUS zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags,
+                                  const wchar_t *destination, uint32_t destinationFlags);
 
 /**
  * Begins a walk over the names of a directory. On disk "." and ".." are among
@@ -1697,7 +1783,7 @@ ZOV_API int32_t zov_dirMoveExW(const wchar_t *source, uint32_t sourceFlags,
  *         cannot be opened, memory is short, an argument is null, the library is
  *         not started, or a directory on disk is meant under the diskless flag.
  *
- * Threads: any. Messages: those of failing allocations. May jump, before the
+ * Messages: those of failing allocations. May jump, before the
  * directory is opened.
  */
 ZOV_API ZOV_PATH_WALK zov_pathOpenEx(const char *directory, uint32_t typeFlags,
@@ -1722,7 +1808,7 @@ ZOV_API ZOV_PATH_WALK zov_pathOpenExW(const wchar_t *directory, uint32_t typeFla
  *
  * Threads: one at a time. Messages: those of failing allocations.
  */
-ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory);
+ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, ZOV_BOOL *isDirectory);
 
 /**
  * zov_pathNext() with a wide name.
@@ -1735,7 +1821,7 @@ ZOV_API const char *zov_pathNext(ZOV_PATH_WALK walk, int32_t *isDirectory);
  *
  * Threads and messages: as zov_pathNext().
  */
-ZOV_API wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, int32_t *isDirectory);
+ZOV_API wchar_t *zov_pathNextW(ZOV_PATH_WALK walk, ZOV_BOOL *isDirectory);
 
 /** Ends a walk and releases the names it owns; null is ignored. Threads: one at
  *  a time. */
@@ -1758,10 +1844,14 @@ ZOV_API void zov_pathClose(ZOV_PATH_WALK walk);
  */
 ZOV_API char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
                                     ZOV_TAG tag);
+/** @} */
 
-/* ========================================================================
- * files/zovfile_path: paths
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_paths Paths
+ * What can be told of a path, most of it without asking the system. (files/zovfile_path)
+ * @{
+ */
 
 /** Answer of zov_pathIsDir() for no path at all. */
 #define ZOV_PATH_EMPTY UINT32_MAX
@@ -1773,7 +1863,7 @@ ZOV_API char *zov_fileCreateTmpName(uint32_t *counter, const char *prefix, const
  *         memory of the caller; null when the system does not say or memory is
  *         short (errno says why), and when the library is not started.
  *
- * Threads: any. Cost: one system call and one growth for every 10 bytes of it.
+ * Cost: one system call and one growth for every 10 bytes of it.
  * Messages, may jump: as zov_getMem() on the default tag.
  */
 ZOV_API char *zov_currdir(void);
@@ -1782,9 +1872,9 @@ ZOV_API char *zov_currdir(void);
  * Asks whether a path begins at the root.
  * @param path path
  * @return 1 or 0.
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_pathIsFullyQualified(const char *path);
+ZOV_API ZOV_BOOL zov_pathIsFullyQualified(const char *path);
 
 /**
  * Makes a path absolute, as a directory: the result ends in a slash even when
@@ -1794,7 +1884,7 @@ ZOV_API int32_t zov_pathIsFullyQualified(const char *path);
  * @return the absolute path, in memory of the caller, or null, as
  *         zov_currdir().
  *
- * Threads: any. Messages, may jump: as zov_getMem() on the default tag.
+ * Messages, may jump: as zov_getMem() on the default tag.
  */
 ZOV_API char *zov_fullpath(const char *path);
 
@@ -1809,7 +1899,7 @@ ZOV_API char *zov_fullpath(const char *path);
  * Both are in memory of the caller. One for which memory is short is null too,
  * and all are when the library is not started.
  *
- * Threads: any. Messages, may jump: as zov_getMem() on the default tag; both are
+ * Messages, may jump: as zov_getMem() on the default tag; both are
  * null then.
  */
 ZOV_API void zov_pathSplit(const char *path, char **directory, char **name);
@@ -1818,7 +1908,7 @@ ZOV_API void zov_pathSplit(const char *path, char **directory, char **name);
  * Asks whether a path is written as a directory, with a slash at its end.
  * @param path path, or null
  * @return 1 or 0; #ZOV_PATH_EMPTY for a null or empty path.
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
 ZOV_API uint32_t zov_pathIsDir(const char *path);
 
@@ -1826,7 +1916,7 @@ ZOV_API uint32_t zov_pathIsDir(const char *path);
  * Skips the drive of a path. There are none on this platform.
  * @param path path
  * @return the path itself.
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
 ZOV_API const char *zov_pathStripDrive(const char *path);
 
@@ -1834,16 +1924,20 @@ ZOV_API const char *zov_pathStripDrive(const char *path);
  * Asks whether a path itself is a symbolic link, which may lead nowhere.
  * @param path path
  * @return 1, or 0 also when there is nothing of that name.
- * Threads: any. May be called at any time.
+ * May be called at any time.
  */
-ZOV_API int32_t zov_pathIsLink(const char *path);
+ZOV_API ZOV_BOOL zov_pathIsLink(const char *path);
+/** @} */
 
-/* ========================================================================
- * files/zovutf8: UTF-8 and wide strings
+/* ======================================================================== */
+/**
+ * @defgroup zov_unicode UTF-8 and wide strings
+ * Conversion between the two, into memory of the caller or of its own. (files/zovutf8)
  *
  * UTF-8 is that of RFC 3629. Pure functions but for the three that allocate:
  * any thread, at any time.
- * ======================================================================== */
+ * @{
+ */
 
 /** Error mode of a conversion: the first invalid unit fails it. Any value but
  *  #ZOV_UTF8_REPLACE means this. */
@@ -1966,11 +2060,15 @@ ZOV_API wchar_t *zov_convertToWchar(const char *text, uint32_t errorMode);
  * Messages: that of a failed allocation.
  * May jump: when memory is short; nothing stays allocated then.
  */
-ZOV_API int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out);
+ZOV_API ZOV_STATUS zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, char ***out);
+/** @} */
 
-/* ========================================================================
- * files/zovfile_match: wildcard matching
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_wildcards Wildcard matching
+ * The patterns of all walks through directories. (files/zovfile_match)
+ * @{
+ */
 
 /**
  * Tells whether a file name matches a pattern. `?` stands for any one
@@ -1986,412 +2084,18 @@ ZOV_API int32_t zov_convertArgvToUTF8(int32_t count, wchar_t *const *arguments, 
  * @param pattern the pattern
  * @return 1 when the name matches, else 0.
  *
- * Threads: any. May be called at any time. Cost: no recursion; at most the
+ * May be called at any time. Cost: no recursion; at most the
  * length of the name times that of the pattern.
  */
-ZOV_API int32_t zov_match(const char *name, const char *pattern);
+ZOV_API ZOV_BOOL zov_match(const char *name, const char *pattern);
+/** @} */
 
-/* ========================================================================
- * memstore/zovshmheap: shared-memory heap
- * ======================================================================== */
-
-/** A context of the heap: a root block and numbered regions. Its id, a 64-bit
- *  number never 0, is its handle's address. The layers above keep one context
- *  for each file and store the id as the file's identity. */
-typedef struct ZOV_CAPABILITY("mutex") ShmContext *ZOV_SHM_CTX;
-
-/** A region of a context; the handle is the region's address. */
-typedef struct ShmRegion *ZOV_SHM_REGION;
-
+/* ======================================================================== */
 /**
- * Starts the heap and makes its first context. The first of the calls that
- * start the memory storage; see zov_mfInit().
- * @param pageSize place for the page size, 4096
- * @return #ZOV_OKAY or #ZOV_ERROR.
- * Threads: none beside it. Messages: those of zov_syncCreate_check().
- */
-ZOV_API int32_t zov_shmInit(uint32_t *pageSize);
-
-/** Releases every context with its memory and ends the heap. For zov_term() only.
- *  Threads: none beside it. */
-ZOV_API void zov_shmTerm(void);
-
-/** @return the id of the context made at start-up; 0 when the heap is down.
- *  Threads: any. */
-ZOV_API uint64_t zov_shmRootId(void);
-
-/**
- * Makes an empty context, of one memory tag.
+ * @defgroup zov_memfiles Files in memory
+ * The file system in the process's memory, which #ZOV_FILE_MEMORY leads to; these are its own
+ * calls, without handles of @ref zov_files. (memstore/zovmfile)
  *
- * @return its id, to be released with zov_shmRemoveCtx() (zov_shmTerm()
- *         releases what is left), or 0 when memory is short.
- *
- * Threads: any. Messages: that of a failing allocation, but none when there is no
- * memory for the tag.
- */
-ZOV_API uint64_t zov_shmNextId(void);
-
-/**
- * Opens a context. The first open with `O_CREAT` makes its root block, of
- * rootSize zero bytes; what later ones pass decides only whether they are told the
- * address. Each makes the context's lock if it is away: the mapping cache deletes
- * it when nobody has the context open through the cache any more.
- *
- * @param id       id of the context; any other number is refused
- * @param flags    open flags, of which `O_CREAT` counts
- * @param rootSize size of the root block in bytes
- * @param root     place for its address, left alone when rootSize is 0; or null
- * @return the handle, which the heap owns and nobody closes, or null: no such
- *         context, or no root block and no `O_CREAT` (errno is `ENOENT`), a size of 0
- *         for a new one, memory (`ENOMEM`) or sync objects (`ENFILE`) run out.
- *
- * Threads: one at a time on a context.
- * Messages: those of a failing allocation or zov_syncCreate_check().
- */
-ZOV_API ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root);
-
-/** Does nothing: contexts count no users here. Threads: any. */
-ZOV_API void zov_shmCloseCtx(ZOV_SHM_CTX context);
-
-/**
- * Releases a context with its root block, lock and regions, all of which must
- * be out of use. What is not a context, null included, is ignored.
- * Threads: one at a time on a context.
- */
-ZOV_API void zov_shmRemoveCtx(ZOV_SHM_CTX context);
-
-/**
- * Makes a region of zero bytes. One that has the number already is replaced;
- * its memory stays until the context is released.
- *
- * @param context the context; null gives null
- * @param number  the region's number, below 4,294,967,295
- * @param start   where it begins in the file it is part of; not used
- * @param size    its size in bytes
- * @return the region, which the context owns until zov_shmDestroy(), or null when
- *         memory is short. If that hits the table of
- *         regions, every region of the context is out of reach from then on
- *         and the memory stays until the context is released.
- *
- * Threads: one at a time on a context. Messages: that of a failing allocation.
- */
-ZOV_API ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
-                                     uint32_t size);
-
-/**
- * Finds a region. start and size are not used.
- * @return the region, which the context owns, or null when there is none of that
- *         number.
- * Threads: one at a time on a context.
- */
-ZOV_API ZOV_SHM_REGION zov_shmOpen(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
-                                   uint32_t size);
-
-/** Does nothing: regions count no users here. Threads: any. */
-ZOV_API void zov_shmClose(ZOV_SHM_REGION region);
-
-/**
- * Releases a region; a number without one is ignored, and so is a null context.
- * Threads: one at a time on a context.
- */
-ZOV_API void zov_shmDestroy(ZOV_SHM_CTX context, uint32_t number);
-
-/** @return the region's address, in memory of the context. It never moves. Threads:
- *  any. */
-ZOV_API void *zov_shmGetPtr(ZOV_SHM_REGION region);
-
-/** Does nothing: an address costs nothing to keep. Threads: any. */
-ZOV_API void zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
-
-/**
- * Enters the lock of a context, a recursive mutex that the layers above hold
- * while they use the context's root block and regions. Makes it if it is away.
- *
- * @return #ZOV_OKAY, or #ZOV_ERROR for a context that never had a root block
- *         and so has no lock, and when none can be made.
- *
- * Threads: any; waits while another thread is inside.
- * Messages: those of zov_syncCreate_check().
- */
-ZOV_API int32_t zov_shmLock(ZOV_SHM_CTX context);
-
-/** Leaves the lock of a context. Threads: the one inside. */
-ZOV_API void zov_shmUnlock(ZOV_SHM_CTX context);
-
-/* ========================================================================
- * memstore/zovshmcache: mapping cache
- * ======================================================================== */
-
-/** An open context of the heap, shared by all who have it open. */
-typedef struct ZOV_CAPABILITY("mutex") CacheContext *ZOV_CACHE_CTX;
-
-/** An open region of such a context, likewise shared. */
-typedef struct CacheRegion *ZOV_CACHE_REGION;
-
-/**
- * Starts the heap and the mapping cache over it; see zov_mfInit().
- * @param pageSize place for the page size, 4096
- * @return #ZOV_OKAY or #ZOV_ERROR.
- * Threads: none beside it. Messages: those of zov_syncCreate_check().
- */
-ZOV_API int32_t zov_shmCacheInit(uint32_t *pageSize);
-
-/** Ends the cache and the heap. For zov_term() only. @return #ZOV_OKAY. Threads: none
- *  beside it. */
-ZOV_API int32_t zov_shmCacheTerm(void);
-
-/**
- * Opens a context, as zov_shmOpenCtx() does, or counts one more user of an open
- * one. One marked as deleted is not found by its id any more: it is opened anew
- * beside those who have it.
- *
- * @param id       id of the context
- * @param flags    open flags, of which `O_CREAT` counts
- * @param rootSize size of the root block, not 0
- * @param root     place for the address of the root block
- * @return the context, to be left with zov_shmCacheCloseCtx(), or null.
- *
- * Threads: any. Messages: as zov_shmOpenCtx().
- */
-ZOV_API ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize,
-                                          void **root);
-
-/** Leaves a context, of which the caller has closed its regions; the last user
- *  to leave closes it, and deletes its lock unless somebody holds it or waits for it.
- *  Threads: any. */
-ZOV_API void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context);
-
-/** Marks a context as deleted: opens by its id do not find it any more. Its
- *  users keep it. Threads: any. */
-ZOV_API void zov_shmCacheMarkDeleted(ZOV_CACHE_CTX context);
-
-/** @return 1 when the context is marked as deleted, else 0. Threads: any. */
-ZOV_API int32_t zov_shmCacheIsDeleted(ZOV_CACHE_CTX context);
-
-/** @return how many opens of the context are not closed. Threads: any. */
-ZOV_API uint32_t zov_shmCacheNumUsers(ZOV_CACHE_CTX context);
-
-/**
- * Removes a context from the heap. One that somebody still has open is marked
- * as deleted instead and removed when the last of its users leaves.
- * Threads: any.
- */
-ZOV_API void zov_shmCacheRemoveCtx(uint64_t id);
-
-/**
- * Opens a region, making it with zov_shmCreate(), of size bytes, when nobody has it
- * open. If somebody has, also by way of a context that is marked as deleted, start
- * and size do not count, and a destruction that waits for the last close is called off.
- *
- * @return the region, to be closed with zov_shmCacheClose(), or null when memory
- *         is short.
- *
- * Threads: any. Messages: that of a failing allocation.
- */
-ZOV_API ZOV_CACHE_REGION zov_shmCacheCreate(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
-                                            uint32_t size);
-
-/**
- * Opens a region that exists. start and size are not used.
- * @return the region, to be closed with zov_shmCacheClose(), or null when there
- *         is none of that number or memory is short.
- * Threads: any. Messages: that of a failing allocation.
- */
-ZOV_API ZOV_CACHE_REGION zov_shmCacheOpen(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
-                                          uint32_t size);
-
-/** Closes a region, of which the caller has released its pins. With the last
- *  close it is unmapped, and destroyed if that was asked for. Threads: any. */
-ZOV_API void zov_shmCacheClose(ZOV_CACHE_REGION region);
-
-/**
- * Destroys a region: at once when nobody has it open, else when the last who has
- * closes it.
- * Threads: any that holds the context's lock.
- */
-ZOV_API void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number);
-
-/**
- * Pins a region: it stays mapped until the pin is released. At most 400 regions
- * are mapped at once, more only while that many are pinned, as by directories,
- * which pin all their pages; room is made by unmapping the one that was released
- * last.
- *
- * @return the region's address, to be given back with zov_shmCacheReleasePtr(),
- *         or null.
- *
- * Threads: any. Constant time.
- */
-ZOV_API void *zov_shmCacheGetPtr(ZOV_CACHE_REGION region);
-
-/** Releases one pin of a region. Threads: any. Constant time. */
-ZOV_API void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *address);
-
-/** Enters the lock of a context, as zov_shmLock(); one that is open has it.
- *  @return #ZOV_OKAY. Threads: as there. */
-ZOV_API int32_t zov_shmCacheLock(ZOV_CACHE_CTX context) ZOV_ACQUIRE(context);
-
-/** Leaves the lock of a context. Threads: the one inside. */
-ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context) ZOV_RELEASE(context);
-
-/** @return zov_shmRootId(). Threads: any. */
-ZOV_API uint64_t zov_shmCacheRootId(void);
-
-/** @return zov_shmNextId(). Threads and messages: as there. */
-ZOV_API uint64_t zov_shmCacheNextId(void);
-
-/* ========================================================================
- * memstore/zovsegfile: segmented files
- * ======================================================================== */
-
-/** An open segmented file: a growable array of bytes in memory, named by the id
- *  of its context. It lies in segments that grow with the file: four of the base
- *  size, 4096 bytes, then three each of 4, 16, 64, 256 and 1024 times that, then
- *  4096 times that, up to 2^47 bytes, past which no file reaches.
- *
- *  A file is used in one of two ways, by bytes or by pages; a page is a segment
- *  of the base size, whatever its number. */
-typedef struct ZOV_CAPABILITY("mutex") SegFile *ZOV_SEG;
-
-/**
- * Starts the mapping cache and what is beneath it; see zov_mfInit().
- * @return #ZOV_OKAY or #ZOV_ERROR.
- * Threads: none beside it. Messages: those of zov_syncCreate_check().
- */
-ZOV_API int32_t zov_segInit(void);
-
-/** Ends it, and with it every segmented file. For zov_term() only. @return #ZOV_OKAY.
- *  Threads: none beside it. */
-ZOV_API int32_t zov_segTerm(void);
-
-/** @return the id that names the file of the root directory. Threads: any. */
-ZOV_API uint64_t zov_segRootId(void);
-
-/** @return an id for a new file, or 0; see zov_shmNextId(). A file that is never
- *  opened by it is released with zov_shmCacheRemoveCtx(). Threads: any. Messages:
- *  as there. */
-ZOV_API uint64_t zov_segNextId(void);
-
-/**
- * Opens a segmented file.
- *
- * @param id    its id
- * @param flags open flags: `O_CREAT` makes the file when it is new, `O_TRUNC`
- *              empties it, for everybody who has it open
- * @return the file, to be closed with zov_segClose() or zov_segRemove(), or
- *         null, with errno set: an id that names nothing (`ENOENT`), memory is short
- *         (`ENOMEM`), or there are no sync objects left (`ENFILE`).
- *
- * Threads: any; with `O_TRUNC` waits for the file's lock.
- * Messages: those of a failing allocation or zov_syncCreate_check().
- */
-ZOV_API ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags);
-
-/** Closes a file. If it was removed and nobody else has it open, its memory is
- *  released. Threads: one at a time on a handle; waits for the file's lock, also for
- *  one that a thread holds by zov_segLock(). Two threads that each hold one file's
- *  lock and close a handle of the other's wait for ever: hold one file's lock at
- *  most, or take them in one order. */
-ZOV_API void zov_segClose(ZOV_SEG file);
-
-/**
- * Removes a file and closes this handle. Others who have it open keep it until
- * they close it; while there are any, it can be opened again by its id.
- * @return #ZOV_OKAY.
- * Threads: one at a time on a handle; waits for the file's lock, see zov_segClose().
- */
-ZOV_API int32_t zov_segRemove(ZOV_SEG file);
-
-/**
- * Reads length bytes at an offset in bytes. What lies between the writes of a file
- * reads as zero, and takes its memory then.
- *
- * @return how many were read: fewer than length at the end of the file, or when
- *         memory for such a hole is short (errno is `ENOMEM`).
- *
- * Threads: any; on a file, one after the other.
- * Cost: the file's lock, and a lookup and a copy for each segment; no pin.
- * Messages: that of a failing allocation.
- */
-ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
-
-/**
- * Writes length bytes at an offset in bytes; the file grows as it must, also past its
- * end.
- *
- * @return how many were written: fewer than length when memory is short (errno is
- *         `ENOMEM`) or the range goes on past 2^47, 0 when it begins there (`EFBIG`).
- *
- * Threads, cost, messages: as zov_segSeekRead().
- */
-ZOV_API uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer,
-                                  uint32_t length);
-
-/**
- * Pins a page, making it, all zero, when there is none of that number.
- *
- * @param file    the file, whose lock the caller holds
- * @param number  the page's number
- * @param address place for its address, null on failure. To be given back with
- *                zov_segReleasePtr().
- * @return #ZOV_OKAY, or #ZOV_ERROR when memory is short.
- *
- * Threads: one at a time on a handle. Messages: that of a failing allocation.
- */
-ZOV_API int32_t zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address);
-
-/** Releases a pin of a page. Threads: the one that holds the file's lock. */
-ZOV_API void zov_segReleasePtr(ZOV_SEG file, uint32_t number, void *address);
-
-/** @return the base segment size in bytes. Threads: any. */
-ZOV_API uint32_t zov_segSegSize(ZOV_SEG file);
-
-/** @return the size of the file in bytes. Threads: any; takes no lock. */
-ZOV_API uint64_t zov_segSize(ZOV_SEG file);
-
-/**
- * Sets the size of a file. What it gains reads as zero. The modification time
- * stays.
- *
- * @param file the file, whose lock the caller holds
- * @param size the new size in bytes, below 2^47
- * @return #ZOV_OKAY, or #ZOV_ERROR: memory is short (errno is `ENOMEM`) or the size
- *         too high (`EFBIG`). The size is then as it was; segments that were made
- *         stay.
- *
- * Threads: one at a time on a handle. Cost: what it gains is allocated at once;
- * what it loses, a step for each segment that exists.
- * Messages: that of a failing allocation.
- */
-ZOV_API int32_t zov_segSetSize(ZOV_SEG file, uint64_t size);
-
-/** @return the size in bytes of the file of an id, or all ones when there is no
- *  such file. Threads: any; does not take the file's lock. */
-ZOV_API uint64_t zov_segSizeStat(uint64_t id);
-
-/** @return when the file of an id was last written to, in seconds since the
- *  epoch, 0 if it never was; or UINT32_MAX when there is no such file.
- *  Threads: any; does not take the file's lock. */
-ZOV_API uint64_t zov_segModTime(uint64_t id);
-
-/** Enters the lock of a file, recursive and shared by all who have the file
- *  open. @return #ZOV_OKAY. Threads: any; waits while another thread is inside. */
-ZOV_API int32_t zov_segLock(ZOV_SEG file) ZOV_ACQUIRE(file);
-
-/** Leaves the lock of a file. Threads: the one inside. */
-ZOV_API void zov_segUnlock(ZOV_SEG file) ZOV_RELEASE(file);
-
-/* ========================================================================
- * memstore/zovmfile: memory files
- * ======================================================================== */
-
-/** An open file in memory. */
-typedef struct ZOV_CAPABILITY("mutex") MemFile *ZOV_MFILE;
-
-/** A walk through a directory in memory. */
-typedef struct MemWalk *ZOV_MEM_WALK;
-
-/*
  * Files in memory live in a tree of directories of their own, from a root "/"
  * that no disk shares. They last until they are removed or the library is shut
  * down. Names are bytes, compared with the ASCII letters' case ignored, and kept
@@ -2402,15 +2106,14 @@ typedef struct MemWalk *ZOV_MEM_WALK;
  *
  * How they differ from files on disk:
  *
- *   missing directories  made, wherever a path leads through them, even when
- *                        it is only asked for
- *   rename               stays in its directory; the new path's last component
- *                        counts
- *   seeking past the end refused; writing there is not
- *   `O_APPEND`, `O_EXCL` ignored: the position starts at 0, and an open makes a
- *                        file or finds one
- *   access modes         ignored: every open file reads and writes
- *   directories          cannot be removed
+ * | on disk              | in memory                                                            |
+ * |----------------------|----------------------------------------------------------------------|
+ * | missing directories  | made wherever a path leads through them, even if only asked for      |
+ * | renaming             | stays in its directory; the new path's last component counts         |
+ * | seeking past the end | refused; writing there is not                                        |
+ * | `O_APPEND`, `O_EXCL` | ignored: the position starts at 0; an open makes a file or finds one |
+ * | access modes         | ignored: every open file reads and writes                            |
+ * | directories          | cannot be removed                                                    |
  *
  * Memory is the limit of how many there are. An empty file takes about 300 bytes, a
  * directory as much until something is stored in it and some 10 KB from then on. A
@@ -2420,18 +2123,14 @@ typedef struct MemWalk *ZOV_MEM_WALK;
  * zov_mfLock() holds it. Two threads that each hold one file's lock and close a
  * handle of the other's file, truncate it or use it wait for each other for ever:
  * hold one file's lock at most, or take them in one order.
+ * @{
  */
 
-/**
- * Starts the memory files and the layers beneath. For zov_init() only, as are
- * zov_segInit(), zov_shmCacheInit() and zov_shmInit().
- * @return #ZOV_OKAY or #ZOV_ERROR.
- */
-ZOV_API int32_t zov_mfInit(void);
+/** An open file in memory. */
+typedef struct ZOV_CAPABILITY("mutex") MemFile *ZOV_MFILE;
 
-/** Ends them, and releases every file in memory. For zov_term() only.
- *  @return #ZOV_OKAY. */
-ZOV_API int32_t zov_mfTerm(void);
+/** A walk through a directory in memory. */
+typedef struct MemWalk *ZOV_MEM_WALK;
 
 /**
  * Opens a file in memory.
@@ -2467,59 +2166,58 @@ ZOV_API void zov_mfClose(ZOV_MFILE file);
  *
  * Threads: one at a time on a handle.
  */
-ZOV_API int32_t zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence);
+ZOV_API ZOV_STATUS zov_mfSeek(ZOV_MFILE file, uint64_t offset, int32_t whence);
 
-/** Reads length bytes at the position, which moves behind what was read.
+/** Reads length bytes into buffer at the position, which moves behind what was read.
  *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. Threads: one at a
  *  time on a handle. */
 ZOV_API uint32_t zov_mfRead(ZOV_MFILE file, void *buffer, uint32_t length);
 
-/** Writes length bytes at the position, which moves behind what was written.
+/** Writes length bytes of buffer at the position, which moves behind what was written.
  *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. Threads: one at a
  *  time on a handle. */
 ZOV_API uint32_t zov_mfWrite(ZOV_MFILE file, const void *buffer, uint32_t length);
 
-/** Reads length bytes at an offset in bytes and leaves the position alone.
- *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. Threads: any. */
+/** Reads length bytes into buffer at an offset in bytes and leaves the position alone.
+ *  @return as zov_segSeekRead(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfSeekRead(ZOV_MFILE file, uint64_t offset, void *buffer, uint32_t length);
 
-/** Writes length bytes at an offset in bytes and leaves the position alone.
- *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. Threads: any. */
+/** Writes length bytes of buffer at an offset in bytes and leaves the position alone.
+ *  @return as zov_segSeekWrite(); 0 for no file. Messages: as there. */
 ZOV_API uint32_t zov_mfSeekWrite(ZOV_MFILE file, uint64_t offset, const void *buffer,
                                  uint32_t length);
 
 /** Enters the lock of a file, recursive and shared by all who have the file
  *  open; waits while another thread is inside, be it for a transfer or a close.
- *  @return #ZOV_OKAY. Threads: any. */
-ZOV_API int32_t zov_mfLock(ZOV_MFILE file) ZOV_ACQUIRE(file);
+ *  @return #ZOV_OKAY, always. */
+ZOV_API ZOV_STATUS zov_mfLock(ZOV_MFILE file) ZOV_ACQUIRE(file);
 
-/** Leaves the lock of a file. @return #ZOV_OKAY. Threads: the one inside. */
-ZOV_API int32_t zov_mfUnlock(ZOV_MFILE file) ZOV_RELEASE(file);
+/** Leaves the lock of a file. @return #ZOV_OKAY, always. Threads: the one inside. */
+ZOV_API ZOV_STATUS zov_mfUnlock(ZOV_MFILE file) ZOV_RELEASE(file);
 
-/** @return the size of a file in bytes; 0 for no file. Threads: any; takes no lock. */
+/** Tells the size of a file. @return bytes; 0 for no file. Takes no lock. */
 ZOV_API uint64_t zov_mfSize(ZOV_MFILE file);
 
 /** Sets the size of a file, under its lock. @return as zov_segSetSize(), but a
  *  failure leaves no segment that was not there before; #ZOV_ERROR for no file.
  *  Threads: one at a time on a handle. Messages: as there. */
-ZOV_API int32_t zov_mfSetSize(ZOV_MFILE file, uint64_t size);
+ZOV_API ZOV_STATUS zov_mfSetSize(ZOV_MFILE file, uint64_t size);
 
-/** @return the size of the file of a path in bytes; 0 when there is none, for a
- *  directory, and when memory is short. Threads: any. Messages: as zov_mfOpen(). */
+/** Tells the size of a file without opening it. @return bytes; 0 when the path names no
+ *  file, for a directory, and when memory is short. Messages: as zov_mfOpen(). */
 ZOV_API uint64_t zov_mfSizeStat(const char *path);
 
-/** @return when the file of a path was last written to, in seconds since the
- *  epoch; 0 when it never was, and as zov_mfSizeStat(). Threads: any. Messages: as
- *  zov_mfOpen(). */
+/** Tells when a file was last written to. @return seconds since the epoch; 0 when it
+ *  never was, and as zov_mfSizeStat(). Messages: as zov_mfOpen(). */
 ZOV_API uint64_t zov_mfModTime(const char *path);
 
 /**
  * Removes a file. Who has it open keeps it; its memory goes with the last close.
  * @return #ZOV_OKAY; #ZOV_NOTFOUND; #ZOV_ERROR for a directory, a path that cannot
  *         be resolved, or when memory is short.
- * Threads: any. Messages: as zov_mfOpen().
+ * Messages: as zov_mfOpen().
  */
-ZOV_API int32_t zov_mfRemove(const char *path);
+ZOV_API ZOV_STATUS zov_mfRemove(const char *path);
 
 /**
  * Renames a file or a directory within its directory.
@@ -2530,9 +2228,9 @@ ZOV_API int32_t zov_mfRemove(const char *path);
  *         changed and errno set, when the new name is taken, empty, ".", "..", holds
  *         a backslash or is longer than 65,535 bytes, or memory is short.
  *
- * Threads: any. Messages: as zov_mfOpen().
+ * Messages: as zov_mfOpen().
  */
-ZOV_API int32_t zov_mfRename(const char *oldPath, const char *newPath);
+ZOV_API ZOV_STATUS zov_mfRename(const char *oldPath, const char *newPath);
 
 /**
  * Tells whether a path names a directory or a file.
@@ -2544,9 +2242,9 @@ ZOV_API int32_t zov_mfRename(const char *oldPath, const char *newPath);
  * @return 1 when there is something of that name; 0 when not, and when memory is
  *         short (errno is `ENOMEM`).
  *
- * Threads: any. Messages: as zov_mfOpen().
+ * Messages: as zov_mfOpen().
  */
-ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
+ZOV_API ZOV_BOOL zov_mfValidate(const char *path, ZOV_BOOL *isDirectory);
 
 /**
  * Begins a walk through the names in a directory.
@@ -2556,7 +2254,7 @@ ZOV_API int32_t zov_mfValidate(const char *path, int32_t *isDirectory);
  * @return the walk, to be ended with zov_mfPathClose(), or null, with errno set: no
  *         such directory, or memory is short.
  *
- * Threads: any. Messages: as zov_mfOpen().
+ * Messages: as zov_mfOpen().
  */
 ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
 
@@ -2572,19 +2270,23 @@ ZOV_API ZOV_MEM_WALK zov_mfPathOpen(const char *directory, const char *pattern);
  *
  * Threads: one at a time on a walk. Messages: that of a failing allocation.
  */
-ZOV_API const char *zov_mfPathNext(ZOV_MEM_WALK walk, int32_t *isDirectory);
+ZOV_API const char *zov_mfPathNext(ZOV_MEM_WALK walk, ZOV_BOOL *isDirectory);
 
 /** Ends a walk; null is ignored. Threads: one at a time on a walk. */
 ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
+/** @} */
 
-/* ========================================================================
- * text/zov_vsnprintf: formatted output
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_format Formatted text
+ * printf() of this library, the same under every libc. (text/zov_vsnprintf)
+ * @{
+ */
 
 /**
  * Formats text into a buffer of a given size, in the manner of vsnprintf().
  *
- * A directive is "%", then in this order flags (any of `-+ #0'`), a width, "."
+ * A directive is "%", then in this order flags (any of ``-+ #0'``), a width, "."
  * and a precision, a length modifier (hh h l ll z t j L), and one of the
  * letters d i u o x X c s p n f F e E g G a A %. The differences from C's own
  * grammar:
@@ -2604,8 +2306,8 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
  * - %a and %A are %f and %F.
  * - Floating point is computed in extended precision and rounded half up, also
  *   where fesetround() asks for another way; only the last of many digits may
- *   differ then. At most 19 digits are behind the point: a higher precision means
- *   19. Of random doubles, ties apart, the 17th digit is wrong by one in up to
+ *   differ then. At most 19 digits are behind the point, also with a higher
+ *   precision. Of random doubles, ties apart, the 17th digit is wrong by one in up to
  *   0.6 %, the 16th in up to 0.07 %. What %.16e prints of a double strtod() reads
  *   back as the same; what %.17g prints too, but between 1e-4 and 1e-3, where
  *   nearly half of the values need more digits than there are. A long double reads
@@ -2629,7 +2331,7 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
  *         much of it did fit; -1 when it is 2147483647 or more or a directive
  *         failed, with what was printed before that in the buffer.
  *
- * Threads: any. May be called at any time, before zov_init() too. Threads
+ * May be called at any time, before zov_init() too. Threads
  * whose own locales (uselocale()) have different separators must not print
  * numbers with a point or separators at once, since localeconv() has one
  * result for all.
@@ -2665,10 +2367,11 @@ ZOV_API char *zov_makeStrV(const char *sourceName, uint32_t line, ZOV_TAG tag, c
 /** zov_makeStrV() with the arguments in the call. */
 ZOV_API char *zov_makeStrVA(const char *sourceName, uint32_t line, ZOV_TAG tag, const char *format,
                             ...) ZOV_PRINTF(4, 5);
+/** @} */
 
-/* ========================================================================
- * text/zov_stream: text streams
- *
+/* ======================================================================== */
+/**
+ * @defgroup zov_streams Text streams
  * Buffered text files. Callers read and write UTF-8 bytes whatever the file
  * holds: bytes, or UTF-16 in the byte order of the machine, which a mark at
  * the start of the file tells. A stream reads or writes its file from the
@@ -2681,9 +2384,10 @@ ZOV_API char *zov_makeStrVA(const char *sourceName, uint32_t line, ZOV_TAG tag, 
  * stream on a disk file that was open before takes what it is given, and drops
  * it with what was waiting, with every sign of success.
  *
- * One at a time: a stream has no lock. Not for signal handlers. What it holds at
- * a fork is the child's as well: flush before, or leave the child by _exit().
- * ======================================================================== */
+ * Threads: one at a time on a stream, which has no lock. Not for signal handlers. What it holds at
+ * a fork is the child's as well: flush before, or leave the child by `_exit()`. (text/zov_stream)
+ * @{
+ */
 
 /** An open text stream. */
 typedef struct TextStream *ZOV_STREAM;
@@ -2809,7 +2513,7 @@ ZOV_API char *zov_fgets(char *buffer, int32_t sizeBytes, ZOV_STREAM stream);
 ZOV_API int32_t zov_fputc(int32_t character, ZOV_STREAM stream);
 
 /**
- * Writes a string as zov_fputc() writes each byte, up to the first for which
+ * Writes a text as zov_fputc() writes each byte, up to the first for which
  * that is not 1. On a UTF-16 stream this is the end of the first character.
  *
  * @return the number of bytes, or -1 when a byte was not taken.
@@ -2865,7 +2569,7 @@ ZOV_API int32_t zov_fflush(ZOV_STREAM stream);
  *               writing to this stream
  * @return #ZOV_OKAY, or #ZOV_ERROR for another origin.
  */
-ZOV_API int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin);
+ZOV_API ZOV_STATUS zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin);
 
 /**
  * Reads a whole line of any length, up to and with its newline. Bytes of 0 in
@@ -2890,10 +2594,15 @@ ZOV_API int32_t zov_fseek(ZOV_STREAM stream, int32_t offset, int32_t origin);
  * ends the line early, and the next call goes on behind it.
  */
 ZOV_API char *zov_fGetLine(ZOV_STREAM stream, char **buffer, uint32_t *sizeBytes);
+/** @} */
 
-/* ========================================================================
- * text/zov_console: console and log output
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_output Console and log
+ * Where the library's and the program's output goes: redirections that stack, messages with
+ * their time in a log, and records put together piece by piece. (text/zov_console, text/zov_log)
+ * @{
+ */
 
 /** One destination of a stack. */
 typedef struct ZOV_FILE_INFO {
@@ -2929,7 +2638,7 @@ typedef struct LogChunk *ZOV_LOG_CHUNK;
  * Threads: one at a time. Messages: those of failing allocations and of
  * zov_syncCreate_check().
  */
-ZOV_API int32_t zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name);
+ZOV_API ZOV_STATUS zov_fileStackInit(ZOV_FILE_STACK *stack, const char *name);
 
 /** Pops every redirection of a stack and releases its lock. Threads: one at a
  *  time, while nobody writes through the stack. Messages: as zov_fclose(). */
@@ -2948,7 +2657,7 @@ ZOV_API void zov_fileStackTerm(ZOV_FILE_STACK *stack);
  * Threads: one at a time, while nobody writes through the stack: its lock is
  * not taken. Messages: those of failing allocations.
  */
-ZOV_API int32_t zov_fileStackOpen(ZOV_FILE_STACK *stack, const char *name);
+ZOV_API ZOV_STATUS zov_fileStackOpen(ZOV_FILE_STACK *stack, const char *name);
 
 /** Pops the top redirection, if any, and closes its file with the last that
  *  leads to it. Threads: as zov_fileStackOpen(). Messages: as zov_fclose(). */
@@ -2977,9 +2686,10 @@ ZOV_API ZOV_FILE_INFO *zov_fileStackSearch(ZOV_FILE_STACK *stack, const char *na
  *
  * Threads and messages: as zov_fileStackOpen().
  */
-ZOV_API int32_t zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name, ZOV_FILE_STACK_NODE *node);
+ZOV_API ZOV_STATUS zov_getFileInfo(ZOV_FILE_STACK *stack, const char *name,
+                                   ZOV_FILE_STACK_NODE *node);
 
-/** Enters a stack's lock, which is recursive. Threads: any. */
+/** Enters a stack's lock, which is recursive. Threads: any; waits while another is inside. */
 ZOV_API void zov_fileStackLock(ZOV_FILE_STACK *stack) ZOV_ACQUIRE(stack->lock);
 
 /** Leaves a stack's lock. Threads: the one that entered. */
@@ -2991,10 +2701,10 @@ ZOV_API void zov_fileStackRelease(ZOV_FILE_STACK *stack) ZOV_RELEASE(stack->lock
  * @return as zov_fileStackOpen(); #ZOV_ERROR when the library is not started.
  * Threads and messages: as zov_fileStackOpen().
  */
-ZOV_API int32_t zov_stdout_open(const char *name);
+ZOV_API ZOV_STATUS zov_stdout_open(const char *name);
 
 /** Redirects standard error, as zov_stdout_open() does standard output. */
-ZOV_API int32_t zov_stderr_open(const char *name);
+ZOV_API ZOV_STATUS zov_stderr_open(const char *name);
 
 /** Takes back the last zov_stdout_open(), or the library's own destination.
  *  Does nothing when the library is not started. Threads and messages: as
@@ -3006,7 +2716,7 @@ ZOV_API void zov_stderr_close(void);
 
 /** Writes the log to a file from now on, as zov_stdout_open() does standard
  *  output. Nothing is logged to a file before the first call. */
-ZOV_API int32_t zov_log_open(const char *name);
+ZOV_API ZOV_STATUS zov_log_open(const char *name);
 
 /** Takes back the last zov_log_open(), as zov_stdout_close() does. */
 ZOV_API void zov_log_close(void);
@@ -3022,7 +2732,7 @@ ZOV_API void zov_log_close(void);
  * Threads and messages: as zov_fileStackOpen(). May jump: while the name is
  * allocated, before anything else.
  */
-ZOV_API int32_t zov_log_create(const char *directory, const char *file);
+ZOV_API ZOV_STATUS zov_log_create(const char *directory, const char *file);
 
 /**
  * Writes formatted text to where standard output goes now. The text waits in
@@ -3034,7 +2744,7 @@ ZOV_API int32_t zov_log_create(const char *directory, const char *file);
  * @return characters that the stream took; 0 when output is silent; -1 when the
  *         text cannot be formatted or was not taken whole.
  *
- * Threads: any; takes the stack's lock.
+ * Takes the stack's lock.
  * Cost: one lock pair; the work buffer grows to the longest text and is kept.
  * Messages: as zov_vfprintf().
  */
@@ -3050,7 +2760,7 @@ ZOV_API int32_t zov_printfErr(const char *format, ...) ZOV_PRINTF(1, 2);
 ZOV_API int32_t zov_printfErrV(const char *format, va_list arguments) ZOV_PRINTF(1, 0);
 
 /** Sends what zov_printf() left waiting to the file and to disk; flushes libc's
- *  stdout instead when output is silent. Threads: any. Messages: as
+ *  stdout instead when output is silent. Messages: as
  *  zov_fflush(). */
 ZOV_API void zov_flush(void);
 
@@ -3074,7 +2784,7 @@ ZOV_API void zov_flushErr(void);
  *         writes nothing. When memory for a text
  *         of 512 characters and more is missing, its first 511 are written.
  *
- * Threads: any; takes the lock of the console stack, then that of the log
+ * Takes the lock of the console stack, then that of the log
  * stack, never both.
  * Cost: no allocation below 512 characters; one write and one sync for each
  * destination. Messages: as zov_fflush().
@@ -3094,7 +2804,6 @@ ZOV_API int32_t zov_log_errV(const char *format, va_list arguments) ZOV_PRINTF(1
  * Begins a log record that is put together from pieces.
  * @return the record, to be ended with zov_log_chunk_end(); null when the
  *         library is not started or memory is missing.
- * Threads: any.
  */
 ZOV_API ZOV_LOG_CHUNK zov_log_chunk_init(void);
 
@@ -3123,12 +2832,16 @@ ZOV_API int32_t zov_log_chunk(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_
 ZOV_API void zov_log_chunk_end(ZOV_LOG_CHUNK chunk, const char *format, ...) ZOV_PRINTF(2, 3);
 
 /** Flushes both consoles, unless the process runs in the background, and the
- *  log file. Threads: any. Messages: as zov_fflush(). */
+ *  log file. Messages: as zov_fflush(). */
 ZOV_API void zov_log_flush(void);
+/** @} */
 
-/* ========================================================================
- * text/zov_string: strings and random numbers
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_strings Strings and rounding
+ * May be called at any time. (text/zov_string)
+ * @{
+ */
 
 /**
  * Converts the lower-case bytes of a string to upper case, in place, by the
@@ -3137,8 +2850,6 @@ ZOV_API void zov_log_flush(void);
  *
  * @param text the string, or null
  * @return text.
- *
- * Threads: any. May be called at any time.
  */
 ZOV_API char *strupr(char *text);
 
@@ -3160,7 +2871,6 @@ ZOV_API wchar_t *wcslwr(wchar_t *text);
  *                    touched
  * @return destination.
  *
- * Threads: any. May be called at any time.
  * Cost: writes the whole destination, however short the string.
  */
 ZOV_API char *zov_strncpyZ(char *destination, const char *source, uint64_t size);
@@ -3173,9 +2883,19 @@ ZOV_API wchar_t *zov_wcsncpyZ(wchar_t *destination, const wchar_t *source, uint6
  * ceil(value - 0.5) below zero and for a NaN. The sum is rounded first, so the
  * largest double below 0.5 gives 1.
  *
- * Threads: any. May be called at any time.
+ * @return the integer as a double; cannot fail.
  */
 ZOV_API double zov_round(double value);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_random Random numbers
+ * Sequences that repeat with their seed, for tests and simulations. (text/zov_random)
+ *
+ * Threads: one at a time on a generator.
+ * @{
+ */
 
 /** A generator of pseudo-random numbers: the 32-bit Mersenne Twister MT19937
  *  of Matsumoto and Nishimura. Equal seeds give equal sequences. Not fit for
@@ -3188,7 +2908,7 @@ typedef struct RandState *ZOV_RAND;
  * @param seed the seed; 0 stands for 0x8DF1337C
  * @return the generator, to be released with zov_randDestroy(), or null.
  *
- * Threads: any. Messages: as zov_getMem(). May jump: yes.
+ * Messages: as zov_getMem(). May jump: yes.
  */
 ZOV_API ZOV_RAND zov_randCreate(uint32_t seed);
 
@@ -3197,7 +2917,6 @@ ZOV_API void zov_randDestroy(ZOV_RAND generator);
 
 /**
  * Starts the sequence of a seed. Here 0 is a seed like any other.
- * Threads: one at a time.
  */
 ZOV_API void zov_randSetSeed(ZOV_RAND generator, uint32_t seed);
 
@@ -3207,7 +2926,7 @@ ZOV_API void zov_randResetSeed(ZOV_RAND generator, uint32_t seed);
 /**
  * Draws a number.
  * @return the next of the sequence, from 0 to 4294967295.
- * Threads: one at a time. Cost: a few instructions; every 624th draw makes the
+ * Cost: a few instructions; every 624th draw makes the
  * next 624 words.
  */
 ZOV_API uint32_t zov_randGetNext(ZOV_RAND generator);
@@ -3223,14 +2942,11 @@ ZOV_API uint64_t zov_randGetUInt64(ZOV_RAND generator);
 
 /** As zov_randGetNext(), divided by 4294967295: 0.0 to 1.0, both included. */
 ZOV_API double zov_randGetDouble(ZOV_RAND generator);
+/** @} */
 
-/** @return 0: no memory checker instruments the process, as far as this
- *  platform can tell. Threads: any. May be called at any time. */
-ZOV_API int32_t zov_isPurifyRunning(void);
-
-/* ========================================================================
- * config/zovini: INI files
- *
+/* ======================================================================== */
+/**
+ * @defgroup zov_inifiles INI files
  * A file is text, of the encodings of zov_fopen(). A line is cut at its first
  * semicolon; nothing quotes one. `[name]` at the start of a line opens a
  * section; `name = value` below it is a parameter. Spaces around the equal sign
@@ -3252,8 +2968,9 @@ ZOV_API int32_t zov_isPurifyRunning(void);
  * #ZOV_INI_NOMEMORY, which makes lists of names unavailable there.
  *
  * Messages: as zov_getMem(), zov_fopenEx() and, where a file is read or written,
- * the transfers of its handle.
- * ======================================================================== */
+ * the transfers of its handle. (config/zovini)
+ * @{
+ */
 
 /** Memory is short, or a wide text could not be converted. */
 #define ZOV_INI_NOMEMORY (-904)
@@ -3265,12 +2982,6 @@ ZOV_API int32_t zov_isPurifyRunning(void);
 #define ZOV_INI_NOARGUMENT (-924)
 /** The output buffer is too small; it holds as much as fits. */
 #define ZOV_INI_TRUNCATED (-932)
-
-/** Starts the module. For zov_init() only. @return #ZOV_OKAY or #ZOV_ERROR. */
-ZOV_API int32_t zov_iniInit(void);
-
-/** Forgets every file and ends the module. For zov_term() only. */
-ZOV_API void zov_iniTerm(void);
 
 /** Forgets every file. Threads: no other call of this family may be under way. */
 ZOV_API void zov_iniCleanup(void);
@@ -3286,14 +2997,14 @@ ZOV_API void zov_iniCleanup(void);
  * Threads: no other call of this family may be under way. Cost: linear in the
  * file; reading it again allocates only for what has grown.
  */
-ZOV_API int32_t zov_readIniFileEx(const char *path, uint16_t flags);
+ZOV_API ZOV_STATUS zov_readIniFileEx(const char *path, uint16_t flags);
 /** zov_readIniFileEx() on disk. */
-ZOV_API int32_t zov_readIniFile(const char *path);
+ZOV_API ZOV_STATUS zov_readIniFile(const char *path);
 /** zov_readIniFile() with a wide path. */
-ZOV_API int32_t zov_readIniFileW(const wchar_t *path);
+ZOV_API ZOV_STATUS zov_readIniFileW(const wchar_t *path);
 /** zov_readIniFileEx() with a wide path. What is known of a file that cannot be
  *  opened stays known. */
-ZOV_API int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags);
+ZOV_API ZOV_STATUS zov_readIniFileExW(const wchar_t *path, uint16_t flags);
 
 /**
  * Gets a value or a list of names. A file of which no section is known is read
@@ -3321,14 +3032,14 @@ ZOV_API int32_t zov_readIniFileExW(const wchar_t *path, uint16_t flags);
  * was forked while another thread was in this family.
  * Cost: of a known file one lock and three look-ups by hash.
  */
-ZOV_API int32_t zov_iniGetEx(const char *path, const char *section, const char *name, char *out,
-                             uint32_t sizeBytes, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniGetEx(const char *path, const char *section, const char *name, char *out,
+                                uint32_t sizeBytes, uint16_t flags);
 /** zov_iniGetEx() on disk. */
-ZOV_API int32_t zov_iniGet(const char *path, const char *section, const char *name, char *out,
-                           uint32_t sizeBytes);
+ZOV_API ZOV_STATUS zov_iniGet(const char *path, const char *section, const char *name, char *out,
+                              uint32_t sizeBytes);
 /** zov_iniGet() with wide texts; otherwise as zov_iniGetExW(). */
-ZOV_API int32_t zov_iniGetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                            wchar_t *out, uint32_t sizeChars);
+ZOV_API ZOV_STATUS zov_iniGetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                               wchar_t *out, uint32_t sizeChars);
 /**
  * zov_iniGetEx() with wide texts. The buffer is written on success only. A value
  * that is not UTF-8 gives #ZOV_INI_NOMEMORY. Each call allocates four bytes a
@@ -3337,21 +3048,22 @@ ZOV_API int32_t zov_iniGetW(const wchar_t *path, const wchar_t *section, const w
  *                  terminated; one of more than 4 * sizeChars - 3 bytes of UTF-8
  *                  is #ZOV_INI_TRUNCATED.
  */
-ZOV_API int32_t zov_iniGetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                              wchar_t *out, uint32_t sizeChars, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniGetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                 wchar_t *out, uint32_t sizeChars, uint16_t flags);
 
 /** The same as zov_iniGet(). */
-ZOV_API int32_t zov_iniString(const char *path, const char *section, const char *name, char *out,
-                              uint32_t sizeBytes);
+ZOV_API ZOV_STATUS zov_iniString(const char *path, const char *section, const char *name, char *out,
+                                 uint32_t sizeBytes);
 /** The same as zov_iniGetEx(). */
-ZOV_API int32_t zov_iniStringEx(const char *path, const char *section, const char *name, char *out,
-                                uint32_t sizeBytes, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniStringEx(const char *path, const char *section, const char *name,
+                                   char *out, uint32_t sizeBytes, uint16_t flags);
 /** The same as zov_iniGetW(). */
-ZOV_API int32_t zov_iniStringW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                               wchar_t *out, uint32_t sizeChars);
+ZOV_API ZOV_STATUS zov_iniStringW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                  wchar_t *out, uint32_t sizeChars);
 /** The same as zov_iniGetExW(). */
-ZOV_API int32_t zov_iniStringExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                                 wchar_t *out, uint32_t sizeChars, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniStringExW(const wchar_t *path, const wchar_t *section,
+                                    const wchar_t *name, wchar_t *out, uint32_t sizeChars,
+                                    uint16_t flags);
 
 /**
  * Gets a value as a decimal integer, read as by strtol(): up to the first
@@ -3363,17 +3075,17 @@ ZOV_API int32_t zov_iniStringExW(const wchar_t *path, const wchar_t *section, co
  *
  * The other arguments, threads and cost: as zov_iniGetEx().
  */
-ZOV_API int32_t zov_iniInt32Ex(const char *path, const char *section, const char *name,
-                               int32_t *value, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniInt32Ex(const char *path, const char *section, const char *name,
+                                  int32_t *value, uint16_t flags);
 /** zov_iniInt32Ex() on disk. */
-ZOV_API int32_t zov_iniInt32(const char *path, const char *section, const char *name,
-                             int32_t *value);
+ZOV_API ZOV_STATUS zov_iniInt32(const char *path, const char *section, const char *name,
+                                int32_t *value);
 /** zov_iniInt32() with wide texts. */
-ZOV_API int32_t zov_iniInt32W(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                              int32_t *value);
+ZOV_API ZOV_STATUS zov_iniInt32W(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                 int32_t *value);
 /** zov_iniInt32Ex() with wide texts. */
-ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                                int32_t *value, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                   int32_t *value, uint16_t flags);
 
 /**
  * Sets or deletes a parameter, or deletes a section, of a file that exists.
@@ -3424,21 +3136,25 @@ ZOV_API int32_t zov_iniInt32ExW(const wchar_t *path, const wchar_t *section, con
  * Threads: as zov_iniGetEx(). Cost: the file is read twice, written once and
  * synced, and its directory is synced.
  */
-ZOV_API int32_t zov_iniSetEx(const char *path, const char *section, const char *name,
-                             const char *value, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniSetEx(const char *path, const char *section, const char *name,
+                                const char *value, uint16_t flags);
 /** zov_iniSetEx() on disk. */
-ZOV_API int32_t zov_iniSet(const char *path, const char *section, const char *name,
-                           const char *value);
+ZOV_API ZOV_STATUS zov_iniSet(const char *path, const char *section, const char *name,
+                              const char *value);
 /** zov_iniSet() with wide texts, none of them null. */
-ZOV_API int32_t zov_iniSetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                            const wchar_t *value);
+ZOV_API ZOV_STATUS zov_iniSetW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                               const wchar_t *value);
 /** zov_iniSetEx() with wide texts, none of them null. */
-ZOV_API int32_t zov_iniSetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
-                              const wchar_t *value, uint16_t flags);
+ZOV_API ZOV_STATUS zov_iniSetExW(const wchar_t *path, const wchar_t *section, const wchar_t *name,
+                                 const wchar_t *value, uint16_t flags);
+/** @} */
 
-/* ========================================================================
- * config/zovparse: parser driver
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_parser Parser driver
+ * Drives the tables that zov-tables makes of a grammar. (config/zovparse)
+ * @{
+ */
 
 /**
  * The tables of a grammar, in the layout of the classic yacc; zov-tables makes
@@ -3522,7 +3238,7 @@ typedef struct ZOV_PARSE_CONTEXT {
  * the token that did not fit. The error is over after three shifts, or with the next
  * reduction, that of an empty rule too: a rule like `statement: error` that reduces
  * without a token of its own is found again at the same token for ever, so grammars
- * have `statement: error ';'`.
+ * have ``statement: error ';'``.
  *
  * @param context the grammar, the callbacks and the tag
  * @return 0 when the input was accepted; 1 to 3, accepted within so many shifts
@@ -3539,9 +3255,12 @@ typedef struct ZOV_PARSE_CONTEXT {
  * by a jump of their own only if the context names a tag.
  */
 ZOV_API int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context);
+/** @} */
 
-/* ========================================================================
- * config/zovbufferedstream: typed buffers
+/* ======================================================================== */
+/**
+ * @defgroup zov_buffers Typed buffers
+ * Numbers and strings over a channel of bytes that the caller brings. (config/zovbufferedstream)
  *
  * The encoding, item behind item, without frames or padding: integers and
  * IEEE 754 floats of 1, 2, 4 or 8 bytes in the sender's byte order, reversed by
@@ -3550,8 +3269,9 @@ ZOV_API int32_t zov_yyparse(const ZOV_PARSE_CONTEXT *context);
  * and raw bytes as they are.
  *
  * A status is 0, what a callback returned, passed on unchanged, or one of the
- * two codes below. One thread at a time; different buffers are independent.
- * ======================================================================== */
+ * two codes below. Threads: one at a time on a buffer; different buffers are independent.
+ * @{
+ */
 
 /** Memory for a buffer or a string could not be obtained. */
 #define ZOV_BUFF_NOMEMORY (-904)
@@ -3576,16 +3296,16 @@ typedef struct OutputBuffer *ZOV_OUTPUTBUFF;
  *                  failure
  * @return 0, or the caller's own status for end, time-out or failure.
  */
-typedef int32_t (*ZOV_BUFF_READ)(void *context, void *buffer, uint32_t capacity,
-                                 uint32_t *delivered);
+typedef ZOV_STATUS (*ZOV_BUFF_READ)(void *context, void *buffer, uint32_t capacity,
+                                    uint32_t *delivered);
 
 /** As ::ZOV_BUFF_READ, with the wait that the reader asked for. */
-typedef int32_t (*ZOV_BUFF_TIMED_READ)(void *context, void *buffer, uint32_t capacity,
-                                       uint32_t *delivered, uint32_t waitMs);
+typedef ZOV_STATUS (*ZOV_BUFF_TIMED_READ)(void *context, void *buffer, uint32_t capacity,
+                                          uint32_t *delivered, uint32_t waitMs);
 
 /** Takes all length bytes of data and returns 0, or returns the caller's own
  *  status, after which the same bytes are offered again by a later call. */
-typedef int32_t (*ZOV_BUFF_WRITE)(void *context, const void *data, uint32_t length);
+typedef ZOV_STATUS (*ZOV_BUFF_WRITE)(void *context, const void *data, uint32_t length);
 
 /**
  * Makes an input buffer of 5000 bytes. Nothing is read yet.
@@ -3600,8 +3320,8 @@ typedef int32_t (*ZOV_BUFF_WRITE)(void *context, const void *data, uint32_t leng
  *
  * Messages: as zov_getMem(). May jump: yes.
  */
-ZOV_API int32_t zov_inputBuffCreate(ZOV_BUFF_READ read, ZOV_BUFF_TIMED_READ timedRead,
-                                    void *context, int32_t swap, ZOV_INPUTBUFF *handle);
+ZOV_API ZOV_STATUS zov_inputBuffCreate(ZOV_BUFF_READ read, ZOV_BUFF_TIMED_READ timedRead,
+                                       void *context, ZOV_BOOL swap, ZOV_INPUTBUFF *handle);
 
 /** Releases an input buffer with what it holds; null is ignored. */
 ZOV_API void zov_inputBuffDestroy(ZOV_INPUTBUFF handle);
@@ -3614,18 +3334,18 @@ ZOV_API void zov_inputBuffDestroy(ZOV_INPUTBUFF handle);
  * @return a status. When a callback fails half-way through an item, the bytes
  *         of the item that had arrived are lost; nothing else is.
  */
-ZOV_API int32_t zov_inputBuffGetChar(ZOV_INPUTBUFF handle, char *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetChar(ZOV_INPUTBUFF handle, char *place);
 
 /** As zov_inputBuffGetChar(), for 16-bit integers. */
-ZOV_API int32_t zov_inputBuffGetInt16(ZOV_INPUTBUFF handle, int16_t *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetInt16(ZOV_INPUTBUFF handle, int16_t *place);
 /** As zov_inputBuffGetChar(), for 32-bit integers. */
-ZOV_API int32_t zov_inputBuffGetInt32(ZOV_INPUTBUFF handle, int32_t *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetInt32(ZOV_INPUTBUFF handle, int32_t *place);
 /** As zov_inputBuffGetChar(), for 64-bit integers. */
-ZOV_API int32_t zov_inputBuffGetInt64(ZOV_INPUTBUFF handle, int64_t *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetInt64(ZOV_INPUTBUFF handle, int64_t *place);
 /** As zov_inputBuffGetChar(), for 32-bit floats. */
-ZOV_API int32_t zov_inputBuffGetFloat32(ZOV_INPUTBUFF handle, float *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetFloat32(ZOV_INPUTBUFF handle, float *place);
 /** As zov_inputBuffGetChar(), for 64-bit floats. */
-ZOV_API int32_t zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place);
+ZOV_API ZOV_STATUS zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place);
 
 /**
  * As zov_inputBuffGetInt32(), reading through the timed callback. The wait goes
@@ -3634,7 +3354,8 @@ ZOV_API int32_t zov_inputBuffGetFloat64(ZOV_INPUTBUFF handle, double *place);
  * @param waitMs wait time as the callback understands it; 0 reads through the
  *               plain callback, as does a buffer without a timed one
  */
-ZOV_API int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *place, uint32_t waitMs);
+ZOV_API ZOV_STATUS zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *place,
+                                                uint32_t waitMs);
 
 /**
  * Reads a string with length into a buffer, and terminates it. Of a longer
@@ -3648,7 +3369,8 @@ ZOV_API int32_t zov_inputBuffGetInt32Timeout(ZOV_INPUTBUFF handle, int32_t *plac
  *               stored and nothing fits
  * @return a status; #ZOV_BUFF_TRUNCATED when the string did not fit.
  */
-ZOV_API int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer, uint64_t size);
+ZOV_API ZOV_STATUS zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buffer,
+                                                    uint64_t size);
 
 /**
  * Reads a string with length into memory of its own. Up to 64 KiB are allocated
@@ -3665,7 +3387,7 @@ ZOV_API int32_t zov_inputBuffGetStringWithLength(ZOV_INPUTBUFF handle, char *buf
  * Messages: as zov_getMem(). May jump: yes, as after #ZOV_BUFF_NOMEMORY. A jump
  * of a callback's own leaves the memory to the default tag.
  */
-ZOV_API int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text);
+ZOV_API ZOV_STATUS zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text);
 
 /**
  * Reads raw bytes, never reversed.
@@ -3675,7 +3397,7 @@ ZOV_API int32_t zov_inputBuffGetString(ZOV_INPUTBUFF handle, char **text);
  * @param count       how many
  * @return a status.
  */
-ZOV_API int32_t zov_inputBuffGetBytes(ZOV_INPUTBUFF handle, void *destination, uint64_t count);
+ZOV_API ZOV_STATUS zov_inputBuffGetBytes(ZOV_INPUTBUFF handle, void *destination, uint64_t count);
 
 /** Discards what the buffer holds; the next read asks the channel. */
 ZOV_API void zov_inputBuffReset(ZOV_INPUTBUFF handle);
@@ -3692,8 +3414,8 @@ ZOV_API void zov_inputBuffReset(ZOV_INPUTBUFF handle);
  *
  * Messages: as zov_getMem(). May jump: yes.
  */
-ZOV_API int32_t zov_outputBuffCreate(ZOV_BUFF_WRITE write, void *context, int32_t swap,
-                                     ZOV_OUTPUTBUFF *handle);
+ZOV_API ZOV_STATUS zov_outputBuffCreate(ZOV_BUFF_WRITE write, void *context, ZOV_BOOL swap,
+                                        ZOV_OUTPUTBUFF *handle);
 
 /** Releases an output buffer without flushing it; null is ignored. */
 ZOV_API void zov_outputBuffDestroy(ZOV_OUTPUTBUFF handle);
@@ -3707,22 +3429,22 @@ ZOV_API void zov_outputBuffDestroy(ZOV_OUTPUTBUFF handle);
  * @return a status. When the callback fails all that was buffered stays so, and
  *         with it the first bytes of an item that straddled.
  */
-ZOV_API int32_t zov_outputBuffPutChar(ZOV_OUTPUTBUFF handle, int32_t value);
+ZOV_API ZOV_STATUS zov_outputBuffPutChar(ZOV_OUTPUTBUFF handle, int32_t value);
 
 /** As zov_outputBuffPutChar(), for 16-bit integers. */
-ZOV_API int32_t zov_outputBuffPutInt16(ZOV_OUTPUTBUFF handle, int16_t value);
+ZOV_API ZOV_STATUS zov_outputBuffPutInt16(ZOV_OUTPUTBUFF handle, int16_t value);
 /** As zov_outputBuffPutChar(), for 32-bit integers. */
-ZOV_API int32_t zov_outputBuffPutInt32(ZOV_OUTPUTBUFF handle, int32_t value);
+ZOV_API ZOV_STATUS zov_outputBuffPutInt32(ZOV_OUTPUTBUFF handle, int32_t value);
 /** As zov_outputBuffPutChar(), for 64-bit integers. */
-ZOV_API int32_t zov_outputBuffPutInt64(ZOV_OUTPUTBUFF handle, int64_t value);
+ZOV_API ZOV_STATUS zov_outputBuffPutInt64(ZOV_OUTPUTBUFF handle, int64_t value);
 /** As zov_outputBuffPutChar(), for 32-bit floats. */
-ZOV_API int32_t zov_outputBuffPutFloat32(ZOV_OUTPUTBUFF handle, float value);
+ZOV_API ZOV_STATUS zov_outputBuffPutFloat32(ZOV_OUTPUTBUFF handle, float value);
 /** As zov_outputBuffPutChar(), for 64-bit floats. */
-ZOV_API int32_t zov_outputBuffPutFloat64(ZOV_OUTPUTBUFF handle, double value);
+ZOV_API ZOV_STATUS zov_outputBuffPutFloat64(ZOV_OUTPUTBUFF handle, double value);
 
-/** As zov_outputBuffPutChar(), for the bytes of a string without its NUL; the
+/** As zov_outputBuffPutChar(), for the bytes of text without its NUL; the
  *  reader must know how many they are. */
-ZOV_API int32_t zov_outputBuffPutString(ZOV_OUTPUTBUFF handle, const char *text);
+ZOV_API ZOV_STATUS zov_outputBuffPutString(ZOV_OUTPUTBUFF handle, const char *text);
 
 /**
  * As zov_outputBuffPutChar(), for a string with length.
@@ -3731,14 +3453,14 @@ ZOV_API int32_t zov_outputBuffPutString(ZOV_OUTPUTBUFF handle, const char *text)
  * @return a status; #ZOV_BUFF_TRUNCATED, with nothing written, for a string of
  *         4294967295 bytes and more.
  */
-ZOV_API int32_t zov_outputBuffPutStringWithLength(ZOV_OUTPUTBUFF handle, const char *text);
+ZOV_API ZOV_STATUS zov_outputBuffPutStringWithLength(ZOV_OUTPUTBUFF handle, const char *text);
 
-/** As zov_outputBuffPutChar(), for raw bytes, never reversed. */
-ZOV_API int32_t zov_outputBuffPutBytes(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count);
+/** As zov_outputBuffPutChar(), for count bytes of data as they are, never reversed. */
+ZOV_API ZOV_STATUS zov_outputBuffPutBytes(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count);
 
 /** Sends what the buffer holds, if anything, in one call of the callback.
  *  @return a status; on failure the buffer holds it still. */
-ZOV_API int32_t zov_outputBuffFlush(ZOV_OUTPUTBUFF handle);
+ZOV_API ZOV_STATUS zov_outputBuffFlush(ZOV_OUTPUTBUFF handle);
 
 /**
  * Flushes, then hands raw bytes to the callback without copying them.
@@ -3750,11 +3472,18 @@ ZOV_API int32_t zov_outputBuffFlush(ZOV_OUTPUTBUFF handle);
  * @return a status. After a failure it is the caller who knows how many bytes
  *         the callback has taken.
  */
-ZOV_API int32_t zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data, uint64_t count);
+ZOV_API ZOV_STATUS zov_outputBuffSendDirect(ZOV_OUTPUTBUFF handle, const void *data,
+                                            uint64_t count);
+/** @} */
 
-/* ========================================================================
- * os/zovunix_process: process, daemon and signal services
- * ======================================================================== */
+/* ======================================================================== */
+/**
+ * @defgroup zov_process Processes, servers and signals
+ * Process ids, servers in the background, interrupts. (os/zovunix_process, os/zovunix_daemon)
+ *
+ * All of this family may be called at any time, started or not.
+ * @{
+ */
 
 /** Head of a list for the programs built on the library, which agree on what is
  *  in it; null after zov_init(). The library does not look at it. */
@@ -3770,30 +3499,12 @@ typedef void (*ZOV_INTERRUPT)(void);
 /** The main function of a service. */
 typedef int32_t (*ZOV_SERVICE_MAIN)(int32_t argumentCount, char **arguments);
 
-/**
- * Prepares the process: raises the soft limit on open descriptors to the hard
- * one (to 1024 if it is lower and the hard one is unlimited), makes #deviceSem,
- * and ignores SIGPIPE, so that writing to a closed pipe or socket fails instead
- * of ending the process. Each of the descriptors 0 to 2 that is closed gets
- * /dev/null, opened so that transfers go on failing with EBADF: 0 for writing, 1
- * and 2 for reading. No file gets these numbers then. Without /dev/null they
- * stay closed. The process keeps all this when the library ends, and hands it on
- * to the programs that it starts. For zov_init() only.
- * @return #ZOV_OKAY or #ZOV_ERROR.
- */
-ZOV_API int32_t zov_osInit(void);
-
-/** Releases #deviceSem. For zov_term() only. */
-ZOV_API void zov_osTerm(void);
-
-/** @return the id of the calling process. Threads: any. May be called at any
- *  time. */
+/** Tells the id of the calling process. @return the id; cannot fail. */
 ZOV_API uint32_t zov_get_pid(void);
 
-/** @return 1 if there is a process of this id, also one that may not be
- *  signalled, else 0, so for 0 and above INT32_MAX. Threads: any. May be called
- *  at any time. */
-ZOV_API int32_t zov_check_pid(uint32_t pid);
+/** Asks whether a process has the id pid. @return 1 if there is one, also one that may not
+ *  be signalled, else 0, so for 0 and above INT32_MAX. */
+ZOV_API ZOV_BOOL zov_check_pid(uint32_t pid);
 
 /**
  * Continues the program in a child process that becomes a background server:
@@ -3829,7 +3540,7 @@ ZOV_API int32_t zov_check_pid(uint32_t pid);
  * status, "Unexpected status signal from %s child process.\n" or "%s terminated
  * by internal error or external signal (%d).\n" with name and signal.
  */
-ZOV_API int32_t zov_daemonStart(const char *serverName, int32_t *out);
+ZOV_API ZOV_STATUS zov_daemonStart(const char *serverName, int32_t *out);
 
 /**
  * Reports to the launcher that the server has started, and closes the
@@ -3837,8 +3548,6 @@ ZOV_API int32_t zov_daemonStart(const char *serverName, int32_t *out);
  * for SIGPIPE.
  *
  * @param descriptor what zov_daemonStart() gave, once
- *
- * Threads: any. May be called at any time.
  */
 ZOV_API void zov_daemonComplete(int32_t descriptor);
 
@@ -3852,15 +3561,14 @@ ZOV_API void zov_daemonComplete(int32_t descriptor);
  *                 (those of zov_threadBegin() do) and in signal context, where
  *                 little is safe: best it sets a flag or writes to a pipe, and
  *                 it must return. Null: interrupts are ignored.
- * @return #ZOV_OKAY.
+ * @return #ZOV_OKAY, always.
  *
- * Threads: one at a time; the callback may call it. May be called at any time.
+ * Threads: one at a time; the callback may call it.
  */
-ZOV_API int32_t zov_handleInterrupt(ZOV_INTERRUPT callback);
+ZOV_API ZOV_STATUS zov_handleInterrupt(ZOV_INTERRUPT callback);
 
 /** Prints a text and a newline on libc's standard output.
- *  @return the result of puts(), negative on failure. Threads: any. May be
- *  called at any time. */
+ *  @return the result of puts(), negative on failure: -1. */
 ZOV_API int32_t zov_errPrint(const char *text);
 
 /**
@@ -3868,55 +3576,54 @@ ZOV_API int32_t zov_errPrint(const char *text);
  *
  * @param name          unused, may be null
  * @param event         unused, may be null
- * @param argumentCount passed on
+ * @param argumentCount the number of arguments, passed on
  * @param arguments     passed on
  * @param mainFunction  the program
- * @return what mainFunction returns.
- *
- * Threads: any. May be called at any time.
+ * @return what mainFunction returns; cannot fail itself.
  */
 ZOV_API int32_t zov_serviceStart(const void *name, const void *event, int32_t argumentCount,
                                  char **arguments, ZOV_SERVICE_MAIN mainFunction);
 
-/** Tells a service manager that the service runs; does nothing here. Threads: any.
- *  May be called at any time. */
+/** Tells a service manager that the service runs; does nothing here. */
 ZOV_API void zov_serviceStarted(void);
 
-/** Tells a service manager that the service is done; does nothing here. Threads: any.
- *  May be called at any time. */
+/** Tells a service manager that the service is done; does nothing here. */
 ZOV_API void zov_serviceDone(void);
 
-/** Registers a service. @return #ZOV_ERROR: there is no manager here. Threads: any.
- *  May be called at any time. */
-ZOV_API int32_t zov_serviceInstall(void);
+/** Registers a service. @return #ZOV_ERROR: there is no manager here. */
+ZOV_API ZOV_STATUS zov_serviceInstall(void);
 
-/** Takes a registration back. @return #ZOV_ERROR: there is no manager here. Threads:
- *  any. May be called at any time. */
-ZOV_API int32_t zov_serviceUninstall(void);
+/** Takes a registration back. @return #ZOV_ERROR: there is no manager here. */
+ZOV_API ZOV_STATUS zov_serviceUninstall(void);
 
-/* ========================================================================
- * os/zovunix_time: time, environment and temporary directory
- * ======================================================================== */
+/** Asks whether a memory checker instruments the process. @return 0, always: as far as this
+ *  platform can tell, none does. */
+ZOV_API ZOV_BOOL zov_isPurifyRunning(void);
+/** @} */
 
-/** @return the current time in seconds since the epoch. Threads: any. May be
- *  called at any time. */
+/* ======================================================================== */
+/**
+ * @defgroup zov_time Time and errors
+ * Clocks, sleeping, and the number of the last error. All of this family may be called at any
+ * time, started or not. (os/zovunix_time)
+ * @{
+ */
+
+/** Reads the clock. @return the current time in seconds since the epoch; cannot fail. */
 ZOV_API int64_t zov_timeSecs(void);
 
-/** @return the current time in seconds, meant to start a random generator. As
- *  zov_timeSecs(). */
+/** As zov_timeSecs(), meant to start a random generator. */
 ZOV_API int64_t zov_seed(void);
 
 /**
  * Reads the wall clock in milliseconds, for differences only: the value wraps
  * about every 49.7 days, and a difference in unsigned 32-bit arithmetic stays
  * right across the wrap.
- * @return the milliseconds since the epoch, modulo 2^32.
- * Threads: any. May be called at any time.
+ * @return the milliseconds since the epoch, modulo 2^32; cannot fail.
  */
 ZOV_API uint32_t zov_timeMilliSecs(void);
 
-/** @return the real-time clock in nanoseconds since the epoch. Threads: any.
- *  May be called at any time. */
+/** Reads the real-time clock. @return the nanoseconds since the epoch; cannot fail. */
 ZOV_API uint64_t zov_timeNanoSecs(void);
 
 /**
@@ -3924,7 +3631,6 @@ ZOV_API uint64_t zov_timeNanoSecs(void);
  * @param timeSecs seconds since the epoch
  * @param out      place for the parts
  * @return out, or null for a year that does not fit it.
- * Threads: any. May be called at any time.
  */
 ZOV_API struct tm *zov_timeLocaltime(int64_t timeSecs, struct tm *out);
 
@@ -3933,16 +3639,24 @@ ZOV_API struct tm *zov_timeLocaltime(int64_t timeSecs, struct tm *out);
  * @param timeSecs seconds since the epoch
  * @return the text in a buffer that the whole process shares, or null for a
  *         year that does not fit it.
- * Threads: one at a time in the process. May be called at any time.
+ * Threads: one at a time in the process.
  */
 ZOV_API char *zov_timeCtime(int64_t timeSecs);
 
-/** Sleeps for a number of milliseconds; a signal handler that runs meanwhile
- *  does not shorten it. Threads: any. May be called at any time. */
+/** Sleeps for waitMs milliseconds; a signal handler that runs meanwhile does not
+ *  shorten it. */
 ZOV_API void zov_sleep(uint32_t waitMs);
 
-/** @return the calling thread's errno. Threads: any. May be called at any time. */
+/** Tells the number of the last error. @return the calling thread's errno; cannot fail. */
 ZOV_API uint32_t zov_errno(void);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_environment Environment and locale
+ * What the process was started with. (os/zovunix_time)
+ * @{
+ */
 
 /**
  * Reads an environment variable.
@@ -3980,6 +3694,15 @@ ZOV_API char *zov_setlocale(int32_t category, const char *locale);
  * was set.
  */
 ZOV_API wchar_t *zov_setlocaleW(int32_t category, const wchar_t *locale);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_temporary Temporary directories
+ * Where files go that nobody keeps. Names for them makes zov_fileCreateTmpName().
+ * (os/zovunix_tmpdir)
+ * @{
+ */
 
 /**
  * Looks for a directory for temporary files: that of the environment variable
@@ -4031,9 +3754,495 @@ ZOV_API char *zov_tmpdir(ZOV_TAG tag);
  * @param directory the directory; null and "" are not writable
  * @return 1 or 0.
  *
- * Threads: any. Messages: as zov_fileOpen().
+ * Messages: as zov_fileOpen().
  */
-ZOV_API int32_t zov_dirWritable(const char *directory);
+ZOV_API ZOV_BOOL zov_dirWritable(const char *directory);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_beneath Layers beneath files in memory
+ * What files in memory stand on, from the lowest up. A program has no need of them; they
+ * serve those that keep their own kind of file in memory, and debuggers' scripts.
+ * @{
+ */
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_heap Shared-memory heap
+ * @ingroup zov_beneath
+ * Contexts with a root block and numbered regions. (memstore/zovshmheap)
+ * @{
+ */
+
+/** A context of the heap: a root block and numbered regions. Its id, a 64-bit
+ *  number never 0, is its handle's address. The layers above keep one context
+ *  for each file and store the id as the file's identity. */
+typedef struct ZOV_CAPABILITY("mutex") ShmContext *ZOV_SHM_CTX;
+
+/** A region of a context; the handle is the region's address. */
+typedef struct ShmRegion *ZOV_SHM_REGION;
+
+/** Tells which context was made at start-up. @return its id; 0 when the heap is down. */
+ZOV_API uint64_t zov_shmRootId(void);
+
+/**
+ * Makes an empty context, of one memory tag.
+ *
+ * @return its id, to be released with zov_shmRemoveCtx() (zov_shmTerm()
+ *         releases what is left), or 0 when memory is short.
+ *
+ * Messages: that of a failing allocation, but none when there is no
+ * memory for the tag.
+ */
+ZOV_API uint64_t zov_shmNextId(void);
+
+/**
+ * Opens a context. The first open with `O_CREAT` makes its root block, of
+ * rootSize zero bytes; what later ones pass decides only whether they are told the
+ * address. Each makes the context's lock if it is away: the mapping cache deletes
+ * it when nobody has the context open through the cache any more.
+ *
+ * @param id       id of the context; any other number is refused
+ * @param flags    open flags, of which `O_CREAT` counts
+ * @param rootSize size of the root block in bytes
+ * @param root     place for its address, left alone when rootSize is 0; or null
+ * @return the handle, which the heap owns and nobody closes, or null: no such
+ *         context, or no root block and no `O_CREAT` (errno is `ENOENT`), a size of 0
+ *         for a new one, memory (`ENOMEM`) or sync objects (`ENFILE`) run out.
+ *         zov_shmRemoveCtx() releases the context.
+ *
+ * Threads: one at a time on a context.
+ * Messages: those of a failing allocation or zov_syncCreate_check().
+ */
+ZOV_API ZOV_SHM_CTX zov_shmOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize, void **root);
+
+/** Does nothing: contexts count no users here. Threads: any. */
+ZOV_API void zov_shmCloseCtx(ZOV_SHM_CTX context);
+
+/**
+ * Releases a context with its root block, lock and regions, all of which must
+ * be out of use. What is not a context, null included, is ignored.
+ * Threads: one at a time on a context.
+ */
+ZOV_API void zov_shmRemoveCtx(ZOV_SHM_CTX context);
+
+/**
+ * Makes a region of zero bytes. One that has the number already is replaced;
+ * its memory stays until the context is released.
+ *
+ * @param context the context; null gives null
+ * @param number  the region's number, below 4,294,967,295
+ * @param start   where it begins in the file it is part of; not used
+ * @param size    its size in bytes
+ * @return the region, which the context owns until zov_shmDestroy(), or null when
+ *         memory is short. If that hits the table of
+ *         regions, every region of the context is out of reach from then on
+ *         and the memory stays until the context is released.
+ *
+ * Threads: one at a time on a context. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_SHM_REGION zov_shmCreate(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
+                                     uint32_t size);
+
+/**
+ * Finds the region of a number. start and size, in bytes, are not used.
+ * @return the region, which the context owns, or null when there is none.
+ * Threads: one at a time on a context.
+ */
+ZOV_API ZOV_SHM_REGION zov_shmOpen(ZOV_SHM_CTX context, uint32_t number, uint64_t start,
+                                   uint32_t size);
+
+/** Does nothing: regions count no users here. Threads: any. */
+ZOV_API void zov_shmClose(ZOV_SHM_REGION region);
+
+/**
+ * Releases a region; a number without one is ignored, and so is a null context.
+ * Threads: one at a time on a context.
+ */
+ZOV_API void zov_shmDestroy(ZOV_SHM_CTX context, uint32_t number);
+
+/** Tells where a region is. @return its address, never null, in memory of the context. It does
+ *  not move. Threads: any. */
+ZOV_API void *zov_shmGetPtr(ZOV_SHM_REGION region);
+
+/** Does nothing: an address costs nothing to keep. Threads: any. */
+ZOV_API void zov_shmReleasePtr(ZOV_SHM_REGION region, void *address);
+
+/**
+ * Enters the lock of a context, a recursive mutex that the layers above hold
+ * while they use the context's root block and regions. Makes it if it is away.
+ *
+ * @return #ZOV_OKAY, or #ZOV_ERROR for a context that never had a root block
+ *         and so has no lock, and when none can be made.
+ *
+ * Threads: any; waits while another thread is inside.
+ * Messages: those of zov_syncCreate_check().
+ */
+ZOV_API ZOV_STATUS zov_shmLock(ZOV_SHM_CTX context);
+
+/** Leaves the lock of a context. Threads: the one inside. */
+ZOV_API void zov_shmUnlock(ZOV_SHM_CTX context);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_mapcache Mapping cache
+ * @ingroup zov_beneath
+ * Counts who has which context and region open or pinned. (memstore/zovshmcache)
+ * @{
+ */
+
+/** An open context of the heap, shared by all who have it open. */
+typedef struct ZOV_CAPABILITY("mutex") CacheContext *ZOV_CACHE_CTX;
+
+/** An open region of such a context, likewise shared. */
+typedef struct CacheRegion *ZOV_CACHE_REGION;
+
+/**
+ * Opens a context, as zov_shmOpenCtx() does, or counts one more user of an open
+ * one. One marked as deleted is not found by its id any more: it is opened anew
+ * beside those who have it.
+ *
+ * @param id       id of the context
+ * @param flags    open flags, of which `O_CREAT` counts
+ * @param rootSize size of the root block, not 0
+ * @param root     place for the address of the root block
+ * @return the context, to be left with zov_shmCacheCloseCtx(), or null.
+ *
+ * Messages: as zov_shmOpenCtx().
+ */
+ZOV_API ZOV_CACHE_CTX zov_shmCacheOpenCtx(uint64_t id, uint32_t flags, uint32_t rootSize,
+                                          void **root);
+
+/** Leaves a context, of which the caller has closed its regions; the last user
+ *  to leave closes it, and deletes its lock unless somebody holds it or waits for it. */
+ZOV_API void zov_shmCacheCloseCtx(ZOV_CACHE_CTX context);
+
+/** Marks a context as deleted: opens by its id do not find it any more. Its
+ *  users keep it. */
+ZOV_API void zov_shmCacheMarkDeleted(ZOV_CACHE_CTX context);
+
+/** Asks whether a context is marked as deleted. @return 1 when it is, else 0. */
+ZOV_API ZOV_BOOL zov_shmCacheIsDeleted(ZOV_CACHE_CTX context);
+
+/** Counts the users of a context. @return how many opens of it are not closed, 0 for none. */
+ZOV_API uint32_t zov_shmCacheNumUsers(ZOV_CACHE_CTX context);
+
+/**
+ * Removes the context of an id from the heap. One that somebody still has open is marked
+ * as deleted instead and removed when the last of its users leaves.
+ */
+ZOV_API void zov_shmCacheRemoveCtx(uint64_t id);
+
+/**
+ * Opens a region by its number, making it with zov_shmCreate(), of size bytes, when nobody has
+ * it open. If somebody has, also by way of a context that is marked as deleted, start
+ * and size do not count, and a destruction that waits for the last close is called off.
+ *
+ * @return the region, to be closed with zov_shmCacheClose(), or null when memory
+ *         is short.
+ *
+ * Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_CACHE_REGION zov_shmCacheCreate(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
+                                            uint32_t size);
+
+/**
+ * Opens the region of a number. start and size, in bytes, are not used.
+ * @return the region, to be closed with zov_shmCacheClose(), or null when there
+ *         is none of that number or memory is short.
+ * Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_CACHE_REGION zov_shmCacheOpen(ZOV_CACHE_CTX context, uint32_t number, uint64_t start,
+                                          uint32_t size);
+
+/** Closes a region, of which the caller has released its pins. With the last
+ *  close it is unmapped, and destroyed if that was asked for. */
+ZOV_API void zov_shmCacheClose(ZOV_CACHE_REGION region);
+
+/**
+ * Destroys the region of a number: at once when nobody has it open, else when the last who
+ * has closes it.
+ * Threads: any that holds the context's lock.
+ */
+ZOV_API void zov_shmCacheDestroy(ZOV_CACHE_CTX context, uint32_t number);
+
+/**
+ * Pins a region: it stays mapped until the pin is released. At most 400 regions
+ * are mapped at once, more only while that many are pinned, as by directories,
+ * which pin all their pages; room is made by unmapping the one that was released
+ * last.
+ *
+ * @return the region's address, to be given back with zov_shmCacheReleasePtr(),
+ *         or null.
+ *
+ * Constant time.
+ */
+ZOV_API void *zov_shmCacheGetPtr(ZOV_CACHE_REGION region);
+
+/** Releases one pin of a region, which gave its address. Constant time. */
+ZOV_API void zov_shmCacheReleasePtr(ZOV_CACHE_REGION region, void *address);
+
+/** Enters the lock of a context, as zov_shmLock(); one that is open has it.
+ *  @return #ZOV_OKAY, always. */
+ZOV_API ZOV_STATUS zov_shmCacheLock(ZOV_CACHE_CTX context) ZOV_ACQUIRE(context);
+
+/** Leaves the lock of a context. Threads: the one inside. */
+ZOV_API void zov_shmCacheUnlock(ZOV_CACHE_CTX context) ZOV_RELEASE(context);
+
+/** The same as zov_shmRootId(). */
+ZOV_API uint64_t zov_shmCacheRootId(void);
+
+/** The same as zov_shmNextId(). */
+ZOV_API uint64_t zov_shmCacheNextId(void);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_segments Segmented files
+ * @ingroup zov_beneath
+ * Arrays of bytes that grow, by number. (memstore/zovsegfile)
+ * @{
+ */
+
+/** An open segmented file: a growable array of bytes in memory, named by the id
+ *  of its context. It lies in segments that grow with the file: four of the base
+ *  size, 4096 bytes, then three each of 4, 16, 64, 256 and 1024 times that, then
+ *  4096 times that, up to 2^47 bytes, past which no file reaches.
+ *
+ *  A file is used in one of two ways, by bytes or by pages; a page is a segment
+ *  of the base size, whatever its number. */
+typedef struct ZOV_CAPABILITY("mutex") SegFile *ZOV_SEG;
+
+/** The same as zov_shmRootId(): the file of this id is that of the root directory. */
+ZOV_API uint64_t zov_segRootId(void);
+
+/** As zov_shmNextId(), for a new file. One that is never opened is released with
+ *  zov_shmCacheRemoveCtx(). */
+ZOV_API uint64_t zov_segNextId(void);
+
+/**
+ * Opens a segmented file.
+ *
+ * @param id    its id
+ * @param flags open flags: `O_CREAT` makes the file when it is new, `O_TRUNC`
+ *              empties it, for everybody who has it open
+ * @return the file, to be closed with zov_segClose() or zov_segRemove(), or
+ *         null, with errno set: an id that names nothing (`ENOENT`), memory is short
+ *         (`ENOMEM`), or there are no sync objects left (`ENFILE`).
+ *
+ * Threads: any; with `O_TRUNC` waits for the file's lock.
+ * Messages: those of a failing allocation or zov_syncCreate_check().
+ */
+ZOV_API ZOV_SEG zov_segOpen(uint64_t id, uint32_t flags);
+
+/** Closes a file. If it was removed and nobody else has it open, its memory is
+ *  released. Threads: one at a time on a handle; waits for the file's lock, also for
+ *  one that a thread holds by zov_segLock(). Two threads that each hold one file's
+ *  lock and close a handle of the other's wait for ever: hold one file's lock at
+ *  most, or take them in one order. */
+ZOV_API void zov_segClose(ZOV_SEG file);
+
+/**
+ * Removes a file and closes this handle. Others who have it open keep it until
+ * they close it; while there are any, it can be opened again by its id.
+ * @return #ZOV_OKAY, always.
+ * Threads: one at a time on a handle; waits for the file's lock, see zov_segClose().
+ */
+ZOV_API ZOV_STATUS zov_segRemove(ZOV_SEG file);
+
+/**
+ * Reads length bytes at an offset in bytes into buffer. What lies between the writes of a file
+ * reads as zero, and takes its memory then.
+ *
+ * @return how many were read: fewer than length at the end of the file, or when
+ *         memory for such a hole is short (errno is `ENOMEM`).
+ *
+ * Threads: any; on a file, one after the other.
+ * Cost: the file's lock, and a lookup and a copy for each segment; no pin.
+ * Messages: that of a failing allocation.
+ */
+ZOV_API uint32_t zov_segSeekRead(ZOV_SEG file, uint64_t offset, void *buffer, uint32_t length);
+
+/**
+ * Writes length bytes of buffer at an offset in bytes; the file grows as it must, also past its
+ * end.
+ *
+ * @return how many were written: fewer than length when memory is short (errno is
+ *         `ENOMEM`) or the range goes on past 2^47, 0 when it begins there (`EFBIG`).
+ *
+ * Threads, cost, messages: as zov_segSeekRead().
+ */
+ZOV_API uint32_t zov_segSeekWrite(ZOV_SEG file, uint64_t offset, const void *buffer,
+                                  uint32_t length);
+
+/**
+ * Pins a page, making it, all zero, when there is none of that number.
+ *
+ * @param file    the file, whose lock the caller holds
+ * @param number  the page's number
+ * @param address place for its address, null on failure. To be given back with
+ *                zov_segReleasePtr().
+ * @return #ZOV_OKAY, or #ZOV_ERROR when memory is short.
+ *
+ * Threads: one at a time on a handle. Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_STATUS zov_segGetPtr(ZOV_SEG file, uint32_t number, void **address);
+
+/** Releases a pin of the page of a number, which gave its address. Threads: the one that
+ *  holds the file's lock. */
+ZOV_API void zov_segReleasePtr(ZOV_SEG file, uint32_t number, void *address);
+
+/** Tells the base segment size. @return bytes; cannot fail. Threads: any. */
+ZOV_API uint32_t zov_segSegSize(ZOV_SEG file);
+
+/** Tells the size of a file. @return bytes; cannot fail. Threads: any; takes no lock. */
+ZOV_API uint64_t zov_segSize(ZOV_SEG file);
+
+/**
+ * Sets the size of a file. What it gains reads as zero. The modification time
+ * stays.
+ *
+ * @param file the file, whose lock the caller holds
+ * @param size the new size in bytes, below 2^47
+ * @return #ZOV_OKAY, or #ZOV_ERROR: memory is short (errno is `ENOMEM`) or the size
+ *         too high (`EFBIG`). The size is then as it was; segments that were made
+ *         stay.
+ *
+ * Threads: one at a time on a handle. Cost: what it gains is allocated at once;
+ * what it loses, a step for each segment that exists.
+ * Messages: that of a failing allocation.
+ */
+ZOV_API ZOV_STATUS zov_segSetSize(ZOV_SEG file, uint64_t size);
+
+/** Tells the size of a file by its id. @return bytes, or all ones when there is no
+ *  such file. Does not take the file's lock. */
+ZOV_API uint64_t zov_segSizeStat(uint64_t id);
+
+/** Tells when the file of an id was last written to. @return seconds since the
+ *  epoch, 0 if it never was; or UINT32_MAX when there is no such file.
+ *  Does not take the file's lock. */
+ZOV_API uint64_t zov_segModTime(uint64_t id);
+
+/** Enters the lock of a file, recursive and shared by all who have the file
+ *  open. @return #ZOV_OKAY, always. Threads: any; waits while another thread is inside. */
+ZOV_API ZOV_STATUS zov_segLock(ZOV_SEG file) ZOV_ACQUIRE(file);
+
+/** Leaves the lock of a file. Threads: the one inside. */
+ZOV_API void zov_segUnlock(ZOV_SEG file) ZOV_RELEASE(file);
+/** @} */
+
+/* ======================================================================== */
+/**
+ * @defgroup zov_stages Stages of start-up
+ * What zov_init() and zov_term() call, in this order, and nobody else. A stage that fails leaves
+ * nothing behind, and those before it are ended in reverse.
+ *
+ * Threads: none beside it; the process-wide critical section is held.
+ * @{
+ */
+
+/**
+ * Empties the table of sync objects.
+ * @return #ZOV_OKAY, always.
+ */
+ZOV_API ZOV_STATUS zov_syncInit(void);
+
+/**
+ * Starts the memory module.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Messages: "Out of memory initializing ZOV memory module".
+ */
+ZOV_API ZOV_STATUS zov_memInit(void);
+
+/**
+ * Starts the file handles.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API ZOV_STATUS zov_fileInit(void);
+
+/** Starts the module. @return #ZOV_OKAY or #ZOV_ERROR. */
+ZOV_API ZOV_STATUS zov_iniInit(void);
+
+/**
+ * Prepares the process: raises the soft limit on open descriptors to the hard
+ * one (to 1024 if it is lower and the hard one is unlimited), makes #deviceSem,
+ * and ignores SIGPIPE, so that writing to a closed pipe or socket fails instead
+ * of ending the process. Each of the descriptors 0 to 2 that is closed gets
+ * /dev/null, opened so that transfers go on failing with EBADF: 0 for writing, 1
+ * and 2 for reading. No file gets these numbers then. Without /dev/null they
+ * stay closed. The process keeps all this when the library ends, and hands it on
+ * to the programs that it starts.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API ZOV_STATUS zov_osInit(void);
+
+/**
+ * Starts the memory files and the layers beneath.
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ */
+ZOV_API ZOV_STATUS zov_mfInit(void);
+
+/**
+ * Starts the mapping cache and what is beneath it; see zov_mfInit().
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Messages: those of zov_syncCreate_check().
+ */
+ZOV_API ZOV_STATUS zov_segInit(void);
+
+/**
+ * Starts the heap and the mapping cache over it; see zov_mfInit().
+ * @param pageSize place for the page size in bytes, 4096
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Messages: those of zov_syncCreate_check().
+ */
+ZOV_API ZOV_STATUS zov_shmCacheInit(uint32_t *pageSize);
+
+/**
+ * Starts the heap and makes its first context. The first of the calls that
+ * start the memory storage; see zov_mfInit().
+ * @param pageSize place for the page size in bytes, 4096
+ * @return #ZOV_OKAY or #ZOV_ERROR.
+ * Messages: those of zov_syncCreate_check().
+ */
+ZOV_API ZOV_STATUS zov_shmInit(uint32_t *pageSize);
+
+/** Ends them, and releases every file in memory.
+ *  @return #ZOV_OKAY, always. */
+ZOV_API ZOV_STATUS zov_mfTerm(void);
+
+/** Ends it, and with it every segmented file. @return #ZOV_OKAY, always. */
+ZOV_API ZOV_STATUS zov_segTerm(void);
+
+/** Ends the cache and the heap. @return #ZOV_OKAY, always. */
+ZOV_API ZOV_STATUS zov_shmCacheTerm(void);
+
+/** Releases every context with its memory and ends the heap. */
+ZOV_API void zov_shmTerm(void);
+
+/** Releases #deviceSem. */
+ZOV_API void zov_osTerm(void);
+
+/** Forgets every file and ends the module. */
+ZOV_API void zov_iniTerm(void);
+
+/** Releases the memory of every handle; files still open are abandoned, not
+ *  closed. */
+ZOV_API void zov_fileTerm(void);
+
+/** Destroys every sync object and releases the table's memory. */
+ZOV_API void zov_syncShutdown(void);
+
+/**
+ * Releases every block of every tag and every tag, with #zov_terminating set.
+ */
+ZOV_API void zov_memTerm(void);
+
+/** Ends the module; there is nothing left to do by then. */
+ZOV_API void zov_syncTerm(void);
+/** @} */
 
 #ifdef __cplusplus
 }
