@@ -1,26 +1,32 @@
 # SPDX-License-Identifier: Apache-2.0
 # The docs target: the API reference as HTML and as manual pages, in docs/ of
 # the build folder, and as XML for scripts/check_exports. It is there when
-# Doxygen is, and fails on any warning.
+# Doxygen and Python are, and fails on any warning.
 find_package(Doxygen QUIET)
-if(NOT DOXYGEN_FOUND)
+find_package(Python3 QUIET COMPONENTS Interpreter)
+if(NOT DOXYGEN_FOUND OR NOT Python3_FOUND)
   return()
 endif()
 
-file(GLOB ZOV_DOCS_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
+set(ZOV_REFERENCE ${PROJECT_SOURCE_DIR}/docs/reference)
+file(GLOB ZOV_DOCS_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${ZOV_REFERENCE}/*
+  ${PROJECT_SOURCE_DIR}/docs/pictures/*)
 set(ZOV_DOCS_DIR ${PROJECT_BINARY_DIR}/docs)
-configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+configure_file(${ZOV_REFERENCE}/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
 add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZOV_DOCS_DIR}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${ZOV_DOCS_DIR}
   COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
+  COMMAND Python3::Interpreter ${ZOV_REFERENCE}/man_pages.py
+    ${ZOV_DOCS_DIR}/xml ${ZOV_DOCS_DIR}/man/man3 ${PROJECT_VERSION}
+  COMMAND Python3::Interpreter ${ZOV_REFERENCE}/search_index.py
+    ${ZOV_DOCS_DIR}/xml ${ZOV_DOCS_DIR}/html
   COMMAND ${CMAKE_COMMAND} -E copy_directory
     ${PROJECT_SOURCE_DIR}/docs/performance ${ZOV_DOCS_DIR}/html/performance
   DEPENDS
     ${PROJECT_BINARY_DIR}/Doxyfile
     ${PROJECT_SOURCE_DIR}/include/zov.h
     ${ZOV_DOCS_PAGES}
-    ${PROJECT_SOURCE_DIR}/docs/status_list.awk
   COMMENT "Making the API reference"
   VERBATIM)
 add_custom_target(docs DEPENDS ${ZOV_DOCS_DIR}/xml/index.xml)
