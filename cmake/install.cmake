@@ -79,15 +79,12 @@ install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation)
-# The reference is there once the docs target has been built. Doxygen makes manual
-# pages for members of records as well, under names as common as "error".
+# The reference is there once the docs target has been built.
 install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/html
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Documentation OPTIONAL)
 install(DIRECTORY ${PROJECT_BINARY_DIR}/docs/man/
   DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT Documentation OPTIONAL
-  FILES_MATCHING
-    REGEX "/(zov|ZOV)[^/]*\\.3$"
-    REGEX "/(deviceHead|deviceSem|server_name|strlwr|strupr|wcslwr|wcsupr)\\.3$")
+  FILES_MATCHING PATTERN "*.3")
 
 if(NOT PROJECT_IS_TOP_LEVEL)
   return()
