@@ -118,12 +118,51 @@ Chunk *newChunk(const MemoryPool &pool, uint64_t size, const char *sourceName, u
   return chunk;
 }
 
+// Whether a chunk that was put back does for a size.
+bool isEnough(const MemoryPool &pool, const Chunk *chunk, uint64_t size) {
+  return pool.isFixedSize || chunk->capacity >= size;
+}
+
 void fill(void *payload, uint64_t size, int32_t mode, const void *source) {
   if (mode == ZOV_MEM_ZERO) {
     memset(payload, 0, size);
   } else if (mode == ZOV_MEM_COPY && size != 0) {
     memcpy(payload, source, size);
   }
+}
+
+// Every way to a chunk but the shortest.
+[[gnu::noinline]] void *_getMemFromPool(uint64_t size, MemoryPool &pool, int32_t mode,
+                                        const void *source, const char *sourceName, uint32_t line) {
+  Chunk *chunk = popChunk(pool);
+  if (chunk != nullptr && !isEnough(pool, chunk, size)) {
+    zov_freeMem(chunk, pool.tag);
+    chunk = nullptr;
+  }
+  if (chunk == nullptr) {
+    chunk = newChunk(pool, size, sourceName, line);
+    if (chunk == nullptr) {
+      return nullptr;
+    }
+  }
+  chunk->pool = &pool;
+  fill(payloadOf(chunk), size, mode, source);
+  return payloadOf(chunk);
+}
+
+[[gnu::noinline]] void _putInPool(MemoryPool &pool, Chunk *chunk) {
+  if (!pushChunk(pool, chunk)) {
+    zov_freeMem(chunk, pool.tag);
+  }
+}
+
+// Takes a chunk that another pool gave out.
+[[gnu::cold, gnu::noinline]] void putForeign(MemoryPool &pool, Chunk *chunk) {
+  zov_log("Attempting to put a memory chunk into a pool that didn't create it\n");
+  // Else the other tag's release would pull it from under this pool.
+  zov_moveMemTag(chunk, pool.tag, chunk->tag);
+  chunk->tag = pool.tag;
+  _putInPool(pool, chunk);
 }
 
 }  // namespace
@@ -147,22 +186,20 @@ ZOV_POOL zov_allocPool(ZOV_TAG tag, int32_t fixedSize, int32_t threadSafe) {
   return pool;
 }
 
+// A chunk that is there and wants no lock is given out without a call, and so
+// without a frame: that is most of what it costs.
 void *zov_getMemFromPool(uint64_t size, ZOV_POOL pool, int32_t mode, const void *source,
                          const char *sourceName, uint32_t line) {
-  Chunk *chunk = popChunk(*pool);
-  if (chunk != nullptr && !pool->isFixedSize && chunk->capacity < size) {
-    zov_freeMem(chunk, pool->tag);
-    chunk = nullptr;
-  }
-  if (chunk == nullptr) {
-    chunk = newChunk(*pool, size, sourceName, line);
-    if (chunk == nullptr) {
-      return nullptr;
+  if (pool->mutex == ZOV_NO_SYNC && mode == ZOV_MEM_PLAIN) {
+    assumeUnshared(*pool);
+    Chunk *chunk = pool->freeChunks;
+    if (chunk != nullptr && isEnough(*pool, chunk, size)) {
+      _popChunk(*pool);
+      chunk->pool = pool;
+      return payloadOf(chunk);
     }
   }
-  chunk->pool = pool;
-  fill(payloadOf(chunk), size, mode, source);
-  return payloadOf(chunk);
+  return _getMemFromPool(size, *pool, mode, source, sourceName, line);
 }
 
 void zov_putInPool(void *payload, ZOV_POOL pool) {
@@ -170,15 +207,17 @@ void zov_putInPool(void *payload, ZOV_POOL pool) {
     return;
   }
   Chunk *chunk = chunkOf(payload);
-  if (chunk->pool != pool) {
-    zov_log("Attempting to put a memory chunk into a pool that didn't create it\n");
-    // Else the other tag's release would pull it from under this pool.
-    zov_moveMemTag(chunk, pool->tag, chunk->tag);
-    chunk->tag = pool->tag;
+  if (chunk->pool != pool) [[unlikely]] {
+    putForeign(*pool, chunk);
+    return;
   }
-  if (!pushChunk(*pool, chunk)) {
-    zov_freeMem(chunk, pool->tag);
+  if (pool->mutex == ZOV_NO_SYNC) {
+    assumeUnshared(*pool);
+    if (_pushChunk(*pool, chunk)) {
+      return;
+    }
   }
+  _putInPool(*pool, chunk);
 }
 
 void zov_zFreePool(ZOV_POOL *pool) {
