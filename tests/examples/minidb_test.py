@@ -280,17 +280,17 @@ class FileTest(StatementTests, ProgramTest):
                 self.assertEqual(file.read(), image)
 
     def test_settings_and_logs_are_kept_private(self):
-        self.data = "other"
+        self.data = "otherÄ"
         self.run_minidb("put", "a", "1")
         self.assertIn("data=minidb.data", self.read("minidb.ini"))
-        self.run_minidb("set data other; set separator tab; set clients 7")
+        self.run_minidb("set data otherÄ; set separator tab; set clients 7")
         self.assertIn("clients = 7\n", self.run_minidb("settings")[0])
         self.assertEqual(self.run_command([MINIDB, "get", "a"])[0], "a\t1\n")
         os.symlink(self.write("victim", "x"), self.path("log"))
         self.run_minidb("--log", self.path("log"), "compact")
         self.assertRegex(self.read("log"), r"^\[\d\d-\w{3}-\d{4} \d\d:\d\d:\d\d\]  \d+ bytes, ")
         self.assertEqual(self.read("victim"), "x")
-        for name in "other", "minidb.ini", "log":
+        for name in "otherÄ", "minidb.ini", "log":
             self.assertEqual(stat.S_IMODE(os.stat(self.path(name)).st_mode), 0o600, name)
         self.write("minidb.ini", "[database]\ndata = z\n")
         self.assertIn("another line", self.run_minidb("set data zz", status=1)[1])

@@ -60,7 +60,7 @@ bool isSeparator(const char *value) {
 bool check(const Known &known, const char *value) {
   const size_t length = strlen(value);
   const bool fits = length > 0 && length < kSettingBytes && strpbrk(value, ";\r\n") == nullptr &&
-                    value[0] != ' ' && value[length - 1] > ' ';
+                    value[0] != ' ' && static_cast<unsigned char>(value[length - 1]) > ' ';
   if (known.most == kIsPath) {
     return fits ||
            fail("%s cannot be \"%.100s\": it is a path of 1 to %u bytes, without a semicolon",
