@@ -7,16 +7,16 @@
 //   leading spaces | sign | zero fill | integer digits and separators | point |
 //   zeros | fraction digits | exponent | trailing spaces
 //
-// All arithmetic is in extended precision (80 bits). The split gives at most 19
-// digits behind the point and refuses an integer part of 64 bits and more. It
-// rounds half up. The power that a number is divided by for its exponent is made
-// by that many multiplications by ten, or divisions, with the rounding of each:
-// digits beyond the 17th are those of this arithmetic and not of the exact value.
-#include <float.h>
-
+// All arithmetic is in extended precision (zov_vsnprintf_extended.h). The split
+// gives at most 19 digits behind the point and refuses an integer part of 64 bits
+// and more. It rounds half up. The power that a number is divided by for its
+// exponent is made by that many multiplications by ten, or divisions, with the
+// rounding of each: digits beyond the 17th are those of this arithmetic and not of
+// the exact value.
 #include <array>
 #include <bit>
 
+#include "text/zov_vsnprintf_extended.h"
 #include "text/zov_vsnprintf_locale.h"
 #include "text/zov_vsnprintf_private.h"
 
@@ -27,20 +27,10 @@ constexpr int32_t kDefaultPrecision = 6;
 // 10^19 is the largest power of ten below 2^64.
 constexpr int32_t kMaxPrecision = 19;
 
-static_assert(LDBL_MANT_DIG == 64, "long double is the processor's extended precision");
-
-// A finite magnitude as mantissa * 2^-shift, the mantissa's highest bit being
-// set. Zero and values near it have a shift above 128 and any mantissa; a shift
-// below 0 means 2^64 and above.
-struct Magnitude {
-  uint64_t mantissa;
-  int32_t shift;
-};
-
 // 10^exponent, as the walk from 1 makes it.
 struct Decade {
   int32_t exponent;
-  long double power;
+  Extended power;
 };
 
 // Counts are bytes.
@@ -65,11 +55,11 @@ struct FloatLayout {
 // made by the same steps with the same rounding, so a walk from one of them ends
 // where a walk from 1 does.
 template <size_t kCount>
-constexpr std::array<long double, kCount> valuesOfWalk(bool upwards, int32_t stride) {
-  std::array<long double, kCount> values{};
+constexpr std::array<Extended, kCount> valuesOfWalk(bool upwards, int32_t stride) {
+  std::array<Extended, kCount> values{};
   values[0] = 1;
   for (size_t value = 1; value < kCount; ++value) {
-    long double power = values[value - 1];
+    Extended power = values[value - 1];
     for (int32_t step = 0; step < stride; ++step) {
       power = upwards ? power * 10 : power / 10;
     }
@@ -88,22 +78,6 @@ constexpr auto kNearDown = valuesOfWalk<kNearDecades>(false, 1);
 constexpr int32_t kStride = 16;
 constexpr auto kFarUp = valuesOfWalk<4928 / kStride + 1>(true, kStride);
 constexpr auto kFarDown = valuesOfWalk<4928 / kStride + 1>(false, kStride);
-
-Magnitude magnitudeOf(double value) {
-  const uint64_t bits = std::bit_cast<uint64_t>(value);
-  const int32_t exponent = static_cast<int32_t>(bits >> 52 & 0x7FF);
-  return {.mantissa = bits << 11 | uint64_t{1} << 63, .shift = 1023 + 63 - exponent};
-}
-
-Magnitude magnitudeOf(const long double &value) {
-  Magnitude magnitude;
-  uint16_t exponent;
-  memcpy(&magnitude.mantissa, &value, sizeof magnitude.mantissa);
-  memcpy(&exponent, reinterpret_cast<const char *>(&value) + sizeof magnitude.mantissa,
-         sizeof exponent);
-  magnitude.shift = 16383 + 63 - (exponent & 0x7FFF);
-  return magnitude;
-}
 
 void calc_float_sign(const FmtSpec &spec, bool negative, FloatLayout &layout) {
   layout.sign = signOf(spec, negative);
@@ -147,7 +121,7 @@ int32_t decadesIn(int32_t doublings) {
 
 // The last value upwards that is not above the magnitude, which is behind so many
 // others.
-Decade walkUp(long double magnitude, int32_t behind) {
+Decade walkUp(Extended magnitude, int32_t behind) {
   Decade decade;
   if (behind < kNearDecades) {
     decade = {.exponent = behind, .power = kNearUp[static_cast<uint32_t>(behind)]};
@@ -156,7 +130,7 @@ Decade walkUp(long double magnitude, int32_t behind) {
     decade = {.exponent = point * kStride, .power = kFarUp[static_cast<uint32_t>(point)]};
   }
   assert(decade.power <= magnitude);
-  for (long double next = decade.power * 10; magnitude >= next; next *= 10) {
+  for (Extended next = decade.power * 10; magnitude >= next; next *= 10) {
     decade.power = next;
     ++decade.exponent;
   }
@@ -165,7 +139,7 @@ Decade walkUp(long double magnitude, int32_t behind) {
 
 // The first value downwards that is not above the magnitude, which is behind so
 // many others.
-Decade walkDown(long double magnitude, int32_t behind) {
+Decade walkDown(Extended magnitude, int32_t behind) {
   uint32_t step = static_cast<uint32_t>(behind);
   while (step < kNearDown.size() && kNearDown[step] > magnitude) {
     ++step;
@@ -184,7 +158,7 @@ Decade walkDown(long double magnitude, int32_t behind) {
 // Finds the decade of a magnitude of at least 2^binaryExponent by walking from 1 in
 // steps of ten, past the steps that all such magnitudes take. Rounding on the way
 // may put it one off; nothing corrects that.
-Decade get_exponent(long double magnitude, int32_t binaryExponent) {
+Decade get_exponent(Extended magnitude, int32_t binaryExponent) {
   if (magnitude == 0) {
     return {.exponent = 0, .power = 1};
   }
@@ -192,7 +166,7 @@ Decade get_exponent(long double magnitude, int32_t binaryExponent) {
                         : walkDown(magnitude, decadesIn(-1 - binaryExponent));
 }
 
-void initial_e_style_setup(FmtSpec &spec, long double magnitude, FloatLayout &layout) {
+void initial_e_style_setup(FmtSpec &spec, Extended magnitude, FloatLayout &layout) {
   if (spec.has(FMT_GSTYLE)) {
     --spec.precision;
     layout.stripZeros = !spec.has(FMT_ALT);
@@ -202,8 +176,6 @@ void initial_e_style_setup(FmtSpec &spec, long double magnitude, FloatLayout &la
   layout.scaled = magnitudeOf(magnitude / decade.power);
   layout.useExponent = true;
 }
-
-__extension__ typedef unsigned __int128 Uint128;
 
 // Truncates toward zero and leaves the rest of the mantissa behind. False for
 // 2^64 - 1 and above.
@@ -377,7 +349,7 @@ bool format_float(FmtSpec &spec, Float value) {
   }
   layout.magnitude = magnitudeOf(value);
   if (spec.has(FMT_GSTYLE | FMT_ESTYLE)) {
-    initial_e_style_setup(spec, __builtin_fabsl(value), layout);
+    initial_e_style_setup(spec, extendedOf(value), layout);
   }
   return formatFinite(spec, layout);
 }

@@ -10,6 +10,7 @@
 
 #include "support/faults.h"
 #include "support/replace.h"
+#include "text/zov_vsnprintf_extended.h"
 
 namespace {
 char decimalPoint[] = ".";
@@ -156,8 +157,55 @@ TEST_F(Format, Floats) {
   EXPECT_EQ(print("%a|%A|%.1A", 1.5, 1.5, NAN), "1.500000|1.500000|NAN");
   EXPECT_EQ(print("%.1Le|%.1Le", 1e4005L, 1e-1000L), "1.0e+005|1.0e-000");
   // Nothing is left of the power such a number would be divided by.
-  EXPECT_EQ(print("%Le", LDBL_TRUE_MIN), "fails");
+  EXPECT_EQ(print("%Le", 0x1p-16445L), "fails");
 }
+
+#if LDBL_MANT_DIG == 64
+
+using zov::SoftExtended;
+
+struct Both {
+  SoftExtended soft;
+  long double hard;
+};
+
+bool areEqual(const Both &both) {
+  const zov::Magnitude magnitude = both.soft.magnitude();
+  return ldexpl(static_cast<long double>(magnitude.mantissa), -magnitude.shift) == both.hard;
+}
+
+// A number of more bits than either, half of them where the rounding is a close call.
+Both anyNumber(zovtest::Random &random) {
+  __extension__ typedef __float128 Quad;
+  zov::Uint128 bits = zov::Uint128{random()} << 64 | random();
+  bits -= bits >> 112 == 0x7FFF || bits >> 112 == 0xFFFF ? zov::Uint128{1} << 112 : 0;
+  bits = random.below(2) == 0 ? bits : (bits >> 48 << 48) + random.below(3) - 1;
+  const long double hard = fabsl(static_cast<long double>(std::bit_cast<Quad>(bits)));
+  return {SoftExtended::ofBits<113>(bits), fminl(hard, LDBL_MAX)};
+}
+
+TEST_F(Format, SoftArithmeticIsTheProcessors) {
+  std::vector<Both> powers;
+  for (Both up{1, 1}; std::isfinite(up.hard); up = {up.soft * 10, up.hard * 10}) {
+    ASSERT_TRUE(areEqual(powers.emplace_back(up))) << up.hard;
+  }
+  for (Both down{1, 1}; powers.back().hard != 0; down = {down.soft / 10, down.hard / 10}) {
+    ASSERT_TRUE(areEqual(powers.emplace_back(down))) << down.hard;
+  }
+  for (int round = 0; round < 50000 && !HasFailure(); ++round) {
+    const Both left = anyNumber(random);
+    const Both right = random.below(2) == 0 ? anyNumber(random) : powers[random() % powers.size()];
+    EXPECT_TRUE(areEqual(left)) << left.hard;
+    EXPECT_TRUE(areEqual({left.soft / right.soft, left.hard / right.hard}))
+        << left.hard << " / " << right.hard;
+    EXPECT_EQ(left.soft <=> right.soft, left.hard <=> right.hard) << left.hard << ' ' << right.hard;
+    const double narrow = static_cast<double>(left.hard);
+    EXPECT_TRUE(!std::isfinite(narrow) ||
+                areEqual({SoftExtended::ofBits<53>(std::bit_cast<uint64_t>(narrow)), narrow}));
+  }
+}
+
+#endif
 
 TEST_F(Format, SeparatorsComeFromTheLocale) {
   char comma[] = ",";
