@@ -26,6 +26,8 @@ declare -A PACKAGES=(
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen groff-base python3"
+  [aarch64]="g++-aarch64-linux-gnu googletest libc6-dev-arm64-cross qemu-user"
+  [docs]="doxygen"
   [package]="debhelper dpkg-dev doxygen file libedit-dev lintian pkg-config"
   [adoption]="mmdebstrap"
   [ci]="abigail-tools ccache clang-format clang-tidy git pyflakes3 shellcheck"
@@ -109,6 +111,7 @@ purposes_of() {
   case $1 in
     release) echo bench ;;
     clang) echo clang ;;
+    aarch64) echo aarch64 ;;
     fuzz) echo clang ;;
   esac
 }

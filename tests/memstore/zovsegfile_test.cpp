@@ -24,7 +24,7 @@ uint64_t residentBytes() {
   uint64_t total = 0;
   uint64_t resident = 0;
   std::ifstream("/proc/self/statm") >> total >> resident;
-  return resident * kBase;
+  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 class Segments : public zovtest::Started {
