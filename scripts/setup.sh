@@ -27,7 +27,6 @@ declare -A PACKAGES=(
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen groff-base python3"
   [aarch64]="g++-aarch64-linux-gnu googletest libc6-dev-arm64-cross qemu-user"
-  [docs]="doxygen"
   [package]="debhelper dpkg-dev doxygen file libedit-dev lintian pkg-config"
   [adoption]="mmdebstrap"
   [ci]="abigail-tools ccache clang-format clang-tidy git pyflakes3 shellcheck"
