@@ -11,7 +11,7 @@
 #include <iterator>
 #include <string>
 
-#include "store/page.h"
+#include "store/store.h"
 
 namespace {
 
@@ -108,8 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     offset %= static_cast<uint32_t>(bytes.size());
     bytes[offset] = static_cast<char>(bytes[offset] ^ data[at + 4]);
     if ((how & 1) != 0) {
-      auto *page = reinterpret_cast<uint8_t *>(bytes.data());
-      minidb::sealPage(page + offset / minidb::kPageBytes * minidb::kPageBytes);
+      reinterpret_cast<minidb::Page *>(bytes.data())[offset / minidb::kPageBytes].seal();
     }
   }
   bytes.resize((how & 2) != 0 ? bytes.size() - how : bytes.size());

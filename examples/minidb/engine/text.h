@@ -4,7 +4,7 @@
 #ifndef MINIDB_TEXT_H
 #define MINIDB_TEXT_H
 
-#include "store/text.h"
+#include "store/page.h"
 #include "zov.h"
 
 namespace minidb {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Changing the tree of a transaction. A change first makes the pages from the root to
-// the leaf the transaction's own, with new counts, then changes the leaf. A page that
-// is full is parted; one that gets empty leaves the tree.
+// Changing the tree of a transaction. A change goes down to a leaf, makes the pages on the
+// way the transaction's own, with new counts, and changes the leaf. A page that is full is
+// parted; one that gets empty leaves the tree.
 #include "store/internal.h"
 
 namespace minidb {
@@ -18,237 +18,176 @@ struct Cell {
   uint8_t bytes[kMaxCell];
 };
 
-uint32_t levelAt(const Transaction &transaction, uint32_t at) {
-  return transaction.view.depth - 1 - at;
+uint64_t nextCommit(const Transaction &transaction) {
+  return transaction.base.number + 1;
 }
 
-// Pins a page of the transaction's own to change it.
-Frame *pinOwn(Transaction &transaction, const Path &path, uint32_t at) {
-  Frame *frame = pinNode(transaction.view, path.number[at], levelAt(transaction, at));
-  if (frame != nullptr) {
-    frame->dirty.store(true, std::memory_order_relaxed);
-  }
-  return frame;
-}
-
-// Puts a copy of its own in place of a page of the path, if it is not yet one.
-Frame *makeOwn(Transaction &transaction, Path &path, uint32_t at) {
-  if (isOwn(transaction, path.number[at])) {
-    return pinOwn(transaction, path, at);
-  }
-  const uint32_t level = levelAt(transaction, at);
-  Frame *old = pinNode(transaction.view, path.number[at], level);
-  if (old == nullptr) {
-    return nullptr;
-  }
-  const uint64_t number = takeNumber(transaction);
-  Frame *frame = newPage(transaction, kindOf(old->bytes), level, number);
-  if (frame != nullptr) {
-    memcpy(frame->bytes + 24, old->bytes + 24, kPageBytes - 24);
-    put(frame->bytes + 6, static_cast<uint16_t>(countOf(old->bytes)));
-    --transaction.view.live;
-    path.number[at] = number;
-  }
-  unpin(old);
-  return frame;
-}
-
-// Makes the whole path its own, with so many more records in its counts.
-bool makePathOwn(Transaction &transaction, Path &path, int64_t more) {
-  Frame *parent = nullptr;
-  for (uint32_t at = 0; at < transaction.view.depth; ++at) {
-    Frame *frame = makeOwn(transaction, path, at);
-    if (parent != nullptr) {
-      Bytes cell = cellOf(parent->bytes, path.index[at - 1]);
-      put(cell + 8, path.number[at]);
-      put(cell + 16, get<uint64_t>(cell + 16) + static_cast<uint64_t>(more));
-      unpin(parent);
-    } else {
-      transaction.view.root = path.number[at];
+// Makes the pages of the path its own, with so many more records in their counts.
+void makePathOwn(Transaction &transaction, int64_t more) {
+  Step *steps = transaction.path.steps;
+  View &view = transaction.view;
+  for (uint32_t level = view.depth; level-- > 0;) {
+    Step &step = steps[level];
+    if (step.number < transaction.first) {
+      step.number = takeNumber(transaction);
+      step.page.stamp(step.number, nextCommit(transaction));
+      if (level + 1 == view.depth) {
+        view.root = step.number;
+      } else {
+        steps[level + 1].page.setChild(steps[level + 1].index, step.number);
+      }
     }
-    if (frame == nullptr) {
-      return false;
+    step.changed = true;
+    if (level > 0) {
+      const uint64_t records = step.page.records(step.index) + static_cast<uint64_t>(more);
+      step.page.setRecords(step.index, records);
     }
-    parent = frame;
   }
-  if (parent != nullptr) {
-    unpin(parent);
-  }
-  return true;
 }
 
-void makeInnerCell(Cell &cell, Text key, uint64_t child, uint64_t records) {
+// The cell that leads to a page.
+void makeInnerCell(Cell &cell, Text key, const Page &child) {
   cell.length = kInnerCell + key.length;
   memset(cell.bytes, 0, kInnerCell);
   put(cell.bytes, static_cast<uint16_t>(key.length));
-  put(cell.bytes + 8, child);
-  put(cell.bytes + 16, records);
+  put(cell.bytes + 8, child.number());
+  put(cell.bytes + 16, child.sumRecords());
   memcpy(cell.bytes + kInnerCell, key.bytes, key.length);
 }
 
-// Parts a full page, which is unpinned: half of the bytes go to a new page to its right,
-// or only the new cell where keys are appended. The cell becomes that of the new page,
-// and `leftRecords` what the old one is left with.
-bool split(Transaction &transaction, const Path &path, uint32_t at, Frame *frame, Cell &cell,
-           uint64_t &leftRecords) {
-  uint8_t old[kPageBytes];
-  memcpy(old, frame->bytes, sizeof old);
-  const uint64_t number = takeNumber(transaction);
-  Frame *right = newPage(transaction, kindOf(old), levelOf(old), number);
-  if (right == nullptr) {
-    unpin(frame);
-    return false;
+// Whether the path is behind all cells of a level.
+bool isAtEnd(const Transaction &transaction, uint32_t level) {
+  const Step *steps = transaction.path.steps;
+  bool atEnd = steps[level].index == steps[level].page.count();
+  while (++level < transaction.view.depth) {
+    atEnd = atEnd && steps[level].index + 1 == steps[level].page.count();
   }
-  const uint32_t index = path.index[at];
-  const uint32_t count = countOf(old);
-  const bool appends = path.rightmost && index == count;
-  const uint32_t half = (kPageBytes - lowestOf(old) + cell.length) / 2;
-  initPage(frame->bytes, kindOf(old), levelOf(old), numberOf(old), commitOf(old));
+  return atEnd;
+}
+
+// Parts a full page of the path: half of the bytes go to a new page to its right, or only
+// the new cell where keys are appended. The cell becomes that of the new page.
+bool split(Transaction &transaction, uint32_t level, Cell &cell) {
+  const bool appends = isAtEnd(transaction, level);
+  Page &left = transaction.path.steps[level].page;
+  const uint32_t index = transaction.path.steps[level].index;
+  const Page old = left;
+  Page right;
+  left.init(old.kind(), level, old.number(), old.commit());
+  right.init(old.kind(), level, takeNumber(transaction), old.commit());
+  const uint32_t half = (kPageBytes - old.lowest() + cell.length) / 2;
   uint32_t sum = 0;
-  for (uint32_t next = 0; next <= count; ++next) {
+  for (uint32_t next = 0; next <= old.count(); ++next) {
     const uint32_t from = next - (next > index ? 1 : 0);
-    const uint32_t length = next == index ? cell.length : cellBytes(old, from);
-    Bytes to = (appends ? next < count : sum < half) ? frame->bytes : right->bytes;
-    insertCell(to, countOf(to), next == index ? cell.bytes : cellOf(old, from), length);
+    const uint32_t length = next == index ? cell.length : old.cellBytes(from);
+    Page &to = (appends ? next < index : sum < half) ? left : right;
+    to.insert(to.count(), next == index ? cell.bytes : old.cell(from), length);
     sum += length;
   }
-  leftRecords = sumRecords(frame->bytes);
-  makeInnerCell(cell, cellKey(right->bytes, 0), number, sumRecords(right->bytes));
-  unpin(frame);
-  unpin(right);
-  return true;
+  ++transaction.view.live;
+  makeInnerCell(cell, right.key(0), right);
+  return storePage(transaction, right);
 }
 
 // Puts a new root above the old one and the page that was parted from it.
-bool growRoot(Transaction &transaction, const Cell &cell, uint64_t leftRecords) {
+bool growRoot(Transaction &transaction, const Cell &cell) {
   View &view = transaction.view;
+  Step *steps = transaction.path.steps;
   if (view.depth == kMaxDepth) {
     return fail("the tree is too deep");
   }
-  const uint64_t number = takeNumber(transaction);
-  Frame *frame =
-      newPage(transaction, view.depth == 0 ? Kind::kLeaf : Kind::kInner, view.depth, number);
-  if (frame == nullptr) {
-    return false;
-  }
+  Step &root = steps[view.depth];
+  root.number = takeNumber(transaction);
+  root.changed = true;
+  root.page.init(view.depth == 0 ? Kind::kLeaf : Kind::kInner, view.depth, root.number,
+                 nextCommit(transaction));
   if (view.depth > 0) {
     Cell first;
-    makeInnerCell(first, {"", 0}, view.root, leftRecords);
-    insertCell(frame->bytes, 0, first.bytes, first.length);
+    makeInnerCell(first, {"", 0}, steps[view.depth - 1].page);
+    root.page.insert(0, first.bytes, first.length);
   }
-  insertCell(frame->bytes, countOf(frame->bytes), cell.bytes, cell.length);
-  view.root = number;
+  root.page.insert(root.page.count(), cell.bytes, cell.length);
+  view.root = root.number;
   ++view.depth;
-  unpin(frame);
+  ++view.live;
   return true;
 }
 
-// Inserts a cell into the leaf of a path that is the transaction's own, parting pages
-// up to the root as long as they are full.
-bool insert(Transaction &transaction, Path &path, Cell &cell) {
-  uint64_t leftRecords = 0;
-  for (uint32_t at = transaction.view.depth; at-- > 0;) {
-    Frame *frame = pinOwn(transaction, path, at);
-    if (frame == nullptr) {
-      return false;
-    }
-    if (levelAt(transaction, at) > 0) {
-      put(cellOf(frame->bytes, path.index[at]++) + 16, leftRecords);
-    }
-    if (hasRoom(frame->bytes, cell.length)) {
-      insertCell(frame->bytes, path.index[at], cell.bytes, cell.length);
-      unpin(frame);
+// Inserts a cell where the path, which is its own, leads to; parts pages up to the root
+// as long as they are full.
+bool insert(Transaction &transaction, Cell &cell) {
+  Step *steps = transaction.path.steps;
+  for (uint32_t level = 0; level < transaction.view.depth; ++level) {
+    Step &step = steps[level];
+    if (step.page.hasRoom(cell.length)) {
+      step.page.insert(step.index, cell.bytes, cell.length);
       return true;
     }
-    if (!split(transaction, path, at, frame, cell, leftRecords)) {
+    if (!split(transaction, level, cell)) {
       return false;
     }
+    if (level + 1 < transaction.view.depth) {
+      Step &above = steps[level + 1];
+      above.page.setRecords(above.index++, step.page.sumRecords());
+    }
   }
-  return growRoot(transaction, cell, leftRecords);
+  return growRoot(transaction, cell);
 }
 
-// Takes the cell of a path's leaf away, and the pages that get empty by that. A root
-// with a single child makes way for it.
-bool removeAt(Transaction &transaction, const Path &path) {
+// Takes a page of the path out of the tree.
+void dropStep(Transaction &transaction, uint32_t level) {
+  transaction.path.steps[level].number = 0;
+  transaction.path.steps[level].changed = false;
+  --transaction.view.live;
+}
+
+// Takes the pages away that got empty. A root with a single child makes way for it.
+bool prune(Transaction &transaction) {
   View &view = transaction.view;
-  bool empty = true;
-  for (uint32_t at = view.depth; empty && at-- > 0;) {
-    Frame *frame = pinOwn(transaction, path, at);
-    if (frame == nullptr) {
+  Step *steps = transaction.path.steps;
+  for (uint32_t level = 0; steps[level].page.count() == 0;) {
+    dropStep(transaction, level);
+    if (++level == view.depth) {
+      view.root = 0;
+      view.depth = 0;
+      return true;
+    }
+    steps[level].page.remove(steps[level].index);
+  }
+  while (view.depth > 1 && steps[view.depth - 1].page.count() == 1) {
+    view.root = steps[view.depth - 1].page.child(0);
+    dropStep(transaction, --view.depth);
+    if (!enterPage(view, transaction.path, view.depth - 1, view.root)) {
       return false;
     }
-    removeCell(frame->bytes, path.index[at]);
-    empty = countOf(frame->bytes) == 0;
-    view.live -= empty ? 1 : 0;
-    unpin(frame);
-  }
-  if (empty) {
-    view.root = 0;
-    view.depth = 0;
-  }
-  while (view.depth > 1) {
-    Frame *frame = pinNode(view, view.root, view.depth - 1);
-    if (frame == nullptr) {
-      return false;
-    }
-    const bool single = countOf(frame->bytes) == 1;
-    const uint64_t child = childOf(frame->bytes, 0);
-    unpin(frame);
-    if (!single) {
-      break;
-    }
-    view.root = child;
-    --view.depth;
-    --view.live;
   }
   return true;
-}
-
-// Puts a cell in place of the one at a path's leaf.
-bool replaceAt(Transaction &transaction, Path &path, Cell &cell) {
-  const uint32_t at = transaction.view.depth - 1;
-  Frame *frame = pinOwn(transaction, path, at);
-  if (frame == nullptr) {
-    return false;
-  }
-  if (cellBytes(frame->bytes, path.index[at]) == cell.length) {
-    memcpy(cellOf(frame->bytes, path.index[at]), cell.bytes, cell.length);
-    unpin(frame);
-    return true;
-  }
-  removeCell(frame->bytes, path.index[at]);
-  unpin(frame);
-  return insert(transaction, path, cell);
 }
 
 // Changes the record of a key: a null cell removes it. The value that it had goes out
-// of use. Sets `found` when there was one.
-bool change(Transaction &transaction, Text key, Cell *cell, bool &found) {
+// of use. Tells of one that was there by the path.
+bool change(Transaction &transaction, Text key, Cell *cell) {
   View &view = transaction.view;
-  Path path;
-  path.found = false;
-  path.rightmost = true;
-  Frame *leaf = view.depth == 0 ? nullptr : descend(view, key, path, false);
-  if (leaf != nullptr) {
-    if (path.found) {
-      view.live -= chainPages(cellOf(leaf->bytes, path.index[view.depth - 1]));
-    }
-    unpin(leaf);
-  }
-  found = path.found;
-  if ((leaf == nullptr && view.depth > 0) || (cell == nullptr && !found)) {
-    return leaf != nullptr || view.depth == 0;
-  }
-  const int64_t more = cell == nullptr ? -1 : found ? 0 : 1;
-  if (!logKey(transaction, key) || !makePathOwn(transaction, path, more)) {
+  Path &path = transaction.path;
+  if (!descend(view, key, path)) {
     return false;
   }
+  if (cell == nullptr && !path.found) {
+    return true;
+  }
+  if (!logKey(transaction, key)) {
+    return false;
+  }
+  const int64_t more = cell == nullptr ? -1 : path.found ? 0 : 1;
+  makePathOwn(transaction, more);
   ++view.changes;
   view.records += static_cast<uint64_t>(more);
-  if (cell == nullptr) {
-    return removeAt(transaction, path);
+  if (path.found) {
+    Step &leaf = path.steps[0];
+    view.live -= leaf.page.chainPages(leaf.index);
+    leaf.page.remove(leaf.index);
   }
-  return found ? replaceAt(transaction, path, *cell) : insert(transaction, path, *cell);
+  return cell == nullptr ? prune(transaction) : insert(transaction, *cell);
 }
 
 Status checkChange(const Transaction &transaction, Text key) {
@@ -261,96 +200,74 @@ Status checkChange(const Transaction &transaction, Text key) {
   return Status::kOkay;
 }
 
-// Writes what has come so far to a page of the value's chain.
-bool writePiece(Writer &writer, uint32_t length, bool last) {
-  Transaction &transaction = *writer.transaction;
-  if (writer.first == 0) {
-    writer.first = writer.current = takeNumber(transaction);
-  }
-  const uint64_t number = writer.current;
-  Frame *frame = newPage(transaction, Kind::kChain, 0, number);
-  if (frame == nullptr) {
-    return false;
-  }
-  writer.current = last ? 0 : takeNumber(transaction);
-  put(frame->bytes + 24, length);
-  put(frame->bytes + kHeaderBytes, writer.current);
-  memcpy(frame->bytes + kChainStart, writer.piece, length);
-  // A page that has its place is not looked for again when the transaction ends.
-  const bool written = (number & kScratchBit) != 0 || writePage(transaction.store->cache, *frame);
-  unpin(frame);
-  return written;
-}
-
-uint32_t lengthInPiece(const Writer &writer) {
-  const uint32_t rest = writer.length % kChainBytes;
-  return rest == 0 && writer.length > 0 ? kChainBytes : rest;
-}
-
-}  // namespace
-
-void startValue(Writer &writer, Transaction &transaction) {
-  writer.transaction = &transaction;
-  writer.first = writer.current = 0;
-  writer.length = 0;
-}
-
-Status appendValue(Writer &writer, Text piece) {
-  if (writer.transaction->failed) {
-    return checkChange(*writer.transaction, {});
-  }
-  if (piece.length > kMaxValueBytes - writer.length) {
-    return failed(Status::kRefused, "a value has at most %u bytes", kMaxValueBytes);
-  }
-  while (piece.length > 0) {
-    uint32_t used = lengthInPiece(writer);
-    if (used == kChainBytes) {
-      if (!writePiece(writer, used, false)) {
-        writer.transaction->failed = true;
-        return Status::kFailed;
-      }
-      used = 0;
+// Writes a value to pages of its own; `take` gives a piece for each, all but the last full.
+template <typename Take>
+Status writeChain(Transaction &transaction, uint32_t length, uint64_t number, Take take) {
+  while (length > 0) {
+    Page page;
+    Text piece = {};
+    const Status status = take(piece);
+    if (status != Status::kOkay) {
+      return status;
     }
-    const uint32_t room = kChainBytes - used;
-    const uint32_t count = piece.length < room ? piece.length : room;
-    memcpy(writer.piece + used, piece.bytes, count);
-    writer.length += count;
-    piece = {piece.bytes + count, piece.length - count};
+    length -= piece.length;
+    const uint64_t next = length == 0 ? 0 : takeNumber(transaction);
+    page.init(Kind::kChain, 0, number, nextCommit(transaction));
+    put(page.bytes + 24, piece.length);
+    put(page.bytes + kHeaderBytes, next);
+    memcpy(page.bytes + kChainStart, piece.bytes, piece.length);
+    if (!storePage(transaction, page)) {
+      return Status::kFailed;
+    }
+    number = next;
+    ++transaction.view.live;
   }
   return Status::kOkay;
 }
 
-Status putValue(Writer &writer, Text key) {
-  Transaction &transaction = *writer.transaction;
-  const Status status = checkChange(transaction, key);
+// Puts a record whose value comes in pieces.
+template <typename Take>
+Status putPieces(Transaction &transaction, Text key, uint32_t length, Take take) {
+  Status status = checkChange(transaction, key);
   if (status != Status::kOkay) {
     return status;
   }
-  const bool chained = isChained(key.length, writer.length);
-  if (chained && !writePiece(writer, lengthInPiece(writer), true)) {
-    transaction.failed = true;
-    return Status::kFailed;
-  }
-  Cell cell = {kLeafCell + key.length + (chained ? 8 : writer.length), {}};
-  put(cell.bytes, static_cast<uint16_t>(key.length));
-  put(cell.bytes + 4, writer.length);
+  Cell cell;
+  uint8_t *value = cell.bytes + kLeafCell + key.length;
+  put(cell.bytes, uint32_t{key.length});
+  put(cell.bytes + 4, length);
   memcpy(cell.bytes + kLeafCell, key.bytes, key.length);
-  if (chained) {
-    put(valueOf(cell.bytes), writer.first);
+  if (isChained(key.length, length)) {
+    const uint64_t first = takeNumber(transaction);
+    put(value, first);
+    cell.length = kLeafCell + key.length + 8;
+    status = writeChain(transaction, length, first, take);
   } else {
-    memcpy(valueOf(cell.bytes), writer.piece, writer.length);
+    Text piece = {};
+    status = take(piece);
+    cell.length = kLeafCell + key.length + piece.length;
+    memcpy(value, piece.bytes, piece.length);
   }
-  transaction.view.live += chainPages(cell.bytes);
-  bool found = false;
-  transaction.failed = !change(transaction, key, &cell, found);
+  transaction.failed = status != Status::kOkay || !change(transaction, key, &cell);
   return transaction.failed ? Status::kFailed : Status::kOkay;
 }
 
+}  // namespace
+
 Status putRecord(Transaction &transaction, Text key, Text value) {
-  Writer writer;
-  startValue(writer, transaction);
-  const Status status = appendValue(writer, value);
-  return status == Status::kOkay ? putValue(writer, key) : status;
+  if (value.length > kMaxValueBytes) {
+    return failed(Status::kRefused, "a value has at most %u bytes", kMaxValueBytes);
+  }
+  return putPieces(transaction, key, value.length, [&value](Text &piece) {
+    piece = {value.bytes, std::min(value.length, kChainBytes)};
+    value = {value.bytes + piece.length, value.length - piece.length};
+    return Status::kOkay;
+  });
+}
+
+Status copyRecord(Transaction &transaction, Cursor &cursor) {
+  return putPieces(transaction, keyOf(cursor), valueLength(cursor),
+                   [&cursor](Text &piece) { return readValue(cursor, piece); });
 }
 
 Status removeRecord(Transaction &transaction, Text key) {
@@ -358,9 +275,10 @@ Status removeRecord(Transaction &transaction, Text key) {
   if (status != Status::kOkay) {
     return status;
   }
-  bool found = false;
-  transaction.failed = !change(transaction, key, nullptr, found);
-  return transaction.failed ? Status::kFailed : found ? Status::kOkay : Status::kMissing;
+  transaction.failed = !change(transaction, key, nullptr);
+  return transaction.failed       ? Status::kFailed
+         : transaction.path.found ? Status::kOkay
+                                  : Status::kMissing;
 }
 
 }  // namespace minidb

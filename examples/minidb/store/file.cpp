@@ -55,62 +55,62 @@ Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
 // kConflict when the name has got another file meanwhile. The name is kept without
 // links, and as one that does not depend on the current directory.
 Status openOnce(Store &store, const char *path, int32_t flags, PageFile &file) {
-  char resolved[PATH_MAX] = "memory";
-  if (onDisk(store.typeFlags)) {
-    const Status status = openDescriptor(path, flags, file);
-    if (status != Status::kOkay) {
-      return status;
-    }
-    if (realpath(path, resolved) == nullptr) {
-      return errno == ENOENT ? Status::kConflict : openFailed(path);
-    }
+  if (!onDisk(store.typeFlags)) {
+    zov_strncpyZ(file.path, "memory", sizeof file.path);
+    file.handle = openMemory();
+    return file.handle != nullptr ? Status::kOkay : openFailed(path);
   }
-  file.path = static_cast<char *>(zov_getMem(0, store.tag, ZOV_MEM_STRDUP, resolved, ZOV_HERE));
-  if (file.path != nullptr) {
-    const auto access = static_cast<uint32_t>(flags & O_ACCMODE);
-    file.handle =
-        onDisk(store.typeFlags) ? zov_fileOpen(file.path, access, store.typeFlags) : openMemory();
+  const Status status = openDescriptor(path, flags, file);
+  if (status != Status::kOkay) {
+    return status;
   }
+  if (realpath(path, file.path) == nullptr) {
+    return errno == ENOENT ? Status::kConflict : openFailed(path);
+  }
+  file.handle = zov_fileOpen(file.path, static_cast<uint32_t>(flags & O_ACCMODE), 0);
   if (file.handle == nullptr) {
     return openFailed(path);
   }
-  return !onDisk(store.typeFlags) || leadsTo(resolved, file) ? Status::kOkay : Status::kConflict;
+  return leadsTo(file.path, file) ? Status::kOkay : Status::kConflict;
 }
 
-bool isMeta(ConstBytes page, uint64_t number) {
-  return isWhole(page, number) && kindOf(page) == Kind::kMeta &&
-         memcmp(page + 32, kMagic, sizeof kMagic) == 0;
+bool hasMagic(const Page &page) {
+  return memcmp(page.bytes + 32, kMagic, sizeof kMagic) == 0;
+}
+
+bool isMeta(const Page &page, uint64_t number) {
+  return page.isWhole(number) && page.kind() == Kind::kMeta && hasMagic(page);
 }
 
 // What a file is that has no meta.
-Status notOurs(const PageFile &file, ConstBytes pages) {
+Status notOurs(const PageFile &file, const Page *metas) {
   const char *what = "is not a minidb data file";
-  if (memcmp(pages, kOldMagic, sizeof kOldMagic - 1) == 0) {
+  if (memcmp(metas, kOldMagic, sizeof kOldMagic - 1) == 0) {
     what = "was made by an older minidb";
-  } else if (memcmp(pages + 32, kMagic, sizeof kMagic) == 0 ||
-             memcmp(pages + kPageBytes + 32, kMagic, sizeof kMagic) == 0) {
+  } else if (hasMagic(metas[0]) || hasMagic(metas[1])) {
     what = "is damaged: neither meta page is whole";
   }
   return failed(Status::kRefused, "\"%s\" %s; it was left as it is", file.path, what);
 }
 
-Status takeMeta(PageFile &file, ConstBytes page, View &view) {
-  if (get<uint32_t>(page + 48) != kVersion || get<uint32_t>(page + 52) != kPageBytes) {
+Status takeMeta(PageFile &file, const Page &page, View &view) {
+  const uint8_t *at = page.bytes;
+  if (get<uint32_t>(at + 48) != kVersion || get<uint32_t>(at + 52) != kPageBytes) {
     return failed(Status::kRefused, "\"%s\" has format %u; this minidb reads %u", file.path,
-                  get<uint32_t>(page + 48), kVersion);
+                  get<uint32_t>(at + 48), kVersion);
   }
   view.file = &file;
-  view.number = commitOf(page);
-  view.root = get<uint64_t>(page + 56);
-  view.end = get<uint64_t>(page + 64);
-  view.records = get<uint64_t>(page + 72);
-  view.live = get<uint64_t>(page + 80);
-  view.depth = get<uint32_t>(page + 88);
-  if (view.depth > kMaxDepth || (view.depth == 0) != (view.root == 0) || view.end < kFirstPage ||
-      view.end > kMaxPages || view.root >= view.end) {
-    return failed(Status::kFailed, "\"%s\" is damaged: its meta page makes no sense", file.path);
-  }
-  return Status::kOkay;
+  view.number = page.commit();
+  view.root = get<uint64_t>(at + 56);
+  view.end = get<uint64_t>(at + 64);
+  view.records = get<uint64_t>(at + 72);
+  view.live = get<uint64_t>(at + 80);
+  view.depth = get<uint32_t>(at + 88);
+  const bool right = view.depth <= kMaxDepth && (view.depth == 0) == (view.root == 0) &&
+                     view.end >= kFirstPage && view.root < view.end;
+  return right ? Status::kOkay
+               : failed(Status::kFailed, "\"%s\" is damaged: its meta page makes no sense",
+                        file.path);
 }
 
 template <typename Transfer, typename Byte>
@@ -140,6 +140,60 @@ const char *splitPath(const char *path, char (&directory)[PATH_MAX]) {
   const int length = slash == nullptr ? 1 : static_cast<int>(slash - path) + 1;
   zov_snprintf(directory, sizeof directory, "%.*s", length, slash == nullptr ? "." : path);
   return slash == nullptr ? path : slash + 1;
+}
+
+// --- The page cache ------------------------------------------------------
+
+constexpr uint64_t kMaxPages = uint64_t{1} << 50;
+
+// The frame of a page, or the one of its set that it may have: a null one, or that of
+// the page used the longest ago. cache.lock.
+Frame **findFrame(const Cache &cache, uint64_t file, uint64_t number) {
+  Frame **set = cache.frames + (file + number) % cache.sets * kWays;
+  Frame **oldest = set;
+  for (Frame **way = set; way < set + kWays; ++way) {
+    if (*way == nullptr || ((*way)->number == number && (*way)->file == file)) {
+      return way;
+    }
+    oldest = (*way)->used < (*oldest)->used ? way : oldest;
+  }
+  return oldest;
+}
+
+bool findPage(Cache &cache, uint64_t file, uint64_t number, Page &page) {
+  zov_syncEnterExcl(cache.lock);
+  Frame *frame = *findFrame(cache, file, number);
+  const bool found = frame != nullptr && frame->number == number && frame->file == file;
+  if (found) {
+    page = frame->page;
+    frame->used = ++cache.clock;
+    ++cache.hits;
+  }
+  zov_syncExitExcl(cache.lock);
+  return found;
+}
+
+// Does nothing when memory is missing.
+void keepPage(Cache &cache, uint64_t file, const Page &page) {
+  zov_syncEnterExcl(cache.lock);
+  Frame **frame = findFrame(cache, file, page.number());
+  if (*frame == nullptr) {
+    void *chunk = zov_getMemFromPool(sizeof(Frame), cache.pool, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
+    *frame = static_cast<Frame *>(chunk);
+    cache.count += chunk != nullptr ? 1 : 0;
+  }
+  if (*frame != nullptr) {
+    (*frame)->file = file;
+    (*frame)->number = page.number();
+    (*frame)->used = ++cache.clock;
+    (*frame)->page = page;
+  }
+  zov_syncExitExcl(cache.lock);
+}
+
+bool transferFailed(const char *what, const PageFile &file, uint64_t number) {
+  return fail("cannot %s page %llu of \"%s\"", what, static_cast<unsigned long long>(number),
+              file.path);
 }
 
 }  // namespace
@@ -178,7 +232,9 @@ Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **ou
       return failed(Status::kFailed, "there is not enough memory to open \"%s\"", path);
     }
     file->descriptor = ZOV_NO_DESCRIPTOR;
-    file->users.store(1);
+    file->id = ++store.files;
+    file->kept = file->end = kFirstPage;
+    file->users = 1;
     status = openOnce(store, path, flags, *file);
     if (status == Status::kOkay) {
       *out = file;
@@ -190,65 +246,58 @@ Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **ou
 }
 
 void closePageFile(Store &store, PageFile *file) {
-  if (file->users.fetch_sub(1) > 1) {
+  if (--file->users > 0) {
     return;
   }
-  forgetFile(store.cache, *file);
   closeFile(file->handle);
   if (file->descriptor != ZOV_NO_DESCRIPTOR) {
     zov_flClose(file->descriptor);
   }
-  zov_freeMem(file->path, store.tag);
   zov_freeMem(file, store.tag);
 }
 
 // Only a read that gives nothing at all makes a file empty. Another process may write
 // one meta after the other while both are read; so they are read again.
 Status readMetas(Store &store, PageFile &file, View &view) {
-  uint8_t pages[2 * kPageBytes];
-  for (int attempt = 0;; ++attempt) {
-    if (zov_fileSeekRead(file.handle, 0, pages, 1) == 0) {
+  Page metas[2];
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    if (zov_fileSeekRead(file.handle, 0, metas, 1) == 0) {
       return failed(Status::kMissing, "\"%s\" is empty", file.path);
     }
-    memset(pages, 0, sizeof pages);
-    store.cache.reads.fetch_add(2, std::memory_order_relaxed);
-    if (!readAll(file.handle, 0, pages, sizeof pages)) {
-      return zov_fileLength(file.handle) < int64_t{sizeof pages}
-                 ? notOurs(file, pages)
+    memset(metas, 0, sizeof metas);
+    store.cache.reads += 2;
+    if (!readAll(file.handle, 0, metas, sizeof metas)) {
+      return zov_fileLength(file.handle) < int64_t{sizeof metas}
+                 ? notOurs(file, metas)
                  : failed(Status::kFailed, "cannot read the meta pages of \"%s\"", file.path);
     }
-    const bool first = isMeta(pages, 0);
-    const bool second = isMeta(pages + kPageBytes, 1);
+    const bool first = isMeta(metas[0], 0);
+    const bool second = isMeta(metas[1], 1);
     if (first || second) {
-      const bool later = second && (!first || commitOf(pages + kPageBytes) > commitOf(pages));
-      return takeMeta(file, pages + (later ? kPageBytes : 0), view);
-    }
-    if (attempt == 3) {
-      return notOurs(file, pages);
+      const bool later = second && (!first || metas[1].commit() > metas[0].commit());
+      return takeMeta(file, metas[later ? 1 : 0], view);
     }
   }
+  return notOurs(file, metas);
 }
 
 bool writeMeta(Store &store, const View &view) {
-  uint8_t page[kPageBytes];
+  Page page;
   const uint64_t slot = view.number % 2;
-  initPage(page, Kind::kMeta, 0, slot, view.number);
-  memcpy(page + 32, kMagic, sizeof kMagic);
-  put(page + 48, kVersion);
-  put(page + 52, kPageBytes);
-  put(page + 56, view.root);
-  put(page + 64, view.end);
-  put(page + 72, view.records);
-  put(page + 80, view.live);
-  put(page + 88, view.depth);
-  sealPage(page);
-  store.cache.writes.fetch_add(1, std::memory_order_relaxed);
-  return writeAll(view.file->handle, static_cast<int64_t>(slot * kPageBytes), page, sizeof page) ||
-         fail("cannot write a meta page of \"%s\"", view.file->path);
+  page.init(Kind::kMeta, 0, slot, view.number);
+  memcpy(page.bytes + 32, kMagic, sizeof kMagic);
+  put(page.bytes + 48, kVersion);
+  put(page.bytes + 52, kPageBytes);
+  put(page.bytes + 56, view.root);
+  put(page.bytes + 64, view.end);
+  put(page.bytes + 72, view.records);
+  put(page.bytes + 80, view.live);
+  put(page.bytes + 88, view.depth);
+  return writePage(store.cache, *view.file, page);
 }
 
 bool syncFile(Store &store, const PageFile &file) {
-  store.syncs.fetch_add(1, std::memory_order_relaxed);
+  ++store.syncs;
   return zov_fileSync(file.handle) == ZOV_OKAY || fail("cannot sync \"%s\"", file.path);
 }
 
@@ -277,8 +326,49 @@ bool syncDirectory(const char *path) {
   return synced || fail("cannot sync the directory of \"%s\"", path);
 }
 
-char *replacementPath(Store &store, const char *path) {
-  return zov_makeStrVA(ZOV_HERE, store.tag, "%s.new", path);
+bool openCache(Cache &cache, ZOV_TAG tag, uint64_t bytes) {
+  cache.sets = static_cast<uint32_t>(bytes / sizeof(Frame) / kWays);
+  cache.lock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  cache.pool = zov_allocPool(tag, 1, 0);
+  cache.frames = static_cast<Frame **>(
+      zov_getMem(cache.sets * kWays * sizeof(Frame *), tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
+  return (cache.lock != ZOV_NO_SYNC && cache.pool != nullptr && cache.frames != nullptr) ||
+         fail("there is not enough memory for the page cache");
+}
+
+void closeCache(Cache &cache) {
+  zov_syncDelete(cache.lock);
+  zov_zFreePool(&cache.pool);
+}
+
+bool readPage(Cache &cache, const PageFile &file, uint64_t number, Page &page, bool cached) {
+  if (cached && findPage(cache, file.id, number, page)) {
+    return true;
+  }
+  ++cache.reads;
+  if (number >= kMaxPages ||
+      !readAll(file.handle, static_cast<int64_t>(number) * kPageBytes, page.bytes, kPageBytes)) {
+    return transferFailed("read", file, number);
+  }
+  if (!page.isWhole(number)) {
+    return fail("page %llu of \"%s\" is damaged", static_cast<unsigned long long>(number),
+                file.path);
+  }
+  if (cached) {
+    keepPage(cache, file.id, page);
+  }
+  return true;
+}
+
+bool writePage(Cache &cache, const PageFile &file, Page &page) {
+  ++cache.writes;
+  page.seal();
+  if (!writeAll(file.handle, static_cast<int64_t>(page.number()) * kPageBytes, page.bytes,
+                kPageBytes)) {
+    return transferFailed("write", file, page.number());
+  }
+  keepPage(cache, file.id, page);
+  return true;
 }
 
 }  // namespace minidb

@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the sources of the store share: files of pages, the store and its transactions.
+// What the sources of the store share: files of pages and their cache, the store, its
+// transactions and the tree.
 //
-// Locks, in the order in which they are taken: a store's writeLock, its stateLock, a
-// shard's lock of the cache. Nothing is taken beside its queueLock.
+// Locks, in the order in which they are taken: a store's writeLock, its stateLock, the
+// lock of its cache. The writeLock may be taken again by who has it.
 #ifndef MINIDB_STORE_INTERNAL_H
 #define MINIDB_STORE_INTERNAL_H
 
-#include "store/cache.h"
+#include <limits.h>
+
+#include <atomic>
+
+#include "store/store.h"
 
 // For what takes or leaves a lock only in one mode.
 #if defined(__clang__)
@@ -19,18 +24,21 @@
 namespace minidb {
 
 constexpr uint32_t kProblemBytes = 256;
+constexpr uint64_t kFirstPage = 2;  // behind the metas
 
 // --- Files of pages ------------------------------------------------------
 
-// The data file, or one in memory for a transaction's pages.
 struct PageFile {
   ZOV_FILE handle;
   uint64_t descriptor;  // carries the lock of a file on disk and keeps its inode
   uint64_t device;
   uint64_t inode;
-  char *path;
-  uint64_t end;                 // first page that nobody took; stateLock
-  std::atomic<uint32_t> users;  // the store and the views
+  uint64_t id;                   // of its pages in the cache
+  uint64_t kept;                 // pages that the latest commit counts; writeLock
+  uint64_t end;                  // first page behind them and all claims; writeLock
+  std::atomic<uint32_t> claims;  // transactions that have places behind `kept`
+  std::atomic<uint32_t> users;   // the store, views and transactions
+  char path[PATH_MAX + 8];       // with room for an ending
 };
 
 bool readAll(ZOV_FILE file, int64_t offset, void *bytes, uint32_t length);
@@ -53,8 +61,38 @@ bool syncFile(Store &store, const PageFile &file);
 // Whether a path leads to a file.
 bool leadsTo(const char *path, const PageFile &file);
 
-// The name of the file that replaces the one of a path, in memory of the store.
-char *replacementPath(Store &store, const char *path);
+// --- The page cache ------------------------------------------------------
+
+// A page of some file that was read or written.
+struct Frame {
+  uint64_t file;
+  uint64_t number;
+  uint64_t used;  // by the cache's clock
+  Page page;
+};
+
+constexpr uint32_t kWays = 8;  // frames of a set
+
+// Frames from one pool, in sets of a fixed size: a page has a place in one of them. Pages
+// are copied in and out under the lock, but read and written without it: a committed page
+// does not change, and any other is its transaction's alone.
+struct Cache {
+  ZOV_SYNC lock;  // guards the frames
+  ZOV_POOL pool;
+  Frame **frames;  // null where none was needed yet
+  uint32_t sets;
+  uint64_t clock;
+  std::atomic<uint64_t> count, hits, reads, writes;
+};
+
+bool openCache(Cache &cache, ZOV_TAG tag, uint64_t bytes);
+void closeCache(Cache &cache);  // the memory goes with the tag
+
+// Reads a page and checks it; with `cached`, from the cache if it is there.
+bool readPage(Cache &cache, const PageFile &file, uint64_t number, Page &page, bool cached);
+
+// Seals a page and writes it to its place.
+bool writePage(Cache &cache, const PageFile &file, Page &page);
 
 // --- The store -----------------------------------------------------------
 
@@ -62,92 +100,96 @@ inline bool onDisk(uint32_t typeFlags) {
   return (typeFlags & ZOV_FILE_MEMORY) == 0;
 }
 
-constexpr uint64_t kFirstPage = 2;  // behind the metas
-
 struct Store {
   ZOV_TAG tag;
   uint32_t typeFlags;
-  uint32_t scratchLimit;  // pages of all transactions together
+  uint32_t dirtyLimit;  // pages of all transactions in memory
   bool readOnly;
   std::atomic<bool> broken;
-  ZOV_SYNC writeLock;  // held by who commits, compacts or has the store alone
-  ZOV_SYNC stateLock;  // guards what follows, and the ends of page files
-  View newest;         // what is committed; a user of its file
-  std::atomic<uint32_t> scratchPages;
-  std::atomic<uint64_t> syncs;
-  pthread_mutex_t queueLock;  // guards these, and `done` of transactions
+  ZOV_SYNC writeLock;                 // held by who commits, compacts or has the store alone
+  mutable pthread_mutex_t stateLock;  // guards these:
+  View newest;                        // what is committed; a user of its file
+  Transaction *waiting;               // to be committed, the last one first
+  bool leading;                       // somebody commits those that waited
   pthread_cond_t groupEnded;
-  Transaction *waiting;  // to be committed, the earliest first
-  bool leading;          // somebody commits
+  std::atomic<uint32_t> dirtyPages;
+  std::atomic<uint64_t> syncs;
+  std::atomic<uint64_t> files;
   Cache cache;
 };
 
-// Replaces the file of the newest view by a new one with the records of a view.
-// writeLock.
-Status rebuild(Store &store, const View &source, Progress progress);
-
 // --- Transactions --------------------------------------------------------
 
-// 1. Own pages are those of the scratch file and those from base.end on: no other
-//    page that `view` reaches is as new. Only they are changed.
-// 2. Pages get their place in the data file when the transaction is committed, or at
-//    once when the scratch pages of all transactions have run out.
+// 1. Its own pages are those from base.end on that `view` reaches; only they change.
+// 2. They are numbered as if it were the next to commit: from `first` on. When it is,
+//    these numbers are their places in the data file. Else its changes are made again in
+//    a transaction that is.
+// 3. The path holds the pages of the last change. Of the others the first `inMemory`
+//    ones are in a file in memory; when there is no more room in memory, the transaction
+//    claims places behind all commits, and writes the pages there.
 struct Transaction {
   Store *store;
   Mode mode;
   bool failed;
-  bool spilled;  // has taken places for pages that may still change
+  bool claims;  // has claimed places
+  bool placed;  // nobody else takes the places from `first` on
   View base;
   View view;
-  PageFile scratch;
-  uint32_t scratchPages;
-  uint64_t firstPlace;  // of those taken last in one piece
-  uint64_t places;
-  ZOV_FILE log;  // in memory: the keys changed, each behind its length
-  int64_t logBytes;
-  bool logTooLong;    // some are missing
-  Transaction *next;  // that waits
-  bool done;          // while it waited, by another thread
-  bool decided;       // the result is known
+  ZOV_FILE pages;
+  uint64_t first;
+  uint64_t inMemory;
+  uint64_t next;  // number
+  uint64_t claimed;
+  uint8_t *log;  // the keys changed, each behind its length
+  uint32_t logBytes;
+  bool logEnded;  // some are missing
+  bool decided;   // by whoever committed it with others; stateLock
   Status result;
   char reason[kProblemBytes];
+  Transaction *other;  // that waits
+  Path path;
 };
 
-inline bool isOwn(const Transaction &transaction, uint64_t number) {
-  return (number & kScratchBit) != 0 || number >= transaction.base.end;
-}
-
-// Begins one on a view, whose file it becomes a user of.
+// Begins one on a view, whose file it becomes a user of. An exclusive one: writeLock.
 Status beginOn(Store &store, const View &view, Mode mode, Transaction **transaction);
 
-// Gives its pages their places, writes and syncs them, then the meta. writeLock.
+// Writes and syncs its pages, then the meta, and makes its view the newest. writeLock.
 Status writeTransaction(Transaction &transaction);
-
-// Makes a transaction's view the newest. writeLock.
 void publish(Transaction &transaction);
 
 // Ends a transaction but for the lock of an exclusive one.
 void endTransaction(Transaction *transaction);
 
-// Puts the record that a cursor stands on.
-Status copyRecord(Transaction &transaction, Cursor &cursor);
-
-// Number for a new page; place in the data file; pinned new page.
+// Number for a new page.
 uint64_t takeNumber(Transaction &transaction);
-uint64_t takePlace(Transaction &transaction);
-Frame *newPage(Transaction &transaction, Kind kind, uint32_t level, uint64_t number);
+
+// Puts a page of its own where it belongs; reads it from there.
+bool storePage(Transaction &transaction, Page &page);
+bool readOwn(const Transaction &transaction, uint64_t number, uint32_t level, Page &page);
+
+// Whether something long goes on.
+inline bool goesOn(const Progress &progress, uint64_t records) {
+  return progress.step == nullptr || progress.step(progress.context, records);
+}
 
 // Notes that a key is about to be changed.
 bool logKey(Transaction &transaction, Text key);
 
+// Puts the record that a cursor stands on.
+Status copyRecord(Transaction &transaction, Cursor &cursor);
+
 // --- The tree ------------------------------------------------------------
 
-// Pins a page of the tree, level 0 being that of leaves; null as pinPage().
-Frame *pinNode(const View &view, uint64_t number, uint32_t level);
-Frame *pinChain(const View &view, uint64_t number);
+// Reads a page of a view that has to be of a kind and level; not from the cache with
+// `afresh`.
+bool fetchPage(const View &view, uint64_t number, Kind kind, uint32_t level, Page &page,
+               bool afresh = false);
 
-// Pins the leaf that a key belongs to and tells the way. The tree is not empty.
-Frame *descend(const View &view, Text key, Path &path, bool ranked);
+// Reads a page into a path, unless it is there. What it takes the place of is stored.
+bool enterPage(const View &view, Path &path, uint32_t level, uint64_t number);
+
+// Goes to the leaf that a key belongs to, and the first cell that is not below it.
+bool descend(const View &view, Text key, Path &path);
 
 }  // namespace minidb
 

@@ -7,12 +7,10 @@ namespace minidb {
 
 namespace {
 
-using Tables = std::array<std::array<uint32_t, 256>, 8>;
-
 // For eight bytes at a time: table k holds the sums of a byte with k zero bytes
 // behind it.
-constexpr Tables makeTables() {
-  Tables tables = {};
+constexpr auto kTables = [] {
+  std::array<std::array<uint32_t, 256>, 8> tables = {};
   for (uint32_t byte = 0; byte < 256; ++byte) {
     uint32_t sum = byte;
     for (int bit = 0; bit < 8; ++bit) {
@@ -20,24 +18,20 @@ constexpr Tables makeTables() {
     }
     tables[0][byte] = sum;
   }
-  for (uint32_t byte = 0; byte < 256; ++byte) {
-    for (uint32_t table = 1; table < 8; ++table) {
-      const uint32_t before = tables[table - 1][byte];
-      tables[table][byte] = (before >> 8) ^ tables[0][before & 0xff];
-    }
+  for (uint32_t at = 256; at < 8 * 256; ++at) {
+    const uint32_t before = tables[at / 256 - 1][at % 256];
+    tables[at / 256][at % 256] = (before >> 8) ^ tables[0][before & 0xff];
   }
   return tables;
-}
+}();
 
-constexpr Tables kTables = makeTables();
-
-uint32_t checksumOf(ConstBytes page) {
-  uint32_t sum = 0xffffffff ^ get<uint32_t>(page + 4);
+uint32_t checksumOf(const Page &page) {
   // The first four bytes have no part in it: 4092 bytes are 511 eights and a half.
-  sum = kTables[3][sum & 0xff] ^ kTables[2][(sum >> 8) & 0xff] ^ kTables[1][(sum >> 16) & 0xff] ^
-        kTables[0][sum >> 24];
+  const uint32_t half = ~get<uint32_t>(page.bytes + 4);
+  uint32_t sum = kTables[3][half & 0xff] ^ kTables[2][(half >> 8) & 0xff] ^
+                 kTables[1][(half >> 16) & 0xff] ^ kTables[0][half >> 24];
   for (uint32_t at = 8; at < kPageBytes; at += 8) {
-    const uint64_t next = get<uint64_t>(page + at) ^ sum;
+    const uint64_t next = get<uint64_t>(page.bytes + at) ^ sum;
     sum = 0;
     for (uint32_t byte = 0; byte < 8; ++byte) {
       sum ^= kTables[7 - byte][(next >> (8 * byte)) & 0xff];
@@ -46,67 +40,71 @@ uint32_t checksumOf(ConstBytes page) {
   return ~sum;
 }
 
-// A cell that ends within the page, whatever stands in it.
-bool cellFits(ConstBytes page, uint32_t index) {
-  const uint32_t head = kindOf(page) == Kind::kLeaf ? kLeafCell : kInnerCell;
-  const uint32_t offset = offsetOf(page, index);
-  return offset >= lowestOf(page) && offset + head <= kPageBytes &&
-         get<uint16_t>(page + offset) <= kMaxKeyBytes &&
-         offset + cellBytes(page, index) <= kPageBytes;
-}
-
-bool cellsFit(ConstBytes page) {
-  const uint32_t count = countOf(page);
-  uint32_t sum = lowestOf(page);
-  if (sum < kHeaderBytes + 2 * count || sum > kPageBytes || count == 0) {
+// Each cell ends within the page, whatever stands in it, and they fill its end.
+bool cellsFit(const Page &page) {
+  const uint32_t count = page.count();
+  const uint32_t lowest = page.lowest();
+  uint32_t sum = lowest;
+  if (lowest < kHeaderBytes + 2 * count || lowest > kPageBytes || count == 0) {
     return false;
   }
   for (uint32_t index = 0; index < count; ++index) {
-    if (!cellFits(page, index)) {
+    const uint32_t offset = page.offset(index);
+    if (offset < lowest || offset + page.headBytes() > kPageBytes ||
+        page.keyBytes(index) > kMaxKeyBytes || offset + page.cellBytes(index) > kPageBytes) {
       return false;
     }
-    sum += cellBytes(page, index);
+    sum += page.cellBytes(index);
   }
   return sum == kPageBytes;
 }
 
 }  // namespace
 
-void initPage(Bytes page, Kind kind, uint32_t level, uint64_t number, uint64_t commit) {
-  memset(page, 0, kPageBytes);
-  page[4] = static_cast<uint8_t>(kind);
-  page[5] = static_cast<uint8_t>(level);
-  put(page + 8, number);
-  put(page + 16, commit);
-  put(page + 24, kPageBytes);
+void Page::init(Kind kind, uint32_t level, uint64_t number, uint64_t commit) {
+  memset(bytes, 0, sizeof bytes);
+  bytes[4] = static_cast<uint8_t>(kind);
+  bytes[5] = static_cast<uint8_t>(level);
+  stamp(number, commit);
+  put(bytes + 24, kPageBytes);
 }
 
-void sealPage(Bytes page) {
-  put(page, checksumOf(page));
+void Page::stamp(uint64_t number, uint64_t commit) {
+  put(bytes + 8, number);
+  put(bytes + 16, commit);
 }
 
-bool isWhole(ConstBytes page, uint64_t number) {
-  if (get<uint32_t>(page) != checksumOf(page) || numberOf(page) != number) {
+void Page::seal() {
+  put(bytes, checksumOf(*this));
+}
+
+bool Page::isWhole(uint64_t number) const {
+  if (get<uint32_t>(bytes) != checksumOf(*this) || this->number() != number) {
     return false;
   }
-  switch (kindOf(page)) {
+  switch (kind()) {
     case Kind::kLeaf:
     case Kind::kInner:
-      return (kindOf(page) == Kind::kLeaf) == (levelOf(page) == 0) && cellsFit(page);
+      return (kind() == Kind::kLeaf) == (level() == 0) && cellsFit(*this);
     case Kind::kChain:
-      return lowestOf(page) <= kChainBytes;
+      return lowest() <= kChainBytes;
     default:
-      return kindOf(page) == Kind::kMeta;
+      return kind() == Kind::kMeta;
   }
 }
 
-uint32_t findCell(ConstBytes page, Text key, bool &found) {
+uint32_t Page::cellBytes(uint32_t index) const {
+  const uint32_t rest = kind() == Kind::kInner ? 0 : chained(index) ? 8 : valueBytes(index);
+  return headBytes() + keyBytes(index) + rest;
+}
+
+uint32_t Page::find(Text key, bool &found) const {
   uint32_t low = 0;
-  uint32_t high = countOf(page);
+  uint32_t high = count();
   found = false;
   while (low < high) {
     const uint32_t middle = (low + high) / 2;
-    const int order = compareTexts(cellKey(page, middle), key);
+    const int order = compareTexts(this->key(middle), key);
     found = found || order == 0;
     if (order < 0) {
       low = middle + 1;
@@ -117,53 +115,33 @@ uint32_t findCell(ConstBytes page, Text key, bool &found) {
   return low;
 }
 
-uint32_t findChild(ConstBytes page, Text key) {
-  bool found = false;
-  const uint32_t index = findCell(page, key, found);
-  return found || index == 0 ? index : index - 1;
+void Page::insert(uint32_t index, const uint8_t *cell, uint32_t length) {
+  const uint32_t old = count();
+  const uint32_t place = lowest() - length;
+  uint8_t *slot = bytes + kHeaderBytes + 2 * index;
+  memcpy(bytes + place, cell, length);
+  memmove(slot + 2, slot, 2 * (old - index));
+  put(slot, static_cast<uint16_t>(place));
+  put(bytes + 6, static_cast<uint16_t>(old + 1));
+  put(bytes + 24, place);
 }
 
-uint64_t sumRecords(ConstBytes page) {
-  uint64_t sum = kindOf(page) == Kind::kLeaf ? countOf(page) : 0;
-  for (uint32_t index = 0; kindOf(page) == Kind::kInner && index < countOf(page); ++index) {
-    sum += recordsOf(page, index);
-  }
-  return sum;
-}
-
-uint32_t cellBytes(ConstBytes page, uint32_t index) {
-  ConstBytes cell = cellOf(page, index);
-  const uint32_t keyBytes = get<uint16_t>(cell);
-  if (kindOf(page) == Kind::kInner) {
-    return kInnerCell + keyBytes;
-  }
-  return kLeafCell + keyBytes + (isChained(cell) ? 8 : valueBytes(cell));
-}
-
-bool hasRoom(ConstBytes page, uint32_t cellBytes) {
-  return kHeaderBytes + 2 * (countOf(page) + 1) + cellBytes <= lowestOf(page);
-}
-
-void insertCell(Bytes page, uint32_t index, ConstBytes cell, uint32_t cellBytes) {
-  const uint32_t count = countOf(page);
-  const uint32_t lowest = lowestOf(page) - cellBytes;
-  Bytes slot = page + kHeaderBytes + 2 * index;
-  memcpy(page + lowest, cell, cellBytes);
-  memmove(slot + 2, slot, 2 * (count - index));
-  put(slot, static_cast<uint16_t>(lowest));
-  put(page + 6, static_cast<uint16_t>(count + 1));
-  put(page + 24, lowest);
-}
-
-void removeCell(Bytes page, uint32_t index) {
-  uint8_t old[kPageBytes];
-  memcpy(old, page, sizeof old);
-  initPage(page, kindOf(old), levelOf(old), numberOf(old), commitOf(old));
-  for (uint32_t each = 0; each < countOf(old); ++each) {
+void Page::remove(uint32_t index) {
+  const Page old = *this;
+  init(old.kind(), old.level(), old.number(), old.commit());
+  for (uint32_t each = 0; each < old.count(); ++each) {
     if (each != index) {
-      insertCell(page, countOf(page), cellOf(old, each), cellBytes(old, each));
+      insert(count(), old.cell(each), old.cellBytes(each));
     }
   }
+}
+
+uint64_t Page::sumRecords(uint32_t end) const {
+  uint64_t sum = kind() == Kind::kLeaf ? end : 0;
+  for (uint32_t index = 0; kind() == Kind::kInner && index < end; ++index) {
+    sum += records(index);
+  }
+  return sum;
 }
 
 }  // namespace minidb

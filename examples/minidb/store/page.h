@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// How a page looks. Numbers have the low byte first.
+// Texts, and how a page looks. Numbers have the low byte first.
 //
 //   0   checksum, CRC-32C of all that follows
 //   4   kind; 5 level, 0 for a leaf; 6 count of cells
@@ -21,14 +21,33 @@
 #ifndef MINIDB_STORE_PAGE_H
 #define MINIDB_STORE_PAGE_H
 
-#include <bit>
+#include <stdint.h>
+#include <string.h>
 
-#include "store/store.h"
+#include <algorithm>
+#include <bit>
 
 namespace minidb {
 
-enum class Kind : uint8_t { kMeta = 1, kLeaf, kInner, kChain };
+// Bytes that need not end in a NUL and may hold some. Null means that there are none.
+struct Text {
+  const char *bytes;
+  uint32_t length;
+};
 
+inline Text textOf(const char *string) {
+  return {string, static_cast<uint32_t>(strlen(string))};
+}
+
+// Orders texts by their bytes, as memcmp() does, the shorter one first.
+inline int compareTexts(Text first, Text second) {
+  const uint32_t common = std::min(first.length, second.length);
+  const int order = common == 0 ? 0 : memcmp(first.bytes, second.bytes, common);
+  return order != 0 ? order : (first.length > second.length) - (first.length < second.length);
+}
+
+constexpr uint32_t kPageBytes = 4096;
+constexpr uint32_t kMaxKeyBytes = 960;
 constexpr uint32_t kHeaderBytes = 32;
 constexpr uint32_t kChainStart = kHeaderBytes + 8;
 constexpr uint32_t kChainBytes = kPageBytes - kChainStart;
@@ -36,122 +55,89 @@ constexpr uint32_t kLeafCell = 8;  // bytes of a cell before its key
 constexpr uint32_t kInnerCell = 24;
 constexpr uint32_t kMaxCell = (kPageBytes - kHeaderBytes) / 4 - 2;  // four to a page
 
-using Bytes = uint8_t *;
-using ConstBytes = const uint8_t *;
+enum class Kind : uint8_t { kMeta = 1, kLeaf, kInner, kChain };
 
 template <typename Number>
-Number fileOrder(Number number) {
+Number get(const uint8_t *at) {
+  uint8_t bytes[sizeof(Number)];
+  memcpy(bytes, at, sizeof bytes);
   if constexpr (std::endian::native == std::endian::big) {
-    number = sizeof number == 2   ? static_cast<Number>(zov_swaporder16(number))
-             : sizeof number == 4 ? static_cast<Number>(zov_swaporder32(number))
-                                  : static_cast<Number>(zov_swaporder64(number));
+    std::reverse(bytes, bytes + sizeof bytes);
   }
-  return number;
+  return std::bit_cast<Number>(bytes);
 }
 
 template <typename Number>
-Number get(ConstBytes at) {
-  Number number;
-  memcpy(&number, at, sizeof number);
-  return fileOrder(number);
-}
-
-template <typename Number>
-void put(Bytes at, Number number) {
-  number = fileOrder(number);
+void put(uint8_t *at, Number number) {
   memcpy(at, &number, sizeof number);
+  if constexpr (std::endian::native == std::endian::big) {
+    std::reverse(at, at + sizeof number);
+  }
 }
 
-inline Kind kindOf(ConstBytes page) {
-  return static_cast<Kind>(page[4]);
-}
-inline uint32_t levelOf(ConstBytes page) {
-  return page[5];
-}
-inline uint32_t countOf(ConstBytes page) {
-  return get<uint16_t>(page + 6);
-}
-inline uint64_t numberOf(ConstBytes page) {
-  return get<uint64_t>(page + 8);
-}
-inline uint64_t commitOf(ConstBytes page) {
-  return get<uint64_t>(page + 16);
-}
-inline uint32_t lowestOf(ConstBytes page) {
-  return get<uint32_t>(page + 24);
-}
-inline uint64_t nextOf(ConstBytes chain) {
-  return get<uint64_t>(chain + kHeaderBytes);
-}
-
-inline uint32_t offsetOf(ConstBytes page, uint32_t index) {
-  return get<uint16_t>(page + kHeaderBytes + 2 * index);
-}
-inline ConstBytes cellOf(ConstBytes page, uint32_t index) {
-  return page + offsetOf(page, index);
-}
-inline Bytes cellOf(Bytes page, uint32_t index) {
-  return page + offsetOf(page, index);
-}
-
-inline Text cellKey(ConstBytes page, uint32_t index) {
-  ConstBytes cell = cellOf(page, index);
-  const uint32_t head = kindOf(page) == Kind::kLeaf ? kLeafCell : kInnerCell;
-  return {reinterpret_cast<const char *>(cell + head), get<uint16_t>(cell)};
-}
-
-inline uint64_t childOf(ConstBytes page, uint32_t index) {
-  return get<uint64_t>(cellOf(page, index) + 8);
-}
-inline uint64_t recordsOf(ConstBytes page, uint32_t index) {
-  return get<uint64_t>(cellOf(page, index) + 16);
-}
-
-inline uint32_t valueBytes(ConstBytes cell) {
-  return get<uint32_t>(cell + 4);
-}
 inline bool isChained(uint32_t keyBytes, uint32_t valueBytes) {
   return kLeafCell + keyBytes + uint64_t{valueBytes} > kMaxCell;
 }
-// What stands behind the key of a leaf's cell, and whether it is the first page.
-inline Bytes valueOf(Bytes cell) {
-  return cell + kLeafCell + get<uint16_t>(cell);
-}
-inline ConstBytes valueOf(ConstBytes cell) {
-  return cell + kLeafCell + get<uint16_t>(cell);
-}
-inline bool isChained(ConstBytes cell) {
-  return isChained(get<uint16_t>(cell), valueBytes(cell));
-}
-// 0 for a value in the leaf.
-inline uint64_t chainOf(ConstBytes cell) {
-  return isChained(cell) ? get<uint64_t>(valueOf(cell)) : 0;
-}
-inline uint32_t chainPages(ConstBytes cell) {
-  return isChained(cell) ? (valueBytes(cell) + kChainBytes - 1) / kChainBytes : 0;
-}
 
-// An empty page, zero-filled but for its header.
-void initPage(Bytes page, Kind kind, uint32_t level, uint64_t number, uint64_t commit);
+struct Page {
+  uint8_t bytes[kPageBytes];
 
-// Sets the checksum; tells whether checksum and number are right and the page is
-// one whose cells can be looked at.
-void sealPage(Bytes page);
-bool isWhole(ConstBytes page, uint64_t number);
+  Kind kind() const { return static_cast<Kind>(bytes[4]); }
+  uint32_t level() const { return bytes[5]; }
+  uint32_t count() const { return get<uint16_t>(bytes + 6); }
+  uint64_t number() const { return get<uint64_t>(bytes + 8); }
+  uint64_t commit() const { return get<uint64_t>(bytes + 16); }
+  uint32_t lowest() const { return get<uint32_t>(bytes + 24); }
+  uint64_t next() const { return get<uint64_t>(bytes + kHeaderBytes); }
 
-// The first cell whose key is not below this one.
-uint32_t findCell(ConstBytes page, Text key, bool &found);
+  // Makes it empty, zero-filled but for the header.
+  void init(Kind kind, uint32_t level, uint64_t number, uint64_t commit);
 
-// The child that a key belongs to.
-uint32_t findChild(ConstBytes page, Text key);
+  // Gives it a number and a commit.
+  void stamp(uint64_t number, uint64_t commit);
 
-// Records in and below a page.
-uint64_t sumRecords(ConstBytes page);
+  // Sets the checksum; tells whether checksum and number are right and the page is one
+  // whose cells can be looked at.
+  void seal();
+  bool isWhole(uint64_t number) const;
 
-uint32_t cellBytes(ConstBytes page, uint32_t index);
-bool hasRoom(ConstBytes page, uint32_t cellBytes);
-void insertCell(Bytes page, uint32_t index, ConstBytes cell, uint32_t cellBytes);
-void removeCell(Bytes page, uint32_t index);
+  // Of leaves and inner pages.
+  const uint8_t *cell(uint32_t index) const { return bytes + offset(index); }
+  uint32_t offset(uint32_t index) const { return get<uint16_t>(bytes + kHeaderBytes + 2 * index); }
+  uint32_t headBytes() const { return kind() == Kind::kLeaf ? kLeafCell : kInnerCell; }
+  uint32_t keyBytes(uint32_t index) const { return get<uint16_t>(cell(index)); }
+  uint32_t cellBytes(uint32_t index) const;
+  Text key(uint32_t index) const {
+    return {reinterpret_cast<const char *>(cell(index)) + headBytes(), keyBytes(index)};
+  }
+
+  // The first cell whose key is not below this one.
+  uint32_t find(Text key, bool &found) const;
+  bool hasRoom(uint32_t length) const {
+    return kHeaderBytes + 2 * (count() + 1) + length <= lowest();
+  }
+  void insert(uint32_t index, const uint8_t *cell, uint32_t length);
+  void remove(uint32_t index);
+
+  // Of leaves: the value, or the number of its first page.
+  const uint8_t *value(uint32_t index) const { return cell(index) + kLeafCell + keyBytes(index); }
+  uint32_t valueBytes(uint32_t index) const { return get<uint32_t>(cell(index) + 4); }
+  bool chained(uint32_t index) const { return isChained(keyBytes(index), valueBytes(index)); }
+  uint64_t chain(uint32_t index) const { return chained(index) ? get<uint64_t>(value(index)) : 0; }
+  uint32_t chainPages(uint32_t index) const {
+    return chained(index) ? (valueBytes(index) + kChainBytes - 1) / kChainBytes : 0;
+  }
+
+  // Of inner pages.
+  uint64_t child(uint32_t index) const { return get<uint64_t>(cell(index) + 8); }
+  uint64_t records(uint32_t index) const { return get<uint64_t>(cell(index) + 16); }
+  void setChild(uint32_t index, uint64_t child) { put(bytes + offset(index) + 8, child); }
+  void setRecords(uint32_t index, uint64_t sum) { put(bytes + offset(index) + 16, sum); }
+
+  // Records in and below the page, or below its cells up to one.
+  uint64_t sumRecords(uint32_t end) const;
+  uint64_t sumRecords() const { return sumRecords(count()); }
+};
 
 }  // namespace minidb
 

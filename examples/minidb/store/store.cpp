@@ -1,11 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Opening and closing of a store, and its views.
+// Opening and closing of a store, its views, and new data files. Such a one is written
+// beside the old one and put in its place: by compaction, and when an empty file becomes a
+// database, so that a file that has bytes always has a whole meta.
+//
+//   make DATA.new, for the owner alone -> lock it -> records, sync, meta, sync
+//   -> the old file's owner and mode, sync -> rename -> sync the directory
 #include "store/store.h"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <stdarg.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "store/internal.h"
 
@@ -15,10 +21,17 @@ namespace {
 
 thread_local char problemText[kProblemBytes];
 
-// The end of names that compaction uses beside a data file.
+// The name that compaction uses beside a data file, and whether a path has one like it.
+constexpr char kReplacement[] = ".new";
+
+template <size_t size>
+void nameReplacement(char (&name)[size], const char *path) {
+  zov_snprintf(name, size, "%s%s", path, kReplacement);
+}
+
 bool isReplacement(const char *path) {
   const size_t length = strlen(path);
-  return length > 4 && strcmp(path + length - 4, ".new") == 0;
+  return length > 4 && strcmp(path + length - 4, kReplacement) == 0;
 }
 
 Store *newStore(const Options &options) {
@@ -33,19 +46,118 @@ Store *newStore(const Options &options) {
   store->tag = tag;
   store->typeFlags = options.typeFlags;
   store->readOnly = options.readOnly;
-  store->scratchLimit = static_cast<uint32_t>(options.dirtyBytes / kPageBytes);
+  store->dirtyLimit = static_cast<uint32_t>(options.dirtyBytes / kPageBytes);
   store->writeLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-  store->stateLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-  pthread_mutex_init(&store->queueLock, nullptr);
+  pthread_mutex_init(&store->stateLock, nullptr);
   pthread_cond_init(&store->groupEnded, nullptr);
   const uint64_t bytes = options.cacheBytes == 0 ? kDefaultCacheBytes : options.cacheBytes;
   if (!openCache(store->cache, tag, bytes < kMinCacheBytes ? kMinCacheBytes : bytes) ||
-      store->writeLock == ZOV_NO_SYNC || store->stateLock == ZOV_NO_SYNC) {
+      store->writeLock == ZOV_NO_SYNC) {
     closeStore(store);
     return nullptr;
   }
   return store;
 }
+
+// --- Putting a new file in place of one ----------------------------------
+
+constexpr uint64_t kStepRecords = 1024;
+
+Status copyRecords(const View &source, Transaction &target, Progress progress) {
+  Cursor cursor;
+  uint64_t copied = 0;
+  Status status = seekFirst(cursor, source, {});
+  while (status == Status::kOkay) {
+    if (copied % kStepRecords == 0 && !goesOn(progress, copied)) {
+      return failed(Status::kRefused, "the compaction was stopped");
+    }
+    ++copied;
+    status = copyRecord(target, cursor);
+    status = status == Status::kOkay ? seekNext(cursor) : status;
+  }
+  return status == Status::kMissing ? Status::kOkay : status;
+}
+
+// Writes the records of a view as the only commit of a new file. The other meta page is
+// there, but none. What failed has changed nothing.
+Status fill(Transaction &target, const View &source, Progress progress) {
+  const Page nothing = {};
+  const int64_t other = source.number % 2 == 0 ? 0 : kPageBytes;
+  if (!writeAll(target.view.file->handle, other, &nothing, sizeof nothing)) {
+    return failed(Status::kFailed, "cannot write to \"%s\"", target.view.file->path);
+  }
+  const Status status = copyRecords(source, target, progress);
+  return status == Status::kOkay && writeTransaction(target) != Status::kOkay ? Status::kFailed
+                                                                              : status;
+}
+
+// Gives the new file owner, group and mode of the old one.
+bool takeAfter(const PageFile &file, const PageFile &old) {
+  const int descriptor = static_cast<int>(file.descriptor);
+  struct stat wanted;
+  struct stat made;
+  if (fstat(static_cast<int>(old.descriptor), &wanted) != 0 || fstat(descriptor, &made) != 0) {
+    return fail("cannot look at \"%s\"", old.path);
+  }
+  if (wanted.st_nlink > 1) {
+    return fail("\"%s\" has another name, a hard link, that would keep the old file", old.path);
+  }
+  if ((made.st_uid != wanted.st_uid || made.st_gid != wanted.st_gid) &&
+      fchown(descriptor, wanted.st_uid, wanted.st_gid) != 0) {
+    return fail("cannot give a new \"%s\" the owner of the old one", old.path);
+  }
+  return fchmod(descriptor, wanted.st_mode & 07777) == 0 ||
+         fail("cannot set the permissions of a new \"%s\"", old.path);
+}
+
+// Puts a whole new file in place of the old one. With kUnknown it is there, but may be
+// gone after a crash.
+Status replace(Store &store, PageFile &file, const PageFile &old) {
+  if (!onDisk(store.typeFlags)) {
+    return Status::kOkay;
+  }
+  if (!takeAfter(file, old) || !syncFile(store, file)) {
+    return Status::kFailed;
+  }
+  if (zov_fileRename(file.path, old.path) != ZOV_OKAY) {
+    return failed(Status::kFailed, "cannot put a new file in place of \"%s\"", old.path);
+  }
+  memcpy(file.path, old.path, sizeof file.path);
+  return syncDirectory(file.path) ? Status::kOkay : Status::kUnknown;
+}
+
+// Replaces the file of the newest view by a new one with the records of a view.
+// writeLock.
+Status rebuild(Store &store, const View &source, Progress progress) {
+  char path[sizeof source.file->path];
+  PageFile *file = nullptr;
+  Transaction *target = nullptr;
+  nameReplacement(path, source.file->path);
+  if (onDisk(store.typeFlags)) {
+    zov_fileRemove(path);
+  }
+  Status status = openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file);
+  if (status != Status::kOkay) {
+    return status;
+  }
+  const View empty = {&store, file, nullptr, 0, kFirstPage, source.number, 0, 0, 0, 0};
+  status = beginOn(store, empty, Mode::kExclusive, &target);
+  status = status == Status::kOkay ? fill(*target, source, progress) : status;
+  status = status == Status::kOkay ? replace(store, *file, *source.file) : status;
+  if (status == Status::kOkay || status == Status::kUnknown) {
+    store.broken = status == Status::kUnknown;
+    publish(*target);
+  } else if (onDisk(store.typeFlags)) {
+    zov_fileRemove(file->path);
+  }
+  if (target != nullptr) {
+    endTransaction(target);
+  }
+  closePageFile(store, file);
+  return status;
+}
+
+// --- Opening -------------------------------------------------------------
 
 // Takes a file for the store's; an empty one becomes a database if `create` says so.
 // What is there is looked at down to the page that was written last, the root.
@@ -62,27 +174,21 @@ Status enterFile(Store &store, PageFile *file, bool create) {
     const View empty = view;
     return rebuild(store, empty, {});
   }
-  file->end = view.end;
-  if (status == Status::kOkay && view.depth > 0) {
-    Frame *frame = pinNode(view, view.root, view.depth - 1);
-    if (frame == nullptr) {
-      return Status::kFailed;
-    }
-    unpin(frame);
-  }
-  return status;
+  file->kept = file->end = view.end;
+  Page root;
+  const Kind kind = view.depth == 1 ? Kind::kLeaf : Kind::kInner;
+  const bool whole = status != Status::kOkay || view.depth == 0 ||
+                     fetchPage(view, view.root, kind, view.depth - 1, root);
+  return whole ? status : Status::kFailed;
 }
 
 // Removes what a killed process left, and makes the name of the file last: the process
 // may have renamed it.
 Status tidy(Store &store) {
+  char leftover[sizeof store.newest.file->path];
   const char *path = store.newest.file->path;
-  char *leftover = replacementPath(store, path);
-  if (leftover == nullptr) {
-    return failed(Status::kFailed, "there is not enough memory to open \"%s\"", path);
-  }
+  nameReplacement(leftover, path);
   zov_fileRemove(leftover);
-  zov_freeMem(leftover, store.tag);
   return syncDirectory(path) ? Status::kOkay : Status::kFailed;
 }
 
@@ -166,34 +272,33 @@ void closeStore(Store *store) {
   }
   closeCache(store->cache);
   pthread_cond_destroy(&store->groupEnded);
-  pthread_mutex_destroy(&store->queueLock);
-  zov_syncDelete(store->stateLock);
+  pthread_mutex_destroy(&store->stateLock);
   zov_syncDelete(store->writeLock);
   zov_freeTagMemory(store->tag, 1);
 }
 
 bool isStoreFile(const Store &store, const char *path) {
-  char replacement[PATH_MAX];
+  char replacement[sizeof store.newest.file->path];
   if (!onDisk(store.typeFlags)) {
     return false;
   }
-  zov_syncEnterExcl(store.stateLock);
+  pthread_mutex_lock(&store.stateLock);
   const PageFile &file = *store.newest.file;
-  zov_snprintf(replacement, sizeof replacement, "%s.new", file.path);
+  nameReplacement(replacement, file.path);
   const bool own = leadsTo(path, file) || isSameFile(path, replacement);
-  zov_syncExitExcl(store.stateLock);
+  pthread_mutex_unlock(&store.stateLock);
   return own;
 }
 
 Status openView(Store &store, View &view) {
   view = {};
-  zov_syncEnterExcl(store.stateLock);
+  pthread_mutex_lock(&store.stateLock);
   const Status status = store.readOnly && onDisk(store.typeFlags) ? refresh(store) : Status::kOkay;
   if (status == Status::kOkay) {
     view = store.newest;
-    view.file->users.fetch_add(1);
+    ++view.file->users;
   }
-  zov_syncExitExcl(store.stateLock);
+  pthread_mutex_unlock(&store.stateLock);
   return status;
 }
 
@@ -210,16 +315,21 @@ Status readStats(Store &store, Stats &stats) {
   if (status != Status::kOkay) {
     return status;
   }
-  stats = {view.records, view.number, view.end, view.live, view.depth, 0, 0, 0, 0, 0, 0};
-  closeView(view);
   const Cache &cache = store.cache;
-  stats.cachePages = uint64_t{cache.shardFrames} * kShards;
-  stats.cacheUsed = cache.used.load();
-  stats.cacheHits = cache.hits.load();
-  stats.pagesRead = cache.reads.load();
-  stats.pagesWritten = cache.writes.load();
-  stats.syncs = store.syncs.load();
+  stats = {view.records, view.number, view.end,    view.live,    view.depth, cache.sets * kWays,
+           cache.count,  cache.hits,  cache.reads, cache.writes, store.syncs};
+  closeView(view);
   return Status::kOkay;
+}
+
+Status compactStore(Store &store, Progress progress) {
+  Transaction *lock = nullptr;
+  Status status = beginTransaction(store, Mode::kExclusive, &lock);
+  if (status == Status::kOkay) {
+    status = rebuild(store, viewOf(*lock), progress);
+    rollback(lock);
+  }
+  return status;
 }
 
 }  // namespace minidb

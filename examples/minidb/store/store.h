@@ -13,8 +13,8 @@
 //    whole brings the memory. A statement may therefore allocate from a tag with a
 //    recovery point between any two calls. After its jump it ends the views and
 //    transactions that it began; cursors and writers own nothing and need no end.
-//    All pages in memory together take the page cache, and 8 MiB for those that
-//    changed and are not committed.
+//    All pages in memory together take the page cache, 8 MiB for those that changed and
+//    are not committed, and a way from the root to a leaf for each transaction.
 // 3. Threads. A store is for any number of threads. A view, a transaction, a cursor
 //    or a writer is for one thread at a time. Readers wait for no writer.
 // 4. Isolation. A view shows what was committed when it was opened, whatever is
@@ -27,13 +27,11 @@
 #ifndef MINIDB_STORE_STORE_H
 #define MINIDB_STORE_STORE_H
 
-#include "store/text.h"
+#include "store/page.h"
 #include "zov.h"
 
 namespace minidb {
 
-constexpr uint32_t kPageBytes = 4096;
-constexpr uint32_t kMaxKeyBytes = 960;
 constexpr uint32_t kMaxValueBytes = 0x7fffffff;
 constexpr uint64_t kMinCacheBytes = 1 << 20;
 constexpr uint64_t kDefaultCacheBytes = 8 << 20;
@@ -72,7 +70,7 @@ struct Options {
   bool create;                    // make a missing or empty file a database, of mode 0600
   bool readOnly;                  // never write, and take no lock: others may have it open
   uint64_t cacheBytes;            // of the page cache; 0 means kDefaultCacheBytes
-  uint64_t dirtyBytes = 8 << 20;  // for pages that changed and are not in the cache
+  uint64_t dirtyBytes = 8 << 20;  // for pages of all transactions, in memory
 };
 
 // Opens a data file: to write for this process alone, by a lock on the file itself,
@@ -93,11 +91,13 @@ bool isStoreFile(const Store &store, const char *path);
 
 // --- Views ---------------------------------------------------------------
 
+struct Transaction;
+
 // One state of the database. The fields are the store's own.
 struct View {
   Store *store;
   struct PageFile *file;
-  struct PageFile *scratch;  // pages of a transaction's own, or null
+  Transaction *transaction;  // whose pages are those from `end` on, or null
   uint64_t root;             // page number, 0 for an empty tree
   uint64_t end;              // pages of the file when it was committed
   uint64_t number;           // of the commit, counted from 1
@@ -123,34 +123,43 @@ struct Range {
   Text to;
 };
 
-// The way from the root to a record.
-struct Path {
-  uint64_t number[kMaxDepth];  // of the pages, the root's first
-  uint32_t index[kMaxDepth];   // in each of them
-  uint64_t rank;               // records to the left
-  bool found;
-  bool rightmost;  // the leaf is the last one
+// A page on the way from the root to a record, and the cell there.
+struct Step {
+  uint64_t number;  // of the page, 0 for none
+  uint32_t index;
+  bool changed;  // a transaction's, since it was last stored
+  Page page;
 };
 
-// A place in a view and a copy of the page there, 8.6 KB in all. It owns nothing. Texts
-// that it gives live until its next call. A cursor over a transaction may be used
-// while that changes: seekNext() goes on behind the key that it stands on.
+// By levels: the leaf is the first.
+struct Path {
+  bool found;
+  bool strict;       // reads each page from the file, and compares counts
+  uint64_t entered;  // pages
+  Step steps[kMaxDepth];
+};
+
+// A place in a view and copies of the pages that lead there: 70 KB, of which it uses as
+// much as the tree is deep. It owns nothing. Texts that it gives live until its next call.
+// A cursor over a transaction may be used while that changes: seekNext() goes on behind
+// the key that it stands on.
 struct Cursor {
   const View *view;
   Range range;
-  Path path;
-  uint64_t changes;    // of the view when the leaf was copied
+  uint64_t changes;    // of the view when it was placed
   uint64_t chain;      // next page of the value, 0 when the leaf holds it
   uint32_t remaining;  // bytes of the value still to be given
-  alignas(8) uint8_t leaf[kPageBytes];
-  alignas(8) uint8_t piece[kPageBytes];
+  Path path;
+  Page piece;
 };
 
 // Stand on the first record of a range; on the next one; on that of a key. The view
 // outlives the cursor. kOkay, kMissing or kFailed.
 Status seekFirst(Cursor &cursor, const View &view, Range range);
 Status seekNext(Cursor &cursor);
-Status seekKey(Cursor &cursor, const View &view, Text key);
+inline Status seekKey(Cursor &cursor, const View &view, Text key) {
+  return seekFirst(cursor, view, {key, key});
+}
 
 // Of the record that the cursor stands on.
 Text keyOf(const Cursor &cursor);
@@ -165,8 +174,6 @@ Status readValue(Cursor &cursor, Text &piece);
 Status countRange(const View &view, Range range, uint64_t &count);
 
 // --- Changing ------------------------------------------------------------
-
-struct Transaction;
 
 enum class Mode : uint8_t {
   kSnapshot,   // refused when a key that it changes was changed since it began
@@ -190,20 +197,6 @@ Status putRecord(Transaction &transaction, Text key, Text value);
 
 // Removes a record. kOkay, kMissing or, as above, kRefused and kFailed.
 Status removeRecord(Transaction &transaction, Text key);
-
-// A value on its way in, piece by piece. It owns nothing; one that is not put is
-// forgotten with its transaction.
-struct Writer {
-  Transaction *transaction;
-  uint64_t first;    // page of the chain
-  uint64_t current;  // the last one
-  uint32_t length;   // bytes so far
-  uint8_t piece[kPageBytes];
-};
-
-void startValue(Writer &writer, Transaction &transaction);
-Status appendValue(Writer &writer, Text piece);  // as putRecord()
-Status putValue(Writer &writer, Text key);       // as putRecord()
 
 // Both end the transaction, whatever they return. commit() gives kOkay; kConflict;
 // kFailed; kUnknown, and from then on the store refuses changes; kRefused when it

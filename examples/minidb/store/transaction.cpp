@@ -1,48 +1,83 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Transactions from begin to end. Those that want to be committed wait in a list while
-// others are being committed. Then one of them commits all: the first one's tree is taken as it is
-// when nobody committed since it began, and the keys that the others changed are changed in it
-// again. Then its pages go to the end of the data file, children before parents:
+// Transactions from begin to end. Those that are to be committed wait for the writeLock;
+// whoever gets it commits all that wait. The tree of one is taken as it is when nobody
+// committed since it began, and the keys that the others changed are changed in it again.
+// Then its pages go to the end of the data file:
 //
 //   pages -> sync -> meta -> sync -> newest view
-#include <assert.h>
-
 #include "store/internal.h"
 
 namespace minidb {
 
 namespace {
 
-constexpr int64_t kLogBytes = 1 << 20;
+constexpr uint32_t kMaxLogBytes = 1 << 20;
+constexpr uint64_t kClaim = 256;  // pages
+
+int64_t offsetOf(const Transaction &transaction, uint64_t number) {
+  return static_cast<int64_t>(number - transaction.first) * kPageBytes;
+}
+
+bool isInMemory(const Transaction &transaction, uint64_t number) {
+  return number - transaction.first < transaction.inMemory;
+}
+
+// The first place that nobody has. Those of transactions that ended are free again, but
+// not what a sync failed for, which may have been kept. writeLock.
+uint64_t freePlace(const Store &store, const PageFile &file) {
+  return file.claims == 0 && !store.broken ? file.kept : std::max(file.kept, file.end);
+}
+
+// Whether the transaction can be the next to commit as it is. writeLock.
+bool isNext(Transaction &transaction) {
+  const Store &store = *transaction.store;
+  const PageFile &file = *transaction.view.file;
+  transaction.placed =
+      transaction.placed || (!transaction.claims && transaction.first == freePlace(store, file));
+  return transaction.placed && transaction.base.number == store.newest.number;
+}
+
+// Claims the next places in the data file, which do not take numbers that it has.
+void claimPlaces(Transaction &transaction) {
+  Store &store = *transaction.store;
+  PageFile &file = *transaction.view.file;
+  zov_syncEnterExcl(store.writeLock);
+  if (!transaction.claims) {
+    isNext(transaction);
+    transaction.claims = true;
+    file.end = freePlace(store, file);
+    ++file.claims;
+  }
+  transaction.next = std::max(file.end, transaction.next);
+  transaction.claimed = file.end = transaction.next + kClaim;
+  zov_syncExitExcl(store.writeLock);
+}
 
 // --- Changing again what was changed elsewhere ---------------------------
 
 // Calls visit(key) for every key in the log until it gives something else than kOkay.
 template <typename Visit>
 Status walkKeys(const Transaction &transaction, Visit visit) {
-  uint8_t entry[2 + kMaxKeyBytes];
   Status status = Status::kOkay;
-  for (int64_t at = 0; at < transaction.logBytes && status == Status::kOkay;) {
-    if (!readAll(transaction.log, at, entry, 2) ||
-        !readAll(transaction.log, at + 2, entry + 2, get<uint16_t>(entry))) {
-      return failed(Status::kFailed, "the keys of a transaction cannot be read");
-    }
-    status = visit(Text{reinterpret_cast<char *>(entry + 2), get<uint16_t>(entry)});
-    at += 2 + get<uint16_t>(entry);
+  for (uint32_t at = 0; at < transaction.logBytes && status == Status::kOkay;) {
+    const uint8_t *entry = transaction.log + at;
+    const Text key = {reinterpret_cast<const char *>(entry) + 2, get<uint16_t>(entry)};
+    status = visit(key);
+    at += 2 + key.length;
   }
   return status;
 }
 
-// Whether two views show the same record of a key, or both none.
-Status compareRecords(const View &first, const View &second, Text key, bool &equal) {
+// kConflict unless two views show the same record of a key, or both none.
+Status compareRecords(const View &first, const View &second, Text key) {
   Cursor one;
   Cursor other;
   const Status found = seekKey(one, first, key);
   const Status alsoFound = seekKey(other, second, key);
-  equal =
-      found == alsoFound && (found == Status::kMissing || valueLength(one) == valueLength(other));
   Status status = found == Status::kFailed ? found : alsoFound;
+  bool equal =
+      found == alsoFound && (found != Status::kOkay || valueLength(one) == valueLength(other));
   Text piece = {"", 1};
   while (equal && status == Status::kOkay && piece.length > 0) {
     Text same = {};
@@ -50,118 +85,37 @@ Status compareRecords(const View &first, const View &second, Text key, bool &equ
     status = status == Status::kOkay ? readValue(other, same) : status;
     equal = compareTexts(piece, same) == 0;
   }
-  return status == Status::kFailed ? status : Status::kOkay;
-}
-
-Status findConflict(const Transaction &from, const Transaction &target) {
-  return walkKeys(from, [&](Text key) {
-    bool equal = false;
-    const Status status = compareRecords(from.base, target.view, key, equal);
-    if (status != Status::kOkay || equal) {
-      return status;
-    }
-    return failed(Status::kConflict, "\"%.*s\" was changed since the transaction began",
-                  static_cast<int>(key.length), key.bytes);
-  });
-}
-
-Status applyChanges(const Transaction &from, Transaction &target) {
-  return walkKeys(from, [&](Text key) {
-    Cursor cursor;
-    const Status found = seekKey(cursor, from.view, key);
-    if (found == Status::kOkay) {
-      return copyRecord(target, cursor);
-    }
-    const Status removed = found == Status::kMissing ? removeRecord(target, key) : found;
-    return removed == Status::kMissing ? Status::kOkay : removed;
-  });
-}
-
-Status merge(const Transaction &from, Transaction &target) {
-  if (from.logTooLong) {
-    return failed(Status::kConflict, "others committed since this large transaction began");
+  if (status == Status::kFailed || equal) {
+    return status == Status::kFailed ? status : Status::kOkay;
   }
-  Status status = from.mode == Mode::kSnapshot ? findConflict(from, target) : Status::kOkay;
+  return failed(Status::kConflict, "\"%.*s\" was changed since the transaction began",
+                static_cast<int>(key.length), key.bytes);
+}
+
+Status applyChange(const Transaction &from, Transaction &target, Text key) {
+  Cursor cursor;
+  const Status found = seekKey(cursor, from.view, key);
+  if (found == Status::kOkay) {
+    return copyRecord(target, cursor);
+  }
+  const Status removed = found == Status::kMissing ? removeRecord(target, key) : found;
+  return removed == Status::kMissing ? Status::kOkay : removed;
+}
+
+// A failure on the way makes the target fail.
+Status merge(const Transaction &from, Transaction &target) {
+  if (from.logEnded) {
+    return failed(Status::kConflict, "others wrote while this large transaction was under way");
+  }
+  Status status = Status::kOkay;
+  if (from.mode == Mode::kSnapshot) {
+    status = walkKeys(from, [&](Text key) { return compareRecords(from.base, target.view, key); });
+  }
   if (status == Status::kOkay) {
-    status = applyChanges(from, target);
+    status = walkKeys(from, [&](Text key) { return applyChange(from, target, key); });
     target.failed = status != Status::kOkay;
   }
   return status;
-}
-
-// --- Writing -------------------------------------------------------------
-
-// Writes a copy of a pinned page to its place.
-bool writeCopy(Transaction &transaction, const Frame &frame, uint64_t place) {
-  Cache &cache = transaction.store->cache;
-  Frame *placed = pinPage(cache, *transaction.view.file, place, &transaction.scratch);
-  if (placed == nullptr) {
-    return false;
-  }
-  memcpy(placed->bytes, frame.bytes, kPageBytes);
-  put(placed->bytes + 8, place);
-  const bool written = writePage(cache, *placed);
-  unpin(placed);
-  return written;
-}
-
-uint64_t placeFor(Transaction &transaction, uint64_t number) {
-  return (number & kScratchBit) != 0 ? takePlace(transaction) : number;
-}
-
-// Each page of a chain has to know the place of the next one. Those that took a place
-// when they were made stand behind the others, and are written.
-bool placeChain(Transaction &transaction, uint64_t &first) {
-  uint64_t number = first;
-  uint64_t place = first = placeFor(transaction, number);
-  bool written = true;
-  while (written && (number & kScratchBit) != 0) {
-    Frame *frame = pinChain(transaction.view, number);
-    if (frame == nullptr) {
-      return false;
-    }
-    number = nextOf(frame->bytes);
-    const uint64_t next = placeFor(transaction, number);
-    put(frame->bytes + kHeaderBytes, next);
-    written = writeCopy(transaction, *frame, place);
-    unpin(frame);
-    place = next;
-  }
-  return written;
-}
-
-// Places what is below a page, then the page. Goes down at most kMaxDepth levels.
-bool placeTree(Transaction &transaction, uint64_t &number, uint32_t level) {
-  if (!isOwn(transaction, number)) {
-    return true;
-  }
-  Frame *frame = pinNode(transaction.view, number, level);
-  if (frame == nullptr) {
-    return false;
-  }
-  bool placed = true;
-  for (uint32_t index = 0; placed && index < countOf(frame->bytes); ++index) {
-    Bytes cell = cellOf(frame->bytes, index);
-    if (level == 0 && !isChained(cell)) {
-      continue;
-    }
-    Bytes link = level == 0 ? valueOf(cell) : cell + 8;
-    uint64_t child = get<uint64_t>(link);
-    placed = level == 0 ? placeChain(transaction, child) : placeTree(transaction, child, level - 1);
-    if (child != get<uint64_t>(link)) {
-      put(link, child);
-      frame->dirty.store(true, std::memory_order_relaxed);
-    }
-  }
-  const uint64_t place = placed ? placeFor(transaction, number) : number;
-  if (place != number) {
-    placed = placed && writeCopy(transaction, *frame, place);
-  } else if (frame->dirty.load(std::memory_order_relaxed)) {
-    placed = placed && writePage(transaction.store->cache, *frame);
-  }
-  number = place;
-  unpin(frame);
-  return placed;
 }
 
 // --- Committing ----------------------------------------------------------
@@ -171,139 +125,123 @@ Status refuseBroken() {
                 "a sync failed: changes are refused until the database is opened again");
 }
 
-void setResult(Transaction &transaction, Status status) {
+void decide(Transaction &transaction, Status status) {
   transaction.result = status;
   zov_strncpyZ(transaction.reason, problem(), sizeof transaction.reason);
-  transaction.decided = true;
 }
 
-// The transaction whose tree all others are put into: one that began with the newest
-// view, or a new one.
-Transaction *findTarget(Store &store, Transaction *group) {
-  Transaction *target = nullptr;
-  for (Transaction *each = group; each != nullptr; each = each->next) {
-    if (each->base.number == store.newest.number && (target == nullptr || each->logTooLong)) {
-      target = each;
+// Writes the pages that are not yet in their places. Some of those in memory may have left
+// the tree before they were ever stored.
+bool writePages(Transaction &transaction) {
+  const PageFile &file = *transaction.view.file;
+  for (Step &step : transaction.path.steps) {
+    if (step.changed && !storePage(transaction, step.page)) {
+      return false;
+    }
+    step.changed = false;
+  }
+  const uint64_t end = transaction.first + transaction.inMemory;
+  zov_fileSetSize(transaction.pages, offsetOf(transaction, end));
+  for (uint64_t number = transaction.first; number < end; ++number) {
+    Page page;
+    if (!readAll(transaction.pages, offsetOf(transaction, number), page.bytes, kPageBytes)) {
+      return fail("the pages of a transaction cannot be read");
+    }
+    page.stamp(number, transaction.base.number + 1);
+    if (!writePage(transaction.store->cache, file, page)) {
+      return false;
     }
   }
-  if (target == nullptr) {
-    beginOn(store, store.newest, Mode::kExclusive, &target);
-  }
-  return target;
-}
-
-Status writeGroup(Store &store, Transaction *target) {
-  if (store.broken.load()) {
-    return refuseBroken();
-  }
-  if (target == nullptr || target->failed) {
-    return Status::kFailed;
-  }
-  const Status status = target->view.changes > 0 ? writeTransaction(*target) : Status::kOkay;
-  if (status == Status::kOkay) {
-    publish(*target);
-  }
-  return status;
+  return true;
 }
 
 // Commits a group. writeLock.
 void commitGroup(Store &store, Transaction *group) {
-  Transaction *target = findTarget(store, group);
-  bool own = target != nullptr;
-  for (Transaction *each = group; each != nullptr; each = each->next) {
-    own = own && each != target;
-    if (target != nullptr && each != target && !target->failed) {
-      setResult(*each, merge(*each, *target));
+  Transaction *target = group;
+  if (!isNext(*group) && beginOn(store, store.newest, Mode::kExclusive, &target) != Status::kOkay) {
+    target = nullptr;
+  }
+  for (Transaction *each = group; each != nullptr; each = each->other) {
+    if (each != target) {
+      decide(*each, target == nullptr || target->failed ? Status::kFailed : merge(*each, *target));
     }
   }
-  const Status status = writeGroup(store, target);
-  for (Transaction *each = group; each != nullptr; each = each->next) {
-    if (!each->decided || (each->result == Status::kOkay && status != Status::kOkay)) {
-      setResult(*each, status);
+  Status status = target == nullptr || target->failed ? Status::kFailed : Status::kOkay;
+  if (status == Status::kOkay && target->view.changes > 0) {
+    status = store.broken ? refuseBroken() : writeTransaction(*target);
+  }
+  for (Transaction *each = group; each != nullptr; each = each->other) {
+    if (each == target || (each->result == Status::kOkay && status != Status::kOkay)) {
+      decide(*each, status);
     }
   }
-  if (own) {
+  if (status == Status::kOkay && target->view.changes > 0) {
+    publish(*target);
+  }
+  if (target != nullptr && target != group) {
     endTransaction(target);
   }
 }
 
-// Waits until the transaction is committed by somebody, or is the one to commit all
-// that wait.
-Transaction *joinGroup(Store &store, Transaction &transaction) {
-  pthread_mutex_lock(&store.queueLock);
-  Transaction **last = &store.waiting;
-  while (*last != nullptr) {
-    last = &(*last)->next;
+// Waits until somebody has committed the transaction, or is the one to commit all that
+// wait.
+void commitWithOthers(Store &store, Transaction &transaction) {
+  pthread_mutex_lock(&store.stateLock);
+  transaction.other = store.waiting;
+  store.waiting = &transaction;
+  while (!transaction.decided && store.leading) {
+    pthread_cond_wait(&store.groupEnded, &store.stateLock);
   }
-  *last = &transaction;
-  while (!transaction.done && store.leading) {
-    pthread_cond_wait(&store.groupEnded, &store.queueLock);
-  }
-  Transaction *group = nullptr;
-  if (!transaction.done) {
-    group = store.waiting;
+  if (!transaction.decided) {
+    Transaction *group = store.waiting;
     store.waiting = nullptr;
     store.leading = true;
+    pthread_mutex_unlock(&store.stateLock);
+    zov_syncEnterExcl(store.writeLock);
+    commitGroup(store, group);
+    zov_syncExitExcl(store.writeLock);
+    pthread_mutex_lock(&store.stateLock);
+    for (Transaction *each = group; each != nullptr; each = each->other) {
+      each->decided = true;
+    }
+    store.leading = false;
+    pthread_cond_broadcast(&store.groupEnded);
   }
-  pthread_mutex_unlock(&store.queueLock);
-  return group;
-}
-
-void dismissGroup(Store &store, Transaction *group) {
-  pthread_mutex_lock(&store.queueLock);
-  for (; group != nullptr; group = group->next) {
-    group->done = true;
-  }
-  store.leading = false;
-  pthread_cond_broadcast(&store.groupEnded);
-  pthread_mutex_unlock(&store.queueLock);
+  pthread_mutex_unlock(&store.stateLock);
 }
 
 }  // namespace
 
 Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
-  assert(view.file != nullptr);
   auto *transaction = static_cast<Transaction *>(
       zov_getMem(sizeof(Transaction), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
-  ZOV_FILE scratch = openMemory();
-  if (transaction == nullptr || scratch == nullptr) {
+  ZOV_FILE pages = openMemory();
+  if (transaction == nullptr || pages == nullptr) {
     zov_freeMem(transaction, store.tag);
-    closeFile(scratch);
+    closeFile(pages);
     return failed(Status::kFailed, "there is not enough memory for a transaction");
   }
+  const bool alone = mode == Mode::kExclusive;
   transaction->store = &store;
   transaction->mode = mode;
-  transaction->logTooLong = mode == Mode::kExclusive;
+  transaction->placed = transaction->logEnded = alone;
   transaction->base = transaction->view = view;
-  transaction->view.scratch = &transaction->scratch;
-  transaction->scratch.handle = scratch;
-  transaction->scratch.path = view.file->path;
-  view.file->users.fetch_add(1);
+  transaction->view.transaction = transaction;
+  transaction->pages = pages;
+  transaction->first = transaction->next = alone ? freePlace(store, *view.file) : view.end;
+  ++view.file->users;
   *out = transaction;
   return Status::kOkay;
 }
 
-// Places are given back when nothing of the transaction can be written there any more.
 void endTransaction(Transaction *transaction) {
   Store &store = *transaction->store;
-  if (transaction->spilled || transaction->scratchPages > store.cache.shardFrames) {
-    forgetFile(store.cache, transaction->scratch);
-  }
-  for (uint64_t page = 0; !transaction->spilled && page < transaction->scratchPages; ++page) {
-    forgetPage(store.cache, transaction->scratch, kScratchBit | page);
-  }
-  store.scratchPages.fetch_sub(transaction->scratchPages);
-  zov_syncEnterExcl(store.stateLock);
-  PageFile &file = *transaction->base.file;
-  const bool mayBeKept = transaction->decided && (transaction->result == Status::kOkay ||
-                                                  transaction->result == Status::kUnknown);
-  if (!mayBeKept && transaction->firstPlace + transaction->places == file.end) {
-    file.end = transaction->firstPlace;
-  }
-  zov_syncExitExcl(store.stateLock);
-  closeFile(transaction->scratch.handle);
-  closeFile(transaction->log);
-  closePageFile(store, &file);
+  PageFile *file = transaction->base.file;
+  store.dirtyPages -= static_cast<uint32_t>(transaction->inMemory);
+  file->claims -= transaction->claims ? 1 : 0;
+  closeFile(transaction->pages);
+  zov_freeMem(transaction->log, store.tag);
+  closePageFile(store, file);
   zov_freeMem(transaction, store.tag);
 }
 
@@ -311,20 +249,19 @@ void endTransaction(Transaction *transaction) {
 Status writeTransaction(Transaction &transaction) {
   Store &store = *transaction.store;
   View &view = transaction.view;
-  if (view.depth > 0 && !placeTree(transaction, view.root, view.depth - 1)) {
+  const bool known = view.file == store.newest.file;
+  if (!writePages(transaction)) {
     return Status::kFailed;
   }
-  zov_syncEnterExcl(store.stateLock);
-  view.end = view.file->end;
-  zov_syncExitExcl(store.stateLock);
   ++view.number;
-  const bool known = view.file == store.newest.file;
+  view.end = transaction.next;
+  view.file->end = std::max(view.file->end, view.end);
   if (!syncFile(store, *view.file)) {
-    store.broken.store(known);
+    store.broken = known;
     return Status::kFailed;
   }
   if (!writeMeta(store, view) || !syncFile(store, *view.file)) {
-    store.broken.store(known);
+    store.broken = known;
     return failed(Status::kUnknown,
                   "\"%s\" could not be synced: whether the changes were kept shows when it is "
                   "opened again",
@@ -335,80 +272,66 @@ Status writeTransaction(Transaction &transaction) {
 
 void publish(Transaction &transaction) {
   Store &store = *transaction.store;
-  zov_syncEnterExcl(store.stateLock);
+  pthread_mutex_lock(&store.stateLock);
   PageFile *old = store.newest.file;
   store.newest = transaction.view;
-  store.newest.scratch = nullptr;
-  store.newest.file->users.fetch_add(1);
-  zov_syncExitExcl(store.stateLock);
+  store.newest.transaction = nullptr;
+  store.newest.file->kept = store.newest.end;
+  ++store.newest.file->users;
+  pthread_mutex_unlock(&store.stateLock);
   closePageFile(store, old);
-  setResult(transaction, Status::kOkay);
-}
-
-Status copyRecord(Transaction &transaction, Cursor &cursor) {
-  Writer writer;
-  startValue(writer, transaction);
-  Text piece = {"", 1};
-  while (piece.length > 0) {
-    Status status = readValue(cursor, piece);
-    status = status == Status::kOkay ? appendValue(writer, piece) : status;
-    if (status != Status::kOkay) {
-      return status;
-    }
-  }
-  return putValue(writer, keyOf(cursor));
-}
-
-uint64_t takePlace(Transaction &transaction) {
-  Store &store = *transaction.store;
-  zov_syncEnterExcl(store.stateLock);
-  const uint64_t place = transaction.view.file->end++;
-  zov_syncExitExcl(store.stateLock);
-  if (place != transaction.firstPlace + transaction.places) {
-    transaction.firstPlace = place;
-    transaction.places = 0;
-  }
-  ++transaction.places;
-  return place;
 }
 
 uint64_t takeNumber(Transaction &transaction) {
   Store &store = *transaction.store;
-  if (!transaction.spilled && store.scratchPages.fetch_add(1) < store.scratchLimit) {
-    return kScratchBit | transaction.scratchPages++;
+  if (!transaction.claims && ++store.dirtyPages <= store.dirtyLimit) {
+    ++transaction.inMemory;
+    return transaction.next++;
   }
-  if (!transaction.spilled) {
-    store.scratchPages.fetch_sub(1);
-    transaction.spilled = true;
+  store.dirtyPages -= transaction.claims ? 0 : 1;
+  if (transaction.next >= transaction.claimed) {
+    claimPlaces(transaction);
   }
-  return takePlace(transaction);
+  return transaction.next++;
 }
 
-Frame *newPage(Transaction &transaction, Kind kind, uint32_t level, uint64_t number) {
-  PageFile &file = (number & kScratchBit) != 0 ? transaction.scratch : *transaction.view.file;
-  Frame *frame = pinPage(transaction.store->cache, file, number, &transaction.scratch);
-  if (frame != nullptr) {
-    initPage(frame->bytes, kind, level, number, transaction.base.number + 1);
-    frame->dirty.store(true, std::memory_order_relaxed);
-    transaction.view.live += kind == Kind::kChain ? 0 : 1;
+bool storePage(Transaction &transaction, Page &page) {
+  const uint64_t number = page.number();
+  if (!isInMemory(transaction, number)) {
+    return writePage(transaction.store->cache, *transaction.view.file, page);
   }
-  return frame;
+  return writeAll(transaction.pages, offsetOf(transaction, number), page.bytes, kPageBytes) ||
+         fail("there is not enough memory for a transaction");
+}
+
+bool readOwn(const Transaction &transaction, uint64_t number, uint32_t level, Page &page) {
+  const Step &step = transaction.path.steps[level];
+  if (step.number == number) {
+    page = step.page;
+    return true;
+  }
+  if (!isInMemory(transaction, number)) {
+    return readPage(transaction.store->cache, *transaction.view.file, number, page, true);
+  }
+  return readAll(transaction.pages, offsetOf(transaction, number), page.bytes, kPageBytes) ||
+         fail("the pages of a transaction cannot be read");
 }
 
 bool logKey(Transaction &transaction, Text key) {
-  transaction.logTooLong = transaction.logTooLong || transaction.logBytes > kLogBytes;
-  if (transaction.logTooLong) {
+  const uint32_t at = transaction.logBytes;
+  transaction.logEnded = transaction.logEnded || at > kMaxLogBytes;
+  if (transaction.logEnded) {
     return true;
   }
-  uint8_t entry[2 + kMaxKeyBytes];
-  put(entry, static_cast<uint16_t>(key.length));
-  memcpy(entry + 2, key.bytes, key.length);
-  transaction.log = transaction.log == nullptr ? openMemory() : transaction.log;
-  if (transaction.log == nullptr ||
-      !writeAll(transaction.log, transaction.logBytes, entry, 2 + key.length)) {
+  void *log =
+      zov_extendMem(transaction.log, at + 2 + key.length, transaction.store->tag, 0, 0, ZOV_HERE);
+  if (log == nullptr) {
     return fail("there is not enough memory for a transaction");
   }
+  transaction.log = static_cast<uint8_t *>(log);
   transaction.logBytes += 2 + key.length;
+  put(transaction.log + at, static_cast<uint16_t>(key.length));
+  memcpy(transaction.log + at + 2, key.bytes, key.length);
   return true;
 }
 
@@ -421,7 +344,7 @@ MINIDB_LOCKS_SOMETIMES Status beginTransaction(Store &store, Mode mode, Transact
     zov_syncEnterExcl(store.writeLock);
   }
   View view = {};
-  Status status = store.broken.load() ? refuseBroken() : openView(store, view);
+  Status status = store.broken ? refuseBroken() : openView(store, view);
   if (status == Status::kOkay) {
     status = beginOn(store, view, mode, transaction);
     closeView(view);
@@ -440,15 +363,10 @@ Status commit(Transaction *transaction) {
   Store &store = *transaction->store;
   Status status = transaction->failed ? Status::kFailed : Status::kOkay;
   if (status == Status::kOkay && transaction->view.changes > 0) {
-    const bool alone = transaction->mode == Mode::kExclusive;
-    Transaction *group = alone ? transaction : joinGroup(store, *transaction);
-    if (group != nullptr) {
-      zov_syncEnterExcl(store.writeLock);
-      commitGroup(store, group);
-      zov_syncExitExcl(store.writeLock);
-    }
-    if (group != nullptr && !alone) {
-      dismissGroup(store, group);
+    if (transaction->mode == Mode::kExclusive) {
+      commitGroup(store, transaction);
+    } else {
+      commitWithOthers(store, *transaction);
     }
     status = transaction->result;
     if (status != Status::kOkay) {

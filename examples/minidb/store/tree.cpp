@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reading the tree: the one way down, which changes take too, cursors, and the look at
+// every page. Who goes down works on copies of the pages.
+#include "store/internal.h"
+
+namespace minidb {
+
+namespace {
+
+Step &leafOf(Cursor &cursor) {
+  return cursor.path.steps[0];
+}
+
+const Step &leafOf(const Cursor &cursor) {
+  return cursor.path.steps[0];
+}
+
+Status nextLeaf(Cursor &cursor) {
+  Step *steps = cursor.path.steps;
+  uint32_t level = 1;
+  while (level < cursor.view->depth && steps[level].index + 1 >= steps[level].page.count()) {
+    ++level;
+  }
+  if (level >= cursor.view->depth) {
+    return Status::kMissing;
+  }
+  ++steps[level].index;
+  for (; level > 0; --level) {
+    const uint64_t child = steps[level].page.child(steps[level].index);
+    if (!enterPage(*cursor.view, cursor.path, level - 1, child)) {
+      return Status::kFailed;
+    }
+    steps[level - 1].index = 0;
+  }
+  return Status::kOkay;
+}
+
+// Goes to the leaf of a key and the first record there that is not below it.
+Status place(Cursor &cursor, Text key) {
+  const uint32_t depth = cursor.view->depth;
+  for (uint32_t level = 0; level < depth; ++level) {
+    cursor.path.steps[level].number = 0;
+    cursor.path.steps[level].changed = false;
+  }
+  cursor.path.entered = 0;
+  cursor.changes = cursor.view->changes;
+  return !descend(*cursor.view, key, cursor.path) ? Status::kFailed
+         : depth == 0                             ? Status::kMissing
+                                                  : Status::kOkay;
+}
+
+// Ends a move: goes on to the next leaf behind the last record of this one, and looks
+// at the end of the range.
+Status arrive(Cursor &cursor) {
+  Status status = Status::kOkay;
+  if (leafOf(cursor).index == leafOf(cursor).page.count()) {
+    status = nextLeaf(cursor);
+  }
+  if (status != Status::kOkay) {
+    return status;
+  }
+  if (cursor.range.to.bytes != nullptr && compareTexts(keyOf(cursor), cursor.range.to) > 0) {
+    return Status::kMissing;
+  }
+  cursor.remaining = valueLength(cursor);
+  cursor.chain = leafOf(cursor).page.chain(leafOf(cursor).index);
+  return Status::kOkay;
+}
+
+Status seek(Cursor &cursor, const View &view, Range range, bool strict) {
+  cursor.view = &view;
+  cursor.range = range;
+  cursor.path.strict = strict;
+  const Status status = place(cursor, range.from);
+  return status == Status::kOkay ? arrive(cursor) : status;
+}
+
+// The number of records below a key, those of the key itself included or not.
+Status rankOf(const View &view, Text key, bool included, uint64_t &rank) {
+  Path path = {};
+  rank = 0;
+  if (!descend(view, key, path)) {
+    return Status::kFailed;
+  }
+  for (uint32_t level = 0; level < view.depth; ++level) {
+    rank += path.steps[level].page.sumRecords(path.steps[level].index);
+  }
+  rank += included && path.found ? 1 : 0;
+  return Status::kOkay;
+}
+
+// Whether the key of a cursor is above the last one, and what leads to its leaf between
+// the two.
+bool isInOrder(const Cursor &cursor, Text last) {
+  const Step *steps = cursor.path.steps;
+  uint32_t level = 0;
+  while (level < cursor.view->depth && steps[level].index == 0) {
+    ++level;
+  }
+  if (level == 0 || level == cursor.view->depth) {
+    return last.bytes == nullptr || compareTexts(last, keyOf(cursor)) < 0;
+  }
+  const Text between = steps[level].page.key(steps[level].index);
+  return compareTexts(last, between) < 0 && compareTexts(between, keyOf(cursor)) <= 0;
+}
+
+// Looks at the record that a cursor stands on. `last` takes the place of its key.
+Status checkRecord(Cursor &cursor, Text &last, char *bytes) {
+  const Step &leaf = leafOf(cursor);
+  if (!isInOrder(cursor, last)) {
+    return failed(Status::kFailed, "page %llu is damaged: its keys are out of order",
+                  static_cast<unsigned long long>(leaf.number));
+  }
+  last = {bytes, keyOf(cursor).length};
+  memcpy(bytes, keyOf(cursor).bytes, last.length);
+  cursor.path.entered += leaf.page.chainPages(leaf.index);
+  Status status = Status::kOkay;
+  for (Text piece = {"", 1}; status == Status::kOkay && piece.length > 0;) {
+    status = readValue(cursor, piece);
+  }
+  return status;
+}
+
+}  // namespace
+
+bool fetchPage(const View &view, uint64_t number, Kind kind, uint32_t level, Page &page,
+               bool afresh) {
+  const bool own = view.transaction != nullptr && number >= view.end;
+  const bool there = number >= kFirstPage && (own || number < view.end);
+  if (there && !(own ? readOwn(*view.transaction, number, level, page)
+                     : readPage(view.store->cache, *view.file, number, page, !afresh))) {
+    return false;
+  }
+  return (there && page.kind() == kind && page.level() == level &&
+          (own || page.commit() <= view.number)) ||
+         fail("\"%s\" is damaged: page %llu is not what leads there says", view.file->path,
+              static_cast<unsigned long long>(number));
+}
+
+bool enterPage(const View &view, Path &path, uint32_t level, uint64_t number) {
+  Step &step = path.steps[level];
+  if (step.number == number && number != 0) {
+    return true;
+  }
+  if (step.changed && !storePage(*view.transaction, step.page)) {
+    return false;
+  }
+  step.changed = false;
+  step.number = 0;
+  const Kind kind = level == 0 ? Kind::kLeaf : Kind::kInner;
+  if (!fetchPage(view, number, kind, level, step.page, path.strict)) {
+    return false;
+  }
+  ++path.entered;
+  step.number = number;
+  const Step *above = level + 1 < view.depth ? &path.steps[level + 1] : nullptr;
+  return !path.strict ||
+         step.page.sumRecords() ==
+             (above == nullptr ? view.records : above->page.records(above->index)) ||
+         fail("page %llu is damaged: it counts other records than the page above",
+              static_cast<unsigned long long>(number));
+}
+
+bool descend(const View &view, Text key, Path &path) {
+  uint64_t number = view.root;
+  path.found = false;
+  for (uint32_t level = view.depth; level-- > 0;) {
+    if (!enterPage(view, path, level, number)) {
+      return false;
+    }
+    Step &step = path.steps[level];
+    step.index = step.page.find(key, path.found);
+    if (level > 0) {
+      step.index -= !path.found && step.index > 0 ? 1 : 0;
+      number = step.page.child(step.index);
+    }
+  }
+  return true;
+}
+
+Status seekFirst(Cursor &cursor, const View &view, Range range) {
+  return seek(cursor, view, range, false);
+}
+
+Status seekNext(Cursor &cursor) {
+  Status status = Status::kOkay;
+  bool behind = true;
+  if (cursor.changes != cursor.view->changes) {
+    char bytes[kMaxKeyBytes];
+    const Text key = {bytes, keyOf(cursor).length};
+    memcpy(bytes, keyOf(cursor).bytes, key.length);
+    status = place(cursor, key);
+    behind = cursor.path.found;
+  }
+  leafOf(cursor).index += behind ? 1 : 0;
+  return status == Status::kOkay ? arrive(cursor) : status;
+}
+
+Text keyOf(const Cursor &cursor) {
+  return leafOf(cursor).page.key(leafOf(cursor).index);
+}
+
+uint32_t valueLength(const Cursor &cursor) {
+  return leafOf(cursor).page.valueBytes(leafOf(cursor).index);
+}
+
+Status readValue(Cursor &cursor, Text &piece) {
+  piece = {"", 0};
+  if (cursor.remaining == 0) {
+    return Status::kOkay;
+  }
+  const uint8_t *bytes = leafOf(cursor).page.value(leafOf(cursor).index);
+  uint32_t length = cursor.remaining;
+  if (cursor.chain != 0) {
+    const Page &page = cursor.piece;
+    if (!fetchPage(*cursor.view, cursor.chain, Kind::kChain, 0, cursor.piece, cursor.path.strict)) {
+      return Status::kFailed;
+    }
+    bytes = page.bytes + kChainStart;
+    length = std::min(length, kChainBytes);
+    cursor.chain = page.next();
+    if (page.lowest() != length || (cursor.chain == 0) != (length == cursor.remaining)) {
+      return failed(Status::kFailed, "\"%s\" is damaged: a value has another length",
+                    cursor.view->file->path);
+    }
+  }
+  cursor.remaining -= length;
+  piece = {reinterpret_cast<const char *>(bytes), length};
+  return Status::kOkay;
+}
+
+Status countRange(const View &view, Range range, uint64_t &count) {
+  uint64_t below = 0;
+  Status status = Status::kOkay;
+  count = view.records;
+  if (range.to.bytes != nullptr) {
+    status = rankOf(view, range.to, true, count);
+  }
+  if (range.from.bytes != nullptr && status == Status::kOkay) {
+    status = rankOf(view, range.from, false, below);
+  }
+  count = count > below ? count - below : 0;
+  return status;
+}
+
+Status checkView(const View &view, Progress progress) {
+  using Number = unsigned long long;
+  Cursor cursor;
+  Text last = {};
+  char bytes[kMaxKeyBytes];
+  uint64_t records = 0;
+  Status status = seek(cursor, view, {}, true);
+  while (status == Status::kOkay) {
+    if (leafOf(cursor).index == 0 && !goesOn(progress, records)) {
+      return failed(Status::kRefused, "the check was stopped");
+    }
+    ++records;
+    status = checkRecord(cursor, last, bytes);
+    status = status == Status::kOkay ? seekNext(cursor) : status;
+  }
+  if (status == Status::kMissing && (cursor.path.entered != view.live || records != view.records)) {
+    return failed(
+        Status::kFailed, "%llu pages and %llu records are in use, but %llu and %llu were counted",
+        Number{cursor.path.entered}, Number{records}, Number{view.live}, Number{view.records});
+  }
+  return status == Status::kMissing ? Status::kOkay : status;
+}
+
+}  // namespace minidb
