@@ -2,7 +2,6 @@
 //
 // Pools: what is given out again, what goes back to the tag, shortages, and
 // chunks that wander between pools and threads.
-#include <string_view>
 
 #include "support/faults.h"
 
@@ -84,30 +83,6 @@ TEST_F(Pool, AdoptsTheChunksOfOthers) {
   memset(chunk, 'y', 16);
   EXPECT_EQ(outputOf([&] { zov_putInPool(chunk, mine); }), "") << "it is at home now";
   zov_zFreePool(&mine);
-}
-
-// Each thread fills its chunks with its own pattern, and nobody may find
-// another's in them. Blocks move between the pool's tag and another meanwhile.
-TEST_F(Pool, ServesManyThreads) {
-  const int64_t before = zovtest::liveBlocks();
-  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
-  ZOV_POOL pool = zov_allocPool(tag, 0, 1);
-  zovtest::onThreads(3, [pool, tag](uint32_t id) {
-    std::string_view held[16];
-    for (uint32_t step = 0; step < 5000; ++step) {
-      std::string_view &chunk = held[step % 16];
-      ASSERT_EQ(chunk, std::string(chunk.size(), static_cast<char>(id)));
-      zov_putInPool(const_cast<char *>(chunk.data()), pool);
-      chunk = {get(pool, step * 7 % 300), step * 7 % 300};
-      memset(const_cast<char *>(chunk.data()), static_cast<int>(id), chunk.size());
-      void *block = zov_getMem(8, tag, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
-      zov_moveMemTag(block, ZOV_DEFAULT_TAG, tag);
-      zov_moveMemTag(block, tag, ZOV_DEFAULT_TAG);
-    }
-  });
-  zov_zFreePool(&pool);
-  zov_freeTagMemory(tag, 1);
-  EXPECT_EQ(zovtest::liveBlocks(), before) << "a block was lost between the tags";
 }
 
 }  // namespace

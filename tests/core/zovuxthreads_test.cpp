@@ -37,22 +37,6 @@ ZOV_SYNC newEvent() {
   return zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
 }
 
-TEST_F(Sync, MutexIsRecursiveAndExclusive) {
-  const ZOV_SYNC mutex = newMutex();
-  int guarded = 0;
-  zovtest::onThreads(4, [&](uint32_t) {
-    for (int step = 0; step < 20000; ++step) {
-      zov_syncEnterExcl(mutex);
-      zov_syncEnterExcl(mutex);
-      const int found = ++guarded;
-      zov_syncExitExcl(mutex);
-      EXPECT_EQ(guarded++, found) << "let in before the last exit";
-      zov_syncExitExcl(mutex);
-    }
-  });
-  EXPECT_EQ(guarded, 4 * 20000 * 2);
-}
-
 TEST_F(Sync, EventStaysAsItWasSet) {
   const ZOV_SYNC event = newEvent();
   EXPECT_EQ(zov_syncWait(event, 0), ZOV_OKAY) << "created signalled";

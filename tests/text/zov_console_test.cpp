@@ -211,34 +211,4 @@ TEST_F(Console, ShortMemoryIsSurvived) {
   EXPECT_EQ(output.find("Out of memory. Called from zov_stream"), 0u) << output;
 }
 
-// Every record of every thread arrives whole, and those of one thread in order.
-TEST_F(Console, ThreadsDoNotMixTheirRecords) {
-  constexpr int kThreads = 4;
-  constexpr int kRecords = 100;
-  zov_background = 1;
-  ASSERT_EQ(zov_log_open(at("log").c_str()), ZOV_OKAY);
-  zovtest::onThreads(kThreads, [](uint32_t thread) {
-    for (int record = 0; record < kRecords; ++record) {
-      if (record % 2 == 0) {
-        zov_log("%u/%d %s\n", thread, record, std::string(600, 'z').c_str());
-      } else {
-        ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
-        zov_log_chunk(chunk, "%u/", thread);
-        zov_log_chunk_end(chunk, "%d %s\n", record, "z");
-      }
-    }
-  });
-  zov_log_close();
-  int next[kThreads] = {};
-  const std::string text = readFile(at("log"));
-  const std::regex line(std::string(kStamp) + R"((\d+)/(\d+) z+\n)");
-  size_t covered = 0;
-  for (std::sregex_iterator match(text.begin(), text.end(), line), end; match != end; ++match) {
-    covered += static_cast<size_t>(match->length());
-    EXPECT_EQ(std::stoi((*match)[2]), next[std::stoi((*match)[1])]++);
-  }
-  EXPECT_EQ(covered, text.size());
-  EXPECT_EQ(std::count(std::begin(next), std::end(next), kRecords), kThreads);
-}
-
 }  // namespace

@@ -1,0 +1,370 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Threads at work on all families at once, for ZOV_SOAK_SECONDS or two. They do jobs at
+// random, in rounds, and keep an account of each message, block, byte, record and thread;
+// after each round the sums have to agree and nothing may be left of it.
+#include <chrono>
+#include <set>
+#include <sstream>
+
+#include "expression_tables.h"
+#include "support/faults.h"
+#include "support/route_file.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using std::string;
+using std::to_string;
+using Sum = std::atomic<uint64_t>;
+
+constexpr uint32_t kThreads = 8;
+constexpr uint32_t kFileBytes = 5000 * kThreads;
+constexpr uint16_t kRoutes[] = {0, ZOV_FILE_MEMORY};
+
+// What the threads of a round share, and their accounts.
+struct Round {
+  const string dir;
+  const ZOV_TAG tag = zov_createTagEx(nullptr, ZOV_TAG_THREADSAFE, ZOV_HERE);
+  ZOV_POOL pool = zov_allocPool(tag, 0, 1);
+  const ZOV_QUEUE queue = zov_queueCreate("soak");
+  const ZOV_SYNC mutex = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
+  const ZOV_SYNC event = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
+  ZOV_FILE files[2] = {};
+  std::atomic<uint64_t *> held[2][8] = {};  // of the tag, of the pool
+  uint64_t guarded = 0;                     // by the mutex
+  int32_t settings[2][kThreads] = {};
+  Sum entered{0}, sent{0}, received{0}, bytes{0}, logged{0}, printed{0}, appended[2]{};
+  Sum started{kThreads}, ended{0}, jobs{0};
+
+  string path(const char *name, uint32_t number) const { return dir + name + to_string(number); }
+};
+
+struct Worker {
+  Round &round;
+  const uint32_t id;
+  std::mt19937_64 random;
+  uint32_t records = 0;
+  uint32_t messages = 0;
+  uint32_t next[kThreads] = {};  // by writer, the least number of its next message
+  uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random() % limit); }
+};
+
+bool isUniform(const string &bytes) {
+  return bytes.find_first_not_of(bytes[0]) == string::npos;
+}
+
+void release(Round &round, bool isPooled, uint64_t *block) {
+  if (block != nullptr) {
+    EXPECT_TRUE(isUniform(string(reinterpret_cast<char *>(block + 1), *block)));
+    round.bytes -= *block;
+    isPooled ? zov_putInPool(block, round.pool) : zov_freeMem(block, round.tag);
+  }
+}
+
+// Makes a block, and releases one that another thread may have made.
+void allocate(Round &round, Worker &self) {
+  const bool isPooled = self.below(2) == 0;
+  const uint64_t length = self.below(700);
+  void *block = isPooled ? zov_getMemFromPool(length + 8, round.pool, 0, nullptr, ZOV_HERE)
+                         : zov_getMem(8, ZOV_DEFAULT_TAG, ZOV_MEM_PLAIN, nullptr, ZOV_HERE);
+  if (!isPooled) {
+    block = zov_extendMem(block, length + 8, ZOV_DEFAULT_TAG, 0, length, ZOV_HERE);
+    zov_moveMemTag(block, round.tag, ZOV_DEFAULT_TAG);
+  }
+  uint64_t *const mine = static_cast<uint64_t *>(block);
+  *mine = length;
+  memset(mine + 1, static_cast<int>(self.id), length);
+  round.bytes += length;
+  release(round, isPooled, round.held[isPooled][self.below(8)].exchange(mine));
+}
+
+// Messages of one writer are read in its order. Some come from threads of their own.
+void receive(Round &round, uint32_t (&next)[kThreads], uint32_t waitMs) {
+  uint64_t data = 0;
+  uint32_t number = 0, writer = kThreads;
+  if (zov_queueRead(round.queue, &data, &number, &writer, waitMs) == ZOV_OKAY) {
+    EXPECT_TRUE(writer == kThreads || number >= std::exchange(next[writer], number + 1));
+    round.received += data;
+  }
+}
+
+void message(Round &round, Worker &self) {
+  const auto sendOne = [](void *shared) -> void * {
+    zov_queueWrite(static_cast<Round *>(shared)->queue, 1, 0, kThreads, ZOV_QUEUE_FRONT);
+    ++static_cast<Round *>(shared)->ended;
+    zov_threadEnd();
+  };
+  const uint64_t data = self.random() >> 40;
+  round.sent += data + 1;
+  ++round.started;
+  EXPECT_EQ(zov_threadBegin(sendOne, 0, &round), ZOV_OKAY);
+  zov_queueWrite(round.queue, data, self.messages++, self.id, 0);
+  receive(round, self.next, self.below(2));
+}
+
+void synchronise(Round &round, Worker &self) {
+  for (uint32_t left = 5; left > 0; --left, ++round.entered) {
+    zov_syncEnterExcl(round.mutex);
+    zov_syncEnterExcl(round.mutex);
+    const uint64_t found = round.guarded;
+    zov_syncExitExcl(round.mutex);
+    std::this_thread::yield();
+    round.guarded = found + 1;
+    zov_syncExitExcl(round.mutex);
+  }
+  self.below(2) == 0 ? zov_syncStart(round.event) : zov_syncResume(round.event);
+  EXPECT_LE(zov_syncWait(round.event, self.below(2)), ZOV_TIMEOUT);
+  EXPECT_EQ(zov_init(), ZOV_OKAY);
+  zov_term();
+}
+
+// Each thread has a byte of a file that all have open, and all append to it.
+void transfer(Round &round, Worker &self) {
+  const uint32_t route = self.below(2);
+  ZOV_FILE file = round.files[route];
+  const char byte = static_cast<char>(self.below(256));
+  char back = '?';
+  EXPECT_EQ(zov_fileSeekWrite(file, self.id * 5000, &byte, 1), 1u);
+  EXPECT_EQ(zov_fileSeekRead(file, self.id * 5000, &back, 1), 1u);
+  EXPECT_EQ(back, byte);
+  EXPECT_EQ(zov_fileLock(file), ZOV_OKAY);
+  EXPECT_EQ(zov_fileSeekWrite(file, zov_fileLength(file), &byte, 1), 1u);
+  zov_fileUnlock(file);
+  ++round.appended[route];
+}
+
+// A copy of an own file takes a name that all fight for, and leads to a whole file.
+void replace(Round &round, Worker &self) {
+  const uint32_t from = kRoutes[self.below(2)];
+  const uint32_t to = kRoutes[self.below(2)];
+  const string path = round.path("/f", self.id), other = round.path("/g", self.id);
+  const string shared = round.path("/x", self.below(2));
+  EXPECT_TRUE(
+      zovtest::putFile(path, string(1 + self.below(9000), static_cast<char>('a' + self.id)), from));
+  EXPECT_EQ(zov_fileCopyEx(path.c_str(), from, other.c_str(), to), ZOV_OKAY);
+  EXPECT_EQ(zov_fileCmpEx(path.c_str(), from, other.c_str(), to), ZOV_OKAY);
+  EXPECT_EQ(zov_fileMoveEx(path.c_str(), from, shared.c_str(), to), ZOV_OKAY);
+  EXPECT_EQ(zov_fileMoveEx(other.c_str(), to, shared.c_str(), to), ZOV_OKAY);
+  const string found = zovtest::getFile(shared, to);
+  EXPECT_TRUE(isUniform(found)) << found;
+}
+
+void stream(Round &round, Worker &self) {
+  const string path = round.path("/s", self.id);
+  const string text = string(self.below(3000), 'x') + "\u20ac \U0001F600";
+  const uint32_t route = kRoutes[self.below(2)];
+  ZOV_STREAM out = zov_fopenEx(path.c_str(), "w", 1 + static_cast<int32_t>(self.below(2)), route);
+  std::for_each(text.begin(), text.end(), [&](char byte) { EXPECT_GE(zov_fputc(byte, out), 0); });
+  zov_fclose(out);
+  ZOV_STREAM in = zov_fopenEx(path.c_str(), "r", 0, route);
+  char found[4000];
+  EXPECT_STREQ(zov_fgets(found, sizeof found, in), text.c_str());
+  EXPECT_EQ(zov_fgets(found, sizeof found, in), nullptr);
+  zov_fclose(in);
+  EXPECT_EQ(zov_fileRemoveEx(path.c_str(), route), ZOV_OKAY);
+}
+
+void expectSetting(Round &round, uint32_t route, uint32_t id) {
+  int32_t value = 0;
+  const string path = round.path("/ini", route);
+  zov_iniInt32Ex(path.c_str(), "s", ("p" + to_string(id)).c_str(), &value, kRoutes[route]);
+  EXPECT_EQ(value, round.settings[route][id]);
+}
+
+void set(Round &round, Worker &self) {
+  const uint32_t route = self.below(2);
+  const string path = round.path("/ini", route), name = "p" + to_string(self.id);
+  const string value = to_string(round.settings[route][self.id] = int32_t(self.below(99999)));
+  EXPECT_EQ(zov_iniSetEx(path.c_str(), "s", name.c_str(), value.c_str(), kRoutes[route]), ZOV_OKAY);
+  expectSetting(round, route, self.id);
+}
+
+// Records tell their thread and their number.
+void report(Round &round, Worker &self) {
+  const string rest = string(1 + self.below(700), 'z') + ".\n";
+  const uint32_t kind = self.below(3);
+  const uint32_t number = self.records++;
+  if (kind == 2) {
+    ZOV_LOG_CHUNK chunk = zov_log_chunk_init();
+    EXPECT_GT(zov_log_chunk(chunk, "%u %u ", self.id, number), 0);
+    zov_log_chunk_end(chunk, "%s", rest.c_str());
+  } else {
+    const auto print = kind == 0 ? zov_printf : zov_log;
+    EXPECT_GT(print("%u %u %s", self.id, number, rest.c_str()), 0);
+  }
+  ++(kind == 0 ? round.printed : round.logged);
+}
+
+// Numbers, each of which is a statement of three reductions.
+void parse(Round &, Worker &self) {
+  struct Run {
+    uint32_t tokens, reduced;
+  } run = {2 * self.below(99), 0};
+  const uint32_t statements = run.tokens / 2;
+  const auto fetch = [](void *context, void *) -> int16_t {
+    uint32_t &left = static_cast<Run *>(context)->tokens;
+    return left == 0 ? int16_t{0} : left-- % 2 == 0 ? int16_t{expression_NUMBER} : int16_t{';'};
+  };
+  const auto reduce = [](void *context, void *, int32_t, void *) -> int16_t {
+    return ++static_cast<Run *>(context)->reduced, int16_t{0};
+  };
+  const ZOV_PARSE_CONTEXT context{8, &run, &expression_tables, fetch, reduce, nullptr, 0};
+  EXPECT_EQ(zov_yyparse(&context), 0);
+  EXPECT_EQ(run.reduced, 3 * statements + 1);
+}
+
+void encode(Round &, Worker &self) {
+  const auto write = [](void *channel, const void *data, uint32_t length) {
+    return static_cast<string *>(channel)->append(static_cast<const char *>(data), length), 0;
+  };
+  const auto read = [](void *channel, void *to, uint32_t capacity, uint32_t *delivered) {
+    *delivered = uint32_t(static_cast<string *>(channel)->copy(static_cast<char *>(to), capacity));
+    return 0;
+  };
+  const string sent(self.below(1000), 'b');
+  string channel;
+  char *text = nullptr;
+  ZOV_OUTPUTBUFF out = nullptr;
+  ZOV_INPUTBUFF in = nullptr;
+  EXPECT_EQ(zov_outputBuffCreate(write, &channel, 1, &out), 0);
+  EXPECT_EQ(zov_inputBuffCreate(read, nullptr, &channel, 1, &in), 0);
+  EXPECT_EQ(zov_outputBuffPutStringWithLength(out, sent.c_str()), 0);
+  EXPECT_EQ(zov_outputBuffFlush(out), 0);
+  EXPECT_EQ(zov_inputBuffGetString(in, &text), 0);
+  EXPECT_EQ(text, sent);
+  zov_freeMem(text, ZOV_DEFAULT_TAG);
+  zov_outputBuffDestroy(out);
+  zov_inputBuffDestroy(in);
+}
+
+void *runJobs(void *argument) {
+  const std::unique_ptr<Worker> self(static_cast<Worker *>(argument));
+  static constexpr void (*jobs[])(Round &, Worker &) = {
+      allocate, message, synchronise, transfer, replace, stream, set, report, parse, encode};
+  for (uint32_t left = 100; left > 0; --left, ++self->round.jobs) {
+    jobs[self->below(std::size(jobs))](self->round, *self);
+  }
+  ++self->round.ended;
+  return nullptr;
+}
+
+// Records that are whole and of each thread in order, behind stamps in the log.
+uint64_t recordsOf(const string &path) {
+  std::istringstream text(zovtest::readFile(path));
+  uint32_t next[kThreads] = {};
+  uint64_t records = 0;
+  for (string line; std::getline(text, line); ++records) {
+    uint32_t id = 0, number = 0;
+    int end = 0;
+    line.erase(0, line[0] == '[' ? line.find("  ") + 2 : 0);
+    EXPECT_EQ(sscanf(line.c_str(), "%1u %u %*[z].%n", &id, &number, &end), 2);
+    EXPECT_EQ(line.size(), static_cast<size_t>(end)) << line;
+    EXPECT_GE(number, std::exchange(next[id], number + 1));
+  }
+  return records;
+}
+
+void begin(Round &round, zovtest::Random &random) {
+  EXPECT_EQ(zov_stdout_open((round.dir + "/out").c_str()), ZOV_OKAY);
+  EXPECT_EQ(zov_log_open((round.dir + "/log").c_str()), ZOV_OKAY);
+  for (const uint32_t route : {0u, 1u}) {
+    EXPECT_TRUE(zovtest::putFile(round.path("/ini", route), "[s]\np1=0\n", kRoutes[route]));
+    EXPECT_TRUE(zovtest::putFile(round.path("/file", 0), string(kFileBytes, 'f'), kRoutes[route]));
+    round.files[route] = zov_fileOpen(round.path("/file", 0).c_str(), O_RDWR, kRoutes[route]);
+  }
+  for (uint32_t id = 0; id < kThreads; ++id) {
+    Worker *const worker = new Worker{round, id, std::mt19937_64(random())};
+    EXPECT_EQ(zov_threadBegin(runJobs, 0, worker), ZOV_OKAY);
+  }
+}
+
+// Removes all files, which have to be those that a round leaves.
+void removeFiles(Round &round, uint32_t route) {
+  const std::set<string> known = {"file0", "ini0", "ini1", "log", "out", "x0", "x1"};
+  int32_t isDirectory = 0;
+  ZOV_PATH_WALK walk = zov_pathOpenEx(round.dir.c_str(), kRoutes[route], "*");
+  while (const char *name = zov_pathNext(walk, &isDirectory)) {
+    EXPECT_EQ(known.count(name), 1 - static_cast<size_t>(isDirectory)) << name;
+    zov_fileRemoveEx((round.dir + "/" + name).c_str(), kRoutes[route]);
+  }
+  zov_pathClose(walk);
+}
+
+void settle(Round &round) {
+  while (round.ended < round.started) {
+    std::this_thread::yield();
+  }
+  uint32_t next[kThreads] = {};
+  while (zov_queueCount(round.queue) > 0) {
+    receive(round, next, 0);
+  }
+  EXPECT_EQ(round.received, round.sent);
+  EXPECT_EQ(round.guarded, round.entered);
+  for (const bool isPooled : {false, true}) {
+    for (auto &block : round.held[isPooled]) {
+      release(round, isPooled, block);
+    }
+  }
+  EXPECT_EQ(round.bytes, 0u);
+  zov_zFreePool(&round.pool);
+  zov_freeTagMemory(round.tag, 1);
+  zov_queueDelete(round.queue);
+  zov_syncDelete(round.mutex);
+  zov_syncDelete(round.event);
+  zov_stdout_close();
+  zov_log_close();
+  EXPECT_EQ(recordsOf(round.dir + "/log"), round.logged);
+  EXPECT_EQ(recordsOf(round.dir + "/out"), round.logged + round.printed);
+  for (const uint32_t route : {0u, 1u}) {
+    const uint64_t length = static_cast<uint64_t>(zov_fileLength(round.files[route]));
+    EXPECT_EQ(length, kFileBytes + round.appended[route]);
+    zov_fileClose(round.files[route]);
+    for (uint32_t id = 0; id < kThreads; ++id) {
+      expectSetting(round, route, id);
+    }
+    removeFiles(round, route);
+  }
+  zov_iniCleanup();
+}
+
+uint64_t residentKiB() {
+  uint64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+using Soak = zovtest::Started;
+
+TEST_F(Soak, AccountsAgree) {
+  using Clock = std::chrono::steady_clock;
+  const char *const seconds = getenv("ZOV_SOAK_SECONDS");
+  const auto end = Clock::now() + std::chrono::seconds(seconds == nullptr ? 2 : atoi(seconds));
+  const zovtest::TempDir dir(zovtest::quickDisk());
+  zovtest::Random random;
+  zovtest::Standing before{};
+  uint64_t resident = 0, jobs = 0;
+  uint32_t rounds = 0;
+  EXPECT_EQ(zov_queueInit(0), ZOV_OKAY);
+  // A directory in memory keeps the pages of all the names that it had at once.
+  for (int name = 0; name < 400; ++name) {
+    const string path = dir / to_string(name % 200);
+    EXPECT_EQ(name < 200 ? zovtest::putFile(path, "", ZOV_FILE_MEMORY)
+                         : zov_fileRemoveEx(path.c_str(), ZOV_FILE_MEMORY) == ZOV_OKAY,
+              true);
+  }
+  for (; !HasFailure() && (rounds < 2 || Clock::now() < end); ++rounds) {
+    Round round{dir.path()};
+    begin(round, random);
+    settle(round);
+    jobs += round.jobs;
+    before = rounds == 0 ? zovtest::standing() : before;
+    resident = rounds == 0 ? residentKiB() : resident;
+    EXPECT_EQ(zovtest::standing(), before);
+  }
+  zov_queueTerm(0);
+  printf("%u rounds, %lu jobs; %lu KiB resident after the first round, %lu KiB at the end\n",
+         rounds, jobs, resident, residentKiB());
+}
+
+}  // namespace
