@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Files in memory beside a map: they are written, cut, renamed, removed and read by
+// paths that the input puts together, and at the end a walk shows the root's.
+#include <fcntl.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "zov.h"
+
+namespace {
+
+using std::string;
+using Files = std::map<string, string>;  // by path, as it is without detours
+
+void require(bool right) {
+  if (!right) {
+    __builtin_trap();
+  }
+}
+
+string takeName(FuzzedDataProvider &input) {
+  const string names[] = {"f", "g h", ".i", string(30, 'n'), string(90, 'o')};
+  return input.PickValueInArray(names);
+}
+
+// A path and where it leads. No file has a directory's name.
+std::pair<string, string> takePath(FuzzedDataProvider &input) {
+  const string steps[] = {"a", "A", "b", ".", "..", ""};
+  std::vector<string> above = {""};
+  string path;
+  for (uint32_t count = input.ConsumeIntegralInRange(0u, 4u); count > 0; --count) {
+    const string step = input.PickValueInArray(steps);
+    path += (input.ConsumeBool() ? "/" : "\\") + step;
+    if (step == "..") {
+      above.resize(std::max<size_t>(1, above.size() - 1));
+    } else if (step != "." && !step.empty()) {
+      above.push_back(above.back() + "/" + (step == "A" ? "a" : step));
+    }
+  }
+  const string name = takeName(input);
+  return {path + "/" + name, above.back() + "/" + name};
+}
+
+void change(FuzzedDataProvider &input, const string &path, string &bytes) {
+  const bool empties = input.ConsumeBool();
+  const uint32_t offset = input.ConsumeIntegralInRange(0u, 40000u);
+  const string text(input.ConsumeIntegralInRange(1u, 9000u), input.ConsumeIntegral<char>());
+  const uint32_t length = static_cast<uint32_t>(text.size());
+  ZOV_MFILE file = zov_mfOpen(path.c_str(), O_CREAT | (empties ? O_TRUNC : 0));
+  bytes.resize(empties ? 0 : bytes.size());
+  if (input.ConsumeBool()) {
+    bytes.resize(offset);
+    require(zov_mfSetSize(file, offset) == ZOV_OKAY);
+  } else {
+    bytes.resize(std::max<size_t>(bytes.size(), offset + length));
+    bytes.replace(offset, length, text);
+    require(zov_mfSeekWrite(file, offset, text.data(), length) == length);
+  }
+  zov_mfClose(file);
+}
+
+void rename(const string &path, const string &key, const string &name, Files &files) {
+  const string newKey = key.substr(0, key.rfind('/') + 1) + name;
+  const bool isFree = files.contains(key) && !files.contains(newKey);
+  require(isFree == (zov_mfRename(path.c_str(), name.c_str()) == ZOV_OKAY));
+  if (isFree) {
+    files[newKey] = files[key];
+    files.erase(key);
+  }
+}
+
+void check(const string &path, const string *expected) {
+  ZOV_MFILE file = zov_mfOpen(path.c_str(), 0);
+  string bytes(zov_mfSize(file) + 1, '?');
+  bytes.resize(zov_mfRead(file, bytes.data(), static_cast<uint32_t>(bytes.size())));
+  require((file != nullptr) == (expected != nullptr) && (file == nullptr || bytes == *expected));
+  zov_mfClose(file);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  FuzzedDataProvider input(data, size);
+  Files files;
+  zov_init();
+  zov_nodisk();  // paths begin at the root
+  while (input.remaining_bytes() > 0) {
+    const auto [path, key] = takePath(input);
+    const uint32_t choice = input.ConsumeIntegralInRange(0u, 4u);
+    if (choice == 0) {
+      require((zov_mfRemove(path.c_str()) == ZOV_OKAY) == (files.erase(key) == 1));
+    } else if (choice == 1) {
+      rename(path, key, takeName(input), files);
+    } else if (choice == 2) {
+      check(path, files.contains(key) ? &files[key] : nullptr);
+    } else {
+      change(input, path, files[key]);
+    }
+  }
+  std::erase_if(files, [](const auto &file) {
+    check(file.first, &file.second);
+    return file.first.rfind('/') != 0;
+  });
+  ZOV_MEM_WALK walk = zov_mfPathOpen("/", "*");
+  int32_t isDirectory = 0;
+  while (const char *name = zov_mfPathNext(walk, &isDirectory)) {
+    require(isDirectory == 1 || files.erase(string("/") + name) == 1);
+  }
+  zov_mfPathClose(walk);
+  require(files.empty());
+  zov_term();
+  return 0;
+}
