@@ -100,7 +100,7 @@
  *    messages and must stay valid for the length of the call.
  * 9. Messages. A call writes none. One with a line "Messages" may write those in
  *    it, through the message path unless said otherwise.
- * 10. Arguments. A pointer is not null. One without a line of its own is the
+ * 10. Arguments. A pointer is not null. An argument without a line of its own is the
  *     object that the call works on, or means what the function says of it that is
  *     named in the first sentence.
  * 11. Signals, and forks of a process with several threads. A handler, and
@@ -1029,8 +1029,8 @@ ZOV_API void zov_version(uint16_t *major, uint16_t *minor, uint16_t *build);
 /**
  * @defgroup zov_native Native files
  * One function for each call of the system about files, on descriptors, for what has to
- * stand outside of the handles of @ref zov_files. They look at neither the read-only nor
- * the diskless flag. (files/zovunix)
+ * stand outside of the handles of @ref zov_files. The zov_fl functions look at neither the
+ * read-only nor the diskless flag. (files/zovunix)
  * @{
  */
 

@@ -11,11 +11,12 @@ the conventions. What the comments say comes in their order and words.
 import pathlib
 import re
 import sys
+import textwrap
 import xml.etree.ElementTree as ElementTree
 
 XML, MAN, VERSION = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3]
-HEADINGS = {"retval": "Values", "see": "See"}
 ALSO = ["libzov"]
+MEMBERS = {}  # by id
 
 
 def plain(text):
@@ -36,6 +37,7 @@ class Page:
 
     def __init__(self):
         self.out = []
+        self.pending = False  # a result was told: what follows it has a heading
 
     def add(self, *lines):
         self.out += lines
@@ -72,6 +74,9 @@ class Page:
 
     def text(self, piece):
         if piece.strip():
+            if self.pending:
+                self.add(".SH NOTES")
+            self.pending = False
             self.add(".PP", line(piece))
 
     def blocks(self, node):
@@ -104,6 +109,9 @@ class Page:
         self.add('.SS "' + line(plain(node.findtext("title"))) + '"')
         self.blocks([child for child in node if child.tag != "title"])
 
+    def on_heading(self, node):
+        self.add(f'.SS "{line(self.inline(node))}"')
+
     def on_parameterlist(self, node):
         self.add(".SH ARGUMENTS")
         for item in node.iterfind("parameteritem"):
@@ -119,24 +127,29 @@ class Page:
 
     def on_table(self, node):
         rows = [[line(self.inline(para)) for para in row.iterfind("entry/para")] for row in node.iterfind("row")]
-        width = max(map(len, rows))
-        self.add(".PP", ".TS", "tab(\x01);", " ".join(["lbx"] * width), " ".join(["lx"] * width) + ".")
+        # A column is at least as wide as its longest word.
+        seen = [[re.sub(r"\\f.", "", cell).replace("\\-", "-") for cell in row] for row in rows]
+        widths = [max(max(map(len, word.split()), default=1) for word in column) for column in zip(*seen)]
+        wanted = [max(map(len, column)) for column in zip(*seen)]
+        while sum(widths) + 3 * len(widths) < 70 and widths != wanted:
+            # The next character goes to the column that lacks most.
+            lack = [want / width for want, width in zip(wanted, widths)]
+            widths[lack.index(max(lack))] += 1
+        self.add(".PP", ".TS", "tab(\x01);", " ".join(f"lbw({width}n)" for width in widths),
+                 " ".join(f"lw({width}n)" for width in widths) + ".")
         for row in rows:
-            self.add("\x01".join(f"T{{\n{cell}\nT}}" if cell else "" for cell in row))
+            # A single word would not break.
+            self.add("\x01".join(f"T{{\n{cell}\nT}}" if " " in cell else cell for cell in row))
         self.add(".TE")
 
     def on_verbatim(self, node):
         self.add(".PP", ".nf", *("\\&" + plain(one) for one in (node.text or "").strip("\n").split("\n")), ".fi")
 
     def described(self, node):
-        """Brief and detailed description; what follows the result has a heading."""
+        """Brief and detailed description."""
         self.pending = False
         self.blocks(node.findall("briefdescription/para"))
-        for child in node.findall("detaileddescription/*"):
-            if self.pending and child.tag == "para" and not child.findall("simplesect"):
-                self.add(".SH NOTES")
-                self.pending = False
-            getattr(self, "on_" + child.tag, self.block)(child)
+        self.blocks(node.findall("detaileddescription/*"))
 
     def write(self, name, section=3):
         text = "\n".join(self.out) + "\n"
@@ -164,7 +177,12 @@ def declaration(member):
         values = [f"  {v.findtext('name')} {words(v.find('initializer'))}," for v in member.iterfind("enumvalue")]
         return [f"enum {name} {{", *values, "};"]
     if kind == "function":
-        return [f"{words(member.find('type'))} {name}{member.findtext('argsstring')};".replace("* zov", "*zov")]
+        start = re.sub(r"\* (?=\w+$)", "*", f"{words(member.find('type'))} {name}")
+        indent = " " * (len(start) + 1 if len(start) < 36 else 4)
+        # Lines end behind a comma.
+        arguments = ", ".join(one.replace(" ", "\0") for one in member.findtext("argsstring").split(", "))
+        lines = textwrap.wrap(start.replace(" ", "\0") + arguments + ";", 76, subsequent_indent=indent)
+        return [one.replace("\0", " ") for one in lines]
     return [member.findtext("definition") + member.findtext("argsstring", "") + ";"]
 
 
@@ -198,10 +216,27 @@ def member_page(member, family, title):
             for para in value.iterfind("*/para"):
                 page.add(line(page.inline(para)))
             alias(value.findtext("name"), name)
+    base_of_form(page, member)
     page.add('.SH "WHAT GOES WITHOUT SAYING"', f"What \\fB{family}\\fP(3) says of the whole family, and the "
              "conventions of \\fBlibzov\\fP(3): threads, ownership, jumps, messages.")
     also(page, [*(plain_name(ref) for ref in member.iter("ref")), family, *ALSO], name)
     page.write(name)
+
+
+def base_of_form(page, member):
+    """Of a form that says no more than its difference: what the plain form says."""
+    seen = {member.get("id")}
+    first = member.find("briefdescription/para/ref")
+    while first is not None and re.match(r"(As |The same as )?\w+\(\)", words(member.find("briefdescription"))):
+        member = MEMBERS.get(first.get("refid"))
+        if member is None or member.get("id") in seen:
+            return
+        seen.add(member.get("id"))
+        start = len(page.out)
+        page.described(member)
+        page.out[start:] = [re.sub(r"^\.SH", ".SS", one) for one in page.out[start:]]
+        page.out.insert(start, f'.SH "WHAT {member.findtext("name")}() SAYS"')
+        first = member.find("briefdescription/para/ref")
 
 
 def plain_name(ref):
@@ -264,6 +299,8 @@ def opening_page(compound):
 
 def main():
     MAN.mkdir(parents=True, exist_ok=True)
+    for path in XML.glob("group__*.xml"):
+        MEMBERS.update((member.get("id"), member) for member in ElementTree.parse(path).iter("memberdef"))
     for entry in ElementTree.parse(XML / "index.xml").iterfind("compound"):
         path = XML / (entry.get("refid") + ".xml")
         if entry.get("kind") == "group":
