@@ -16,6 +16,8 @@ configure_file(${ZOV_REFERENCE}/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY
 add_custom_command(OUTPUT ${ZOV_DOCS_DIR}/xml/index.xml
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${ZOV_DOCS_DIR}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${ZOV_DOCS_DIR}
+  COMMAND Python3::Interpreter ${ZOV_REFERENCE}/names.py
+    ${PROJECT_SOURCE_DIR}/include/zov.h ${ZOV_DOCS_DIR}/names.md
   COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
   COMMAND Python3::Interpreter ${ZOV_REFERENCE}/man_pages.py
     ${ZOV_DOCS_DIR}/xml ${ZOV_DOCS_DIR}/man/man3 ${PROJECT_VERSION}

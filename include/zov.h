@@ -2279,7 +2279,7 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
 /* ======================================================================== */
 /**
  * @defgroup zov_format Formatted text
- * printf() of this library, the same under every libc. (text/zov_vsnprintf)
+ * What printf() is elsewhere, the same under every libc. (text/zov_vsnprintf)
  * @{
  */
 
