@@ -29,7 +29,11 @@ declare -A PACKAGES=(
   [aarch64]="g++-aarch64-linux-gnu googletest libc6-dev-arm64-cross qemu-user"
   [package]="debhelper dpkg-dev doxygen file libedit-dev lintian pkg-config"
   [adoption]="mmdebstrap"
-  [ci]="abigail-tools ccache clang-format clang-tidy git pyflakes3 shellcheck"
+  [coverage]="gcovr locales"
+  [tidy]="clang-tidy"
+  [abi]="abigail-tools"
+  [lint]="clang-format pyflakes3 shellcheck"
+  [ci]="ccache git"
 )
 
 say() {
@@ -86,6 +90,7 @@ need_packages() {
 use_ccache() {
   if command -v ccache >/dev/null; then
     export CCACHE_BASEDIR=$ROOT CCACHE_NOHASHDIR=1
+    export CCACHE_SLOPPINESS=pch_defines,time_macros  # for precompiled headers
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
   fi
 }

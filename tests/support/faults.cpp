@@ -2,6 +2,7 @@
 //
 // Each FAULT and REPLACE below stands in for the call that it names; the build
 // reads the names from here.
+#define ZOVTEST_FAULTS
 #include "support/faults.h"
 
 #include <dirent.h>
