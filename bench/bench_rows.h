@@ -30,6 +30,26 @@ inline bool addRows(const std::string &peer, std::initializer_list<BenchRow> row
   return true;
 }
 
+// What all threads of a row share.
+template <typename Shared>
+inline Shared *common = nullptr;
+
+using RowEnd = void(const benchmark::State &state);
+
+// Has each of a row's runs begin with kBegin and the making of what its threads share,
+// and end with the opposite.
+template <typename Shared, RowEnd kBegin, RowEnd kEnd>
+void withCommon(benchmark::internal::Benchmark *row) {
+  row->Setup([](const benchmark::State &state) {
+    kBegin(state);
+    common<Shared> = new Shared;
+  });
+  row->Teardown([](const benchmark::State &state) {
+    delete common<Shared>;
+    kEnd(state);
+  });
+}
+
 // Wall time on one, two and four threads.
 inline void onThreads(benchmark::internal::Benchmark *row) {
   row->ThreadRange(1, 4)->UseRealTime();

@@ -191,24 +191,15 @@ void GetSection(benchmark::State &state) {
   getValues(state, ini, "section999", "parameter9", "value 9");
 }
 
+// The file of one section, for several threads.
 template <typename Ini>
-Ini *common = nullptr;
-
-template <typename Ini>
-void startCommon(const benchmark::State &state) {
-  start(state);
-  common<Ini> = new Ini(longPath);
-}
-
-template <typename Ini>
-void stopCommon(const benchmark::State &state) {
-  delete common<Ini>;
-  stop(state);
-}
+struct Shared : Ini {
+  Shared() : Ini(longPath) {}
+};
 
 template <typename Ini>
 void GetShared(benchmark::State &state) {
-  getValues(state, *common<Ini>, "section0", "parameter9999", "value 9999");
+  getValues(state, *common<Shared<Ini>>, "section0", "parameter9999", "value 9999");
 }
 
 template <typename Ini>
@@ -237,7 +228,7 @@ void wallTime(benchmark::internal::Benchmark *row) {
 template <typename Ini, typename SharedIni>
 bool addIni() {
   addRows(SharedIni::kName, {{"ini-get-shared", GetShared<SharedIni>, onThreads}},
-          [](auto *row) { row->Setup(startCommon<SharedIni>)->Teardown(stopCommon<SharedIni>); });
+          withCommon<Shared<SharedIni>, start, stop>);
   return addRows(Ini::kName,
                  {{"ini-parse", Parse<Ini>},
                   {"ini-parse-again", ParseAgain<Ini>},

@@ -66,19 +66,11 @@ class Pool {
   ZOV_POOL pool_;
 };
 
-// The source of all threads of a row.
-template <typename Source>
-Source *common = nullptr;
-
-template <typename Source>
 void start(const benchmark::State &) {
   zov_init();
-  common<Source> = new Source;
 }
 
-template <typename Source>
 void stop(const benchmark::State &) {
-  delete common<Source>;
   zov_term();
 }
 
@@ -116,7 +108,7 @@ void Burst(benchmark::State &state) {
 
 template <typename Source>
 void startStop(benchmark::internal::Benchmark *row) {
-  row->Arg(64)->Setup(start<Source>)->Teardown(stop<Source>);
+  withCommon<Source, start, stop>(row->Arg(64));
 }
 
 void largeToo(benchmark::internal::Benchmark *row) {

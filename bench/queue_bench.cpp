@@ -146,20 +146,12 @@ class TbbMessages {
 };
 #endif
 
-// The queue of all threads of a row.
-template <typename Messages>
-Messages *common = nullptr;
-
-template <typename Messages>
 void start(const benchmark::State &) {
   zov_init();
   zov_queueInit(0);
-  common<Messages> = new Messages;
 }
 
-template <typename Messages>
 void stop(const benchmark::State &) {
-  delete common<Messages>;
   zov_queueTerm(1);
   zov_term();
 }
@@ -236,7 +228,7 @@ void WakeUp(benchmark::State &state) {
 
 template <typename Messages>
 void realTime(benchmark::internal::Benchmark *row) {
-  row->UseRealTime()->Setup(start<Messages>)->Teardown(stop<Messages>);
+  withCommon<Messages, start, stop>(row->UseRealTime());
 }
 
 template <typename Messages>

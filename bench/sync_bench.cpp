@@ -132,10 +132,6 @@ class Uv {
 };
 #endif
 
-// The mutex of all threads of a row.
-template <typename Mutex>
-Mutex *common = nullptr;
-
 void start(const benchmark::State &) {
   zov_init();
 #if defined(ZOV_HAVE_APR)
@@ -148,18 +144,6 @@ void stop(const benchmark::State &) {
   apr_terminate();
 #endif
   zov_term();
-}
-
-template <typename Mutex>
-void startCommon(const benchmark::State &state) {
-  start(state);
-  common<Mutex> = new Mutex;
-}
-
-template <typename Mutex>
-void stopCommon(const benchmark::State &state) {
-  delete common<Mutex>;
-  stop(state);
 }
 
 template <typename Mutex>
@@ -210,11 +194,6 @@ void CreateDeleteAmong(benchmark::State &state) {
   }
 }
 
-template <typename Mutex>
-void withCommon(benchmark::internal::Benchmark *row) {
-  row->Setup(startCommon<Mutex>)->Teardown(stopCommon<Mutex>);
-}
-
 void startStop(benchmark::internal::Benchmark *row) {
   row->Setup(start)->Teardown(stop);
 }
@@ -224,7 +203,7 @@ bool addMutex() {
   return addRows(
       Mutex::kName,
       {{"mutex-enter-exit", Pairs<Mutex>, onThreads}, {"mutex-reenter", Reentered<Mutex>}},
-      withCommon<Mutex>);
+      withCommon<Mutex, start, stop>);
 }
 
 template <typename Mutex>
