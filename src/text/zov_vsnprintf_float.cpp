@@ -241,6 +241,7 @@ bool isBelowNine(const Magnitude &magnitude) {
 // Below a first digit of 9 nothing can be rounded up to the next exponent, and the
 // parts of the longer form need not be computed to know it.
 bool calcGeneralParts(FmtSpec &spec, FloatLayout &layout) {
+  assert(layout.useExponent);
   if (spec.precision > kMaxPrecision) {
     spec.precision = kMaxPrecision;
   }
