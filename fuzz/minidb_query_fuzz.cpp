@@ -53,14 +53,11 @@ void checkItems(const std::string &bytes) {
 
 void run(minidb::Database &database, Text text, minidb::Position position) {
   std::string items;
-  minidb::Output output = {nullptr, true, 0};
   minidb::Session session;
-  require(zov_outputBuffCreate(take, &items, 0, &output.buffer) == 0 &&
-          openSession(session, database, output, {}));
+  require(openSession(session, database, take, &items, {}));
   minidb::runQuery(session, text, position);
-  require(output.status == 0);
+  require(session.status == 0 && zov_outputBuffFlush(session.out) == 0);
   minidb::closeSession(session);
-  zov_outputBuffDestroy(output.buffer);
   checkItems(items);
 }
 
@@ -73,13 +70,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     return 0;
   }
   minidb::Database database;
-  minidb::CommandLine line = {};
-  line.inMemory = true;
-  line.settings.path = "minidb.ini";
-  for (uint8_t setting = 0; setting < minidb::kSettings; ++setting) {
-    require(readSetting(line.settings, static_cast<minidb::Setting>(setting)));
-  }
-  require(ready && openDatabase(database, line));
+  minidb::Settings settings = {};
+  zov_strncpyZ(settings.text[minidb::kMemory], "yes", minidb::kSettingBytes);
+  require(readSettings(settings));
+  require(ready && openDatabase(database, settings));
   run(database, {reinterpret_cast<const char *>(data), static_cast<uint32_t>(size)}, {1, 1});
   Source source = {data, size};
   ZOV_INPUTBUFF in = nullptr;

@@ -1,13 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * One statement of minidb's query language. A mistake goes on to the semicolon.
- * The value of a rule is that of its first symbol, so that a statement is known
- * by its first word.
+ * One statement of minidb's query language. A verb is a token by what may follow it.
+ * A mistake goes on to the semicolon.
  */
-%token PUT GET DELETE FIND COUNT LOAD DUMP COMPACT BEGIN COMMIT ABORT
-%token SET SETTINGS STATS CHECK HELP QUIT
+%token PLAIN UNARY BINARY SEARCH
 %token FROM TO LIMIT
-%token WORD STRING
+%token TEXT
 %token BROKEN
 
 %%
@@ -19,28 +17,16 @@ line:
   ;
 
 statement:
-    plain
-  | unary text
-  | binary text text
-  | search pattern first last most
+    PLAIN
+  | UNARY TEXT
+  | BINARY TEXT TEXT
+  | SEARCH pattern first last most
   ;
 
-plain:
-    COMPACT | BEGIN | COMMIT | ABORT | SETTINGS | STATS | CHECK | HELP | QUIT
-  ;
+pattern: %empty | TEXT ;
 
-unary: GET | DELETE | LOAD | DUMP ;
+first: %empty | FROM TEXT ;
 
-binary: PUT | SET ;
+last: %empty | TO TEXT ;
 
-search: FIND | COUNT ;
-
-pattern: %empty | text ;
-
-first: %empty | FROM text ;
-
-last: %empty | TO text ;
-
-most: %empty | LIMIT text ;
-
-text: WORD | STRING ;
+most: %empty | LIMIT TEXT ;

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What each statement does, but for text files, which are in load.cpp.
+// What each statement does, but for text files, which are in transfer.cpp; the table of
+// them all; and the session that they run in.
 #include <stdarg.h>
 #include <stdlib.h>
 
-#include "engine/session.h"
+#include "engine/engine.h"
 #include "query_tables.h"
 
 namespace minidb {
@@ -13,324 +14,7 @@ namespace {
 
 using Number = unsigned long long;
 
-void row(Session &session, Text text) {
-  beginRow(*session.output, text.length);
-  putPart(*session.output, text);
-  endRow(*session.output);
-}
-
-ZOV_PRINTF(2, 3) void rowOf(Session &session, const char *format, ...) {
-  char line[2 * kSettingBytes];
-  va_list arguments;
-  va_start(arguments, format);
-  zov_vsnprintf(line, sizeof line, format, arguments);
-  va_end(arguments);
-  row(session, textOf(line));
-}
-
-// --- Reading -------------------------------------------------------------
-
-// Passes the line of the record that a cursor stands on to `take` piece by piece, none
-// of which is kept in memory.
-template <typename Take>
-Status passRecord(Session &session, Cursor &cursor, Take take) {
-  const char separator = session.database->separator;
-  take(keyOf(cursor));
-  take(Text{&separator, 1});
-  Text piece;
-  Status status = readValue(cursor, piece);
-  for (; status == Status::kOkay && piece.length > 0; status = readValue(cursor, piece)) {
-    take(piece);
-  }
-  return status;
-}
-
-// Once a row is begun it has to be as long as it said.
-Status showRecord(Session &session, Cursor &cursor) {
-  Output &output = *session.output;
-  beginRow(output, uint64_t{keyOf(cursor).length} + 1 + valueLength(cursor));
-  const Status status =
-      passRecord(session, cursor, [&output](Text piece) { putPart(output, piece); });
-  if (status != Status::kOkay && output.framed) {
-    output.status = kOutputBroken;
-  }
-  endRow(output);
-  return status;
-}
-
-struct Search {
-  Text pattern;  // of the whole line; null bytes match every one
-  uint64_t most;
-  bool shows;
-  uint64_t found;
-  Buffer line;
-};
-
-// Looks at the record that a cursor stands on.
-Status look(Session &session, Search &search, Cursor &cursor) {
-  if (search.pattern.bytes == nullptr) {
-    ++search.found;
-    return search.shows ? showRecord(session, cursor) : Status::kOkay;
-  }
-  Buffer &line = search.line;
-  line.length = 0;
-  const Status status = passRecord(
-      session, cursor, [&line, &session](Text piece) { append(line, session.tag, piece); });
-  if (status == Status::kOkay && matchesPattern(textOf(line), search.pattern)) {
-    ++search.found;
-    if (search.shows) {
-      row(session, textOf(line));
-    }
-  }
-  return status;
-}
-
-// Goes through a range for as long as somebody wants to know.
-Outcome walk(Session &session, const View &view, Range range, Search &search) {
-  Cursor cursor;
-  uint64_t seen = 0;
-  Status status = seekFirst(cursor, view, range);
-  while (status == Status::kOkay && search.found < search.most && session.output->status == 0) {
-    if (!goesOn(session, ++seen)) {
-      return Outcome::kFailed;
-    }
-    status = look(session, search, cursor);
-    status = status == Status::kOkay ? seekNext(cursor) : status;
-  }
-  return status == Status::kOkay || status == Status::kMissing ? Outcome::kDone : refuse(session);
-}
-
-Outcome find(Session &session, const Statement &statement, Search &search) {
-  search.pattern = statement.first;
-  search.most = UINT64_MAX;
-  if (statement.most.bytes != nullptr) {
-    search.most = strtoull(statement.most.bytes, nullptr, 10);
-    if (statement.most.length == 0 ||
-        strspn(statement.most.bytes, "0123456789") != statement.most.length) {
-      return refuse(session, "the limit is no number:", statement.most.bytes);
-    }
-  }
-  const View *view = openSight(session);
-  if (view == nullptr) {
-    return Outcome::kFailed;
-  }
-  if (search.shows || search.pattern.bytes != nullptr) {
-    return walk(session, *view, statement.range, search);
-  }
-  const Status status = countRange(*view, statement.range, search.found);
-  search.found = search.found < search.most ? search.found : search.most;
-  return status == Status::kOkay ? Outcome::kDone : refuse(session);
-}
-
-Outcome find(Session &session, const Statement &statement) {
-  Search search = {{}, 0, true, 0, {}};
-  const Outcome outcome = find(session, statement, search);
-  if (outcome == Outcome::kDone && session.output->status == 0) {
-    say(*session.output, Item::kNote, "%llu found", static_cast<Number>(search.found));
-  }
-  return outcome;
-}
-
-Outcome count(Session &session, const Statement &statement) {
-  Search search = {{}, 0, false, 0, {}};
-  const Outcome outcome = find(session, statement, search);
-  if (outcome == Outcome::kDone) {
-    rowOf(session, "%llu", static_cast<Number>(search.found));
-  }
-  return outcome;
-}
-
-Outcome absent(Session &session, const Statement &statement) {
-  refuse(session, "there is no record", statement.first.bytes);
-  return Outcome::kAbsent;
-}
-
-Outcome get(Session &session, const Statement &statement) {
-  const View *view = openSight(session);
-  if (view == nullptr) {
-    return Outcome::kFailed;
-  }
-  Cursor cursor;
-  Status status = seekKey(cursor, *view, statement.first);
-  if (status == Status::kMissing) {
-    return absent(session, statement);
-  }
-  status = status == Status::kOkay ? showRecord(session, cursor) : status;
-  return status == Status::kOkay ? Outcome::kDone : refuse(session);
-}
-
-// --- Changing ------------------------------------------------------------
-
-Outcome put(Session &session, const Statement &statement) {
-  Transaction *change = openChange(session, Mode::kOverwrite);
-  if (change == nullptr) {
-    return Outcome::kFailed;
-  }
-  const Status status = putRecord(*change, statement.first, statement.second);
-  return status == Status::kOkay ? keepChange(session) : refuse(session);
-}
-
-Outcome remove(Session &session, const Statement &statement) {
-  Transaction *change = openChange(session, Mode::kOverwrite);
-  if (change == nullptr) {
-    return Outcome::kFailed;
-  }
-  const Status status = removeRecord(*change, statement.first);
-  if (status == Status::kMissing) {
-    return absent(session, statement);
-  }
-  return status == Status::kOkay ? keepChange(session) : refuse(session);
-}
-
-Outcome begin(Session &session, const Statement &) {
-  Store &store = *session.database->store;
-  if (session.scope != Scope::kStatement) {
-    fail("a transaction is under way");
-    return refuse(session);
-  }
-  if (beginTransaction(store, Mode::kSnapshot, &session.transaction) != Status::kOkay) {
-    session.transaction = nullptr;
-    return refuse(session);
-  }
-  session.scope = Scope::kTransaction;
-  return Outcome::kDone;
-}
-
-// The transaction is over, however it ends.
-Outcome end(Session &session, const Statement &statement) {
-  const Scope scope = session.scope;
-  Transaction *transaction = session.transaction;
-  session.scope = Scope::kStatement;
-  session.transaction = nullptr;
-  if (statement.verb == query_COMMIT && scope == Scope::kTransaction) {
-    return commit(transaction) == Status::kOkay ? Outcome::kDone : refuse(session);
-  }
-  drop(transaction);
-  if (statement.verb == query_ABORT && scope != Scope::kStatement) {
-    return Outcome::kDone;
-  }
-  fail(scope == Scope::kStatement ? "there is no transaction"
-                                  : "the transaction had a mistake, so nothing of it was kept");
-  return refuse(session);
-}
-
-// --- Care ----------------------------------------------------------------
-
-Outcome compact(Session &session, const Statement &) {
-  Store &store = *session.database->store;
-  Stats before = {};
-  Stats after = {};
-  if (session.scope != Scope::kStatement) {
-    fail("a transaction is under way");
-    return refuse(session);
-  }
-  if (readStats(store, before) != Status::kOkay ||
-      compactStore(store, session.progress) != Status::kOkay ||
-      readStats(store, after) != Status::kOkay) {
-    return refuse(session);
-  }
-  say(*session.output, Item::kNote, "%llu bytes, %llu before",
-      static_cast<Number>(after.pages) * kPageBytes,
-      static_cast<Number>(before.pages) * kPageBytes);
-  return Outcome::kDone;
-}
-
-Outcome check(Session &session, const Statement &) {
-  const View *view = openSight(session);
-  if (view == nullptr || checkView(*view, session.progress) != Status::kOkay) {
-    return view == nullptr ? Outcome::kFailed : refuse(session);
-  }
-  say(*session.output, Item::kNote, "%llu records, every page is whole",
-      static_cast<Number>(view->records));
-  return Outcome::kDone;
-}
-
-Outcome stats(Session &session, const Statement &) {
-  Stats is = {};
-  if (readStats(*session.database->store, is) != Status::kOkay) {
-    return refuse(session);
-  }
-  const struct {
-    const char *name;
-    uint64_t value;
-  } rows[] = {{"records", is.records},
-              {"commits", is.commits},
-              {"depth", is.depth},
-              {"pages", is.pages},
-              {"pages in use", is.livePages},
-              {"pages read", is.pagesRead},
-              {"pages written", is.pagesWritten},
-              {"syncs", is.syncs},
-              {"cache pages", is.cachePages},
-              {"cache pages used", is.cacheUsed},
-              {"cache hits", is.cacheHits}};
-  for (const auto &shown : rows) {
-    rowOf(session, "%s: %llu", shown.name, static_cast<Number>(shown.value));
-  }
-  return Outcome::kDone;
-}
-
-// The separator changes at once, all else when a program starts.
-Outcome set(Session &session, const Statement &statement) {
-  Settings changed = session.database->settings;
-  if (!changeSetting(changed, statement.first.bytes, statement.second.bytes)) {
-    return refuse(session);
-  }
-  if (readSetting(changed, kSeparator)) {
-    session.database->separator = separatorOf(changed);
-  }
-  return Outcome::kDone;
-}
-
-Outcome settings(Session &session, const Statement &) {
-  Settings now = session.database->settings;
-  for (uint8_t number = 0; number < kSettings; ++number) {
-    const Setting setting = static_cast<Setting>(number);
-    if (!readSetting(now, setting)) {
-      return refuse(session);
-    }
-    rowOf(session, "%s = %s", nameOf(setting), now.text[setting]);
-  }
-  return Outcome::kDone;
-}
-
-Outcome help(Session &session, const Statement &) {
-  for (uint32_t number = 0; const char *line = statementHelp(number); ++number) {
-    row(session, textOf(line));
-  }
-  return Outcome::kDone;
-}
-
-Outcome quit(Session &session, const Statement &) {
-  session.quits = true;
-  return Outcome::kDone;
-}
-
-// In the order of the grammar.
-constexpr Outcome (*kPerform[])(Session &, const Statement &) = {
-    put, get, remove, find,     count, load,  dump, compact, begin,
-    end, end, set,    settings, stats, check, help, quit};
-
-static_assert(sizeof kPerform / sizeof kPerform[0] == query_QUIT - query_PUT + 1);
-
-Outcome perform(Session &session, const Statement &statement) {
-  const bool ends = statement.verb == query_COMMIT || statement.verb == query_ABORT ||
-                    statement.verb == query_QUIT;
-  if (session.scope == Scope::kFailed && !ends) {
-    fail("the transaction had a mistake and can only be aborted");
-    return refuse(session);
-  }
-  return kPerform[statement.verb - query_PUT](session, statement);
-}
-
-}  // namespace
-
-bool runStatement(Session &session, const Statement &statement) {
-  const Outcome outcome = perform(session, statement);
-  endStatement(session, outcome == Outcome::kFailed, statement.verb);
-  return outcome == Outcome::kDone;
-}
-
+// Rolls a transaction back, if there is one.
 void drop(Transaction *&transaction) {
   if (transaction != nullptr) {
     rollback(transaction);
@@ -338,66 +22,363 @@ void drop(Transaction *&transaction) {
   }
 }
 
-void endStatement(Session &session, bool failed, int16_t verb) {
+// --- Reading -------------------------------------------------------------
+
+Status showRecord(Session &session, Cursor &cursor) {
+  const Status status =
+      passRecord(session, cursor, [&session](Text piece) { say(session, Item::kRow, piece); });
+  say(session, Item::kRow, {"\n", 1});
+  return status;
+}
+
+// Looks at the record that a cursor stands on. A pattern is held against its whole line,
+// for which there has to be memory.
+Status look(Session &session, Cursor &cursor, Text pattern, bool shows, Buffer &line, bool &found) {
+  found = true;
+  if (pattern.bytes == nullptr) {
+    return shows ? showRecord(session, cursor) : Status::kOkay;
+  }
+  line.length = 0;
+  const Status status = passRecord(
+      session, cursor, [&line, &session](Text piece) { append(line, session.tag, piece); });
+  found = status == Status::kOkay && matchesPattern(textOf(line), pattern);
+  if (found && shows) {
+    append(line, session.tag, {"\n", 1});
+    say(session, Item::kRow, textOf(line));
+  }
+  return status;
+}
+
+// Goes through a range for as long as somebody wants to know.
+Status walk(Session &session, const Statement &statement, bool shows, uint64_t most,
+            uint64_t &found) {
+  Cursor cursor;
+  Buffer line = {};
+  uint64_t seen = 0;
+  Status status = seekFirst(cursor, sightOf(session), statement.range);
+  while (status == Status::kOkay && found < most && session.status == 0) {
+    bool isFound = false;
+    status = goOn(session, ++seen);
+    status = status == Status::kOkay ? look(session, cursor, statement.first, shows, line, isFound)
+                                     : status;
+    found += isFound ? 1 : 0;
+    status = status == Status::kOkay ? seekNext(cursor) : status;
+  }
+  return status == Status::kMissing ? Status::kOkay : status;
+}
+
+Status search(Session &session, const Statement &statement, bool shows, uint64_t &found) {
+  const char *limit = statement.most.bytes;
+  const uint64_t most = limit == nullptr ? UINT64_MAX : strtoull(limit, nullptr, 10);
+  if (limit != nullptr &&
+      (*limit == '\0' || strspn(limit, "0123456789") != statement.most.length)) {
+    return failed(Status::kRefused, "the limit is no number: \"%.200s\"", limit);
+  }
+  if (shows || statement.first.bytes != nullptr) {
+    return walk(session, statement, shows, most, found);
+  }
+  const Status status = countRange(sightOf(session), statement.range, found);
+  found = found < most ? found : most;
+  return status;
+}
+
+Status find(Session &session, const Statement &statement) {
+  uint64_t found = 0;
+  const Status status = search(session, statement, true, found);
+  note(session, "%llu found", Number{found});
+  return status;
+}
+
+Status count(Session &session, const Statement &statement) {
+  uint64_t found = 0;
+  const Status status = search(session, statement, false, found);
+  if (status == Status::kOkay) {
+    sayOf(session, Item::kRow, "%llu\n", Number{found});
+  }
+  return status;
+}
+
+Status get(Session &session, const Statement &statement) {
+  Cursor cursor;
+  const Status status = seekKey(cursor, sightOf(session), statement.first);
+  return status == Status::kOkay ? showRecord(session, cursor) : status;
+}
+
+// --- Changing ------------------------------------------------------------
+
+Status put(Session &session, const Statement &statement) {
+  return putRecord(*session.transaction, statement.first, statement.second);
+}
+
+Status remove(Session &session, const Statement &statement) {
+  return removeRecord(*session.transaction, statement.first);
+}
+
+Status begin(Session &session, const Statement &) {
+  const Status status =
+      beginTransaction(*session.database->store, Mode::kSnapshot, &session.transaction);
+  session.scope = status == Status::kOkay ? Scope::kTransaction : Scope::kStatement;
+  return status;
+}
+
+// Both leave the transaction to the statement, whose own it is then committed or dropped.
+Status commit(Session &session, const Statement &) {
+  const Scope scope = session.scope;
+  session.scope = Scope::kStatement;
+  return scope == Scope::kTransaction ? Status::kOkay
+         : scope == Scope::kFailed
+             ? failed(Status::kRefused, "the transaction had a mistake, so nothing of it was kept")
+             : failed(Status::kRefused, "there is no transaction");
+}
+
+Status abort(Session &session, const Statement &) {
+  if (session.scope == Scope::kStatement) {
+    return failed(Status::kRefused, "there is no transaction");
+  }
+  session.scope = Scope::kStatement;
+  drop(session.transaction);
+  return Status::kOkay;
+}
+
+// --- Care ----------------------------------------------------------------
+
+Status compact(Session &session, const Statement &) {
+  Store &store = *session.database->store;
+  Stats before = {};
+  Stats after = {};
+  Status status = readStats(store, before);
+  status = status == Status::kOkay ? compactStore(store, session.progress) : status;
+  status = status == Status::kOkay ? readStats(store, after) : status;
+  note(session, "%llu bytes, %llu before", Number{after.pages} * kPageBytes,
+       Number{before.pages} * kPageBytes);
+  return status;
+}
+
+Status check(Session &session, const Statement &) {
+  const View &view = sightOf(session);
+  note(session, "%llu records, every page is whole", Number{view.records});
+  return checkView(view, session.progress);
+}
+
+Status stats(Session &session, const Statement &) {
+  Stats is = {};
+  if (readStats(*session.database->store, is) != Status::kOkay) {
+    return Status::kFailed;
+  }
+  sayOf(session, Item::kRow,
+        "records: %llu\ncommits: %llu\ndepth: %u\npages: %llu\npages in use: %llu\n"
+        "pages read: %llu\npages written: %llu\nsyncs: %llu\n"
+        "cache pages: %llu\ncache pages used: %llu\ncache hits: %llu\n",
+        Number{is.records}, Number{is.commits}, is.depth, Number{is.pages}, Number{is.livePages},
+        Number{is.pagesRead}, Number{is.pagesWritten}, Number{is.syncs}, Number{is.cachePages},
+        Number{is.cacheUsed}, Number{is.cacheHits});
+  return Status::kOkay;
+}
+
+// The separator changes at once, all else when a program starts.
+Status set(Session &session, const Statement &statement) {
+  Settings changed = session.database->settings;
+  if (!changeSetting(changed, statement.first.bytes, statement.second.bytes)) {
+    return Status::kRefused;
+  }
+  if (readSetting(changed, kSeparator)) {
+    session.database->separator = separatorOf(changed);
+  }
+  return Status::kOkay;
+}
+
+Status settings(Session &session, const Statement &) {
+  Settings now = session.database->settings;
+  for (uint8_t number = 0; number < kSettings; ++number) {
+    const Option setting = static_cast<Option>(number);
+    if (!readSetting(now, setting)) {
+      return Status::kRefused;
+    }
+    sayOf(session, Item::kRow, "%s = %s\n", nameOf(setting), now.text[setting]);
+  }
+  return Status::kOkay;
+}
+
+Status help(Session &session, const Statement &) {
+  for (const Verb *verb = kVerbs; verb->form != nullptr; ++verb) {
+    sayOf(session, Item::kRow, kHelpFormat, verb->form, verb->help);
+  }
+  return Status::kOkay;
+}
+
+Status quit(Session &session, const Statement &) {
+  session.quits = true;
+  return Status::kOkay;
+}
+
+// --- Running -------------------------------------------------------------
+
+// Gives a statement what it needs.
+Status prepare(Session &session, Access access) {
+  Store &store = *session.database->store;
+  if (session.scope == Scope::kFailed && access != Access::kEnd) {
+    return failed(Status::kRefused, "the transaction had a mistake and can only be aborted");
+  }
+  if (session.scope != Scope::kStatement &&
+      (access == Access::kAlone || access == Access::kBegin)) {
+    return failed(Status::kRefused, "a transaction is under way");
+  }
+  if (session.transaction != nullptr) {
+    return Status::kOkay;
+  }
+  if (access == Access::kRead) {
+    return openView(store, session.view);
+  }
+  const Mode mode = access == Access::kLoad ? Mode::kExclusive : Mode::kOverwrite;
+  return access == Access::kLoad || access == Access::kChange
+             ? beginTransaction(store, mode, &session.transaction)
+             : Status::kOkay;
+}
+
+Status perform(Session &session, const Statement &statement) {
+  Status status = prepare(session, statement.verb->access);
+  if (status != Status::kOkay) {
+    return status;
+  }
+  status = statement.verb->run(session, statement);
+  if (status == Status::kMissing) {
+    return failed(status, "there is no record \"%.200s\"", statement.first.bytes);
+  }
+  if (status == Status::kOkay && session.scope == Scope::kStatement &&
+      session.transaction != nullptr) {
+    Transaction *own = session.transaction;
+    session.transaction = nullptr;
+    return commit(own);
+  }
+  return status;
+}
+
+}  // namespace
+
+const Verb kVerbs[] = {
+    {"put KEY VALUE", query_BINARY, Access::kChange, put,
+     "keep a record, in place of an earlier one of the key"},
+    {"get KEY", query_UNARY, Access::kRead, get, "show the record of a key"},
+    {"delete KEY", query_UNARY, Access::kChange, remove, "remove it"},
+    {"find [PATTERN] [from KEY] [to KEY] [limit COUNT]", query_SEARCH, Access::kRead, find,
+     "show records in the order\n"
+     "                          of their keys; in a pattern * stands for any text, ? for a\n"
+     "                          character, and \\ escapes"},
+    {"count [PATTERN] [from KEY] [to KEY] [limit COUNT]", query_SEARCH, Access::kRead, count,
+     "count them"},
+    {"load FILE", query_UNARY, Access::kLoad, load,
+     "put the records of a text file, one to a line"},
+    {"dump FILE", query_UNARY, Access::kRead, dump, "write every record to a text file"},
+    {"begin", query_PLAIN, Access::kBegin, begin, "make the changes that follow together,"},
+    {"commit", query_PLAIN, Access::kEnd, commit, "up to here"},
+    {"abort", query_PLAIN, Access::kEnd, abort, "or not at all"},
+    {"compact", query_PLAIN, Access::kAlone, compact,
+     "rewrite the data file without what was replaced"},
+    {"check", query_PLAIN, Access::kRead, check, "read and check every page of the data file"},
+    {"stats", query_PLAIN, Access::kNone, stats, "show figures of the database"},
+    {"set NAME VALUE", query_BINARY, Access::kNone, set, "change a setting"},
+    {"settings", query_PLAIN, Access::kNone, settings, "show them"},
+    {"help", query_PLAIN, Access::kNone, help, "show this"},
+    {"quit", query_PLAIN, Access::kEnd, quit, "end the program"},
+    {nullptr, 0, Access::kNone, nullptr, nullptr}};
+
+bool openDatabase(Database &database, const Settings &settings) {
+  database.settings = settings;
+  database.separator = separatorOf(settings);
+  const Options options = {.path = settings.text[kData],
+                           .typeFlags = isGiven(settings, kMemory) ? ZOV_FILE_MEMORY : 0,
+                           .create = !isGiven(settings, kReadOnly),
+                           .readOnly = isGiven(settings, kReadOnly),
+                           .cacheBytes = static_cast<uint64_t>(numberOf(settings, kCache)) << 20};
+  return openStore(options, &database.store) == Status::kOkay;
+}
+
+bool openSession(Session &session, Database &database, ZOV_BUFF_WRITE write, void *context,
+                 Progress progress) {
+  session = {};
+  session.database = &database;
+  session.progress = progress;
+  if (zov_outputBuffCreate(write, context, 0, &session.out) != 0) {
+    return false;
+  }
+  session.tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  if (session.tag == ZOV_NO_TAG) {
+    zov_outputBuffDestroy(session.out);
+  }
+  return session.tag != ZOV_NO_TAG;
+}
+
+void closeSession(Session &session) {
+  drop(session.transaction);
+  zov_outputBuffDestroy(session.out);
+  zov_freeTagMemory(session.tag, 1);
+}
+
+bool runStatement(Session &session, const Statement &statement) {
+  session.note[0] = '\0';
+  const Status status = perform(session, statement);
+  // Before it is said, for which others may have to wait long.
+  endStatement(session, statement.verb, status != Status::kOkay && status != Status::kMissing);
+  if (status != Status::kOkay) {
+    say(session, Item::kError, textOf(problem()));
+  } else if (session.note[0] != '\0') {
+    say(session, Item::kNote, textOf(session.note));
+  }
+  return status == Status::kOkay;
+}
+
+void endStatement(Session &session, const Verb *verb, bool failed) {
   closeView(session.view);
-  drop(session.change);
+  if (session.scope == Scope::kStatement) {
+    drop(session.transaction);
+  }
   if (session.input != nullptr) {
     zov_fclose(session.input);
     session.input = nullptr;
   }
   dropDraft(session.draft);
-  if (failed && (session.scope != Scope::kStatement || verb == query_BEGIN)) {
+  const bool begins = verb != nullptr && verb->access == Access::kBegin;
+  if (failed && (session.scope != Scope::kStatement || begins)) {
     session.scope = Scope::kFailed;
   }
 }
 
-Outcome refuse(Session &session) {
-  say(*session.output, Item::kError, "%s", problem());
-  return Outcome::kFailed;
+void say(Session &session, Item item, Text text) {
+  int32_t status = session.status;
+  status = status != 0 ? status : zov_outputBuffPutChar(session.out, static_cast<char>(item));
+  status =
+      status != 0 ? status : zov_outputBuffPutInt32(session.out, static_cast<int32_t>(text.length));
+  session.status =
+      status != 0 ? status : zov_outputBuffPutBytes(session.out, text.bytes, text.length);
 }
 
-Outcome refuse(Session &session, const char *why, const char *name) {
-  fail("%s \"%.200s\"", why, name);
-  return refuse(session);
+void sayOf(Session &session, Item item, const char *format, ...) {
+  char text[kMessageBytes];
+  va_list arguments;
+  va_start(arguments, format);
+  zov_vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  say(session, item, textOf(text));
 }
 
-const View *openSight(Session &session) {
-  if (session.transaction != nullptr) {
-    return &viewOf(*session.transaction);
-  }
-  if (openView(*session.database->store, session.view) == Status::kOkay) {
-    return &session.view;
-  }
-  refuse(session);
-  return nullptr;
+void note(Session &session, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  zov_vsnprintf(session.note, sizeof session.note, format, arguments);
+  va_end(arguments);
 }
 
-Transaction *openChange(Session &session, Mode mode) {
-  if (session.transaction != nullptr) {
-    return session.transaction;
-  }
-  if (beginTransaction(*session.database->store, mode, &session.change) != Status::kOkay) {
-    session.change = nullptr;
-    refuse(session);
-  }
-  return session.change;
+const View &sightOf(const Session &session) {
+  return session.transaction != nullptr ? viewOf(*session.transaction) : session.view;
 }
 
-Outcome keepChange(Session &session) {
-  Transaction *own = session.change;
-  session.change = nullptr;
-  return own == nullptr || commit(own) == Status::kOkay ? Outcome::kDone : refuse(session);
-}
-
-bool goesOn(Session &session, uint64_t records) {
+Status goOn(Session &session, uint64_t records) {
   constexpr uint64_t kEvery = 256;
   const Progress &progress = session.progress;
-  if (progress.step == nullptr || records % kEvery != 0 ||
-      progress.step(progress.context, records)) {
-    return true;
-  }
-  say(*session.output, Item::kError, "interrupted");
-  return false;
+  return progress.step == nullptr || records % kEvery != 0 ||
+                 progress.step(progress.context, records)
+             ? Status::kOkay
+             : failed(Status::kRefused, "interrupted");
 }
 
 }  // namespace minidb

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,47 +12,10 @@ namespace minidb {
 
 namespace {
 
-bool isPlace(int32_t number) {
-  return number >= 1 && number <= kMaxPosition;
-}
-
-// The next mark but those of interrupts, which came after the end of the reply.
-int32_t getMark(ZOV_INPUTBUFF in) {
-  int32_t mark = kInterrupt;
-  int32_t status = 0;
-  while (status == 0 && mark == kInterrupt) {
-    status = zov_inputBuffGetInt32(in, &mark);
-  }
-  return status == 0 && mark != kRequest ? static_cast<int32_t>(kChannelNonsense) : status;
-}
-
 constexpr int kBacklog = 64;
 
-bool addressOf(const char *path, sockaddr_un &address) {
-  address = {};
-  address.sun_family = AF_UNIX;
-  if (strlen(path) >= sizeof address.sun_path) {
-    return fail("the path of the socket \"%.500s\" is too long", path);
-  }
-  zov_strncpyZ(address.sun_path, path, sizeof address.sun_path);
-  return true;
-}
-
-// A new socket for which a call succeeds with the address of a path, or -1.
-template <typename Use>
-int openAt(const char *path, const char *action, int flags, Use use) {
-  sockaddr_un address;
-  if (!addressOf(path, address)) {
-    return -1;
-  }
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
-  if (descriptor >= 0 &&
-      use(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address)) {
-    return descriptor;
-  }
-  failedAt(action, path);
-  closeSocket(descriptor);
-  return -1;
+bool isPlace(int32_t number) {
+  return number >= 1 && number <= kMaxPosition;
 }
 
 // Whether a call on a socket may be tried again; not at once where memory is short.
@@ -63,131 +27,164 @@ bool mayTryAgain() {
   return errno == EAGAIN || errno == EINTR;
 }
 
-// Waits until a socket can do what is asked, without a limit when it is -1.
+// What follows a call on a socket that failed: a wait until it can do what is asked, for
+// ever when the limit is -1. A status unless it may be tried again.
 int32_t await(const Peer &peer, short what, int32_t waitMs) {
+  if (!mayTryAgain()) {
+    return kChannelFailed;
+  }
   pollfd waited = {peer.socket, what, 0};
   const int ready = poll(&waited, 1, waitMs);
-  if (ready >= 0) {
-    return ready == 0 ? static_cast<int32_t>(kChannelTimeout) : 0;
-  }
-  const bool goesOn =
-      mayTryAgain() && (peer.interrupted == nullptr || peer.interrupted(peer.context));
-  return goesOn ? 0 : static_cast<int32_t>(kChannelFailed);
+  return ready == 0                   ? static_cast<int32_t>(kChannelTimeout)
+         : ready > 0 || mayTryAgain() ? 0
+                                      : static_cast<int32_t>(kChannelFailed);
 }
 
-int32_t receive(const Peer &peer, void *buffer, uint32_t capacity, uint32_t *delivered,
-                int32_t waitMs) {
-  while (true) {
-    const int32_t status = await(peer, POLLIN, waitMs);
-    if (status != 0) {
-      return status;
-    }
-    const ssize_t count = recv(peer.socket, buffer, capacity, MSG_DONTWAIT);
-    if (count > 0) {
-      *delivered = static_cast<uint32_t>(count);
-      return 0;
-    }
-    if (count == 0 || !mayTryAgain()) {
-      return count == 0 ? kChannelEnd : kChannelFailed;
-    }
+// --- A session -----------------------------------------------------------
+
+// Whether a statement is to go on.
+bool step(void *context, uint64_t) {
+  const Peer &peer = *static_cast<const Peer *>(context);
+  int32_t next = 0;
+  return (peer.isStopping == nullptr || !*peer.isStopping) &&
+         !(recv(peer.socket, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT) ==
+               static_cast<ssize_t>(sizeof next) &&
+           next == kInterrupt);
+}
+
+// Answers the next request. False when there is no other. One for which memory is short
+// might be the start of a transaction, so it is the last.
+bool answer(Session &session, ZOV_INPUTBUFF in, ZOV_TAG tag) {
+  Request request = {};
+  int32_t status = kChannelFailed;
+  withRecovery(tag, [in, &request, &status, tag] { status = getRequest(in, request, tag); });
+  if (status == 0) {
+    const bool succeeded = runQuery(session, request.query, request.position);
+    const char end[] = {
+        kDone, static_cast<char>((succeeded ? kSucceeded : 0) | (session.quits ? kQuits : 0) |
+                                 (session.scope != Scope::kStatement ? kInTransaction : 0))};
+    status = session.status;
+    status = status != 0 ? status : zov_outputBuffPutBytes(session.out, end, sizeof end);
+    status = status != 0 ? status : zov_outputBuffFlush(session.out);
+  } else if (status == kChannelNonsense) {
+    zov_log_err("minidb-server: a client sent what is no request\n");
   }
+  zov_freeTagMemory(tag, 0);
+  return status == 0 && !session.quits;
 }
 
 }  // namespace
 
-uint8_t endingOf(const Session &session, bool succeeded) {
-  return static_cast<uint8_t>((succeeded ? kSucceeded : 0) | (session.quits ? kQuits : 0) |
-                              (session.scope != Scope::kStatement ? kInTransaction : 0));
-}
-
 int32_t putRequest(ZOV_OUTPUTBUFF out, const Request &request) {
   const int32_t head[] = {kRequest, request.position.line, request.position.column,
                           static_cast<int32_t>(request.query.length)};
-  int32_t status = 0;
-  for (const int32_t word : head) {
-    status = status != 0 ? status : zov_outputBuffPutInt32(out, word);
-  }
+  int32_t status = zov_outputBuffPutBytes(out, head, sizeof head);
   status =
       status != 0 ? status : zov_outputBuffPutBytes(out, request.query.bytes, request.query.length);
   return status != 0 ? status : zov_outputBuffFlush(out);
 }
 
 int32_t getRequest(ZOV_INPUTBUFF in, Request &request, ZOV_TAG tag) {
-  int32_t length = 0;
-  int32_t status = getMark(in);
-  for (int32_t *word : {&request.position.line, &request.position.column, &length}) {
-    status = status != 0 ? status : zov_inputBuffGetInt32(in, word);
+  int32_t mark = kInterrupt;
+  int32_t head[3] = {};
+  int32_t status = 0;
+  while (status == 0 && mark == kInterrupt) {  // of a reply that was at its end by then
+    status = zov_inputBuffGetInt32(in, &mark);
+  }
+  if (status == 0 && mark == kRequest) {
+    status = zov_inputBuffGetBytes(in, head, sizeof head);
   }
   if (status != 0) {
     return status;
   }
-  if (!isPlace(request.position.line) || !isPlace(request.position.column) ||
-      static_cast<uint32_t>(length) > kMaxRequestBytes) {
+  const uint32_t length = static_cast<uint32_t>(head[2]);
+  if (!isPlace(head[0]) || !isPlace(head[1]) || length > kMaxRequestBytes) {
     return kChannelNonsense;
   }
   Buffer query = {};
-  char *place = makeRoom(query, tag, static_cast<uint32_t>(length));
+  char *place = makeRoom(query, tag, length);
   place[length] = '\0';
-  request.query = {place, static_cast<uint32_t>(length)};
-  return zov_inputBuffGetBytes(in, place, request.query.length);
+  request = {{place, length}, {head[0], head[1]}};
+  return zov_inputBuffGetBytes(in, place, length);
 }
 
-int listenAt(const char *path) {
-  if (kindOf(path) == FileKind::kSocket) {
-    zov_fileRemove(path);
+int openSocket(const char *path, bool listens) {
+  sockaddr_un address = {AF_UNIX, {}};
+  const sockaddr *name = reinterpret_cast<const sockaddr *>(&address);
+  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  bool isOpen = false;
+  if (descriptor >= 0 && strlen(path) >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+  } else if (descriptor >= 0) {
+    zov_strncpyZ(address.sun_path, path, sizeof address.sun_path);
+    if (listens && kindOf(path) == S_IFSOCK) {
+      zov_fileRemove(path);
+    }
+    isOpen = listens
+                 ? bind(descriptor, name, sizeof address) == 0 && listen(descriptor, kBacklog) == 0
+                 : connect(descriptor, name, sizeof address) == 0;
   }
-  return openAt(path, "serve at", SOCK_NONBLOCK,
-                [](int descriptor, const sockaddr *address, socklen_t bytes) {
-                  return bind(descriptor, address, bytes) == 0 && listen(descriptor, kBacklog) == 0;
-                });
-}
-
-int connectTo(const char *path) {
-  return openAt(path, "connect to", 0,
-                [](int descriptor, const sockaddr *address, socklen_t bytes) {
-                  return connect(descriptor, address, bytes) == 0;
-                });
-}
-
-void closeSocket(int socket) {
-  if (socket >= 0) {
-    close(socket);
+  if (isOpen) {
+    return descriptor;
   }
+  failedAt(listens ? "serve at" : "connect to", path);
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
+  return -1;
 }
 
 int32_t sendToPeer(void *peer, const void *data, uint32_t length) {
   const Peer &to = *static_cast<const Peer *>(peer);
   const char *at = static_cast<const char *>(data);
-  while (length > 0) {
+  int32_t status = 0;
+  while (length > 0 && status == 0) {
     const ssize_t sent = send(to.socket, at, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       at += sent;
       length -= static_cast<uint32_t>(sent);
-      continue;
-    }
-    const int32_t status =
-        mayTryAgain() ? await(to, POLLOUT, to.waitMs) : static_cast<int32_t>(kChannelFailed);
-    if (status != 0) {
-      return status;
+    } else {
+      status = await(to, POLLOUT, to.deafMs);
     }
   }
-  return 0;
+  return status;
 }
 
 int32_t receiveFromPeer(void *peer, void *buffer, uint32_t capacity, uint32_t *delivered) {
-  return receive(*static_cast<const Peer *>(peer), buffer, capacity, delivered, -1);
-}
-
-int32_t receiveInTime(void *peer, void *buffer, uint32_t capacity, uint32_t *delivered) {
   const Peer &from = *static_cast<const Peer *>(peer);
-  return receive(from, buffer, capacity, delivered, from.waitMs);
+  int32_t status = 0;
+  while (status == 0) {
+    const ssize_t count = recv(from.socket, buffer, capacity, MSG_DONTWAIT);
+    if (count >= 0) {
+      *delivered = static_cast<uint32_t>(count);
+      return count == 0 ? kChannelEnd : 0;
+    }
+    status = await(from, POLLIN, from.silentMs);
+  }
+  return status;
 }
 
-bool isInterrupting(int socket) {
-  int32_t next = 0;
-  return recv(socket, &next, sizeof next, MSG_PEEK | MSG_DONTWAIT) ==
-             static_cast<ssize_t>(sizeof next) &&
-         next == kInterrupt;
+void interruptPeer(int socket) {
+  const int kept = errno;
+  send(socket, &kInterrupt, sizeof kInterrupt, MSG_NOSIGNAL | MSG_DONTWAIT);
+  errno = kept;
+}
+
+void serve(Database &database, Peer &peer) {
+  Session session;
+  if (!openSession(session, database, sendToPeer, &peer, {step, &peer})) {
+    return;
+  }
+  ZOV_INPUTBUFF in = nullptr;
+  const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
+  bool goesOn =
+      tag != ZOV_NO_TAG && zov_inputBuffCreate(receiveFromPeer, nullptr, &peer, 0, &in) == 0;
+  while (goesOn) {
+    goesOn = answer(session, in, tag);
+  }
+  zov_inputBuffDestroy(in);
+  zov_freeTagMemory(tag, 1);
+  closeSession(session);
 }
 
 }  // namespace minidb
