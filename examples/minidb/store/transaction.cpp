@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Transactions from begin to end. Those that are to be committed wait for the writeLock;
-// whoever gets it commits all that wait. The tree of one is taken as it is when nobody
+// Transactions from begin to end. Those that are to be committed wait while others are being
+// committed; then one of them commits all. The tree of one is taken as it is when nobody
 // committed since it began, and the keys that the others changed are changed in it again.
 // Then its pages go to the end of the data file:
 //
 //   pages -> sync -> meta -> sync -> newest view
+#include <assert.h>
+
 #include "store/internal.h"
 
 namespace minidb {
@@ -213,6 +215,7 @@ void commitWithOthers(Store &store, Transaction &transaction) {
 }  // namespace
 
 Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
+  assert(view.file != nullptr);
   auto *transaction = static_cast<Transaction *>(
       zov_getMem(sizeof(Transaction), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
   ZOV_FILE pages = openMemory();
