@@ -2,7 +2,7 @@
 /**
  * @file zov.h
  * The public interface of libzov, the platform layer under a database engine,
- * its server and its utilities. It reads as C11 and as C++.
+ * its server and its utilities, on Linux for x86-64 and for 64-bit Arm. It reads as C11 and as C++.
  *
  * ## Contents
  *
@@ -2304,7 +2304,7 @@ ZOV_API void zov_mfPathClose(ZOV_MEM_WALK walk);
  *   of grouping. Separators count against the precision of an integer.
  * - `%#o` counts its prefix among the digits of the precision.
  * - %a and %A are %f and %F.
- * - Floating point is computed in extended precision and rounded half up, also
+ * - Floating point is computed with mantissas of 64 bits and rounded half up, also
  *   where fesetround() asks for another way; only the last of many digits may
  *   differ then. At most 19 digits are behind the point, also with a higher
  *   precision. Of random doubles, ties apart, the 17th digit is wrong by one in up to
