@@ -104,15 +104,14 @@ void message(Round &round, Worker &self) {
 }
 
 void synchronise(Round &round, Worker &self) {
-  for (uint32_t left = 5; left > 0; --left, ++round.entered) {
-    zov_syncEnterExcl(round.mutex);
-    zov_syncEnterExcl(round.mutex);
-    const uint64_t found = round.guarded;
-    zov_syncExitExcl(round.mutex);
-    std::this_thread::yield();
-    round.guarded = found + 1;
-    zov_syncExitExcl(round.mutex);
-  }
+  zov_syncEnterExcl(round.mutex);
+  zov_syncEnterExcl(round.mutex);
+  const uint64_t found = round.guarded;
+  zov_syncExitExcl(round.mutex);
+  std::this_thread::yield();
+  round.guarded = found + 1;
+  zov_syncExitExcl(round.mutex);
+  ++round.entered;
   self.below(2) == 0 ? zov_syncStart(round.event) : zov_syncResume(round.event);
   EXPECT_LE(zov_syncWait(round.event, self.below(2)), ZOV_TIMEOUT);
   EXPECT_EQ(zov_init(), ZOV_OKAY);
