@@ -12,6 +12,7 @@ using zovtest::Fault;
 using Fork = zovtest::StartedInDir;
 
 TEST_F(Fork, CallsOfHandlersAndChildrenNeitherLockNorAllocate) {
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
   ZOV_FILE file = zov_fileOpen("f", O_RDWR | O_CREAT, 0);
   const auto take = [](void *, const void *, uint32_t) { return 0; };
   const auto deliver = [](void *, void *, uint32_t room, uint32_t *got) { return *got = room, 0; };

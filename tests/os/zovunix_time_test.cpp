@@ -107,6 +107,7 @@ TEST_F(Environment, VariablesAndLocaleConvert) {
   EXPECT_EQ(zov_getenvW(L"ZOVTEST_BROKEN"), nullptr);
   EXPECT_EQ(zov_getenvW(L"ZOVTEST_NONE"), nullptr);
   EXPECT_EQ(zov_getenvW(L"\xD800"), nullptr);
+  setlocale(LC_ALL, "C");
   EXPECT_STREQ(zov_setlocale(LC_ALL, nullptr), "C");
   EXPECT_EQ(zov_setlocale(LC_ALL, "no_such_locale"), nullptr);
   EXPECT_EQ(zov_setlocaleW(LC_ALL, L"no_such_locale"), nullptr);

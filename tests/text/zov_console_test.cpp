@@ -2,6 +2,8 @@
 //
 // Console and log: redirections, records, chunks, what happens outside the
 // library's life and when writing fails, and many threads at once.
+#include <locale.h>
+
 #include <regex>
 
 #include "support/faults.h"
@@ -147,6 +149,7 @@ int32_t printTwice(const char *format, ...) {
 #pragma GCC diagnostic pop
 
 TEST(ConsoleOutside, MessagesGoToLibc) {
+  setlocale(LC_ALL, "C");
   const std::string text(600, 'w');
   for (const char *shown : {"s", text.c_str()}) {
     std::string errors;

@@ -124,6 +124,7 @@ TEST_F(Format, IntegersAreLibcs) {
 // Few enough digits that the errors of the arithmetic cannot show, and too many
 // behind them for a tie.
 TEST_F(Format, FloatsAreLibcs) {
+  setlocale(LC_ALL, "C");
   for (int round = 0; round < 40000 && !HasFailure(); ++round) {
     const std::string letter = pick({"f", "F", "e", "E", "g", "G"});
     const std::string modifier = pick({"", "L"});
