@@ -29,7 +29,9 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCS = ROOT / "docs"
 EXAMPLES = ROOT / "examples"
-PAGES = {"debugging", "engines", "mainpage", "minidb", "minidb-store", "performance", "stability"}  # without a program
+# Pages without a program.
+PAGES = {"building", "debugging", "engines", "mainpage", "minidb", "minidb-store", "performance",
+         "stability", "testing"}
 QUOTED = {"c", "yacc"}
 LANGUAGES = QUOTED | {"input", "output", "text", "ini", "sh", "cmake"}
 PROGRAMS = pathlib.Path()
