@@ -2,17 +2,12 @@
 //
 // Typed buffers. The items that an input stands for are put, and come back; and items are
 // got from the input itself. Bytes arrive in pieces of a size that the input chooses.
-#include <fuzzer/FuzzedDataProvider.h>
-#include <string.h>
-
-#include <algorithm>
-#include <string>
-
-#include "zov.h"
+#include "support/fuzz.h"
 
 namespace {
 
 using std::string;
+using zovtest::require;
 
 struct Channel {
   string bytes;
@@ -33,12 +28,6 @@ int32_t writeChannel(void *context, const void *data, uint32_t length) {
   return static_cast<Channel *>(context)->bytes.append(static_cast<const char *>(data), length), 0;
 }
 
-void require(bool right) {
-  if (!right) {
-    __builtin_trap();
-  }
-}
-
 // Both ends, of which one is null. What is got is compared where the items are known.
 struct Items {
   FuzzedDataProvider input;
@@ -48,8 +37,7 @@ struct Items {
 
   template <typename Value, typename Put>
   bool pass(int32_t (*put)(ZOV_OUTPUTBUFF, Put), int32_t (*get)(ZOV_INPUTBUFF, Value *)) {
-    Value sent = {};
-    Value got = {};
+    Value sent = {}, got = {};
     input.ConsumeData(&sent, sizeof sent);
     const int32_t status = out != nullptr ? put(out, sent) : get(in, &got);
     require(!areKnown || status == 0);

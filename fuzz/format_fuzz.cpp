@@ -4,11 +4,7 @@
 // terminated string in writable memory, so that any letter takes something it
 // may read and write. The format is cut so that it cannot ask for more arguments
 // than there are. The text must be the same for any size, up to that size.
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include "zov.h"
+#include "support/fuzz.h"
 
 namespace {
 
@@ -38,12 +34,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char whole[512];
   const int32_t length = print(whole, sizeof whole, format);
   // Exactly as large as promised, so that the sanitizer sees the byte behind.
-  char *buffer = static_cast<char *>(malloc(room));
-  const bool same = print(buffer, room, format) == length;
-  const bool prefix = room == 0 || strncmp(buffer, whole, room - 1) == 0;
-  if (!same || !prefix || (room != 0 && memchr(buffer, 0, room) == nullptr)) {
-    abort();
-  }
-  free(buffer);
+  char *buffer = new char[room];
+  zovtest::require(print(buffer, room, format) == length);
+  zovtest::require(room == 0 || strncmp(buffer, whole, room - 1) == 0);
+  zovtest::require(room == 0 || memchr(buffer, 0, room) != nullptr);
+  delete[] buffer;
   return 0;
 }

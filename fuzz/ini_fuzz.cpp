@@ -4,6 +4,7 @@
 // value, the rest is the file, which is in memory. Everything is compared with the
 // model of the tests.
 #include "config/zovini_model.h"
+#include "support/fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static const int32_t status = zov_init();
@@ -18,9 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   const char *name = lines[1] == "-" ? nullptr : lines[1].c_str();
   const char *value = lines[2] == "-" ? nullptr : lines[2].c_str();
-  if (!zovtest::iniAgrees("/fuzz.ini", ZOV_FILE_MEMORY, file, lines[0].c_str(), name, value,
-                          1 + size % 40)) {
-    __builtin_trap();
-  }
+  zovtest::require(zovtest::iniAgrees("/fuzz.ini", ZOV_FILE_MEMORY, file, lines[0].c_str(), name,
+                                      value, 1 + size % 40));
   return 0;
 }

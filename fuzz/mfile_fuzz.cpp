@@ -3,25 +3,16 @@
 // Files in memory beside a map: they are written, cut, renamed, removed and read by
 // paths that the input puts together, and at the end a walk shows the root's.
 #include <fcntl.h>
-#include <fuzzer/FuzzedDataProvider.h>
 
-#include <algorithm>
 #include <map>
-#include <string>
-#include <vector>
 
-#include "zov.h"
+#include "support/fuzz.h"
 
 namespace {
 
 using std::string;
+using zovtest::require;
 using Files = std::map<string, string>;  // by path, as it is without detours
-
-void require(bool right) {
-  if (!right) {
-    __builtin_trap();
-  }
-}
 
 string takeName(FuzzedDataProvider &input) {
   const string names[] = {"f", "g h", ".i", string(30, 'n'), string(90, 'o')};

@@ -4,13 +4,7 @@
 // in that no rule is longer than the stack is deep where it applies, and that no state
 // is entered by the end of input; all else is as it comes. A parse ends with its tokens,
 // or by an action that has had enough.
-#include <fuzzer/FuzzedDataProvider.h>
-#include <string.h>
-
-#include <algorithm>
-#include <vector>
-
-#include "zov.h"
+#include "support/fuzz.h"
 
 namespace {
 
@@ -68,14 +62,11 @@ int16_t fetch(void *context, void *value) {
 // Values are all ones when a token brought them, and all twos when a rule did.
 int16_t reduce(void *context, void *lastValue, int32_t rule, void *result) {
   Run &run = *static_cast<Run *>(context);
-  if (rule < 1 || rule >= kRules) {
-    __builtin_trap();
-  }
+  zovtest::require(rule >= 1 && rule < kRules);
   const uint64_t length = static_cast<uint64_t>(run.tables.ruleLength[rule]) * run.valueSize;
   const uint8_t *const end = static_cast<const uint8_t *>(lastValue) + run.valueSize;
-  if (std::any_of(end - length, end, [](uint8_t byte) { return byte != 1 && byte != 2; })) {
-    __builtin_trap();
-  }
+  zovtest::require(
+      std::all_of(end - length, end, [](uint8_t byte) { return byte == 1 || byte == 2; }));
   memset(result, 2, run.valueSize);
   return run.actions-- == 0 ? kEnough : 0;
 }
@@ -115,8 +106,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   Run run = {input, tables, input.PickValueInArray(sizes), input.ConsumeIntegralInRange(0u, 300u)};
   const ZOV_PARSE_CONTEXT context = {run.valueSize, &run, &tables, fetch, reduce, nullptr, 0};
   const int32_t outcome = zov_yyparse(&context);
-  if (status != ZOV_OKAY || ((outcome < 0 || outcome > 3) && outcome != kEnough)) {
-    __builtin_trap();
-  }
+  zovtest::require(status == ZOV_OKAY && ((outcome >= 0 && outcome <= 3) || outcome == kEnough));
   return 0;
 }

@@ -3,13 +3,8 @@
 // What taking a path apart and making it absolute promise, and matching beside a table
 // of the rests of name and pattern.
 #include <ctype.h>
-#include <fuzzer/FuzzedDataProvider.h>
-#include <string.h>
 
-#include <string>
-#include <vector>
-
-#include "zov.h"
+#include "support/fuzz.h"
 
 namespace {
 
@@ -58,10 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const bool isFull = zov_pathIsFullyQualified(full.c_str()) == 1 && full.ends_with('/') &&
                       (isHere || full.ends_with(path) || full.ends_with(path + "/")) &&
                       taken(zov_fullpath(full.c_str())) == full;
-  const bool isMatch = zov_match(path.c_str(), pattern.c_str()) == 1;
-  if (status != ZOV_OKAY || !isSplit || both != path || !isFull ||
-      isMatch != matches(path, pattern)) {
-    __builtin_trap();
-  }
+  zovtest::require(status == ZOV_OKAY && isSplit && both == path && isFull);
+  zovtest::require((zov_match(path.c_str(), pattern.c_str()) == 1) == matches(path, pattern));
   return 0;
 }

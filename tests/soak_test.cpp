@@ -228,8 +228,7 @@ void encode(Round &, Worker &self) {
   ZOV_INPUTBUFF in = nullptr;
   EXPECT_EQ(zov_outputBuffCreate(write, &channel, 1, &out), 0);
   EXPECT_EQ(zov_inputBuffCreate(read, nullptr, &channel, 1, &in), 0);
-  EXPECT_EQ(zov_outputBuffPutStringWithLength(out, sent.c_str()), 0);
-  EXPECT_EQ(zov_outputBuffFlush(out), 0);
+  EXPECT_EQ(zov_outputBuffPutStringWithLength(out, sent.c_str()) + zov_outputBuffFlush(out), 0);
   EXPECT_EQ(zov_inputBuffGetString(in, &text), 0);
   EXPECT_EQ(text, sent);
   zov_freeMem(text, ZOV_DEFAULT_TAG);
@@ -291,9 +290,7 @@ void removeFiles(Round &round, uint32_t route) {
 }
 
 void settle(Round &round) {
-  while (round.ended < round.started) {
-    std::this_thread::yield();
-  }
+  zovtest::waitUntil([&] { return round.ended >= round.started; });
   uint32_t next[kThreads] = {};
   while (zov_queueCount(round.queue) > 0) {
     receive(round, next, 0);
@@ -327,12 +324,6 @@ void settle(Round &round) {
   zov_iniCleanup();
 }
 
-uint64_t residentKiB() {
-  uint64_t pages = 0;
-  std::ifstream("/proc/self/statm") >> pages >> pages;
-  return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
-}
-
 using Soak = zovtest::Started;
 
 TEST_F(Soak, AccountsAgree) {
@@ -358,12 +349,12 @@ TEST_F(Soak, AccountsAgree) {
     settle(round);
     jobs += round.jobs;
     before = rounds == 0 ? zovtest::standing() : before;
-    resident = rounds == 0 ? residentKiB() : resident;
+    resident = rounds == 0 ? zovtest::residentBytes() : resident;
     EXPECT_EQ(zovtest::standing(), before);
   }
   zov_queueTerm(0);
   printf("%u rounds, %lu jobs; %lu KiB resident after the first round, %lu KiB at the end\n",
-         rounds, jobs, resident, residentKiB());
+         rounds, jobs, resident / 1024, zovtest::residentBytes() / 1024);
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 // Message queues: a random walk against a model, the life of queues and module,
 // and threads. Where an order of events between threads matters, the locks of
 // libc are replaced by ones that tell of it or act at that moment.
-#include <pthread.h>
-
 #include <array>
 #include <deque>
 #include <functional>
@@ -20,9 +18,7 @@ using zovtest::Fault;
 using zovtest::outputOf;
 
 void until(const std::atomic<uint32_t> &counter, uint32_t value) {
-  while (counter < value) {
-    std::this_thread::yield();
-  }
+  zovtest::waitUntil([&] { return counter >= value; });
 }
 
 int32_t read(ZOV_QUEUE queue, uint32_t waitMs = 0) {

@@ -3,6 +3,7 @@
 // Recursive mutexes, events and the table they live in.
 #include <deque>
 #include <set>
+#include <tuple>
 
 #include "core/zov_lock.h"
 #include "support/faults.h"
@@ -51,9 +52,7 @@ TEST_F(Sync, EventStaysAsItWasSet) {
       EXPECT_EQ(waiting, 99);
       return;
     }
-    while (waiting < 4) {
-      std::this_thread::yield();
-    }
+    zovtest::waitUntil([&] { return waiting == 4; });
     waiting = 99;
     zov_syncResume(event);
   });
@@ -62,25 +61,23 @@ TEST_F(Sync, EventStaysAsItWasSet) {
 
 // Exactly one second of nanoseconds is not carried, which libc answers with EINVAL.
 TEST_F(Sync, WaitsUpToADeadline) {
-  const struct {
-    timespec now;
-    uint32_t waitMs;
-    timespec deadline;
-  } rows[] = {{{100, 0}, 0, {100, 0}},
-              {{100, 250'000'000}, 2500, {102, 750'000'000}},
-              {{100, 999'999'000}, 59'999, {160, 998'999'000}},
-              {{100, 500'000'000}, 1500, {101, 1'000'000'000}},
-              {{100, 0}, UINT32_MAX - 1, {4'295'067, 294'000'000}}};
+  const std::tuple<timespec, uint32_t, timespec> rows[] = {
+      {{100, 0}, 0, {100, 0}},
+      {{100, 250'000'000}, 2500, {102, 750'000'000}},
+      {{100, 999'999'000}, 59'999, {160, 998'999'000}},
+      {{100, 500'000'000}, 1500, {101, 1'000'000'000}},
+      {{100, 0}, UINT32_MAX - 1, {4'295'067, 294'000'000}},
+  };
   const ZOV_SYNC event = newEvent();
   zov_syncStart(event);
-  for (const auto &row : rows) {
-    zovtest::madeUpNow = row.now;
+  for (const auto &[now, waitMs, expected] : rows) {
+    zovtest::madeUpNow = now;
     // One for nothing, one by the refusal.
-    wakeUps = {0, EINVAL, row.waitMs == 1500 ? ETIME : ETIMEDOUT};
-    EXPECT_EQ(zov_syncWait(event, row.waitMs), ZOV_TIMEOUT);
+    wakeUps = {0, EINVAL, waitMs == 1500 ? ETIME : ETIMEDOUT};
+    EXPECT_EQ(zov_syncWait(event, waitMs), ZOV_TIMEOUT);
     EXPECT_TRUE(wakeUps.empty()) << "an early wake-up ends no wait";
-    EXPECT_EQ(deadline.tv_sec, row.deadline.tv_sec) << &row - rows;
-    EXPECT_EQ(deadline.tv_nsec, row.deadline.tv_nsec) << &row - rows;
+    EXPECT_EQ(deadline.tv_sec, expected.tv_sec) << waitMs;
+    EXPECT_EQ(deadline.tv_nsec, expected.tv_nsec) << waitMs;
   }
   zovtest::madeUpNow.reset();
 }
@@ -93,14 +90,13 @@ TEST_F(Sync, WrongHandlesAreRefused) {
   for (const ZOV_SYNC handle : {deleted, ZOV_SYNC{0}, ZOV_NO_SYNC, event, mutex}) {
     const std::string asMutex = handle == mutex ? "" : "Invalid mutex\nInvalid mutex\n";
     EXPECT_EQ(outputOf([&] { zov_syncEnterExcl(handle), zov_syncExitExcl(handle); }), asMutex);
-    const std::string asEvent =
-        handle == event ? "" : "Invalid event\nInvalid event\nInvalid event\n";
+    const std::string asEvent = handle == event ? "" : "Invalid event\n";
     EXPECT_EQ(outputOf([&] {
                 zov_syncStart(handle);
                 zov_syncResume(handle);
                 EXPECT_EQ(zov_syncWait(handle, 0), handle == event ? ZOV_OKAY : ZOV_ERROR);
               }),
-              asEvent);
+              asEvent + asEvent + asEvent);
   }
   zov_syncDelete(0);
   zov_syncDelete(ZOV_NO_SYNC);

@@ -6,6 +6,8 @@
 #include <sched.h>
 #include <signal.h>
 
+#include <tuple>
+
 #include "support/replace.h"
 #include "support/test.h"
 
@@ -70,9 +72,7 @@ TEST(Thread, StartsDetachedWithSignalsBlocked) {
     Report made;
     ZOV_THREAD id = 0;
     ASSERT_EQ(zov_threadBeginEx(report, stackBytes, &made, &id), ZOV_OKAY);
-    while (!made.done) {
-      std::this_thread::yield();
-    }
+    zovtest::waitUntil([&] { return made.done.load(); });
     EXPECT_EQ(made.id, id);
     EXPECT_EQ(made.detached, PTHREAD_CREATE_DETACHED);
     EXPECT_TRUE(made.stackBytes == stackBytes || stackBytes == 1000);
@@ -91,12 +91,7 @@ TEST(Thread, StartsDetachedWithSignalsBlocked) {
 
 TEST(Thread, PriorityIsAPlaceInTheRange) {
   constexpr int kUnset = -99;
-  const struct {
-    Policy policy;
-    int32_t level;
-    uint32_t status;
-    int priority;
-  } rows[] = {
+  const std::tuple<Policy, int32_t, uint32_t, int> rows[] = {
       {{{1, 99}, {0, 0}}, ZOV_THREAD_NORMAL, ZOV_OKAY, 50},
       {{{1, 99}, {0, 0}}, ZOV_THREAD_HIGH, ZOV_OKAY, 74},
       {{{1, 99}, {0, 0}}, ZOV_THREAD_LOW, ZOV_OKAY, 25},
@@ -107,10 +102,12 @@ TEST(Thread, PriorityIsAPlaceInTheRange) {
       {{{1, 99}, {ESRCH, 0}}, 2, ZOV_THREAD_UNREADABLE, kUnset},
   };
   for (const auto &row : rows) {
-    policy = row.policy;
+    SCOPED_TRACE(&row - rows);
+    const auto &[made, level, status, priority] = row;
+    policy = made;
     prioritySet = kUnset;
-    EXPECT_EQ(zov_threadSetPriority(zov_threadId(), row.level), row.status) << &row - rows;
-    EXPECT_EQ(prioritySet, row.priority) << &row - rows;
+    EXPECT_EQ(zov_threadSetPriority(zov_threadId(), level), status);
+    EXPECT_EQ(prioritySet, priority);
   }
 }
 

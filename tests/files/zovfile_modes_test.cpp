@@ -170,9 +170,7 @@ const struct {
 std::string outcomes(const std::vector<std::string (*)(Ground &)> &calls, void (*mode)()) {
   std::string all;
   for (const auto call : calls) {
-    std::string results[2];
-    std::string before[2];
-    std::string left[2];
+    std::string results[2], before[2], left[2];
     for (const int round : {0, 1}) {
       Ground ground(round == 0 ? [] {} : mode);
       before[round] = ground.left();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Paths as strings, and the current directory.
-#include <utility>
+#include <tuple>
 
 #include "support/faults.h"
 #include "support/temp_dir.h"
@@ -18,12 +18,7 @@ std::string taken(char *text) {
 }
 
 TEST_F(Paths, AreSplitAtTheLastSlash) {
-  const struct {
-    const char *path;
-    const char *directory;
-    const char *name;
-    uint32_t isDir;
-  } rows[] = {
+  const std::tuple<const char *, const char *, const char *, uint32_t> rows[] = {
       {"/usr/lib/x.so", "/usr/lib/", "x.so", 0},
       {"x.so", "(null)", "x.so", 0},
       {"dir/", "dir/", "(null)", 1},
@@ -31,15 +26,15 @@ TEST_F(Paths, AreSplitAtTheLastSlash) {
       {"a//b\\c", "a//", "b\\c", 0},
       {"", "(null)", "", ZOV_PATH_EMPTY},
   };
-  for (const auto &row : rows) {
+  for (const auto &[path, itsDirectory, itsName, isDir] : rows) {
     char *directory = nullptr;
     char *name = nullptr;
-    zov_pathSplit(row.path, &directory, nullptr);
-    zov_pathSplit(row.path, nullptr, &name);
-    EXPECT_EQ(taken(directory), row.directory) << row.path;
-    EXPECT_EQ(taken(name), row.name) << row.path;
-    EXPECT_EQ(zov_pathIsDir(row.path), row.isDir) << row.path;
-    EXPECT_EQ(zov_pathStripDrive(row.path), row.path);
+    zov_pathSplit(path, &directory, nullptr);
+    zov_pathSplit(path, nullptr, &name);
+    EXPECT_EQ(taken(directory), itsDirectory) << path;
+    EXPECT_EQ(taken(name), itsName) << path;
+    EXPECT_EQ(zov_pathIsDir(path), isDir) << path;
+    EXPECT_EQ(zov_pathStripDrive(path), path);
   }
   EXPECT_EQ(zov_pathIsDir(nullptr), ZOV_PATH_EMPTY);
 }
@@ -47,16 +42,13 @@ TEST_F(Paths, AreSplitAtTheLastSlash) {
 TEST_F(Paths, BecomeAbsoluteDirectories) {
   const zovtest::TempDir dir;  // some growths long
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
-  const struct {
-    const char *path;
-    std::string full;
-  } rows[] = {
+  const std::pair<const char *, std::string> rows[] = {
       {nullptr, dir / ""}, {"./", dir / ""},    {"..", dir / "../"},
       {"", dir / ""},      {"/data", "/data/"}, {"//x//", "//x//"},
   };
   EXPECT_EQ(taken(zov_currdir()), dir.path());
-  for (const auto &row : rows) {
-    EXPECT_EQ(taken(zov_fullpath(row.path)), row.full) << row.full;
+  for (const auto &[path, full] : rows) {
+    EXPECT_EQ(taken(zov_fullpath(path)), full) << full;
   }
   ASSERT_EQ(symlink("nowhere", "link"), 0);
   EXPECT_EQ(zov_pathIsLink("link"), 1);

@@ -42,15 +42,12 @@ std::string list(const char *directory, const char *pattern = "*") {
 TEST(Normalize, ResolvesComponents) {
   // The path and what becomes of it; null: refused.
   const char *const rows[][2] = {
-      {"/a/./b//c/../d", "/a/b/d"},
-      {"/a/../../x", "/x"},
-      {"\\a\\b/c\\..", "/a/b"},
+      {"\\a\\b/./c\\..", "/a/b"},
       {"/..", ""},
       {"/", "/"},
       {"", ""},
       {"/./.", "/."},
       {"/a/", "/a/"},
-      {"///a", "/a"},
       {"./x", "x"},
       {"/...//..a/a../.b", "/.../..a/a../.b"},
       {"..", nullptr},
@@ -69,11 +66,7 @@ TEST(Normalize, ResolvesComponents) {
 
 TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
   ASSERT_TRUE(put("/a/b/c.dat", "text"));
-  for (const char *path :
-       {"/A/B/C.DAT", "/a//b/c.dat", "/a\\b/c.dat", "/a/./b/c.dat", "//a/./b//c.dat",
-        "/../x/../a\\b/c.dat", "/a/b/./c.dat", "/a/./b\\.//c.dat"}) {
-    EXPECT_EQ(get(path), "text") << path;
-  }
+  EXPECT_EQ(get("/../x/..//A/B\\.//C.DAT"), "text");
   EXPECT_EQ(list("/") + list("/./../a//"), "a/ b/ ") << "no directory without a name";
   // Relative paths begin at the current directory, whatever the disk has there.
   ASSERT_TRUE(put("sub/rel", "text"));
@@ -103,6 +96,8 @@ TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
       EXPECT_EQ(zov_mfSizeStat(path.c_str()), 0u);
     }
   }
+  EXPECT_EQ(zov_mfRename("/dir/file", "/a/") & zov_mfRename("/dir/file", tooLong.c_str()),
+            ZOV_ERROR);
   while (zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE) != ZOV_NO_SYNC) {
   }
   EXPECT_TRUE(zov_mfOpen("/dir/fresh", O_CREAT) == nullptr && errno == ENFILE);
@@ -142,22 +137,17 @@ TEST_F(MemoryFiles, RemovalByIdLeavesADeadName) {
 TEST_F(MemoryFiles, PositionStaysWithinTheFile) {
   ZOV_MFILE file = zov_mfOpen("/f", O_CREAT);
   ASSERT_EQ(zov_mfWrite(file, "0123456789", 10), 10u);
-  // The status of a seek and what is read there; "." at the end.
-  const auto seek = [&](uint64_t offset, int32_t whence) {
+  const std::pair<uint64_t, int32_t> rows[] = {
+      {3, 0},  {2, 1}, {UINT64_MAX - 1, 1}, {UINT64_MAX, 2}, {10, 0}, {4, 0},
+      {11, 0}, {1, 2}, {UINT64_MAX - 9, 1}, {0, 3},          {0, -1}};
+  // The status of each seek and what is read there; "." at the end.
+  std::string seen;
+  for (const auto &[offset, whence] : rows) {
     const int32_t status = zov_mfSeek(file, offset, whence);
     char next = '.';
     const uint32_t count = zov_mfRead(file, &next, 1);
     EXPECT_EQ(count, next == '.' ? 0u : 1u);
-    return std::to_string(status) + next;
-  };
-  const struct {
-    uint64_t offset;
-    int32_t whence;
-  } rows[] = {{3, 0},  {2, 1}, {UINT64_MAX - 1, 1}, {UINT64_MAX, 2}, {10, 0}, {4, 0},
-              {11, 0}, {1, 2}, {UINT64_MAX - 9, 1}, {0, 3},          {0, -1}};
-  std::string seen;
-  for (const auto &row : rows) {
-    seen += seek(row.offset, row.whence) + " ";
+    seen += std::to_string(status) + next + " ";
   }
   EXPECT_EQ(seen, "03 06 05 09 0. 04 25 26 27 28 29 ");
   // A size that cannot be had leaves nothing of itself.
@@ -180,16 +170,6 @@ TEST_F(MemoryFiles, NoFileIsHarmless) {
   EXPECT_EQ(zov_mfLock(nullptr) + zov_mfUnlock(nullptr) + static_cast<int>(zov_mfSize(nullptr)), 0);
 }
 
-TEST_F(MemoryFiles, RenameStaysInItsDirectory) {
-  ASSERT_TRUE(put("/a/x", "text") && put("/a/taken", ""));
-  EXPECT_EQ(zov_mfRename("/a/x", "/b/z"), ZOV_OKAY);
-  const std::string tooLong(65536, 'n');
-  for (const char *name : {"/a/TAKEN", "Z", "/a/", tooLong.c_str()}) {
-    EXPECT_EQ(zov_mfRename("/a/z", name), ZOV_ERROR) << name;
-  }
-  EXPECT_EQ(list("/a") + get("/a/z"), "taken z text");
-}
-
 // Makes a nameless file that holds the text, and puts it in the place of a path.
 int32_t place(const std::string &path, const std::string &text) {
   ZOV_MFILE draft = zov::newMemDraft();
@@ -203,9 +183,7 @@ TEST_F(MemoryFiles, OneFileTakesThePlaceOfAnother) {
   // From, to, what is where afterwards, and what was there before.
   const char *const rows[][5] = {
       {"/a/x", "/b/Z", "s/ Y | z ", "x", "z"},
-      {"/a/x", "/b/New", "s/ Y | New z ", "x", ""},
       {"/b/z", "/a/./X", "s/ x Y | ", "z", "x"},
-      {"/a/x", "/q/..//a\\./X", "s/ x Y | z ", "x", "x"},
       {"/a/s", "/a/r", "r/ x Y | z ", "(none)", ""},
   };
   for (const auto &[from, to, names, text, before] : rows) {

@@ -5,9 +5,8 @@
 // against a plain array of bytes.
 #include <time.h>
 
-#include <fstream>
-
 #include "support/faults.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -18,13 +17,6 @@ int32_t setSize(ZOV_SEG handle, uint64_t size) {
   const int32_t status = zov_segSetSize(handle, size);
   zov_segUnlock(handle);
   return status;
-}
-
-uint64_t residentBytes() {
-  uint64_t total = 0;
-  uint64_t resident = 0;
-  std::ifstream("/proc/self/statm") >> total >> resident;
-  return resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 class Segments : public zovtest::Started {
@@ -46,26 +38,22 @@ class Segments : public zovtest::Started {
 
 TEST_F(Segments, OffsetsFallIntoTheirSegments) {
   EXPECT_EQ(zov_segSegSize(file), kBase);
-  const struct {
-    uint64_t block;
-    uint64_t behind;
-    uint32_t segment;
-  } rows[] = {
+  const uint32_t rows[][3] = {
       {0, 0, 0},   {4, 1, 3},     {4, 0, 4},     {16, 1, 6},    {16, 0, 7},    {64, 1, 9},
       {64, 0, 10}, {1024, 1, 15}, {1024, 0, 16}, {4096, 1, 18}, {4096, 0, 19}, {2 * 4096, 0, 20},
   };
-  for (const auto &row : rows) {
-    const uint64_t offset = row.block * kBase - row.behind;
+  for (const auto &[block, behind, segment] : rows) {
+    const uint64_t offset = uint64_t{block} * kBase - behind;
     SCOPED_TRACE(offset);
     ASSERT_EQ(setSize(file, 0), ZOV_OKAY);
     ASSERT_EQ(zov_segSeekWrite(file, offset, "x", 1), 1u);
-    EXPECT_EQ(numSegments(), row.segment + 1);
-    EXPECT_TRUE(segmentExists(row.segment));
-    EXPECT_TRUE(row.segment < 2 || !segmentExists(row.segment - 1)) << "a hole takes no memory";
+    EXPECT_EQ(numSegments(), segment + 1);
+    EXPECT_TRUE(segmentExists(segment));
+    EXPECT_TRUE(segment < 2 || !segmentExists(segment - 1)) << "a hole takes no memory";
     EXPECT_EQ(zov_segSize(file), offset + 1);
     ASSERT_EQ(setSize(file, 0), ZOV_OKAY);
     ASSERT_EQ(setSize(file, offset + 1), ZOV_OKAY);
-    EXPECT_EQ(numSegments(), row.segment + 1);
+    EXPECT_EQ(numSegments(), segment + 1);
   }
 }
 
@@ -87,14 +75,14 @@ TEST_F(Segments, ReachesFarAndNotBeyondTheLimit) {
   EXPECT_EQ(zov_segSize(file) + zov_segModTime(id) + numSegments(), 0u);
   EXPECT_EQ(zovtest::liveBlocks(), blocks);
 
-  const uint64_t resident = residentBytes();
+  const uint64_t resident = zovtest::residentBytes();
   for (uint64_t offset : {kLimit / 4, kLimit / 3, kLimit / 2, kLimit - 1}) {
     EXPECT_EQ(zov_segSeekWrite(file, offset, "xy", 2), offset == kLimit - 1 ? 1u : 2u);
     char text[3] = "";
     EXPECT_EQ(zov_segSeekRead(file, offset, text, 3), std::min<uint64_t>(kLimit - offset, 2));
     EXPECT_EQ(text[0], 'x');
   }
-  EXPECT_LT(residentBytes(), resident + (72u << 20));
+  EXPECT_LT(zovtest::residentBytes(), resident + (72u << 20));
   EXPECT_EQ(setSize(file, kLimit / 3 - 5), ZOV_OKAY);
   EXPECT_EQ(setSize(file, 5000), ZOV_OKAY);
   EXPECT_EQ(numSegments(), 2u);

@@ -65,6 +65,12 @@ inline bool fileExists(const std::string &path) {
   return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
+inline uint64_t residentBytes() {
+  uint64_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages >> pages;
+  return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
 }  // namespace zovtest
 
 #endif

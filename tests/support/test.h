@@ -116,6 +116,13 @@ void onThreads(uint32_t count, Work work) {
   }
 }
 
+template <typename Condition>
+void waitUntil(Condition holds) {
+  while (!holds()) {
+    std::this_thread::yield();
+  }
+}
+
 // Tells its seed with every failure while it lives, and takes it from ZOV_SEED where
 // that is set.
 class Random : public std::mt19937_64 {
