@@ -7,31 +7,19 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
-#include <string>
-
 #include "store/store.h"
+#include "support/fuzz.h"
+#include "support/route_file.h"
 
 namespace {
 
 using minidb::Status;
+using zovtest::require;
 
 struct Setting {
   std::string path;
   std::string bytes;  // of a right file
 };
-
-void require(bool right) {
-  if (!right) {
-    __builtin_trap();
-  }
-}
-
-std::string readFile(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 minidb::Text text(const std::string &bytes) {
   return {bytes.data(), static_cast<uint32_t>(bytes.size())};
@@ -67,7 +55,7 @@ Setting make() {
   require(openFile(setting.path, false, &store) == Status::kOkay);
   require(change(store, 500) == Status::kOkay);
   minidb::closeStore(store);
-  setting.bytes = readFile(setting.path);
+  setting.bytes = zovtest::getFile(setting.path, 0);
   return setting;
 }
 
@@ -112,11 +100,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
   }
   bytes.resize((how & 2) != 0 ? bytes.size() - how : bytes.size());
-  std::ofstream(setting.path, std::ios::binary) << bytes;
+  require(zovtest::putFile(setting.path, bytes, ZOV_FILE_NOSYNC));
   minidb::Store *store;
   const bool readOnly = (how & 4) != 0;
   if (openFile(setting.path, readOnly, &store) != Status::kOkay) {
-    require(readFile(setting.path) == bytes);
+    require(zovtest::getFile(setting.path, 0) == bytes);
     return 0;
   }
   uint64_t before;

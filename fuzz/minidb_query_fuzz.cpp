@@ -4,40 +4,27 @@
 // sends: a request is taken out of it, and run on a database in memory; so is all of it,
 // as if it were typed. Inputs with a slash are left out, and files cannot be made where
 // it runs, so that load and dump change nothing.
-#include <string.h>
 #include <unistd.h>
 
-#include <string>
-
+#include "support/fuzz.h"
 #include "wire/wire.h"
 
 namespace {
 
 using minidb::Text;
-
-struct Source {
-  const uint8_t *at;
-  size_t left;
-};
+using zovtest::require;
 
 int32_t deliver(void *context, void *buffer, uint32_t capacity, uint32_t *delivered) {
-  Source &source = *static_cast<Source *>(context);
-  *delivered = static_cast<uint32_t>(source.left < capacity ? source.left : capacity);
-  memcpy(buffer, source.at, *delivered);
-  source.at += *delivered;
-  source.left -= *delivered;
+  Text &left = *static_cast<Text *>(context);
+  *delivered = left.length < capacity ? left.length : capacity;
+  memcpy(buffer, left.bytes, *delivered);
+  left = {left.bytes + *delivered, left.length - *delivered};
   return *delivered == 0 ? minidb::kChannelEnd : 0;
 }
 
 int32_t take(void *bytes, const void *data, uint32_t length) {
   static_cast<std::string *>(bytes)->append(static_cast<const char *>(data), length);
   return 0;
-}
-
-void require(bool right) {
-  if (!right) {
-    __builtin_trap();
-  }
 }
 
 // Items have a kind, and as many bytes as they say.
@@ -74,8 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   zov_strncpyZ(settings.text[minidb::kMemory], "yes", minidb::kSettingBytes);
   require(readSettings(settings));
   require(ready && openDatabase(database, settings));
-  run(database, {reinterpret_cast<const char *>(data), static_cast<uint32_t>(size)}, {1, 1});
-  Source source = {data, size};
+  Text source = {reinterpret_cast<const char *>(data), static_cast<uint32_t>(size)};
+  run(database, source, {1, 1});
   ZOV_INPUTBUFF in = nullptr;
   require(zov_inputBuffCreate(deliver, nullptr, &source, 0, &in) == 0);
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);

@@ -60,6 +60,7 @@ static int strikes(const char *call, size_t *length) {
     return next arguments;                                              \
   }
 
+FAULT(int, open, open, (const char *p, int f, ...), (p, f, 0666), NULL, -1)
 FAULT(ssize_t, pread, read, (int f, void *b, size_t n, off_t o), (f, b, n, o), &n, -1)
 FAULT(ssize_t, read, read, (int f, void *b, size_t n), (f, b, n), &n, -1)
 FAULT(ssize_t, pwrite, write, (int f, const void *b, size_t n, off_t o), (f, b, n, o), &n, -1)
@@ -76,17 +77,6 @@ FAULT(int, accept4, accept, (int f, __SOCKADDR_ARG a, socklen_t *n, int o), (f, 
 FAULT(int, pthread_create, thread,
       (pthread_t * t, const pthread_attr_t *a, void *(*s)(void *), void *p), (t, a, s, p), NULL,
       EAGAIN)
-
-int open(const char *path, int flags, ...) {
-  static int (*next)(const char *, int, ...);
-  if (strikes("open", NULL)) {
-    return -1;
-  }
-  if (next == NULL) {
-    next = (int (*)(const char *, int, ...))(intptr_t)dlsym(RTLD_NEXT, "open");
-  }
-  return next(path, flags, 0666);
-}
 
 #ifndef __SANITIZE_ADDRESS__
 extern void *__libc_malloc(size_t);

@@ -163,11 +163,6 @@ void exits(int32_t) {
   _exit(3);
 }
 
-void reportsAndExits(int32_t pipe) {
-  zov_daemonComplete(pipe);
-  _exit(5);
-}
-
 void stops(int32_t) {
   raise(SIGSTOP);
 }
@@ -189,7 +184,7 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
       {__LINE__, plain, [](int32_t) { raise(SIGKILL); },
        "247: tested terminated by internal error or external signal (9).\n"},
       {__LINE__, plain, stops, kStopped},
-      {__LINE__, plain, reportsAndExits, kStarted},
+      {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), _exit(5); }, kStarted},
       {__LINE__, plain, [](int32_t pipe) { zov_daemonComplete(pipe), raise(SIGSTOP); }, kStarted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe), _exit(3); }, kAborted},
       {__LINE__, plain, [](int32_t pipe) { close(pipe); }, kStarted},

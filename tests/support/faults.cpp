@@ -111,20 +111,6 @@ Standing standing() {
   return {openDescriptors(), liveBlockCount, heldLockCount, liveSlotCount};
 }
 
-}  // namespace zovtest
-
-using zovtest::bytesOf;
-using zovtest::Call;
-using zovtest::counted;
-using zovtest::Event;
-using zovtest::failed;
-using zovtest::failedNull;
-using zovtest::Fault;
-using zovtest::heldLockCount;
-using zovtest::liveBlockCount;
-using zovtest::liveSlotCount;
-using zovtest::madeUpNow;
-
 // A call that fails with `failure`, an expression of `verdict`.
 #define FAULT(Result, name, parameters, arguments, failure)   \
   REPLACE(Result, name, parameters, {                         \
@@ -138,8 +124,8 @@ using zovtest::madeUpNow;
   REPLACE(Result, name, parameters, {                                                \
     const Fault::Verdict verdict = Fault::ask(Call::name);                           \
     const Result result = verdict.fails ? failed(verdict) : __real_##name arguments; \
-    if (result >= 0 && zovtest::recorder != nullptr) {                               \
-      zovtest::recorder->add(Event::__VA_ARGS__);                                    \
+    if (result >= 0 && recorder != nullptr) {                                        \
+      recorder->add(Event::__VA_ARGS__);                                             \
     }                                                                                \
     return result;                                                                   \
   })
@@ -235,7 +221,7 @@ REPLACE(void, free, (void *block), {
 REPLACE(int, pthread_mutex_lock, (pthread_mutex_t * mutex), {
   Fault::ask(Call::pthread_mutex_lock);
   if (pthread_mutex_trylock(mutex) != 0) {
-    ++zovtest::locksFoundTaken;
+    ++locksFoundTaken;
     __real_pthread_mutex_lock(mutex);
   }
   ++heldLockCount;
@@ -263,3 +249,5 @@ REPLACE(void, zov_syncShutdown, (), {
 REPLACE(ZOV_TAG, zov_createTagEx, (jmp_buf * recovery, uint32_t flags, const char *by, uint32_t at),
         return Fault::ask(Call::tag).fails ? ZOV_NO_TAG
                                            : __real_zov_createTagEx(recovery, flags, by, at);)
+
+}  // namespace zovtest

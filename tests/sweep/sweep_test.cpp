@@ -33,12 +33,6 @@ TEST(Sweep, Core) {
        chunk != nullptr ? zov_putInPool(chunk, w.pool) : void();
        return got(chunk != nullptr);
      }},
-    {"zov_syncCreate_check zov_syncDelete", 0, "", "",
-     [](World &w) {
-       w.sync[0] = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-       w.sync[1] = zov_syncCreate_check(ZOV_SYNC_EVENT, ZOV_HERE);
-       return got(w.sync[0] != ZOV_NO_SYNC && w.sync[1] != ZOV_NO_SYNC);
-     }},
     {"zov_threadBeginEx", 0, "", "",
      [](World &) {
        std::atomic<bool> ran{false};
@@ -232,19 +226,6 @@ TEST(Sweep, Memory) {
   const auto putOther = [](World &) { putFile("/n/a", "one", kMem); };
   // clang-format off
   sweep("memory", {
-    {"zov_mfOpen zov_mfWrite zov_mfSeekRead zov_mfLock zov_mfUnlock zov_mfSize zov_mfClose", kKeeps | kInPlace, "/m/a=one",
-     "/m/a=one /m/b=two",
-     [](World &w) {
-       ZOV_MFILE file = zov_mfOpen("/m/b", O_CREAT | O_TRUNC);
-       w.other = file;
-       char back[4] = "";
-       if (file == nullptr || zov_mfLock(file) != ZOV_OKAY) {
-         return got(false);
-       }
-       const bool written = zov_mfWrite(file, "two", 3) == 3 && zov_mfSeekRead(file, 0, back, 3) == 3 && zov_mfSize(file) == 3;
-       zov_mfUnlock(file);
-       return got(written, strcmp(back, "two") == 0);
-     }, {}, nullptr, nullptr, [](World &w) { zov_mfClose(static_cast<ZOV_MFILE>(w.other)); }},
     {"zov_fileOpen zov_fileSeekWrite zov_fileSetSize", kKeeps, "/m/a=", "/m/a=",
      [](World &w) {
        w.file = zov_fileOpen("/m/a", O_RDWR, kMem);
@@ -310,23 +291,6 @@ TEST(Sweep, Memory) {
        zov_segSeekWrite(file, 0, manySegments.data(), kSegmentsThere);
        zov_segClose(file);
      }},
-    {"zov_shmCacheNextId zov_shmCacheOpenCtx zov_shmCacheCreate zov_shmCacheGetPtr zov_shmCacheLock", kKeeps, "", "",
-     [](World &w) {
-       w.id = zov_shmCacheNextId();
-       void *root = nullptr;
-       ZOV_CACHE_CTX context = w.id == 0 ? nullptr : zov_shmCacheOpenCtx(w.id, O_CREAT, 64, &root);
-       if (context == nullptr) {
-         return got(false);
-       }
-       zov_shmCacheLock(context);
-       ZOV_CACHE_REGION region = zov_shmCacheCreate(context, 1, 0, 4096);
-       void *place = region == nullptr ? nullptr : zov_shmCacheGetPtr(region);
-       place != nullptr ? zov_shmCacheReleasePtr(region, place) : void();
-       region != nullptr ? zov_shmCacheClose(region) : void();
-       zov_shmCacheUnlock(context);
-       zov_shmCacheCloseCtx(context);
-       return got(place != nullptr, root != nullptr);
-     }, {}, nullptr, nullptr, [](World &w) { w.id != 0 ? zov_shmCacheRemoveCtx(w.id) : void(); }},
   });
   // clang-format on
 }

@@ -73,8 +73,9 @@ TEST(Sweep, Text) {
 }
 
 TEST(Sweep, Ini) {
-  const std::string old = "a.ini=[S]\nab=1\ncd=2\n";
-  const std::string changed = "a.ini=[S]\nab=new\ncd=2\n";
+  const std::string rest = "\ncd=2\nef=" + std::string(500, 'v') + "\n";
+  const std::string old = "a.ini=[S]\nab=1" + rest;
+  const std::string changed = "a.ini=[S]\nab=new" + rest;
   const auto forget = [](World &) { zov_iniCleanup(); };
   const std::vector<int32_t> fails = {ZOV_INI_NOFILE, ZOV_INI_NOTREPLACED, ZOV_INI_NOMEMORY};
   // clang-format off

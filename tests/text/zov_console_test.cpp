@@ -9,13 +9,9 @@
 #include "support/faults.h"
 #include "support/temp_dir.h"
 
-namespace {
+namespace zovtest {
 
-using zovtest::Call;
-using zovtest::errorsOf;
-using zovtest::Fault;
-using zovtest::outputOf;
-using zovtest::readFile;
+namespace {
 
 // Whether a log is of these records, each of which "@" begins.
 const char kStamp[] = R"(\[\d\d-[A-Z][a-z][a-z]-\d{4} \d\d:\d\d:\d\d\]  )";
@@ -23,7 +19,7 @@ bool isLog(const std::string &text, const std::string &records) {
   return std::regex_match(text, std::regex(std::regex_replace(records, std::regex("@"), kStamp)));
 }
 
-using Console = zovtest::StartedInDir;
+using Console = StartedInDir;
 
 // A "<" closes what was opened last; null and "" are silent.
 TEST_F(Console, RedirectionsPileUp) {
@@ -43,7 +39,7 @@ TEST_F(Console, RedirectionsPileUp) {
   zov_stdout_close();
   EXPECT_EQ(readFile("first"), "1379");
   EXPECT_EQ(readFile("second"), "28");
-  EXPECT_FALSE(zovtest::fileExists("FIRST"));
+  EXPECT_FALSE(fileExists("FIRST"));
   EXPECT_EQ(zov_stdout_open("no/file"), ZOV_ERROR);
   EXPECT_EQ(outputOf([] { zov_printf("console"), zov_flush(); }), "console");
   zov_stdout_close();
@@ -77,9 +73,9 @@ TEST_F(Console, StacksServePrograms) {
   EXPECT_EQ(info->users, 2u);
   EXPECT_EQ(zov_getFileInfo(&stack, at("a").c_str(), &node) + int(node.info != info), ZOV_OKAY);
   EXPECT_EQ(zov_fileStackSearch(&stack, at("c").c_str()), nullptr);
-  const int64_t before = zovtest::standing().locks;
+  const int64_t before = standing().locks;
   zov_fileStackLock(&stack);
-  EXPECT_EQ(zovtest::standing().locks, before + 1);
+  EXPECT_EQ(standing().locks, before + 1);
   EXPECT_EQ(zov_fputs("text", info->stream), 4);
   zov_fileStackClose(&stack);
   zov_fileStackRelease(&stack);
@@ -123,9 +119,9 @@ TEST_F(Console, ChunksMakeOneRecord) {
   EXPECT_EQ(zov_log_chunk(chunk, "one %d, ", 1), 7);
   EXPECT_EQ(zov_log_chunk(chunk, nullptr), 0);
   EXPECT_EQ(zov_log_chunk(nullptr, "x"), 0);
-  zovtest::failAllocationAfter(0);
+  failAllocationAfter(0);
   EXPECT_EQ(zov_log_chunk(chunk, "lost"), -1);
-  zovtest::stopFailing();
+  stopFailing();
   EXPECT_EQ(zov_log_chunk(chunk, "two, "), 5);
   zov_log_chunk_end(chunk, "three\n");
   zov_log_chunk_end(nullptr, "x");
@@ -198,20 +194,22 @@ TEST_F(Console, FailingOutputReportsItselfOnce) {
 TEST_F(Console, ShortMemoryIsSurvived) {
   const std::string text(3000, 'y');
   EXPECT_EQ(outputOf([&] {
-              zovtest::failAllocationAfter(0, true);
+              failAllocationAfter(0, true);
               EXPECT_EQ(zov_log("%s", text.c_str()), 511) << "what fits without a buffer";
               EXPECT_EQ(zov_log("short\n"), 6);
-              zovtest::stopFailing();
+              stopFailing();
             }),
             text.substr(0, 511) + "short\n");
   // The format buffer of a stream cannot grow: the message about it follows
   // when the lock is free.
   const std::string output = outputOf([&] {
-    zovtest::failAllocationAfter(0);
+    failAllocationAfter(0);
     EXPECT_EQ(zov_printf("%s", text.c_str()), -1);
-    EXPECT_TRUE(zovtest::stopFailing());
+    EXPECT_TRUE(stopFailing());
   });
   EXPECT_EQ(output.find("Out of memory. Called from zov_stream"), 0u) << output;
 }
 
 }  // namespace
+
+}  // namespace zovtest
