@@ -29,6 +29,8 @@ TEST_F(Native, DescriptorsFollowTheSystem) {
   EXPECT_EQ(zov_flOpenStd(&file, 3), ZOV_ERROR);
   EXPECT_EQ(file, ZOV_NO_DESCRIPTOR);
   file = open(path_);
+  char buffer[5];
+  EXPECT_EQ(zov_flSeekRead(file, -2, buffer, 5), ZOV_IO_FAILED) << "an offset like any other";
   EXPECT_EQ(zov_flClose(file), 0);
   EXPECT_EQ(zov_flLock(file), ZOV_ERROR);
   EXPECT_EQ(zov_flSync(file), ZOV_ERROR);
