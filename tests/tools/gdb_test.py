@@ -49,7 +49,7 @@ class GdbTest(unittest.TestCase):
         return shown, refused, refused_dead
 
     def test_process_and_core_show_the_same(self):
-        shown, _, _ = self.both("zov tags", "zov queues", "zov queues orders", "zov syncs", "zov output",
+        shown, refused, _ = self.both("zov tags", "zov queues", "zov queues orders", "zov syncs", "zov output",
                                 "zov files")
         for pattern in [
                 r"0x\w+ +0x\w+ +5 +50[0-9]{2}  returns, may be armed\n",
@@ -58,7 +58,7 @@ class GdbTest(unittest.TestCase):
                 rf"mutex, inside thread 1 \(LWP {self.process.pid}\), 2 times; waits: thread [23]\n",
                 r"event, reset; waits: thread [23]\n", r"stdout +redirected over stdout\nstderr +stderr\n",
                 r"on-disk: descriptor [0-9]+\n", r"/open: in memory at 12\n"]:
-            self.assertRegex(shown, pattern)
+            self.assertRegex(shown, pattern, refused)
 
     def test_files_in_memory_are_listed_and_copied(self):
         shown, *refused = self.both("zov memory-list", "zov memory-copy /missing x", "zov memory-list FAR")
