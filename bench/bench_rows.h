@@ -10,6 +10,12 @@
 #include <initializer_list>
 #include <string>
 
+#include "zov.h"
+
+#if defined(ZOV_HAVE_APR)
+#include <apr_general.h>
+#endif
+
 struct BenchRow {
   const char *operation;
   void (*run)(benchmark::State &state);
@@ -28,6 +34,21 @@ inline bool addRows(const std::string &peer, std::initializer_list<BenchRow> row
     }
   }
   return true;
+}
+
+// The library, and APR where it is a peer, started for each of a row's runs.
+inline void startLibraries(const benchmark::State &) {
+  zov_init();
+#if defined(ZOV_HAVE_APR)
+  apr_initialize();
+#endif
+}
+
+inline void stopLibraries(const benchmark::State &) {
+#if defined(ZOV_HAVE_APR)
+  apr_terminate();
+#endif
+  zov_term();
 }
 
 // What all threads of a row share.

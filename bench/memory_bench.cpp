@@ -17,7 +17,6 @@
 #include <memory_resource>
 
 #if defined(ZOV_HAVE_APR)
-#include <apr_general.h>
 #include <apr_pools.h>
 #endif
 #if defined(ZOV_HAVE_TBB)
@@ -190,22 +189,8 @@ void Life(benchmark::State &state) {
   state.SetItemsProcessed(state.iterations() * kLifeBlocks);
 }
 
-void start(const benchmark::State &) {
-  zov_init();
-#if defined(ZOV_HAVE_APR)
-  apr_initialize();
-#endif
-}
-
-void stop(const benchmark::State &) {
-#if defined(ZOV_HAVE_APR)
-  apr_terminate();
-#endif
-  zov_term();
-}
-
 void startStop(benchmark::internal::Benchmark *row) {
-  row->Setup(start)->Teardown(stop);
+  row->Setup(startLibraries)->Teardown(stopLibraries);
 }
 
 void sizes(benchmark::internal::Benchmark *row) {

@@ -66,14 +66,6 @@ class Pool {
   ZOV_POOL pool_;
 };
 
-void start(const benchmark::State &) {
-  zov_init();
-}
-
-void stop(const benchmark::State &) {
-  zov_term();
-}
-
 template <typename Source>
 void GetPut(benchmark::State &state) {
   const size_t size = static_cast<size_t>(state.range(0));
@@ -108,7 +100,7 @@ void Burst(benchmark::State &state) {
 
 template <typename Source>
 void startStop(benchmark::internal::Benchmark *row) {
-  withCommon<Source, start, stop>(row->Arg(64));
+  withCommon<Source, startLibraries, stopLibraries>(row->Arg(64));
 }
 
 void largeToo(benchmark::internal::Benchmark *row) {

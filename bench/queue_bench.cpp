@@ -17,7 +17,6 @@
 #include <thread>
 
 #if defined(ZOV_HAVE_APR)
-#include <apr_general.h>
 #include <apr_queue.h>
 #endif
 #if defined(ZOV_HAVE_GLIB)
@@ -106,14 +105,10 @@ class AprMessages {
  public:
   static constexpr char kName[] = "apr";
   AprMessages() {
-    apr_initialize();
     apr_pool_create(&pool_, nullptr);
     apr_queue_create(&queue_, kRoom, pool_);
   }
-  ~AprMessages() {
-    apr_pool_destroy(pool_);
-    apr_terminate();
-  }
+  ~AprMessages() { apr_pool_destroy(pool_); }
   AprMessages(const AprMessages &) = delete;
   AprMessages &operator=(const AprMessages &) = delete;
   void put(uint64_t data) { apr_queue_push(queue_, reinterpret_cast<void *>(data)); }
@@ -146,14 +141,14 @@ class TbbMessages {
 };
 #endif
 
-void start(const benchmark::State &) {
-  zov_init();
+void start(const benchmark::State &state) {
+  startLibraries(state);
   zov_queueInit(0);
 }
 
-void stop(const benchmark::State &) {
+void stop(const benchmark::State &state) {
   zov_queueTerm(1);
-  zov_term();
+  stopLibraries(state);
 }
 
 template <typename Messages>

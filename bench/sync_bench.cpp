@@ -14,7 +14,6 @@
 #include <vector>
 
 #if defined(ZOV_HAVE_APR)
-#include <apr_general.h>
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 #endif
@@ -132,20 +131,6 @@ class Uv {
 };
 #endif
 
-void start(const benchmark::State &) {
-  zov_init();
-#if defined(ZOV_HAVE_APR)
-  apr_initialize();
-#endif
-}
-
-void stop(const benchmark::State &) {
-#if defined(ZOV_HAVE_APR)
-  apr_terminate();
-#endif
-  zov_term();
-}
-
 template <typename Mutex>
 void Pairs(benchmark::State &state) {
   static int64_t inside = 0;  // as many as may be
@@ -195,7 +180,7 @@ void CreateDeleteAmong(benchmark::State &state) {
 }
 
 void startStop(benchmark::internal::Benchmark *row) {
-  row->Setup(start)->Teardown(stop);
+  row->Setup(startLibraries)->Teardown(stopLibraries);
 }
 
 template <typename Mutex>
@@ -203,7 +188,7 @@ bool addMutex() {
   return addRows(
       Mutex::kName,
       {{"mutex-enter-exit", Pairs<Mutex>, onThreads}, {"mutex-reenter", Reentered<Mutex>}},
-      withCommon<Mutex, start, stop>);
+      withCommon<Mutex, startLibraries, stopLibraries>);
 }
 
 template <typename Mutex>
