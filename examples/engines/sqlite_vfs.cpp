@@ -10,7 +10,9 @@
 // 3. A name on disk lasts once its directory is synced: after the first sync of a new
 //    file, and when SQLite says so after a removal.
 // 4. A journal on disk gets the permissions of its database before anything is written
-//    to it. libzov has no call for that, but its descriptors are POSIX's.
+//    to it. libzov has no call for that, but its descriptors are POSIX's. Who opens the
+//    empty file in between keeps it open.
+// 5. Temporary files are in memory, where nobody else can read them.
 #include "sqlite_vfs.h"
 
 #include <errno.h>
@@ -304,16 +306,13 @@ uint32_t openFlagsOf(int flags) {
 std::string temporaryPath() {
   static uint32_t counter = 0;
   const Guard guard(lockTable);
-  char *path = zov_fileCreateTmpName(&counter, "sqlite", nullptr, ZOV_DEFAULT_TAG);
-  const std::string made = path == nullptr ? "" : path;
-  zov_freeMem(path, ZOV_DEFAULT_TAG);
-  return made;
+  return "/sqlite-temporary/" + std::to_string(++counter);
 }
 
 int openFile(sqlite3_vfs *vfs, const char *name, sqlite3_file *base, int flags, int *outFlags) {
   base->pMethods = nullptr;
   const std::string path = name == nullptr ? temporaryPath() : name;
-  const uint32_t typeFlags = typeFlagsOf(vfs);
+  const uint32_t typeFlags = name == nullptr ? ZOV_FILE_MEMORY : typeFlagsOf(vfs);
   int32_t existed = 0;
   int32_t isDirectory = 0;
   if ((flags & SQLITE_OPEN_CREATE) != 0) {
@@ -428,23 +427,23 @@ void writeLog(void *, int code, const char *message) {
 
 // Mutexes. SQLite asks for its static ones by number.
 
-struct sqliteMutex {
+struct SqliteMutex {
   ZOV_SYNC handle;
 };
 
 constexpr int kStaticMutexes = SQLITE_MUTEX_STATIC_VFS3 + 1;
-sqliteMutex staticMutexes[kStaticMutexes];
+SqliteMutex staticMutexes[kStaticMutexes];
 
-sqlite3_mutex *asMutex(sqliteMutex *mutex) {
+sqlite3_mutex *asMutex(SqliteMutex *mutex) {
   return reinterpret_cast<sqlite3_mutex *>(mutex);
 }
 
 ZOV_SYNC handleOf(sqlite3_mutex *mutex) {
-  return reinterpret_cast<sqliteMutex *>(mutex)->handle;
+  return reinterpret_cast<SqliteMutex *>(mutex)->handle;
 }
 
 int mutexesBegin() {
-  for (sqliteMutex &mutex : staticMutexes) {
+  for (SqliteMutex &mutex : staticMutexes) {
     if (mutex.handle == 0) {
       mutex.handle = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
     }
@@ -456,7 +455,7 @@ int mutexesBegin() {
 }
 
 int mutexesEnd() {
-  for (sqliteMutex &mutex : staticMutexes) {
+  for (SqliteMutex &mutex : staticMutexes) {
     zov_syncDelete(mutex.handle);
     mutex.handle = 0;
   }
@@ -468,12 +467,12 @@ sqlite3_mutex *allocateMutex(int kind) {
     return asMutex(&staticMutexes[kind]);
   }
   const ZOV_SYNC handle = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
-  return handle == ZOV_NO_SYNC ? nullptr : asMutex(new sqliteMutex{handle});
+  return handle == ZOV_NO_SYNC ? nullptr : asMutex(new SqliteMutex{handle});
 }
 
 void freeMutex(sqlite3_mutex *mutex) {
   zov_syncDelete(handleOf(mutex));
-  delete reinterpret_cast<sqliteMutex *>(mutex);
+  delete reinterpret_cast<SqliteMutex *>(mutex);
 }
 
 // A mutex changes hands between these two, which the analysis cannot follow.
@@ -536,6 +535,9 @@ int32_t sqliteBegin() {
                      sqlite3_config(SQLITE_CONFIG_LOG, writeLog, nullptr) == SQLITE_OK &&
                      sqlite3_vfs_register(&inMemory, 0) == SQLITE_OK &&
                      sqlite3_vfs_register(&onDisk, 1) == SQLITE_OK;
+  if (!begun) {
+    sqliteEnd();
+  }
   return begun ? ZOV_OKAY : ZOV_ERROR;
 }
 

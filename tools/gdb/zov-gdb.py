@@ -303,7 +303,10 @@ class Directory:
                      int(link["index"])).dereference()
             name += memory(pointer(extra["name"].address), min(length - len(name), 24))
             link = extra["next"]
-        return name.decode("utf-8", "surrogateescape")
+        text_of_name = name.decode("utf-8", "surrogateescape")
+        if text_of_name in ("", ".", "..") or "/" in text_of_name or "\0" in text_of_name:
+            raise Damaged(f"No file has the name {text_of_name!r}.")
+        return text_of_name
 
     def entries(self, number=1, depth=0):
         """Name, id and whether it is a directory, in the order of the names."""
