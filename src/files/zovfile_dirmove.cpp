@@ -15,6 +15,7 @@
 
 #include "core/zov_flags.h"
 #include "core/zov_shortage.h"
+#include "core/zov_word.h"
 #include "files/zovfile_private.h"
 #include "files/zovunix_entry.h"
 #include "memstore/zovmfile_place.h"
@@ -107,26 +108,53 @@ int32_t narrow(const char *made, const struct stat &source) {
   return isGiven ? ZOV_OKAY : ZOV_ERROR;
 }
 
+// Cuts the last component off a path. False when none is left to be cut off.
+bool goUp(char (&path)[PATH_MAX]) {
+  char from[PATH_MAX];
+  return copyPath(path, from) && parentOf(from, path) && strcmp(path, from) != 0;
+}
+
+// Syncs the directories that hold the levels of a path, from the last one up to one
+// that is not among them.
+int32_t syncLevels(const Place &place, const char *above) {
+  char level[PATH_MAX];
+  copyPath(place.path, level);
+  while (strcmp(level, above) != 0) {
+    if (syncDirectoryOf(level, place.typeFlags) != ZOV_OKAY) {
+      return ZOV_ERROR;
+    }
+    goUp(level);
+  }
+  return ZOV_OKAY;
+}
+
+// Removes the levels of a path, as syncLevels() goes through them.
+void removeLevels(const Place &place, const char *above) {
+  const KeepErrno kept;
+  char level[PATH_MAX];
+  for (copyPath(place.path, level); strcmp(level, above) != 0; goUp(level)) {
+    zov_dirRemove(level);
+  }
+}
+
 // Makes a directory on disk with those above it, and syncs each that got a new
 // entry: a crash that takes the directory away would take along files whose sources
-// are removed. ZOV_EXISTS is no failure: the path ends in a slash, or another thread
-// was faster.
+// are removed. What cannot be synced is removed again, as the next move would rely on
+// it. ZOV_EXISTS is no failure: the path ends in a slash, or another thread was
+// faster.
 int32_t makeSynced(const Place &place) {
-  char level[PATH_MAX];
-  char above[PATH_MAX];
   char there[PATH_MAX];  // the start of the path that leads to something
-  if (!copyPath(place.path, there) || !copyPath(place.path, level)) {
+  if (!copyPath(place.path, there)) {
     return ZOV_ERROR;
   }
-  while (isMissing(there) && copyPath(there, above) && parentOf(above, there)) {
+  while (isMissing(there) && goUp(there)) {
   }
   const int32_t status = zov_dirCreateAll(place.path);
-  bool isSafe = isMadeOrThere(status);
-  while (isSafe && strcmp(level, there) != 0) {
-    isSafe = parentOf(level, above) && syncDirectoryOf(level, place.typeFlags) == ZOV_OKAY &&
-             copyPath(above, level);
+  if (!isMadeOrThere(status) || syncLevels(place, there) == ZOV_OKAY) {
+    return status;
   }
-  return isSafe || !isMadeOrThere(status) ? status : ZOV_ERROR;
+  removeLevels(place, there);
+  return ZOV_ERROR;
 }
 
 // Makes a directory on disk for the files of another, which may be missing. The

@@ -267,6 +267,7 @@ TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
       {__LINE__, dirMove, "d/ d@700", "", "d", "n/e/", ZOV_OKAY, "n/ n/e/ n/e@700", kFar},
       {__LINE__, dirMove, "d/ d/x=1 d@700", "", "d", "e/", ZOV_OKAY, "e/ e/x=1 e@700", kOnDisk},
       {__LINE__, dirMove, "d/ d@700", "", "d", "e", ZOV_ERROR, "", kFar, Call::fchmod, 1, EIO},
+      {__LINE__, dirMove, "d/ d/x=1", "", "d", "n/e", ZOV_ERROR, "", kFar, Call::fsync, 2, EIO},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kCopies, Call::opendir, 1, EACCES},
       {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kToMemory, Call::readdir, 1, EIO},
       // A directory is not taken for a file because memory is short.
