@@ -2,7 +2,8 @@
 /**
  * @file zov.h
  * The public interface of libzov, the platform layer under a database engine,
- * its server and its utilities, on Linux for x86-64 and for 64-bit Arm. It reads as C11 and as C++.
+ * its server and its utilities, on Linux for x86-64 and for 64-bit Arm. It reads as
+ * C11 and as C++.
  *
  * ## Contents
  *
@@ -1743,9 +1744,10 @@ ZOV_API ZOV_STATUS zov_dirCreateAllW(const wchar_t *path);
  * Moves a directory: by renaming it, or else by moving its files into the
  * destination, each as zov_fileMoveEx() does. The destination is created if
  * missing, on disk with no permission for group and others that a source on disk
- * lacks. Directories in the source stay where they are, and the source with
- * them; a source on disk left empty is removed. In memory a directory can be
- * renamed within its directory, to a name that is free.
+ * lacks, and with the directories above it that are missing, each synced unless
+ * #ZOV_FILE_NOSYNC is set. Directories in the source stay where they are, and the
+ * source with them; a source on disk left empty is removed. In memory a directory
+ * can be renamed within its directory, to a name that is free.
  *
  * @param source           directory to move
  * @param sourceFlags      its type flags
@@ -1753,8 +1755,9 @@ ZOV_API ZOV_STATUS zov_dirCreateAllW(const wchar_t *path);
  * @param destinationFlags its type flags
  * @return #ZOV_OKAY, also when there is no source, and with nothing done when both
  *         paths lead to one directory. #ZOV_ERROR with nothing changed when the
- *         destination is no directory, the source cannot be read, the library is
- *         not started, or a path is on disk under the read-only or diskless flag.
+ *         destination is no directory or cannot be synced where it is made, the
+ *         source cannot be read, the library is not started, or a path is on disk
+ *         under the read-only or diskless flag.
  *         Else the status of creating the destination or of the first file that
  *         could not be moved; #ZOV_ERROR or #ZOV_NOMEMORY when the walk through
  *         the source broke off. Files moved before that stay moved.
@@ -4141,6 +4144,7 @@ ZOV_API void zov_segUnlock(ZOV_SEG file) ZOV_RELEASE(file);
  * nothing behind, and those before it are ended in reverse.
  *
  * Threads: none beside it; the process-wide critical section is held.
+ * Messages of what starts a module: those of zov_syncCreate_check().
  * @{
  */
 
@@ -4188,7 +4192,6 @@ ZOV_API ZOV_STATUS zov_mfInit(void);
 /**
  * Starts the mapping cache and what is beneath it; see zov_mfInit().
  * @return #ZOV_OKAY or #ZOV_ERROR.
- * Messages: those of zov_syncCreate_check().
  */
 ZOV_API ZOV_STATUS zov_segInit(void);
 
@@ -4196,7 +4199,6 @@ ZOV_API ZOV_STATUS zov_segInit(void);
  * Starts the heap and the mapping cache over it; see zov_mfInit().
  * @param pageSize place for the page size in bytes, 4096
  * @return #ZOV_OKAY or #ZOV_ERROR.
- * Messages: those of zov_syncCreate_check().
  */
 ZOV_API ZOV_STATUS zov_shmCacheInit(uint32_t *pageSize);
 
@@ -4205,7 +4207,6 @@ ZOV_API ZOV_STATUS zov_shmCacheInit(uint32_t *pageSize);
  * start the memory storage; see zov_mfInit().
  * @param pageSize place for the page size in bytes, 4096
  * @return #ZOV_OKAY or #ZOV_ERROR.
- * Messages: those of zov_syncCreate_check().
  */
 ZOV_API ZOV_STATUS zov_shmInit(uint32_t *pageSize);
 

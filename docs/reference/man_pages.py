@@ -193,8 +193,7 @@ def synopsis(page, lines):
 
 def also(page, names, own):
     names = dict.fromkeys(name for name in names if name != own)
-    page.add('.SH "SEE ALSO"', ",\n".join(f".BR {name} (3)".replace(".BR ", "\\fB").replace(" (3)", "\\fP(3)")
-                                          for name in names))
+    page.add('.SH "SEE ALSO"', ",\n".join(f"\\fB{name}\\fP(3)" for name in names))
 
 
 def heading(page, name, family, about):
