@@ -154,6 +154,12 @@ class CheckExports(unittest.TestCase):
         self.fake_library(self.promised(), "ZOV_12")
         self.assertEqual(len(self.complaints()), len(self.promised()))
 
+    def test_a_later_version_in_the_version_script(self):
+        self.edit(self.map, r"    zov_term;\n(.*)", r"\1ZOV_11_1 { global: zov_term; } ZOV_11;\n")
+        self.assertEqual(
+            self.complaints(), ["zov_term: has version 'ZOV_11' instead of ZOV_11_1"]
+        )
+
     def test_no_documentation_at_all(self):
         shutil.rmtree(self.xml)
         self.assertIn("build the docs target first", self.complaints()[0])
