@@ -31,6 +31,7 @@ declare -A PACKAGES=(
   [adoption]="mmdebstrap"
   [coverage]="gcovr locales"
   [tidy]="clang-tidy"
+  [header]="python3"
   [abi]="abigail-tools"
   [lint]="clang-format pyflakes3 shellcheck"
   [ci]="ccache git"
