@@ -199,20 +199,18 @@ void report(Round &round, Worker &self) {
 
 // Numbers, each of which is a statement of three reductions.
 void parse(Round &, Worker &self) {
-  struct Run {
-    uint32_t tokens, reduced;
-  } run = {2 * self.below(99), 0};
-  const uint32_t statements = run.tokens / 2;
+  uint32_t run[] = {2 * self.below(99), 0};  // tokens left, reductions
+  const uint32_t statements = run[0] / 2;
   const auto fetch = [](void *context, void *) -> int16_t {
-    uint32_t &left = static_cast<Run *>(context)->tokens;
+    uint32_t &left = *static_cast<uint32_t *>(context);
     return left == 0 ? int16_t{0} : left-- % 2 == 0 ? int16_t{expression_NUMBER} : int16_t{';'};
   };
   const auto reduce = [](void *context, void *, int32_t, void *) -> int16_t {
-    return ++static_cast<Run *>(context)->reduced, int16_t{0};
+    return ++static_cast<uint32_t *>(context)[1], int16_t{0};
   };
-  const ZOV_PARSE_CONTEXT context{8, &run, &expression_tables, fetch, reduce, nullptr, 0};
+  const ZOV_PARSE_CONTEXT context{8, run, &expression_tables, fetch, reduce, nullptr, 0};
   EXPECT_EQ(zov_yyparse(&context), 0);
-  EXPECT_EQ(run.reduced, 3 * statements + 1);
+  EXPECT_EQ(run[1], 3 * statements + 1);
 }
 
 void encode(Round &, Worker &self) {

@@ -8,7 +8,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <utility>
 
 #include "support/faults.h"
 

@@ -32,18 +32,14 @@ void *counted(void *block) {
   return block;
 }
 
-int failed(const Fault::Verdict &verdict) {
+template <typename Result = int>
+Result failed(const Fault::Verdict &verdict, Result result = -1) {
   errno = verdict.error;
-  return -1;
+  return result;
 }
 
 std::string bytesOf(const void *from, ssize_t count) {
   return {static_cast<const char *>(from), static_cast<size_t>(count)};
-}
-
-std::nullptr_t failedNull(const Fault::Verdict &verdict) {
-  errno = verdict.error;
-  return nullptr;
 }
 
 }  // namespace
@@ -157,12 +153,12 @@ RECORDED(int, remove, (const char *path), (path), kRemove, path)
 RECORDED(int, unlink, (const char *path), (path), kRemove, path)
 RECORDED(int, mkdir, (const char *path, mode_t mode), (path, mode), kCreate, path + std::string("/"))
 RECORDED(int, rmdir, (const char *path), (path), kRemove, path)
-FAULT(DIR *, opendir, (const char *path), (path), failedNull(verdict))
+FAULT(DIR *, opendir, (const char *path), (path), failed(verdict, nullptr))
 FAULT(int, flock, (int fd, int how), (fd, how), failed(verdict))
 FAULT(int, fchmod, (int fd, mode_t mode), (fd, mode), failed(verdict))
 FAULT(int, fchown, (int fd, uid_t user, gid_t group), (fd, user, group), failed(verdict))
 FAULT(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), failed(verdict))
-FAULT(char *, getcwd, (char *to, size_t size), (to, size), failedNull(verdict))
+FAULT(char *, getcwd, (char *to, size_t size), (to, size), failed(verdict, nullptr))
 FAULT(int, fcntl, (int fd, int command, long argument), (fd, command, argument), failed(verdict))
 FAULT(int, pipe2, (int *ends, int flags), (ends, flags), failed(verdict))
 FAULT(pid_t, fork, (), (), failed(verdict))
@@ -190,7 +186,7 @@ REPLACE(int, close, (int fd), {
 })
 REPLACE(dirent *, readdir, (DIR * directory), {
   const Fault::Verdict verdict = Fault::ask(Call::readdir);
-  dirent *entry = verdict.fails ? failedNull(verdict) : __real_readdir(directory);
+  dirent *entry = verdict.fails ? failed(verdict, nullptr) : __real_readdir(directory);
   if (entry != nullptr && verdict.limit != SIZE_MAX) {
     entry->d_type = DT_UNKNOWN;
   }
@@ -199,16 +195,16 @@ REPLACE(dirent *, readdir, (DIR * directory), {
 
 REPLACE(void *, malloc, (size_t size), {
   const Fault::Verdict verdict = Fault::ask(Call::allocation);
-  return verdict.fails ? failedNull(verdict) : counted(__real_malloc(size));
+  return verdict.fails ? failed(verdict, nullptr) : counted(__real_malloc(size));
 })
 REPLACE(void *, calloc, (size_t count, size_t size), {
   const Fault::Verdict verdict = Fault::ask(Call::allocation);
-  return verdict.fails ? failedNull(verdict) : counted(__real_calloc(count, size));
+  return verdict.fails ? failed(verdict, nullptr) : counted(__real_calloc(count, size));
 })
 REPLACE(void *, realloc, (void *block, size_t size), {
   const Fault::Verdict verdict = Fault::ask(Call::allocation);
   if (verdict.fails) {
-    return failedNull(verdict);
+    return failed(verdict, nullptr);
   }
   void *moved = __real_realloc(block, size);
   return block == nullptr ? counted(moved) : moved;

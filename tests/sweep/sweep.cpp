@@ -265,9 +265,6 @@ void World::putAway() {
   zov_freeMem(text, ZOV_DEFAULT_TAG);
   zov_freeMem(wideText, ZOV_DEFAULT_TAG);
   tag != 0 ? zov_freeTagMemory(tag, 1) : void();
-  for (ZOV_SYNC each : sync) {
-    zov_syncDelete(each);
-  }
   static_cast<Made &>(*this) = {};
 }
 

@@ -30,7 +30,6 @@ struct Made {
   char *text = nullptr;
   wchar_t *wideText = nullptr;
   ZOV_TAG tag = 0;
-  ZOV_SYNC sync[2] = {};
   uint32_t size = 0;
   char room[64] = {};
 };

@@ -231,7 +231,6 @@ TEST(Sweep, Memory) {
        w.file = zov_fileOpen("/m/a", O_RDWR, kMem);
        return got(w.file != nullptr && zov_fileSetSize(w.file, 40000) == 0 && zov_fileSetSize(w.file, 0) == 0);
      }},
-    {"zov_fileRenameEx", kKeeps, "/m/a=one", "/m/b=one", [](World &) { return zov_fileRenameEx("/m/a", kMem, "/m/b", kMem); }},
     {"zov_mfRename", kKeeps, "/m/a=one", "/m/a name of more than one piece, which is stored in several pieces=one",
      [](World &) { return zov_mfRename("/m/a", "a name of more than one piece, which is stored in several pieces"); }},
     {"zov_mfOpen", kKeeps, full, full + " " + longName + "=",

@@ -73,7 +73,7 @@ TEST(Sweep, Text) {
 }
 
 TEST(Sweep, Ini) {
-  const std::string rest = "\ncd=2\nef=" + std::string(500, 'v') + "\n";
+  const std::string rest = "\ncd=2\nef=" + std::string(3000, 'v') + "\n";  // of several blocks
   const std::string old = "a.ini=[S]\nab=1" + rest;
   const std::string changed = "a.ini=[S]\nab=new" + rest;
   const auto forget = [](World &) { zov_iniCleanup(); };
