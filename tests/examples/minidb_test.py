@@ -404,6 +404,9 @@ class ServerTest(ProgramTest):
         self.assertFalse(other.ask("commit")[1])  # a was changed meanwhile
         one.close()
         self.assertEqual(other.ask("begin; put c 3; commit; find"), ("a;2\nc;3\n2 found\n", True))
+        with futures.ThreadPoolExecutor() as clients:
+            sets = clients.map(lambda wait: self.connect().ask(f"set wait {wait};" * 99)[0], range(1, 5))
+            self.assertEqual(list(sets), [""] * 4)
         self.stop_server(server, signal.SIGINT)
         self.assertEqual(self.records(), {"a": "2", "c": "3"})
 

@@ -120,8 +120,8 @@ bool readSetting(Settings &settings, Option setting);
 // Takes that of the settings that were not given.
 bool readSettings(Settings &settings);
 
-// Changes a setting in the file, which is made for it, and reads it back. False when
-// there is no such setting or it cannot have that value.
+// Changes a setting in the file, which is made for it, and reads it back, one thread at
+// a time. False when there is no such setting or it cannot have that value.
 bool changeSetting(Settings &settings, const char *name, const char *value);
 
 // Writes the log to a file, new and readable by this user alone, from now on. What has

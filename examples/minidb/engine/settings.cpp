@@ -105,6 +105,25 @@ bool place(Settings &settings, Option option, const char *value) {
   return true;
 }
 
+// Sets a setting in the file, or takes it away again when that has no effect.
+bool keepSetting(Settings &settings, Option setting, const char *value) {
+  const Known &known = kKnown[setting];
+  const char *path = settings.text[kFile];
+  uint64_t made = ZOV_NO_DESCRIPTOR;
+  if (zov_flOpen(path, O_WRONLY | O_CREAT | O_EXCL, 0, &made) == 0) {
+    zov_flClose(made);
+  }
+  if (zov_iniSet(path, known.section, known.name, value) != ZOV_OKAY) {
+    return failedAt("change", path);
+  }
+  if (readSetting(settings, setting) && strcmp(settings.text[setting], value) == 0) {
+    return true;
+  }
+  zov_iniSet(path, known.section, known.name, nullptr);
+  return fail("\"%.500s\" has another line for %s in front, not of the form %s=VALUE", path,
+              known.name, known.name);
+}
+
 // By its name, of the first so many. That many when there is none.
 Option find(const char *name, uint8_t count) {
   uint8_t number = 0;
@@ -222,28 +241,18 @@ bool readSettings(Settings &settings) {
 }
 
 bool changeSetting(Settings &settings, const char *name, const char *value) {
+  static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;  // from the change to the look at it
   const Option setting = find(name, kSettings);
-  const char *path = settings.text[kFile];
   if (setting == kSettings) {
     return fail("there is no setting \"%.100s\"", name);
   }
   if (!place(settings, setting, value)) {
     return false;
   }
-  const Known &known = kKnown[setting];
-  uint64_t made = ZOV_NO_DESCRIPTOR;
-  if (zov_flOpen(path, O_WRONLY | O_CREAT | O_EXCL, 0, &made) == 0) {
-    zov_flClose(made);
-  }
-  if (zov_iniSet(path, known.section, known.name, value) != ZOV_OKAY) {
-    return failedAt("change", path);
-  }
-  if (readSetting(settings, setting) && strcmp(settings.text[setting], value) == 0) {
-    return true;
-  }
-  zov_iniSet(path, known.section, known.name, nullptr);
-  return fail("\"%.500s\" has another line for %s in front, not of the form %s=VALUE", path,
-              known.name, known.name);
+  pthread_mutex_lock(&lock);
+  const bool isKept = keepSetting(settings, setting, value);
+  pthread_mutex_unlock(&lock);
+  return isKept;
 }
 
 bool openLog(const Settings &settings) {
