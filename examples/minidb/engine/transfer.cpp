@@ -54,14 +54,21 @@ Status takeNext(Session &session, Buffer &line, uint64_t number) {
 
 // --- Drafts --------------------------------------------------------------
 
+// Locks a file that still has its name then: who had it locked may have removed it.
+bool lockNamed(uint64_t descriptor, const char *path) {
+  struct stat locked;
+  struct stat named;
+  return zov_flLock(descriptor) == ZOV_OKAY && stat(path, &named) == 0 &&
+         fstat(static_cast<int>(descriptor), &locked) == 0 && named.st_dev == locked.st_dev &&
+         named.st_ino == locked.st_ino;
+}
+
 // Makes and locks the file. A draft is locked while somebody writes it, so one that is
 // not was left over; another process may take this one for that before it is locked.
 bool createLocked(Draft &draft) {
-  struct stat made;
-  struct stat named;
   uint64_t old = ZOV_NO_DESCRIPTOR;
   if (zov_flOpen(draft.path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK, 0, &old) == 0) {
-    if (zov_flLock(old) == ZOV_OKAY) {
+    if (lockNamed(old, draft.path)) {
       zov_flRemove(draft.path);
     }
     zov_flClose(old);
@@ -69,9 +76,7 @@ bool createLocked(Draft &draft) {
   if (zov_flOpen(draft.path, O_WRONLY | O_CREAT | O_EXCL, 0, &draft.descriptor) != 0) {
     return false;
   }
-  if (zov_flLock(draft.descriptor) == ZOV_OKAY && stat(draft.path, &named) == 0 &&
-      fstat(static_cast<int>(draft.descriptor), &made) == 0 && named.st_dev == made.st_dev &&
-      named.st_ino == made.st_ino) {
+  if (lockNamed(draft.descriptor, draft.path)) {
     return true;
   }
   zov_flClose(draft.descriptor);
