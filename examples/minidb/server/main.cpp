@@ -159,11 +159,13 @@ bool serveSocket(const Settings &settings) {
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
   sigaddset(&ends, SIGTERM);
-  if (!(isGiven(settings, minidb::kForeground) || leaveTerminal()) ||
-      !writeProcessId(besideSocket(settings, ".pid").text) || !startThreads()) {
+  if (!isGiven(settings, minidb::kForeground) && !leaveTerminal()) {
     return false;
   }
-  pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+  pthread_sigmask(SIG_BLOCK, &ends, nullptr);  // before anybody knows whom to end
+  if (!writeProcessId(besideSocket(settings, ".pid").text) || !startThreads()) {
+    return false;
+  }
   zov_log("serving \"%s\" at \"%s\"\n", settings.text[minidb::kData],
           settings.text[minidb::kSocket]);
   if (server.launcher >= 0) {
