@@ -296,8 +296,8 @@ class FileTest(StatementTests, ProgramTest):
         os.symlink("data", self.path("soft"))
         self.run_minidb("set wait 9000")
         os.link(self.path("minidb.ini"), self.path("hard"))
-        for name in ("data", "soft", "hard", "./minidb.ini", "minidb-server.log", "minidb.socket",
-                     "minidb.socket.pid", "minidb.socket.lock"):
+        for name in ("data", "soft", "hard", "./minidb.ini", "data.new", "minidb-server.log",
+                     "minidb.socket", "minidb.socket.pid", "minidb.socket.lock"):
             self.assertIn("the database itself", self.run_minidb("dump", name, status=1)[1], name)
         self.write("good", "earlier")
         self.write("good.minidb-new", "left by a kill")

@@ -136,12 +136,11 @@ Status rebuild(Store &store, const View &source, Progress progress) {
   if (onDisk(store.typeFlags)) {
     zov_fileRemove(path);
   }
-  Status status = openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file);
-  if (status != Status::kOkay) {
-    return status;
+  if (openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file) != Status::kOkay) {
+    return Status::kFailed;
   }
   const View empty = {&store, file, nullptr, 0, kFirstPage, source.number, 0, 0, 0, 0};
-  status = beginOn(store, empty, Mode::kExclusive, &target);
+  Status status = beginOn(store, empty, Mode::kExclusive, &target);
   status = status == Status::kOkay ? fill(*target, source, progress) : status;
   status = status == Status::kOkay ? replace(store, *file, *source.file) : status;
   if (status == Status::kOkay || status == Status::kUnknown) {

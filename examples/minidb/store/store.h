@@ -215,8 +215,8 @@ struct Progress {
 
 // Writes the records packed to a new file beside the old one and puts it in its place
 // in one step, with the old one's owner and permissions. Writers wait; views stay
-// what they are. kRefused while a hard link gives the file a second name, as that
-// would stay with the old file.
+// what they are. Fails while a hard link gives the file a second name, as that would
+// stay with the old file.
 Status compactStore(Store &store, Progress progress);
 
 struct Stats {
