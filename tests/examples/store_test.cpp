@@ -79,9 +79,7 @@ Status put(minidb::Store *store, const Records &records, Mode mode = Mode::kOver
     return status;
   }
   for (const auto &[key, value] : records) {
-    if (minidb::putRecord(*transaction, text(key), text(value)) != Status::kOkay) {
-      break;
-    }
+    minidb::putRecord(*transaction, text(key), text(value));
   }
   return minidb::commit(transaction);
 }
@@ -94,11 +92,9 @@ Records many(uint32_t count, char letter) {
   return records;
 }
 
-Records merged(Records records, const Records &others) {
-  for (const auto &[key, value] : others) {
-    records[key] = value;
-  }
-  return records;
+Records merged(const Records &records, Records others) {
+  others.insert(records.begin(), records.end());
+  return others;
 }
 
 class StoreTest : public Started {
