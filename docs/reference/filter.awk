@@ -3,7 +3,8 @@
 # from a list that a macro expands, which it cannot document: their enum is spelt out.
 # And outside of quotation marks it drops a percent sign in front of a letter, in code
 # spans too: there it is doubled. Lines keep their numbers, for the sake of messages.
-# In a guide the name of a function becomes a link, and its program follows, whole.
+# In a guide the name of a function becomes a link, and its program follows, whole. A
+# page without an anchor gets one of its file's name: Doxygen's has the whole path.
 # Needs -v root=DIRECTORY, that of the project.
 
 function percents(line, pieces, count, i, out) {
@@ -43,6 +44,11 @@ BEGIN {
     }
 }
 FNR == 1 { comment = guide = FILENAME ~ /\.md$/ }
+FNR == 1 && guide && !/\{#/ {
+  name = tolower(FILENAME)
+  gsub(/.*\/|\.md$/, "", name)
+  $0 = $0 " {#zov_" name "}"
+}
 /^ *\/\*\*/ { comment = 1; quoted = 0 }
 guide && /^ *$/ { quoted = 0 }
 guide && /^ *(```|~~~)/ { comment = !comment }
