@@ -1,10 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 # The docs target: the API reference as HTML and as manual pages, in docs/ of
-# the build folder, and as XML for scripts/check_exports. It is there when
-# Doxygen and Python are, and fails on any warning.
+# the build folder, and as XML for scripts/check_exports. It fails on any warning.
+if(NOT PROJECT_IS_TOP_LEVEL)
+  return()
+endif()
 find_package(Doxygen QUIET)
 find_package(Python3 QUIET COMPONENTS Interpreter)
 if(NOT DOXYGEN_FOUND OR NOT Python3_FOUND)
+  add_custom_target(docs
+    COMMAND ${CMAKE_COMMAND} -E echo
+      "The reference needs doxygen and python3. With both installed, configure again: cmake ${PROJECT_BINARY_DIR}"
+    COMMAND ${CMAKE_COMMAND} -E false
+    VERBATIM)
   return()
 endif()
 

@@ -46,13 +46,10 @@ die() {
   exit 1
 }
 
-# apt_get COMMAND...: apt-get without questions, as root.
+# apt_get COMMAND...: apt-get without questions, as root or by sudo.
 apt_get() {
   local as_root=()
-  if [ "$(id -u)" -ne 0 ]; then
-    command -v sudo >/dev/null || die "not root and no sudo: cannot run apt-get $*"
-    as_root=(sudo)
-  fi
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get -q -o DPkg::Lock::Timeout=300 "$@" </dev/null
 }
@@ -78,7 +75,11 @@ need_packages() {
   mapfile -t missing < <(missing_packages "${wanted[@]}")
   [ ${#missing[@]} -gt 0 ] || return 0
   command -v apt-get >/dev/null || die "missing, and no apt-get to install them: ${missing[*]}"
+  [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null || die "packages are missing, and neither root nor \
+sudo is there to install them. An administrator runs
+  apt-get install --no-install-recommends ${missing[*]}"
   say "Installing ${missing[*]}"
+  compgen -G '/var/lib/apt/lists/*_Packages*' >/dev/null || apt_get update || true
   if ! apt_get install -y --no-install-recommends "${missing[@]}"; then
     apt_get update || true
     apt_get install -y --no-install-recommends "${missing[@]}" ||
