@@ -52,12 +52,50 @@ bool step(void *context, uint64_t) {
            next == kInterrupt);
 }
 
+// Receives just so many bytes: behind a request step() looks for an interrupt.
+int32_t receiveAll(Peer &peer, void *bytes, uint32_t length) {
+  char *at = static_cast<char *>(bytes);
+  int32_t status = 0;
+  while (status == 0 && length > 0) {
+    uint32_t count = 0;
+    status = receiveFromPeer(&peer, at, length, &count);
+    at += count;
+    length -= count;
+  }
+  return status;
+}
+
+// Takes a request, in memory of the tag, which has a recovery point. 0 or a status.
+int32_t getRequest(Peer &peer, Request &request, ZOV_TAG tag) {
+  int32_t mark = kInterrupt;
+  int32_t head[3] = {};
+  int32_t status = 0;
+  while (status == 0 && mark == kInterrupt) {  // of a reply that was at its end by then
+    status = receiveAll(peer, &mark, sizeof mark);
+  }
+  if (status == 0 && mark == kRequest) {
+    status = receiveAll(peer, head, sizeof head);
+  }
+  if (status != 0) {
+    return status;
+  }
+  const uint32_t length = static_cast<uint32_t>(head[2]);
+  if (!isPlace(head[0]) || !isPlace(head[1]) || length > kMaxRequestBytes) {
+    return kChannelNonsense;
+  }
+  Buffer query = {};
+  char *place = makeRoom(query, tag, length);
+  place[length] = '\0';
+  request = {{place, length}, {head[0], head[1]}};
+  return receiveAll(peer, place, length);
+}
+
 // Answers the next request. False when there is no other. One for which memory is short
 // might be the start of a transaction, so it is the last.
-bool answer(Session &session, ZOV_INPUTBUFF in, ZOV_TAG tag) {
+bool answer(Session &session, Peer &peer, ZOV_TAG tag) {
   Request request = {};
   int32_t status = kChannelFailed;
-  withRecovery(tag, [in, &request, &status, tag] { status = getRequest(in, request, tag); });
+  withRecovery(tag, [&peer, &request, &status, tag] { status = getRequest(peer, request, tag); });
   if (status == 0) {
     const bool succeeded = runQuery(session, request.query, request.position);
     const char end[] = {
@@ -82,30 +120,6 @@ int32_t putRequest(ZOV_OUTPUTBUFF out, const Request &request) {
   status =
       status != 0 ? status : zov_outputBuffPutBytes(out, request.query.bytes, request.query.length);
   return status != 0 ? status : zov_outputBuffFlush(out);
-}
-
-int32_t getRequest(ZOV_INPUTBUFF in, Request &request, ZOV_TAG tag) {
-  int32_t mark = kInterrupt;
-  int32_t head[3] = {};
-  int32_t status = 0;
-  while (status == 0 && mark == kInterrupt) {  // of a reply that was at its end by then
-    status = zov_inputBuffGetInt32(in, &mark);
-  }
-  if (status == 0 && mark == kRequest) {
-    status = zov_inputBuffGetBytes(in, head, sizeof head);
-  }
-  if (status != 0) {
-    return status;
-  }
-  const uint32_t length = static_cast<uint32_t>(head[2]);
-  if (!isPlace(head[0]) || !isPlace(head[1]) || length > kMaxRequestBytes) {
-    return kChannelNonsense;
-  }
-  Buffer query = {};
-  char *place = makeRoom(query, tag, length);
-  place[length] = '\0';
-  request = {{place, length}, {head[0], head[1]}};
-  return zov_inputBuffGetBytes(in, place, length);
 }
 
 int openSocket(const char *path, bool listens) {
@@ -175,14 +189,9 @@ void serve(Database &database, Peer &peer) {
   if (!openSession(session, database, sendToPeer, &peer, {step, &peer})) {
     return;
   }
-  ZOV_INPUTBUFF in = nullptr;
   const ZOV_TAG tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
-  bool goesOn =
-      tag != ZOV_NO_TAG && zov_inputBuffCreate(receiveFromPeer, nullptr, &peer, 0, &in) == 0;
-  while (goesOn) {
-    goesOn = answer(session, in, tag);
+  while (tag != ZOV_NO_TAG && answer(session, peer, tag)) {
   }
-  zov_inputBuffDestroy(in);
   zov_freeTagMemory(tag, 1);
   closeSession(session);
 }

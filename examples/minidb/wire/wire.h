@@ -53,9 +53,6 @@ enum ChannelStatus : int32_t {
 // Sends a request. 0 or a status.
 int32_t putRequest(ZOV_OUTPUTBUFF out, const Request &request);
 
-// Takes a request, in memory of the tag, which has a recovery point. 0 or a status.
-int32_t getRequest(ZOV_INPUTBUFF in, Request &request, ZOV_TAG tag);
-
 // A socket that is connected to a server, or that accepts clients, of this user alone, at
 // a path where the caller keeps other servers out: a socket that is there was left by a
 // dead one. -1 with a problem().
