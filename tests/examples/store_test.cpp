@@ -273,6 +273,12 @@ void runRecorded(const std::string &path, std::vector<Records> &states, size_t &
     Fault fault(Call::fsync, 4, EIO);
     ASSERT_EQ(minidb::compactStore(*database.store, {}), Status::kUnknown);
   }
+  for (uint32_t round = 0; round < 6; ++round) {  // a commit goes on from one that is not safe
+    Database database(path);
+    commit(database.store, {{"a", std::to_string(round)}}, Mode::kOverwrite);
+    Fault fault(Call::fsync, 2, EIO);
+    ASSERT_EQ(put(database.store, states.back()), Status::kUnknown);
+  }
 }
 
 TEST_F(StoreTest, SurvivesCrashes) {

@@ -62,10 +62,11 @@ void Disk::take(const Event &event) {
     return;
   }
   std::erase_if(unsynced, [&](const Event &old) {
-    if (old.home == event.home) {
+    const bool isOf = old.home == event.home && (event.text.empty() || old.kind == Event::kWrite);
+    if (isOf && event.text.empty()) {
       apply(old);
     }
-    return old.home == event.home;
+    return isOf;
   });
 }
 

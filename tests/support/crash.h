@@ -19,7 +19,7 @@ struct Event {
   uint64_t file;
   uint64_t home;     // the file or directory whose sync makes it safe
   std::string path;  // below the directory; that of a directory ends in a slash
-  std::string text;  // the new path, or the bytes of a write
+  std::string text;  // the new path, the bytes of a write, or that a sync forgets them
   int64_t offset = 0;
   size_t done = 0;  // how much of the work was done
 };

@@ -143,7 +143,6 @@ FAULT(ssize_t, read, (int fd, void *to, size_t size), (fd, to, std::min(verdict.
 RECORDED(ssize_t, write, (int fd, const void *from, size_t size), (fd, from, std::min(verdict.limit, size)), kWrite, fd, bytesOf(from, result), -1)
 FAULT(ssize_t, pread, (int fd, void *to, size_t size, off_t at), (fd, to, std::min(verdict.limit, size), at), failed(verdict))
 RECORDED(ssize_t, pwrite, (int fd, const void *from, size_t size, off_t at), (fd, from, std::min(verdict.limit, size), at), kWrite, fd, bytesOf(from, result), at)
-RECORDED(int, fsync, (int fd), (fd), kSync, fd)
 FAULT(int, ftruncate, (int fd, off_t size), (fd, size), failed(verdict))
 FAULT(int, fstat, (int fd, struct stat *to), (fd, to), failed(verdict))
 FAULT(int, stat, (const char *path, struct stat *to), (path, to), failed(verdict))
@@ -168,6 +167,15 @@ FAULT(int, pthread_create, (pthread_t *id, const pthread_attr_t *with, void *(*r
 FAULT(int, pthread_mutex_init, (pthread_mutex_t *mutex, const pthread_mutexattr_t *with), (mutex, with), verdict.error)
 FAULT(int, pthread_cond_init, (pthread_cond_t *condition, const pthread_condattr_t *with), (condition, with), verdict.error)
 // clang-format on
+
+// What could not be written is forgotten, though it shows until the system crashes.
+REPLACE(int, fsync, (int fd), {
+  const Fault::Verdict verdict = Fault::ask(Call::fsync);
+  if (recorder != nullptr) {
+    recorder->add(Event::kSync, fd, verdict.fails ? "fails" : "");
+  }
+  return verdict.fails ? failed(verdict) : __real_fsync(fd);
+})
 
 REPLACE(int, gettimeofday, (timeval * now, void *zone), {
   const Fault::Verdict verdict = Fault::ask(Call::gettimeofday);

@@ -38,6 +38,7 @@ struct PageFile {
   uint64_t end;                  // first page behind them and all claims; writeLock
   std::atomic<uint32_t> claims;  // transactions that have places behind `kept`
   std::atomic<uint32_t> users;   // the store, views and transactions
+  bool committed;                // here, since it was opened; writeLock
   char path[PATH_MAX + 8];       // with room for an ending
 };
 

@@ -248,14 +248,18 @@ void endTransaction(Transaction *transaction) {
   zov_freeMem(transaction, store.tag);
 }
 
-// Of a file that nobody knows yet a failed sync does no harm.
+// Of a file that nobody knows yet a failed sync does no harm. The meta from before the
+// file was opened is written once more: a system forgets what it could not sync, but goes
+// on showing it.
 Status writeTransaction(Transaction &transaction) {
   Store &store = *transaction.store;
   View &view = transaction.view;
   const bool known = view.file == store.newest.file;
-  if (!writePages(transaction)) {
+  if (!writePages(transaction) ||
+      (known && !view.file->committed && !writeMeta(store, store.newest))) {
     return Status::kFailed;
   }
+  view.file->committed = true;
   ++view.number;
   view.end = transaction.next;
   view.file->end = std::max(view.file->end, view.end);
