@@ -241,7 +241,12 @@ TEST_F(StoreTest, IsOneFileForOneWriterByAnyName) {
   Database reader(at("soft"), true);
   EXPECT_EQ(recordsOf(reader.store), (Records{{"a", "1"}}));
   ASSERT_EQ(chmod(at("data").c_str(), 0640), 0);
-  ASSERT_EQ(minidb::compactStore(*database.store, {}), Status::kOkay) << minidb::problem();
+  {
+    const Fault always(Call::fsync, [&](uint32_t) {
+      EXPECT_TRUE(minidb::isStoreFile(*database.store, at("data").c_str()));
+    });
+    ASSERT_EQ(minidb::compactStore(*database.store, {}), Status::kOkay) << minidb::problem();
+  }
   ASSERT_EQ(put(database.store, {{"b", "2"}}), Status::kOkay);
   EXPECT_EQ(recordsOf(reader.store), (Records{{"a", "1"}, {"b", "2"}}));
   struct stat status;

@@ -284,7 +284,8 @@ bool isStoreFile(const Store &store, const char *path) {
   pthread_mutex_lock(&store.stateLock);
   const PageFile &file = *store.newest.file;
   nameReplacement(replacement, file.path);
-  const bool own = leadsTo(path, file) || isSameFile(path, replacement);
+  const bool own = leadsTo(path, file) || isSameFile(path, file.path) ||  // from now on
+                   isSameFile(path, replacement);
   pthread_mutex_unlock(&store.stateLock);
   return own;
 }
