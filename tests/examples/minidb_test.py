@@ -311,6 +311,10 @@ class FileTest(StatementTests, ProgramTest):
         self.run_minidb("delete 'x;y'; dump good")
         self.assertEqual(self.read("good"), "a;1\n")
         self.assertFalse(os.path.exists(self.path("good.minidb-new")))
+        self.data = self.path("good.minidb-new")
+        os.rename(self.path("data"), self.data)
+        self.run_minidb("--read-only", "dump", "good", status=1)
+        self.assertEqual(self.records(), {"a": "1"})
 
     def test_output_that_nobody_takes(self):
         self.load(random_records(5000))

@@ -90,10 +90,26 @@ void closeDraft(Draft &draft) {
   zov_flClose(draft.descriptor);
 }
 
+// Whether a path leads to one of the database's own files: data, settings, log, or
+// what a server has beside its socket.
+bool isOwnFile(const Database &database, const char *path) {
+  const Settings &settings = database.settings;
+  bool isOwn = isStoreFile(*database.store, path) ||
+               isSameFile(path, besideSocket(settings, ".pid").text) ||
+               isSameFile(path, besideSocket(settings, ".lock").text);
+  for (const Option option : {kFile, kLog, kSocket}) {
+    isOwn = isOwn || isSameFile(path, settings.text[option]);
+  }
+  return isOwn;
+}
+
 // Begins a draft, in place of what a killed process left of one.
-bool openDraft(Draft &draft, const char *target) {
+bool openDraft(Draft &draft, const Database &database, const char *target) {
   draft.target = target;
   const int length = zov_snprintf(draft.path, sizeof draft.path, "%s.minidb-new", target);
+  if (isOwnFile(database, target) || isOwnFile(database, draft.path)) {
+    return fail("this is a file of the database itself: \"%.200s\"", target);
+  }
   draft.status = zov_outputBuffCreate(writeToDescriptor, &draft.descriptor, 0, &draft.out);
   errno = draft.status != 0 ? ENOMEM : ENAMETOOLONG;
   if (draft.status == 0 && length < static_cast<int>(sizeof draft.path) && createLocked(draft)) {
@@ -156,19 +172,6 @@ Status writeRecord(Session &session, Cursor &cursor, bool isFirst) {
   return status;
 }
 
-// Whether a path leads to one of the database's own files: data, settings, log, or
-// what a server has beside its socket.
-bool isOwnFile(const Database &database, const char *path) {
-  const Settings &settings = database.settings;
-  bool isOwn = isStoreFile(*database.store, path) ||
-               isSameFile(path, besideSocket(settings, ".pid").text) ||
-               isSameFile(path, besideSocket(settings, ".lock").text);
-  for (const Option option : {kFile, kLog, kSocket}) {
-    isOwn = isOwn || isSameFile(path, settings.text[option]);
-  }
-  return isOwn;
-}
-
 }  // namespace
 
 void dropDraft(Draft &draft) {
@@ -206,10 +209,7 @@ Status load(Session &session, const Statement &statement) {
 
 Status dump(Session &session, const Statement &statement) {
   const char *path = statement.first.bytes;
-  if (isOwnFile(*session.database, path)) {
-    return failed(Status::kRefused, "this is a file of the database itself: \"%.200s\"", path);
-  }
-  if (!isPlain(path) || !openDraft(session.draft, path)) {
+  if (!isPlain(path) || !openDraft(session.draft, *session.database, path)) {
     return Status::kRefused;
   }
   Cursor cursor;
