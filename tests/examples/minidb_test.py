@@ -250,7 +250,8 @@ class FileTest(StatementTests, ProgramTest):
                 (["--settings", "/", "count"], 1, "/"),
                 (["--connect", self.path("no"), "count"], 1, "cannot connect"),
                 (["--log", self.path("no/log"), "count"], 1, "cannot create"),
-                (["--log", text, "--data", text, "count"], 1, "take the place")]:
+                (["--log", text, "--data", text, "count"], 1, "take the place"),
+                (["--log", text, "--data", text + ".old", "count"], 1, "take the place")]:
             self.assertIn(message, self.run_minidb(*words, status=status)[1], words)
         self.assertEqual(self.read("text"), "x" * 9000)
         self.assertRegex(self.run_minidb()[0], "^$")

@@ -258,12 +258,12 @@ bool changeSetting(Settings &settings, const char *name, const char *value) {
 bool openLog(const Settings &settings) {
   const char *path = settings.text[kLog];
   char old[kSettingBytes + 8];
+  zov_snprintf(old, sizeof old, "%s.old", path);
   for (const Option other : {kData, kSocket, kFile}) {
-    if (isSameFile(path, settings.text[other])) {
+    if (isSameFile(path, settings.text[other]) || isSameFile(old, settings.text[other])) {
       return fail("the log would take the place of \"%.500s\"", settings.text[other]);
     }
   }
-  zov_snprintf(old, sizeof old, "%s.old", path);
   if (kindOf(path) == S_IFREG || zov_pathIsLink(path) != 0) {
     zov_fileRename(path, old);
   }
