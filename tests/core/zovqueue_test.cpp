@@ -30,15 +30,20 @@ void write(ZOV_QUEUE queue) {
   zov_queueWrite(queue, 1, 2, 3, 0);
 }
 
-// Reads, and does something first at some of the locks that are taken on the way.
+// Works, and does something first at some of the locks that are taken on the way.
 using Acts = std::map<uint32_t, std::function<void()>>;
-int32_t readWhile(const Acts &acts, ZOV_QUEUE queue, uint32_t waitMs = ZOV_WAIT_FOREVER) {
+template <typename Work>
+auto meanwhile(const Acts &acts, Work work) {
   const Fault locks(Call::pthread_mutex_lock, [&](uint32_t lock) {
     if (const auto act = acts.find(lock); act != acts.end()) {
       act->second();
     }
   });
-  return read(queue, waitMs);
+  return work();
+}
+
+int32_t readWhile(const Acts &acts, ZOV_QUEUE queue, uint32_t waitMs = ZOV_WAIT_FOREVER) {
+  return meanwhile(acts, [&] { return read(queue, waitMs); });
 }
 
 class Queue : public zovtest::Started {
@@ -94,6 +99,20 @@ TEST_F(Queue, BehavesAsItsModel) {
     }
   });
   EXPECT_EQ(std::ranges::count(out, '\n'), dropped) << out.substr(0, 99);
+}
+
+// Others come between its looks at the queue and the locks that it then takes.
+TEST_F(Queue, TakesAndGivesWhatIsThereByThen) {
+  const auto put = [&] { write(queue); };
+  const auto purge = [&] { zov_queuePurge(queue, ZOV_QUEUE_EVERY_KEY); };
+  const auto fill = [&] { std::ranges::for_each(std::array<int, 40>{}, [&](int) { put(); }); };
+  EXPECT_EQ(readWhile({{1, put}}, queue, 0), ZOV_OKAY);
+  EXPECT_EQ(readWhile({{1, put}, {2, purge}}, queue, 0), ZOV_ERROR);
+  put();
+  EXPECT_EQ(readWhile({{1, purge}}, queue, 0), ZOV_ERROR);
+  fill();
+  meanwhile({{3, fill}}, put);
+  EXPECT_EQ(zov_queueCount(queue), 81u);
 }
 
 // A second reader comes when the message is there that the first was woken for.
