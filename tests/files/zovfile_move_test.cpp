@@ -179,6 +179,7 @@ TEST_F(Move, FilesReplaceFiles) {
       {__LINE__, move, "x=new", "", "x", "X", ZOV_OKAY, "", kHome},
       {__LINE__, move, "d/ d/x=new", "", "d/x", "d\\.\\../d/X", ZOV_OKAY, "", kMemory},
       {__LINE__, move, "", "", "x", "./x", ZOV_ERROR, "", kHome},
+      {__LINE__, move, "d/", "", "d", "d/.", ZOV_OKAY, "", kOnDisk},
       // Links and hard links.
       {__LINE__, move, "x=new d/ d/l>../x", "", "d/l", "./x", ZOV_ERROR, "", kOnDisk},
       {__LINE__, move, "x=new m>x l>m", "", "l", "m", ZOV_ERROR, "", kOnDisk},
@@ -188,6 +189,7 @@ TEST_F(Move, FilesReplaceFiles) {
       {__LINE__, move, "x=new y:x", "", "x", "y", ZOV_OKAY, "y=new", kOnDisk},
       {__LINE__, move, "l>gone", "y=old", "l", "y", ZOV_OKAY, "y>gone", kNear},
       {__LINE__, move, "l>gone", "y=old", "l", "y", ZOV_ERROR, "", kCopies},
+      {__LINE__, move, "l>m m>l", "y=old", "l", "y", ZOV_OKAY, "m>l y>m", kNear},
       // What is no plain file.
       {__LINE__, move, "x|", "y=old", "x", "y", ZOV_OKAY, "y|", kNear},
       {__LINE__, move, "x|", "y=old", "x", "y", ZOV_ERROR, "", kCopies},
@@ -207,14 +209,33 @@ TEST_F(Move, FilesReplaceFiles) {
       {__LINE__, move, "x=a", "y=b y@600", "x", "y", ZOV_ERROR, "", kToDisk, Call::lstat, 1, EIO},
       {__LINE__, move, "x=new", "y/", "x", "y", ZOV_ERROR, "", kFar, Call::rename, 3, EIO},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kFar, Call::close, 2, ENOSPC},
-      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a y@600", kFar, Call::fchmod, 1, EPERM},
+      {__LINE__, move, "x=new", "y/", "x", "y", ZOV_ERROR, "", kNear, Call::rename, 2, EISDIR},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_ERROR, "", kNear, Call::rename, 1, EEXIST},
+      {__LINE__, move, "x=new", "y/", "x", "y", ZOV_OKAY, "y=new", kNear, Call::lstat, 4, EIO},
+      {__LINE__, move, "x=a y:x", "", "x", "y", ZOV_ERROR, "", kNear, Call::remove, 1, EACCES},
+      {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a", kFar, Call::open, 2, EEXIST},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a", kFar, Call::fsync, 2, EINVAL},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a", kFar, Call::open, 4, EACCES},
       {__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "x=a y=a", kFar, Call::remove, 1, EACCES},
   });
+  for (const int error : {EPERM, ENOSYS, EOPNOTSUPP}) {
+    expectEach({{__LINE__, move, "x=a", "y=b", "x", "y", ZOV_OKAY, "y=a y@600", kFar, Call::fchmod,
+                 1, error}});
+  }
+  // The directory that the file is to replace is gone and cannot be made again.
+  for (const Call failing : {Call::mkdir, Call::open}) {
+    const Fault again(Call::rename, 2, EIO);
+    expectEach({{__LINE__, move, "x=a", "y/", "x", "y", ZOV_OKAY, "y=a", kNear, failing, 1, EIO}});
+  }
+  zov_readonly = 1;
+  expectEach({{__LINE__, move, "x=new", "", "x", "y", ZOV_ERROR, "", kToDisk}});
 }
 
 TEST_F(Move, CopiesKeepOrMakeTheDestination) {
+  std::string farLink = "x=new y>";
+  for (int level = 0; level < 2000; ++level) {
+    farLink += "n/";
+  }
   const Row first = {
       __LINE__, copy, "x=new", "y=old y@640", "x", "y", ZOV_OKAY, "x=new y=new y@640", kNear};
   expectEach({
@@ -228,6 +249,11 @@ TEST_F(Move, CopiesKeepOrMakeTheDestination) {
       {__LINE__, copy, "x=a", "y=old", "x", "y", ZOV_ERROR, "", kNear, Call::fstat, 2, EIO},
       {__LINE__, copy, "x=a", "", "x", "y", ZOV_ERROR, "", kNear, Call::close, 2, ENOSPC},
       {__LINE__, copy, "x=a", "", "x", "y", ZOV_ERROR, "", kNear, Call::fcntl, 1, EMFILE},
+      {__LINE__, copy, "x=a", "", "x", "y", ZOV_ERROR, "", kNear, Call::open, 3, EEXIST},
+      {__LINE__, copy, "x=a", "y=b", "x", "y", ZOV_ERROR, "x=a y=a", kNear, Call::close, 1, EIO},
+      {__LINE__, copy, "x=a y>/no/z", "", "x", "y", ZOV_ERROR, "", kNear},
+      {__LINE__, copy, farLink.c_str(), "", "x", "y", ZOV_ERROR, "", kNear},
+      {__LINE__, copy, "x=new", "", "x", "x", ZOV_OKAY, "", kMemory},
       {__LINE__, copy, "", "", "x", "y", ZOV_ERROR, "", kAll},
       {__LINE__, copy, "x=new", "", "x", "no/y", ZOV_ERROR, "", kNear | kToDisk},
       {__LINE__, copy, "x|", "y=old", "x", "y", ZOV_ERROR, "", kNear | kToMemory},
@@ -254,6 +280,10 @@ TEST_F(Move, CopiesKeepOrMakeTheDestination) {
 TEST_F(Move, DirectoriesGoWholeOrFileByFile) {
   expectEach({
       {__LINE__, dirMove, "d/ d/x=1", "", "d", "e", ZOV_OKAY, "e/ e/x=1", kAll & ~kToDisk},
+      {__LINE__, dirMove, "d/ d/x=1", "", "d", "e", ZOV_OKAY, "d/ e/ e/x=1", kToDisk},
+      {__LINE__, dirMove, "d/", "", "d", "d", ZOV_OKAY, "", kHome},
+      {__LINE__, dirMove, "x=1", "e/", "x/d", "e", ZOV_OKAY, "", kOnDisk},
+      {__LINE__, dirMove, "d/", "", "d", "e", ZOV_ERROR, "", kFar, Call::stat, 5, EIO},
       {__LINE__, dirMove, "d/ d/x=1 d/s/", "e/ e/x=0", "d", "e", ZOV_OKAY, "d/ d/s/ e/ e/x=1",
        kAll},
       {__LINE__, dirMove, "d/ d/x=1", "n/", "d", "n/e", ZOV_OKAY, "d/ n/ n/e/ n/e/x=1", kMemory},
@@ -314,6 +344,12 @@ TEST_F(Move, AccessListsGiveNobodyMore) {
     EXPECT_EQ(below.run(), ZOV_OKAY);
     EXPECT_EQ(getxattr(below.to.c_str(), "system.posix_acl_access", nullptr, 0), -1);
   }
+}
+
+TEST_F(Move, GivesUpWhereEveryNameOfADraftIsTaken) {
+  const Case crowded(far, kFar);
+  const Fault taken(Call::open, 2, EEXIST, true);
+  EXPECT_EQ(crowded.run(), ZOV_ERROR);
 }
 
 // Two names with one link are one entry, which a mount shows twice.

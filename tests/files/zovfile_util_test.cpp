@@ -3,6 +3,8 @@
 // Copy, compare, move, remove, rename, validate, directory chains, walks and
 // temporary names, on disk. The system calls beneath are counted or made to
 // fail; what is on disk is judged by the standard library.
+#include <limits.h>
+
 #include <tuple>
 
 #include "support/faults.h"
@@ -66,6 +68,9 @@ TEST_F(FileUtil, CopyRewritesOnlyWhatDiffers) {
   const Fault writes(Call::pwrite);
   EXPECT_EQ(zov_fileCopy(from.c_str(), to.c_str()), ZOV_OKAY);
   EXPECT_EQ(writes.uses(), 1u) << "of the block that could not be read";
+  writeFile(to, blocks("!bcd"));
+  const Fault full(Call::pwrite, 1, Limit{0});
+  EXPECT_EQ(zov_fileCopy(from.c_str(), to.c_str()), ZOV_ERROR);
   EXPECT_EQ(zov_fileCmp(at("none").c_str(), to.c_str()), ZOV_NOFILE);
   EXPECT_EQ(zov_fileCmp(from.c_str(), at("none").c_str()), ZOV_NOFILE2);
   EXPECT_EQ(zov_fileCmp(at("NONE").c_str(), at("none").c_str()), ZOV_OKAY)
@@ -104,8 +109,48 @@ TEST_F(FileUtil, WideFormsConvertTheirPaths) {
   EXPECT_TRUE(fileExists("f/4"));
   EXPECT_EQ(zov_fileRemoveW(L"\xD800"), ZOV_ERROR) << "not a character";
   EXPECT_EQ(zov_fileMoveW(L"x", nullptr), ZOV_ERROR);
-  EXPECT_EQ(zov_fileCopy(nullptr, "x"), ZOV_ERROR);
-  EXPECT_EQ(zov_pathOpen(nullptr, "*"), nullptr);
+  writeFile("stdin", "text");
+  const Fault elsewhere(Call::rename, 1, EXDEV);
+  EXPECT_EQ(zov_fileMove("stdin", "x"), ZOV_ERROR);
+  EXPECT_EQ(readFile("stdin"), "text") << "nor is the stream moved";
+}
+
+// No path, and one that is too long; beside a path of the greatest length there is no
+// room for a draft.
+TEST_F(FileUtil, PathsThatCannotBeAreRefused) {
+  const std::string slashes(PATH_MAX, '/');
+  const std::string here = at("x");
+  const std::string far = dir.path() + slashes + "x";
+  const std::string most = dir.path() + slashes.substr(dir.path().size() + 2) + "y";
+  const char *const x = here.c_str();
+  writeFile(here, "text");
+  ASSERT_TRUE(zovtest::putFile("/m/x", "text", ZOV_FILE_MEMORY));
+  for (const char *path : {static_cast<const char *>(nullptr), far.c_str()}) {
+    SCOPED_TRACE(path == nullptr);
+    const int32_t refused[] = {
+        zov_fileMove(x, path),
+        zov_fileMove(path, x),
+        zov_fileMoveEx("/m/x", ZOV_FILE_MEMORY, path, 0),
+        zov_fileCopy(x, path),
+        zov_fileCopy(path, x),
+        zov_fileCopyEx(x, 0, path, ZOV_FILE_MEMORY),
+        zov_fileRemove(path),
+        zov_fileRename(x, path),
+        zov_fileRename(path, x),
+        zov_dirMove(path, dir.path().c_str()),
+        zov_dirMove(dir.path().c_str(), path),
+        zov_dirMoveEx("/m", ZOV_FILE_MEMORY, path, 0),
+        zov_dirCreateAll(path),
+        zov_fileCmp(path, x) == ZOV_NOFILE && zov_fileCmp(x, path) == ZOV_NOFILE2,
+        zov_pathOpen(path, "*") == nullptr && zov_pathOpen("/", nullptr) == nullptr,
+        zov_fileValidate(path, nullptr) == 0,
+    };
+    EXPECT_EQ(std::count(std::begin(refused), std::end(refused), ZOV_OKAY), 0);
+  }
+  EXPECT_EQ(zov_dirWritable(far.c_str()), 0);
+  EXPECT_EQ(zov_fileMoveEx("/m/x", ZOV_FILE_MEMORY, most.c_str(), 0), ZOV_ERROR);
+  EXPECT_EQ(readFile(here) + zovtest::getFile("/m/x", ZOV_FILE_MEMORY), "texttext");
+  EXPECT_FALSE(fileExists(most));
 }
 
 // The pattern counts characters as the matcher does. Where a step gives no name, the

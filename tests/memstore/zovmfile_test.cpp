@@ -14,6 +14,8 @@
 
 namespace {
 
+using zovtest::Call;
+using zovtest::Fault;
 using MemoryFiles = zovtest::Started;
 
 bool put(const std::string &path, const std::string &text) {
@@ -76,6 +78,11 @@ TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
   const std::string longPath = "/" + std::string(300, 'p') + "/" + std::string(300, 'q') + "/f";
   ASSERT_TRUE(put(longPath, "far"));
   EXPECT_EQ(get(longPath), "far");
+  // Names that begin alike, as long as an entry's own piece and longer.
+  for (const size_t length : {40u, 22u, 30u}) {
+    ASSERT_TRUE(put("/n/" + std::string(length, 'n'), std::to_string(length)));
+  }
+  EXPECT_EQ(list("/n").size(), 40u + 22 + 30 + 3);
 }
 
 TEST_F(MemoryFiles, RefusedPathsChangeNothing) {
@@ -277,6 +284,17 @@ TEST_F(MemoryFiles, LookingMakesBareDirectories) {
   EXPECT_EQ(zov::moveMemFile("/a/f", "/s/f"), ZOV_OKAY);
   EXPECT_STREQ(zov_mfPathNext(walk, &isDirectory), "f") << "begun before there was anything";
   zov_mfPathClose(walk);
+}
+
+// Another thread makes the directory that this one is about to publish.
+TEST_F(MemoryFiles, TheFirstDirectoryStays) {
+  const Fault locks(Call::pthread_mutex_lock, [](uint32_t lock) {
+    if (lock == 2) {
+      std::thread(put, "/other", "text").join();
+    }
+  });
+  zov_mfClose(zov_mfOpen("/own", O_CREAT));
+  EXPECT_EQ(list("/"), "other own ");
 }
 
 // Threads meet at the first use of two directories, which formats each once. Then

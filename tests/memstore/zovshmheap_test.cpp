@@ -92,14 +92,17 @@ TEST_F(Heap, LocksAreForContextsInUse) {
   EXPECT_EQ(zovtest::standing().slots, slots - 1);
 }
 
+// It can from the 300th context on, and again.
 TEST_F(Heap, AnIndexThatCannotGrowIsNotReported) {
-  const std::string output = zovtest::outputOf([] {
-    for (int number = 0; number < 300; ++number) {
-      zovtest::failAllocationAfter(2);
+  int failed = 0;
+  const std::string output = zovtest::outputOf([&] {
+    for (int number = 0; number < 900; ++number) {
+      zovtest::failAllocationAfter(number < 300 ? 2 : 9);
       EXPECT_NE(zov_shmNextId(), 0u);
+      failed += zovtest::stopFailing() ? 1 : 0;
     }
   });
-  EXPECT_TRUE(zovtest::stopFailing());
+  EXPECT_GT(failed, 100);
   EXPECT_EQ(output, "");
 }
 
