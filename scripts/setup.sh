@@ -26,7 +26,7 @@ declare -A PACKAGES=(
   [demo]="unicode-data"
   [clang]="clang libclang-rt-dev"
   [docs]="doxygen groff-base python3"
-  [aarch64]="g++-aarch64-linux-gnu googletest libc6-dev-arm64-cross qemu-user"
+  [aarch64]="bison g++-aarch64-linux-gnu googletest libc6-dev-arm64-cross python3 qemu-user"
   [package]="debhelper dpkg-dev doxygen file libedit-dev lintian pkg-config python3"
   [adoption]="mmdebstrap"
   [coverage]="gcovr locales"
@@ -112,13 +112,14 @@ test_preset() {
   ctest --preset "$1" -j "$JOBS"
 }
 
-# purposes_of PRESET: what its build needs beyond plain building and testing.
+# purposes_of PRESET: what its build and its tests need beyond plain building.
 purposes_of() {
   case $1 in
-    release) echo bench ;;
-    clang) echo clang ;;
+    release) echo test bench ;;
+    clang) echo test clang ;;
     aarch64) echo aarch64 ;;
     fuzz) echo clang ;;
+    *) echo test ;;
   esac
 }
 
