@@ -141,12 +141,10 @@ struct Path {
 
 // A place in a view and copies of the pages that lead there: 70 KB, of which it uses as
 // much as the tree is deep. It owns nothing. Texts that it gives live until its next call.
-// A cursor over a transaction may be used while that changes: seekNext() goes on behind
-// the key that it stands on.
+// When a transaction changes, cursors over it have to be placed again.
 struct Cursor {
   const View *view;
   Range range;
-  uint64_t changes;    // of the view when it was placed
   uint64_t chain;      // next page of the value, 0 when the leaf holds it
   uint32_t remaining;  // bytes of the value still to be given
   Path path;
@@ -166,8 +164,7 @@ Text keyOf(const Cursor &cursor);
 uint32_t valueLength(const Cursor &cursor);
 
 // Gives the value piece by piece, from its beginning after each seek, up to 4 KiB at
-// a time; an empty piece behind the last. kOkay or kFailed. While a transaction
-// changes, a value has to be read to its end before the next change.
+// a time; an empty piece behind the last. kOkay or kFailed.
 Status readValue(Cursor &cursor, Text &piece);
 
 // Counts the records of a range by two descents. kOkay or kFailed.

@@ -36,20 +36,6 @@ Status nextLeaf(Cursor &cursor) {
   return Status::kOkay;
 }
 
-// Goes to the leaf of a key and the first record there that is not below it.
-Status place(Cursor &cursor, Text key) {
-  const uint32_t depth = cursor.view->depth;
-  for (uint32_t level = 0; level < depth; ++level) {
-    cursor.path.steps[level].number = 0;
-    cursor.path.steps[level].changed = false;
-  }
-  cursor.path.entered = 0;
-  cursor.changes = cursor.view->changes;
-  return !descend(*cursor.view, key, cursor.path) ? Status::kFailed
-         : depth == 0                             ? Status::kMissing
-                                                  : Status::kOkay;
-}
-
 // Ends a move: goes on to the next leaf behind the last record of this one, and looks
 // at the end of the range.
 Status arrive(Cursor &cursor) {
@@ -72,8 +58,15 @@ Status seek(Cursor &cursor, const View &view, Range range, bool strict) {
   cursor.view = &view;
   cursor.range = range;
   cursor.path.strict = strict;
-  const Status status = place(cursor, range.from);
-  return status == Status::kOkay ? arrive(cursor) : status;
+  cursor.path.entered = 0;
+  for (uint32_t level = 0; level < view.depth; ++level) {
+    cursor.path.steps[level].number = 0;
+    cursor.path.steps[level].changed = false;
+  }
+  if (!descend(view, range.from, cursor.path)) {
+    return Status::kFailed;
+  }
+  return view.depth == 0 ? Status::kMissing : arrive(cursor);
 }
 
 // The number of records below a key, those of the key itself included or not.
@@ -184,17 +177,8 @@ Status seekFirst(Cursor &cursor, const View &view, Range range) {
 }
 
 Status seekNext(Cursor &cursor) {
-  Status status = Status::kOkay;
-  bool behind = true;
-  if (cursor.changes != cursor.view->changes) {
-    char bytes[kMaxKeyBytes];
-    const Text key = {bytes, keyOf(cursor).length};
-    memcpy(bytes, keyOf(cursor).bytes, key.length);
-    status = place(cursor, key);
-    behind = cursor.path.found;
-  }
-  leafOf(cursor).index += behind ? 1 : 0;
-  return status == Status::kOkay ? arrive(cursor) : status;
+  ++leafOf(cursor).index;
+  return arrive(cursor);
 }
 
 Text keyOf(const Cursor &cursor) {
