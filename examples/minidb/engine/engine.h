@@ -209,7 +209,7 @@ enum class Access : uint8_t {
   kRead,    // a view
   kChange,  // a transaction, its own where none is under way
   kLoad,    // the same, and its own keeps other writers waiting
-  kAlone,   // that no transaction is under way
+  kAlone,   // a view, and that no transaction is under way
   kBegin,   // the same; when it fails, nothing runs until an end
   kEnd      // nothing; it runs also in a transaction that had a mistake
 };

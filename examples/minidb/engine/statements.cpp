@@ -143,14 +143,12 @@ Status abort(Session &session, const Statement &) {
 // --- Care ----------------------------------------------------------------
 
 Status compact(Session &session, const Statement &) {
-  Store &store = *session.database->store;
-  Stats before = {};
-  Stats after = {};
-  Status status = readStats(store, before);
-  status = status == Status::kOkay ? compactStore(store, session.progress) : status;
-  status = status == Status::kOkay ? readStats(store, after) : status;
-  note(session, "%llu bytes, %llu before", Number{after.pages} * kPageBytes,
-       Number{before.pages} * kPageBytes);
+  const uint64_t before = session.view.end;
+  closeView(session.view);
+  Status status = compactStore(*session.database->store, session.progress);
+  status = status == Status::kOkay ? openView(*session.database->store, session.view) : status;
+  note(session, "%llu bytes, %llu before", Number{session.view.end} * kPageBytes,
+       Number{before} * kPageBytes);
   return status;
 }
 
@@ -161,17 +159,11 @@ Status check(Session &session, const Statement &) {
 }
 
 Status stats(Session &session, const Statement &) {
-  Stats is = {};
-  if (readStats(*session.database->store, is) != Status::kOkay) {
-    return Status::kFailed;
+  Figure figures[kFigures];
+  readFigures(sightOf(session), figures);
+  for (const Figure &figure : figures) {
+    sayOf(session, Item::kRow, "%s: %llu\n", figure.name, Number{figure.value});
   }
-  sayOf(session, Item::kRow,
-        "records: %llu\ncommits: %llu\ndepth: %u\npages: %llu\npages in use: %llu\n"
-        "pages read: %llu\npages written: %llu\nsyncs: %llu\n"
-        "cache pages: %llu\ncache pages used: %llu\ncache hits: %llu\n",
-        Number{is.records}, Number{is.commits}, is.depth, Number{is.pages}, Number{is.livePages},
-        Number{is.pagesRead}, Number{is.pagesWritten}, Number{is.syncs}, Number{is.cachePages},
-        Number{is.cacheUsed}, Number{is.cacheHits});
   return Status::kOkay;
 }
 
@@ -226,7 +218,7 @@ Status prepare(Session &session, Access access) {
   if (session.transaction != nullptr) {
     return Status::kOkay;
   }
-  if (access == Access::kRead) {
+  if (access == Access::kRead || access == Access::kAlone) {
     return openView(store, session.view);
   }
   const Mode mode = access == Access::kLoad ? Mode::kExclusive : Mode::kOverwrite;
@@ -275,7 +267,7 @@ const Verb kVerbs[] = {
     {"compact", query_PLAIN, Access::kAlone, compact,
      "rewrite the data file without what was replaced"},
     {"check", query_PLAIN, Access::kRead, check, "read and check every page of the data file"},
-    {"stats", query_PLAIN, Access::kNone, stats, "show figures of the database"},
+    {"stats", query_PLAIN, Access::kRead, stats, "show figures of the database"},
     {"set NAME VALUE", query_BINARY, Access::kNone, set, "change a setting"},
     {"settings", query_PLAIN, Access::kNone, settings, "show them"},
     {"help", query_PLAIN, Access::kNone, help, "show this"},

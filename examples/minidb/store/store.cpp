@@ -309,17 +309,20 @@ void closeView(View &view) {
   view = {};
 }
 
-Status readStats(Store &store, Stats &stats) {
-  View view;
-  const Status status = openView(store, view);
-  if (status != Status::kOkay) {
-    return status;
-  }
-  const Cache &cache = store.cache;
-  stats = {view.records, view.number, view.end,    view.live,    view.depth, cache.sets * kWays,
-           cache.count,  cache.hits,  cache.reads, cache.writes, store.syncs};
-  closeView(view);
-  return Status::kOkay;
+void readFigures(const View &view, Figure (&figures)[kFigures]) {
+  const Cache &cache = view.store->cache;
+  const Figure now[] = {{"records", view.records},
+                        {"commits", view.number},
+                        {"depth", view.depth},
+                        {"pages", view.end},
+                        {"pages in use", view.live},
+                        {"pages read", cache.reads},
+                        {"pages written", cache.writes},
+                        {"syncs", view.store->syncs},
+                        {"cache pages", cache.sets * kWays},
+                        {"cache pages used", cache.count},
+                        {"cache hits", cache.hits}};
+  std::copy(now, now + kFigures, figures);
 }
 
 Status compactStore(Store &store, Progress progress) {

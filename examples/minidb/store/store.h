@@ -216,21 +216,13 @@ struct Progress {
 // stay with the old file.
 Status compactStore(Store &store, Progress progress);
 
-struct Stats {
-  uint64_t records;
-  uint64_t commits;    // number of the latest one
-  uint64_t pages;      // of the file, metas included
-  uint64_t livePages;  // those that the tree uses; the rest but two is garbage
-  uint32_t depth;
-  uint64_t cachePages;  // that there is room for
-  uint64_t cacheUsed;
-  uint64_t cacheHits;
-  uint64_t pagesRead;  // from the file, checks included
-  uint64_t pagesWritten;
-  uint64_t syncs;
+// A figure of the store or of a view; those of pages in a file count its metas.
+struct Figure {
+  const char *name;
+  uint64_t value;
 };
-
-Status readStats(Store &store, Stats &stats);
+constexpr uint32_t kFigures = 11;
+void readFigures(const View &view, Figure (&figures)[kFigures]);
 
 // Reads every page of a view from the file, past the cache: checksums, numbers, the
 // order of keys, counts, depth, lengths of values, and that just as many pages are in
