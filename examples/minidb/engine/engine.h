@@ -171,7 +171,7 @@ struct Session {
   Database *database;
   ZOV_OUTPUTBUFF out;  // what it has to say: items of a kind, a length and the bytes
   int32_t status;      // of the output; what is said is dropped when it is not 0
-  Progress progress;   // whose step is asked now and then whether to go on
+  Progress progress;   // of what is long
   ZOV_TAG tag;         // of a statement's memory, with a recovery point while it runs
   Scope scope;
   bool quits;
@@ -304,9 +304,6 @@ Status passRecord(const Session &session, Cursor &cursor, Take take) {
   }
   return status;
 }
-
-// kOkay to go on after so many records, or kRefused; looks only now and then.
-Status goOn(Session &session, uint64_t records);
 
 // Removes a draft. One that was kept or never opened is left alone.
 void dropDraft(Draft &draft);

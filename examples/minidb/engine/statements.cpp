@@ -58,7 +58,7 @@ Status walk(Session &session, const Statement &statement, bool shows, uint64_t m
   Status status = seekFirst(cursor, sightOf(session), statement.range);
   while (status == Status::kOkay && found < most && session.status == 0) {
     bool isFound = false;
-    status = goOn(session, ++seen);
+    status = goOn(session.progress, ++seen);
     status = status == Status::kOkay ? look(session, cursor, statement.first, shows, line, isFound)
                                      : status;
     found += isFound ? 1 : 0;
@@ -362,15 +362,6 @@ void note(Session &session, const char *format, ...) {
 
 const View &sightOf(const Session &session) {
   return session.transaction != nullptr ? viewOf(*session.transaction) : session.view;
-}
-
-Status goOn(Session &session, uint64_t records) {
-  constexpr uint64_t kEvery = 256;
-  const Progress &progress = session.progress;
-  return progress.step == nullptr || records % kEvery != 0 ||
-                 progress.step(progress.context, records)
-             ? Status::kOkay
-             : failed(Status::kRefused, "interrupted");
 }
 
 }  // namespace minidb

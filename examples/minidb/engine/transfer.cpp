@@ -49,7 +49,7 @@ Status takeNext(Session &session, Buffer &line, uint64_t number) {
   if (status == Status::kOkay) {
     status = takeLine(*session.transaction, textOf(line), session.database->separator);
   }
-  return status == Status::kOkay ? goOn(session, number) : status;
+  return status == Status::kOkay ? goOn(session.progress, number) : status;
 }
 
 // --- Drafts --------------------------------------------------------------
@@ -217,7 +217,7 @@ Status dump(Session &session, const Statement &statement) {
   Status status = seekFirst(cursor, sightOf(session), {});
   while (status == Status::kOkay && session.draft.status == 0) {
     status = writeRecord(session, cursor, records == 0);
-    status = status == Status::kOkay ? goOn(session, ++records) : status;
+    status = status == Status::kOkay ? goOn(session.progress, ++records) : status;
     status = status == Status::kOkay ? seekNext(cursor) : status;
   }
   note(session, "%llu records written to \"%.500s\"", Number{records}, path);

@@ -168,11 +168,6 @@ uint64_t takeNumber(Transaction &transaction);
 bool storePage(Transaction &transaction, Page &page);
 bool readOwn(const Transaction &transaction, uint64_t number, uint32_t level, Page &page);
 
-// Whether something long goes on.
-inline bool goesOn(const Progress &progress, uint64_t records) {
-  return progress.step == nullptr || progress.step(progress.context, records);
-}
-
 // Notes that a key is about to be changed.
 bool logKey(Transaction &transaction, Text key);
 

@@ -61,18 +61,13 @@ Store *newStore(const Options &options) {
 
 // --- Putting a new file in place of one ----------------------------------
 
-constexpr uint64_t kStepRecords = 1024;
-
 Status copyRecords(const View &source, Transaction &target, Progress progress) {
   Cursor cursor;
   uint64_t copied = 0;
   Status status = seekFirst(cursor, source, {});
   while (status == Status::kOkay) {
-    if (copied % kStepRecords == 0 && !goesOn(progress, copied)) {
-      return failed(Status::kRefused, "the compaction was stopped");
-    }
-    ++copied;
-    status = copyRecord(target, cursor);
+    status = goOn(progress, copied++);
+    status = status == Status::kOkay ? copyRecord(target, cursor) : status;
     status = status == Status::kOkay ? seekNext(cursor) : status;
   }
   return status == Status::kMissing ? Status::kOkay : status;
@@ -300,6 +295,13 @@ Status openView(Store &store, View &view) {
   }
   pthread_mutex_unlock(&store.stateLock);
   return status;
+}
+
+Status goOn(const Progress &progress, uint64_t records) {
+  constexpr uint64_t kEvery = 256;
+  return progress.step == nullptr || records % kEvery != 0 || progress.step(progress.context)
+             ? Status::kOkay
+             : failed(Status::kRefused, "interrupted");
 }
 
 void closeView(View &view) {

@@ -203,12 +203,15 @@ void rollback(Transaction *transaction);
 
 // --- Care ----------------------------------------------------------------
 
-// Told how far something long has come; false ends it with kRefused, and nothing has
-// changed. A null step goes on always.
+// Asked now and then whether something long is to go on; false ends it with kRefused, and
+// nothing has changed. A null step goes on always.
 struct Progress {
-  bool (*step)(void *context, uint64_t records);
+  bool (*step)(void *context);
   void *context;
 };
+
+// kOkay to go on after so many records, or kRefused.
+Status goOn(const Progress &progress, uint64_t records);
 
 // Writes the records packed to a new file beside the old one and puts it in its place
 // in one step, with the old one's owner and permissions. Writers wait; views stay

@@ -236,11 +236,8 @@ Status checkView(const View &view, Progress progress) {
   uint64_t records = 0;
   Status status = seek(cursor, view, {}, true);
   while (status == Status::kOkay) {
-    if (leafOf(cursor).index == 0 && !goesOn(progress, records)) {
-      return failed(Status::kRefused, "the check was stopped");
-    }
-    ++records;
-    status = checkRecord(cursor, last, bytes);
+    status = goOn(progress, records++);
+    status = status == Status::kOkay ? checkRecord(cursor, last, bytes) : status;
     status = status == Status::kOkay ? seekNext(cursor) : status;
   }
   if (status == Status::kMissing && (cursor.path.entered != view.live || records != view.records)) {

@@ -43,7 +43,7 @@ int32_t await(const Peer &peer, short what, int32_t waitMs) {
 // --- A session -----------------------------------------------------------
 
 // Whether a statement is to go on.
-bool step(void *context, uint64_t) {
+bool step(void *context) {
   const Peer &peer = *static_cast<const Peer *>(context);
   int32_t next = 0;
   return (peer.isStopping == nullptr || !*peer.isStopping) &&
