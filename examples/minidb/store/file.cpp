@@ -19,7 +19,6 @@ namespace minidb {
 namespace {
 
 constexpr char kMagic[16] = "minidb data\r\n\x1a";
-constexpr char kOldMagic[] = "minidb file ";
 constexpr uint32_t kVersion = 3;
 
 std::atomic<uint32_t> memoryFiles;
@@ -84,13 +83,9 @@ bool isMeta(const Page &page, uint64_t number) {
 
 // What a file is that has no meta.
 Status notOurs(const PageFile &file, const Page *metas) {
-  const char *what = "is not a minidb data file";
-  if (memcmp(metas, kOldMagic, sizeof kOldMagic - 1) == 0) {
-    what = "was made by an older minidb";
-  } else if (hasMagic(metas[0]) || hasMagic(metas[1])) {
-    what = "is damaged: neither meta page is whole";
-  }
-  return failed(Status::kRefused, "\"%s\" %s; it was left as it is", file.path, what);
+  const bool isOurs = hasMagic(metas[0]) || hasMagic(metas[1]);
+  return failed(Status::kRefused, "\"%s\" %s; it was left as it is", file.path,
+                isOurs ? "is damaged: neither meta page is whole" : "is not a minidb data file");
 }
 
 Status takeMeta(PageFile &file, const Page &page, View &view) {
