@@ -77,7 +77,7 @@ struct Minidb {
   void open(const std::string &path) {
     require(zov_init() == ZOV_OKAY, "starting");
     const minidb::Options options = {path.c_str(), 0, true, false, 0};
-    require(minidb::openStore(options, &store) == minidb::Status::kOkay, "opening");
+    require(minidb::openStore(options, &store), "opening");
   }
   void close() {
     minidb::closeStore(store);
@@ -87,22 +87,20 @@ struct Minidb {
   void closeAnother() {}
   void begin(bool alone) {
     const auto mode = alone ? minidb::Mode::kExclusive : minidb::Mode::kOverwrite;
-    require(minidb::beginTransaction(*store, mode, &transaction) == minidb::Status::kOkay,
-            "beginning");
+    require(minidb::beginTransaction(*store, mode, &transaction), "beginning");
   }
   void put(Text key, Text value) {
-    require(minidb::putRecord(*transaction, key, value) == minidb::Status::kOkay, "putting");
+    require(minidb::putRecord(*transaction, key, value), "putting");
   }
-  void commit() { require(minidb::commit(transaction) == minidb::Status::kOkay, "committing"); }
+  void commit() { require(minidb::commit(transaction), "committing"); }
   template <typename Visit>
   void scan(minidb::Range range, Visit visit) {
     minidb::View view;
-    require(minidb::openView(*store, view) == minidb::Status::kOkay, "viewing");
+    require(minidb::openView(*store, view), "viewing");
     minidb::Cursor cursor;
-    minidb::Status status = minidb::seekFirst(cursor, view, range);
-    for (; status == minidb::Status::kOkay; status = minidb::seekNext(cursor)) {
+    for (bool more = seekFirst(cursor, view, range); more; more = minidb::seekNext(cursor)) {
       Text value;
-      require(minidb::readValue(cursor, value) == minidb::Status::kOkay, "reading");
+      require(minidb::readValue(cursor, value), "reading");
       visit(value);
     }
     minidb::closeView(view);
@@ -111,9 +109,8 @@ struct Minidb {
     minidb::View view;
     minidb::Cursor cursor;
     Text value = {};
-    require(minidb::openView(*store, view) == minidb::Status::kOkay &&
-                minidb::seekKey(cursor, view, key) == minidb::Status::kOkay &&
-                minidb::readValue(cursor, value) == minidb::Status::kOkay,
+    require(minidb::openView(*store, view) && minidb::seekKey(cursor, view, key) &&
+                minidb::readValue(cursor, value),
             "getting");
     minidb::closeView(view);
     return value.length;

@@ -92,27 +92,27 @@ int readKey(FILE *) {
 }
 
 // The next line, at an interrupt any, without its end.
-Status readTyped(ZOV_STREAM, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
+bool readTyped(ZOV_STREAM, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
   rl_catch_signals = 0;
   rl_getc_function = readKey;
   char *line = readline(prompt);
   if (line == nullptr) {
-    return Status::kMissing;
+    return minidb::fail(Status::kMissing, "the input has ended");
   }
   if (*line != '\0') {
     add_history(line);
   }
   append(buffer, tag, textOf(line));
   free(line);
-  return Status::kOkay;
+  return true;
 }
 
 #else
 
-Status readTyped(ZOV_STREAM input, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
+bool readTyped(ZOV_STREAM input, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
   zov_printf("%s", prompt);
   zov_flush();
-  return awaitInput() ? readLine(input, buffer, tag, minidb::kMaxRequestBytes) : Status::kOkay;
+  return !awaitInput() || readLine(input, buffer, tag, minidb::kMaxRequestBytes);
 }
 
 #endif
@@ -214,7 +214,7 @@ bool takeLine(Client &client) {
   const uint32_t before = query.length;
   marked = false;
   effect = isTerminal() ? kMarks : kEnds;
-  const Status taken =
+  const bool isTaken =
       isTerminal()
           ? readTyped(client.input, before == 0 ? "minidb> " : "   ...> ", query, client.tag)
           : readLine(client.input, query, client.tag, minidb::kMaxRequestBytes);
@@ -224,14 +224,14 @@ bool takeLine(Client &client) {
     return true;
   }
   ++client.lines;
-  if (taken != Status::kOkay && taken != Status::kMissing) {
+  if (!isTaken && minidb::lastStatus() != Status::kMissing) {
     minidb::fail("line %d of stdin: %s", client.lines, minidb::problem());
     client.failed = !minidb::report();
     return false;
   }
   append(query, client.tag, {"\n", 1});
   readOn(client.reading, {query.bytes + before, query.length - before});
-  bool goesOn = taken == Status::kOkay;
+  bool goesOn = isTaken;
   if (!goesOn || !client.reading.open) {
     goesOn = run(client, textOf(query)) && goesOn;
     dropQuery(client);

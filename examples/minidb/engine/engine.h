@@ -46,10 +46,10 @@ char *makeRoom(Buffer &buffer, ZOV_TAG tag, uint32_t more);
 // As makeRoom(), and puts a text there with a NUL behind it.
 void append(Buffer &buffer, ZOV_TAG tag, Text text);
 
-// Puts the next line of a stream, without its end, behind what the buffer holds. kOkay;
-// kMissing behind the last one; kRefused for one that is too long, or kFailed. Needs a
-// recovery point.
-Status readLine(ZOV_STREAM stream, Buffer &buffer, ZOV_TAG tag, uint32_t limit);
+// Puts the next line of a stream, without its end, behind what the buffer holds. kMissing
+// behind the last one; kRefused for one that is too long, or kFailed. Needs a recovery
+// point.
+bool readLine(ZOV_STREAM stream, Buffer &buffer, ZOV_TAG tag, uint32_t limit);
 
 // Whether a whole text matches a pattern: `*` stands for any text, `?` for one
 // character of UTF-8, and a backslash makes what is behind it stand for itself, an
@@ -221,7 +221,7 @@ struct Verb {
   const char *form;  // how it goes, its word first
   int16_t token;
   Access access;
-  Status (*run)(Session &session, const Statement &statement);
+  bool (*run)(Session &session, const Statement &statement);
   const char *help;
 };
 
@@ -271,8 +271,8 @@ void endStatement(Session &session, const Verb *verb, bool failed);
 // --- For statements ------------------------------------------------------
 //
 // What one needs by its verb is there before it runs: a view, a transaction. When it
-// returns kOkay that is committed if it is the statement's own, and the note is said;
-// else problem() is said, for kMissing that there is no record of its first text.
+// succeeds that is committed if it is the statement's own, and the note is said; else
+// problem() is said, for kMissing that there is no record of its first text.
 
 enum class Item : char {
   kRow = 'R',  // bytes of rows, each of which ends in a newline
@@ -293,23 +293,25 @@ const View &sightOf(const Session &session);
 // Passes the line of the record that a cursor stands on to `take` piece by piece, none
 // of which is empty or kept in memory.
 template <typename Take>
-Status passRecord(const Session &session, Cursor &cursor, Take take) {
+bool passRecord(const Session &session, Cursor &cursor, Take take) {
   const char separator = session.database->separator;
   take(keyOf(cursor));
   take(Text{&separator, 1});
   Text piece;
-  Status status = readValue(cursor, piece);
-  for (; status == Status::kOkay && piece.length > 0; status = readValue(cursor, piece)) {
+  while (readValue(cursor, piece)) {
+    if (piece.length == 0) {
+      return true;
+    }
     take(piece);
   }
-  return status;
+  return false;
 }
 
 // Removes a draft. One that was kept or never opened is left alone.
 void dropDraft(Draft &draft);
 
-Status load(Session &session, const Statement &statement);
-Status dump(Session &session, const Statement &statement);
+bool load(Session &session, const Statement &statement);
+bool dump(Session &session, const Statement &statement);
 
 }  // namespace minidb
 

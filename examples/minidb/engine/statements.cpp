@@ -24,225 +24,221 @@ void drop(Transaction *&transaction) {
 
 // --- Reading -------------------------------------------------------------
 
-Status showRecord(Session &session, Cursor &cursor) {
-  const Status status =
+bool showRecord(Session &session, Cursor &cursor) {
+  const bool shown =
       passRecord(session, cursor, [&session](Text piece) { say(session, Item::kRow, piece); });
   say(session, Item::kRow, {"\n", 1});
-  return status;
+  return shown;
 }
 
 // Looks at the record that a cursor stands on. A pattern is held against its whole line,
 // for which there has to be memory.
-Status look(Session &session, Cursor &cursor, Text pattern, bool shows, Buffer &line, bool &found) {
+bool look(Session &session, Cursor &cursor, Text pattern, bool shows, Buffer &line, bool &found) {
   found = true;
   if (pattern.bytes == nullptr) {
-    return shows ? showRecord(session, cursor) : Status::kOkay;
+    return !shows || showRecord(session, cursor);
   }
   line.length = 0;
-  const Status status = passRecord(
-      session, cursor, [&line, &session](Text piece) { append(line, session.tag, piece); });
-  found = status == Status::kOkay && matchesPattern(textOf(line), pattern);
+  if (!passRecord(session, cursor,
+                  [&line, &session](Text piece) { append(line, session.tag, piece); })) {
+    return false;
+  }
+  found = matchesPattern(textOf(line), pattern);
   if (found && shows) {
     append(line, session.tag, {"\n", 1});
     say(session, Item::kRow, textOf(line));
   }
-  return status;
+  return true;
 }
 
 // Goes through a range for as long as somebody wants to know.
-Status walk(Session &session, const Statement &statement, bool shows, uint64_t most,
-            uint64_t &found) {
+bool walk(Session &session, const Statement &statement, bool shows, uint64_t most,
+          uint64_t &found) {
   Cursor cursor;
   Buffer line = {};
   uint64_t seen = 0;
-  Status status = seekFirst(cursor, sightOf(session), statement.range);
-  while (status == Status::kOkay && found < most && session.status == 0) {
+  bool more = seekFirst(cursor, sightOf(session), statement.range);
+  while (more && found < most && session.status == 0) {
     bool isFound = false;
-    status = goOn(session.progress, ++seen);
-    status = status == Status::kOkay ? look(session, cursor, statement.first, shows, line, isFound)
-                                     : status;
+    more = goOn(session.progress, ++seen) &&
+           look(session, cursor, statement.first, shows, line, isFound);
     found += isFound ? 1 : 0;
-    status = status == Status::kOkay ? seekNext(cursor) : status;
+    more = more && seekNext(cursor);
   }
-  return status == Status::kMissing ? Status::kOkay : status;
+  return more || lastStatus() == Status::kMissing;
 }
 
-Status search(Session &session, const Statement &statement, bool shows, uint64_t &found) {
+bool search(Session &session, const Statement &statement, bool shows, uint64_t &found) {
   const char *limit = statement.most.bytes;
   const uint64_t most = limit == nullptr ? UINT64_MAX : strtoull(limit, nullptr, 10);
   if (limit != nullptr &&
       (*limit == '\0' || strspn(limit, "0123456789") != statement.most.length)) {
-    return failed(Status::kRefused, "the limit is no number: \"%.200s\"", limit);
+    return fail(Status::kRefused, "the limit is no number: \"%.200s\"", limit);
   }
   if (shows || statement.first.bytes != nullptr) {
     return walk(session, statement, shows, most, found);
   }
-  const Status status = countRange(sightOf(session), statement.range, found);
+  const bool counted = countRange(sightOf(session), statement.range, found);
   found = found < most ? found : most;
-  return status;
+  return counted;
 }
 
-Status find(Session &session, const Statement &statement) {
+bool find(Session &session, const Statement &statement) {
   uint64_t found = 0;
-  const Status status = search(session, statement, true, found);
+  const bool done = search(session, statement, true, found);
   note(session, "%llu found", Number{found});
-  return status;
+  return done;
 }
 
-Status count(Session &session, const Statement &statement) {
+bool count(Session &session, const Statement &statement) {
   uint64_t found = 0;
-  const Status status = search(session, statement, false, found);
-  if (status == Status::kOkay) {
-    sayOf(session, Item::kRow, "%llu\n", Number{found});
+  if (!search(session, statement, false, found)) {
+    return false;
   }
-  return status;
+  sayOf(session, Item::kRow, "%llu\n", Number{found});
+  return true;
 }
 
-Status get(Session &session, const Statement &statement) {
+bool get(Session &session, const Statement &statement) {
   Cursor cursor;
-  const Status status = seekKey(cursor, sightOf(session), statement.first);
-  return status == Status::kOkay ? showRecord(session, cursor) : status;
+  return seekKey(cursor, sightOf(session), statement.first) && showRecord(session, cursor);
 }
 
 // --- Changing ------------------------------------------------------------
 
-Status put(Session &session, const Statement &statement) {
+bool put(Session &session, const Statement &statement) {
   return putRecord(*session.transaction, statement.first, statement.second);
 }
 
-Status remove(Session &session, const Statement &statement) {
+bool remove(Session &session, const Statement &statement) {
   return removeRecord(*session.transaction, statement.first);
 }
 
-Status begin(Session &session, const Statement &) {
-  const Status status =
+bool begin(Session &session, const Statement &) {
+  const bool begun =
       beginTransaction(*session.database->store, Mode::kSnapshot, &session.transaction);
-  session.scope = status == Status::kOkay ? Scope::kTransaction : Scope::kStatement;
-  return status;
+  session.scope = begun ? Scope::kTransaction : Scope::kStatement;
+  return begun;
 }
 
 // Both leave the transaction to the statement, whose own it is then committed or dropped.
-Status commit(Session &session, const Statement &) {
+bool commit(Session &session, const Statement &) {
   const Scope scope = session.scope;
   session.scope = Scope::kStatement;
-  return scope == Scope::kTransaction ? Status::kOkay
-         : scope == Scope::kFailed
-             ? failed(Status::kRefused, "the transaction had a mistake, so nothing of it was kept")
-             : failed(Status::kRefused, "there is no transaction");
+  return scope == Scope::kTransaction ||
+         fail(scope == Scope::kFailed ? "the transaction had a mistake, so nothing of it was kept"
+                                      : "there is no transaction");
 }
 
-Status abort(Session &session, const Statement &) {
+bool abort(Session &session, const Statement &) {
   if (session.scope == Scope::kStatement) {
-    return failed(Status::kRefused, "there is no transaction");
+    return fail(Status::kRefused, "there is no transaction");
   }
   session.scope = Scope::kStatement;
   drop(session.transaction);
-  return Status::kOkay;
+  return true;
 }
 
 // --- Care ----------------------------------------------------------------
 
-Status compact(Session &session, const Statement &) {
+bool compact(Session &session, const Statement &) {
   const uint64_t before = session.view.end;
   closeView(session.view);
-  Status status = compactStore(*session.database->store, session.progress);
-  status = status == Status::kOkay ? openView(*session.database->store, session.view) : status;
+  const bool done = compactStore(*session.database->store, session.progress) &&
+                    openView(*session.database->store, session.view);
   note(session, "%llu bytes, %llu before", Number{session.view.end} * kPageBytes,
        Number{before} * kPageBytes);
-  return status;
+  return done;
 }
 
-Status check(Session &session, const Statement &) {
+bool check(Session &session, const Statement &) {
   const View &view = sightOf(session);
   note(session, "%llu records, every page is whole", Number{view.records});
   return checkView(view, session.progress);
 }
 
-Status stats(Session &session, const Statement &) {
+bool stats(Session &session, const Statement &) {
   Figure figures[kFigures];
   readFigures(sightOf(session), figures);
   for (const Figure &figure : figures) {
     sayOf(session, Item::kRow, "%s: %llu\n", figure.name, Number{figure.value});
   }
-  return Status::kOkay;
+  return true;
 }
 
 // The separator changes at once, all else when a program starts.
-Status set(Session &session, const Statement &statement) {
+bool set(Session &session, const Statement &statement) {
   Settings changed = session.database->settings;
   if (!changeSetting(changed, statement.first.bytes, statement.second.bytes)) {
-    return Status::kRefused;
+    return false;
   }
   if (readSetting(changed, kSeparator)) {
     session.database->separator = separatorOf(changed);
   }
-  return Status::kOkay;
+  return true;
 }
 
-Status settings(Session &session, const Statement &) {
+bool settings(Session &session, const Statement &) {
   Settings now = session.database->settings;
   for (uint8_t number = 0; number < kSettings; ++number) {
     const Option setting = static_cast<Option>(number);
     if (!readSetting(now, setting)) {
-      return Status::kRefused;
+      return false;
     }
     sayOf(session, Item::kRow, "%s = %s\n", nameOf(setting), now.text[setting]);
   }
-  return Status::kOkay;
+  return true;
 }
 
-Status help(Session &session, const Statement &) {
+bool help(Session &session, const Statement &) {
   for (const Verb *verb = kVerbs; verb->form != nullptr; ++verb) {
     sayOf(session, Item::kRow, kHelpFormat, verb->form, verb->help);
   }
-  return Status::kOkay;
+  return true;
 }
 
-Status quit(Session &session, const Statement &) {
+bool quit(Session &session, const Statement &) {
   session.quits = true;
-  return Status::kOkay;
+  return true;
 }
 
 // --- Running -------------------------------------------------------------
 
 // Gives a statement what it needs.
-Status prepare(Session &session, Access access) {
+bool prepare(Session &session, Access access) {
   Store &store = *session.database->store;
   if (session.scope == Scope::kFailed && access != Access::kEnd) {
-    return failed(Status::kRefused, "the transaction had a mistake and can only be aborted");
+    return fail(Status::kRefused, "the transaction had a mistake and can only be aborted");
   }
   if (session.scope != Scope::kStatement &&
       (access == Access::kAlone || access == Access::kBegin)) {
-    return failed(Status::kRefused, "a transaction is under way");
+    return fail(Status::kRefused, "a transaction is under way");
   }
   if (session.transaction != nullptr) {
-    return Status::kOkay;
+    return true;
   }
   if (access == Access::kRead || access == Access::kAlone) {
     return openView(store, session.view);
   }
   const Mode mode = access == Access::kLoad ? Mode::kExclusive : Mode::kOverwrite;
-  return access == Access::kLoad || access == Access::kChange
-             ? beginTransaction(store, mode, &session.transaction)
-             : Status::kOkay;
+  return (access != Access::kLoad && access != Access::kChange) ||
+         beginTransaction(store, mode, &session.transaction);
 }
 
-Status perform(Session &session, const Statement &statement) {
-  Status status = prepare(session, statement.verb->access);
-  if (status != Status::kOkay) {
-    return status;
+bool perform(Session &session, const Statement &statement) {
+  if (!prepare(session, statement.verb->access)) {
+    return false;
   }
-  status = statement.verb->run(session, statement);
-  if (status == Status::kMissing) {
-    return failed(status, "there is no record \"%.200s\"", statement.first.bytes);
+  if (!statement.verb->run(session, statement)) {
+    return lastStatus() == Status::kMissing &&
+           fail(Status::kMissing, "there is no record \"%.200s\"", statement.first.bytes);
   }
-  if (status == Status::kOkay && session.scope == Scope::kStatement &&
-      session.transaction != nullptr) {
-    Transaction *own = session.transaction;
-    session.transaction = nullptr;
-    return commit(own);
+  if (session.scope != Scope::kStatement || session.transaction == nullptr) {
+    return true;
   }
-  return status;
+  Transaction *own = session.transaction;
+  session.transaction = nullptr;
+  return commit(own);
 }
 
 }  // namespace
@@ -282,7 +278,7 @@ bool openDatabase(Database &database, const Settings &settings) {
                            .create = !isGiven(settings, kReadOnly),
                            .readOnly = isGiven(settings, kReadOnly),
                            .cacheBytes = static_cast<uint64_t>(numberOf(settings, kCache)) << 20};
-  return openStore(options, &database.store) == Status::kOkay;
+  return openStore(options, &database.store);
 }
 
 bool openSession(Session &session, Database &database, ZOV_BUFF_WRITE write, void *context,
@@ -308,15 +304,15 @@ void closeSession(Session &session) {
 
 bool runStatement(Session &session, const Statement &statement) {
   session.note[0] = '\0';
-  const Status status = perform(session, statement);
+  const bool done = perform(session, statement);
   // Before it is said, for which others may have to wait long.
-  endStatement(session, statement.verb, status != Status::kOkay && status != Status::kMissing);
-  if (status != Status::kOkay) {
+  endStatement(session, statement.verb, !done && lastStatus() != Status::kMissing);
+  if (!done) {
     say(session, Item::kError, textOf(problem()));
   } else if (session.note[0] != '\0') {
     say(session, Item::kNote, textOf(session.note));
   }
-  return status == Status::kOkay;
+  return done;
 }
 
 void endStatement(Session &session, const Verb *verb, bool failed) {

@@ -25,13 +25,13 @@ void append(Buffer &buffer, ZOV_TAG tag, Text text) {
   buffer.length += text.length;
 }
 
-Status readLine(ZOV_STREAM stream, Buffer &buffer, ZOV_TAG tag, uint32_t limit) {
+bool readLine(ZOV_STREAM stream, Buffer &buffer, ZOV_TAG tag, uint32_t limit) {
   errno = 0;
   int32_t byte = zov_fgetc(stream);
   const bool isEnd = byte < 0 && errno == 0;
   for (; byte >= 0 && byte != '\n'; byte = zov_fgetc(stream)) {
     if (buffer.length >= limit) {
-      return failed(Status::kRefused, "it is too long");
+      return fail(Status::kRefused, "it is too long");
     }
     if (buffer.length + 1 >= buffer.capacity) {
       makeRoom(buffer, tag, 1);
@@ -39,9 +39,9 @@ Status readLine(ZOV_STREAM stream, Buffer &buffer, ZOV_TAG tag, uint32_t limit) 
     buffer.bytes[buffer.length++] = static_cast<char>(byte);
   }
   if (byte < 0 && errno != 0) {
-    return failed(Status::kFailed, "it cannot be read: %s", strerror(errno));
+    return fail("it cannot be read: %s", strerror(errno));
   }
-  return isEnd ? Status::kMissing : Status::kOkay;
+  return !isEnd || fail(Status::kMissing, "there is no further line");
 }
 
 bool matchesPattern(Text text, Text pattern) {

@@ -26,41 +26,35 @@ bool isPlain(const char *path) {
 // --- In ------------------------------------------------------------------
 
 // Puts the record of a line.
-Status takeLine(Transaction &change, Text line, char separator) {
+bool takeLine(Transaction &change, Text line, char separator) {
   line.length -= line.length > 0 && line.bytes[line.length - 1] == '\r';
   if (line.length == 0) {
-    return Status::kOkay;
+    return true;
   }
   if (memchr(line.bytes, '\0', line.length) != nullptr) {
-    return failed(Status::kRefused, "it holds a NUL");
+    return fail(Status::kRefused, "it holds a NUL");
   }
   const char *end = static_cast<const char *>(memchr(line.bytes, separator, line.length));
   if (end == nullptr) {
-    return failed(Status::kRefused, "it has no separator");
+    return fail(Status::kRefused, "it has no separator");
   }
   const uint32_t keyBytes = static_cast<uint32_t>(end - line.bytes);
   return putRecord(change, {line.bytes, keyBytes}, {end + 1, line.length - keyBytes - 1});
 }
 
 // Takes the line of a number, kMissing behind the last.
-Status takeNext(Session &session, Buffer &line, uint64_t number) {
+bool takeNext(Session &session, Buffer &line, uint64_t number) {
   line.length = 0;
-  Status status = readLine(session.input, line, session.tag, kMaxLineBytes);
-  if (status == Status::kOkay) {
-    status = takeLine(*session.transaction, textOf(line), session.database->separator);
-  }
-  return status == Status::kOkay ? goOn(session.progress, number) : status;
+  return readLine(session.input, line, session.tag, kMaxLineBytes) &&
+         takeLine(*session.transaction, textOf(line), session.database->separator) &&
+         goOn(session.progress, number);
 }
 
 // --- Drafts --------------------------------------------------------------
 
 // Locks a file that still has its name then: who had it locked may have removed it.
 bool lockNamed(uint64_t descriptor, const char *path) {
-  struct stat locked;
-  struct stat named;
-  return zov_flLock(descriptor) == ZOV_OKAY && stat(path, &named) == 0 &&
-         fstat(static_cast<int>(descriptor), &locked) == 0 && named.st_dev == locked.st_dev &&
-         named.st_ino == locked.st_ino;
+  return zov_flLock(descriptor) == ZOV_OKAY && leadsTo(path, descriptor);
 }
 
 // Makes and locks the file. A draft is locked while somebody writes it, so one that is
@@ -154,22 +148,22 @@ bool isReadable(Text key, char separator, bool isFirst) {
 }
 
 // Writes the record that a cursor stands on.
-Status writeRecord(Session &session, Cursor &cursor, bool isFirst) {
+bool writeRecord(Session &session, Cursor &cursor, bool isFirst) {
   Draft &draft = session.draft;
   bool isLine = isReadable(keyOf(cursor), session.database->separator, isFirst);
   char last = '\0';
-  const Status status = passRecord(session, cursor, [&draft, &isLine, &last](Text piece) {
+  const bool isRead = passRecord(session, cursor, [&draft, &isLine, &last](Text piece) {
     isLine = isLine && memchr(piece.bytes, '\n', piece.length) == nullptr;
     last = piece.bytes[piece.length - 1];
     writeDraft(draft, piece);
   });
   writeDraft(draft, {"\n", 1});
-  if (status == Status::kOkay && (!isLine || last == '\r')) {
+  if (isRead && (!isLine || last == '\r')) {
     const Text key = keyOf(cursor);
-    return failed(Status::kRefused, "no line can hold the record \"%.*s\" with this separator",
-                  static_cast<int>(key.length < 100 ? key.length : 100), key.bytes);
+    return fail(Status::kRefused, "no line can hold the record \"%.*s\" with this separator",
+                static_cast<int>(key.length < 100 ? key.length : 100), key.bytes);
   }
-  return status;
+  return isRead;
 }
 
 }  // namespace
@@ -181,50 +175,43 @@ void dropDraft(Draft &draft) {
   }
 }
 
-Status load(Session &session, const Statement &statement) {
+bool load(Session &session, const Statement &statement) {
   const char *path = statement.first.bytes;
   const View &view = sightOf(session);
   const uint64_t before = view.records;
   if (!isPlain(path)) {
-    return Status::kRefused;
+    return false;
   }
   session.input = zov_fopen(path, "r", ZOV_ENC_BYTES);
   if (session.input == nullptr) {
-    failedAt("open", path);
-    return Status::kFailed;
+    return failedAt("open", path);
   }
   Buffer line = {};
   uint64_t lines = 0;
-  Status status = takeNext(session, line, 1);
-  for (; status == Status::kOkay; status = takeNext(session, line, lines + 1)) {
+  while (takeNext(session, line, lines + 1)) {
     ++lines;
   }
-  if (status != Status::kMissing) {
-    fail("line %llu: %s; nothing was loaded", Number{lines} + 1, problem());
-    return status;
+  if (lastStatus() != Status::kMissing) {
+    return fail("line %llu: %s; nothing was loaded", Number{lines} + 1, problem());
   }
   note(session, "%llu lines, %llu new records", Number{lines}, Number{view.records} - before);
-  return Status::kOkay;
+  return true;
 }
 
-Status dump(Session &session, const Statement &statement) {
+bool dump(Session &session, const Statement &statement) {
   const char *path = statement.first.bytes;
   if (!isPlain(path) || !openDraft(session.draft, *session.database, path)) {
-    return Status::kRefused;
+    return false;
   }
   Cursor cursor;
   uint64_t records = 0;
-  Status status = seekFirst(cursor, sightOf(session), {});
-  while (status == Status::kOkay && session.draft.status == 0) {
-    status = writeRecord(session, cursor, records == 0);
-    status = status == Status::kOkay ? goOn(session.progress, ++records) : status;
-    status = status == Status::kOkay ? seekNext(cursor) : status;
+  bool more = seekFirst(cursor, sightOf(session), {});
+  while (more && session.draft.status == 0) {
+    more = writeRecord(session, cursor, records == 0) && goOn(session.progress, ++records) &&
+           seekNext(cursor);
   }
   note(session, "%llu records written to \"%.500s\"", Number{records}, path);
-  if (status != Status::kMissing && status != Status::kOkay) {
-    return status;
-  }
-  return keepDraft(session.draft) ? Status::kOkay : Status::kFailed;
+  return (more || lastStatus() == Status::kMissing) && keepDraft(session.draft);
 }
 
 }  // namespace minidb

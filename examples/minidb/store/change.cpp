@@ -190,25 +190,24 @@ bool change(Transaction &transaction, Text key, Cell *cell) {
   return cell == nullptr ? prune(transaction) : insert(transaction, *cell);
 }
 
-Status checkChange(const Transaction &transaction, Text key) {
+bool checkChange(const Transaction &transaction, Text key) {
   if (transaction.failed) {
-    return failed(Status::kFailed, "the transaction has failed and can only be rolled back");
+    return fail("the transaction has failed and can only be rolled back");
   }
   if (key.length == 0 || key.length > kMaxKeyBytes) {
-    return failed(Status::kRefused, "a key has 1 to %u bytes, not %u", kMaxKeyBytes, key.length);
+    return fail(Status::kRefused, "a key has 1 to %u bytes, not %u", kMaxKeyBytes, key.length);
   }
-  return Status::kOkay;
+  return true;
 }
 
 // Writes a value to pages of its own; `take` gives a piece for each, all but the last full.
 template <typename Take>
-Status writeChain(Transaction &transaction, uint32_t length, uint64_t number, Take take) {
+bool writeChain(Transaction &transaction, uint32_t length, uint64_t number, Take take) {
   while (length > 0) {
     Page page;
     Text piece = {};
-    const Status status = take(piece);
-    if (status != Status::kOkay) {
-      return status;
+    if (!take(piece)) {
+      return false;
     }
     length -= piece.length;
     const uint64_t next = length == 0 ? 0 : takeNumber(transaction);
@@ -217,20 +216,19 @@ Status writeChain(Transaction &transaction, uint32_t length, uint64_t number, Ta
     put(page.bytes + kHeaderBytes, next);
     memcpy(page.bytes + kChainStart, piece.bytes, piece.length);
     if (!storePage(transaction, page)) {
-      return Status::kFailed;
+      return false;
     }
     number = next;
     ++transaction.view.live;
   }
-  return Status::kOkay;
+  return true;
 }
 
 // Puts a record whose value comes in pieces.
 template <typename Take>
-Status putPieces(Transaction &transaction, Text key, uint32_t length, Take take) {
-  Status status = checkChange(transaction, key);
-  if (status != Status::kOkay) {
-    return status;
+bool putPieces(Transaction &transaction, Text key, uint32_t length, Take take) {
+  if (!checkChange(transaction, key)) {
+    return false;
   }
   Cell cell;
   uint8_t *value = cell.bytes + kLeafCell + key.length;
@@ -241,44 +239,41 @@ Status putPieces(Transaction &transaction, Text key, uint32_t length, Take take)
     const uint64_t first = takeNumber(transaction);
     put(value, first);
     cell.length = kLeafCell + key.length + 8;
-    status = writeChain(transaction, length, first, take);
+    transaction.failed = !writeChain(transaction, length, first, take);
   } else {
     Text piece = {};
-    status = take(piece);
+    transaction.failed = !take(piece);
     cell.length = kLeafCell + key.length + piece.length;
     memcpy(value, piece.bytes, piece.length);
   }
-  transaction.failed = status != Status::kOkay || !change(transaction, key, &cell);
-  return transaction.failed ? Status::kFailed : Status::kOkay;
+  transaction.failed = transaction.failed || !change(transaction, key, &cell);
+  return !transaction.failed;
 }
 
 }  // namespace
 
-Status putRecord(Transaction &transaction, Text key, Text value) {
+bool putRecord(Transaction &transaction, Text key, Text value) {
   if (value.length > kMaxValueBytes) {
-    return failed(Status::kRefused, "a value has at most %u bytes", kMaxValueBytes);
+    return fail(Status::kRefused, "a value has at most %u bytes", kMaxValueBytes);
   }
   return putPieces(transaction, key, value.length, [&value](Text &piece) {
     piece = {value.bytes, std::min(value.length, kChainBytes)};
     value = {value.bytes + piece.length, value.length - piece.length};
-    return Status::kOkay;
+    return true;
   });
 }
 
-Status copyRecord(Transaction &transaction, Cursor &cursor) {
+bool copyRecord(Transaction &transaction, Cursor &cursor) {
   return putPieces(transaction, keyOf(cursor), valueLength(cursor),
                    [&cursor](Text &piece) { return readValue(cursor, piece); });
 }
 
-Status removeRecord(Transaction &transaction, Text key) {
-  const Status status = checkChange(transaction, key);
-  if (status != Status::kOkay) {
-    return status;
+bool removeRecord(Transaction &transaction, Text key) {
+  if (!checkChange(transaction, key)) {
+    return false;
   }
   transaction.failed = !change(transaction, key, nullptr);
-  return transaction.failed       ? Status::kFailed
-         : transaction.path.found ? Status::kOkay
-                                  : Status::kMissing;
+  return !transaction.failed && (transaction.path.found || miss());
 }
 
 }  // namespace minidb

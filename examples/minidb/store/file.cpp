@@ -23,14 +23,13 @@ constexpr uint32_t kVersion = 3;
 
 std::atomic<uint32_t> memoryFiles;
 
-Status openFailed(const char *path) {
-  const int error = errno;
-  return failed(error == ENOENT ? Status::kMissing : Status::kFailed, "cannot open \"%s\": %s",
-                path, strerror(error));
+bool openFailed(const char *path) {
+  return fail(errno == ENOENT ? Status::kMissing : Status::kFailed, "cannot open \"%s\": %s", path,
+              strerror(errno));
 }
 
 // The descriptor that the lock is on.
-Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
+bool openDescriptor(const char *path, int32_t flags, PageFile &file) {
   const int descriptor = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
   if (descriptor < 0) {
     return openFailed(path);
@@ -40,37 +39,33 @@ Status openDescriptor(const char *path, int32_t flags, PageFile &file) {
   if (fstat(descriptor, &status) != 0) {
     return openFailed(path);
   }
-  file.device = status.st_dev;
-  file.inode = status.st_ino;
   if (!S_ISREG(status.st_mode)) {
-    return failed(Status::kRefused, "\"%s\" is not a regular file", path);
+    return fail(Status::kRefused, "\"%s\" is not a regular file", path);
   }
-  if ((flags & O_ACCMODE) != O_RDONLY && zov_flLock(file.descriptor) != ZOV_OKAY) {
-    return failed(Status::kRefused, "\"%s\" is in use", path);
-  }
-  return Status::kOkay;
+  return (flags & O_ACCMODE) == O_RDONLY || zov_flLock(file.descriptor) == ZOV_OKAY ||
+         fail(Status::kRefused, "\"%s\" is in use", path);
 }
 
 // kConflict when the name has got another file meanwhile. The name is kept without
 // links, and as one that does not depend on the current directory.
-Status openOnce(Store &store, const char *path, int32_t flags, PageFile &file) {
+bool openOnce(Store &store, const char *path, int32_t flags, PageFile &file) {
   if (!onDisk(store.typeFlags)) {
     zov_strncpyZ(file.path, "memory", sizeof file.path);
     file.handle = openMemory();
-    return file.handle != nullptr ? Status::kOkay : openFailed(path);
+    return file.handle != nullptr || openFailed(path);
   }
-  const Status status = openDescriptor(path, flags, file);
-  if (status != Status::kOkay) {
-    return status;
+  if (!openDescriptor(path, flags, file)) {
+    return false;
   }
-  if (realpath(path, file.path) == nullptr) {
-    return errno == ENOENT ? Status::kConflict : openFailed(path);
-  }
-  file.handle = zov_fileOpen(file.path, static_cast<uint32_t>(flags & O_ACCMODE), 0);
-  if (file.handle == nullptr) {
+  if (realpath(path, file.path) != nullptr) {
+    file.handle = zov_fileOpen(file.path, static_cast<uint32_t>(flags & O_ACCMODE), 0);
+    if (file.handle == nullptr || leadsTo(file.path, file.descriptor)) {
+      return file.handle != nullptr || openFailed(path);
+    }
+  } else if (errno != ENOENT) {
     return openFailed(path);
   }
-  return leadsTo(file.path, file) ? Status::kOkay : Status::kConflict;
+  return fail(Status::kConflict, "\"%s\" was replaced", path);
 }
 
 bool hasMagic(const Page &page) {
@@ -82,17 +77,17 @@ bool isMeta(const Page &page, uint64_t number) {
 }
 
 // What a file is that has no meta.
-Status notOurs(const PageFile &file, const Page *metas) {
+bool notOurs(const PageFile &file, const Page *metas) {
   const bool isOurs = hasMagic(metas[0]) || hasMagic(metas[1]);
-  return failed(Status::kRefused, "\"%s\" %s; it was left as it is", file.path,
-                isOurs ? "is damaged: neither meta page is whole" : "is not a minidb data file");
+  return fail(Status::kRefused, "\"%s\" %s; it was left as it is", file.path,
+              isOurs ? "is damaged: neither meta page is whole" : "is not a minidb data file");
 }
 
-Status takeMeta(PageFile &file, const Page &page, View &view) {
+bool takeMeta(PageFile &file, const Page &page, View &view) {
   const uint8_t *at = page.bytes;
   if (get<uint32_t>(at + 48) != kVersion || get<uint32_t>(at + 52) != kPageBytes) {
-    return failed(Status::kRefused, "\"%s\" has format %u; this minidb reads %u", file.path,
-                  get<uint32_t>(at + 48), kVersion);
+    return fail(Status::kRefused, "\"%s\" has format %u; this minidb reads %u", file.path,
+                get<uint32_t>(at + 48), kVersion);
   }
   view.file = &file;
   view.number = page.commit();
@@ -103,9 +98,7 @@ Status takeMeta(PageFile &file, const Page &page, View &view) {
   view.depth = get<uint32_t>(at + 88);
   const bool right = view.depth <= kMaxDepth && (view.depth == 0) == (view.root == 0) &&
                      view.end >= kFirstPage && view.root < view.end;
-  return right ? Status::kOkay
-               : failed(Status::kFailed, "\"%s\" is damaged: its meta page makes no sense",
-                        file.path);
+  return right || fail("\"%s\" is damaged: its meta page makes no sense", file.path);
 }
 
 template <typename Transfer, typename Byte>
@@ -122,11 +115,14 @@ bool transferAll(Transfer transfer, ZOV_FILE file, int64_t offset, Byte *at, uin
   return true;
 }
 
+bool isSame(const struct stat &first, const struct stat &second) {
+  return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 bool isSameInode(const char *path, const char *other) {
   struct stat first;
   struct stat second;
-  return stat(path, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
-         first.st_ino == second.st_ino;
+  return stat(path, &first) == 0 && stat(other, &second) == 0 && isSame(first, second);
 }
 
 // The name at the end of a path, and the path of its directory.
@@ -218,26 +214,24 @@ void closeFile(ZOV_FILE file) {
   }
 }
 
-Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **out) {
-  Status status = Status::kConflict;
-  while (status == Status::kConflict) {
+bool openPageFile(Store &store, const char *path, int32_t flags, PageFile **out) {
+  do {
     auto *file = static_cast<PageFile *>(
         zov_getMem(sizeof(PageFile), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
     if (file == nullptr) {
-      return failed(Status::kFailed, "there is not enough memory to open \"%s\"", path);
+      return fail("there is not enough memory to open \"%s\"", path);
     }
     file->descriptor = ZOV_NO_DESCRIPTOR;
     file->id = ++store.files;
     file->kept = file->end = kFirstPage;
     file->users = 1;
-    status = openOnce(store, path, flags, *file);
-    if (status == Status::kOkay) {
+    if (openOnce(store, path, flags, *file)) {
       *out = file;
-    } else {
-      closePageFile(store, file);
+      return true;
     }
-  }
-  return status;
+    closePageFile(store, file);
+  } while (lastStatus() == Status::kConflict);
+  return false;
 }
 
 void closePageFile(Store &store, PageFile *file) {
@@ -253,18 +247,18 @@ void closePageFile(Store &store, PageFile *file) {
 
 // Only a read that gives nothing at all makes a file empty. Another process may write
 // one meta after the other while both are read; so they are read again.
-Status readMetas(Store &store, PageFile &file, View &view) {
+bool readMetas(Store &store, PageFile &file, View &view) {
   Page metas[2];
   for (int attempt = 0; attempt < 4; ++attempt) {
     if (zov_fileSeekRead(file.handle, 0, metas, 1) == 0) {
-      return failed(Status::kMissing, "\"%s\" is empty", file.path);
+      return fail(Status::kMissing, "\"%s\" is empty", file.path);
     }
     memset(metas, 0, sizeof metas);
     store.cache.reads += 2;
     if (!readAll(file.handle, 0, metas, sizeof metas)) {
       return zov_fileLength(file.handle) < int64_t{sizeof metas}
                  ? notOurs(file, metas)
-                 : failed(Status::kFailed, "cannot read the meta pages of \"%s\"", file.path);
+                 : fail("cannot read the meta pages of \"%s\"", file.path);
     }
     const bool first = isMeta(metas[0], 0);
     const bool second = isMeta(metas[1], 1);
@@ -296,9 +290,11 @@ bool syncFile(Store &store, const PageFile &file) {
   return zov_fileSync(file.handle) == ZOV_OKAY || fail("cannot sync \"%s\"", file.path);
 }
 
-bool leadsTo(const char *path, const PageFile &file) {
-  struct stat status;
-  return stat(path, &status) == 0 && status.st_dev == file.device && status.st_ino == file.inode;
+bool leadsTo(const char *path, uint64_t descriptor) {
+  struct stat named;
+  struct stat open;
+  return stat(path, &named) == 0 && fstat(static_cast<int>(descriptor), &open) == 0 &&
+         isSame(named, open);
 }
 
 bool isSameFile(const char *path, const char *other) {

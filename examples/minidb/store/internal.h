@@ -23,16 +23,28 @@
 
 namespace minidb {
 
-constexpr uint32_t kProblemBytes = 256;
+// What came of a call; room for a sentence.
+struct Problem {
+  Status status;
+  char text[256];
+};
+
+// The latest one of this thread.
+Problem &latestProblem();
+
+// For `return miss()`: there is no such record.
+inline bool miss() {
+  latestProblem().status = Status::kMissing;
+  return false;
+}
+
 constexpr uint64_t kFirstPage = 2;  // behind the metas
 
 // --- Files of pages ------------------------------------------------------
 
 struct PageFile {
   ZOV_FILE handle;
-  uint64_t descriptor;  // carries the lock of a file on disk and keeps its inode
-  uint64_t device;
-  uint64_t inode;
+  uint64_t descriptor;           // carries the lock of a file on disk and keeps its inode
   uint64_t id;                   // of its pages in the cache
   uint64_t kept;                 // pages that the latest commit counts; writeLock
   uint64_t end;                  // first page behind them and all claims; writeLock
@@ -51,16 +63,13 @@ void closeFile(ZOV_FILE file);  // or null
 
 // Opens the file of a path; on disk it is locked unless it is read-only, and a new one
 // has mode 0600. kMissing when there is none.
-Status openPageFile(Store &store, const char *path, int32_t flags, PageFile **file);
+bool openPageFile(Store &store, const char *path, int32_t flags, PageFile **file);
 void closePageFile(Store &store, PageFile *file);  // with its last user
 
 // Reads the newer meta that is right. kMissing for a file without a byte.
-Status readMetas(Store &store, PageFile &file, View &view);
+bool readMetas(Store &store, PageFile &file, View &view);
 bool writeMeta(Store &store, const View &view);
 bool syncFile(Store &store, const PageFile &file);
-
-// Whether a path leads to a file.
-bool leadsTo(const char *path, const PageFile &file);
 
 // --- The page cache ------------------------------------------------------
 
@@ -145,17 +154,16 @@ struct Transaction {
   uint32_t logBytes;
   bool logEnded;  // some are missing
   bool decided;   // by whoever committed it with others; stateLock
-  Status result;
-  char reason[kProblemBytes];
+  Problem result;
   Transaction *other;  // that waits
   Path path;
 };
 
 // Begins one on a view, whose file it becomes a user of. An exclusive one: writeLock.
-Status beginOn(Store &store, const View &view, Mode mode, Transaction **transaction);
+bool beginOn(Store &store, const View &view, Mode mode, Transaction **transaction);
 
 // Writes and syncs its pages, then the meta, and makes its view the newest. writeLock.
-Status writeTransaction(Transaction &transaction);
+bool writeTransaction(Transaction &transaction);
 void publish(Transaction &transaction);
 
 // Ends a transaction but for the lock of an exclusive one.
@@ -172,7 +180,7 @@ bool readOwn(const Transaction &transaction, uint64_t number, uint32_t level, Pa
 bool logKey(Transaction &transaction, Text key);
 
 // Puts the record that a cursor stands on.
-Status copyRecord(Transaction &transaction, Cursor &cursor);
+bool copyRecord(Transaction &transaction, Cursor &cursor);
 
 // --- The tree ------------------------------------------------------------
 

@@ -19,7 +19,11 @@ namespace minidb {
 
 namespace {
 
-thread_local char problemText[kProblemBytes];
+ZOV_PRINTF(2, 0) void setProblem(Status status, const char *format, va_list arguments) {
+  Problem problem = {status, ""};
+  zov_vsnprintf(problem.text, sizeof problem.text, format, arguments);
+  latestProblem() = problem;
+}
 
 // The name that compaction uses beside a data file, and whether a path has one like it.
 constexpr char kReplacement[] = ".new";
@@ -61,29 +65,25 @@ Store *newStore(const Options &options) {
 
 // --- Putting a new file in place of one ----------------------------------
 
-Status copyRecords(const View &source, Transaction &target, Progress progress) {
+bool copyRecords(const View &source, Transaction &target, Progress progress) {
   Cursor cursor;
   uint64_t copied = 0;
-  Status status = seekFirst(cursor, source, {});
-  while (status == Status::kOkay) {
-    status = goOn(progress, copied++);
-    status = status == Status::kOkay ? copyRecord(target, cursor) : status;
-    status = status == Status::kOkay ? seekNext(cursor) : status;
+  bool more = seekFirst(cursor, source, {});
+  while (more) {
+    more = goOn(progress, copied++) && copyRecord(target, cursor) && seekNext(cursor);
   }
-  return status == Status::kMissing ? Status::kOkay : status;
+  return lastStatus() == Status::kMissing;
 }
 
 // Writes the records of a view as the only commit of a new file. The other meta page is
 // there, but none. What failed has changed nothing.
-Status fill(Transaction &target, const View &source, Progress progress) {
+bool fill(Transaction &target, const View &source, Progress progress) {
   const Page nothing = {};
   const int64_t other = source.number % 2 == 0 ? 0 : kPageBytes;
   if (!writeAll(target.view.file->handle, other, &nothing, sizeof nothing)) {
-    return failed(Status::kFailed, "cannot write to \"%s\"", target.view.file->path);
+    return fail("cannot write to \"%s\"", target.view.file->path);
   }
-  const Status status = copyRecords(source, target, progress);
-  return status == Status::kOkay && writeTransaction(target) != Status::kOkay ? Status::kFailed
-                                                                              : status;
+  return copyRecords(source, target, progress) && writeTransaction(target);
 }
 
 // Gives the new file owner, group and mode of the old one.
@@ -107,23 +107,23 @@ bool takeAfter(const PageFile &file, const PageFile &old) {
 
 // Puts a whole new file in place of the old one. With kUnknown it is there, but may be
 // gone after a crash.
-Status replace(Store &store, PageFile &file, const PageFile &old) {
+bool replace(Store &store, PageFile &file, const PageFile &old) {
   if (!onDisk(store.typeFlags)) {
-    return Status::kOkay;
+    return true;
   }
   if (!takeAfter(file, old) || !syncFile(store, file)) {
-    return Status::kFailed;
+    return false;
   }
   if (zov_fileRename(file.path, old.path) != ZOV_OKAY) {
-    return failed(Status::kFailed, "cannot put a new file in place of \"%s\"", old.path);
+    return fail("cannot put a new file in place of \"%s\"", old.path);
   }
   memcpy(file.path, old.path, sizeof file.path);
-  return syncDirectory(file.path) ? Status::kOkay : Status::kUnknown;
+  return syncDirectory(file.path) || fail(Status::kUnknown, "%s", problem());
 }
 
 // Replaces the file of the newest view by a new one with the records of a view.
 // writeLock.
-Status rebuild(Store &store, const View &source, Progress progress) {
+bool rebuild(Store &store, const View &source, Progress progress) {
   char path[sizeof source.file->path];
   PageFile *file = nullptr;
   Transaction *target = nullptr;
@@ -131,15 +131,15 @@ Status rebuild(Store &store, const View &source, Progress progress) {
   if (onDisk(store.typeFlags)) {
     zov_fileRemove(path);
   }
-  if (openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file) != Status::kOkay) {
-    return Status::kFailed;
+  if (!openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file)) {
+    return fail("%s", problem());
   }
   const View empty = {&store, file, nullptr, 0, kFirstPage, source.number, 0, 0, 0, 0};
-  Status status = beginOn(store, empty, Mode::kExclusive, &target);
-  status = status == Status::kOkay ? fill(*target, source, progress) : status;
-  status = status == Status::kOkay ? replace(store, *file, *source.file) : status;
-  if (status == Status::kOkay || status == Status::kUnknown) {
-    store.broken = status == Status::kUnknown;
+  const bool filled =
+      beginOn(store, empty, Mode::kExclusive, &target) && fill(*target, source, progress);
+  const bool done = filled && replace(store, *file, *source.file);
+  if (done || (filled && lastStatus() == Status::kUnknown)) {
+    store.broken = !done;
     publish(*target);
   } else if (onDisk(store.typeFlags)) {
     zov_fileRemove(file->path);
@@ -148,116 +148,113 @@ Status rebuild(Store &store, const View &source, Progress progress) {
     endTransaction(target);
   }
   closePageFile(store, file);
-  return status;
+  return done;
 }
 
 // --- Opening -------------------------------------------------------------
 
 // Takes a file for the store's; an empty one becomes a database if `create` says so.
 // What is there is looked at down to the page that was written last, the root.
-Status enterFile(Store &store, PageFile *file, bool create) {
+bool enterFile(Store &store, PageFile *file, bool create) {
   View &view = store.newest;
   view.store = &store;
   view.file = file;
   view.end = kFirstPage;
-  Status status = readMetas(store, *file, view);
-  if (status == Status::kMissing) {
-    if (!create) {
-      return Status::kRefused;
-    }
+  if (!readMetas(store, *file, view)) {
     const View empty = view;
-    return rebuild(store, empty, {});
+    return create && lastStatus() == Status::kMissing && rebuild(store, empty, {});
   }
   file->kept = file->end = view.end;
   Page root;
   const Kind kind = view.depth == 1 ? Kind::kLeaf : Kind::kInner;
-  const bool whole = status != Status::kOkay || view.depth == 0 ||
-                     fetchPage(view, view.root, kind, view.depth - 1, root);
-  return whole ? status : Status::kFailed;
+  return view.depth == 0 || fetchPage(view, view.root, kind, view.depth - 1, root);
 }
 
 // Removes what a killed process left, and makes the name of the file last: the process
 // may have renamed it.
-Status tidy(Store &store) {
+bool tidy(Store &store) {
   char leftover[sizeof store.newest.file->path];
   const char *path = store.newest.file->path;
   nameReplacement(leftover, path);
   zov_fileRemove(leftover);
-  return syncDirectory(path) ? Status::kOkay : Status::kFailed;
+  return syncDirectory(path);
 }
 
-Status openData(Store &store, const Options &options) {
+bool openData(Store &store, const Options &options) {
   const bool create = options.create && !options.readOnly;
   PageFile *file = nullptr;
   if (isReplacement(options.path)) {
-    return failed(Status::kRefused, "\"%s\": names that end in .new are for compaction",
-                  options.path);
+    return fail(Status::kRefused, "\"%s\": names that end in .new are for compaction",
+                options.path);
   }
-  Status status = openPageFile(
-      store, options.path, options.readOnly ? O_RDONLY : O_RDWR | (create ? O_CREAT : 0), &file);
-  if (status == Status::kOkay) {
-    status = enterFile(store, file, create || !onDisk(store.typeFlags));
-  }
-  const bool writes = onDisk(store.typeFlags) && !store.readOnly;
-  return status == Status::kOkay && writes ? tidy(store) : status;
+  const int32_t flags = options.readOnly ? O_RDONLY : O_RDWR | (create ? O_CREAT : 0);
+  return openPageFile(store, options.path, flags, &file) &&
+         enterFile(store, file, create || !onDisk(store.typeFlags)) &&
+         (store.readOnly || !onDisk(store.typeFlags) || tidy(store));
 }
 
 // Looks what other processes have committed, and whether they have put another file in
 // place of the one that is open. stateLock.
-Status refresh(Store &store) {
+bool refresh(Store &store) {
   View view = store.newest;
   PageFile *old = view.file;
-  if (!leadsTo(old->path, *old) &&
-      openPageFile(store, old->path, O_RDONLY, &view.file) != Status::kOkay) {
-    return Status::kFailed;
+  if (!leadsTo(old->path, old->descriptor) &&
+      !openPageFile(store, old->path, O_RDONLY, &view.file)) {
+    return false;
   }
-  const bool read = readMetas(store, *view.file, view) == Status::kOkay;
+  const bool read = readMetas(store, *view.file, view);
   if (view.file != old) {
     closePageFile(store, read ? old : view.file);
   }
   if (read) {
     store.newest = view;
   }
-  return read ? Status::kOkay : Status::kFailed;
+  return read;
 }
 
 }  // namespace
 
-const char *problem() {
-  return problemText;
+Problem &latestProblem() {
+  static thread_local Problem latest;
+  return latest;
 }
 
-bool fail(const char *format, ...) {
-  char text[kProblemBytes];
+const char *problem() {
+  return latestProblem().text;
+}
+
+Status lastStatus() {
+  return latestProblem().status;
+}
+
+bool fail(Status status, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  zov_vsnprintf(text, sizeof text, format, arguments);
+  setProblem(status, format, arguments);
   va_end(arguments);
-  memcpy(problemText, text, sizeof text);
   return false;
 }
 
-Status failed(Status status, const char *format, ...) {
+bool fail(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  zov_vsnprintf(problemText, sizeof problemText, format, arguments);
+  setProblem(Status::kFailed, format, arguments);
   va_end(arguments);
-  return status;
+  return false;
 }
 
-Status openStore(const Options &options, Store **out) {
+bool openStore(const Options &options, Store **out) {
   *out = nullptr;
   Store *store = newStore(options);
   if (store == nullptr) {
-    return Status::kFailed;
+    return false;
   }
-  const Status status = openData(*store, options);
-  if (status == Status::kOkay) {
-    *out = store;
-  } else {
+  if (!openData(*store, options)) {
     closeStore(store);
+    return false;
   }
-  return status;
+  *out = store;
+  return true;
 }
 
 void closeStore(Store *store) {
@@ -279,29 +276,28 @@ bool isStoreFile(const Store &store, const char *path) {
   pthread_mutex_lock(&store.stateLock);
   const PageFile &file = *store.newest.file;
   nameReplacement(replacement, file.path);
-  const bool own = leadsTo(path, file) || isSameFile(path, file.path) ||  // from now on
+  const bool own = leadsTo(path, file.descriptor) || isSameFile(path, file.path) ||  // from now on
                    isSameFile(path, replacement);
   pthread_mutex_unlock(&store.stateLock);
   return own;
 }
 
-Status openView(Store &store, View &view) {
+bool openView(Store &store, View &view) {
   view = {};
   pthread_mutex_lock(&store.stateLock);
-  const Status status = store.readOnly && onDisk(store.typeFlags) ? refresh(store) : Status::kOkay;
-  if (status == Status::kOkay) {
+  const bool fresh = !store.readOnly || !onDisk(store.typeFlags) || refresh(store);
+  if (fresh) {
     view = store.newest;
     ++view.file->users;
   }
   pthread_mutex_unlock(&store.stateLock);
-  return status;
+  return fresh;
 }
 
-Status goOn(const Progress &progress, uint64_t records) {
+bool goOn(const Progress &progress, uint64_t records) {
   constexpr uint64_t kEvery = 256;
-  return progress.step == nullptr || records % kEvery != 0 || progress.step(progress.context)
-             ? Status::kOkay
-             : failed(Status::kRefused, "interrupted");
+  return progress.step == nullptr || records % kEvery != 0 || progress.step(progress.context) ||
+         fail(Status::kRefused, "interrupted");
 }
 
 void closeView(View &view) {
@@ -327,14 +323,14 @@ void readFigures(const View &view, Figure (&figures)[kFigures]) {
   std::copy(now, now + kFigures, figures);
 }
 
-Status compactStore(Store &store, Progress progress) {
+bool compactStore(Store &store, Progress progress) {
   Transaction *lock = nullptr;
-  Status status = beginTransaction(store, Mode::kExclusive, &lock);
-  if (status == Status::kOkay) {
-    status = rebuild(store, viewOf(*lock), progress);
-    rollback(lock);
+  if (!beginTransaction(store, Mode::kExclusive, &lock)) {
+    return false;
   }
-  return status;
+  const bool done = rebuild(store, viewOf(*lock), progress);
+  rollback(lock);
+  return done;
 }
 
 }  // namespace minidb

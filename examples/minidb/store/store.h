@@ -4,10 +4,10 @@
 // keys, in one file that is a copy-on-write B+tree. This header is all of it that
 // the rest of minidb uses.
 //
-// 1. Results. What can fail returns a Status. kFailed, kConflict, kUnknown and
-//    kRefused come with a sentence for people, without a line end, that problem()
-//    gives to the same thread until its next call that fails. The store prints
-//    nothing itself; libzov reports failing transfers and allocations.
+// 1. Results. What can fail returns false then. lastStatus() tells what came of it, and
+//    problem() has a sentence for people, without a line end; both are of the thread's
+//    latest call that failed. The store prints nothing itself; libzov reports failing
+//    transfers and allocations.
 // 2. Memory. The store allocates from a tag of its own, which nobody arms: no call
 //    jumps. Nothing here allocates from a tag of the caller's; who wants a value
 //    whole brings the memory. A statement may therefore allocate from a tag with a
@@ -22,7 +22,7 @@
 //    transactions that change one key, the first that commits wins; the other is
 //    refused as a whole (snapshot isolation: no lost update and no unrepeatable
 //    read, but write skew, as nobody checks what was only read).
-// 5. Durability. kOkay of commit() says that the changes are on the disk. Commits
+// 5. Durability. True of commit() says that the changes are on the disk. Commits
 //    that wait for one another share one pair of syncs.
 #ifndef MINIDB_STORE_STORE_H
 #define MINIDB_STORE_STORE_H
@@ -38,21 +38,25 @@ constexpr uint64_t kDefaultCacheBytes = 8 << 20;
 constexpr uint32_t kMaxDepth = 16;
 
 enum class Status : uint8_t {
-  kOkay,
-  kMissing,   // no such record, or no further one
+  kOkay,      // of none that failed
+  kMissing,   // no such record, or no further one, without a sentence
   kConflict,  // somebody else changed a key of the transaction: nothing was kept
   kRefused,   // what was asked for cannot be: too long, read-only, ... nothing changed
   kFailed,    // memory, disk or a damaged file: nothing was kept
   kUnknown    // a sync failed at the very end: the next open tells whether it was kept
 };
 
-// The reason of this thread's latest failure. Both others set it: the first for
-// `return fail(...)`, the second gives the status.
+// The sentence and the status of this thread's latest failure. fail() sets them for
+// `return fail(...)`, without a status kFailed.
 const char *problem();
+Status lastStatus();
+bool fail(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
 bool fail(const char *format, ...) ZOV_PRINTF(1, 2);
-Status failed(Status status, const char *format, ...) ZOV_PRINTF(2, 3);
 
 // --- Files by their identity ---------------------------------------------
+
+// Whether a path leads to the file that is open.
+bool leadsTo(const char *path, uint64_t descriptor);
 
 // Whether two paths lead to one file, or would once both are made.
 bool isSameFile(const char *path, const char *other);
@@ -80,7 +84,7 @@ struct Options {
 // interrupted compaction left beside the file is removed, under the lock. The path's
 // links are resolved once; a relative path may be opened before the process changes
 // its directory.
-Status openStore(const Options &options, Store **store);
+bool openStore(const Options &options, Store **store);
 
 // Waits for nobody: every view and transaction has been ended.
 void closeStore(Store *store);
@@ -108,8 +112,8 @@ struct View {
 };
 
 // Opens the latest committed state. For a read-only store that is what other
-// processes have committed by now. kOkay or kFailed, when there is nothing to close.
-Status openView(Store &store, View &view);
+// processes have committed by now. When it fails there is nothing to close.
+bool openView(Store &store, View &view);
 
 // A zero-filled or closed view is ignored.
 void closeView(View &view);
@@ -152,10 +156,10 @@ struct Cursor {
 };
 
 // Stand on the first record of a range; on the next one; on that of a key. The view
-// outlives the cursor. kOkay, kMissing or kFailed.
-Status seekFirst(Cursor &cursor, const View &view, Range range);
-Status seekNext(Cursor &cursor);
-inline Status seekKey(Cursor &cursor, const View &view, Text key) {
+// outlives the cursor. kMissing when there is none.
+bool seekFirst(Cursor &cursor, const View &view, Range range);
+bool seekNext(Cursor &cursor);
+inline bool seekKey(Cursor &cursor, const View &view, Text key) {
   return seekFirst(cursor, view, {key, key});
 }
 
@@ -164,11 +168,11 @@ Text keyOf(const Cursor &cursor);
 uint32_t valueLength(const Cursor &cursor);
 
 // Gives the value piece by piece, from its beginning after each seek, up to 4 KiB at
-// a time; an empty piece behind the last. kOkay or kFailed.
-Status readValue(Cursor &cursor, Text &piece);
+// a time; an empty piece behind the last.
+bool readValue(Cursor &cursor, Text &piece);
 
-// Counts the records of a range by two descents. kOkay or kFailed.
-Status countRange(const View &view, Range range, uint64_t &count);
+// Counts the records of a range by two descents.
+bool countRange(const View &view, Range range, uint64_t &count);
 
 // --- Changing ------------------------------------------------------------
 
@@ -180,25 +184,24 @@ enum class Mode : uint8_t {
                // changes much or looks first
 };
 
-// Begins a transaction on the latest committed state. kOkay, kRefused for a read-only
-// or broken store, or kFailed.
-Status beginTransaction(Store &store, Mode mode, Transaction **transaction);
+// Begins a transaction on the latest committed state. kRefused for a read-only or broken
+// store.
+bool beginTransaction(Store &store, Mode mode, Transaction **transaction);
 
 // What a transaction sees, until it ends.
 const View &viewOf(const Transaction &transaction);
 
 // Puts a record in place of one with the same key. Keys have 1 to kMaxKeyBytes bytes.
-// kOkay, kRefused for lengths beyond the limits, or kFailed: then the transaction
-// can only be rolled back, and refuses everything else.
-Status putRecord(Transaction &transaction, Text key, Text value);
+// kRefused for lengths beyond the limits; kFailed: then the transaction can only be
+// rolled back, and refuses everything else.
+bool putRecord(Transaction &transaction, Text key, Text value);
 
-// Removes a record. kOkay, kMissing or, as above, kRefused and kFailed.
-Status removeRecord(Transaction &transaction, Text key);
+// Removes a record. kMissing or, as above, kRefused and kFailed.
+bool removeRecord(Transaction &transaction, Text key);
 
-// Both end the transaction, whatever they return. commit() gives kOkay; kConflict;
-// kFailed; kUnknown, and from then on the store refuses changes; kRefused when it
-// does so already.
-Status commit(Transaction *transaction);
+// Both end the transaction, whatever comes of it. A commit may give kConflict; kFailed;
+// kUnknown, and from then on the store refuses changes; kRefused when it does so already.
+bool commit(Transaction *transaction);
 void rollback(Transaction *transaction);
 
 // --- Care ----------------------------------------------------------------
@@ -210,14 +213,14 @@ struct Progress {
   void *context;
 };
 
-// kOkay to go on after so many records, or kRefused.
-Status goOn(const Progress &progress, uint64_t records);
+// Whether to go on after so many records, or kRefused.
+bool goOn(const Progress &progress, uint64_t records);
 
 // Writes the records packed to a new file beside the old one and puts it in its place
 // in one step, with the old one's owner and permissions. Writers wait; views stay
 // what they are. Fails while a hard link gives the file a second name, as that would
 // stay with the old file.
-Status compactStore(Store &store, Progress progress);
+bool compactStore(Store &store, Progress progress);
 
 // A figure of the store or of a view; those of pages in a file count its metas.
 struct Figure {
@@ -229,8 +232,8 @@ void readFigures(const View &view, Figure (&figures)[kFigures]);
 
 // Reads every page of a view from the file, past the cache: checksums, numbers, the
 // order of keys, counts, depth, lengths of values, and that just as many pages are in
-// use as were counted. kOkay; kFailed with the first fault as problem().
-Status checkView(const View &view, Progress progress);
+// use as were counted. The first fault is the problem().
+bool checkView(const View &view, Progress progress);
 
 }  // namespace minidb
 

@@ -58,78 +58,79 @@ void claimPlaces(Transaction &transaction) {
 
 // --- Changing again what was changed elsewhere ---------------------------
 
-// Calls visit(key) for every key in the log until it gives something else than kOkay.
+// Calls visit(key) for every key in the log until it fails.
 template <typename Visit>
-Status walkKeys(const Transaction &transaction, Visit visit) {
-  Status status = Status::kOkay;
-  for (uint32_t at = 0; at < transaction.logBytes && status == Status::kOkay;) {
+bool walkKeys(const Transaction &transaction, Visit visit) {
+  bool more = true;
+  for (uint32_t at = 0; at < transaction.logBytes && more;) {
     const uint8_t *entry = transaction.log + at;
     const Text key = {reinterpret_cast<const char *>(entry) + 2, get<uint16_t>(entry)};
-    status = visit(key);
+    more = visit(key);
     at += 2 + key.length;
   }
-  return status;
+  return more;
+}
+
+// Looks for a record. False when that fails.
+bool look(Cursor &cursor, const View &view, Text key, bool &found) {
+  found = seekKey(cursor, view, key);
+  return found || lastStatus() == Status::kMissing;
 }
 
 // kConflict unless two views show the same record of a key, or both none.
-Status compareRecords(const View &first, const View &second, Text key) {
+bool compareRecords(const View &first, const View &second, Text key) {
   Cursor one;
   Cursor other;
-  const Status found = seekKey(one, first, key);
-  const Status alsoFound = seekKey(other, second, key);
-  Status status = found == Status::kFailed ? found : alsoFound;
-  bool equal =
-      found == alsoFound && (found != Status::kOkay || valueLength(one) == valueLength(other));
-  Text piece = {"", 1};
-  while (equal && status == Status::kOkay && piece.length > 0) {
+  bool found;
+  bool alsoFound;
+  if (!look(one, first, key, found) || !look(other, second, key, alsoFound)) {
+    return false;
+  }
+  bool equal = found == alsoFound && (!found || valueLength(one) == valueLength(other));
+  for (Text piece = {"", found ? 1U : 0U}; equal && piece.length > 0;) {
     Text same = {};
-    status = readValue(one, piece);
-    status = status == Status::kOkay ? readValue(other, same) : status;
+    if (!readValue(one, piece) || !readValue(other, same)) {
+      return false;
+    }
     equal = compareTexts(piece, same) == 0;
   }
-  if (status == Status::kFailed || equal) {
-    return status == Status::kFailed ? status : Status::kOkay;
-  }
-  return failed(Status::kConflict, "\"%.*s\" was changed since the transaction began",
-                static_cast<int>(key.length), key.bytes);
+  return equal || fail(Status::kConflict, "\"%.*s\" was changed since the transaction began",
+                       static_cast<int>(key.length), key.bytes);
 }
 
-Status applyChange(const Transaction &from, Transaction &target, Text key) {
+bool applyChange(const Transaction &from, Transaction &target, Text key) {
   Cursor cursor;
-  const Status found = seekKey(cursor, from.view, key);
-  if (found == Status::kOkay) {
-    return copyRecord(target, cursor);
+  bool found;
+  if (!look(cursor, from.view, key, found)) {
+    return false;
   }
-  const Status removed = found == Status::kMissing ? removeRecord(target, key) : found;
-  return removed == Status::kMissing ? Status::kOkay : removed;
+  return found ? copyRecord(target, cursor)
+               : removeRecord(target, key) || lastStatus() == Status::kMissing;
 }
 
 // A failure on the way makes the target fail.
-Status merge(const Transaction &from, Transaction &target) {
+bool merge(const Transaction &from, Transaction &target) {
   if (from.logEnded) {
-    return failed(Status::kConflict, "others wrote while this large transaction was under way");
+    return fail(Status::kConflict, "others wrote while this large transaction was under way");
   }
-  Status status = Status::kOkay;
-  if (from.mode == Mode::kSnapshot) {
-    status = walkKeys(from, [&](Text key) { return compareRecords(from.base, target.view, key); });
+  if (from.mode == Mode::kSnapshot &&
+      !walkKeys(from, [&](Text key) { return compareRecords(from.base, target.view, key); })) {
+    return false;
   }
-  if (status == Status::kOkay) {
-    status = walkKeys(from, [&](Text key) { return applyChange(from, target, key); });
-    target.failed = status != Status::kOkay;
-  }
-  return status;
+  target.failed = !walkKeys(from, [&](Text key) { return applyChange(from, target, key); });
+  return !target.failed;
 }
 
 // --- Committing ----------------------------------------------------------
 
-Status refuseBroken() {
-  return failed(Status::kRefused,
-                "a sync failed: changes are refused until the database is opened again");
+bool refuseBroken() {
+  return fail(Status::kRefused,
+              "a sync failed: changes are refused until the database is opened again");
 }
 
-void decide(Transaction &transaction, Status status) {
-  transaction.result = status;
-  zov_strncpyZ(transaction.reason, problem(), sizeof transaction.reason);
+void decide(Transaction &transaction, bool done) {
+  transaction.result = latestProblem();
+  transaction.result.status = done ? Status::kOkay : lastStatus();
 }
 
 // Writes the pages that are not yet in their places. Some of those in memory may have left
@@ -160,27 +161,25 @@ bool writePages(Transaction &transaction) {
 // Commits a group. writeLock.
 void commitGroup(Store &store, Transaction *group) {
   Transaction *target = group;
-  if (!isNext(*group) && beginOn(store, store.newest, Mode::kExclusive, &target) != Status::kOkay) {
-    target = nullptr;
-  }
+  bool done = isNext(*group) || beginOn(store, store.newest, Mode::kExclusive, &target);
   for (Transaction *each = group; each != nullptr; each = each->other) {
     if (each != target) {
-      decide(*each, target == nullptr || target->failed ? Status::kFailed : merge(*each, *target));
+      decide(*each, done && merge(*each, *target));
+      done = done && !target->failed;
     }
   }
-  Status status = target == nullptr || target->failed ? Status::kFailed : Status::kOkay;
-  if (status == Status::kOkay && target->view.changes > 0) {
-    status = store.broken ? refuseBroken() : writeTransaction(*target);
+  if (done && target->view.changes > 0) {
+    done = store.broken ? refuseBroken() : writeTransaction(*target);
+    if (done) {
+      publish(*target);
+    }
   }
   for (Transaction *each = group; each != nullptr; each = each->other) {
-    if (each == target || (each->result == Status::kOkay && status != Status::kOkay)) {
-      decide(*each, status);
+    if (each == target || (!done && each->result.status == Status::kOkay)) {
+      decide(*each, done);
     }
   }
-  if (status == Status::kOkay && target->view.changes > 0) {
-    publish(*target);
-  }
-  if (target != nullptr && target != group) {
+  if (target != group) {
     endTransaction(target);
   }
 }
@@ -214,7 +213,7 @@ void commitWithOthers(Store &store, Transaction &transaction) {
 
 }  // namespace
 
-Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
+bool beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
   assert(view.file != nullptr);
   auto *transaction = static_cast<Transaction *>(
       zov_getMem(sizeof(Transaction), store.tag, ZOV_MEM_ZERO, nullptr, ZOV_HERE));
@@ -222,7 +221,7 @@ Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
   if (transaction == nullptr || pages == nullptr) {
     zov_freeMem(transaction, store.tag);
     closeFile(pages);
-    return failed(Status::kFailed, "there is not enough memory for a transaction");
+    return fail("there is not enough memory for a transaction");
   }
   const bool alone = mode == Mode::kExclusive;
   transaction->store = &store;
@@ -234,7 +233,7 @@ Status beginOn(Store &store, const View &view, Mode mode, Transaction **out) {
   transaction->first = transaction->next = alone ? freePlace(store, *view.file) : view.end;
   ++view.file->users;
   *out = transaction;
-  return Status::kOkay;
+  return true;
 }
 
 void endTransaction(Transaction *transaction) {
@@ -251,13 +250,13 @@ void endTransaction(Transaction *transaction) {
 // Of a file that nobody knows yet a failed sync does no harm. The meta from before the
 // file was opened is written once more: a system forgets what it could not sync, but goes
 // on showing it.
-Status writeTransaction(Transaction &transaction) {
+bool writeTransaction(Transaction &transaction) {
   Store &store = *transaction.store;
   View &view = transaction.view;
   const bool known = view.file == store.newest.file;
   if (!writePages(transaction) ||
       (known && !view.file->committed && !writeMeta(store, store.newest))) {
-    return Status::kFailed;
+    return false;
   }
   view.file->committed = true;
   ++view.number;
@@ -265,16 +264,16 @@ Status writeTransaction(Transaction &transaction) {
   view.file->end = std::max(view.file->end, view.end);
   if (!syncFile(store, *view.file)) {
     store.broken = known;
-    return Status::kFailed;
+    return false;
   }
   if (!writeMeta(store, view) || !syncFile(store, *view.file)) {
     store.broken = known;
-    return failed(Status::kUnknown,
-                  "\"%s\" could not be synced: whether the changes were kept shows when it is "
-                  "opened again",
-                  view.file->path);
+    return fail(known ? Status::kUnknown : Status::kFailed,
+                "\"%s\" could not be synced: whether the changes were kept shows when it is "
+                "opened again",
+                view.file->path);
   }
-  return Status::kOkay;
+  return true;
 }
 
 void publish(Transaction &transaction) {
@@ -342,46 +341,43 @@ bool logKey(Transaction &transaction, Text key) {
   return true;
 }
 
-MINIDB_LOCKS_SOMETIMES Status beginTransaction(Store &store, Mode mode, Transaction **transaction) {
+MINIDB_LOCKS_SOMETIMES bool beginTransaction(Store &store, Mode mode, Transaction **transaction) {
   *transaction = nullptr;
   if (store.readOnly) {
-    return failed(Status::kRefused, "the database is open read-only");
+    return fail(Status::kRefused, "the database is open read-only");
   }
   if (mode == Mode::kExclusive) {
     zov_syncEnterExcl(store.writeLock);
   }
   View view = {};
-  Status status = store.broken ? refuseBroken() : openView(store, view);
-  if (status == Status::kOkay) {
-    status = beginOn(store, view, mode, transaction);
-    closeView(view);
-  }
-  if (status != Status::kOkay && mode == Mode::kExclusive) {
+  const bool begun = store.broken
+                         ? refuseBroken()
+                         : openView(store, view) && beginOn(store, view, mode, transaction);
+  closeView(view);
+  if (!begun && mode == Mode::kExclusive) {
     zov_syncExitExcl(store.writeLock);
   }
-  return status;
+  return begun;
 }
 
 const View &viewOf(const Transaction &transaction) {
   return transaction.view;
 }
 
-Status commit(Transaction *transaction) {
+bool commit(Transaction *transaction) {
   Store &store = *transaction->store;
-  Status status = transaction->failed ? Status::kFailed : Status::kOkay;
-  if (status == Status::kOkay && transaction->view.changes > 0) {
+  bool done = !transaction->failed || fail("the transaction has failed");
+  if (done && transaction->view.changes > 0) {
     if (transaction->mode == Mode::kExclusive) {
       commitGroup(store, transaction);
     } else {
       commitWithOthers(store, *transaction);
     }
-    status = transaction->result;
-    if (status != Status::kOkay) {
-      fail("%s", transaction->reason);
-    }
+    latestProblem() = transaction->result;
+    done = lastStatus() == Status::kOkay;
   }
   rollback(transaction);
-  return status;
+  return done;
 }
 
 MINIDB_LOCKS_SOMETIMES void rollback(Transaction *transaction) {

@@ -16,45 +16,41 @@ const Step &leafOf(const Cursor &cursor) {
   return cursor.path.steps[0];
 }
 
-Status nextLeaf(Cursor &cursor) {
+bool nextLeaf(Cursor &cursor) {
   Step *steps = cursor.path.steps;
   uint32_t level = 1;
   while (level < cursor.view->depth && steps[level].index + 1 >= steps[level].page.count()) {
     ++level;
   }
   if (level >= cursor.view->depth) {
-    return Status::kMissing;
+    return miss();
   }
   ++steps[level].index;
   for (; level > 0; --level) {
     const uint64_t child = steps[level].page.child(steps[level].index);
     if (!enterPage(*cursor.view, cursor.path, level - 1, child)) {
-      return Status::kFailed;
+      return false;
     }
     steps[level - 1].index = 0;
   }
-  return Status::kOkay;
+  return true;
 }
 
 // Ends a move: goes on to the next leaf behind the last record of this one, and looks
 // at the end of the range.
-Status arrive(Cursor &cursor) {
-  Status status = Status::kOkay;
-  if (leafOf(cursor).index == leafOf(cursor).page.count()) {
-    status = nextLeaf(cursor);
-  }
-  if (status != Status::kOkay) {
-    return status;
+bool arrive(Cursor &cursor) {
+  if (leafOf(cursor).index == leafOf(cursor).page.count() && !nextLeaf(cursor)) {
+    return false;
   }
   if (cursor.range.to.bytes != nullptr && compareTexts(keyOf(cursor), cursor.range.to) > 0) {
-    return Status::kMissing;
+    return miss();
   }
   cursor.remaining = valueLength(cursor);
   cursor.chain = leafOf(cursor).page.chain(leafOf(cursor).index);
-  return Status::kOkay;
+  return true;
 }
 
-Status seek(Cursor &cursor, const View &view, Range range, bool strict) {
+bool seek(Cursor &cursor, const View &view, Range range, bool strict) {
   cursor.view = &view;
   cursor.range = range;
   cursor.path.strict = strict;
@@ -64,23 +60,23 @@ Status seek(Cursor &cursor, const View &view, Range range, bool strict) {
     cursor.path.steps[level].changed = false;
   }
   if (!descend(view, range.from, cursor.path)) {
-    return Status::kFailed;
+    return false;
   }
-  return view.depth == 0 ? Status::kMissing : arrive(cursor);
+  return view.depth == 0 ? miss() : arrive(cursor);
 }
 
 // The number of records below a key, those of the key itself included or not.
-Status rankOf(const View &view, Text key, bool included, uint64_t &rank) {
+bool rankOf(const View &view, Text key, bool included, uint64_t &rank) {
   Path path = {};
   rank = 0;
   if (!descend(view, key, path)) {
-    return Status::kFailed;
+    return false;
   }
   for (uint32_t level = 0; level < view.depth; ++level) {
     rank += path.steps[level].page.sumRecords(path.steps[level].index);
   }
   rank += included && path.found ? 1 : 0;
-  return Status::kOkay;
+  return true;
 }
 
 // Whether the key of a cursor is above the last one, and what leads to its leaf between
@@ -99,20 +95,20 @@ bool isInOrder(const Cursor &cursor, Text last) {
 }
 
 // Looks at the record that a cursor stands on. `last` takes the place of its key.
-Status checkRecord(Cursor &cursor, Text &last, char *bytes) {
+bool checkRecord(Cursor &cursor, Text &last, char *bytes) {
   const Step &leaf = leafOf(cursor);
   if (!isInOrder(cursor, last)) {
-    return failed(Status::kFailed, "page %llu is damaged: its keys are out of order",
-                  static_cast<unsigned long long>(leaf.number));
+    return fail("page %llu is damaged: its keys are out of order",
+                static_cast<unsigned long long>(leaf.number));
   }
   last = {bytes, keyOf(cursor).length};
   memcpy(bytes, keyOf(cursor).bytes, last.length);
   cursor.path.entered += leaf.page.chainPages(leaf.index);
-  Status status = Status::kOkay;
-  for (Text piece = {"", 1}; status == Status::kOkay && piece.length > 0;) {
-    status = readValue(cursor, piece);
+  bool isWhole = true;
+  for (Text piece = {"", 1}; isWhole && piece.length > 0;) {
+    isWhole = readValue(cursor, piece);
   }
-  return status;
+  return isWhole;
 }
 
 }  // namespace
@@ -172,11 +168,11 @@ bool descend(const View &view, Text key, Path &path) {
   return true;
 }
 
-Status seekFirst(Cursor &cursor, const View &view, Range range) {
+bool seekFirst(Cursor &cursor, const View &view, Range range) {
   return seek(cursor, view, range, false);
 }
 
-Status seekNext(Cursor &cursor) {
+bool seekNext(Cursor &cursor) {
   ++leafOf(cursor).index;
   return arrive(cursor);
 }
@@ -189,63 +185,56 @@ uint32_t valueLength(const Cursor &cursor) {
   return leafOf(cursor).page.valueBytes(leafOf(cursor).index);
 }
 
-Status readValue(Cursor &cursor, Text &piece) {
+bool readValue(Cursor &cursor, Text &piece) {
   piece = {"", 0};
   if (cursor.remaining == 0) {
-    return Status::kOkay;
+    return true;
   }
   const uint8_t *bytes = leafOf(cursor).page.value(leafOf(cursor).index);
   uint32_t length = cursor.remaining;
   if (cursor.chain != 0) {
     const Page &page = cursor.piece;
     if (!fetchPage(*cursor.view, cursor.chain, Kind::kChain, 0, cursor.piece, cursor.path.strict)) {
-      return Status::kFailed;
+      return false;
     }
     bytes = page.bytes + kChainStart;
     length = std::min(length, kChainBytes);
     cursor.chain = page.next();
     if (page.lowest() != length || (cursor.chain == 0) != (length == cursor.remaining)) {
-      return failed(Status::kFailed, "\"%s\" is damaged: a value has another length",
-                    cursor.view->file->path);
+      return fail("\"%s\" is damaged: a value has another length", cursor.view->file->path);
     }
   }
   cursor.remaining -= length;
   piece = {reinterpret_cast<const char *>(bytes), length};
-  return Status::kOkay;
+  return true;
 }
 
-Status countRange(const View &view, Range range, uint64_t &count) {
+bool countRange(const View &view, Range range, uint64_t &count) {
   uint64_t below = 0;
-  Status status = Status::kOkay;
   count = view.records;
-  if (range.to.bytes != nullptr) {
-    status = rankOf(view, range.to, true, count);
-  }
-  if (range.from.bytes != nullptr && status == Status::kOkay) {
-    status = rankOf(view, range.from, false, below);
+  if ((range.to.bytes != nullptr && !rankOf(view, range.to, true, count)) ||
+      (range.from.bytes != nullptr && !rankOf(view, range.from, false, below))) {
+    return false;
   }
   count = count > below ? count - below : 0;
-  return status;
+  return true;
 }
 
-Status checkView(const View &view, Progress progress) {
+bool checkView(const View &view, Progress progress) {
   using Number = unsigned long long;
   Cursor cursor;
   Text last = {};
   char bytes[kMaxKeyBytes];
   uint64_t records = 0;
-  Status status = seek(cursor, view, {}, true);
-  while (status == Status::kOkay) {
-    status = goOn(progress, records++);
-    status = status == Status::kOkay ? checkRecord(cursor, last, bytes) : status;
-    status = status == Status::kOkay ? seekNext(cursor) : status;
+  bool more = seek(cursor, view, {}, true);
+  while (more) {
+    more = goOn(progress, records++) && checkRecord(cursor, last, bytes) && seekNext(cursor);
   }
-  if (status == Status::kMissing && (cursor.path.entered != view.live || records != view.records)) {
-    return failed(
-        Status::kFailed, "%llu pages and %llu records are in use, but %llu and %llu were counted",
-        Number{cursor.path.entered}, Number{records}, Number{view.live}, Number{view.records});
-  }
-  return status == Status::kMissing ? Status::kOkay : status;
+  return lastStatus() == Status::kMissing &&
+         ((cursor.path.entered == view.live && records == view.records) ||
+          fail("%llu pages and %llu records are in use, but %llu and %llu were counted",
+               Number{cursor.path.entered}, Number{records}, Number{view.live},
+               Number{view.records}));
 }
 
 }  // namespace minidb
