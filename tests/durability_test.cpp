@@ -13,6 +13,7 @@ namespace {
 using std::string;
 using zovtest::Call;
 using zovtest::Fault;
+using zovtest::getFile;
 
 const string kLines = "[s]\nname=" + string(3000, 'n') + "\nab=";
 const string kValue(700, '2');
@@ -52,10 +53,6 @@ int32_t call(const Row &row, const string &dir) {
   EXPECT_TRUE(!isNear || zov_fileSync(directory) == ZOV_OKAY);
   zov_fileClose(directory);
   return status;
-}
-
-string contentsOf(const string &path) {
-  return zovtest::fileExists(path) ? zovtest::readFile(path) : "(none)";
 }
 
 // Whether a state is one that the row allows.
@@ -108,14 +105,14 @@ TEST_F(Durability, CrashesLeaveTheOldOrTheNew) {
     uint32_t broken = 0;
     const auto look = [&](const string &after, size_t done) {
       const string target = after + "/" + row.to + file;
-      const string source = hasSource ? contentsOf(after + "/" + row.from + file) : kNew;
-      const bool allowed = isAllowed(row, source, contentsOf(target), done == 1);
+      const string source = hasSource ? getFile(after + "/" + row.from + file, 0) : kNew;
+      const bool allowed = isAllowed(row, source, getFile(target, 0), done == 1);
       ASSERT_TRUE(allowed || row.after == After::kIsPart)
-          << source.size() << " bytes to " << contentsOf(target).size();
+          << source.size() << " bytes to " << getFile(target, 0).size();
       broken += allowed ? 0 : 1;
       if (allowed && source == kNew && row.fromFlags == 0) {
         EXPECT_EQ(call({row.line, row.from, row.to}, after), ZOV_OKAY);
-        EXPECT_EQ(contentsOf(target), kNew);
+        EXPECT_EQ(getFile(target, 0), kNew);
         EXPECT_FALSE(zovtest::fileExists(after + "/to/_temp_.ini"));
       }
     };

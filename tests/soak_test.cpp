@@ -12,6 +12,7 @@
 #include "support/faults.h"
 #include "support/route_file.h"
 #include "support/temp_dir.h"
+#include "text/zov_stream_walk.h"
 
 namespace {
 
@@ -49,6 +50,11 @@ struct Worker {
   uint32_t messages = 0;
   uint32_t next[kThreads] = {};  // by writer, the least number of its next message
   uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random() % limit); }
+  std::vector<uint8_t> dice(size_t count) {
+    std::vector<uint8_t> bytes(count);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    return bytes;
+  }
 };
 
 bool isUniform(const string &bytes) {
@@ -151,19 +157,10 @@ void replace(Round &round, Worker &self) {
   EXPECT_TRUE(isUniform(found)) << found;
 }
 
-void stream(Round &round, Worker &self) {
-  const string path = round.path("/s", self.id);
-  const string text = string(self.below(3000), 'x') + "\u20ac \U0001F600";
-  const uint32_t route = kRoutes[self.below(2)];
-  ZOV_STREAM out = zov_fopenEx(path.c_str(), "w", 1 + static_cast<int32_t>(self.below(2)), route);
-  std::for_each(text.begin(), text.end(), [&](char byte) { EXPECT_GE(zov_fputc(byte, out), 0); });
-  zov_fclose(out);
-  ZOV_STREAM in = zov_fopenEx(path.c_str(), "r", 0, route);
-  char found[4000];
-  EXPECT_STREQ(zov_fgets(found, sizeof found, in), text.c_str());
-  EXPECT_EQ(zov_fgets(found, sizeof found, in), nullptr);
-  zov_fclose(in);
-  EXPECT_EQ(zov_fileRemoveEx(path.c_str(), route), ZOV_OKAY);
+void stream(Round &, Worker &self) {
+  const std::vector<uint8_t> dice = self.dice(self.below(500));
+  zovtest::StreamWalk walk(dice.data(), dice.size(), kRoutes[self.below(2)]);
+  EXPECT_STREQ(walk.run(), nullptr);
 }
 
 void expectSetting(Round &round, uint32_t route, uint32_t id) {
@@ -214,10 +211,8 @@ void parse(Round &, Worker &self) {
 }
 
 void encode(Round &, Worker &self) {
-  uint8_t dice[100];
-  std::generate_n(dice, 100, [&] { return static_cast<uint8_t>(self.random()); });
   zovtest::BufferEnds ends(1);
-  EXPECT_TRUE(zovtest::itemsArrive(dice, sizeof dice, true, ends));
+  EXPECT_TRUE(zovtest::itemsArrive(self.dice(100).data(), 100, true, ends));
 }
 
 void *runJobs(void *argument) {

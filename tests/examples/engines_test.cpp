@@ -34,6 +34,7 @@ class Engine {
 class OnLevelDb final : public Engine {
  public:
   OnLevelDb(const std::string &path, bool inMemory) : env_(inMemory ? ZOV_FILE_MEMORY : 0) {
+    synced_.sync = true;
     leveldb::Options options;
     options.env = &env_;
     options.create_if_missing = true;
@@ -47,9 +48,9 @@ class OnLevelDb final : public Engine {
     EXPECT_FALSE(leveldb::DB::Open(options, path, &second).ok()) << "the lock keeps it out";
   }
   bool put(const std::string &key, const std::string &value) override {
-    return db_->Put(synced(), key, value).ok();
+    return db_->Put(synced_, key, value).ok();
   }
-  bool remove(const std::string &key) override { return db_->Delete(synced(), key).ok(); }
+  bool remove(const std::string &key) override { return db_->Delete(synced_, key).ok(); }
   Records records() override {
     Records found;
     const std::unique_ptr<leveldb::Iterator> each(db_->NewIterator({}));
@@ -65,13 +66,8 @@ class OnLevelDb final : public Engine {
   }
 
  private:
-  static leveldb::WriteOptions synced() {
-    leveldb::WriteOptions options;
-    options.sync = true;
-    return options;
-  }
-
   engines::ZovEnv env_;
+  leveldb::WriteOptions synced_;
   std::unique_ptr<leveldb::DB> db_;  // closed before the environment ends
 };
 
@@ -91,44 +87,29 @@ class OnSqlite final : public Engine {
     engines::sqliteEnd();
   }
   bool put(const std::string &key, const std::string &value) override {
-    return run(writer_, "insert or replace into records values (?, ?)", {key, value});
+    return run(writer_, "insert or replace into records values ('" + key + "', '" + value + "')");
   }
   bool remove(const std::string &key) override {
-    return run(writer_, "delete from records where key = ?", {key});
+    return run(writer_, "delete from records where key = '" + key + "'");
   }
   Records records() override {
     Records found;
-    EXPECT_TRUE(run(reader_, "select key, value from records", {}, &found));
+    EXPECT_TRUE(run(reader_, "select key, value from records", &found));
     return found;
   }
   bool isSound() override {
     Records found;
-    return run(reader_, "select integrity_check, '' from pragma_integrity_check", {}, &found) &&
+    return run(reader_, "select integrity_check, '' from pragma_integrity_check", &found) &&
            found == Records{{"ok", ""}};
   }
 
  private:
-  static std::string column(sqlite3_stmt *statement, int number) {
-    const unsigned char *text = sqlite3_column_text(statement, number);
-    return text == nullptr ? "" : reinterpret_cast<const char *>(text);
-  }
-
-  static bool run(sqlite3 *db, const char *sql, const std::vector<std::string> &values = {},
-                  Records *found = nullptr) {
-    sqlite3_stmt *statement = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) != SQLITE_OK) {
-      return false;
-    }
-    int number = 0;
-    for (const std::string &value : values) {
-      sqlite3_bind_text(statement, ++number, value.c_str(), -1, SQLITE_STATIC);
-    }
-    int step = sqlite3_step(statement);
-    for (; step == SQLITE_ROW; step = sqlite3_step(statement)) {
-      (*found)[column(statement, 0)] = column(statement, 1);
-    }
-    sqlite3_finalize(statement);
-    return step == SQLITE_DONE;
+  static bool run(sqlite3 *db, const std::string &sql, Records *found = nullptr) {
+    const auto take = [](void *records, int, char **columns, char **) {
+      (*static_cast<Records *>(records))[columns[0]] = columns[1];
+      return 0;
+    };
+    return sqlite3_exec(db, sql.c_str(), take, found, nullptr) == SQLITE_OK;
   }
 
   sqlite3 *writer_ = nullptr;

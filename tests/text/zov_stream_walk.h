@@ -147,6 +147,7 @@ class StreamWalk {
     zov_freeMem(buffer, ZOV_DEFAULT_TAG);
     model.send();
     check("zov_fclose", getFile(path, flags) == model.file);
+    check("removal", flags == 0 || zov_fileRemoveEx(path.c_str(), flags) == ZOV_OKAY);
     return failed;
   }
 
@@ -251,7 +252,7 @@ class StreamWalk {
   const uint32_t flags;
   const Around around;
   const ScratchFile file;
-  const std::string path = flags == 0 ? file.path : "/walk";
+  const std::string path = flags == 0 ? file.path : "/walk" + std::to_string(file.descriptor);
   ZOV_STREAM stream = nullptr;
   StreamModel model = {};
   bool writes = false;
