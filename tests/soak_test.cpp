@@ -42,19 +42,12 @@ struct Round {
   string path(const char *name, uint32_t number) const { return dir + name + to_string(number); }
 };
 
-struct Worker {
+struct Worker : zovtest::Dice {
   Round &round;
   const uint32_t id;
-  std::mt19937_64 random;
   uint32_t records = 0;
   uint32_t messages = 0;
   uint32_t next[kThreads] = {};  // by writer, the least number of its next message
-  uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random() % limit); }
-  std::vector<uint8_t> dice(size_t count) {
-    std::vector<uint8_t> bytes(count);
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
-    return bytes;
-  }
 };
 
 bool isUniform(const string &bytes) {
@@ -102,7 +95,7 @@ void message(Round &round, Worker &self) {
     ++static_cast<Round *>(shared)->ended;
     zov_threadEnd();
   };
-  const uint64_t data = self.random() >> 40;
+  const uint64_t data = self() >> 40;
   round.sent += data + 1;
   ++round.started;
   EXPECT_EQ(zov_threadBegin(sendOne, 0, &round), ZOV_OKAY);
@@ -158,7 +151,7 @@ void replace(Round &round, Worker &self) {
 }
 
 void stream(Round &, Worker &self) {
-  const std::vector<uint8_t> dice = self.dice(self.below(500));
+  const std::vector<uint8_t> dice = self.bytes(self.below(500));
   zovtest::StreamWalk walk(dice.data(), dice.size(), kRoutes[self.below(2)]);
   EXPECT_STREQ(walk.run(), nullptr);
 }
@@ -212,7 +205,7 @@ void parse(Round &, Worker &self) {
 
 void encode(Round &, Worker &self) {
   zovtest::BufferEnds ends(1);
-  EXPECT_TRUE(zovtest::itemsArrive(self.dice(100).data(), 100, true, ends));
+  EXPECT_TRUE(zovtest::itemsArrive(self.bytes(100).data(), 100, true, ends));
 }
 
 void *runJobs(void *argument) {
@@ -251,7 +244,7 @@ void begin(Round &round, zovtest::Random &random) {
     round.files[route] = zov_fileOpen(round.path("/file", 0).c_str(), O_RDWR, kRoutes[route]);
   }
   for (uint32_t id = 0; id < kThreads; ++id) {
-    Worker *const worker = new Worker{round, id, std::mt19937_64(random())};
+    Worker *const worker = new Worker{zovtest::Dice(random()), round, id};
     EXPECT_EQ(zov_threadBegin(runJobs, 0, worker), ZOV_OKAY);
   }
 }

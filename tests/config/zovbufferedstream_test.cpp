@@ -16,10 +16,9 @@ class Buffers : public zovtest::Started, protected zovtest::BufferEnds {
 
 TEST_F(Buffers, RandomSequencesArriveAsSent) {
   zovtest::Random random;
-  std::vector<uint8_t> dice(10000);
   for (const uint32_t pieces : {1u, 7u, 5000u}) {
     for (const bool swap : {false, true}) {
-      std::generate(dice.begin(), dice.end(), [&] { return static_cast<uint8_t>(random()); });
+      const std::vector<uint8_t> dice = random.bytes(10000);
       BufferEnds ends(swap ? 0x10000 : 0);  // a flag of 16 bits would miss it
       ends.step = pieces;
       EXPECT_TRUE(zovtest::itemsArrive(dice.data(), dice.size(), swap, ends)) << pieces << swap;

@@ -102,7 +102,7 @@ TEST_P(Ini, RandomFilesAndEditsAgreeWithTheModel) {
   const char *const names[] = {"ab", "AB ", "", "x", nullptr};
   const char *const values[] = {"1", "", "two ; 2", nullptr};
   const string sections[] = {"S", "T", "s]", string(130, 'n')};
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < zovtest::rounds(2000); ++round) {
     string text;
     for (uint64_t count = random() % 30; count > 0; --count) {
       text += pick(pieces);

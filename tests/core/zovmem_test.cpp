@@ -193,7 +193,7 @@ TEST_F(Memory, RandomOperationsAgreeWithAModel) {
     }
   };
   const std::string out = outputOf([&] {
-    for (int step = 0; step < 40000; ++step) {
+    for (int step = 0; step < zovtest::rounds(40000); ++step) {
       freeAgain(freed[random.below(std::size(freed))]);
       const uint32_t action = blocks.empty() ? 0 : random.below(100);
       if (action < 45) {

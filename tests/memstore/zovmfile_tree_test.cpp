@@ -279,7 +279,7 @@ class Model {
 TEST_P(Tree, RandomOperationsAgreeWithAModel) {
   Model model;
   const bool small = GetParam() == 256;
-  const int period = small ? 700 : 3000;
+  const int period = zovtest::rounds(small ? 700 : 3000);
   for (int step = 0; step < 2 * period; ++step) {
     const uint32_t growth = step % period < period / 2 ? 9 : 3;
     ASSERT_NO_FATAL_FAILURE(model.step(growth)) << "at step " << step;

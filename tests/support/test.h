@@ -123,14 +123,31 @@ void waitUntil(Condition holds) {
   }
 }
 
+// How many rounds a random test runs: of its usual ones one in ZOV_FEWER, where that is
+// set for what slows a program down.
+inline int rounds(int usual) {
+  const char *const fewer = getenv("ZOV_FEWER");
+  return fewer == nullptr ? usual : usual / atoi(fewer);
+}
+
+// Random numbers.
+struct Dice : std::mt19937_64 {
+  explicit Dice(result_type seed = default_seed) : std::mt19937_64(seed) {}
+  uint32_t below(uint64_t limit) { return static_cast<uint32_t>((*this)() % limit); }
+  std::vector<uint8_t> bytes(size_t count) {
+    std::vector<uint8_t> drawn(count);
+    std::generate(drawn.begin(), drawn.end(), [&] { return static_cast<uint8_t>((*this)()); });
+    return drawn;
+  }
+};
+
 // Tells its seed with every failure while it lives, and takes it from ZOV_SEED where
 // that is set.
-class Random : public std::mt19937_64 {
+class Random : public Dice {
  public:
   const uint32_t seed =
       getenv("ZOV_SEED") == nullptr ? std::random_device{}() : uint32_t(atoll(getenv("ZOV_SEED")));
-  Random() { std::mt19937_64::seed(seed); }
-  uint32_t below(uint64_t limit) { return static_cast<uint32_t>((*this)() % limit); }
+  Random() { Dice::seed(seed); }
 
  private:
   const testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed)};

@@ -169,7 +169,7 @@ TEST_F(Stream, Utf16CharactersAreWrittenWhole) {
 TEST_F(Stream, AgreesWithTheModel) {
   constexpr uint32_t kNever = UINT32_MAX;
   zovtest::Random random;
-  for (int round = 0; round < 800; ++round) {
+  for (int round = 0; round < zovtest::rounds(800); ++round) {
     const uint32_t route = round % 2 == 0 ? 0 : ZOV_FILE_MEMORY;
     const auto around = [&](const std::function<void()> &call) {
       const Fault pieces(Call::write, random.below(2) == 0 ? kNever : 1,
@@ -180,8 +180,7 @@ TEST_F(Stream, AgreesWithTheModel) {
       call();
     };
     const bool fails = round % 8 > 1;
-    std::vector<uint8_t> bytes(random() % (fails ? 1000 : 10000));
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    const std::vector<uint8_t> bytes = random.bytes(random() % (fails ? 1000 : 10000));
     const char *failed = nullptr;
     zovtest::errorsOf([&] {
       failed = zovtest::StreamWalk(bytes.data(), bytes.size(), route,
