@@ -2,15 +2,15 @@
 //
 // Files in memory beside a map: they are written, cut, renamed, removed and read by
 // paths that the input puts together, and at the end a walk shows the root's.
-#include <fcntl.h>
-
 #include <map>
 
 #include "support/fuzz.h"
+#include "support/route_file.h"
 
 namespace {
 
 using std::string;
+using zovtest::getFile;
 using zovtest::require;
 using Files = std::map<string, string>;  // by path, as it is without detours
 
@@ -65,14 +65,6 @@ void rename(const string &path, const string &key, const string &name, Files &fi
   }
 }
 
-void check(const string &path, const string *expected) {
-  ZOV_MFILE file = zov_mfOpen(path.c_str(), 0);
-  string bytes(zov_mfSize(file) + 1, '?');
-  bytes.resize(zov_mfRead(file, bytes.data(), static_cast<uint32_t>(bytes.size())));
-  require((file != nullptr) == (expected != nullptr) && (file == nullptr || bytes == *expected));
-  zov_mfClose(file);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -88,13 +80,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     } else if (choice == 1) {
       rename(path, key, takeName(input), files);
     } else if (choice == 2) {
-      check(path, files.contains(key) ? &files[key] : nullptr);
+      require(getFile(path, ZOV_FILE_MEMORY) == (files.contains(key) ? files[key] : "(none)"));
     } else {
       change(input, path, files[key]);
     }
   }
   std::erase_if(files, [](const auto &file) {
-    check(file.first, &file.second);
+    require(getFile(file.first, ZOV_FILE_MEMORY) == file.second);
     return file.first.rfind('/') != 0;
   });
   ZOV_MEM_WALK walk = zov_mfPathOpen("/", "*");
