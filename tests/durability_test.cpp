@@ -29,11 +29,12 @@ struct Row {
   int line;
   const char *from;  // empty for a set
   const char *to;
-  uint32_t failingSync = kNever;
+  uint32_t failing = kNever;  // of the uses of `fails`
   int32_t status = ZOV_OKAY;
   After after = After::kIsNew;
   uint32_t fromFlags = 0;
   uint32_t toFlags = 0;
+  Call fails = Call::fsync;
 };
 
 int32_t call(const Row &row, const string &dir) {
@@ -74,6 +75,7 @@ TEST_F(Durability, CrashesLeaveTheOldOrTheNew) {
       {__LINE__, "", "to/y"},
       {__LINE__, "", "to/y", 1, ZOV_INI_NOTREPLACED, After::kIsOld},
       {__LINE__, "", "to/y", 2, ZOV_INI_NOTREPLACED, After::kIsEither},
+      {__LINE__, "", "to/y", 3, ZOV_INI_NOTREPLACED, After::kIsOld, 0, 0, Call::close},
       {__LINE__, "", "to/y", kNever, ZOV_OKAY, After::kIsPart, 0, kNosync},
       {__LINE__, "to/z", "to/y"},
       {__LINE__, "from/x", "to/y"},
@@ -96,7 +98,7 @@ TEST_F(Durability, CrashesLeaveTheOldOrTheNew) {
     zovtest::writeFile(dir / "to/z", kNew);
     zovtest::Recorder recorded(dir.path());
     zovtest::outputOf([&] {
-      const Fault sync(Call::fsync, row.failingSync, EIO);
+      const Fault failing(row.fails, row.failing, EIO);
       EXPECT_EQ(call(row, dir.path()), row.status);
     });
     recorded.done = 1;

@@ -162,15 +162,6 @@ TEST_P(Ini, RefusesWhatIsMissing) {
   ASSERT_EQ(zov_init(), ZOV_OKAY);
 }
 
-// What a set leaves where a call fails is swept, and syncs that fail are replayed. The
-// end of the copy tells of lost bytes, too, though all may look well.
-TEST_P(IniOnDisk, ASetThatMayBeLostSaysSo) {
-  put("test.ini", textWith("1"));
-  const Fault failing(Call::close, 3, EIO);
-  EXPECT_EQ(set("ab", "2"), ZOV_INI_NOTREPLACED);
-  EXPECT_EQ(file() + copy(), textWith("1") + "(none)");
-}
-
 // A file that cannot be read is not an empty one, whatever its length is said to be.
 TEST_P(IniOnDisk, AFailingReadIsNotTheEnd) {
   put("test.ini", textWith("1"));

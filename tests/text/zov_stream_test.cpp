@@ -21,14 +21,6 @@ class Stream : public zovtest::Started {
   zovtest::ScratchFile file;
 };
 
-string readAll(ZOV_STREAM stream) {
-  string text;
-  for (int32_t c = zov_fgetc(stream); c >= 0; c = zov_fgetc(stream)) {
-    text += static_cast<char>(c);
-  }
-  return text;
-}
-
 TEST_F(Stream, TakesTheEncodingFromTheMark) {
   const struct {
     int line;
@@ -52,7 +44,11 @@ TEST_F(Stream, TakesTheEncodingFromTheMark) {
       zov_fgetc(stream);
       EXPECT_EQ(zov_fseek(stream, 0, 0), ZOV_OKAY);
     }
-    EXPECT_EQ(readAll(stream), row.text);
+    string text;
+    for (int32_t byte; (byte = zov_fgetc(stream)) >= 0;) {
+      text += static_cast<char>(byte);
+    }
+    EXPECT_EQ(text, row.text);
     zov_fclose(stream);
   }
 }
