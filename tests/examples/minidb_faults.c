@@ -3,12 +3,10 @@
  * Preloaded into a program it makes one call fail. MINIDB_FAULT has the name of the
  * call, its number from 1 on among the program's, and what becomes of it: the number of
  * an error, "kill", which ends the process there, or "short" for a transfer of one byte.
- * The file that MINIDB_STRUCK names is made then.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -17,9 +15,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -36,7 +32,6 @@ static int strikes(const char *call, size_t *length) {
   if (atomic_fetch_add(&uses, 1) + 1 != strtol(fault + named + 1, &what, 10)) {
     return 0;
   }
-  syscall(SYS_close, syscall(SYS_openat, AT_FDCWD, getenv("MINIDB_STRUCK"), O_CREAT, 0600));
   if (strcmp(what, ":kill") == 0) {
     syscall(SYS_kill, getpid(), SIGKILL);
   }
@@ -60,18 +55,11 @@ static int strikes(const char *call, size_t *length) {
     return next arguments;                                              \
   }
 
-FAULT(int, open, open, (const char *p, int f, ...), (p, f, 0666), NULL, -1)
-FAULT(ssize_t, pread, read, (int f, void *b, size_t n, off_t o), (f, b, n, o), &n, -1)
-FAULT(ssize_t, read, read, (int f, void *b, size_t n), (f, b, n), &n, -1)
 FAULT(ssize_t, pwrite, write, (int f, const void *b, size_t n, off_t o), (f, b, n, o), &n, -1)
 FAULT(ssize_t, write, write, (int f, const void *b, size_t n), (f, b, n), &n, -1)
 FAULT(ssize_t, send, send, (int f, const void *b, size_t n, int o), (f, b, n, o), &n, -1)
 FAULT(ssize_t, recv, recv, (int f, void *b, size_t n, int o), (f, b, n, o), &n, -1)
 FAULT(int, fsync, fsync, (int f), (f), NULL, -1)
-FAULT(int, fstat, stat, (int f, struct stat *s), (f, s), NULL, -1)
-FAULT(int, stat, stat, (const char *restrict p, struct stat *restrict s), (p, s), NULL, -1)
-FAULT(int, rename, rename, (const char *p, const char *q), (p, q), NULL, -1)
-FAULT(int, flock, flock, (int f, int o), (f, o), NULL, -1)
 FAULT(int, poll, poll, (struct pollfd * p, nfds_t n, int t), (p, n, t), NULL, -1)
 FAULT(int, accept4, accept, (int f, __SOCKADDR_ARG a, socklen_t *n, int o), (f, a, n, o), NULL, -1)
 FAULT(int, pthread_create, thread,

@@ -5,7 +5,6 @@ through a server, which also meets clients that misbehave; and with calls that f
 
 minidb_test.py MINIDB MINIDB-SERVER FAULTS-LIBRARY TEST...
 """
-import contextlib
 import errno
 import os
 import pty
@@ -162,9 +161,8 @@ class ProgramTest(unittest.TestCase):
         self.assertFalse(os.path.exists(self.socket) or os.path.exists(self.path("socket.pid")))
 
     def connect(self):
-        client = Client()
+        client = Client(self.socket)
         self.addCleanup(client.close)
-        client.connect(self.socket)
         return client
 
 
@@ -371,26 +369,19 @@ def request(query, line=1, column=1):
 class Client:
     """A client that speaks the protocol by itself."""
 
-    def __init__(self):
+    def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.settimeout(100)
-        self.replies = self.socket.makefile("rb")
-
-    def connect(self, path):
         self.socket.connect(path)
-
-    def exactly(self, count):
-        data = self.replies.read(count)
-        if len(data) != count:
-            raise ConnectionError("the server is gone")
-        return data
+        self.replies = self.socket.makefile("rb")
 
     def reply(self):
         """What is said, messages with a line end, and whether every statement succeeded."""
         said = b""
-        while (kind := self.exactly(1)) != b"D":
-            said += self.exactly(struct.unpack("=i", self.exactly(4))[0]) + b"\n" * (kind != b"R")
-        return said.decode(), self.exactly(1)[0] & 1 == 1
+        while (kind := self.replies.read(1)) != b"D":
+            length, = struct.unpack("=i", self.replies.read(4))
+            said += self.replies.read(length) + b"\n" * (kind != b"R")
+        return said.decode(), self.replies.read(1)[0] & 1 == 1
 
     def send(self, data):
         self.socket.sendall(data)
@@ -501,52 +492,12 @@ class ServerTest(ProgramTest):
 class FaultTest(ProgramTest):
     """One call fails, or the process is killed there."""
 
-    def faulty(self, call, number, what):
-        if os.path.exists(self.path("struck")):
-            os.remove(self.path("struck"))
-        return {**os.environ, "LD_PRELOAD": FAULTS, "MINIDB_STRUCK": self.path("struck"),
-                "MINIDB_FAULT": f"{call}:{number}:{what}"}
-
-    POINTS = [("malloc", errno.ENOMEM), ("open", errno.EMFILE), ("read", errno.EIO), ("read", "short"),
-              ("stat", errno.EIO), ("write", errno.ENOSPC), ("write", "short"), ("write", "kill"),
-              ("flock", errno.EIO), ("fsync", errno.EIO), ("fsync", "kill"), ("rename", errno.EIO),
-              ("rename", "kill")]
-
-    def test_loads_and_dumps_are_whole_whatever_fails(self):
-        before = {**random_records(60), "big": "b" * 9000}
-        after = {**before, **random_records(60, "L"), "x": "1"}
-        self.load(before)
-        image = self.bytes("data")
-        self.write("more.txt", text_of(after))
-        for call, what in self.POINTS:
-            number, stride = 0, 1
-            while True:
-                number += stride
-                stride = random.randrange(1, 16) if call == "malloc" else 1
-                self.write("data", image)
-                self.write("out", "earlier")
-                done = subprocess.run(self.minidb("begin; load more.txt; put x 1; commit; dump out"),
-                                      cwd=self.folder, timeout=60, check=False, capture_output=True,
-                                      env=self.faulty(call, number, what))
-                if not os.path.exists(self.path("struck")):
-                    break
-                where = f"seed {SEED}: {call} {number} {what}: {done.stderr[-300:]}"
-                self.assertIn(done.returncode, [-9] if what == "kill" else [0, 1], where)
-                fails = done.returncode != 0
-                self.assertIn(self.records(), [after] + [before] * fails, where)
-                self.assertIn(self.read("out"),
-                              [text_of(after)] + ["earlier", text_of(before)] * fails, where)
-            self.assertEqual(done.returncode, 0, (call, done.stderr))
-
     def change(self, name):
         """Changes what has a name, and tells what was acknowledged."""
-        acknowledged = []
-        for count in range(10):
-            with contextlib.suppress(ConnectionError), contextlib.closing(Client()) as client:
-                client.connect(self.socket)
-                if client.ask(f"begin; put {name}{count} 1; put {name} {count}; commit")[1]:
-                    acknowledged.append(f"{name}{count}")
-        return acknowledged
+        text = "".join(f"begin; put {name}{count} 1; put {name} {count}; commit; get {name}{count};\n"
+                       for count in range(10))
+        client = subprocess.run(self.client(), input=text.encode(), capture_output=True, check=False)
+        return re.findall("(.*);1\n", client.stdout.decode())
 
     def test_the_server_goes_on_or_is_killed_and_keeps_what_it_acknowledged(self):
         for call, what, first in [
@@ -559,7 +510,8 @@ class FaultTest(ProgramTest):
                     number = random.randrange(first, first + 200)
                 where = f"seed {SEED}: {call} {number} {what}"
                 try:
-                    server = self.start_server("--clients", "4", env=self.faulty(call, number, what))
+                    server = self.start_server("--clients", "4", env={
+                        **os.environ, "LD_PRELOAD": FAULTS, "MINIDB_FAULT": f"{call}:{number}:{what}"})
                 except AssertionError:
                     self.assertEqual(call, "malloc", where)
                     continue  # it did not start, and said so
@@ -570,7 +522,7 @@ class FaultTest(ProgramTest):
                 else:
                     self.stop_server(server)
                 if call not in ("write", "fsync"):  # behind which nothing may be changed
-                    self.assertGreaterEqual(len(acknowledged), 36, where)  # it fails only once
+                    self.assertGreaterEqual(len(acknowledged), 30, where)  # it fails only once
                 left = self.records()
                 self.assertEqual([key for key in acknowledged if key not in left], [], where)
                 for name in "abcd":
