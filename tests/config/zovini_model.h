@@ -5,6 +5,7 @@
 #ifndef TESTS_CONFIG_ZOVINI_MODEL_H
 #define TESTS_CONFIG_ZOVINI_MODEL_H
 
+#include <ctype.h>
 #include <string.h>
 
 #include <algorithm>
@@ -20,11 +21,8 @@ namespace zovtest {
 
 constexpr char kIniWhite[] = " \t\n\v\f\r";
 
-inline std::string lower(std::string text) {
-  for (char &letter : text) {
-    letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
-  }
-  return text;
+inline bool isSame(const std::string &left, const std::string &right) {
+  return std::ranges::equal(left, right, {}, tolower, tolower);
 }
 
 inline std::vector<std::string> linesOf(const std::string &text) {
@@ -39,7 +37,7 @@ inline std::vector<std::string> linesOf(const std::string &text) {
 template <typename Pairs>
 auto *firstNamed(Pairs &pairs, const std::string &name) {
   for (auto &pair : pairs) {
-    if (lower(pair.first) == lower(name)) {
+    if (isSame(pair.first, name)) {
       return &pair;
     }
   }
@@ -110,12 +108,12 @@ inline std::string modelSet(const std::string &text, const std::string &section,
     return strchr(kIniWhite, line[0]) && line[0];
   };
   const auto isNamed = [&](const std::string &line) {
-    return !isWhite(line) && lower(line.substr(0, line.find('='))) == lower(name);
+    return !isWhite(line) && isSame(line.substr(0, line.find('=')), name);
   };
   std::vector<std::string> lines = linesOf(text);
-  const std::string header = lower("[" + section + "]");
+  const std::string header = "[" + section + "]";
   const auto isHeader = [&](const std::string &line) {
-    return lower(line.substr(0, line.find(']') + 1)) == header;
+    return isSame(line.substr(0, line.find(']') + 1), header);
   };
   const size_t begin = static_cast<size_t>(std::ranges::find_if(lines, isHeader) - lines.begin());
   const std::string pair =

@@ -2,8 +2,6 @@
 //
 // The parser driver: beside bison's own parser where there is bison, and alone
 // for recovery by tables made by hand, growth, status of actions, and memory.
-#include <functional>
-
 #include "expression_tables.h"
 #include "support/faults.h"
 
@@ -79,19 +77,20 @@ int fetchToken(uint64_t *value, void *run) {
 }
 
 // A program with up to three tokens spoilt.
-std::string randomInput(const std::function<size_t(size_t)> &pick) {
+std::string randomInput(zovtest::Random &random) {
   const char *const statements[] = {"", "SS", "x=E;", "E;", "i(E)S", "{S}", "S"};
   const char *const expressions[] = {"n", "x", "-E", "x(E,E)", "x()", "(E)", "E+E", "E<E", "E*E"};
   const std::string noise = "nxi;=()[]{}<+-*^,?n;x;";
   std::string input = "SSS";
   for (size_t at; (at = input.find_first_of("SE")) != std::string::npos;) {
     const bool small = input.size() > 60;
-    input.replace(
-        at, 1,
-        input[at] == 'S' ? statements[pick(small ? 1 : 7)] : expressions[pick(small ? 2 : 9)]);
+    input.replace(at, 1,
+                  input[at] == 'S' ? statements[random.below(small ? 1 : 7)]
+                                   : expressions[random.below(small ? 2 : 9)]);
   }
-  for (size_t count = pick(4); count > 0 && !input.empty(); --count) {
-    input.replace(pick(input.size()), pick(3), pick(3), noise[pick(noise.size())]);
+  for (size_t count = random.below(4); count > 0 && !input.empty(); --count) {
+    input.replace(random.below(input.size()), random.below(3), random.below(3),
+                  noise[random.below(noise.size())]);
   }
   return input;
 }
@@ -100,7 +99,7 @@ TEST_F(Parse, FetchesAndReducesAsBisonDoes) {
   zovtest::Random random;
   int accepted = 0;
   for (int count = 0; count < 20000; ++count) {
-    Input run{randomInput([&](size_t limit) { return random() % limit; })};
+    Input run{randomInput(random)};
     Input reference{run.tokens};
     const int32_t status = run.parse();
     ASSERT_EQ(status, yyparse(&reference) == 0 ? 0 : 3) << run.tokens;
