@@ -89,12 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     require(getFile(file.first, ZOV_FILE_MEMORY) == file.second);
     return file.first.rfind('/') != 0;
   });
-  ZOV_MEM_WALK walk = zov_mfPathOpen("/", "*");
-  int32_t isDirectory = 0;
-  while (const char *name = zov_mfPathNext(walk, &isDirectory)) {
-    require(isDirectory == 1 || files.erase(string("/") + name) == 1);
+  for (const string &name : zovtest::namesIn("/", ZOV_FILE_MEMORY)) {
+    require(name.back() == '/' || files.erase("/" + name) == 1);
   }
-  zov_mfPathClose(walk);
   require(files.empty());
   zov_term();
   return 0;

@@ -252,13 +252,10 @@ void begin(Round &round, zovtest::Random &random) {
 // Removes all files, which have to be those that a round leaves.
 void removeFiles(Round &round, uint32_t route) {
   const std::set<string> known = {"file0", "ini0", "ini1", "log", "out", "x0", "x1"};
-  int32_t isDirectory = 0;
-  ZOV_PATH_WALK walk = zov_pathOpenEx(round.dir.c_str(), kRoutes[route], "*");
-  while (const char *name = zov_pathNext(walk, &isDirectory)) {
-    EXPECT_EQ(known.count(name), 1 - static_cast<size_t>(isDirectory)) << name;
+  for (const string &name : zovtest::namesIn(round.dir, kRoutes[route])) {
+    EXPECT_EQ(known.count(name), name.back() == '/' ? 0u : 1u) << name;
     zov_fileRemoveEx((round.dir + "/" + name).c_str(), kRoutes[route]);
   }
-  zov_pathClose(walk);
 }
 
 void settle(Round &round) {

@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 
 #include "config/zovini_model.h"
@@ -51,19 +50,7 @@ class Ini : public zovtest::OnRoute {
 INSTANTIATE_TEST_SUITE_P(Where, Ini, zovtest::bothRoutes, zovtest::routeName);
 
 // What only a disk can do, or where the route makes no difference.
-class IniOnDisk : public Ini {
- protected:
-  // What work gives, modulo 256, in a process of its own.
-  static int inChild(const std::function<int()> &work) {
-    const pid_t child = fork();
-    if (child == 0) {
-      _exit(work());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-};
+class IniOnDisk : public Ini {};
 INSTANTIATE_TEST_SUITE_P(Where, IniOnDisk, testing::Values(uint16_t{0}), zovtest::routeName);
 
 // Marks, which are not modelled: a file, a value of it, and the file after a set.
@@ -189,7 +176,7 @@ TEST_P(IniOnDisk, ProcessesLoseNothingOfEachOther) {
       }
       return failed;
     };
-    EXPECT_EQ(inChild(setAll), ZOV_OKAY);
+    EXPECT_EQ(zovtest::inChild(setAll), ZOV_OKAY);
   });
   const auto isBoth = [](const string &text, const string &one, const string &two) {
     return text == textWith("1") + one + two || text == textWith("1") + two + one;
@@ -317,10 +304,10 @@ TEST_P(IniOnDisk, NobodyMayReadMoreThanBefore) {
   };
   put("_temp_.ini", "left");
   ASSERT_EQ(chmod(dir.path().c_str(), 0777) + chmod(at("_temp_.ini").c_str(), 0600), 0);
-  EXPECT_NE(inChild(setAsNobody), ZOV_OKAY);
+  EXPECT_NE(zovtest::inChild(setAsNobody), ZOV_OKAY);
   EXPECT_EQ(copy(), "left");
   unlink(at("_temp_.ini").c_str());
-  EXPECT_EQ(inChild(setAsNobody), ZOV_OKAY);
+  EXPECT_EQ(zovtest::inChild(setAsNobody), ZOV_OKAY);
   EXPECT_EQ(modeOf("test.ini"), std::pair(mode_t{0604}, uid_t{65534}));
 }
 

@@ -12,7 +12,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 
 #include <set>
@@ -355,16 +354,13 @@ TEST_F(Move, GivesUpWhereEveryNameOfADraftIsTaken) {
 // Two names with one link are one entry, which a mount shows twice.
 TEST_F(Move, LeavesAFileThatTwoMountsShow) {
   const Case one(far, kNear);
-  const pid_t child = fork();
-  if (child == 0) {
+  const auto moveOntoItself = [&] {
     const bool mounted = unshare(CLONE_NEWNS) == 0 &&
                          mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                          mount(one.from.c_str(), one.to.c_str(), nullptr, MS_BIND, nullptr) == 0;
-    _exit(!mounted || (one.run() == ZOV_OKAY && one.items() == itemsOf("x=new y=new")) ? 0 : 1);
-  }
-  int end = 0;
-  EXPECT_EQ(waitpid(child, &end, 0), child);
-  EXPECT_EQ(end, 0);
+    return !mounted || (one.run() == ZOV_OKAY && one.items() == itemsOf("x=new y=new")) ? 0 : 1;
+  };
+  EXPECT_EQ(zovtest::inChild(moveOntoItself), 0);
 }
 
 }  // namespace

@@ -27,17 +27,11 @@ std::string get(const std::string &path) {
 }
 
 // The names of a directory, those of directories with a slash behind.
-std::string list(const char *directory, const char *pattern = "*") {
-  ZOV_MEM_WALK walk = zov_mfPathOpen(directory, pattern);
-  if (walk == nullptr) {
-    return "(none)";
-  }
+std::string list(const char *directory) {
   std::string names;
-  int32_t isDirectory = -1;
-  while (const char *name = zov_mfPathNext(walk, &isDirectory)) {
-    names += std::string(name) + (isDirectory != 0 ? "/ " : " ");
+  for (const std::string &name : zovtest::namesIn(directory, ZOV_FILE_MEMORY)) {
+    names += name + " ";
   }
-  zov_mfPathClose(walk);
   return names;
 }
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 
 #include <string>
+#include <vector>
 
 #include "zov.h"
 
@@ -32,6 +33,18 @@ inline std::string getFile(const std::string &path, uint32_t flags) {
   bytes.resize(zov_fileRead(file, bytes.data(), static_cast<uint32_t>(bytes.size())));
   zov_fileClose(file);
   return bytes;
+}
+
+// The names that a walk finds in a directory, those of directories with a slash behind.
+inline std::vector<std::string> namesIn(const std::string &directory, uint32_t flags) {
+  std::vector<std::string> names;
+  int32_t isDirectory = 0;
+  ZOV_PATH_WALK walk = zov_pathOpenEx(directory.c_str(), flags, "*");
+  while (const char *name = zov_pathNext(walk, &isDirectory)) {
+    names.push_back(name + std::string(isDirectory == 0 ? "" : "/"));
+  }
+  zov_pathClose(walk);
+  return names;
 }
 
 }  // namespace zovtest

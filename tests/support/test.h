@@ -13,6 +13,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -121,6 +122,18 @@ void waitUntil(Condition holds) {
   while (!holds()) {
     std::this_thread::yield();
   }
+}
+
+// How a process of its own ends, as wait() tells it, whose status the work gives.
+template <typename Work>
+int inChild(Work work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(work());
+  }
+  int end = -1;
+  waitpid(child, &end, 0);
+  return end;
 }
 
 // How many rounds a random test runs: of its usual ones one in ZOV_FEWER, where that is

@@ -2,7 +2,6 @@
 #include "sweep/sweep.h"
 
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <regex>
 #include <sstream>
@@ -71,14 +70,11 @@ int32_t Trial::armed() {
 
 // The work in a process of its own, which the call is the last of.
 int32_t Trial::killed() {
-  const pid_t child = fork();
-  if (child == 0) {
-    const Fault end(point_.call, [&](uint32_t use) { use == point_.nth ? raise(SIGKILL) : 0; });
+  const int end = inChild([&] {
+    const Fault last(point_.call, [&](uint32_t use) { use == point_.nth ? raise(SIGKILL) : 0; });
     operation_.work(world_);
-    _exit(0);
-  }
-  int end = 0;
-  waitpid(child, &end, 0);
+    return 0;
+  });
   struck_ = WIFSIGNALED(end);
   return struck_ ? kKilled : ZOV_OKAY;
 }
@@ -237,13 +233,10 @@ std::string World::state(bool withLeftovers) {
       found[name] = entry.is_directory() ? "/" : "=" + readFile(entry.path().string());
     }
   }
-  ZOV_PATH_WALK inside = inMemory_ ? zov_pathOpenEx("/m", ZOV_FILE_MEMORY, "*") : nullptr;
-  int32_t isDirectory = 0;
-  while (const char *name = inside == nullptr ? nullptr : zov_pathNext(inside, &isDirectory)) {
-    const std::string path = std::string("/m/") + name;
-    found[path] = isDirectory != 0 ? "/" : "=" + getFile(path, ZOV_FILE_MEMORY);
+  const std::vector<std::string> none;
+  for (const std::string &name : inMemory_ ? namesIn("/m", kMem) : none) {
+    found["/m/" + name] = name.back() == '/' ? "" : "=" + getFile("/m/" + name, kMem);
   }
-  zov_pathClose(inside);
   std::string all;
   for (const auto &[name, contents] : found) {
     if (!withLeftovers &&
