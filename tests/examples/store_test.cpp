@@ -38,10 +38,6 @@ minidb::Text text(const std::string &bytes) {
   return {bytes.data(), static_cast<uint32_t>(bytes.size())};
 }
 
-std::string string(minidb::Text text) {
-  return {text.bytes, text.length};
-}
-
 Status statusOf(bool done) {
   return done ? Status::kOkay : minidb::lastStatus();
 }
@@ -49,8 +45,7 @@ Status statusOf(bool done) {
 // A store, closed when it goes. Few changed pages have room in memory.
 struct Database {
   explicit Database(const std::string &path, bool readOnly = false) {
-    const uint64_t bytes = minidb::kMinCacheBytes;
-    minidb::openStore({path.c_str(), 0, true, readOnly, bytes, 1 << 14}, &store);
+    minidb::openStore({path.c_str(), 0, true, readOnly, minidb::kMinCacheBytes, 1 << 14}, &store);
   }
   ~Database() {
     if (store != nullptr) {
@@ -66,10 +61,10 @@ Records recordsOf(const minidb::View &view, minidb::Range range = {}) {
   minidb::Cursor cursor;
   bool more = minidb::seekFirst(cursor, view, range);
   for (; more; more = minidb::seekNext(cursor)) {
-    std::string &value = records[string(minidb::keyOf(cursor))];
+    std::string &value = records[std::string(keyOf(cursor).bytes, keyOf(cursor).length)];
     minidb::Text piece = {"", 1};
     while (piece.length > 0 && minidb::readValue(cursor, piece)) {
-      value += string(piece);
+      value.append(piece.bytes, piece.length);
     }
     EXPECT_EQ(value.size(), minidb::valueLength(cursor));
   }
@@ -416,13 +411,13 @@ std::string serveWith(minidb::Database &database, Call call, uint32_t nth, int e
     EXPECT_EQ(write(ends[0], query.data(), query.size()), static_cast<ssize_t>(query.size()));
   }
   shutdown(ends[0], SHUT_WR);
-  {
+  errorsOf([&] {
     const Fault fault(call, nth, error);
     const Fault also(Call::poll, 1, ENOMEM);
     minidb::Peer peer = {ends[1], -1, -1, nullptr};
     serve(database, peer);
     struck = fault.struck();
-  }
+  });
   close(ends[1]);
   std::string replies(1 << 16, '\0');
   const ssize_t count = read(ends[0], replies.data(), replies.size());
@@ -432,27 +427,25 @@ std::string serveWith(minidb::Database &database, Call call, uint32_t nth, int e
 }
 
 TEST_F(StoreTest, KeepsWhatASessionAnswered) {
-  struct Point {
-    Call call;
-    int error;
-    bool goesOn;
-  };
-  for (const Point point : {Point{Call::allocation, ENOMEM, false}, Point{Call::tag, ENOMEM, false},
-                            Point{Call::pwrite, ENOSPC, false},
-                            Point{Call::read, ECONNRESET, false}, Point{Call::read, EAGAIN, true},
-                            Point{Call::read, ENOMEM, true}, Point{Call::write, ENOBUFS, true}}) {
+  using Points = std::vector<std::pair<Call, int>>;
+  for (const auto &[call, error] : Points{{Call::allocation, ENOMEM},
+                                          {Call::tag, ENOMEM},
+                                          {Call::pwrite, ENOSPC},
+                                          {Call::read, ECONNRESET},
+                                          {Call::read, EAGAIN},
+                                          {Call::write, ENOBUFS}}) {
     bool struck = true;
     for (uint32_t nth = 1; struck; ++nth) {
-      SCOPED_TRACE(testing::Message() << static_cast<int>(point.call) << ", number " << nth);
+      SCOPED_TRACE(testing::Message() << static_cast<int>(call) << ", number " << nth);
       Database database(at("data"));
       minidb::Database served = {database.store, {}, ';'};
-      std::string replies;
-      errorsOf([&] { replies = serveWith(served, point.call, nth, point.error, struck); });
+      const std::string replies = serveWith(served, call, nth, error, struck);
+      const bool goesOn = error == EAGAIN || error == ENOBUFS;
       const Records records = recordsOf(database.store);
       std::string last;
       for (const std::string key : {"k0", "k1", "k2", "k3"}) {
         const bool answered = replies.find(key + ";1\n") != std::string::npos;
-        EXPECT_TRUE(records.contains(key) || !(answered || point.goesOn));
+        EXPECT_TRUE(records.contains(key) || !(answered || goesOn));
         last = records.contains(key) ? key.substr(1) : last;
       }
       EXPECT_TRUE(last.empty() ? records.empty() : records.at("k") == last);
