@@ -21,16 +21,12 @@ constinit thread_local uint32_t heldLine = 0;
 // Leaves errno, by which the caller of the failed call learns why.
 void logShortage(zov::Shortage what, const char *sourceName, uint32_t line) {
   const zov::KeepErrno keepErrno;
-  switch (what) {
-    case zov::Shortage::kMemory:
-      zov_log("Out of memory. Called from %s:%u\n", sourceName, line);
-      break;
-    case zov::Shortage::kSyncObjects:
-      zov_log("Insufficient number of semaphores, called from %s:%d\n", sourceName,
-              static_cast<int>(line));
-      break;
-    case zov::Shortage::kNone:
-      break;
+  assert(what != zov::Shortage::kNone);
+  if (what == zov::Shortage::kMemory) {
+    zov_log("Out of memory. Called from %s:%u\n", sourceName, line);
+  } else {
+    zov_log("Insufficient number of semaphores, called from %s:%d\n", sourceName,
+            static_cast<int>(line));
   }
 }
 

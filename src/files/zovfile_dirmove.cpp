@@ -111,7 +111,9 @@ int32_t narrow(const char *made, const struct stat &source) {
 // Cuts the last component off a path. False when none is left to be cut off.
 bool goUp(char (&path)[PATH_MAX]) {
   char from[PATH_MAX];
-  return copyPath(path, from) && parentOf(from, path) && strcmp(path, from) != 0;
+  memcpy(from, path, strlen(path) + 1);
+  parentOf(from, path);  // which is no longer
+  return strcmp(path, from) != 0;
 }
 
 // Syncs the directories that hold the levels of a path, from the last one up to one

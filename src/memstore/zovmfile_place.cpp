@@ -184,8 +184,4 @@ bool isSameMemDirectory(const char *first, const char *second) {
          openMemSubdir(directoryPath(second), 0, other) == ZOV_OKAY && one == other;
 }
 
-bool mayBeNewMemName(const char *path) {
-  return mayBeNewName(Lookup(path).key);
-}
-
 }  // namespace zov

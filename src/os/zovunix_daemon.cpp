@@ -217,8 +217,8 @@ void becomeServer(const Channel &channel, const ChildSignals &before) {
   assert(channel.nullDevice > STDERR_FILENO && channel.writeEnd > STDERR_FILENO);
   restoreChildSignals(before);
   umask(0);
-  if (setsid() < 0) {
-    _exit(kLostStatus);
+  if (setsid() < 0) {    // GCOVR_EXCL_BR_LINE: a process just forked leads no group
+    _exit(kLostStatus);  // GCOVR_EXCL_LINE
   }
   storeFlag(zov_background, 1);
   silenceStreams(channel.nullDevice);
