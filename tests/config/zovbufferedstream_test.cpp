@@ -73,6 +73,19 @@ TEST_F(Buffers, FailuresKeepWhatWasNotTaken) {
   EXPECT_EQ(zov_inputBuffGetInt32Timeout(input, &value, 0), 79);
   EXPECT_EQ(waitMs, 6u) << "no wait, plain callback";
   EXPECT_EQ(value, 2) << "untouched by a failure";
+  char text[9] = "####";
+  char *block = text;
+  EXPECT_EQ(zov_inputBuffGetStringWithLength(input, text, 9), 79);
+  EXPECT_EQ(zov_inputBuffGetString(input, &block), 79);
+  EXPECT_TRUE(text[0] == '#' && block == nullptr);
+  const std::string full(5000, 'f');
+  EXPECT_EQ(zov_outputBuffPutBytes(output, full.data(), 5000), 0);
+  EXPECT_EQ(zov_outputBuffPutStringWithLength(output, "more"), 79);
+  status = 0;
+  bytes = std::string("\5\0\0\0ab", 6);
+  taken = 0;
+  EXPECT_EQ(zov_inputBuffGetStringWithLength(input, text, 9), -1) << "cut off";
+  EXPECT_EQ(text[0], '\0');
 }
 
 TEST_F(Buffers, HostileInputStaysWithinBounds) {

@@ -115,6 +115,14 @@ TEST_P(Ini, AnswersFromTheCacheUntilToldToReadAgain) {
   fill("[A]\nab=" + string(200, 'v') + "\ncd=1\n[B]\n");
   fill("[A]\nab=3\n");
   EXPECT_EQ(value("A", "ab") + value("A", "cd") + value("B", nullptr), "322");
+  string many = "[A]\n";
+  for (int number = 0; number < 300; ++number) {
+    many += "p" + std::to_string(number % 200) + "=" + std::to_string(number) + "\n";
+  }
+  fill(many);
+  fill(many + "ab=3\ncd=" + string(200, 'v') + "\n");
+  EXPECT_EQ(value("A", "cd"), string(200, 'v'));
+  EXPECT_EQ(value("A", "p5") + value("A", "p199") + value("A", "none"), "51992");
   zov_fileRemoveEx(path.c_str(), flags);
   EXPECT_EQ(zov_readIniFileExW(widePath.c_str(), flags), ZOV_OKAY);
   EXPECT_EQ(value("A", "ab"), "3");
@@ -131,6 +139,7 @@ TEST_P(Ini, RefusesWhatIsMissing) {
   EXPECT_EQ(zov_iniSet(path.c_str(), nullptr, "ab", "2"), ZOV_INI_NOARGUMENT);
   EXPECT_EQ(zov_iniGet(nullptr, "A", "ab", out, 9), ZOV_INI_NOFILE);
   EXPECT_EQ(zov_iniSet(nullptr, "A", "ab", "2"), ZOV_INI_NOFILE);
+  EXPECT_EQ(zov_iniSet("stdin", "A", "ab", "2"), ZOV_INI_NOFILE);
   EXPECT_EQ(zov_readIniFile(nullptr), ZOV_OKAY);
   EXPECT_EQ(zov_iniSetEx(at("none.ini").c_str(), "A", "ab", "2", flags), ZOV_INI_NOFILE);
   EXPECT_EQ(get("none.ini") + copy(), "(none)(none)");
@@ -243,6 +252,7 @@ TEST_P(IniOnDisk, WaitsForACopyInUse) {
   const std::tuple<Call, uint32_t, int32_t> moments[] = {{Call::open, 3, ZOV_OKAY},
                                                          {Call::open, 4, ZOV_OKAY},
                                                          {Call::fstat, 3, ZOV_OKAY},
+                                                         {Call::flock, 3, ZOV_OKAY},
                                                          {Call::remove, 1, ZOV_INI_NOFILE}};
   for (const auto &[call, nth, status] : moments) {
     put("_temp_.ini", "left");
@@ -330,6 +340,9 @@ TEST_P(Ini, WideFormsConvert) {
   EXPECT_STREQ(out, L"12");
   EXPECT_EQ(zov_iniInt32ExW(wide, L"S", L"ab", &number, flags), ZOV_OKAY);
   EXPECT_EQ(number, 12);
+  EXPECT_EQ(zov_iniStringExW(wide, L"S", L"ab", nullptr, 8, flags), ZOV_INI_NOARGUMENT);
+  EXPECT_EQ(zov_readIniFileW(L"/none") + zov_readIniFileW(wide), ZOV_OKAY);
+  EXPECT_EQ(zov_iniInt32W(wide, L"S", L"ab", &number), ZOV_OKAY) << "cached by path";
   EXPECT_EQ(zov_iniSetExW(wide, L"S", L"ab", L"\u00E9", flags), ZOV_OKAY);
   EXPECT_EQ(value("S", "ab"), "\xC3\xA9");
   EXPECT_EQ(zov_iniSetExW(wide, L"S", L"ab", nullptr, flags), ZOV_INI_NOMEMORY);

@@ -16,6 +16,7 @@ struct Input {
   std::vector<uint64_t> events{};  // tokens fetched, rules and their values
   int32_t stopRule = 0;            // the rule whose action returns 7
   int errors = 0;                  // calls of the error callback
+  int stride = 1;                  // words of a value, of which the first is used
 
   int16_t fetch(uint64_t *value) {
     const char letter = next < tokens.size() ? tokens[next] : '\0';
@@ -36,7 +37,7 @@ struct Input {
     const bool ofError = rule == expression_statement_5 || rule == expression_statement_6 ||
                          rule == expression_expr_11;  // the value of an error is any
     for (int32_t at = ofError ? 1 : 1 - length; at <= 0; ++at) {
-      value = (value ^ lastValue[at]) * 0x9E3779B97F4A7C15 + 1;
+      value = (value ^ lastValue[at * stride]) * 0x9E3779B97F4A7C15 + 1;
     }
     events.insert(events.end(), {static_cast<uint64_t>(rule) + 1000, value});
     return value;
@@ -51,7 +52,13 @@ struct Input {
   }
 
   int32_t parse(ZOV_TAG tag = 0, const ZOV_PARSE_TABLES &tables = expression_tables) {
-    ZOV_PARSE_CONTEXT context{sizeof(uint64_t), this, &tables, nullptr, act, nullptr, tag};
+    ZOV_PARSE_CONTEXT context{sizeof(uint64_t) * static_cast<uint32_t>(stride),
+                              this,
+                              &tables,
+                              nullptr,
+                              act,
+                              nullptr,
+                              tag};
     context.lexer = [](void *run, void *value) {
       return static_cast<Input *>(run)->fetch(static_cast<uint64_t *>(value));
     };
@@ -101,6 +108,7 @@ TEST_F(Parse, FetchesAndReducesAsBisonDoes) {
   for (int count = 0; count < 20000; ++count) {
     Input run{randomInput(random)};
     Input reference{run.tokens};
+    run.stride = 1 + count % 3;
     const int32_t status = run.parse();
     ASSERT_EQ(status, yyparse(&reference) == 0 ? 0 : 3) << run.tokens;
     ASSERT_EQ(run.events, reference.events) << run.tokens;
@@ -126,14 +134,8 @@ int32_t parseShifts(Input &input, uint16_t errorToken, int16_t atEnd) {
 }
 
 TEST_F(Parse, CountsRecoveryDownByShifts) {
-  const struct {
-    int line;
-    const char *tokens;
-    uint16_t errorToken;
-    int16_t atEnd;
-    int32_t status;
-    int errors;
-  } rows[] = {
+  // Tokens, that of an error, what the end does, the status and the errors told.
+  const std::tuple<int, const char *, uint16_t, int16_t, int32_t, int> rows[] = {
       {__LINE__, "1", '5', -1, 0, 0},    {__LINE__, "", '5', -1, 3, 0},
       {__LINE__, "2", '5', -1, 2, 0},    {__LINE__, "22", '5', -1, 1, 0},
       {__LINE__, "2222", '5', -1, 0, 0}, {__LINE__, "9292", '5', -1, 2, 0},
@@ -141,10 +143,10 @@ TEST_F(Parse, CountsRecoveryDownByShifts) {
       {__LINE__, "222", '5', 0, 3, 0},   {__LINE__, "2", '9', -1, 3, 1},
       {__LINE__, "11", '9', -1, 3, 1},   {__LINE__, "", 60000, -1, 3, 1},
   };
-  for (const auto &row : rows) {
-    Input input{row.tokens};
-    EXPECT_EQ(parseShifts(input, row.errorToken, row.atEnd), row.status) << row.line;
-    EXPECT_EQ(input.errors, row.errors) << row.line;
+  for (const auto &[line, tokens, errorToken, atEnd, status, errors] : rows) {
+    Input input{tokens};
+    EXPECT_EQ(parseShifts(input, errorToken, atEnd), status) << line;
+    EXPECT_EQ(input.errors, errors) << line;
   }
 }
 

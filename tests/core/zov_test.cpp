@@ -2,6 +2,7 @@
 //
 // Start-up and shut-down: counting, failure of every stage, flags, and the
 // critical section.
+#include "memstore/zovshmheap_private.h"
 #include "support/faults.h"
 #include "support/on_route.h"
 
@@ -35,12 +36,34 @@ TEST(Lifecycle, CountsItsUsersAndLeavesTheFlags) {
   EXPECT_TRUE(zov_background == 0 && zov_terminating == 0);
 }
 
+// Handles are not looked at before start-up, nor is what they point to.
+TEST(Lifecycle, NothingWorksBeforeTheStart) {
+  uint64_t words[] = {1, 2, 3, 4, 5, 6, 7, 8};
+  const ZOV_TAG tag = reinterpret_cast<ZOV_TAG>(words);
+  const ZOV_QUEUE queue = reinterpret_cast<ZOV_QUEUE>(words);
+  zov_freeMem(&words[4], tag);
+  zov_moveMemTag(nullptr, tag, ZOV_DEFAULT_TAG);
+  zov_moveMemTag(&words[4], tag, ZOV_DEFAULT_TAG);
+  zov_freeTagMemory(tag, 1);
+  zov_resetTag(nullptr, tag);
+  zov_queueClose(queue);
+  zov_shmRemoveCtx(reinterpret_cast<ZOV_SHM_CTX>(words));
+  EXPECT_EQ(zov_extendMem(&words[4], 9, tag, 0, 0, ZOV_HERE), nullptr);
+  EXPECT_TRUE(zov_shmOpenCtx(tag, O_CREAT, 9, nullptr) == nullptr && zov_shmNextId() == 0);
+  EXPECT_TRUE(zov_segSizeStat(tag) == UINT64_MAX && zov_queueCount(queue) == 0);
+  EXPECT_TRUE(zov_currdir() == nullptr && zov_osTmpdir() == nullptr);
+  EXPECT_TRUE(std::ranges::is_sorted(words));
+}
+
 TEST(Lifecycle, ASecondStartFindsNothingOfTheFirst) {
   const zovtest::TempDir dirs[2];
   char value[99];
   for (const zovtest::TempDir &dir : dirs) {
     ASSERT_EQ(zov_init(), ZOV_OKAY);
     setenv("TMPDIR", dir.path().c_str(), 1);
+    const zovtest::Fault late(zovtest::Call::pthread_mutex_lock, [](uint32_t lock) {
+      lock == 1 ? std::thread(zov_osTmpdir).join() : void();
+    });
     EXPECT_EQ(dir.path(), zov_osTmpdir());
     zovtest::writeFile(dirs[0] / "ini", "[s]\nab=" + dir.path());
     EXPECT_EQ(zov_iniGet((dirs[0] / "ini").c_str(), "s", "ab", value, sizeof value), ZOV_OKAY);

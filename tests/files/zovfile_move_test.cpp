@@ -231,10 +231,7 @@ TEST_F(Move, FilesReplaceFiles) {
 }
 
 TEST_F(Move, CopiesKeepOrMakeTheDestination) {
-  std::string farLink = "x=new y>";
-  for (int level = 0; level < 2000; ++level) {
-    farLink += "n/";
-  }
+  const std::string farLink = "x=new y>no" + std::string(4080, '/') + "z";
   const Row first = {
       __LINE__, copy, "x=new", "y=old y@640", "x", "y", ZOV_OKAY, "x=new y=new y@640", kNear};
   expectEach({

@@ -71,15 +71,6 @@ TEST_F(Native, NewFilesHaveTheUsersModeAndTheirTimes) {
   EXPECT_EQ(zov_flModTime(path_.c_str()), 1'000'000'000);
 }
 
-TEST_F(Native, DirectoriesComeAndGo) {
-  const std::string made = at("made");
-  EXPECT_EQ(zov_dirCreate((made + "/below").c_str()), ZOV_ERROR) << "no parent";
-  EXPECT_EQ(zov_dirCreateW(std::wstring(made.begin(), made.end()).c_str()), ZOV_OKAY);
-  EXPECT_EQ(zov_dirRemove(dir.path().c_str()), ZOV_ERROR) << "not empty";
-  EXPECT_EQ(zov_dirRemoveW(std::wstring(made.begin(), made.end()).c_str()), ZOV_OKAY);
-  EXPECT_EQ(zov_dirRemove(made.c_str()), ZOV_OKAY) << "gone is gone";
-}
-
 TEST_F(Native, TypesThatHaveToBeAskedForAreThoseOfTargets) {
   ASSERT_EQ(symlink(".", path_.c_str()), 0);
   for (const uint32_t asked : {0u, 1u}) {

@@ -52,6 +52,8 @@ TEST(Utf8, CodePoints) {
     ASSERT_TRUE(zovtest::decodingAgrees(bytes, 200, ZOV_UTF8_REPLACE)) << first;
   }
   zov_utf8_codes('a', nullptr, nullptr);
+  const std::string across = std::string(16383, 'x') + "\xC3\xA9";  // two of the decoder's pieces
+  EXPECT_TRUE(zovtest::decodingAgrees(across, 20000, ZOV_UTF8_STRICT));
 }
 
 // Text of runs long enough for the fast paths, and now and then for more than

@@ -159,30 +159,6 @@ void create(const std::string &name) {
   zov_mfClose(file);
 }
 
-class Format : public Tree {};
-INSTANTIATE_TEST_SUITE_P(PageSize, Format, testing::Values(4096));
-
-TEST_P(Format, SeventySecondEntrySplitsTheRoot) {
-  const auto countOf = [](uint32_t node) { return Pages().at<uint16_t>(node, 0); };
-  for (int number = 10; number < 81; ++number) {
-    create("name" + std::to_string(number));
-  }
-  EXPECT_EQ(countOf(1), 71);
-  create("name81");
-  EXPECT_EQ(countOf(1), 1);
-  EXPECT_EQ(countOf(Pages().at<uint32_t>(1, 8)), 36);
-  EXPECT_EQ(countOf(Pages().at<uint32_t>(1, 8 + 56)), 35);
-  EXPECT_STREQ(Pages().bytes(1) + 16 + 20, "name46");
-}
-
-TEST_P(Format, LongNamesGoOnInExtraEntries) {
-  const std::string name(65535, 'x');
-  create(name);
-  EXPECT_EQ(Checker().names, std::vector<std::string>{name});
-  EXPECT_EQ(Pages().at<uint64_t>(1, 16 + 12), 2u);
-  EXPECT_EQ(Pages().at<uint64_t>(2, 0), uint64_t{1} << 32 | 2);
-}
-
 // A directory and what it must hold, driven through the calls by path.
 class Model {
  public:

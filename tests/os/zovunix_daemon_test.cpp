@@ -193,8 +193,15 @@ TEST(Daemon, LauncherEndsAsItsServerDoes) {
        std::string("0: ") + kStarted},
       {__LINE__, [] { signal(SIGCHLD, SIG_IGN); }, exits, kAborted, "10"},
       {__LINE__, blocking, stops, kStopped, "01"},
-      {__LINE__, interrupted, zov_daemonComplete, kStarted + std::string("read 2 times")},
+      {__LINE__, interrupted,
+       [](int32_t pipe) {
+         const Fault writes(Call::write, 1, EINTR);
+         zov_daemonComplete(pipe), _exit(5);
+       },
+       kStarted + std::string("read 2 times")},
       {__LINE__, readsScript, zov_daemonComplete, kStarted},
+      {__LINE__, blocking, [](int32_t pipe) { raise(SIGPIPE), zov_daemonComplete(pipe), _exit(5); },
+       kStarted, "01"},
   };
   FILE *input = tmpfile();
   fputs("shared by all who read it", input);
@@ -220,6 +227,10 @@ TEST(Daemon, OutlivesItsLauncher) {
   if (launcher == 0) {
     int32_t pipe = -1;
     close(0), close(1), close(2);
+    for (const uint32_t end : {1u, 2u}) {
+      const Fault noRoom(Call::fcntl, end, EMFILE);
+      zov_daemonStart("tested", &pipe) == ZOV_ERROR ? void() : abort();
+    }
     zov_daemonStart("tested", &pipe);
     const pid_t parent = getppid();
     kill(parent, SIGKILL);

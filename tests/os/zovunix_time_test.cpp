@@ -55,21 +55,18 @@ TEST(Time, BreaksDownAsLibcDoes) {
 }
 
 TEST(Time, SleepsUpToAPointInTime) {
-  const struct {
-    timespec now;
-    uint32_t waitMs;
-    timespec until;
-  } rows[] = {{{7, 5}, 0, {7, 5}},
-              {{7, 999'999'999}, 1, {8, 999'999}},
-              {{7, 600'000'000}, 2400, {10, 0}},
-              {{7, 0}, UINT32_MAX, {4'294'974, 295'000'000}}};
-  for (const auto &row : rows) {
-    zovtest::madeUpNow = row.now;
+  const std::tuple<timespec, uint32_t, timespec> rows[] = {
+      {{7, 5}, 0, {7, 5}},
+      {{7, 999'999'999}, 1, {8, 999'999}},
+      {{7, 600'000'000}, 2400, {10, 0}},
+      {{7, 0}, UINT32_MAX, {4'294'974, 295'000'000}}};
+  for (const auto &[now, waitMs, until] : rows) {
+    zovtest::madeUpNow = now;
     interrupts = 2;
-    zov_sleep(row.waitMs);
+    zov_sleep(waitMs);
     EXPECT_EQ(interrupts, UINT32_MAX) << "outlasts signals";
-    EXPECT_EQ(awake.tv_sec, row.until.tv_sec) << &row - rows;
-    EXPECT_EQ(awake.tv_nsec, row.until.tv_nsec) << &row - rows;
+    EXPECT_EQ(awake.tv_sec, until.tv_sec) << waitMs;
+    EXPECT_EQ(awake.tv_nsec, until.tv_nsec) << waitMs;
   }
   zovtest::madeUpNow.reset();
 }

@@ -127,7 +127,7 @@ TEST(Sweep, Wire) {
     {"zov_yyparse", kJumps | kKeeps, "", "",
      [](World &w) {
        ZOV_PARSE_CONTEXT context{};
-       context.valueSize = 8;
+       context.valueSize = 4;
        context.userContext = &w;
        context.tables = &expression_tables;
        context.tag = w.tag;

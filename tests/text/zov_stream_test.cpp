@@ -22,12 +22,7 @@ class Stream : public zovtest::Started {
 };
 
 TEST_F(Stream, TakesTheEncodingFromTheMark) {
-  const struct {
-    int line;
-    string file;
-    int32_t encoding;
-    string text;
-  } rows[] = {
+  const std::tuple<int, string, int32_t, string> rows[] = {
       {__LINE__, "\xEF\xBB\xBFx\0yz"s, 0, "x\0yz"s},
       {__LINE__, "\xEF\xBB", 0, "\xEF\xBB"},
       {__LINE__, "\xEF\xFFx\0"s, 1, "x"},
@@ -35,12 +30,12 @@ TEST_F(Stream, TakesTheEncodingFromTheMark) {
       {__LINE__, "\xFE\xFE", 2, "\xFE\xFE"},
       {__LINE__, "\xEF", 1, "\xEF"},
   };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.line);
-    ASSERT_TRUE(zovtest::putFile(file.path, row.file, 0));
-    const ZOV_STREAM stream = open("r", row.encoding);
+  for (const auto &[line, bytes, encoding, expected] : rows) {
+    SCOPED_TRACE(line);
+    ASSERT_TRUE(zovtest::putFile(file.path, bytes, 0));
+    const ZOV_STREAM stream = open("r", encoding);
     ASSERT_NE(stream, nullptr);
-    if (row.encoding != 1) {
+    if (encoding != 1) {
       zov_fgetc(stream);
       EXPECT_EQ(zov_fseek(stream, 0, 0), ZOV_OKAY);
     }
@@ -48,7 +43,7 @@ TEST_F(Stream, TakesTheEncodingFromTheMark) {
     for (int32_t byte; (byte = zov_fgetc(stream)) >= 0;) {
       text += static_cast<char>(byte);
     }
-    EXPECT_EQ(text, row.text);
+    EXPECT_EQ(text, expected);
     zov_fclose(stream);
   }
 }
@@ -65,18 +60,23 @@ TEST_F(Stream, AnUndecidedEncodingYieldsZerosButNoLines) {
   char text[2] = "x";
   EXPECT_EQ(zov_fgets(text, 1, stream), text);
   EXPECT_EQ(text[0], '\0');
+  EXPECT_TRUE(zov_fgets(nullptr, 9, stream) == nullptr && zov_fgets(text, 0, stream) == nullptr);
+  EXPECT_TRUE(zov_fGetLine(nullptr, &buffer, &sizeBytes) == nullptr &&
+              zov_fGetLine(stream, nullptr, &sizeBytes) == nullptr &&
+              zov_fGetLine(stream, &buffer, nullptr) == nullptr);
+  EXPECT_EQ(zov_fseek(stream, 0, -1), ZOV_ERROR);
+  int32_t held = 0;
+  while (zov_fungetc('u', stream) == 'u') {
+    ++held;
+  }
+  EXPECT_EQ(held, 20);
   zov_fclose(stream);
 }
 
-// Writes one N to a file that holds "old", on disk and in memory.
+// Writes one N to a file that holds "old", on disk and in memory: the mode, the
+// encoding, the result or -1 where the file does not open, and what it holds then.
 TEST_F(Stream, ModesDecideWhatAWriteDoes) {
-  const struct {
-    int line;
-    const char *mode;
-    int32_t encoding;
-    int32_t result;  // -1: does not open
-    string file;
-  } rows[] = {
+  const std::tuple<int, const char *, int32_t, int32_t, string> rows[] = {
       {__LINE__, "r", 1, 0, "old"},   {__LINE__, nullptr, 1, 0, "old"},
       {__LINE__, "w", 0, 1, "N"},     {__LINE__, "w", 2, 0, "\xFF\xFEN\0"s},
       {__LINE__, "a", 0, 1, "oldN"},  {__LINE__, "a", 2, 0, "old\xFF\xFEN\0"s},
@@ -87,23 +87,23 @@ TEST_F(Stream, ModesDecideWhatAWriteDoes) {
   };
   for (const uint32_t route : {0u, ZOV_FILE_MEMORY}) {
     const string path = route == 0 ? file.path : "/modes";
-    for (const auto &row : rows) {
-      SCOPED_TRACE(row.line);
+    for (const auto &[line, mode, encoding, result, after] : rows) {
+      SCOPED_TRACE(line);
       ASSERT_TRUE(zovtest::putFile(path, "old", route));
       const int lowest = dup(STDIN_FILENO);
       close(lowest);
       errno = 0;
-      const ZOV_STREAM stream = zov_fopenEx(path.c_str(), row.mode, row.encoding, route);
-      ASSERT_EQ(stream == nullptr, row.result < 0);
+      const ZOV_STREAM stream = zov_fopenEx(path.c_str(), mode, encoding, route);
+      ASSERT_EQ(stream == nullptr, result < 0);
       if (stream != nullptr) {
         EXPECT_EQ(fcntl(lowest, F_GETFD), route == 0 ? FD_CLOEXEC : -1);
-        EXPECT_EQ(zov_fputc('N' + 0x100, stream), row.result);
+        EXPECT_EQ(zov_fputc('N' + 0x100, stream), result);
         EXPECT_EQ(zov_fseek(stream, 0, 3), ZOV_ERROR);
         zov_fclose(stream);
       } else {
         EXPECT_EQ(errno, EINVAL);
       }
-      EXPECT_EQ(zovtest::getFile(path, route), row.file);
+      EXPECT_EQ(zovtest::getFile(path, route), after);
     }
     const ZOV_STREAM streams[] = {zov_fopenEx(path.c_str(), "a", 1, route),
                                   zov_fopenEx(path.c_str(), "a", 1, route)};
@@ -190,19 +190,17 @@ TEST_F(Stream, AgreesWithTheModel) {
 // The end of the input is asked for once in the search for a mark.
 TEST_F(Stream, StandardStreams) {
   int ends[2];
-  const struct {
-    string input;
-    uint32_t reads;
-  } rows[] = {{"", 1}, {"x", 1}, {"\xEF", 2}, {"\xEF\xBB", 2}, {"\xFF\xFE", 1}};
-  for (const auto &row : rows) {
+  const std::pair<string, uint32_t> rows[] = {
+      {"", 1}, {"x", 1}, {"\xEF", 2}, {"\xEF\xBB", 2}, {"\xFF\xFE", 1}};
+  for (const auto &[bytes, reads] : rows) {
     ASSERT_EQ(pipe(ends), 0);
     ASSERT_EQ(dup2(ends[0], 0), 0);
-    ASSERT_EQ(write(ends[1], row.input.data(), row.input.size()), ssize_t(row.input.size()));
+    ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), ssize_t(bytes.size()));
     close(ends[0]);
     close(ends[1]);
     const Fault asked(Call::read);
     zov_fclose(zov_fopen("stdin", "r", 0));
-    EXPECT_EQ(asked.uses(), row.reads) << row.input;
+    EXPECT_EQ(asked.uses(), reads) << bytes;
   }
   ASSERT_EQ(pipe(ends), 0);
   ASSERT_EQ(dup2(ends[0], 0), 0);
