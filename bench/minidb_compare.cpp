@@ -76,7 +76,7 @@ struct Minidb {
 
   void open(const std::string &path) {
     require(zov_init() == ZOV_OKAY, "starting");
-    const minidb::Options options = {path.c_str(), 0, true, false, 0};
+    const minidb::Options options = {path.c_str(), false, true, false};
     require(minidb::openStore(options, &store), "opening");
   }
   void close() {

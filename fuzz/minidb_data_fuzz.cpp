@@ -19,7 +19,7 @@ minidb::Text text(const std::string &bytes) {
 }
 
 bool openFile(const std::string &path, bool readOnly, minidb::Store **store) {
-  return minidb::openStore({path.c_str(), 0, true, readOnly, minidb::kMinCacheBytes}, store);
+  return minidb::openStore({path.c_str(), false, true, readOnly, minidb::kMinCacheBytes}, store);
 }
 
 bool change(minidb::Store *store, uint32_t count) {

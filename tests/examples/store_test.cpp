@@ -45,7 +45,8 @@ Status statusOf(bool done) {
 // A store, closed when it goes. Few changed pages have room in memory.
 struct Database {
   explicit Database(const std::string &path, bool readOnly = false) {
-    minidb::openStore({path.c_str(), 0, true, readOnly, minidb::kMinCacheBytes, 1 << 14}, &store);
+    minidb::openStore({path.c_str(), false, true, readOnly, minidb::kMinCacheBytes, 1 << 14},
+                      &store);
   }
   ~Database() {
     if (store != nullptr) {

@@ -274,7 +274,7 @@ bool openDatabase(Database &database, const Settings &settings) {
   database.settings = settings;
   database.separator = separatorOf(settings);
   const Options options = {.path = settings.text[kData],
-                           .typeFlags = isGiven(settings, kMemory) ? ZOV_FILE_MEMORY : 0,
+                           .inMemory = isGiven(settings, kMemory),
                            .create = !isGiven(settings, kReadOnly),
                            .readOnly = isGiven(settings, kReadOnly),
                            .cacheBytes = static_cast<uint64_t>(numberOf(settings, kCache)) << 20};

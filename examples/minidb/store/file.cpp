@@ -49,7 +49,7 @@ bool openDescriptor(const char *path, int32_t flags, PageFile &file) {
 // kConflict when the name has got another file meanwhile. The name is kept without
 // links, and as one that does not depend on the current directory.
 bool openOnce(Store &store, const char *path, int32_t flags, PageFile &file) {
-  if (!onDisk(store.typeFlags)) {
+  if (store.inMemory) {
     zov_strncpyZ(file.path, "memory", sizeof file.path);
     file.handle = openMemory();
     return file.handle != nullptr || openFailed(path);

@@ -106,13 +106,9 @@ bool writePage(Cache &cache, const PageFile &file, Page &page);
 
 // --- The store -----------------------------------------------------------
 
-inline bool onDisk(uint32_t typeFlags) {
-  return (typeFlags & ZOV_FILE_MEMORY) == 0;
-}
-
 struct Store {
   ZOV_TAG tag;
-  uint32_t typeFlags;
+  bool inMemory;
   uint32_t dirtyLimit;  // pages of all transactions in memory
   bool readOnly;
   std::atomic<bool> broken;

@@ -48,14 +48,13 @@ Store *newStore(const Options &options) {
     return nullptr;
   }
   store->tag = tag;
-  store->typeFlags = options.typeFlags;
+  store->inMemory = options.inMemory;
   store->readOnly = options.readOnly;
   store->dirtyLimit = static_cast<uint32_t>(options.dirtyBytes / kPageBytes);
   store->writeLock = zov_syncCreate_check(ZOV_SYNC_MUTEX, ZOV_HERE);
   pthread_mutex_init(&store->stateLock, nullptr);
   pthread_cond_init(&store->groupEnded, nullptr);
-  const uint64_t bytes = options.cacheBytes == 0 ? kDefaultCacheBytes : options.cacheBytes;
-  if (!openCache(store->cache, tag, bytes < kMinCacheBytes ? kMinCacheBytes : bytes) ||
+  if (!openCache(store->cache, tag, std::max(options.cacheBytes, kMinCacheBytes)) ||
       store->writeLock == ZOV_NO_SYNC) {
     closeStore(store);
     return nullptr;
@@ -65,16 +64,6 @@ Store *newStore(const Options &options) {
 
 // --- Putting a new file in place of one ----------------------------------
 
-bool copyRecords(const View &source, Transaction &target, Progress progress) {
-  Cursor cursor;
-  uint64_t copied = 0;
-  bool more = seekFirst(cursor, source, {});
-  while (more) {
-    more = goOn(progress, copied++) && copyRecord(target, cursor) && seekNext(cursor);
-  }
-  return lastStatus() == Status::kMissing;
-}
-
 // Writes the records of a view as the only commit of a new file. The other meta page is
 // there, but none. What failed has changed nothing.
 bool fill(Transaction &target, const View &source, Progress progress) {
@@ -83,7 +72,13 @@ bool fill(Transaction &target, const View &source, Progress progress) {
   if (!writeAll(target.view.file->handle, other, &nothing, sizeof nothing)) {
     return fail("cannot write to \"%s\"", target.view.file->path);
   }
-  return copyRecords(source, target, progress) && writeTransaction(target);
+  Cursor cursor;
+  uint64_t copied = 0;
+  bool more = seekFirst(cursor, source, {});
+  while (more) {
+    more = goOn(progress, copied++) && copyRecord(target, cursor) && seekNext(cursor);
+  }
+  return lastStatus() == Status::kMissing && writeTransaction(target);
 }
 
 // Gives the new file owner, group and mode of the old one.
@@ -108,7 +103,7 @@ bool takeAfter(const PageFile &file, const PageFile &old) {
 // Puts a whole new file in place of the old one. With kUnknown it is there, but may be
 // gone after a crash.
 bool replace(Store &store, PageFile &file, const PageFile &old) {
-  if (!onDisk(store.typeFlags)) {
+  if (store.inMemory) {
     return true;
   }
   if (!takeAfter(file, old) || !syncFile(store, file)) {
@@ -128,7 +123,7 @@ bool rebuild(Store &store, const View &source, Progress progress) {
   PageFile *file = nullptr;
   Transaction *target = nullptr;
   nameReplacement(path, source.file->path);
-  if (onDisk(store.typeFlags)) {
+  if (!store.inMemory) {
     zov_fileRemove(path);
   }
   if (!openPageFile(store, path, O_RDWR | O_CREAT | O_EXCL, &file)) {
@@ -141,7 +136,7 @@ bool rebuild(Store &store, const View &source, Progress progress) {
   if (done || (filled && lastStatus() == Status::kUnknown)) {
     store.broken = !done;
     publish(*target);
-  } else if (onDisk(store.typeFlags)) {
+  } else if (!store.inMemory) {
     zov_fileRemove(file->path);
   }
   if (target != nullptr) {
@@ -189,8 +184,8 @@ bool openData(Store &store, const Options &options) {
   }
   const int32_t flags = options.readOnly ? O_RDONLY : O_RDWR | (create ? O_CREAT : 0);
   return openPageFile(store, options.path, flags, &file) &&
-         enterFile(store, file, create || !onDisk(store.typeFlags)) &&
-         (store.readOnly || !onDisk(store.typeFlags) || tidy(store));
+         enterFile(store, file, create || store.inMemory) &&
+         (store.readOnly || store.inMemory || tidy(store));
 }
 
 // Looks what other processes have committed, and whether they have put another file in
@@ -270,7 +265,7 @@ void closeStore(Store *store) {
 
 bool isStoreFile(const Store &store, const char *path) {
   char replacement[sizeof store.newest.file->path];
-  if (!onDisk(store.typeFlags)) {
+  if (store.inMemory) {
     return false;
   }
   pthread_mutex_lock(&store.stateLock);
@@ -285,7 +280,7 @@ bool isStoreFile(const Store &store, const char *path) {
 bool openView(Store &store, View &view) {
   view = {};
   pthread_mutex_lock(&store.stateLock);
-  const bool fresh = !store.readOnly || !onDisk(store.typeFlags) || refresh(store);
+  const bool fresh = !store.readOnly || store.inMemory || refresh(store);
   if (fresh) {
     view = store.newest;
     ++view.file->users;

@@ -34,7 +34,6 @@ namespace minidb {
 
 constexpr uint32_t kMaxValueBytes = 0x7fffffff;
 constexpr uint64_t kMinCacheBytes = 1 << 20;
-constexpr uint64_t kDefaultCacheBytes = 8 << 20;
 constexpr uint32_t kMaxDepth = 16;
 
 enum class Status : uint8_t {
@@ -70,10 +69,10 @@ struct Store;
 
 struct Options {
   const char *path;               // of the data file; for one in memory any name
-  uint32_t typeFlags;             // 0, or ZOV_FILE_MEMORY for a store that ends with closeStore()
+  bool inMemory;                  // the store, which ends with closeStore() then
   bool create;                    // make a missing or empty file a database, of mode 0600
   bool readOnly;                  // never write, and take no lock: others may have it open
-  uint64_t cacheBytes;            // of the page cache; 0 means kDefaultCacheBytes
+  uint64_t cacheBytes = 8 << 20;  // of the page cache, at least kMinCacheBytes
   uint64_t dirtyBytes = 8 << 20;  // for pages of all transactions, in memory
 };
 
