@@ -178,27 +178,6 @@ bool takeOptions(Settings &settings, Program program, int count, char **words) {
          fail("there is no use for \"%.100s\"", words[index]);
 }
 
-// Takes the command line and the settings. False when there is nothing more to do, with
-// the exit status.
-bool takeCommandLine(Settings &settings, Program program, int count, char **words, int &status) {
-  status = kUsageError;
-  if (!takeOptions(settings, program, count, words)) {
-    return report();
-  }
-  status = kSuccess;
-  if (isGiven(settings, kHelp) || (count == 1 && strcmp(words[0], "-h") == 0)) {
-    printHelp(program);
-    return false;
-  }
-  if (isGiven(settings, kVersion)) {
-    zov_printf("%s %d.%d.%d\n", program == kClient ? "minidb" : "minidb-server", ZOV_VERSION_MAJOR,
-               ZOV_VERSION_MINOR, ZOV_VERSION_BUILD);
-    return false;
-  }
-  status = kFailure;
-  return readSettings(settings) || report();
-}
-
 }  // namespace
 
 int32_t numberOf(const Settings &settings, Option setting) {
@@ -277,8 +256,16 @@ int runProgram(Program program, int count, char **words, bool (*run)(const Setti
   }
   Settings settings = {};
   int status = kSuccess;
-  if (takeCommandLine(settings, program, count - 1, words + 1, status)) {
-    status = run(settings) ? kSuccess : kFailure;
+  if (!takeOptions(settings, program, count - 1, words + 1)) {
+    report();
+    status = kUsageError;
+  } else if (isGiven(settings, kHelp) || (count == 2 && strcmp(words[1], "-h") == 0)) {
+    printHelp(program);
+  } else if (isGiven(settings, kVersion)) {
+    zov_printf("%s %d.%d.%d\n", program == kClient ? "minidb" : "minidb-server", ZOV_VERSION_MAJOR,
+               ZOV_VERSION_MINOR, ZOV_VERSION_BUILD);
+  } else {
+    status = (readSettings(settings) || report()) && run(settings) ? kSuccess : kFailure;
   }
   zov_term();
   return status;
