@@ -19,22 +19,15 @@
 #include <readline/readline.h>
 #endif
 
+namespace minidb {
+
 namespace {
 
-using minidb::append;
-using minidb::Buffer;
-using minidb::Item;
-using minidb::Position;
-using minidb::Settings;
-using minidb::Status;
-using minidb::Text;
-using minidb::textOf;
-
 struct Client {
-  minidb::Database database;  // of a thread of its own, which serves it
-  minidb::Peer served;        // at its side of the connection
+  Database database;  // of a thread of its own, which serves it
+  Peer served;        // at its side of the connection
   std::atomic<bool> isServing;
-  minidb::Peer peer;
+  Peer peer;
   ZOV_OUTPUTBUFF out;
   ZOV_INPUTBUFF in;
   ZOV_OUTPUTBUFF screen;  // standard output
@@ -43,10 +36,10 @@ struct Client {
   bool failed;            // some query did
   ZOV_TAG tag;            // of queries, with a recovery point
   ZOV_STREAM input;
-  Buffer query;             // the lines since the last statement that ended with its line
-  minidb::Reading reading;  // where they end
-  Position position;        // of the first of them
-  int32_t lines;            // all that were read
+  Buffer query;       // the lines since the last statement that ended with its line
+  Reading reading;    // where they end
+  Position position;  // of the first of them
+  int32_t lines;      // all that were read
 };
 
 // --- Interrupts and typed lines -------------------------------------------
@@ -64,7 +57,7 @@ void handleInterrupt() {
     _exit(kInterruptedStatus);
   }
   if (socket >= 0) {
-    minidb::interruptPeer(socket);
+    interruptPeer(socket);
   }
 }
 
@@ -97,7 +90,7 @@ bool readTyped(ZOV_STREAM, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
   rl_getc_function = readKey;
   char *line = readline(prompt);
   if (line == nullptr) {
-    return minidb::fail(Status::kMissing, "the input has ended");
+    return fail(Status::kMissing, "the input has ended");
   }
   if (*line != '\0') {
     add_history(line);
@@ -112,7 +105,7 @@ bool readTyped(ZOV_STREAM, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
 bool readTyped(ZOV_STREAM input, const char *prompt, Buffer &buffer, ZOV_TAG tag) {
   zov_printf("%s", prompt);
   zov_flush();
-  return !awaitInput() || readLine(input, buffer, tag, minidb::kMaxRequestBytes);
+  return !awaitInput() || readLine(input, buffer, tag, kMaxRequestBytes);
 }
 
 #endif
@@ -132,7 +125,7 @@ void show(Client &client, Item item, Text text) {
   status = item == Item::kRow ? zov_outputBuffPutBytes(client.screen, text.bytes, text.length)
                               : zov_outputBuffFlush(client.screen);
   if (status != 0) {
-    minidb::interruptPeer(client.peer.socket);
+    interruptPeer(client.peer.socket);
   } else if (item != Item::kRow) {
     zov_log_err(item == Item::kError ? "minidb: %.*s\n" : "%.*s\n", static_cast<int>(text.length),
                 text.bytes);
@@ -144,7 +137,7 @@ int32_t passItem(Client &client, Item item) {
   char piece[4096];
   int32_t word = 0;
   if (item != Item::kRow && item != Item::kNote && item != Item::kError) {
-    return minidb::kChannelNonsense;
+    return kChannelNonsense;
   }
   int32_t status = zov_inputBuffGetInt32(client.in, &word);
   for (uint32_t left = static_cast<uint32_t>(word); status == 0 && left > 0;) {
@@ -159,7 +152,7 @@ int32_t passItem(Client &client, Item item) {
 int32_t passReply(Client &client) {
   char kind = 0;
   int32_t status = zov_inputBuffGetChar(client.in, &kind);
-  while (status == 0 && kind != minidb::kDone) {
+  while (status == 0 && kind != kDone) {
     status = passItem(client, static_cast<Item>(kind));
     status = status != 0 ? status : zov_inputBuffGetChar(client.in, &kind);
   }
@@ -172,32 +165,31 @@ int32_t passReply(Client &client) {
 }
 
 bool reportBroken(int32_t waitMs, int32_t status) {
-  if (status == minidb::kChannelTimeout) {
-    minidb::fail("no answer in %d ms; the statement is under way and may still be carried out",
-                 waitMs);
-  } else if (status == minidb::kChannelNonsense) {
-    minidb::fail("what answers is no minidb server");
+  if (status == kChannelTimeout) {
+    fail("no answer in %d ms; the statement is under way and may still be carried out", waitMs);
+  } else if (status == kChannelNonsense) {
+    fail("what answers is no minidb server");
   } else {
-    minidb::fail("the session broke off; a statement under way may have been carried out");
+    fail("the session broke off; a statement under way may have been carried out");
   }
-  return minidb::report();
+  return report();
 }
 
 // Runs a query. False when no other can follow.
 bool run(Client &client, Text query) {
   marked = false;
   effect = kMarks;
-  int32_t status = minidb::putRequest(client.out, {query, client.position});
+  int32_t status = putRequest(client.out, {query, client.position});
   effect = client.peer.socket;
   if (marked) {
-    minidb::interruptPeer(client.peer.socket);
+    interruptPeer(client.peer.socket);
   }
   status = status != 0 ? status : passReply(client);
   effect = kEnds;
-  const bool isFine = (client.ending & minidb::kSucceeded) != 0 || client.screenStatus == EPIPE;
+  const bool isFine = (client.ending & kSucceeded) != 0 || client.screenStatus == EPIPE;
   client.failed = client.failed || status != 0 || !isFine;
   return (status == 0 || reportBroken(client.peer.silentMs, status)) && (!marked || isTerminal()) &&
-         (client.ending & minidb::kQuits) == 0;
+         (client.ending & kQuits) == 0;
 }
 
 // --- Where queries come from ---------------------------------------------
@@ -214,19 +206,18 @@ bool takeLine(Client &client) {
   const uint32_t before = query.length;
   marked = false;
   effect = isTerminal() ? kMarks : kEnds;
-  const bool isTaken =
-      isTerminal()
-          ? readTyped(client.input, before == 0 ? "minidb> " : "   ...> ", query, client.tag)
-          : readLine(client.input, query, client.tag, minidb::kMaxRequestBytes);
+  const bool isTaken = isTerminal() ? readTyped(client.input, before == 0 ? "minidb> " : "   ...> ",
+                                                query, client.tag)
+                                    : readLine(client.input, query, client.tag, kMaxRequestBytes);
   if (marked) {
     zov_printfErr("\n");
     dropQuery(client);
     return true;
   }
   ++client.lines;
-  if (!isTaken && minidb::lastStatus() != Status::kMissing) {
-    minidb::fail("line %d of stdin: %s", client.lines, minidb::problem());
-    client.failed = !minidb::report();
+  if (!isTaken && lastStatus() != Status::kMissing) {
+    fail("line %d of stdin: %s", client.lines, problem());
+    client.failed = !report();
     return false;
   }
   append(query, client.tag, {"\n", 1});
@@ -242,8 +233,8 @@ bool takeLine(Client &client) {
 void runInput(Client &client) {
   client.input = zov_fopen_std("stdin");
   if (client.input == nullptr) {
-    minidb::failedAt("read", "stdin");
-    client.failed = !minidb::report();
+    failedAt("read", "stdin");
+    client.failed = !report();
     return;
   }
   while (takeLine(client)) {
@@ -278,7 +269,7 @@ void runWords(Client &client, const Settings &settings) {
 void *serveHere(void *argument) {
   Client &client = *static_cast<Client *>(argument);
   const int socket = client.served.socket;
-  minidb::serve(client.database, client.served);
+  serve(client.database, client.served);
   client.isServing = false;
   close(socket);
   return nullptr;
@@ -301,7 +292,7 @@ int startSession(Client &client, const Settings &settings) {
     close(ends[0]);
     close(ends[1]);
   }
-  minidb::failedAt("start a session of", settings.text[minidb::kData]);
+  failedAt("start a session of", settings.text[kData]);
   return -1;
 }
 
@@ -320,14 +311,14 @@ void endSession(Client &client) {
 
 // Whether all went well, when all queries have run.
 bool finish(const Client &client) {
-  const bool isOpen = (client.ending & minidb::kInTransaction) != 0;
+  const bool isOpen = (client.ending & kInTransaction) != 0;
   if (isOpen) {
     zov_log_err("minidb: a transaction was open, so nothing of it was kept\n");
   }
   errno = client.screenStatus;
   if (errno != 0 && errno != EPIPE) {
-    minidb::failedAt("write to", "stdout");
-    return minidb::report();
+    failedAt("write to", "stdout");
+    return report();
   }
   return !isOpen && !client.failed;
 }
@@ -337,10 +328,10 @@ bool runQueries(Client &client, const Settings &settings) {
   client.tag = zov_createTagEx(nullptr, 0, ZOV_HERE);
   const bool enough =
       client.tag != ZOV_NO_TAG &&
-      zov_outputBuffCreate(minidb::sendToPeer, &client.peer, 0, &client.out) == 0 &&
-      zov_inputBuffCreate(minidb::receiveFromPeer, nullptr, &client.peer, 0, &client.in) == 0 &&
-      zov_outputBuffCreate(minidb::writeToDescriptor, &screen, 0, &client.screen) == 0 &&
-      minidb::withRecovery(client.tag, [&client, &settings] {
+      zov_outputBuffCreate(sendToPeer, &client.peer, 0, &client.out) == 0 &&
+      zov_inputBuffCreate(receiveFromPeer, nullptr, &client.peer, 0, &client.in) == 0 &&
+      zov_outputBuffCreate(writeToDescriptor, &screen, 0, &client.screen) == 0 &&
+      withRecovery(client.tag, [&client, &settings] {
         settings.wordCount == 0 ? runInput(client) : runWords(client, settings);
       });
   if (!enough) {
@@ -354,24 +345,26 @@ bool runQueries(Client &client, const Settings &settings) {
 }
 
 bool runClient(const Settings &settings) {
-  const bool isServed = isGiven(settings, minidb::kConnect);
-  const int32_t waitMs = isServed ? numberOf(settings, minidb::kWait) : -1;
+  const bool isServed = isGiven(settings, kConnect);
+  const int32_t waitMs = isServed ? numberOf(settings, kWait) : -1;
   Client client = {};
   client.position = {1, 1};
   if (settings.logs && !openLog(settings)) {
-    return minidb::report();
+    return report();
   }
   zov_handleInterrupt(handleInterrupt);
-  client.peer = {isServed ? minidb::openSocket(settings.text[minidb::kConnect], false)
-                          : startSession(client, settings),
-                 waitMs, waitMs, nullptr};
-  const bool succeeded = client.peer.socket >= 0 ? runQueries(client, settings) : minidb::report();
+  client.peer = {
+      isServed ? openSocket(settings.text[kConnect], false) : startSession(client, settings),
+      waitMs, waitMs, nullptr};
+  const bool succeeded = client.peer.socket >= 0 ? runQueries(client, settings) : report();
   endSession(client);
   return succeeded;
 }
 
 }  // namespace
 
+}  // namespace minidb
+
 int main(int argc, char **argv) {
-  return minidb::runProgram(minidb::kClient, argc, argv, runClient);
+  return minidb::runProgram(minidb::kClient, argc, argv, minidb::runClient);
 }

@@ -16,17 +16,15 @@
 
 #include "wire/wire.h"
 
-namespace {
+namespace minidb {
 
-using minidb::failedAt;
-using minidb::numberOf;
-using minidb::Settings;
+namespace {
 
 constexpr int kPauseMs = 20;       // between two looks at what nobody tells of
 constexpr int kMaxClients = 1000;  // as the setting has it
 
 struct Server {
-  minidb::Database database;
+  Database database;
   ZOV_FILE lock;  // of the socket's path: who has it may remove what is there
   int listener;
   int32_t launcher;                       // descriptor to report to, or -1
@@ -60,9 +58,9 @@ int acceptClient() {
 // them afterwards.
 void *serveClients(void *argument) {
   std::atomic<int> &socket = *static_cast<std::atomic<int> *>(argument);
-  const int32_t waitMs = numberOf(server.database.settings, minidb::kWait);
+  const int32_t waitMs = numberOf(server.database.settings, kWait);
   while (!isEnding) {
-    minidb::Peer peer = {acceptClient(), -1, waitMs, &isStopping};
+    Peer peer = {acceptClient(), -1, waitMs, &isStopping};
     socket = peer.socket;
     if (peer.socket >= 0 && !isEnding) {
       serve(server.database, peer);
@@ -78,14 +76,14 @@ void *serveClients(void *argument) {
 
 // Fewer do where the system has no more.
 bool startThreads() {
-  int32_t count = numberOf(server.database.settings, minidb::kClients);
+  int32_t count = numberOf(server.database.settings, kClients);
   for (std::atomic<int> &socket : server.sockets) {
     socket = -1;
     if (count-- > 0 && zov_threadBegin(serveClients, 0, &socket) == ZOV_OKAY) {
       ++server.threads;
     }
   }
-  return server.threads > 0 || minidb::fail("there is no thread for a client");
+  return server.threads > 0 || fail("there is no thread for a client");
 }
 
 // Waits until the threads have ended, for so long.
@@ -109,7 +107,7 @@ void endThreads() {
   isEnding = true;
   shutdown(server.listener, SHUT_RDWR);
   shutOut(SHUT_RD);
-  awaitThreads(static_cast<uint32_t>(numberOf(server.database.settings, minidb::kWait)));
+  awaitThreads(static_cast<uint32_t>(numberOf(server.database.settings, kWait)));
   isStopping = true;
   shutOut(SHUT_RDWR);
   awaitThreads(UINT32_MAX);
@@ -118,7 +116,7 @@ void endThreads() {
 // --- Start and end -------------------------------------------------------
 
 bool lockSocket(const Settings &settings) {
-  const minidb::Beside path = besideSocket(settings, ".lock");
+  const Beside path = besideSocket(settings, ".lock");
   server.lock = zov_fileOpen(path.text, O_RDWR | O_CREAT | O_NOFOLLOW, 0);
   if (server.lock == nullptr) {
     return failedAt("create", path.text);
@@ -128,7 +126,7 @@ bool lockSocket(const Settings &settings) {
   }
   zov_fileClose(server.lock);
   server.lock = nullptr;
-  return minidb::fail("\"%.500s\" is in use by another server", settings.text[minidb::kSocket]);
+  return fail("\"%.500s\" is in use by another server", settings.text[kSocket]);
 }
 
 // Tells others whom to interrupt, in a new file.
@@ -149,7 +147,7 @@ bool writeProcessId(const char *path) {
 bool leaveTerminal() {
   const bool left = zov_daemonStart("minidb-server", &server.launcher) == ZOV_OKAY;
   umask(S_IRWXG | S_IRWXO);
-  return left || minidb::fail("the server cannot go into the background");
+  return left || fail("the server cannot go into the background");
 }
 
 // Serves at the socket until a signal ends it, which no thread takes but this one here.
@@ -159,15 +157,14 @@ bool serveSocket(const Settings &settings) {
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
   sigaddset(&ends, SIGTERM);
-  if (!isGiven(settings, minidb::kForeground) && !leaveTerminal()) {
+  if (!isGiven(settings, kForeground) && !leaveTerminal()) {
     return false;
   }
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);  // before anybody knows whom to end
   if (!writeProcessId(besideSocket(settings, ".pid").text) || !startThreads()) {
     return false;
   }
-  zov_log("serving \"%s\" at \"%s\"\n", settings.text[minidb::kData],
-          settings.text[minidb::kSocket]);
+  zov_log("serving \"%s\" at \"%s\"\n", settings.text[kData], settings.text[kSocket]);
   if (server.launcher >= 0) {
     zov_daemonComplete(server.launcher);
   }
@@ -184,19 +181,19 @@ bool serveDatabase(const Settings &settings) {
   if (!lockSocket(settings) || !openDatabase(server.database, settings) || !openLog(settings)) {
     return false;
   }
-  server.listener = minidb::openSocket(settings.text[minidb::kSocket], true);
+  server.listener = openSocket(settings.text[kSocket], true);
   if (server.listener < 0) {
     return false;
   }
   const bool served = serveSocket(settings);
   zov_fileRemove(besideSocket(settings, ".pid").text);
-  zov_fileRemove(settings.text[minidb::kSocket]);
+  zov_fileRemove(settings.text[kSocket]);
   return served;
 }
 
 bool runServer(const Settings &settings) {
   server.launcher = -1;
-  const bool served = serveDatabase(settings) || minidb::report();
+  const bool served = serveDatabase(settings) || report();
   if (server.database.store != nullptr) {
     closeStore(server.database.store);
   }
@@ -209,6 +206,8 @@ bool runServer(const Settings &settings) {
 
 }  // namespace
 
+}  // namespace minidb
+
 int main(int argc, char **argv) {
-  return minidb::runProgram(minidb::kServer, argc, argv, runServer);
+  return minidb::runProgram(minidb::kServer, argc, argv, minidb::runServer);
 }
