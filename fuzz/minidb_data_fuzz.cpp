@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Data files of minidb: a right one with bytes changed, after which the checksums may
-// be right again. The first byte of the input says that and how to open it; then come
-// changes of five bytes each, an offset and what to flip there. A file that is refused
-// stays as it is; one that passes the check gives every record.
+// Data files of minidb: a right one with bytes changed. The first byte of the input says
+// whether checksums are right again and how to open it; then come changes of five bytes,
+// an offset and what to flip there. A file that is refused stays as it is; one that
+// passes the check gives every record.
 #include <unistd.h>
 
 #include "store/store.h"
