@@ -72,7 +72,12 @@ TEST_F(MemoryFiles, PathsLeadToTheSameFile) {
   const std::string longPath = "/" + std::string(300, 'p') + "/" + std::string(300, 'q') + "/f";
   ASSERT_TRUE(put(longPath, "far"));
   EXPECT_EQ(get(longPath), "far");
-  // Names that begin alike, as long as an entry's own piece and longer.
+  // Names that begin alike: of more than two nodes, and as long as an entry's own piece
+  // and longer.
+  for (int step = 0; step < 400; ++step) {
+    const std::string path = "/s/" + std::string(18, 's') + std::to_string(1000 + step % 200);
+    ASSERT_TRUE(step < 200 ? put(path, path) : get(path) == path) << path;
+  }
   std::string names;
   for (const size_t length : {22u, 30u, 40u, 65535u}) {
     ASSERT_TRUE(put("/n/" + std::string(length, 'n'), std::to_string(length)));
