@@ -22,12 +22,14 @@ class Stream : public zovtest::Started {
 };
 
 TEST_F(Stream, TakesTheEncodingFromTheMark) {
+  string units = "\xFF\xFE";  // two blocks
+  while (units.size() < 2000) {
+    units += "u\0"s;
+  }
   const std::tuple<int, string, int32_t, string> rows[] = {
-      {__LINE__, "\xEF\xBB\xBFx\0yz"s, 0, "x\0yz"s},
-      {__LINE__, "\xEF\xBB", 0, "\xEF\xBB"},
-      {__LINE__, "\xEF\xFFx\0"s, 1, "x"},
-      {__LINE__, "\xFE\xFFx\0"s, 1, "x"},
-      {__LINE__, "\xFE\xFE", 2, "\xFE\xFE"},
+      {__LINE__, units, 0, string(999, 'u')}, {__LINE__, "\xEF\xBB\xBFx\0yz"s, 0, "x\0yz"s},
+      {__LINE__, "\xEF\xBB", 0, "\xEF\xBB"},  {__LINE__, "\xEF\xFFx\0"s, 1, "x"},
+      {__LINE__, "\xFE\xFFx\0"s, 1, "x"},     {__LINE__, "\xFE\xFE", 2, "\xFE\xFE"},
       {__LINE__, "\xEF", 1, "\xEF"},
   };
   for (const auto &[line, bytes, encoding, expected] : rows) {
