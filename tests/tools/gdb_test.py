@@ -24,7 +24,10 @@ class GdbTest(unittest.TestCase):
         while any(task.joinpath("stat").read_text().rpartition(") ")[2][0] != "S"
                   for task in tasks.iterdir()):
             time.sleep(0.01)  # until each thread waits
-        cls.gdb(["-p", str(cls.process.pid)], "generate-core-file core")
+        refused = cls.gdb(["-p", str(cls.process.pid)], "generate-core-file core")[1]
+        if "ptrace: Operation not permitted" in refused:  # as in some containers
+            cls.tearDownClass()
+            raise unittest.SkipTest("no process may trace another here")
 
     @classmethod
     def tearDownClass(cls):
