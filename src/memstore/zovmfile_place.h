@@ -20,8 +20,9 @@ ZOV_MFILE newMemDraft();
 
 // Gives a draft the name of `path`. Its file takes the place of the one there, which
 // is removed as by zov_mfRemove(), and nothing is allocated; or a new name is made,
-// which may not be empty, "." or "..", nor have a backslash. The handle stays open. ZOV_ERROR when
-// a directory has the name or the name is refused, ZOV_NOMEMORY when memory is short.
+// which may not be empty, "." or "..", nor have a backslash. The handle stays open.
+// ZOV_ERROR when a directory has the name or the name is refused, ZOV_NOMEMORY when
+// memory is short.
 int32_t placeMemDraft(ZOV_MFILE draft, const char *path);
 
 // Moves a file to another name of the same or another directory. It takes the place

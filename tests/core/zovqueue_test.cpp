@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Message queues: a random walk against a model, the life of queues and module, and
-// the end of a queue between threads; many of them at work the soak has. Where an order of events
-// between threads matters, the locks of libc are replaced by ones that tell of it or act at that
-// moment.
+// the end of a queue between threads. Many writers and readers at once are in the soak.
+// Where an order of events between threads matters, the locks of libc are replaced by
+// ones that tell of it or act at that moment.
 #include <array>
 #include <deque>
 #include <functional>
