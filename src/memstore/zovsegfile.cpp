@@ -172,6 +172,18 @@ void releaseSegment(SegFile &file, uint32_t number) {
   *slot = nullptr;
 }
 
+// Clears bytes, but for pages that hold nothing, which the system may not have made.
+void clearBytes(char *bytes, uint64_t count) {
+  while (count > 0) {
+    const uint64_t piece = std::min<uint64_t>(count, 4096);
+    if (*bytes != 0 || memcmp(bytes, bytes + 1, piece - 1) != 0) {
+      memset(bytes, 0, piece);
+    }
+    bytes += piece;
+    count -= piece;
+  }
+}
+
 // Destroys a segment of a file of `size` bytes.
 void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
   if (file.segs.get(number) != nullptr) {
@@ -182,8 +194,8 @@ void deleteSegment(SegFile &file, uint32_t number, uint64_t size) {
   const uint64_t start = calc_segstart(file.baseBytes, number);
   if (region != nullptr && size > start) {
     // It stays although it is cut off.
-    memset(shmCacheAddress(region), 0,
-           std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
+    clearBytes(static_cast<char *>(shmCacheAddress(region)),
+               std::min<uint64_t>(size - start, calc_segsize(file.baseBytes, number)));
   }
 }
 
@@ -282,7 +294,7 @@ bool clearTail(SegFile &file, uint32_t lastKept, uint64_t size) {
   if (!accessDataInSegment(file, size, static_cast<uint32_t>(end - size), piece)) {
     return false;
   }
-  memset(piece.data, 0, piece.bytes);
+  clearBytes(piece.data, piece.bytes);
   return true;
 }
 

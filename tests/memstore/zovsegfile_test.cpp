@@ -87,6 +87,10 @@ TEST_F(Segments, ReachesFarAndNotBeyondTheLimit) {
   EXPECT_EQ(setSize(file, 5000), ZOV_OKAY);
   EXPECT_EQ(numSegments(), 2u);
   EXPECT_FALSE(segmentExists(1)) << "the cut is in a hole";
+  EXPECT_EQ(setSize(file, 256 << 20), ZOV_OKAY);
+  zov_segClose(zov_segOpen(id, O_TRUNC));
+  EXPECT_LT(zovtest::residentBytes(), resident + (72u << 20))
+      << "nothing was cleared that was empty";
 }
 
 bool isNone(uint64_t id) {
