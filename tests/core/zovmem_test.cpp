@@ -12,6 +12,7 @@
 
 namespace {
 
+using zovtest::jumpOf;
 using zovtest::outputOf;
 
 using Memory = zovtest::Started;
@@ -48,22 +49,6 @@ TEST_F(Memory, ModesFillTheBlock) {
   EXPECT_EQ(out, "");
 }
 
-// Fails the allocation that `call` makes from an armed tag and returns what
-// setjmp() gave: 0 when the call came back.
-template <typename Call>
-int jumpOf(ZOV_TAG tag, Call call) {
-  jmp_buf recovery;
-  const int value = setjmp(recovery);
-  if (value == 0) {
-    zov_resetTag(&recovery, tag);
-    zovtest::failAllocationAfter(0, true);
-    call();
-  }
-  EXPECT_TRUE(!zovtest::stopFailing() || errno == ENOMEM) << errno;
-  zov_resetTag(nullptr, tag);
-  return value;
-}
-
 TEST_F(Memory, ImpossibleSizesFailWithTheMessage) {
   EXPECT_EQ(jumpOf(ZOV_DEFAULT_TAG, [] { plain(8); }), 1) << "and no later one jumps";
   void *block = zov_getMem(0, ZOV_DEFAULT_TAG, ZOV_MEM_STRDUP, "kept", ZOV_HERE);
@@ -79,6 +64,14 @@ TEST_F(Memory, ImpossibleSizesFailWithTheMessage) {
   }
   EXPECT_STREQ(static_cast<char *>(block), "kept");
   EXPECT_EQ(outputOf([&] { zov_freeMem(block, ZOV_DEFAULT_TAG); }), "");
+}
+
+TEST_F(Memory, TagsMayBeMadeArmed) {
+  jmp_buf recovery;
+  if (setjmp(recovery) == 0) {
+    plain(UINT64_MAX, zov_createTagEx(&recovery, 0, ZOV_HERE));
+    ADD_FAILURE() << "it came back";
+  }
 }
 
 TEST_F(Memory, CompareIsUnsignedAndInOrder) {

@@ -82,6 +82,22 @@ void failAllocationAfter(uint32_t passing, bool all = false);
 // Lets allocations through again. Tells whether one was made to fail.
 bool stopFailing();
 
+// What setjmp() gives where no allocation but the first `passing` of some work finds
+// memory, with the tag armed: 0 when the work came back.
+template <typename Work>
+int jumpOf(ZOV_TAG tag, Work work, uint32_t passing = 0) {
+  jmp_buf recovery;
+  const int value = setjmp(recovery);
+  if (value == 0) {
+    zov_resetTag(&recovery, tag);
+    failAllocationAfter(passing, true);
+    work();
+  }
+  EXPECT_TRUE(!stopFailing() || errno == ENOMEM) << errno;
+  zov_resetTag(nullptr, tag);
+  return value;
+}
+
 // What the clocks say to the library on this thread, where it is set.
 extern thread_local std::optional<timespec> madeUpNow;
 

@@ -67,11 +67,6 @@ TEST_F(Stream, AnUndecidedEncodingYieldsZerosButNoLines) {
               zov_fGetLine(stream, nullptr, &sizeBytes) == nullptr &&
               zov_fGetLine(stream, &buffer, nullptr) == nullptr);
   EXPECT_EQ(zov_fseek(stream, 0, -1), ZOV_ERROR);
-  int32_t held = 0;
-  while (zov_fungetc('u', stream) == 'u') {
-    ++held;
-  }
-  EXPECT_EQ(held, 20);
   zov_fclose(stream);
 }
 
@@ -228,26 +223,19 @@ TEST_F(Stream, StandardStreams) {
 TEST_F(Stream, AJumpOutOfALineLosesNothing) {
   const string text = string(350, 'l') + "\n";
   ASSERT_TRUE(zovtest::putFile(file.path, text, 0));
-  bool failed = true;
-  for (uint32_t passing = 0; failed; ++passing) {
+  bool jumped = true;
+  for (uint32_t passing = 0; jumped; ++passing) {
     char *buffer = nullptr;
     uint32_t sizeBytes = 0;
     const ZOV_STREAM stream = open("r", ZOV_ENC_BYTES);
-    zovtest::outputOf([&] {
-      jmp_buf recovery;
-      if (setjmp(recovery) == 0) {
-        zov_resetTag(&recovery, ZOV_DEFAULT_TAG);
-        zovtest::failAllocationAfter(passing);
-        zov_fGetLine(stream, &buffer, &sizeBytes);
-      }
-      zov_resetTag(nullptr, ZOV_DEFAULT_TAG);
-      failed = zovtest::stopFailing();
-    });
+    const auto getLine = [&] { zov_fGetLine(stream, &buffer, &sizeBytes); };
+    jumped = zovtest::jumpOf(ZOV_DEFAULT_TAG, getLine, passing) != 0;
     string line = buffer == nullptr ? "" : buffer;
-    line += line == text ? "" : zov_fGetLine(stream, &buffer, &sizeBytes);
+    line += jumped ? zov_fGetLine(stream, &buffer, &sizeBytes) : "";
     EXPECT_EQ(line, text);
     zov_freeMem(buffer, ZOV_DEFAULT_TAG);
     zov_fclose(stream);
+    EXPECT_TRUE(jumped || passing > 1);
   }
 }
 
