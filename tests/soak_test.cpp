@@ -150,6 +150,25 @@ void replace(Round &round, Worker &self) {
   EXPECT_TRUE(isUniform(found)) << found;
 }
 
+// In a directory in memory an own name comes, changes and goes, and all make, cut, rename
+// and remove one file. Whoever walks meanwhile finds names in order.
+void share(Round &round, Worker &self) {
+  const string own = round.path("/o", self.id), ownNext = round.path("/p", self.id);
+  const string common = round.path("/c", 0), commonNext = round.path("/c", 1);
+  EXPECT_TRUE(zovtest::putFile(own, own, ZOV_FILE_MEMORY));
+  ZOV_MFILE file = zov_mfOpen(common.c_str(), O_CREAT | (self.below(5) == 0 ? O_TRUNC : 0));
+  zov_mfRemove(common.c_str());
+  EXPECT_EQ(zov_mfSeekWrite(file, 5000, "x", 1), 1u);
+  EXPECT_EQ(zov_mfSetSize(file, 4000), ZOV_OKAY);
+  EXPECT_EQ(zov_mfRename(own.c_str(), ownNext.c_str()), ZOV_OKAY);
+  zov_mfRename(common.c_str(), commonNext.c_str());
+  zov_mfClose(file);
+  zov_mfRemove(commonNext.c_str());
+  EXPECT_TRUE(std::ranges::is_sorted(zovtest::namesIn(round.dir, ZOV_FILE_MEMORY)));
+  EXPECT_EQ(zovtest::getFile(ownNext, ZOV_FILE_MEMORY), own);
+  EXPECT_EQ(zov_mfRemove(ownNext.c_str()), ZOV_OKAY);
+}
+
 void stream(Round &, Worker &self) {
   const std::vector<uint8_t> dice = self.bytes(self.below(500));
   zovtest::StreamWalk walk(dice.data(), dice.size(), kRoutes[self.below(2)]);
@@ -211,7 +230,7 @@ void encode(Round &, Worker &self) {
 void *runJobs(void *argument) {
   const std::unique_ptr<Worker> self(static_cast<Worker *>(argument));
   static constexpr void (*jobs[])(Round &, Worker &) = {
-      allocate, message, synchronise, transfer, replace, stream, set, report, parse, encode};
+      allocate, message, synchronise, transfer, replace, share, stream, set, report, parse, encode};
   for (uint32_t left = 100; left > 0; --left, ++self->round.jobs) {
     jobs[self->below(std::size(jobs))](self->round, *self);
   }

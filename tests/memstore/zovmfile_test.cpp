@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Files in memory by path and by handle: how paths resolve, what the calls
-// refuse, walks, what a lack of memory leaves behind, and threads that share a
-// directory.
-#include <iterator>
-#include <sstream>
-
+// refuse, walks, and what a lack of memory leaves behind. Threads that share a
+// directory are in the soak.
 #include "memstore/zovmfile_place.h"
 #include "memstore/zovmfile_private.h"
 #include "memstore/zovsegfile_private.h"
@@ -296,46 +293,6 @@ TEST_F(MemoryFiles, TheFirstDirectoryStays) {
   });
   zov_mfClose(zov_mfOpen("/own", O_CREAT));
   EXPECT_EQ(list("/"), "other own ");
-}
-
-// Threads meet at the first use of two directories, which formats each once. Then
-// each has a name of its own, which nobody else may disturb, and all replace the
-// file of a name that leads to a whole one at every moment, and fight over another.
-TEST(MemoryFilesStart, ThreadsShareDirectories) {
-  for (int life = 0; life < 50; ++life) {
-    ASSERT_EQ(zov_init(), ZOV_OKAY);
-    EXPECT_EQ(zov_mfSizeStat("/d/none"), 0u);
-    zovtest::onThreads(4, [](uint32_t index) {
-      const std::string own = (index % 2 == 0 ? "/" : "/d/") + std::to_string(index);
-      const std::string renamed = own + "-renamed";
-      EXPECT_TRUE(put(own, own));
-      EXPECT_EQ(place("/x", own) | place("/d/x", own), ZOV_OKAY);
-      for (int round = 0; round < 40; ++round) {
-        const char *const places[] = {"/x", "/d/x"};
-        EXPECT_EQ(zov_mfRename(own.c_str(), renamed.c_str()), ZOV_OKAY);
-        EXPECT_EQ(get(renamed), own);
-        EXPECT_EQ(zov::moveMemFile(renamed.c_str(), places[round % 2]), ZOV_OKAY);
-        EXPECT_EQ(place(places[1 - round % 2], own), ZOV_OKAY);
-        for (const char *path : places) {
-          EXPECT_EQ(get(path)[0], '/');
-        }
-        EXPECT_TRUE(put(own, own));
-        ZOV_MFILE file = zov_mfOpen("/d/common", O_CREAT | (round % 5 == 0 ? O_TRUNC : 0));
-        ASSERT_NE(file, nullptr);
-        zov_mfRemove("/d/common");
-        EXPECT_EQ(zov_mfSeekWrite(file, 5000, "x", 1), 1u);
-        EXPECT_EQ(zov_mfSetSize(file, 4000), ZOV_OKAY);
-        zov_mfRename("/d/common", "common9");
-        zov_mfClose(file);
-        zov_mfRemove("/d/common9");
-        std::istringstream walk(list("/d"));
-        const std::vector<std::string> names(std::istream_iterator<std::string>(walk), {});
-        EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
-      }
-    });
-    EXPECT_EQ(list("/") + list("/d"), "0 2 d/ x 1 3 x ");
-    zov_term();
-  }
 }
 
 }  // namespace
