@@ -4,18 +4,12 @@
 #include <tuple>
 
 #include "support/faults.h"
+#include "support/route_file.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using Paths = zovtest::Started;
-
-// Takes over a string of the library; "(null)" for null.
-std::string taken(char *text) {
-  const std::string copy = text == nullptr ? "(null)" : text;
-  zov_freeMem(text, ZOV_DEFAULT_TAG);
-  return copy;
-}
 
 TEST_F(Paths, AreSplitAtTheLastSlash) {
   const std::tuple<const char *, const char *, const char *, uint32_t> rows[] = {
@@ -31,8 +25,8 @@ TEST_F(Paths, AreSplitAtTheLastSlash) {
     char *name = nullptr;
     zov_pathSplit(path, &directory, nullptr);
     zov_pathSplit(path, nullptr, &name);
-    EXPECT_EQ(taken(directory), itsDirectory) << path;
-    EXPECT_EQ(taken(name), itsName) << path;
+    EXPECT_EQ(zovtest::taken(directory, "(null)"), itsDirectory) << path;
+    EXPECT_EQ(zovtest::taken(name, "(null)"), itsName) << path;
     EXPECT_EQ(zov_pathIsDir(path), isDir) << path;
     EXPECT_EQ(zov_pathStripDrive(path), path);
   }
@@ -46,9 +40,9 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
       {nullptr, dir / ""}, {"./", dir / ""},    {"..", dir / "../"},
       {"", dir / ""},      {"/data", "/data/"}, {"//x//", "//x//"},
   };
-  EXPECT_EQ(taken(zov_currdir()), dir.path());
+  EXPECT_EQ(zovtest::taken(zov_currdir()), dir.path());
   for (const auto &[path, full] : rows) {
-    EXPECT_EQ(taken(zov_fullpath(path)), full) << full;
+    EXPECT_EQ(zovtest::taken(zov_fullpath(path)), full) << full;
   }
   ASSERT_EQ(symlink("nowhere", "link"), 0);
   EXPECT_EQ(zov_pathIsLink("link"), 1);
@@ -57,7 +51,7 @@ TEST_F(Paths, BecomeAbsoluteDirectories) {
   ASSERT_EQ(rmdir(dir.path().c_str()), 0);
   EXPECT_EQ(zov_fullpath("sub"), nullptr) << "relative to what is gone";
   zov_nodisk();
-  EXPECT_EQ(taken(zov_fullpath("sub")), "/sub/");
+  EXPECT_EQ(zovtest::taken(zov_fullpath("sub")), "/sub/");
 }
 
 }  // namespace

@@ -33,23 +33,16 @@ TEST(Utf8, DecodesTheEdgesOfTheGrammar) {
 // Every code point of the first plane and around the last, and some of those
 // between, which are all alike.
 TEST(Utf8, CodePoints) {
-  constexpr uint32_t kSome = 0x50;
   const auto isEdge = [](uint32_t value) { return value < 0x10800 || value > 0x10F000; };
-  for (uint32_t first = 0; first < 0x110800; first += isEdge(first) ? kSome : 0x1010) {
-    std::wstring chars;
-    std::string bytes;
-    std::string expected;
-    for (uint32_t value = first; value < first + kSome; ++value) {
-      char out[4];
-      uint32_t length = 9;
-      zov_utf8_codes(value, out, &length);
-      bytes.append(out, length);
-      expected += value > 0x10FFFF ? "" : zovtest::encoded(value);
-      chars += static_cast<wchar_t>(value);
-    }
-    ASSERT_EQ(bytes, expected) << first;
-    ASSERT_TRUE(zovtest::encodingAgrees(chars, 200, ZOV_UTF8_REPLACE)) << first;
-    ASSERT_TRUE(zovtest::decodingAgrees(bytes, 200, ZOV_UTF8_REPLACE)) << first;
+  for (uint32_t value = 0; value < 0x110800; value += isEdge(value) ? 1 : 0x1011) {
+    char out[4];
+    uint32_t length = 9;
+    zov_utf8_codes(value, out, &length);
+    const std::string bytes(out, length);
+    ASSERT_EQ(bytes, value > 0x10FFFF ? "" : zovtest::encoded(value)) << value;
+    const std::wstring chars(20, static_cast<wchar_t>(value));
+    ASSERT_TRUE(zovtest::encodingAgrees(chars, 200, ZOV_UTF8_REPLACE)) << value;
+    ASSERT_TRUE(zovtest::decodingAgrees(bytes, 200, ZOV_UTF8_REPLACE)) << value;
   }
   zov_utf8_codes('a', nullptr, nullptr);
   const std::string across = std::string(16383, 'x') + "\xC3\xA9";  // two of the decoder's pieces
@@ -61,25 +54,24 @@ TEST(Utf8, CodePoints) {
 // of the long ones have no zero in them.
 TEST(Utf8, RandomTextAgreesWithAModel) {
   zovtest::Random random;
-  const auto below = [&](uint32_t limit) { return random.below(limit); };
   const uint32_t limits[] = {0x80, 0x800, 0x10000, 0x110000, 0x800, UINT32_MAX};
   for (int round = 0; round < 10000; ++round) {
     std::wstring chars;
     std::string bytes;
-    for (uint32_t runs = below(5); runs > 0; --runs) {
-      const uint32_t limit = limits[below(6)];
-      for (uint32_t count = below(round % 256 == 0 ? 9000 : 50); count > 0; --count) {
-        const uint32_t value = below(limit) + (round % 512 == 0 ? 1 : 0);
+    for (uint32_t runs = random.below(5); runs > 0; --runs) {
+      const uint32_t limit = limits[random.below(6)];
+      for (uint32_t count = random.below(round % 256 == 0 ? 9000 : 50); count > 0; --count) {
+        const uint32_t value = random.below(limit) + (round % 512 == 0 ? 1 : 0);
         chars += static_cast<wchar_t>(value);
         bytes += value > 0x10FFFF ? "\xFF" : zovtest::encoded(value);
       }
     }
-    for (uint32_t breaks = below(3); breaks > 0 && !bytes.empty(); --breaks) {
-      bytes[below(static_cast<uint32_t>(bytes.size()))] = static_cast<char>(below(256));
+    for (uint32_t breaks = random.below(3); breaks > 0 && !bytes.empty(); --breaks) {
+      bytes[random.below(bytes.size())] = static_cast<char>(random.below(256));
     }
-    bytes.resize(bytes.size() - std::min<size_t>(bytes.size(), below(4)));
-    const uint32_t mode = kModes[below(4)];
-    const uint32_t size = below(static_cast<uint32_t>(bytes.size()) + 8);
+    bytes.resize(bytes.size() - std::min<size_t>(bytes.size(), random.below(4)));
+    const uint32_t mode = kModes[random.below(4)];
+    const uint32_t size = random.below(bytes.size() + 8);
     ASSERT_TRUE(zovtest::decodingAgrees(bytes, size, mode)) << testing::PrintToString(bytes);
     ASSERT_TRUE(zovtest::encodingAgrees(chars, size, mode)) << testing::PrintToString(chars);
   }
@@ -88,11 +80,8 @@ TEST(Utf8, RandomTextAgreesWithAModel) {
 using Utf8Allocated = zovtest::Started;
 
 TEST_F(Utf8Allocated, ConvertsIntoMemoryOfItsOwn) {
-  const char invalid[] =
-      "\xC1\xBF \xE0\x9F\xBF \xED\xA0\x80 \xEF\xBF\xBE \xF5\x80 \xC3z \xF0\x8F\xBF\xBF "
-      "\xF4\x90\x80\x80 \xE2\x82\xC3\xA9 \xF0\x90\x80";
-  EXPECT_STREQ(zov_convertToWchar(invalid, ZOV_UTF8_REPLACE),
-               L"?? ??? ??? ??? ?? ?? ???? ???? ???? ???");
+  EXPECT_STREQ(zov_convertToWchar("\xC1\xBF \xED\xA0\x80 \xC3z \xF0\x90\x80", ZOV_UTF8_REPLACE),
+               L"?? ??? ?? ???");
   wchar_t surrogate[] = {0xDFFF, 0};
   EXPECT_EQ(zov_convertToUTF8(surrogate, ZOV_UTF8_STRICT), nullptr);
   EXPECT_EQ(zov_convertToWchar("\xFF", ZOV_UTF8_STRICT), nullptr);

@@ -13,10 +13,6 @@ class Heap : public zovtest::Started {
   ZOV_SHM_CTX context = zov_shmOpenCtx(id, O_CREAT, 24, &root);
 };
 
-std::string bytesOf(const void *memory, size_t size) {
-  return std::string(static_cast<const char *>(memory), size);
-}
-
 TEST_F(Heap, FirstCreatingOpenMakesTheRootBlock) {
   const uint64_t fresh = zov_shmNextId();
   void *block = this;
@@ -27,7 +23,7 @@ TEST_F(Heap, FirstCreatingOpenMakesTheRootBlock) {
   ZOV_SHM_CTX opened = zov_shmOpenCtx(fresh, O_CREAT, 100, &block);
   EXPECT_EQ(reinterpret_cast<uint64_t>(opened), fresh);
   ASSERT_NE(block, nullptr);
-  EXPECT_EQ(bytesOf(block, 100), std::string(100, '\0'));
+  EXPECT_EQ(std::string(static_cast<char *>(block), 100), std::string(100, '\0'));
 
   void *again = nullptr;
   EXPECT_EQ(zov_shmOpenCtx(fresh, O_CREAT, 5000, &again), opened);
@@ -45,7 +41,7 @@ TEST_F(Heap, FirstCreatingOpenMakesTheRootBlock) {
 TEST_F(Heap, RegionsGoByNumber) {
   ZOV_SHM_REGION seven = zov_shmCreate(context, 7, 0, 64);
   ASSERT_NE(seven, nullptr);
-  EXPECT_EQ(bytesOf(zov_shmGetPtr(seven), 64), std::string(64, '\0'));
+  EXPECT_EQ(std::string(static_cast<char *>(zov_shmGetPtr(seven)), 64), std::string(64, '\0'));
   for (uint32_t missing : {3u, 8u, UINT32_MAX}) {
     EXPECT_EQ(zov_shmOpen(context, missing, 0, 64), nullptr);
   }

@@ -30,12 +30,6 @@ struct Meeting {
 Meeting *meeting = nullptr;
 pid_t sibling = -1;
 
-void until(bool (*happened)()) {
-  while (!happened()) {
-    sched_yield();
-  }
-}
-
 bool serverActedOrEnded() {
   siginfo_t end = {};
   const pid_t server = meeting->server;
@@ -72,7 +66,7 @@ std::string factsOf(int32_t descriptor) {
   const Fault sleeps(Call::ppoll, [serverFirst](uint32_t) {
     meeting->launcherWaits = true;
     if (serverFirst) {
-      until(serverActedOrEnded);
+      zovtest::waitUntil(serverActedOrEnded);
     }
   });
   prepare();
@@ -80,7 +74,7 @@ std::string factsOf(int32_t descriptor) {
     strcpy(meeting->facts, factsOf(descriptor).c_str());
     meeting->server = getpid();
     if (!serverFirst) {
-      until([] { return meeting->launcherWaits.load(); });
+      zovtest::waitUntil([] { return meeting->launcherWaits.load(); });
     }
     serve(descriptor);
     meeting->serverActed = true;
@@ -234,9 +228,7 @@ TEST(Daemon, OutlivesItsLauncher) {
     zov_daemonStart("tested", &pipe);
     const pid_t parent = getppid();
     kill(parent, SIGKILL);
-    while (getppid() == parent) {
-      sched_yield();
-    }
+    zovtest::waitUntil([parent] { return getppid() != parent; });
     zov_daemonComplete(pipe);
     _exit(pipe > 2 ? 7 : 8);
   }

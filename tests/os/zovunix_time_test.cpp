@@ -8,6 +8,7 @@
 
 #include "support/faults.h"
 #include "support/replace.h"
+#include "support/route_file.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -110,27 +111,20 @@ TEST_F(Environment, VariablesAndLocaleConvert) {
   EXPECT_EQ(zov_setlocaleW(LC_ALL, L"no_such_locale"), nullptr);
 }
 
-std::string foundDirectory() {
-  char *found = zov_findOStmpdir();
-  std::string text = found == nullptr ? "" : found;
-  zov_freeMem(found, ZOV_DEFAULT_TAG);
-  return text;
-}
-
 TEST_F(Environment, TemporaryDirectoryIsTheFirstWritable) {
   const zovtest::TempDir first;
   const zovtest::TempDir second;
   setenv("TMPDIR", "", 1);
   setenv("TEMPDIR", "", 1);
-  EXPECT_EQ(foundDirectory(), "/tmp") << "an empty name names none";
+  EXPECT_EQ(zovtest::taken(zov_findOStmpdir()), "/tmp") << "an empty name names none";
   setenv("TEMPDIR", second.path().c_str(), 1);
-  EXPECT_EQ(foundDirectory(), second.path());
+  EXPECT_EQ(zovtest::taken(zov_findOStmpdir()), second.path());
   setenv("TMPDIR", "/no/such/place", 1);
-  EXPECT_EQ(foundDirectory(), second.path());
+  EXPECT_EQ(zovtest::taken(zov_findOStmpdir()), second.path());
   setenv("TMPDIR", first.path().c_str(), 1);
   {
     const zovtest::Fault meanwhile(zovtest::Call::close, [](uint32_t) { zov_readonly = 1; });
-    EXPECT_EQ(foundDirectory(), first.path());
+    EXPECT_EQ(zovtest::taken(zov_findOStmpdir()), first.path());
     zov_readonly = 0;
   }
   EXPECT_TRUE(std::filesystem::is_empty(first.path())) << "the probe is removed";

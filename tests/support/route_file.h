@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Whole files on disk or in memory, as the type flags say.
+// Whole files on disk or in memory, as the type flags say, and strings that the library
+// hands out.
 #ifndef TESTS_SUPPORT_ROUTE_FILE_H
 #define TESTS_SUPPORT_ROUTE_FILE_H
 
@@ -12,6 +13,13 @@
 #include "zov.h"
 
 namespace zovtest {
+
+// Takes over a string of the default tag.
+inline std::string taken(char *text, const char *none = "") {
+  const std::string copy = text == nullptr ? none : text;
+  zov_freeMem(text, ZOV_DEFAULT_TAG);
+  return copy;
+}
 
 inline bool putFile(const std::string &path, const std::string &bytes, uint32_t flags) {
   ZOV_FILE file = zov_fileOpen(path.c_str(), O_RDWR | O_TRUNC, flags);
