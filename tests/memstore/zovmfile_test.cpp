@@ -247,6 +247,7 @@ TEST_F(MemoryFiles, WantOfMemoryIsNoEnd) {
   EXPECT_EQ(zov_fileRead(handle, text, 10), 10u) << "the position stayed";
   EXPECT_EQ(starved([&] { return zov_fileSeekRead(handle, 0, text, 5000); }), 4096u);
   EXPECT_EQ(zov_fileSeekRead(handle, 5000, text, 10), 0u);
+  EXPECT_EQ(zov_mfSeekRead(file, 4999, text, 10), 1u);
   zov_fileClose(handle);
   zov_mfClose(file);
 
